@@ -1,0 +1,42 @@
+# The target sched_options: warnings as errors, hardening, and paths that do not depend on the build machine.
+include(CheckCXXCompilerFlag)
+
+add_library(sched_options INTERFACE)
+
+target_compile_options(sched_options INTERFACE
+  -Wall -Wextra -Werror
+  -Wshadow -Wconversion -Wformat=2 -Wcast-qual -Wcast-align -Wundef -Wvla -Wnull-dereference
+  -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=
+  -ffile-prefix-map=${CMAKE_BINARY_DIR}=build)
+
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  # The annotations in src/ name the lock of each table and routine; only clang can check them.
+  target_compile_options(sched_options INTERFACE -Wthread-safety -Wmissing-prototypes)
+else()
+  target_compile_options(sched_options INTERFACE
+    -Wlogical-op -Wduplicated-cond -Wduplicated-branches -Wmissing-declarations)
+endif()
+
+# A sanitizer has to see every object that is linked, so it is set for the whole tree and not through the target.
+# Fortified calls would hide from it the accesses that it is there to see; with a sanitizer they stay out.
+if(SCHED_SANITIZE)
+  add_compile_options(-fsanitize=${SCHED_SANITIZE} -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${SCHED_SANITIZE})
+  if(SCHED_SANITIZE MATCHES "undefined")
+    add_compile_options(-fno-sanitize-recover=undefined)
+  endif()
+  # The sanitizers' own checks make the optimiser see null pointers on roads that no caller takes.
+  target_compile_options(sched_options INTERFACE -Wno-null-dereference)
+else()
+  set(optimised $<NOT:$<CONFIG:Debug>>)
+  target_compile_options(sched_options INTERFACE
+    -fPIE -fstack-protector-strong
+    $<${optimised}:-U_FORTIFY_SOURCE> $<${optimised}:-D_FORTIFY_SOURCE=2>)
+  check_cxx_compiler_flag(-fstack-clash-protection SCHED_HAS_STACK_CLASH)
+  if(SCHED_HAS_STACK_CLASH)
+    target_compile_options(sched_options INTERFACE -fstack-clash-protection)
+  endif()
+  target_link_options(sched_options INTERFACE
+    $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-pie>
+    LINKER:-z,relro LINKER:-z,now LINKER:-z,noexecstack)
+endif()
