@@ -1,0 +1,4 @@
+#include "sched/sched_status.h"
+
+sched_status* st = nullptr;
+int no_alive = 0;

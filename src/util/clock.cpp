@@ -1,0 +1,138 @@
+#include "util/clock.h"
+
+#include "util/text.h"
+
+#include <cstdio>
+#include <sys/times.h>
+
+namespace {
+
+constexpr long nanoseconds_per_second = 1'000'000'000;
+
+std::timespec wall_clock() {
+    std::timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return now;
+}
+
+std::time_t next_multiple(std::time_t now, std::time_t interval) {
+    return (now / interval + 1) * interval;
+}
+
+struct iso_fields {
+    int year, month, day, hour, minute, second;
+};
+
+std::time_t utc_seconds(const iso_fields& f) {
+    std::tm parts{};
+    parts.tm_year = f.year - 1900;
+    parts.tm_mon = f.month - 1;
+    parts.tm_mday = f.day;
+    parts.tm_hour = f.hour;
+    parts.tm_min = f.minute;
+    parts.tm_sec = f.second;
+    return timegm(&parts);
+}
+
+}  // namespace
+
+std::time_t now_seconds() {
+    return wall_clock().tv_sec;
+}
+
+std::int64_t monotonic_ms() {
+    std::timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
+}
+
+std::tm local_time(std::time_t when) {
+    std::tm parts{};
+    if (localtime_r(&when, &parts) == nullptr) {
+        return {};
+    }
+    return parts;
+}
+
+std::clock_t get_tick(tick_stamp& stamp) {
+    tms unused{};
+    stamp.time = now_seconds();
+    stamp.ticks = times(&unused);
+    return stamp.ticks;
+}
+
+void set_and_stamp(status_mark& mark) {
+    mark.set = 1;
+    get_tick(mark.stamp);
+}
+
+int timezone_offset(const std::tm& utc, const std::tm& local) {
+    int utc_day = utc.tm_yday;
+    int local_day = local.tm_yday;
+    // On either side of a new year the days of the year do not compare; the later side's day 0 follows the other's -1.
+    if (utc.tm_year < local.tm_year) {
+        utc_day = -1;
+    } else if (utc.tm_year > local.tm_year) {
+        local_day = -1;
+    }
+    return (utc.tm_min - local.tm_min) + (utc_day * 24 + utc.tm_hour) * 60 -
+           (local_day * 24 + local.tm_hour) * 60;
+}
+
+int get_timezone_offset() {
+    const std::time_t now = now_seconds();
+    std::tm utc{};
+    gmtime_r(&now, &utc);
+    return timezone_offset(utc, local_time(now));
+}
+
+int date2iso8601(std::time_t when, char (&out)[iso_size]) {
+    const std::tm parts = local_time(when);
+    int offset = get_timezone_offset();
+    char sign = '-';
+    if (offset <= 0) {
+        sign = '+';
+        offset = -offset;
+    }
+    return static_cast<int>(format_text(out, "%04d-%02d-%02dT%02d:%02d:%02d%c%02d:%02d", parts.tm_year + 1900,
+                                        parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min,
+                                        parts.tm_sec, sign, offset / 60, offset % 60));
+}
+
+std::time_t iso2date(const char* text) {
+    iso_fields f{};
+    int end = -1;  // stays so unless the text goes on to the "Z"
+    if (std::sscanf(text, "%4d-%2d-%2dT%2d:%2d:%2dZ%n", &f.year, &f.month, &f.day, &f.hour, &f.minute,
+                    &f.second, &end) == 6 &&
+        end >= 0) {
+        return utc_seconds(f);
+    }
+    char sign = '\0';
+    int hours = 0;
+    int minutes = 0;
+    if (std::sscanf(text, "%4d-%2d-%2dT%2d:%2d:%2d%c%2d:%2d", &f.year, &f.month, &f.day, &f.hour, &f.minute,
+                    &f.second, &sign, &hours, &minutes) != 9) {
+        return -1;
+    }
+    const std::time_t offset = (std::time_t{hours} * 60 + minutes) * 60;
+    return sign == '+' ? utc_seconds(f) - offset : utc_seconds(f) + offset;
+}
+
+std::time_t sleep_to_multiple(std::time_t interval) {
+    std::timespec now = wall_clock();
+    std::time_t target = next_multiple(now.tv_sec, interval);
+    while (now.tv_sec < target) {
+        if (target - now.tv_sec > interval) {
+            target = next_multiple(now.tv_sec, interval);  // the clock was set back
+        }
+        std::timespec left{target - now.tv_sec, 0};
+        if (now.tv_nsec > 0) {
+            left = {left.tv_sec - 1, nanoseconds_per_second - now.tv_nsec};
+        }
+        // Relative, so that a clock set back by hours cannot make it sleep for hours. It may end a little early by
+        // the wall clock, which is slewed while we sleep; then the rest is slept, so that no minute comes twice.
+        nanosleep(&left, nullptr);
+        now = wall_clock();
+    }
+    return now.tv_sec;
+}

@@ -1,0 +1,41 @@
+// Time: stamps, ISO 8601 text, and sleeping to a boundary of the wall clock. All safe from any thread.
+#pragma once
+
+#include "sched/sched_status.h"
+
+#include <cstdint>
+#include <ctime>
+
+constexpr std::size_t iso_size = 32;  // bytes for an ISO 8601 text; 25 characters for years up to 9999
+
+// The wall clock in seconds since the epoch. Unlike time() it does not lag behind the end of a sleep.
+std::time_t now_seconds();
+
+// The monotonic clock in milliseconds, for durations.
+std::int64_t monotonic_ms();
+
+// Breaks a moment down as local time; a moment that has no such form gives all zeros.
+std::tm local_time(std::time_t when);
+
+// Fills stamp with the current moment. Returns its ticks.
+std::clock_t get_tick(tick_stamp& stamp);
+
+// Marks a condition as reported, now.
+void set_and_stamp(status_mark& mark);
+
+// Minutes to add to local time to get UTC, right now: -540 for a zone nine hours east of Greenwich.
+int get_timezone_offset();
+
+// The same for one moment broken down both ways.
+int timezone_offset(const std::tm& utc, const std::tm& local);
+
+// Writes when as local time with the zone's present offset, like 2013-02-07T15:45:12+09:00.
+// Returns the number of characters.
+int date2iso8601(std::time_t when, char (&out)[iso_size]);
+
+// Reads ISO 8601 text with "Z" or an offset. Returns seconds since the epoch, or -1 for any other text.
+std::time_t iso2date(const char* text);
+
+// Sleeps until the wall clock reaches the next multiple of interval (seconds, above 0) and returns the time then.
+// A clock set back while sleeping starts the wait anew; one set forward ends it late by at most one interval.
+std::time_t sleep_to_multiple(std::time_t interval);

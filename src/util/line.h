@@ -1,0 +1,15 @@
+// Small routines for lines and numbers in texts.
+#pragma once
+
+#include <cstddef>
+
+// Removes one trailing newline, if there is one.
+void chomp(char* text);
+
+// Reads the first line of a file into buf without its newline, at most size - 1 characters.
+// Returns 0, or -1 when the file cannot be opened or is empty.
+int read_one_line_from_file(const char* path, char* buf, std::size_t size);
+
+// The decimal number at the start of text: leading blanks and a sign allowed, digits as far as they go, 0 without
+// digits. Values beyond an int give the nearest int.
+int decimal_value(const char* text);

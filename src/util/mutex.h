@@ -1,0 +1,46 @@
+// A POSIX mutex that clang's thread-safety analysis understands, and a guard that locks it for a scope.
+#pragma once
+
+#include <pthread.h>
+
+#if defined(__clang__)
+#define THREAD_ANNOTATION(x) __attribute__((x))
+#else
+#define THREAD_ANNOTATION(x)
+#endif
+#define CAPABILITY(x) THREAD_ANNOTATION(capability(x))
+#define SCOPED_CAPABILITY THREAD_ANNOTATION(scoped_lockable)
+#define GUARDED_BY(x) THREAD_ANNOTATION(guarded_by(x))
+#define REQUIRES(...) THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
+#define ACQUIRE(...) THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
+#define RELEASE(...) THREAD_ANNOTATION(release_capability(__VA_ARGS__))
+#define TRY_ACQUIRE(...) THREAD_ANNOTATION(try_acquire_capability(__VA_ARGS__))
+
+// Default (non-recursive) mutex, ready without any start-up code.
+class CAPABILITY("mutex") posix_mutex {
+public:
+    constexpr posix_mutex() = default;
+    posix_mutex(const posix_mutex&) = delete;
+    posix_mutex& operator=(const posix_mutex&) = delete;
+
+    // The errors a default mutex can report come from misuse only; there is nothing to do about them at run time.
+    void lock() ACQUIRE() { static_cast<void>(pthread_mutex_lock(&mutex_)); }
+    void unlock() RELEASE() { static_cast<void>(pthread_mutex_unlock(&mutex_)); }
+    // True when the lock was free and is now ours; never waits.
+    [[nodiscard]] bool try_lock() TRY_ACQUIRE(true) { return pthread_mutex_trylock(&mutex_) == 0; }
+
+private:
+    pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
+};
+
+// Holds the mutex from construction to the end of the scope.
+class SCOPED_CAPABILITY mutex_guard {
+public:
+    explicit mutex_guard(posix_mutex& mutex) ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
+    ~mutex_guard() RELEASE() { mutex_.unlock(); }
+    mutex_guard(const mutex_guard&) = delete;
+    mutex_guard& operator=(const mutex_guard&) = delete;
+
+private:
+    posix_mutex& mutex_;
+};

@@ -1,0 +1,27 @@
+// A single field that several threads touch without a lock.
+#pragma once
+
+#include <atomic>
+
+// Reads and writes are whole but ordered against nothing else: right for marks, switches and counters that stand
+// for themselves, wrong for a flag that announces other data.
+template <typename T>
+class relaxed {
+public:
+    constexpr relaxed(T value = T{}) noexcept : value_(value) {}
+    relaxed(const relaxed&) = delete;
+    relaxed& operator=(const relaxed&) = delete;
+
+    [[nodiscard]] T get() const noexcept { return value_.load(std::memory_order_relaxed); }
+    operator T() const noexcept { return get(); }
+    T operator=(T value) noexcept {
+        value_.store(value, std::memory_order_relaxed);
+        return value;
+    }
+    // Stores value and returns what stood there before, in one step.
+    T exchange(T value) noexcept { return value_.exchange(value, std::memory_order_relaxed); }
+
+private:
+    static_assert(std::atomic<T>::is_always_lock_free, "a lock inside would defeat the purpose");
+    std::atomic<T> value_;
+};
