@@ -1,0 +1,77 @@
+#include "util/ini_file.h"
+
+#include "sched/sched_status.h"
+#include "util/line.h"
+#include "util/text.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+namespace {
+
+constexpr std::size_t line_size = 1023;  // a longer line goes on as a line of its own
+constexpr std::size_t value_size = 1024;
+constexpr std::string_view separators = " =\t\n";
+
+// One buffer for each thread: HMI threads and the timer thread read the same file at the same moment.
+thread_local char result[value_size];
+
+// Splits "key = value". False when there is no key, or nothing at all behind the character that ends it.
+bool split_pair(std::string_view line, std::string_view& key, std::string_view& value) {
+    const std::size_t start = line.find_first_not_of(separators);
+    if (start == std::string_view::npos) {
+        return false;
+    }
+    const std::size_t end = line.find_first_of(separators, start);
+    if (end == std::string_view::npos || end + 1 == line.size()) {
+        return false;
+    }
+    key = line.substr(start, end - start);
+    value = line.substr(end + 1);
+    value.remove_prefix(std::min(value.find_first_not_of(" ="), value.size()));
+    return true;
+}
+
+bool find_value(std::FILE* file, const char* section, const char* key) {
+    bool inside = false;
+    char line[line_size];
+    while (std::fgets(line, sizeof line, file) != nullptr) {
+        chomp(line);
+        if (line[0] == '#' || line[0] == ';') {
+            continue;
+        }
+        if (line[0] == '[' || !inside) {
+            inside = std::strcmp(line, section) == 0;
+            continue;
+        }
+        std::string_view name;
+        std::string_view value;
+        if (split_pair(line, name, value) && name == key) {
+            copy_text(result, value);
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+const char* read_ini_file(const char* file, const char* section, const char* key) {
+    const char* directory = std::getenv("VGD_config");
+    if (directory == nullptr) {
+        return nullptr;
+    }
+    char path[path_size];
+    format_text(path, "%s/%s", directory, file);
+    std::FILE* stream = std::fopen(path, "re");
+    if (stream == nullptr) {
+        return nullptr;
+    }
+    result[0] = '\0';
+    const bool found = find_value(stream, section, key);
+    std::fclose(stream);
+    return found ? result : nullptr;
+}

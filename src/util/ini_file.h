@@ -1,0 +1,7 @@
+// Reads one key from an INI file of the configuration directory.
+#pragma once
+
+// The value of key in section (header text with brackets, like "[sched]") of file, a name under VGD_config.
+// The first matching line wins; null when the file cannot be opened or holds no such key with a value.
+// The value, at most 1023 characters, stays until the same thread's next call. Any thread.
+const char* read_ini_file(const char* file, const char* section, const char* key);
