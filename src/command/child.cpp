@@ -1,0 +1,130 @@
+#include "command/child.h"
+
+#include "sched/sched_status.h"
+#include "util/text.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string_view>
+#include <unistd.h>
+
+namespace {
+
+constexpr long fallback_descriptor_limit = 256;
+constexpr std::size_t message_size_max =
+    path_size + 1024;                     // an argument 0 is a listed module name, at most 511 long
+constexpr std::size_t additions_max = 3;  // REMOTEHOST, LD_PRELOAD, MALLOC_DEBUG
+
+// Room for the scheduler's environment, the additions and the null at the end. Allocated by start-up, filled anew
+// for each run under com_lock.
+char** child_environment = nullptr;
+std::size_t inherited_max = 0;  // entries of the scheduler's environment there is room for
+
+// Everything the child uses, made ready before it exists: it shares our memory, and the heap, the trace and the
+// standard streams may be in the middle of something in another thread.
+struct child_plan {
+    const char* path;
+    char* const* argv;
+    char* const* environment;
+    int output;
+    int null;
+    long descriptor_limit;
+    char message[message_size_max];  // of a failed exec, up to the error number
+    std::size_t message_length;
+};
+
+std::size_t environment_size() {
+    std::size_t count = 0;
+    while (environ[count] != nullptr) {
+        ++count;
+    }
+    return count;
+}
+
+// Replaces an entry of the same name, else appends, as putenv does. entries ends with a null.
+void put_entry(char** entries, const char* entry) {
+    const std::string_view name(entry, static_cast<std::size_t>(std::strchr(entry, '=') - entry) + 1);
+    while (*entries != nullptr && std::strncmp(*entries, name.data(), name.size()) != 0) {
+        ++entries;
+    }
+    if (*entries == nullptr) {
+        entries[1] = nullptr;
+    }
+    *entries = const_cast<char*>(entry);
+}
+
+char* const* build_environment(const char* entry) {
+    const std::size_t inherited = std::min(environment_size(), inherited_max);
+    std::copy_n(environ, inherited, child_environment);
+    child_environment[inherited] = nullptr;
+    if (entry[0] != '\0') {
+        put_entry(child_environment, entry);
+    }
+    if (st->watch_malloc != 0) {
+        put_entry(child_environment, "LD_PRELOAD=watchmalloc.so.1");
+        put_entry(child_environment, "MALLOC_DEBUG=WATCH,RW");
+    }
+    return child_environment;
+}
+
+// One call where the kernel has it, so that the cost does not grow with the limit.
+void close_from(int first, long limit) {
+    if (close_range(static_cast<unsigned>(first), UINT_MAX, 0) == 0) {
+        return;
+    }
+    for (int fd = first; fd < limit; ++fd) {
+        close(fd);
+    }
+}
+
+void report_exec_failure(child_plan& plan, int error) {
+    constexpr std::string_view end = ")\n";
+    char* to = plan.message + plan.message_length;
+    to = std::to_chars(to, plan.message + sizeof plan.message - end.size(), error).ptr;
+    to = std::copy(end.begin(), end.end(), to);
+    [[maybe_unused]] const ssize_t written =
+        write(STDOUT_FILENO, plan.message, static_cast<std::size_t>(to - plan.message));
+}
+
+// Plain system calls only, and it must not return.
+[[noreturn]] void run_child(child_plan& plan) {
+    close(STDIN_FILENO);
+    dup2(plan.output, STDOUT_FILENO);
+    dup2(plan.null, STDERR_FILENO);
+    close_from(STDERR_FILENO + 1, plan.descriptor_limit);
+    setsid();  // fails for the leader of a process group only, which a new child never is
+    execve(plan.path, plan.argv, plan.environment);
+    report_exec_failure(plan, errno);
+    _exit(1);
+}
+
+}  // namespace
+
+int init_child_environment() {
+    inherited_max = environment_size();
+    child_environment = new (std::nothrow) char*[inherited_max + additions_max + 1];
+    return child_environment == nullptr ? -1 : 0;
+}
+
+pid_t start_child(const char* path, char* const argv[], const char* environment, int output, int null) {
+    child_plan plan{path, argv, build_environment(environment), output, null, sysconf(_SC_OPEN_MAX), {}, 0};
+    if (plan.descriptor_limit <= 0) {
+        plan.descriptor_limit = fallback_descriptor_limit;
+    }
+    plan.message_length =
+        format_text(plan.message, "Error:command:exec fails (path=%s argv0=%s errno=", path, argv[0]);
+    plan.message_length = std::min(plan.message_length, sizeof plan.message - 16);
+    // vfork: the page tables are not copied, so a start costs the same however large this process is. The child
+    // borrows our memory until the exec while this thread alone waits; the signals that could run a handler are
+    // blocked or have none.
+    const pid_t pid = vfork();  // NOLINT(clang-analyzer-security.insecureAPI.vfork)
+    if (pid == 0) {
+        run_child(plan);
+    }
+    return pid;
+}

@@ -1,0 +1,13 @@
+// The child's side of a module run: what happens between the fork and the exec.
+#pragma once
+
+#include <sys/types.h>
+
+// Prepares the environment module programs get. Returns 0, or -1 when memory is short. Start-up only.
+int init_child_environment();
+
+// Starts the program at path with argv in a process group of its own: no standard input, standard output on output,
+// standard error on null, no other descriptor, environment ("NAME=value" or empty) added to the scheduler's.
+// A program that cannot be executed leaves its message on output and ends with exit code 1.
+// Returns the process id, or -1 with errno. Under com_lock (the environment vector is shared).
+pid_t start_child(const char* path, char* const argv[], const char* environment, int output, int null);

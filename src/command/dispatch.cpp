@@ -1,0 +1,159 @@
+#include "command/dispatch.h"
+
+#include "comm/reply.h"
+#include "command/child.h"
+#include "command/module_table.h"
+#include "command/runner.h"
+#include "trace/trace.h"
+#include "util/clock.h"
+#include "util/text.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+constinit posix_mutex com_lock;
+constinit posix_mutex queue_lock;
+cmdq_entry cmdq[cmdq_slots];
+
+namespace {
+
+constexpr std::size_t environment_size = 64;  // bytes of "REMOTEHOST=address"
+constexpr int default_timeout = 60;           // seconds
+
+// com_lock is held here, so a peer that does not read is not waited for longer than a moment.
+void refuse(const hmistruc* hmi, std::string_view answer) {
+    if (hmi != nullptr) {
+        reply_within(hmi->soc, answer, monotonic_ms() + reply_patience_ms);
+    }
+}
+
+// Null, with the reason traced and told to the HMI, when the command cannot be run.
+const char* accept_command(const hmistruc* hmi, const char* line, char* const argv[]) {
+    if (const int count = count_arguments(line); count > argument_max) {
+        trprintf("Error:command:too many arguments (%d, max=%d) \"%s\"\n", count, argument_max, argv[0]);
+        refuse(hmi, unsupported_line);
+        return nullptr;
+    }
+    const char* entrypath = get_entrypath(argv[0]);
+    if (entrypath == nullptr) {
+        trprintf("Error:command:unsupported command \"%s\"\n", argv[0]);
+        refuse(hmi, unsupported_line);
+        return nullptr;
+    }
+    if (is_modulebusy(argv[0], argv[1]) != 0) {
+        trprintf("Error:command:module is busy \"%s\"\n", argv[0]);
+        refuse(hmi, busy_line);
+        return nullptr;
+    }
+    return entrypath;
+}
+
+// Runs what timer jobs parked meanwhile, in the order of their numbers. format tells who drains.
+void drain_delayed(const char* caller) REQUIRES(com_lock) {
+    const mutex_guard guard(queue_lock);
+    for (int number = 1; number < cmdq_slots; ++number) {
+        if (cmdq[number].queued != 0) {
+            trprintf("%s:execute delayed one.(no.%d)\n", caller, number);
+            do_command2(nullptr, cmdq[number].line, nullptr, 0);
+            cmdq[number].queued = 0;
+        }
+    }
+}
+
+void park(const char* line, int number) {
+    const mutex_guard guard(queue_lock);
+    cmdq_entry& slot = cmdq[number];
+    if (slot.queued == 0) {
+        trprintf("command:no.%d is queue-ed.\n", number);
+        slot.queued = 1;
+        copy_text(slot.line, line);
+    }
+}
+
+}  // namespace
+
+int init_command() {
+    const mutex_guard guard(queue_lock);
+    for (cmdq_entry& slot : cmdq) {
+        slot.queued = 0;
+    }
+    return init_child_environment();
+}
+
+char* skip_non_delimiter(char* text) {
+    return text + std::strcspn(text, "\t");
+}
+
+int count_arguments(const char* line) {
+    return 1 + static_cast<int>(std::count(line, line + std::strlen(line), '\t'));
+}
+
+void split_to_token(char* text, int& count, char* (&vector)[vector_size]) {
+    count = 0;
+    for (bool more = true; more && count < argument_max;) {
+        vector[count++] = text;
+        text = skip_non_delimiter(text);
+        more = *text == '\t';
+        if (more) {
+            *text++ = '\0';
+        }
+    }
+    vector[count] = nullptr;
+}
+
+int do_command2(hmistruc* hmi, const char* line, char* capture, int capture_size) {
+    char text[command_line_size];
+    copy_text(text, line);
+    int argc = 0;
+    char* argv[vector_size];
+    split_to_token(text, argc, argv);
+    const char* entrypath = accept_command(hmi, line, argv);
+    if (entrypath == nullptr) {
+        return -1;
+    }
+    const char* directory = std::getenv("VGD_bin");
+    char path[path_size];
+    format_text(path, "%s/%s", directory != nullptr ? directory : "", entrypath);
+    int timeout = get_timeout(argv[0]);
+    if (timeout < 1) {
+        timeout = default_timeout;
+    }
+    char environment[environment_size] = "";
+    int soc = -1;
+    if (hmi != nullptr) {
+        format_text(environment, "REMOTEHOST=%s", hmi->remote);
+        soc = hmi->soc;
+    }
+    trprintf("command:\"%s\" %s\n", argv[0], "");
+    const int status =
+        start_command(path, soc, static_cast<unsigned>(timeout), argv, environment, capture, capture_size);
+    trprintf("command:\"%s\" end. status=%x\n", argv[0], static_cast<unsigned>(status));
+    return status;
+}
+
+int do_command(hmistruc* hmi, const char* line, int number) {
+    trprintf("command1:\"%s\"(from %s) no.%d\n", line, hmi != nullptr ? hmi->remote : "sched", number);
+    if (number == 0) {
+        com_lock.lock();
+    } else if (com_lock.try_lock()) {
+        trprintf("command1:trylock succeed.(no.%d)\n", number);
+        hmi = nullptr;
+    } else {
+        trprintf("command1:trylock failed.(no.%d)\n", number);
+        park(line, number);
+        return -1;
+    }
+    const int status = do_command2(hmi, line, nullptr, 0);
+    drain_delayed("command1");
+    com_lock.unlock();
+    return status;
+}
+
+int do_command_with_buffer(const char* line, char* buffer, int size) {
+    trprintf("command_buffer:\"%s\"\n", line);
+    const mutex_guard guard(com_lock);
+    const int status = do_command2(nullptr, line, buffer, size);
+    drain_delayed("command_buffer");
+    return status;
+}

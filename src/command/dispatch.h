@@ -1,0 +1,58 @@
+// Every module command of the scheduler, whoever issues it, one at a time.
+#pragma once
+
+#include "comm/hmi_table.h"
+#include "util/mutex.h"
+
+#include <cstddef>
+#include <cstdint>
+
+constexpr std::size_t command_line_size = 16384;  // bytes of a command line, its NUL included
+constexpr int argument_max = 15;                  // arguments of a command line
+constexpr int vector_size = argument_max + 1;     // and the null behind them
+constexpr int cmdq_slots = 31;                    // numbers 1 to 30; slot 0 is never used
+constexpr std::size_t delayed_line_size = 300;    // bytes of a delayed command line, its NUL included
+
+constexpr int condition_status =
+    512;  // wait status of exit code 2: the modules' code for "condition present"
+
+// Held for the whole of one module run and the drain of delayed commands after it. Taken before queue_lock.
+extern posix_mutex com_lock;
+
+// Guards the delayed commands.
+extern posix_mutex queue_lock;
+
+// A timer job's command that waits for the running one to end.
+struct cmdq_entry {
+    std::uint8_t queued;  // 1 while line waits
+    char line[delayed_line_size];
+};
+
+// Slot n belongs to timer job number n.
+extern cmdq_entry cmdq[cmdq_slots] GUARDED_BY(queue_lock);
+
+// Empties cmdq and prepares what the child-process runner needs. Returns 0, or -1 when memory is short.
+// Start-up only, before any other thread.
+int init_command();
+
+// The first position at or after text that holds a TAB or the end.
+char* skip_non_delimiter(char* text);
+
+// The number of arguments a command line has: its TABs plus one.
+int count_arguments(const char* line);
+
+// Cuts text at its TABs and fills the vector and its null entry. At most 15 arguments are stored; what follows the
+// last of them is dropped, so callers that must not lose it ask count_arguments first.
+void split_to_token(char* text, int& count, char* (&vector)[vector_size]);
+
+// Runs one module command now. hmi: receives output and terminating line, or null. capture: see start_command.
+// Returns the wait status, or -1 when the command was refused or could not be started.
+int do_command2(hmistruc* hmi, const char* line, char* capture, int capture_size) REQUIRES(com_lock);
+
+// Runs a module command. Number 0 waits for com_lock; 1 to 30 (timer jobs) parks the line, at most 299 characters,
+// when another command runs. Returns the wait status, or -1 when refused, parked or dropped. Any thread.
+int do_command(hmistruc* hmi, const char* line, int number);
+
+// Runs a module command without an HMI, its output in buffer (or dropped when null), after waiting for com_lock.
+// Returns the wait status or -1. Any thread.
+int do_command_with_buffer(const char* line, char* buffer, int size);

@@ -1,0 +1,202 @@
+#include "command/runner.h"
+
+#include "comm/reply.h"
+#include "command/child.h"
+#include "trace/trace.h"
+#include "util/clock.h"
+#include "util/text.h"
+#include "util/unique_fd.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr std::size_t chunk_size = 16384;  // bytes of one read; all of them may be line feeds
+
+// Set by the alarm handler, cleared before each run, read by the thread that runs a command.
+volatile std::sig_atomic_t timeout_flag = 0;
+
+extern "C" void vgdtout(int /*signal*/) {
+    timeout_flag = 1;
+}
+
+// For its lifetime the alarm interrupts the calling thread, and only that one, once the time-out has passed.
+class module_alarm {
+public:
+    explicit module_alarm(unsigned timeout) {
+        sigset_t alarm_only;
+        sigemptyset(&alarm_only);
+        sigaddset(&alarm_only, SIGALRM);
+        pthread_sigmask(SIG_UNBLOCK, &alarm_only, &old_mask_);
+        // No SA_RESTART: the blocked read has to return.
+        if (set_action(vgdtout) != 0) {
+            trprintf("Error:sigaction failed. errno=%d\n", errno);
+        }
+        timeout_flag = 0;
+        // It fires again each second: an alarm between the look at the flag and the read would else be missed.
+        set_timer({{1, 0}, {static_cast<time_t>(timeout), 0}});
+    }
+    ~module_alarm() {
+        set_timer({});
+        set_action(SIG_IGN);
+        pthread_sigmask(SIG_SETMASK, &old_mask_, nullptr);
+    }
+    module_alarm(const module_alarm&) = delete;
+    module_alarm& operator=(const module_alarm&) = delete;
+
+private:
+    static int set_action(void (*handler)(int)) {
+        struct sigaction action {};
+        action.sa_handler = handler;
+        sigemptyset(&action.sa_mask);
+        return sigaction(SIGALRM, &action, nullptr);
+    }
+    static void set_timer(const itimerval& timer) { setitimer(ITIMER_REAL, &timer, nullptr); }
+
+    sigset_t old_mask_{};
+};
+
+// Where a program's output goes, and what is known of it so far.
+struct relay {
+    int soc;
+    char* capture;
+    std::size_t capture_size;
+    std::size_t stored = 0;    // bytes in capture
+    bool ends_with_lf = true;  // of what was sent; nothing sent counts as such
+    bool hmi_error = false;    // the socket could not be written
+};
+
+// Copies n bytes, a CR put before each LF; to has room for 2 * n. Returns the bytes written.
+std::size_t to_crlf(const char* from, std::size_t n, char* to) {
+    const char* const end = from + n;
+    char* out = to;
+    while (from < end) {
+        const auto* lf =
+            static_cast<const char*>(std::memchr(from, '\n', static_cast<std::size_t>(end - from)));
+        const auto run = static_cast<std::size_t>((lf != nullptr ? lf : end) - from);
+        std::memcpy(out, from, run);
+        out += run;
+        from += run;
+        if (lf != nullptr) {
+            *out++ = '\r';
+            *out++ = '\n';
+            ++from;
+        }
+    }
+    return static_cast<std::size_t>(out - to);
+}
+
+void send_chunk(relay& to, const char* data, std::size_t n) {
+    char converted[2 * chunk_size];
+    to.ends_with_lf = data[n - 1] == '\n';
+    if (write(to.soc, converted, to_crlf(data, n, converted)) < 0) {
+        trprintf("Error:write to socket failed.(errno=%d)\n", errno);
+        to.hmi_error = true;
+    }
+}
+
+void store_chunk(relay& to, const char* data, std::size_t n) {
+    const std::size_t fits = std::min(n, to.capture_size - to.stored);
+    std::memcpy(to.capture + to.stored, data, fits);
+    to.stored += fits;
+}
+
+// Passes the output on until its end, the time-out or a dead socket.
+void relay_output(int pipe, relay& to) {
+    char chunk[chunk_size];
+    while (timeout_flag == 0 && !to.hmi_error) {
+        const ssize_t n = read(pipe, chunk, sizeof chunk);
+        if (n < 0 && errno == EINTR) {
+            continue;  // the flag tells whether it was the alarm
+        }
+        if (n <= 0) {
+            return;
+        }
+        if (to.soc >= 0) {
+            send_chunk(to, chunk, static_cast<std::size_t>(n));
+        } else if (to.capture != nullptr) {
+            store_chunk(to, chunk, static_cast<std::size_t>(n));
+        }
+    }
+}
+
+int wait_for_child(pid_t pid) {
+    int status = 0;
+    pid_t ended = 0;
+    do {
+        ended = waitpid(pid, &status, 0);
+    } while (ended < 0 && errno == EINTR);
+    trprintf("command:wait pid=%d status=%08x\n", ended, static_cast<unsigned>(status));
+    return status;
+}
+
+void wait_for_stray_children() {
+    int status = 0;
+    for (pid_t pid = wait(&status); pid > 0; pid = wait(&status)) {
+        trprintf("Info:command:extra wait:pid=%d status=%08x\n", pid, static_cast<unsigned>(status));
+    }
+}
+
+// The terminating line. deadline is shared with the line end before it: a peer that has stopped reading costs the
+// next module run five seconds at most.
+void reply_end(int soc, int status, std::int64_t deadline) {
+    if (timeout_flag != 0) {
+        reply_within(soc, timeout_line, deadline);
+        return;
+    }
+    char over[64];
+    const std::size_t length = format_text(over, "__over__ %d %d\r\n", (status >> 8) & 0xff, status & 0xff);
+    reply_within(soc, {over, length}, deadline);
+}
+
+}  // namespace
+
+int start_command(const char* path, int soc, unsigned timeout, char* const argv[], const char* environment,
+                  char* capture, int capture_size) {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) {
+        trprintf("Error:command:pipe fail(errno=%d)\n", errno);
+        return -1;
+    }
+    const unique_fd output(ends[0]);
+    unique_fd child_output(ends[1]);
+    const unique_fd null(open("/dev/null", O_RDWR | O_CLOEXEC));
+    if (!null) {
+        trprintf("Error:command:fail to open /dev/null.(errno=%d)\n", errno);
+        return -1;
+    }
+    const pid_t pid = start_child(path, argv, environment, child_output.get(), null.get());
+    if (pid < 0) {
+        trprintf("Error:command:fork fails (errno=%d)\n", errno);
+        return -1;
+    }
+    child_output.reset();
+
+    relay to{soc, capture, static_cast<std::size_t>(std::max(capture_size, 0))};
+    {
+        const module_alarm alarm(timeout);
+        relay_output(output.get(), to);
+    }
+    const std::int64_t deadline = monotonic_ms() + reply_patience_ms;
+    if (soc >= 0 && !to.hmi_error && !to.ends_with_lf) {
+        reply_within(soc, "\r\n", deadline);
+    }
+    if (to.hmi_error || timeout_flag != 0) {
+        trprintf("Error:command:timeout or error:path=%s timeout=%d pid=%d hmi_err=%d\n", path,
+                 static_cast<int>(timeout), pid, to.hmi_error ? 1 : 0);
+        killpg(pid, SIGKILL);
+    }
+    const int status = wait_for_child(pid);
+    wait_for_stray_children();
+    if (soc >= 0) {
+        reply_end(soc, status, deadline);
+    }
+    return status;
+}
