@@ -1,0 +1,19 @@
+// Challenge-response login for clients on other machines.
+#pragma once
+
+#include "comm/hmi_table.h"
+
+// Values of hmistruc's auth.
+constexpr int auth_none = 0;      // no login required
+constexpr int auth_required = 1;  // required and not yet done
+constexpr int auth_done = 2;
+
+// Reads hash and salt from the file "password" under VGD_data into st. Without a valid file nobody needs to log in.
+// Start-up only.
+void read_password_file();
+
+// Decides whether the connection must log in; if so, gives it a new challenge. The connection's own thread.
+void auth_check(hmistruc& hmi);
+
+// Answers "login": response, nonce and client nonce, 64 characters each. The connection's own thread.
+void do_login(hmistruc& hmi, int argc, char* argv[]);
