@@ -1,0 +1,78 @@
+#include "event/syslog_watcher.h"
+
+#include "event/syslog_switch.h"
+#include "sched/sched_status.h"
+#include "trace/trace.h"
+#include "util/clock.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <sys/stat.h>
+
+namespace {
+
+constexpr char system_log_path[] = "/var/log/messages";
+
+// Reads how far the forwarding module has come. False, with the reason traced, when the file does not tell.
+bool read_offsetfile(long& inode, long& offset) {
+    std::FILE* file = std::fopen(st->qmx_syslog_offset_path, "re");
+    if (file == nullptr) {
+        trprintf("read_offsetfile() fopen error, errno=%d\n", errno);
+        return false;
+    }
+    errno = 0;
+    const int got = std::fscanf(file, "%ld %ld", &inode, &offset);
+    const int error = errno;
+    std::fclose(file);
+    if (got != 2) {
+        trprintf("read_offsetfile() fscanf error, errno=%d\n", error);
+        return false;
+    }
+    return true;
+}
+
+void forward_what_is_unsent(const struct stat& log) {
+    long inode = 0;
+    long offset = 0;
+    if (!read_offsetfile(inode, offset)) {
+        return;
+    }
+    if (static_cast<ino_t>(inode) == log.st_ino && offset == log.st_size) {
+        return;
+    }
+    trprintf("unsent event exists.(%d:%u -> %d:%u)\n", static_cast<int>(inode), static_cast<unsigned>(offset),
+             static_cast<int>(log.st_ino), static_cast<unsigned>(log.st_size));
+    event_hard_error();
+}
+
+}  // namespace
+
+void syslog_poll(const char* path, syslog_seen& seen) {
+    if (qmx_syslog_is_enable == 0) {
+        return;
+    }
+    struct stat log {};
+    if (stat(path, &log) != 0) {
+        trprintf("event:Error:failed to stat %s, errno=%d\n", path, errno);
+        return;
+    }
+    if (qmx_syslog_required_retry.exchange(0) != 0) {
+        event_hard_error();
+    } else if (log.st_size != seen.size || log.st_ino != seen.inode) {
+        trprintf("event:%s size changed.(%d:%u -> %d:%u)\n", path, static_cast<int>(seen.inode),
+                 static_cast<unsigned>(seen.size), static_cast<int>(log.st_ino),
+                 static_cast<unsigned>(log.st_size));
+        event_hard_error();
+    } else {
+        forward_what_is_unsent(log);
+    }
+    seen = {log.st_size, log.st_ino};
+}
+
+void event_main_syslog() {
+    syslog_seen seen;
+    for (;;) {
+        sleep_to_multiple(st->syslog_poll_interval);
+        syslog_poll(system_log_path, seen);
+    }
+}

@@ -1,0 +1,19 @@
+#include "sched/vgd_end.h"
+
+#include "command/dispatch.h"
+#include "trace/trace.h"
+
+#include <cstdlib>
+
+void exit_process(int code) {
+    // exit() must not run in two threads at once. Never unlocked: a second caller waits for the process to be gone.
+    static constinit posix_mutex ending;
+    ending.lock();
+    std::exit(code);
+}
+
+void run_vgd_end() {
+    trprintf("Info:calling VGDend\n");
+    do_command_with_buffer("allmodcall\tstop", nullptr, 0);
+    exit_process(0);
+}
