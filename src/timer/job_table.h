@@ -1,0 +1,56 @@
+// The timer job file: five cron-like time fields and a module command line for each job.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+
+constexpr int job_max = 30;
+constexpr int minute_slots = 62;
+constexpr int hour_slots = 24;
+constexpr int mday_slots = 32;
+constexpr int month_slots = 13;
+constexpr int wday_slots = 7;
+constexpr std::size_t job_command_size = 300;  // bytes of a command line, its NUL included
+
+// One job. A slot is 1 when the job may run at that value.
+struct job_record {
+    std::uint8_t minute[minute_slots];  // only 0 to 59 can match
+    std::uint8_t hour[hour_slots];
+    std::uint8_t mday[mday_slots];    // slot 0 never matches
+    std::uint8_t month[month_slots];  // 1 to 12; slot 0 never matches
+    std::uint8_t wday[wday_slots];    // 0 is Sunday
+    char command[job_command_size];   // module command line
+};
+static_assert(sizeof(job_record) == 438);
+
+struct job_table {
+    job_record job[job_max];
+    int jmax;  // jobs in the table
+};
+
+// Reads the job file into the table. A file that cannot be opened leaves no jobs. Timer thread only; readers see the
+// table before or after it, nothing between.
+void timer_read_jobs();
+
+// Modification time of the job file at the last read. Timer thread only.
+std::uint32_t jobs_mtime();
+
+// Copies the table. Any thread.
+void copy_jobs(job_table& to);
+
+// 1 when a job's command begins with name, else 0. Any thread.
+int is_available_on_timer(const char* name);
+
+// Waits until the table has been read once. Main thread, when the timer thread exists.
+void wait_for_jobs();
+
+// True when a job may run at that local time.
+bool is_job_due(const job_record& record, const std::tm& now);
+
+// Parses the time field at the start of field into slots, an array of n zeros; it only ever sets slots to 1.
+// A bad item is traced; a bad step or range ends the field.
+void set_job_field(const char* field, std::uint8_t* slots, int n);
+
+// The start of the field after the one at text; null, with a trace, when the line is short.
+const char* next_word(const char* text);

@@ -1,0 +1,118 @@
+#include "timer/timer_loop.h"
+
+#include "command/dispatch.h"
+#include "event/syslog_switch.h"
+#include "sched/sched_status.h"
+#include "sched/vgd_end.h"
+#include "timer/job_table.h"
+#include "timer/uptime.h"
+#include "trace/trace.h"
+#include "util/clock.h"
+
+#include <cerrno>
+#include <cstring>
+#include <sys/stat.h>
+
+namespace {
+
+constexpr std::time_t minute = 60;
+constexpr std::time_t check_period = 300;  // seconds between two checks of raised conditions
+constexpr int answer_size = 100;           // bytes of a module's answer; nobody looks at them
+
+void update_availability(status_mark& mark, const char* name) {
+    const int available = is_available_on_timer(name);
+    if (available == mark.set) {
+        return;
+    }
+    trprintf("timer:%s is changed to be %s\n", name, available != 0 ? "enabled" : "disabled");
+    mark.set = static_cast<std::uint8_t>(available);
+    get_tick(mark.stamp);
+}
+
+void reload_jobs_if_changed() {
+    struct stat info {};
+    if (stat(st->timer_jobs_path, &info) != 0 || static_cast<std::uint32_t>(info.st_mtime) == jobs_mtime()) {
+        return;
+    }
+    timer_read_jobs();
+    update_availability(st->patrol, "patrol");
+    update_availability(st->padiag, "padiag");
+}
+
+// Without its pipe the scheduler is deaf: somebody has taken the suite down.
+void end_if_pipe_is_gone() {
+    struct stat info {};
+    if (stat(st->pipe_path, &info) != 0 && errno == ENOENT) {
+        trprintf("Warning: vgd_pipe is not exist. errno=%d\n", errno);
+        run_vgd_end();
+    }
+}
+
+void recheck(status_mark& mark, const char* name, const char* command) {
+    char answer[answer_size];
+    if (mark.set != 0 && do_command_with_buffer(command, answer, answer_size) == 0) {
+        mark.set = 0;
+        trprintf("Warning:%s %d status is cleared by patrol.\n", name, 0);
+    }
+}
+
+void recheck_conditions(timer_state& state, std::time_t t) {
+    if (t < state.last_check) {
+        state.last_check = t;  // the clock was set back; do not wait until it has caught up
+    }
+    if (t - state.last_check < check_period) {
+        return;
+    }
+    recheck(st->conf, "conf", "devconf\tstatus");
+    recheck(st->diag, "diag", "diag\tstatus");
+    state.last_check = t;
+}
+
+void check_forwarding_switch(timer_state& state) {
+    struct stat info {};
+    if (st->pvo_ini_path[0] == '\0' || stat(st->pvo_ini_path, &info) != 0 ||
+        info.st_mtime == state.pvo_mtime) {
+        return;
+    }
+    trprintf("timer:pvo.ini is changed. mtime=%u\n", static_cast<unsigned>(info.st_mtime));
+    syslog_enable_check();
+    state.pvo_mtime = info.st_mtime;
+}
+
+}  // namespace
+
+void timer_execute(std::time_t t) {
+    constexpr char patrol_word[] = "patrol\t";
+    const std::tm now = local_time(t);
+    job_table table;
+    copy_jobs(table);
+    for (int i = 0; i < table.jmax; ++i) {
+        const job_record& record = table.job[i];
+        if (!is_job_due(record, now)) {
+            continue;
+        }
+        trprintf("timer:run command:job=%d,\"%s\" for %u\n", i, record.command, static_cast<unsigned>(t));
+        do_command(nullptr, record.command, i + 1);
+        if (std::strncmp(record.command, patrol_word, sizeof patrol_word - 1) == 0) {
+            set_and_stamp(st->patrol);
+        }
+    }
+}
+
+void timer_pass(timer_state& state, std::time_t t) {
+    reload_jobs_if_changed();
+    timer_execute(t);
+    end_if_pipe_is_gone();
+    server_uptime_logging();
+    recheck_conditions(state, t);
+    check_forwarding_switch(state);
+}
+
+void timer_main() {
+    timer_state state{now_seconds()};
+    server_uptime_init();
+    timer_read_jobs();
+    for (;;) {
+        timer_pass(state, sleep_to_multiple(minute));
+    }
+}

@@ -1,0 +1,71 @@
+#include "timer/uptime.h"
+
+#include "sched/sched_status.h"
+#include "trace/trace.h"
+#include "util/clock.h"
+#include "util/line.h"
+#include "util/text.h"
+#include "util/unique_fd.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr std::size_t text_size = 64;
+
+void load_count(int file) {
+    char text[text_size] = "";
+    [[maybe_unused]] const ssize_t got = read(file, text, sizeof text - 1);
+    chomp(text);
+    st->uptime = static_cast<std::uint32_t>(std::strtoul(text, nullptr, 10));
+    trprintf("read uptime file \"%s\"\n", text);
+}
+
+bool write_start_date() {
+    const unique_fd file(open(st->up_time_start_path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    if (!file) {
+        trprintf("Error:failed to create uptime start file.(path=%s errno=%d)\n", st->up_time_start_path,
+                 errno);
+        return false;
+    }
+    char date[iso_size];
+    date2iso8601(now_seconds(), date);
+    [[maybe_unused]] const ssize_t written = write(file.get(), date, std::strlen(date));
+    return true;
+}
+
+}  // namespace
+
+void server_uptime_init() {
+    const unique_fd file(open(st->up_time_path, O_RDONLY | O_CLOEXEC));
+    if (file) {
+        load_count(file.get());
+    } else {
+        trprintf("Info:uptime open fails (path=%s errno=%d)\n", st->up_time_path, errno);
+        if (!write_start_date()) {
+            return;
+        }
+        st->uptime = 0;
+    }
+    trprintf("uptime start %u\n", st->uptime.get());
+}
+
+void server_uptime_logging() {
+    st->uptime = st->uptime + 1;
+    const unique_fd file(open(st->up_time_path, O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
+    if (!file) {
+        trprintf("Error: failed to fopen uptime %s errno=%d\n", st->up_time_path, errno);
+        return;
+    }
+    // Written over the old count and cut behind it, not truncated first: on a full disk the old count stays.
+    char text[text_size];
+    const std::size_t length = format_text(text, "%u\n", st->uptime.get());
+    if (write(file.get(), text, length) != static_cast<ssize_t>(length) ||
+        ftruncate(file.get(), static_cast<off_t>(length)) != 0) {
+        trprintf("Error: failed to fopen uptime %s errno=%d\n", st->up_time_path, errno);
+    }
+}
