@@ -1,0 +1,83 @@
+#include "internal/debug_command.h"
+
+#include "comm/reply.h"
+#include "timer/job_listing.h"
+#include "util/clock.h"
+#include "util/text.h"
+
+#include <cstring>
+
+namespace {
+
+constexpr char usage[] =
+    "Uage: debug TAB command TAB arg\r\n"
+    " timer    ... display timer jobs.\r\n"
+    " hmi      ... display HMI structure\r\n"
+    " hmi all  ... display HMI structure\r\n";
+static_assert(sizeof usage - 1 == 142, "HMIs know this text, its first word included");
+
+const char* stamp(std::uint32_t when) {
+    const std::tm time = local_time(when);
+    return time2string(&time);
+}
+
+void show_queue(int soc, const hmistruc& entry, const hmi_snapshot& seen) {
+    char text[message_size];
+    std::uint32_t qtime = 0;
+    for (int slot = seen.out; slot != seen.in; slot = (slot + 1) % ring_slots) {
+        hmistruc_peek(entry, slot, text, qtime);
+        reply(soc, "q#%d:%s:\"%s\"\r\n", slot, "SB", text);
+        reply(soc, "   (%s)\r\n", stamp(qtime));
+    }
+}
+
+void show_entry(int soc, const hmistruc& entry, const hmi_snapshot& seen) {
+    reply_text(soc, "--------------------------------\r\n");
+    reply(soc, "remote:%s (tid=%d) user=\"%s\" login=%s\r\n", seen.remote, static_cast<int>(entry.tid.get()),
+          seen.user, stamp(entry.login));
+    reply(soc, "in=%d out=%d lost=%d last_status=%s\r\n", seen.in, seen.out, seen.lost,
+          stamp(entry.last_status));
+    reply(soc, "ipset=\"%s\" resource_fd=%d\r\n", seen.ipset, entry.resource_fd.get());
+}
+
+}  // namespace
+
+const char* time2string(const std::tm* time) {
+    thread_local char text[32];
+    text[0] = '\0';
+    if (time != nullptr) {
+        format_text(text, "%04d/%02d/%02d %02d:%02d:%02d", time->tm_year + 1900, time->tm_mon + 1,
+                    time->tm_mday, time->tm_hour, time->tm_min, time->tm_sec);
+    }
+    return text;
+}
+
+void show_hmi_info(int soc, const char* argument) {
+    const bool full = argument != nullptr && std::strcmp(argument, "all") == 0;
+    for (int i = 0; i < hmi_max; ++i) {
+        const hmistruc& entry = st->hmi[i];
+        const hmi_snapshot seen = hmistruc_snapshot(entry);
+        if (full) {
+            reply(soc, "hmi#%d flag=%d\r\n", i, seen.flag);
+        }
+        if (seen.flag == 0) {
+            continue;
+        }
+        show_entry(soc, entry, seen);
+        if (full) {
+            show_queue(soc, entry, seen);
+        }
+    }
+}
+
+void do_debug(hmistruc& hmi, int argc, char* argv[]) {
+    const char* what = argc > 1 ? argv[1] : "";
+    if (std::strcmp(what, "timer") == 0) {
+        show_timer_jobs(hmi.soc);
+    } else if (std::strcmp(what, "hmi") == 0) {
+        show_hmi_info(hmi.soc, argv[2]);
+    } else {
+        reply_text(hmi.soc, usage);
+    }
+    reply_over(hmi.soc, 0, 0);
+}

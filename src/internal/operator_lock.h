@@ -1,0 +1,16 @@
+// The advisory lock with which operators keep out of each other's way.
+#pragma once
+
+#include "comm/hmi_table.h"
+
+#include <atomic>
+
+// The HMI that holds the lock, or null. Written by the holder's thread, read without a lock by "show ip".
+extern std::atomic<hmistruc*> last_locked_hmi;
+
+// Handlers of "lock" and "unlock": words beyond the first are ignored. The connection's own thread.
+void do_hmilock(hmistruc& hmi, int argc, char* argv[]);
+void do_hmiunlock(hmistruc& hmi, int argc, char* argv[]);
+
+// Gives the lock back for a connection that ends while it holds it. The connection's own thread.
+void release_operator_lock();

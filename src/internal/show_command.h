@@ -1,0 +1,7 @@
+// The show command: who may connect and who is connected.
+#pragma once
+
+#include "comm/hmi_table.h"
+
+// "show allowed_ip" or "show ip"; anything else gets the usage text. The connection's own thread.
+void do_show(hmistruc& hmi, int argc, char* argv[]);

@@ -1,0 +1,8 @@
+// The status command.
+#pragma once
+
+#include "comm/hmi_table.h"
+
+// Reports the raised conditions with their dates, then hands over the HMI's messages, oldest first, and the count of
+// lost ones. Words beyond the first are ignored. The connection's own thread.
+void do_status(hmistruc& hmi, int argc, char* argv[]);
