@@ -1,0 +1,159 @@
+#include "comm/connection.h"
+
+#include "comm/login.h"
+#include "comm/reply.h"
+#include "command/dispatch.h"
+#include "command/module_table.h"
+#include "event/syslog_switch.h"
+#include "internal/dispatcher.h"
+#include "internal/operator_lock.h"
+#include "sched/platform.h"
+#include "trace/trace.h"
+#include "util/clock.h"
+#include "util/text.h"
+#include "util/unique_fd.h"
+
+#include <cerrno>
+#include <cstring>
+#include <sys/socket.h>
+#include <unistd.h>
+
+static_assert(line_max == command_line_size, "what a connection reads, the dispatch takes whole");
+
+namespace {
+
+bool begins_with(const char* line, const char* prefix) {
+    return std::strncmp(line, prefix, std::strlen(prefix)) == 0;
+}
+
+bool passes_login_gate(const hmistruc& hmi, const char* line) {
+    if (hmi.auth != auth_required) {
+        return true;
+    }
+    return begins_with(line, "login\t") || std::strcmp(line, "quit") == 0 || begins_with(line, "ipset\t");
+}
+
+void refuse_overflow(const hmistruc& hmi, const char* line) {
+    trprintf("Error:comm:line overflow (max=%d soc=%d hmi=%s)\n", line_max, hmi.soc, hmi.remote);
+    trprintf(" data=\"%s\"\n", line);
+    reply_text(hmi.soc, busy_line);
+}
+
+void ask_for_login(const hmistruc& hmi, const char* line) {
+    reply(hmi.soc, "__unauth__ %s %s\r\n", hmi.nonce, st->auth_salt);
+    trprintf("auth required (command=%s, hmi=%s)\n", line, hmi.remote);
+}
+
+void run_line(hmistruc& hmi, char* line) {
+    if (const int count = count_arguments(line); count > argument_max) {
+        trprintf("Warning:comm:too many fields (%d, max=%d) from hmi(%s)\n", count, argument_max, hmi.remote);
+        reply_text(hmi.soc, unsupported_line);
+        return;
+    }
+    char name[line_max];
+    get_first_token(line, name);
+    if (is_external(name) != 0) {
+        do_command(&hmi, line, 0);
+        do_cont_command(line);
+    } else if (is_internal(name) != 0) {
+        if (st->debug != 0) {
+            trprintf("Info:internal:\"%s\"\n", line);
+        }
+        do_internal(hmi, line);
+    } else {
+        trprintf("Warning:comm:unsupported(\"%s\")\n", line);
+        reply_text(hmi.soc, unsupported_line);
+    }
+}
+
+void serve(hmistruc& hmi) {
+    char line[line_max];
+    while (hmi.soc >= 0) {
+        const int length = read_line(hmi.soc, line, line_max);
+        if (length < 0) {
+            return;
+        }
+        if (length == line_max - 1) {
+            refuse_overflow(hmi, line);
+        } else if (!passes_login_gate(hmi, line)) {
+            ask_for_login(hmi, line);
+        } else {
+            run_line(hmi, line);
+        }
+    }
+}
+
+void end_connection(hmistruc& hmi) {
+    trprintf("hmi(%s) is gone.\n", hmi.remote);
+    if (hmi.soc >= 0) {
+        if (const int result = shutdown(hmi.soc, SHUT_RDWR); result != 0 && errno != 0) {
+            trprintf("Error:comm:shutdown = %d (errno %d)\n", result, errno);
+        }
+        close(hmi.soc);
+        hmi.soc = -1;
+    }
+    if (hmi.locked != 0) {
+        release_operator_lock();
+    }
+    { const unique_fd resource(hmi.resource_fd.exchange(-1)); }
+    hmistruc_put(hmi);
+}
+
+// Clears a mark when the module no longer reports it. The stamp says when this was looked at.
+void confirm_cleared(status_mark& mark, const char* command) {
+    if (mark.set == 0) {
+        return;
+    }
+    if (do_command_with_buffer(command, nullptr, 0) == 0) {
+        mark.set = 0;
+    }
+    get_tick(mark.stamp);
+}
+
+}  // namespace
+
+int read_line(int fd, char* buf, int size) {
+    int stored = 0;
+    bool ended = false;
+    while (stored < size - 1) {
+        char byte = '\0';
+        const ssize_t got = read(fd, &byte, 1);
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got != 1) {
+            break;
+        }
+        if (byte == '\r') {
+            ended = true;
+            break;
+        }
+        if (byte != '\0' && byte != '\n') {
+            buf[stored++] = byte;
+        }
+    }
+    buf[stored] = '\0';
+    return ended || stored > 0 ? stored : -1;
+}
+
+void get_first_token(const char* line, char (&name)[line_max]) {
+    copy_text(name, {line, std::strcspn(line, "\t")});
+}
+
+void do_cont_command(const char* line) {
+    if (begins_with(line, "parts\tclear")) {
+        confirm_cleared(st->error, "parts\tstatus");
+    }
+    if (is_prognosis_platform() && begins_with(line, "prognosis\tprevdel")) {
+        confirm_cleared(st->prevent, "parts\tprevstatus");
+    }
+    if (begins_with(line, "qmx\tsyslog\tenable") || begins_with(line, "qmx\tsyslog\tdisable")) {
+        syslog_enable_check();
+    }
+}
+
+void hmi_main(hmistruc& hmi) {
+    auth_check(hmi);
+    serve(hmi);
+    end_connection(hmi);
+}

@@ -1,0 +1,12 @@
+// The body of the scheduler process.
+#pragma once
+
+// PID file, service threads, start-up module commands, listener, accept loop. Main thread.
+[[noreturn]] void sched_main();
+
+// Starts the event, system-log and timer threads, detached. One that cannot be created is traced and left out, but
+// without the event thread start-up could never go on: that ends the process with exit code 1.
+void create_event_timer_thread();
+
+// Runs the module commands that set the first status marks.
+void run_startup_vgd_command();

@@ -1,0 +1,5 @@
+// What the hardware platform calls for.
+#pragma once
+
+// True on the platforms that run the prognosis steps: VGD_PLATFORM is exactly "KT" or "ZW". Any thread.
+bool is_prognosis_platform();

@@ -1,0 +1,30 @@
+// From environment, files and options to the settings record. Main thread only, before any other thread exists.
+#pragma once
+
+constexpr char version_text[] = "8.0.0-130207154512";
+
+// Opens descriptors 0 to 2 on /dev/null where whoever starts us left them closed.
+void ensure_standard_descriptors();
+
+// Prints the version on standard output and ends the process with exit code 0.
+[[noreturn]] void print_version();
+
+// Checks the environment, creates the record with its defaults and paths, starts the trace, blocks signals.
+// Ends the process with exit code 1 when a variable or memory is missing.
+void init_sched();
+
+// Reads "sched.conf" and "common.ini" into the record. What is missing or not acceptable keeps its default.
+void read_config();
+
+// Applies the command line to the record. Returns the niceness increment. Ends the process for the version or a
+// usage error.
+int parse_options(int argc, char* argv[]);
+
+// HMI table, port, password file, forwarding switch. Ends the process with exit code 1 on failure.
+void init_sched2();
+
+// Lowers our priority. A failure is traced.
+void apply_niceness(int increment);
+
+// Reads the module list. Ends the process with exit code 1 when it cannot be read.
+void load_modules();
