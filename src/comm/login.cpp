@@ -10,7 +10,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
@@ -95,9 +94,8 @@ bool is_valid_login(const hmistruc& hmi, int argc, char* argv[]) {
 }  // namespace
 
 void read_password_file() {
-    const char* directory = std::getenv("VGD_data");
     char path[path_size];
-    format_text(path, "%s/%s", directory != nullptr ? directory : "", "password");
+    format_text(path, "%s/%s", environment("VGD_data"), "password");
     const unique_fd file(open(path, O_RDONLY | O_CLOEXEC));
     if (!file) {
         trprintf("Info:password open fails errno=%d, no authentication required.\n", errno);

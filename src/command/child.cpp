@@ -111,8 +111,8 @@ int init_child_environment() {
     return child_environment == nullptr ? -1 : 0;
 }
 
-pid_t start_child(const char* path, char* const argv[], const char* environment, int output, int null) {
-    child_plan plan{path, argv, build_environment(environment), output, null, sysconf(_SC_OPEN_MAX), {}, 0};
+pid_t start_child(const char* path, char* const argv[], const char* addition, int output, int null) {
+    child_plan plan{path, argv, build_environment(addition), output, null, sysconf(_SC_OPEN_MAX), {}, 0};
     if (plan.descriptor_limit <= 0) {
         plan.descriptor_limit = fallback_descriptor_limit;
     }
@@ -124,7 +124,7 @@ pid_t start_child(const char* path, char* const argv[], const char* environment,
     // blocked or have none.
     const pid_t pid = vfork();  // NOLINT(clang-analyzer-security.insecureAPI.vfork)
     if (pid == 0) {
-        run_child(plan);
+        run_child(plan);  // NOLINT(clang-analyzer-unix.Vfork): plain system calls, and it never returns
     }
     return pid;
 }

@@ -7,7 +7,7 @@
 int init_child_environment();
 
 // Starts the program at path with argv in a process group of its own: no standard input, standard output on output,
-// standard error on null, no other descriptor, environment ("NAME=value" or empty) added to the scheduler's.
+// standard error on null, no other descriptor; addition ("NAME=value" or empty) joins the scheduler's environment.
 // A program that cannot be executed leaves its message on output and ends with exit code 1.
 // Returns the process id, or -1 with errno. Under com_lock (the environment vector is shared).
-pid_t start_child(const char* path, char* const argv[], const char* environment, int output, int null);
+pid_t start_child(const char* path, char* const argv[], const char* addition, int output, int null);

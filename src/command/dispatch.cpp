@@ -9,7 +9,6 @@
 #include "util/text.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 
 constinit posix_mutex com_lock;
@@ -112,22 +111,21 @@ int do_command2(hmistruc* hmi, const char* line, char* capture, int capture_size
     if (entrypath == nullptr) {
         return -1;
     }
-    const char* directory = std::getenv("VGD_bin");
     char path[path_size];
-    format_text(path, "%s/%s", directory != nullptr ? directory : "", entrypath);
+    format_text(path, "%s/%s", environment("VGD_bin"), entrypath);
     int timeout = get_timeout(argv[0]);
     if (timeout < 1) {
         timeout = default_timeout;
     }
-    char environment[environment_size] = "";
+    char remote_host[environment_size] = "";
     int soc = -1;
     if (hmi != nullptr) {
-        format_text(environment, "REMOTEHOST=%s", hmi->remote);
+        format_text(remote_host, "REMOTEHOST=%s", hmi->remote);
         soc = hmi->soc;
     }
     trprintf("command:\"%s\" %s\n", argv[0], "");
     const int status =
-        start_command(path, soc, static_cast<unsigned>(timeout), argv, environment, capture, capture_size);
+        start_command(path, soc, static_cast<unsigned>(timeout), argv, remote_host, capture, capture_size);
     trprintf("command:\"%s\" end. status=%x\n", argv[0], static_cast<unsigned>(status));
     return status;
 }

@@ -23,7 +23,7 @@ constexpr std::size_t chunk_size = 16384;  // bytes of one read; all of them may
 // Set by the alarm handler, cleared before each run, read by the thread that runs a command.
 volatile std::sig_atomic_t timeout_flag = 0;
 
-extern "C" void vgdtout(int /*signal*/) {
+void vgdtout(int /*signal*/) {
     timeout_flag = 1;
 }
 
@@ -158,8 +158,9 @@ void reply_end(int soc, int status, std::int64_t deadline) {
 
 }  // namespace
 
-int start_command(const char* path, int soc, unsigned timeout, char* const argv[], const char* environment,
-                  char* capture, int capture_size) {
+int start_command(const char* path, int soc, unsigned timeout, char* const argv[], const char* addition,
+                  char* capture,  // NOLINT(readability-non-const-parameter): written through relay
+                  int capture_size) {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) {
         trprintf("Error:command:pipe fail(errno=%d)\n", errno);
@@ -172,7 +173,7 @@ int start_command(const char* path, int soc, unsigned timeout, char* const argv[
         trprintf("Error:command:fail to open /dev/null.(errno=%d)\n", errno);
         return -1;
     }
-    const pid_t pid = start_child(path, argv, environment, child_output.get(), null.get());
+    const pid_t pid = start_child(path, argv, addition, child_output.get(), null.get());
     if (pid < 0) {
         trprintf("Error:command:fork fails (errno=%d)\n", errno);
         return -1;

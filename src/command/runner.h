@@ -5,9 +5,9 @@
 // the whole process.
 //   soc          socket that receives the output, LF as CR LF, and the terminating line; -1 for none
 //   timeout      seconds, above 0, after which the program's process group is killed
-//   environment  "NAME=value" to add, or empty
+//   addition     "NAME=value" for the environment, or empty
 //   capture      with soc -1: receives the first capture_size bytes of the output as they are, without a NUL;
 //                null to drop the output
 // Returns the child's wait status (0 for exit code 0), or -1 when it could not be started.
-int start_command(const char* path, int soc, unsigned timeout, char* const argv[], const char* environment,
+int start_command(const char* path, int soc, unsigned timeout, char* const argv[], const char* addition,
                   char* capture, int capture_size);

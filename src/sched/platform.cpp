@@ -1,13 +1,10 @@
 #include "sched/platform.h"
 
-#include <cstdlib>
+#include "util/text.h"
+
 #include <string_view>
 
 bool is_prognosis_platform() {
-    const char* platform = std::getenv("VGD_PLATFORM");
-    if (platform == nullptr) {
-        return false;
-    }
-    const std::string_view code(platform);
+    const std::string_view code(environment("VGD_PLATFORM"));
     return code == "KT" || code == "ZW";
 }

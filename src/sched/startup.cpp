@@ -57,7 +57,7 @@ void create_record() {
 
 // The path of a file in the directory that an environment variable names.
 void build_path(char (&path)[path_size], const char* variable, const char* file) {
-    format_text(path, "%s/%s", std::getenv(variable), file);
+    format_text(path, "%s/%s", environment(variable), file);
 }
 
 void replace_path(char (&path)[path_size], const char* variable) {
@@ -144,7 +144,7 @@ void init_sched() {
     create_record();
     build_paths();
     st->port = service_port();
-    copy_text(st->pipe_path, std::getenv("VGD_PIPE"));
+    copy_text(st->pipe_path, environment("VGD_PIPE"));
     trinit(st->sched_log_path);
     if (init_command() != 0) {
         std::fprintf(stderr, "Error:sched:cannot allocate memory(errno=%d)\n", errno);

@@ -8,7 +8,7 @@ namespace {
 constexpr int ruler_digits = 63;
 
 void show_ruler(int soc) {
-    char digits[ruler_digits + 1] = "";
+    char digits[ruler_digits + 1] = {};
     for (int i = 0; i < ruler_digits; ++i) {
         digits[i] = static_cast<char>('0' + i % 10);
     }
@@ -17,7 +17,7 @@ void show_ruler(int soc) {
 
 template <int N>
 void show_slots(int soc, const char* label, const std::uint8_t (&slots)[N]) {
-    char digits[N + 1] = "";
+    char digits[N + 1] = {};
     for (int i = 0; i < N; ++i) {
         digits[i] = slots[i] != 0 ? '1' : '0';
     }

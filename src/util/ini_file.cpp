@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string_view>
 
@@ -60,12 +59,8 @@ bool find_value(std::FILE* file, const char* section, const char* key) {
 }  // namespace
 
 const char* read_ini_file(const char* file, const char* section, const char* key) {
-    const char* directory = std::getenv("VGD_config");
-    if (directory == nullptr) {
-        return nullptr;
-    }
     char path[path_size];
-    format_text(path, "%s/%s", directory, file);
+    format_text(path, "%s/%s", environment("VGD_config"), file);
     std::FILE* stream = std::fopen(path, "re");
     if (stream == nullptr) {
         return nullptr;

@@ -5,7 +5,14 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
 #include <string_view>
+
+// The value of an environment variable; empty when it is not set. Nothing changes the environment, so any thread.
+inline const char* environment(const char* name) {
+    const char* value = std::getenv(name);
+    return value != nullptr ? value : "";
+}
 
 // Copies text into a buffer whose size comes from its type; cuts what does not fit and always ends with NUL.
 // Returns the number of characters stored.
