@@ -32,10 +32,8 @@ else()
   target_compile_options(sched_options INTERFACE
     -fPIE -fstack-protector-strong
     $<${optimised}:-U_FORTIFY_SOURCE> $<${optimised}:-D_FORTIFY_SOURCE=2>)
-  check_cxx_compiler_flag(-fstack-clash-protection SCHED_HAS_STACK_CLASH)
-  if(SCHED_HAS_STACK_CLASH)
-    target_compile_options(sched_options INTERFACE -fstack-clash-protection)
-  endif()
+  # No -fstack-clash-protection: it touches every page of the connection threads' large buffers, which costs 32
+  # connections some 3 MB of memory; every buffer is of fixed size and filled by code that knows that size.
   target_link_options(sched_options INTERFACE
     $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-pie>
     LINKER:-z,relro LINKER:-z,now LINKER:-z,noexecstack)

@@ -1,3 +1,4 @@
+#include "sched/config.h"
 #include "sched/main_loop.h"
 #include "sched/sched_status.h"
 #include "sched/startup.h"

@@ -15,14 +15,6 @@ int next_slot(int slot) {
     return (slot + 1) % ring_slots;
 }
 
-hmistruc* allocate_entries(std::size_t count) {
-    auto* entries = new (std::nothrow) hmistruc[count]{};
-    if (entries == nullptr) {
-        std::fprintf(stderr, "Error:hmistruc:cannot allocate memory(errno=%d)\n", errno);
-    }
-    return entries;
-}
-
 void reset_entry(hmistruc& entry) REQUIRES(st->hmistruc_lock) {
     entry.flag = 1;
     entry.in = 0;
@@ -47,8 +39,9 @@ int hmistruc_setup(hmistruc& entry) {
 }
 
 int hmistruc_init() {
-    st->hmi = allocate_entries(hmi_max);
+    st->hmi = new (std::nothrow) hmistruc[hmi_max]{};
     if (st->hmi == nullptr) {
+        std::fprintf(stderr, "Error:hmistruc:cannot allocate memory(errno=%d)\n", errno);
         return -1;
     }
     for (int i = 0; i < hmi_max; ++i) {
@@ -56,7 +49,7 @@ int hmistruc_init() {
             return -1;
         }
     }
-    st->dummy_hmi = allocate_entries(1);
+    st->dummy_hmi = new (std::nothrow) hmistruc{};
     return st->dummy_hmi == nullptr ? -1 : hmistruc_setup(*st->dummy_hmi);
 }
 

@@ -48,7 +48,7 @@ struct hmistruc {
 // Creates the table and the dummy entry in st. Returns 0, or -1 when memory is short. Start-up only.
 int hmistruc_init();
 
-// Clears one entry and gives it a zero-filled ring. Returns 0 or -1.
+// Gives an entry that is all zeros its zero-filled ring. Returns 0 or -1.
 int hmistruc_setup(hmistruc& entry);
 
 // Takes a free entry and resets it; the first one in use inherits the dummy's messages. Null when all are in use.

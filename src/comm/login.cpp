@@ -37,15 +37,16 @@ void random_source(char (&source)[256]) {
         trprintf("Error:failed to open /dev/urandom, errno=%d\n", errno);
         return;
     }
-    std::size_t length = 0;
-    for (int i = 0; i < 8; ++i) {
+    constexpr std::size_t digits_per_number = 8;
+    for (std::size_t i = 0; i < 8; ++i) {
         std::uint32_t number = 0;
         if (read(device.get(), &number, sizeof number) != static_cast<ssize_t>(sizeof number)) {
             source[0] = '\0';  // half a challenge could be guessed; the time is used instead
             return;
         }
-        length +=
-            static_cast<std::size_t>(std::snprintf(source + length, sizeof source - length, "%08x", number));
+        char digits[digits_per_number + 1];
+        format_text(digits, "%08x", number);
+        std::memcpy(source + i * digits_per_number, digits, sizeof digits);
     }
 }
 

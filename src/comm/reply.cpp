@@ -29,7 +29,8 @@ void reply_over(int soc, int code, int signal) {
     reply(soc, "__over__ %d %d\r\n", code, signal);
 }
 
-void reply_within(int soc, std::string_view text, std::int64_t deadline) {
+void reply_within(int soc, std::string_view text, std::int64_t& patience) {
+    const std::int64_t deadline = monotonic_ms() + patience;
     while (!text.empty()) {
         const ssize_t sent = send(soc, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
         if (sent >= 0) {
@@ -39,9 +40,11 @@ void reply_within(int soc, std::string_view text, std::int64_t deadline) {
         if (errno != EAGAIN && errno != EINTR) {
             return;
         }
-        const std::int64_t left = deadline - monotonic_ms();
+        patience = deadline - monotonic_ms();
         pollfd room{soc, POLLOUT, 0};
-        if (left <= 0 || poll(&room, 1, static_cast<int>(left)) < 0) {
+        if (patience <= 0 || poll(&room, 1, static_cast<int>(patience)) < 0) {
+            patience = 0;
+            shutdown(soc, SHUT_RDWR);
             return;
         }
     }

@@ -25,9 +25,10 @@ void reply_text(int soc, std::string_view text);
 // Writes "__over__ code signal": 0 0 for success, 1 0 for the failure of an internal command.
 void reply_over(int soc, int code, int signal);
 
-// Writes text, waiting for room until the monotonic clock reaches deadline (milliseconds), then gives up: for
-// writes under com_lock, which a stalled peer must not hold.
-void reply_within(int soc, std::string_view text, std::int64_t deadline);
+// Writes text, waiting for room for patience milliseconds in all, and takes off patience what it waited: for writes
+// under com_lock, which a stalled peer must not hold. Out of patience it shuts the connection down, since the peer
+// would take the next answer for this one.
+void reply_within(int soc, std::string_view text, std::int64_t& patience);
 
 // Takes what the peer has already sent and closes the socket: closing over unread bytes would reset the connection,
 // and the peer might lose the last answer.

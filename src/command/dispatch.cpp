@@ -5,7 +5,6 @@
 #include "command/module_table.h"
 #include "command/runner.h"
 #include "trace/trace.h"
-#include "util/clock.h"
 #include "util/text.h"
 
 #include <algorithm>
@@ -23,7 +22,8 @@ constexpr int default_timeout = 60;           // seconds
 // com_lock is held here, so a peer that does not read is not waited for longer than a moment.
 void refuse(const hmistruc* hmi, std::string_view answer) {
     if (hmi != nullptr) {
-        reply_within(hmi->soc, answer, monotonic_ms() + reply_patience_ms);
+        std::int64_t patience = reply_patience_ms;
+        reply_within(hmi->soc, answer, patience);
     }
 }
 
@@ -48,7 +48,7 @@ const char* accept_command(const hmistruc* hmi, const char* line, char* const ar
     return entrypath;
 }
 
-// Runs what timer jobs parked meanwhile, in the order of their numbers. format tells who drains.
+// Runs what timer jobs parked meanwhile, in the order of their numbers.
 void drain_delayed(const char* caller) REQUIRES(com_lock) {
     const mutex_guard guard(queue_lock);
     for (int number = 1; number < cmdq_slots; ++number) {

@@ -32,10 +32,10 @@ bool is_internal_entry(const module_entry& entry) {
 
 void clear_table() {
     for (int i = 0; i < module_max; ++i) {
-        mod[i].name[0] = '\0';
+        std::memset(mod[i].name, 0, sizeof mod[i].name);
         mod[i].enabled = 0;
-        mod[i].entrypath[0] = '\0';
-        mod[i].display[0] = '\0';
+        std::memset(mod[i].entrypath, 0, sizeof mod[i].entrypath);
+        std::memset(mod[i].display, 0, sizeof mod[i].display);
         mod[i].timeout = 0;
     }
 }

@@ -3,7 +3,6 @@
 #include "comm/reply.h"
 #include "command/child.h"
 #include "trace/trace.h"
-#include "util/clock.h"
 #include "util/text.h"
 #include "util/unique_fd.h"
 
@@ -128,7 +127,7 @@ void relay_output(int pipe, relay& to) {
 }
 
 int wait_for_child(pid_t pid) {
-    int status = 0;
+    int status = -1;  // of no program: neither success nor a condition
     pid_t ended = 0;
     do {
         ended = waitpid(pid, &status, 0);
@@ -144,16 +143,16 @@ void wait_for_stray_children() {
     }
 }
 
-// The terminating line. deadline is shared with the line end before it: a peer that has stopped reading costs the
+// The terminating line. patience is shared with the line end before it: a peer that has stopped reading costs the
 // next module run five seconds at most.
-void reply_end(int soc, int status, std::int64_t deadline) {
+void reply_end(int soc, int status, std::int64_t& patience) {
     if (timeout_flag != 0) {
-        reply_within(soc, timeout_line, deadline);
+        reply_within(soc, timeout_line, patience);
         return;
     }
     char over[64];
     const std::size_t length = format_text(over, "__over__ %d %d\r\n", (status >> 8) & 0xff, status & 0xff);
-    reply_within(soc, {over, length}, deadline);
+    reply_within(soc, {over, length}, patience);
 }
 
 }  // namespace
@@ -166,9 +165,9 @@ int start_command(const char* path, int soc, unsigned timeout, char* const argv[
         trprintf("Error:command:pipe fail(errno=%d)\n", errno);
         return -1;
     }
-    const unique_fd output(ends[0]);
+    unique_fd output(ends[0]);
     unique_fd child_output(ends[1]);
-    const unique_fd null(open("/dev/null", O_RDWR | O_CLOEXEC));
+    unique_fd null(open("/dev/null", O_RDWR | O_CLOEXEC));
     if (!null) {
         trprintf("Error:command:fail to open /dev/null.(errno=%d)\n", errno);
         return -1;
@@ -185,19 +184,21 @@ int start_command(const char* path, int soc, unsigned timeout, char* const argv[
         const module_alarm alarm(timeout);
         relay_output(output.get(), to);
     }
-    const std::int64_t deadline = monotonic_ms() + reply_patience_ms;
-    if (soc >= 0 && !to.hmi_error && !to.ends_with_lf) {
-        reply_within(soc, "\r\n", deadline);
-    }
     if (to.hmi_error || timeout_flag != 0) {
         trprintf("Error:command:timeout or error:path=%s timeout=%d pid=%d hmi_err=%d\n", path,
                  static_cast<int>(timeout), pid, to.hmi_error ? 1 : 0);
         killpg(pid, SIGKILL);
     }
+    std::int64_t patience = reply_patience_ms;
+    if (soc >= 0 && !to.hmi_error && !to.ends_with_lf) {
+        reply_within(soc, "\r\n", patience);
+    }
     const int status = wait_for_child(pid);
+    output.reset();
+    null.reset();
     wait_for_stray_children();
     if (soc >= 0) {
-        reply_end(soc, status, deadline);
+        reply_end(soc, status, patience);
     }
     return status;
 }

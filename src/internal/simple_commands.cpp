@@ -26,6 +26,7 @@ void do_hello(hmistruc& hmi, int argc, char* argv[]) {
 void do_restart(hmistruc& hmi, int argc, char* argv[]) {
     if (argc > 1 && std::strcmp(argv[1], "sched") == 0) {
         trprintf("\"restart sched\" is issued by HMI(%s).\n", hmi.remote);
+        drain_and_close(hmi.soc);
         exit_process(0);
     }
 }

@@ -1,5 +1,4 @@
-// Settings from the two INI files.
-#include "sched/startup.h"
+#include "sched/config.h"
 
 #include "sched/sched_status.h"
 #include "trace/trace.h"

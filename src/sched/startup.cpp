@@ -14,7 +14,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
 #include <netdb.h>
 #include <new>
@@ -86,18 +85,27 @@ int service_port() {
     return service != nullptr ? ntohs(static_cast<std::uint16_t>(service->s_port)) : default_port;
 }
 
+void set_action(int signal, void (*handler)(int)) {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    sigaction(signal, &action, nullptr);
+}
+
 // Only the signals with which an operator ends us get through. Threads and children inherit this; a write to a
 // closed socket fails with an error instead of ending the process.
-void block_signals() {
+void set_up_signals() {
     sigset_t blocked;
     sigfillset(&blocked);
     sigdelset(&blocked, SIGINT);
     sigdelset(&blocked, SIGTERM);
     sigdelset(&blocked, SIGQUIT);
     pthread_sigmask(SIG_SETMASK, &blocked, nullptr);
-    struct sigaction ignore {};
-    ignore.sa_handler = SIG_IGN;
-    sigaction(SIGALRM, &ignore, nullptr);
+    set_action(SIGALRM, SIG_IGN);
+    // Whoever starts us may have had these ignored, as shells do for what they run in the background. Without the
+    // first of them no child's status could be had.
+    for (const int signal : {SIGCHLD, SIGINT, SIGTERM, SIGQUIT}) {
+        set_action(signal, SIG_DFL);
+    }
 }
 
 [[noreturn]] void print_usage() {
@@ -150,7 +158,7 @@ void init_sched() {
         std::fprintf(stderr, "Error:sched:cannot allocate memory(errno=%d)\n", errno);
         fail();
     }
-    block_signals();
+    set_up_signals();
     st->pendtime = default_interval;
     openlog("vgd", LOG_PID | LOG_CONS, LOG_DAEMON);
     st->syslog_poll_interval = default_interval;

@@ -13,9 +13,6 @@ void ensure_standard_descriptors();
 // Ends the process with exit code 1 when a variable or memory is missing.
 void init_sched();
 
-// Reads "sched.conf" and "common.ini" into the record. What is missing or not acceptable keeps its default.
-void read_config();
-
 // Applies the command line to the record. Returns the niceness increment. Ends the process for the version or a
 // usage error.
 int parse_options(int argc, char* argv[]);
