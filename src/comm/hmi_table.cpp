@@ -17,6 +17,8 @@ int next_slot(int slot) {
 
 void reset_entry(hmistruc& entry) REQUIRES(st->hmistruc_lock) {
     entry.flag = 1;
+    entry.remote[0] = '\0';  // until admission fills it in, nobody is shown the former client
+    entry.tid = 0;
     entry.in = 0;
     entry.out = 0;
     entry.lost = 0;

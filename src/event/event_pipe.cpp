@@ -31,7 +31,10 @@ const char* strip_prefix(const char* prefix, const char* text) {
 // writer. Returns the descriptor or -1.
 int open_pipe_reader() {
     const int fd = open(st->pipe_path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0 || fd >= FD_SETSIZE) {  // a descriptor that select cannot take is of no use
+    if (fd >= FD_SETSIZE) {  // select cannot take it, so it is of no use
+        close(fd);
+    }
+    if (fd < 0 || fd >= FD_SETSIZE) {
         trprintf("Error:event:VGDpipe \"%s\" open fails.\n", st->pipe_path);
         return -1;
     }

@@ -2,6 +2,7 @@
 
 #include "command/dispatch.h"
 #include "util/ini_file.h"
+#include "util/mutex.h"
 #include "util/text.h"
 
 #include <cstring>
@@ -28,6 +29,9 @@ bool is_any_section_active() {
 }  // namespace
 
 int syslog_enable_check() {
+    // Reading and storing are one step: else a caller that read the file before it changed could store last.
+    static constinit posix_mutex checking;
+    const mutex_guard guard(checking);
     qmx_syslog_is_enable = is_any_section_active() ? 1 : 0;
     return 0;
 }

@@ -12,6 +12,7 @@
 #include <netinet/tcp.h>
 #include <string_view>
 #include <sys/socket.h>
+#include <sys/time.h>
 
 namespace {
 
@@ -20,9 +21,13 @@ constexpr std::size_t address_gap = 6;      // characters of the text it replace
 constexpr std::size_t first_line_min = 17;
 constexpr std::size_t printable_max = 63;  // characters of a text that the trace shows
 
-// The receiver's loss is noticed by nobody: what is written to it is not looked at.
+constexpr timeval receiver_patience{10, 0};  // seconds, for the connection and for each write
+
+// The receiver's loss is not reported to anyone. One that takes no more is given up, so that no torn line follows.
 void put(int fd, std::string_view text) {
-    [[maybe_unused]] const ssize_t written = send(fd, text.data(), text.size(), MSG_NOSIGNAL);
+    if (send(fd, text.data(), text.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(text.size())) {
+        shutdown(fd, SHUT_RDWR);
+    }
 }
 
 void write_first_line(int fd, const hmistruc& hmi, std::string_view text) {
@@ -38,8 +43,8 @@ void write_first_line(int fd, const hmistruc& hmi, std::string_view text) {
     put(fd, text.substr(address_offset + address_gap));
 }
 
-// Connects to the resource receiver. Returns the socket, or -1 with the reason traced. May take as long as the
-// system waits for a silent host; no lock is held.
+// Connects to the resource receiver. Returns the socket, or -1 with the reason traced. May take as long as a
+// silent host is waited for; no lock is held.
 int connect_to_receiver() {
     sockaddr_in receiver{};
     receiver.sin_family = AF_INET;
@@ -54,6 +59,8 @@ int connect_to_receiver() {
         trprintf("Error:res_data:failed to create socket, errno=%d\n", errno);
         return -1;
     }
+    // A receiver that hangs must not keep the connection, and the operator lock it may hold, for ever.
+    setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &receiver_patience, sizeof receiver_patience);
     const int on = 1;  // a line is several small writes, none of which should wait for an acknowledgement
     setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     if (connect(fd.get(), reinterpret_cast<const sockaddr*>(&receiver), sizeof receiver) != 0) {

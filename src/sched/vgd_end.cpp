@@ -3,7 +3,9 @@
 #include "command/dispatch.h"
 #include "trace/trace.h"
 
+#include <atomic>
 #include <cstdlib>
+#include <unistd.h>
 
 void exit_process(int code) {
     // exit() must not run in two threads at once. Never unlocked: a second caller waits for the process to be gone.
@@ -13,7 +15,14 @@ void exit_process(int code) {
 }
 
 void run_vgd_end() {
+    static std::atomic<int> callers = 0;
+    ++callers;
     trprintf("Info:calling VGDend\n");
     do_command_with_buffer("allmodcall\tstop", nullptr, 0);
+    // The last one ends the process, so that no caller's modules are left in the middle of their stop.
+    const bool is_last = --callers == 0;
+    while (!is_last) {
+        pause();
+    }
     exit_process(0);
 }

@@ -112,7 +112,13 @@ void timer_main() {
     timer_state state{now_seconds()};
     server_uptime_init();
     timer_read_jobs();
+    std::time_t last = 0;
     for (;;) {
-        timer_pass(state, sleep_to_multiple(minute));
+        const std::time_t t = sleep_to_multiple(minute);
+        if (t / minute == last / minute) {
+            continue;  // the clock was set back during the pass; a minute never runs twice
+        }
+        timer_pass(state, t);
+        last = t;
     }
 }
