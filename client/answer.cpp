@@ -1,0 +1,155 @@
+#include "answer.h"
+
+#include <csignal>
+#include <cstdio>
+
+namespace client {
+
+namespace {
+
+// The shapes of a terminating line. One with fields goes on after its word, to at most `longest` bytes in
+// all.
+struct terminator {
+    std::string_view word;
+    ending how;
+    std::size_t longest;  // 0: the word is the whole line
+};
+
+constexpr terminator terminators[] = {
+    {"__over__ ", ending::over, 20},      {"__timeout__\r\n", ending::timeout, 0},
+    {"__busy__\r\n", ending::busy, 0},    {"__unsupported__\r\n", ending::unsupported, 0},
+    {"__unauth__ ", ending::unauth, 256}, {"Good-bye.\r\n", ending::goodbye, 0},
+};
+
+// Exit code and text for the operator, in the order of `ending`.
+struct meaning {
+    int code;
+    const char* text;
+};
+
+constexpr meaning meanings[] = {
+    {0, ""},
+    {exit_module_timeout, "timed out: the module was killed"},
+    {exit_busy, "busy: switched off or locked"},
+    {exit_unsupported, "unsupported: the scheduler does not know this command"},
+    {exit_login, "login required"},
+    {0, ""},
+    {exit_connection, "no connection"},
+    {exit_silence, "no answer in time"},
+    {128 + SIGINT, "stopped waiting"},
+    {exit_login, "login refused"},
+};
+
+// What follows the word; true only for the very line that these fields make.
+bool read_fields(const std::string& line, answer_end& end) {
+    if (end.how == ending::over) {
+        int status = 0;
+        if (std::sscanf(line.c_str(), "__over__ %3d %3d", &end.code, &status) != 2)
+            return false;
+        end.signal = status & 0x7f;  // the eighth bit tells of a core dump
+        return line == "__over__ " + std::to_string(end.code) + " " + std::to_string(status) + "\r\n";
+    }
+    char nonce[128];
+    char salt[128];
+    if (std::sscanf(line.c_str(), "__unauth__ %127s %127s", nonce, salt) != 2)
+        return false;
+    end.nonce = nonce;
+    end.salt = salt;
+    return line == "__unauth__ " + end.nonce + " " + end.salt + "\r\n";
+}
+
+}  // namespace
+
+int exit_code_of(const answer_end& end) {
+    if (end.how == ending::over)
+        return end.signal != 0 ? 128 + end.signal : end.code;
+    return meanings[static_cast<std::size_t>(end.how)].code;
+}
+
+std::string describe(const answer_end& end) {
+    if (end.how == ending::over && end.signal != 0)
+        return "ended by signal " + std::to_string(end.signal);
+    if (end.how == ending::over)
+        return end.code != 0 ? "exit code " + std::to_string(end.code) : "";
+    const std::string text = meanings[static_cast<std::size_t>(end.how)].text;
+    return end.reason.empty() ? text : text + ": " + end.reason;
+}
+
+std::size_t answer_parser::feed(std::string_view bytes, std::string& text) {
+    std::size_t used = 0;
+    while (used < bytes.size() && !done_) {
+        if (holding_) {
+            held_ += bytes[used++];
+            if (held_.back() == '\n' && is_end()) {
+                done_ = true;
+            } else if (!may_end()) {
+                release(text);
+            }
+            continue;
+        }
+        const std::size_t line_feed = bytes.find('\n', used);
+        const std::size_t stop = line_feed == std::string_view::npos ? bytes.size() : line_feed + 1;
+        put(bytes.substr(used, stop - used), text);
+        used = stop;
+    }
+    return used;
+}
+
+// Only the words for a finished command come after output; "Good-bye." answers nothing but `quit`.
+bool answer_parser::expected(ending how) const {
+    if (how == ending::over || how == ending::timeout)
+        return true;
+    return first_line_ && (how != ending::goodbye || quitting_);
+}
+
+bool answer_parser::may_end() const {
+    for (const terminator& t : terminators) {
+        if (!expected(t.how))
+            continue;
+        if (held_.size() <= t.word.size()
+                ? t.word.starts_with(held_)
+                : held_.starts_with(t.word) && held_.size() < t.longest && held_.back() != '\n') {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool answer_parser::is_end() {
+    for (const terminator& t : terminators) {
+        if (!expected(t.how) || !held_.starts_with(t.word))
+            continue;
+        end_.how = t.how;
+        return t.longest == 0 || read_fields(held_, end_);
+    }
+    return false;
+}
+
+void answer_parser::release(std::string& text) {
+    holding_ = false;
+    const std::string line = std::move(held_);
+    held_.clear();
+    put(line, text);
+}
+
+// part holds at most one LF, at its end.
+void answer_parser::put(std::string_view part, std::string& text) {
+    if (cr_ && part != "\n")
+        text += '\r';
+    cr_ = false;
+    if (part.ends_with("\r\n")) {
+        text.append(part, 0, part.size() - 2);
+        text += '\n';
+    } else if (part.ends_with('\r')) {
+        text.append(part, 0, part.size() - 1);
+        cr_ = true;
+    } else {
+        text += part;
+    }
+    if (part.ends_with('\n')) {
+        holding_ = true;
+        first_line_ = false;
+    }
+}
+
+}  // namespace client

@@ -1,0 +1,85 @@
+// Finds the end of one command's answer in the bytes that the scheduler sends, and how the command ended.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace client {
+
+// How waiting for an answer ended. The first six are the scheduler's own words, the others are ours.
+enum class ending {
+    over,           // finished: code and signal are set
+    timeout,        // the module overran its time-out and was killed
+    busy,           // switched off, or locked
+    unsupported,    // no such command
+    unauth,         // login wanted: nonce and salt are set
+    goodbye,        // the scheduler leaves the connection
+    closed,         // no connection, or it went away; reason is set
+    silent,         // nothing came for as long as we were told to wait
+    interrupted,    // the operator stopped waiting
+    login_refused,  // no password, or a wrong one
+};
+
+struct answer_end {
+    answer_end(ending how_ended = ending::closed, std::string why = "")
+        : how(how_ended), reason(std::move(why)) {}
+
+    ending how;
+    int code = 0;    // exit code of the module, 0 to 255
+    int signal = 0;  // signal that ended the module, 0 when it ended by itself
+    std::string nonce;
+    std::string salt;
+    std::string reason;
+};
+
+// Exit codes of schedctl itself. A module's own code passes through and a signal is 128 + its number (129 to
+// 192), so these begin at 200, where neither modules nor shells are usually found.
+enum exit_code : int {
+    exit_usage = 200,
+    exit_busy = 201,
+    exit_unsupported = 202,
+    exit_module_timeout = 203,
+    exit_login = 204,
+    exit_connection = 205,
+    exit_silence = 206,
+};
+
+int exit_code_of(const answer_end& end);
+
+// One line for the operator; empty for a command that succeeded.
+std::string describe(const answer_end& end);
+
+// Reads one answer. A module's output is a raw stream: a terminating word counts only as a whole line, and
+// the words that refuse a command only as its first line, since a command that was refused has no output.
+class answer_parser {
+public:
+    // quitting: the command was `quit`, whose answer ends with "Good-bye.".
+    explicit answer_parser(bool quitting = false) : quitting_(quitting) {}
+
+    // Appends the output found in bytes to text, CR LF turned into LF, and returns how many bytes were used:
+    // all of them, or those up to the end of the answer. Output is handed on at once; held back is only a
+    // line's beginning that may still become a terminating line, and a CR whose LF may follow.
+    std::size_t feed(std::string_view bytes, std::string& text);
+
+    bool done() const { return done_; }
+    const answer_end& end() const { return end_; }
+
+private:
+    bool expected(ending how) const;
+    bool may_end() const;
+    bool is_end();
+    void release(std::string& text);
+    void put(std::string_view part, std::string& text);
+
+    bool quitting_;
+    bool done_ = false;
+    bool holding_ = true;     // at the beginning of a line that may end the answer
+    bool first_line_ = true;  // nothing of the output seen yet
+    bool cr_ = false;         // a CR was held back
+    std::string held_;
+    answer_end end_;
+};
+
+}  // namespace client

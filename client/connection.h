@@ -1,0 +1,56 @@
+// The TCP connection to the scheduler: opening, waiting, bytes in and lines out.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace client {
+
+class signal_watch;
+
+// Where and how to connect.
+struct endpoint {
+    std::string host;        // name or IPv4 address; the scheduler speaks IPv4 only
+    std::uint16_t port = 0;  // host byte order
+    std::string source;      // local IPv4 address to connect from; empty: the system chooses
+    unsigned timeout = 0;    // seconds of silence before giving up; 0: none, and 10 for connecting
+};
+
+enum class wake { input, stopped, time };
+
+class connection {
+public:
+    // signals may be null: then signals act as the process set them.
+    connection(endpoint where, signal_watch* signals) : where_(std::move(where)), signals_(signals) {}
+    ~connection() { close(); }
+    connection(const connection&) = delete;
+    connection& operator=(const connection&) = delete;
+
+    // input: connected. stopped: the operator stopped it. time: there is no connection, error says why.
+    wake open(std::string& error);
+    void close();
+    bool is_open() const { return fd_ >= 0; }
+    int fd() const { return fd_; }
+
+    // Sends one request line; CR is added. false when the connection is gone.
+    bool send_line(std::string_view line);
+
+    // Waits until bytes can be read, the operator stops the wait, or the silence has lasted too long.
+    wake wait();
+
+    // Bytes that have come, at most 64 KiB; empty at the end of the connection. Valid until the next call.
+    std::string_view receive();
+
+private:
+    wake connect_to(const void* address, unsigned length, std::string& error);
+    wake wait_for(short events, unsigned seconds);
+
+    endpoint where_;
+    signal_watch* signals_;
+    int fd_ = -1;
+    std::string buffer_;
+};
+
+}  // namespace client

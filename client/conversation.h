@@ -1,0 +1,59 @@
+// Commands and their answers over one connection, with the login and the commands that are answered by
+// silence.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "answer.h"
+#include "connection.h"
+#include "login.h"
+
+namespace client {
+
+struct settings;
+
+class conversation {
+public:
+    // Takes output as it comes; line ends are LF.
+    using sink = std::function<void(std::string_view)>;
+
+    // signals may be null; the others must outlive the conversation.
+    conversation(const settings& chosen, signal_watch* signals);
+
+    // Runs one command: connects when there is no connection, logs in when the scheduler wants it and then
+    // sends the command once more. Words that cannot be sent end with `closed` and nothing sent.
+    answer_end run(const std::vector<std::string>& words, const sink& output);
+
+    // The connection's descriptor, -1 without one: worth watching while no command runs.
+    int fd() const { return link_.fd(); }
+
+    // An answer that nobody waits for any more is still to come.
+    bool late() const { return late_.has_value(); }
+
+    // Reads what has come while no command runs, and drops it. One line for the operator when the late answer
+    // is complete or the connection is gone, else empty.
+    std::string absorb();
+
+private:
+    answer_end connect();
+    answer_end ask(const std::vector<std::string>& words, const sink& output);
+    answer_end log_in(const answer_end& challenge);
+    answer_end exchange(const std::vector<std::string>& words, const sink& output);
+    answer_end exchange_ipset(const std::string& line, const sink& output);
+    answer_end exchange_restart(const std::string& line, bool known, const sink& output);
+    answer_end exchange_line(std::string_view line, const sink& output);
+    answer_end receive(answer_parser& parser, const sink& output);
+    answer_end lost();
+
+    const settings& settings_;
+    connection link_;
+    password_source password_;
+    std::optional<answer_parser> late_;
+    std::string unread_;  // bytes that came after the end of an answer
+};
+
+}  // namespace client

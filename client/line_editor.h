@@ -1,0 +1,55 @@
+// The line editor of the session: history, completion, and a prompt during which the connection is watched
+// too.
+#pragma once
+
+#include <histedit.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace client {
+
+class signal_watch;
+
+class line_editor {
+public:
+    enum class result { line, end_of_input, interrupted };
+
+    // One exists at a time. history_file: read now and written by the destructor; empty: history lives for
+    // the session.
+    line_editor(const std::string& prompt, const std::string& history_file, signal_watch& signals);
+    ~line_editor();
+    line_editor(const line_editor&) = delete;
+    line_editor& operator=(const line_editor&) = delete;
+
+    // Words that may follow what is typed so far: given the words before the one at the cursor.
+    std::function<std::vector<std::string>(const std::vector<std::string>&)> candidates;
+
+    // While the operator types, `watched` gives a descriptor (-1 for none) and `readable` is called when
+    // bytes have come for it; a text that it returns is shown above the prompt.
+    std::function<int()> watched;
+    std::function<std::string()> readable;
+
+    // Reads one line without its line feed and puts it into the history.
+    result read(std::string& line);
+
+private:
+    static char* prompt_of(EditLine* editor);
+    static int next_char(EditLine* editor, wchar_t* wide);
+    static unsigned char complete(EditLine* editor, int key);
+    static unsigned char interrupt(EditLine* editor, int key);
+    static line_editor& self(EditLine* editor);
+
+    bool wait_for_key();
+    void show_above(const std::string& text);
+
+    std::string prompt_;
+    std::string history_file_;
+    signal_watch& signals_;
+    EditLine* editor_;
+    History* history_;
+    bool interrupted_ = false;
+};
+
+}  // namespace client

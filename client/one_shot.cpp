@@ -1,0 +1,70 @@
+#include "one_shot.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <system_error>
+
+#include "conversation.h"
+#include "json.h"
+#include "options.h"
+#include "text.h"
+#include "words.h"
+
+namespace client {
+
+namespace {
+
+using to_json = std::string (*)(std::string_view);
+
+int fail(const std::string& problem) {
+    std::fprintf(stderr, "schedctl: %s\n", problem.c_str());
+    return exit_usage;
+}
+
+void print(std::string_view text) {
+    if (!write_all(STDOUT_FILENO, text))
+        std::exit(fail(std::string("cannot write: ") + std::generic_category().message(errno)));
+}
+
+to_json json_writer(const std::vector<std::string>& words) {
+    if (words[0] == "status")
+        return status_json;
+    if (words.size() == 2 && words[0] == "show" && words[1] == "ip")
+        return show_ip_json;
+    return nullptr;
+}
+
+}  // namespace
+
+int run_one_shot(const settings& chosen) {
+    std::string line;
+    std::string problem;
+    if (!join_words(chosen.words, line, problem))
+        return fail(problem);
+    const to_json convert = chosen.json ? json_writer(chosen.words) : nullptr;
+    if (chosen.json && convert == nullptr)
+        return fail("--json is for `status` and `show ip`");
+
+    conversation talk(chosen, nullptr);
+    printable_text filter;
+    std::string kept;
+    const bool terminal = isatty(STDOUT_FILENO) == 1;
+    const answer_end end = talk.run(chosen.words, [&](std::string_view text) {
+        if (convert != nullptr) {
+            kept += text;
+        } else {
+            print(terminal ? filter.clean(text) : text);
+        }
+    });
+    if (convert != nullptr && end.how == ending::over)
+        print(convert(kept));
+    const bool module_spoke = end.how == ending::over && end.signal == 0;
+    if (!module_spoke && !describe(end).empty())
+        std::fprintf(stderr, "schedctl: %s\n", describe(end).c_str());
+    return exit_code_of(end);
+}
+
+}  // namespace client

@@ -1,0 +1,25 @@
+// What the operator asked for: options, then environment, then the services database, then built-in values.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "connection.h"
+
+namespace client {
+
+struct settings {
+    endpoint where;
+    std::string user;           // sent with "hello"; empty: not sent
+    std::string password_file;  // empty: ask on the terminal
+    bool json = false;
+    bool watch = false;
+    unsigned interval = 2;           // seconds between two looks of `watch`
+    std::vector<std::string> words;  // the command; empty: a session
+};
+
+// Reads the command line. An exit code when the program shall end at once (help, a mistake), else nothing.
+std::optional<int> parse_options(int argc, char** argv, settings& chosen);
+
+}  // namespace client

@@ -1,0 +1,88 @@
+#include "report.h"
+
+#include <cstdio>
+
+namespace client {
+
+namespace {
+
+constexpr std::size_t date_length = 25;  // 2026-11-16T15:47:03+00:00
+
+template <typename reader>
+void each_line(std::string_view text, reader read) {
+    while (!text.empty()) {
+        const std::size_t end = text.find('\n');
+        read(std::string(text.substr(0, end)));
+        text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+    }
+}
+
+}  // namespace
+
+std::string now_date() {
+    const std::time_t now = std::time(nullptr);
+    std::tm local{};
+    localtime_r(&now, &local);
+    char text[32];
+    const std::size_t length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S%z", &local);
+    return std::string(text, length).insert(length - 2, ":");
+}
+
+std::optional<std::time_t> seconds_of(const std::string& date) {
+    std::tm t{};
+    char sign = 0;
+    int hours = 0;
+    int minutes = 0;
+    if (date.size() != date_length ||
+        std::sscanf(date.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d%c%2d:%2d", &t.tm_year, &t.tm_mon, &t.tm_mday,
+                    &t.tm_hour, &t.tm_min, &t.tm_sec, &sign, &hours, &minutes) != 9 ||
+        (sign != '+' && sign != '-')) {
+        return std::nullopt;
+    }
+    t.tm_year -= 1900;
+    t.tm_mon -= 1;
+    const std::time_t offset = (hours * 60 + minutes) * 60;
+    return timegm(&t) - (sign == '+' ? offset : -offset);
+}
+
+status_report parse_status(std::string_view answer) {
+    status_report report;
+    each_line(answer, [&report](const std::string& line) {
+        char name[16];
+        char date[32];
+        if (line.size() > date_length && line[date_length] == ';' &&
+            seconds_of(line.substr(0, date_length))) {
+            report.messages.push_back({line.substr(0, date_length), line.substr(date_length + 1)});
+        } else if (std::sscanf(line.c_str(), "W0100: message queue overflow, %lu messages", &report.lost) ==
+                   1) {
+            return;
+        } else if (std::sscanf(line.c_str(), "%15s %31s", name, date) == 2 && seconds_of(date)) {
+            report.conditions.push_back({name, date});
+        }
+    });
+    return report;
+}
+
+std::vector<hmi_row> parse_show_ip(std::string_view answer) {
+    std::vector<hmi_row> rows;
+    each_line(answer, [&rows](const std::string& line) {
+        // The user's name is whatever a client sent, so it is what lies between two marks.
+        const std::size_t user = line.find(" user=");
+        const std::size_t login = line.rfind(" login=");
+        int day[6];
+        if (!line.starts_with("ip=") || user == std::string::npos || login == std::string::npos ||
+            login < user + 6 ||
+            std::sscanf(line.c_str() + login, " login=%d/%d/%d %d:%d:%d", day, day + 1, day + 2, day + 3,
+                        day + 4, day + 5) != 6) {
+            return;
+        }
+        char text[96];
+        std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d", day[0], day[1], day[2], day[3],
+                      day[4], day[5]);
+        rows.push_back({line.substr(3, user - 3), line.substr(user + 6, login - user - 6), text,
+                        line.ends_with(" locked=1")});
+    });
+    return rows;
+}
+
+}  // namespace client

@@ -1,0 +1,46 @@
+// What the answers of `status` and `show ip` say.
+#pragma once
+
+#include <ctime>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace client {
+
+struct condition {
+    std::string name;
+    std::string since;  // ISO 8601 with zone offset, as the scheduler writes it
+    bool operator==(const condition&) const = default;
+};
+
+struct message {
+    std::string date;  // as above
+    std::string text;
+};
+
+struct status_report {
+    std::vector<condition> conditions;  // in the scheduler's order; "confdate" is always there
+    std::vector<message> messages;      // oldest first
+    unsigned long lost = 0;             // messages dropped because nobody collected them in time
+};
+
+struct hmi_row {
+    std::string ip;
+    std::string user;
+    std::string login;  // scheduler's local time, "YYYY-MM-DDTHH:MM:SS"
+    bool locked = false;
+};
+
+// Lines end with LF; lines of another form are passed over.
+status_report parse_status(std::string_view answer);
+std::vector<hmi_row> parse_show_ip(std::string_view answer);
+
+// This moment as such a date.
+std::string now_date();
+
+// Seconds since the epoch of a date as above.
+std::optional<std::time_t> seconds_of(const std::string& date);
+
+}  // namespace client

@@ -1,0 +1,17 @@
+// schedctl: the operator's client of the scheduler.
+#include <clocale>
+
+#include "one_shot.h"
+#include "options.h"
+#include "session.h"
+#include "watch.h"
+
+int main(int argc, char** argv) {
+    std::setlocale(LC_CTYPE, "");
+    client::settings chosen;
+    if (const std::optional<int> end = client::parse_options(argc, argv, chosen))
+        return *end;
+    if (chosen.watch)
+        return client::run_watch(chosen);
+    return chosen.words.empty() ? client::run_session(chosen) : client::run_one_shot(chosen);
+}

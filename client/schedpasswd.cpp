@@ -1,0 +1,83 @@
+// schedpasswd: writes or checks the scheduler's password file.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+
+#include "password_file.h"
+#include "secret.h"
+
+namespace {
+
+constexpr int exit_wrong = 1;    // --check: another password
+constexpr int exit_trouble = 2;  // usage, no password, or the file cannot be used
+
+struct request {
+    std::string file;
+    bool check = false;
+    bool from_input = false;
+};
+
+int fail(const std::string& problem) {
+    std::fprintf(stderr, "schedpasswd: %s\n", problem.c_str());
+    return exit_trouble;
+}
+
+bool get_password(const request& asked, std::string& password, std::string& problem) {
+    if (!asked.from_input)
+        return client::ask_password(asked.check ? "Password: " : "New password: ", !asked.check, password,
+                                    problem);
+    problem = "no password on standard input";
+    return static_cast<bool>(std::getline(std::cin, password));
+}
+
+int check(const request& asked) {
+    client::password_record record;
+    std::string password;
+    std::string problem;
+    if (!client::read_password_file(asked.file, record, problem) || !get_password(asked, password, problem))
+        return fail(problem);
+    const bool right = client::hash_text(record.salt, password) == record.hash;
+    client::wipe(password);
+    std::puts(right ? "The password is right." : "The password is wrong.");
+    return right ? 0 : exit_wrong;
+}
+
+int set(const request& asked) {
+    std::string password;
+    std::string problem;
+    if (!get_password(asked, password, problem))
+        return fail(problem);
+    if (password.empty())
+        return fail("an empty password protects nothing");
+    const std::string salt = client::random_alphanumeric(8);
+    const client::password_record record{client::hash_text(salt, password), salt};
+    client::wipe(password);
+    if (!client::write_password_file(asked.file, record, problem))
+        return fail(problem);
+    std::printf("%s is written; the scheduler reads it at its next start.\n", asked.file.c_str());
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    request asked;
+    CLI::App app("Writes the password file that makes the scheduler ask its clients for a login.",
+                 "schedpasswd");
+    app.footer("Exit codes: 0 done, or the password is right; 1 the password is wrong (--check); 2 trouble.");
+    app.add_option("FILE", asked.file, "Password file; $VGD_data/password when it is left out");
+    app.add_flag("--check", asked.check, "Verify a password against the file instead of writing it");
+    app.add_flag("--stdin", asked.from_input, "Read the password from one line of standard input");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& problem) {
+        return app.exit(problem) == 0 ? 0 : exit_trouble;
+    }
+    const char* data = std::getenv("VGD_data");
+    if (asked.file.empty() && data != nullptr)
+        asked.file = std::string(data) + "/password";
+    if (asked.file.empty())
+        return fail("no FILE, and VGD_data is not set");
+    return asked.check ? check(asked) : set(asked);
+}

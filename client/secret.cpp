@@ -1,0 +1,102 @@
+#include "secret.h"
+
+#include <fcntl.h>
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+#include <sys/random.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+
+namespace client {
+
+namespace {
+
+constexpr std::string_view alphanumeric = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+constexpr int longest_password = 512;
+
+void fail(const char* what) {
+    std::perror(what);
+    std::exit(1);
+}
+
+// Up to 256 bytes come whole.
+void random_bytes(unsigned char* bytes, std::size_t count) {
+    if (getrandom(bytes, count, 0) != static_cast<ssize_t>(count))
+        fail("getrandom");
+}
+
+std::string hex(const unsigned char* bytes, std::size_t count) {
+    constexpr char digits[] = "0123456789abcdef";
+    std::string text;
+    for (std::size_t i = 0; i < count; ++i) {
+        text += digits[bytes[i] >> 4];
+        text += digits[bytes[i] & 15];
+    }
+    return text;
+}
+
+}  // namespace
+
+std::string sha256_hex(std::string_view text) {
+    std::array<unsigned char, EVP_MAX_MD_SIZE> digest;
+    unsigned length = 0;
+    if (EVP_Digest(text.data(), text.size(), digest.data(), &length, EVP_sha256(), nullptr) != 1)
+        fail("SHA-256");
+    return hex(digest.data(), length);
+}
+
+std::string hash_text(std::string_view salt, std::string_view password) {
+    std::string joined = std::string(salt).append(password);
+    std::string text = sha256_hex(joined);
+    wipe(joined);
+    return text;
+}
+
+std::string random_hex(std::size_t bytes) {
+    std::string raw(bytes, '\0');
+    random_bytes(reinterpret_cast<unsigned char*>(raw.data()), bytes);
+    return hex(reinterpret_cast<const unsigned char*>(raw.data()), bytes);
+}
+
+std::string random_alphanumeric(std::size_t length) {
+    // Bytes beyond the last whole multiple of 62 would make the first characters likelier, so they are thrown
+    // again.
+    constexpr std::size_t fair = 256 / alphanumeric.size() * alphanumeric.size();
+    std::string text;
+    while (text.size() < length) {
+        unsigned char byte = 0;
+        random_bytes(&byte, 1);
+        if (byte < fair)
+            text += alphanumeric[byte % alphanumeric.size()];
+    }
+    return text;
+}
+
+bool ask_password(const std::string& prompt, bool verify, std::string& password, std::string& problem) {
+    // libcrypto's prompt would fall back to standard input, where a script keeps what is meant for someone
+    // else.
+    const int terminal = open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (terminal < 0) {
+        problem = "no terminal to ask for the password";
+        return false;
+    }
+    close(terminal);
+    char typed[longest_password + 1];
+    const int result = EVP_read_pw_string_min(typed, 0, longest_password, prompt.c_str(), verify ? 1 : 0);
+    if (result == 0)
+        password = typed;
+    else
+        problem = result == -1 && verify ? "the passwords differ" : "no password given";
+    OPENSSL_cleanse(typed, sizeof typed);
+    return result == 0;
+}
+
+void wipe(std::string& text) {
+    OPENSSL_cleanse(text.data(), text.size());
+    text.clear();
+}
+
+}  // namespace client

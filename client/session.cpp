@@ -1,0 +1,183 @@
+#include "session.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+
+#include "conversation.h"
+#include "line_editor.h"
+#include "options.h"
+#include "signals.h"
+#include "text.h"
+#include "words.h"
+
+namespace client {
+
+namespace {
+
+using word_list = std::vector<std::string>;
+
+// The words that the scheduler itself may answer, and those that can follow.
+constexpr const char* internal_words[] = {"status", "modcntl", "debug",    "quit",    "restart",
+                                          "lock",   "unlock",  "show",     "hello",   "login",
+                                          "ipset",  "send",    "res_data", "res_send"};
+constexpr std::pair<const char*, const char*> following[] = {
+    {"debug", "timer"}, {"debug", "hmi"}, {"restart", "sched"}, {"show", "ip"}, {"show", "allowed_ip"}};
+
+// $XDG_STATE_HOME/schedctl/history, its directories made when they are missing; empty when there is no home.
+std::string history_path() {
+    const char* state = std::getenv("XDG_STATE_HOME");
+    const char* home = std::getenv("HOME");
+    std::string path;
+    if (state != nullptr && state[0] == '/')
+        path = state;
+    else if (home != nullptr && home[0] == '/')
+        path = std::string(home) + "/.local/state";
+    else
+        return "";
+    path += "/schedctl/";
+    for (std::size_t at = path.find('/', 1); at != std::string::npos; at = path.find('/', at + 1)) {
+        mkdir(path.substr(0, at).c_str(), 0700);
+    }
+    return path + "history";
+}
+
+class session {
+public:
+    // signals: null when commands come from a pipe.
+    session(const settings& chosen, signal_watch* signals)
+        : chosen_(chosen), signals_(signals), talk_(chosen, signals) {}
+    int at_terminal();
+    int from_pipe();
+
+private:
+    answer_end run(const word_list& words);
+    bool run_line(const std::string& line);
+    word_list candidates(const word_list& earlier);
+    void load_modules();
+
+    const settings& chosen_;
+    signal_watch* signals_;
+    conversation talk_;
+    word_list modules_;
+    int exit_code_ = 0;
+};
+
+answer_end session::run(const word_list& words) {
+    const bool terminal = signals_ != nullptr;
+    printable_text filter;
+    const auto print = [&filter, terminal](std::string_view text) {
+        if (!write_all(STDOUT_FILENO, terminal ? filter.clean(text) : text))
+            std::exit(exit_usage);
+    };
+    if (terminal && talk_.late())
+        std::puts("(waiting for the answer given up earlier; Ctrl-C drops it)");
+    std::fflush(stdout);
+    answer_end end = talk_.run(words, print);
+    const std::string result = describe(end);
+    if (!result.empty())
+        std::fprintf(terminal ? stdout : stderr, terminal ? "[%s]\n" : "schedctl: %s\n", result.c_str());
+    if (terminal && talk_.late())
+        std::puts("(its answer, when it comes, will be dropped)");
+    if (terminal && talk_.fd() < 0 && end.how == ending::interrupted)
+        std::puts("(the connection is closed; the next command opens a new one)");
+    return end;
+}
+
+// false when the session is over.
+bool session::run_line(const std::string& line) {
+    word_list words;
+    std::string joined;
+    std::string problem = "a quote is not closed";
+    if (!split_words(line, words) || (!words.empty() && !join_words(words, joined, problem))) {
+        std::fprintf(stderr, "schedctl: %s\n", problem.c_str());
+        exit_code_ = exit_usage;
+        return true;
+    }
+    if (words.empty())
+        return true;
+    const answer_end end = run(words);
+    exit_code_ = exit_code_of(end);
+    return end.how != ending::goodbye && (signals_ == nullptr || !signals_->leaving());
+}
+
+// The words for completion. That the scheduler has no such listing is not worth a message; that it cannot be
+// reached is.
+void session::load_modules() {
+    std::string listing;
+    printable_text filter;
+    const auto collect = [&](std::string_view text) { listing += filter.clean(text); };
+    const answer_end end = talk_.run({"modcntl"}, collect);
+    if (end.how == ending::closed || end.how == ending::login_refused)
+        std::printf("[%s]\n", describe(end).c_str());
+    word_list fields;
+    for (std::size_t at = 0, eol = 0; (eol = listing.find('\n', at)) != std::string::npos; at = eol + 1) {
+        if (split_words(std::string_view(listing).substr(at, eol - at), fields) && fields.size() == 2) {
+            modules_.push_back(fields[0]);
+        }
+    }
+}
+
+word_list session::candidates(const word_list& earlier) {
+    word_list words;
+    if (earlier.empty()) {
+        words = modules_;
+        words.insert(words.end(), std::begin(internal_words), std::end(internal_words));
+        std::sort(words.begin(), words.end());
+        words.erase(std::unique(words.begin(), words.end()), words.end());
+    } else if (earlier[0] == "modcntl") {
+        if (earlier.size() == 1)
+            words = modules_;
+        if (earlier.size() == 2)
+            words = {"on", "off"};
+    } else if (earlier.size() == 1) {
+        for (const auto& [word, next] : following)
+            if (earlier[0] == word)
+                words.emplace_back(next);
+    }
+    return words;
+}
+
+int session::at_terminal() {
+    load_modules();
+    const std::string place = chosen_.where.host + ":" + std::to_string(chosen_.where.port);
+    line_editor editor((chosen_.user.empty() ? place : chosen_.user + "@" + place) + "> ", history_path(),
+                       *signals_);
+    editor.candidates = [this](const word_list& earlier) { return candidates(earlier); };
+    editor.watched = [this] { return talk_.fd(); };
+    editor.readable = [this] { return talk_.absorb(); };
+    std::string line;
+    for (bool going = true; going;) {
+        const line_editor::result got = editor.read(line);
+        if (got == line_editor::result::line)
+            going = run_line(line);
+        if (got != line_editor::result::end_of_input)
+            continue;
+        std::puts("quit");
+        if (talk_.fd() >= 0 && !talk_.late() && !signals_->leaving())
+            run({"quit"});
+        going = false;
+    }
+    return 0;
+}
+
+int session::from_pipe() {
+    for (std::string line; std::getline(std::cin, line) && run_line(line);)
+        continue;
+    return exit_code_;
+}
+
+}  // namespace
+
+int run_session(const settings& chosen) {
+    if (isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0)
+        return session(chosen, nullptr).from_pipe();
+    signal_watch signals;
+    return session(chosen, &signals).at_terminal();
+}
+
+}  // namespace client

@@ -1,0 +1,47 @@
+// Signals as readable events: the session and the live view wait for the network, the keyboard and signals at
+// once, and a signal that came a moment before the wait must not be lost.
+#pragma once
+
+#include <csignal>
+
+namespace client {
+
+// Blocks SIGINT, SIGTERM, SIGHUP and SIGWINCH for its lifetime and makes them readable. One at a time.
+class signal_watch {
+public:
+    signal_watch();
+    ~signal_watch();
+    signal_watch(const signal_watch&) = delete;
+    signal_watch& operator=(const signal_watch&) = delete;
+
+    int fd() const { return fd_; }
+
+    // Takes what has come. true when the operator wants the wait to end: SIGINT, or a signal to leave.
+    bool take();
+
+    // SIGTERM or SIGHUP came.
+    bool leaving() const { return leaving_; }
+
+    // SIGWINCH came since the last call.
+    bool resized();
+
+private:
+    sigset_t before_;
+    int fd_ = -1;
+    bool leaving_ = false;
+    bool resized_ = false;
+};
+
+// Lets the watched signals through in the usual way while a prompt handles them itself.
+class signals_through {
+public:
+    signals_through();
+    ~signals_through();
+    signals_through(const signals_through&) = delete;
+    signals_through& operator=(const signals_through&) = delete;
+
+private:
+    sigset_t before_;
+};
+
+}  // namespace client

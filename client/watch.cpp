@@ -1,0 +1,144 @@
+#include "watch.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "conversation.h"
+#include "options.h"
+#include "signals.h"
+#include "watch_view.h"
+
+namespace client {
+
+namespace {
+
+bool can_draw() {
+    const char* term = std::getenv("TERM");
+    return isatty(STDOUT_FILENO) == 1 && term != nullptr && term[0] != '\0' && std::strcmp(term, "dumb") != 0;
+}
+
+const condition* find(const std::vector<condition>& conditions, const std::string& name) {
+    const auto found = std::find_if(conditions.begin(), conditions.end(),
+                                    [&](const condition& c) { return c.name == name; });
+    return found != conditions.end() ? &*found : nullptr;
+}
+
+// What is new in the report since the last one, as dated lines.
+std::vector<message> changes(const std::vector<condition>& before, const status_report& report) {
+    std::vector<message> lines;
+    for (const condition& c : report.conditions) {
+        const condition* known = find(before, c.name);
+        if (known == nullptr || *known != c)
+            lines.push_back({c.since, "condition " + c.name + " set"});
+    }
+    for (const condition& c : before) {
+        if (find(report.conditions, c.name) == nullptr)
+            lines.push_back({now_date(), "condition " + c.name + " cleared"});
+    }
+    for (const message& m : report.messages)
+        lines.push_back({m.date, "message " + m.text});
+    if (report.lost != 0)
+        lines.push_back({now_date(), "lost " + std::to_string(report.lost) + " messages"});
+    return lines;
+}
+
+class watch {
+public:
+    explicit watch(const settings& chosen) : chosen_(chosen), talk_(chosen, &signals_), drawing_(can_draw()) {
+        shown_.title = chosen.where.host + ":" + std::to_string(chosen.where.port);
+    }
+    int run();
+
+private:
+    bool look(answer_end& end);
+    void take(const status_report& report);
+    bool pause();
+
+    const settings& chosen_;
+    signal_watch signals_;
+    conversation talk_;
+    bool drawing_;
+    bool answered_ = false;  // the scheduler has answered once: from now on its loss is waited out
+    watch_picture shown_;
+};
+
+// One look; false when there is no sense in another.
+bool watch::look(answer_end& end) {
+    std::string text;
+    end = talk_.run({"status"}, [&text](std::string_view part) { text += part; });
+    if (end.how == ending::over) {
+        if (!drawing_ && answered_ && !shown_.trouble.empty())
+            print_line({now_date(), "connected"});
+        answered_ = true;
+        shown_.trouble.clear();
+        take(parse_status(text));
+        return true;
+    }
+    const bool passing = end.how == ending::closed || end.how == ending::silent;
+    if (!answered_ || !passing)
+        return false;
+    if (!drawing_ && shown_.trouble.empty())
+        print_line({now_date(), "disconnected: " + describe(end)});
+    shown_.trouble = describe(end);
+    return true;
+}
+
+void watch::take(const status_report& report) {
+    if (!drawing_) {
+        for (const message& line : changes(shown_.conditions, report))
+            print_line(line);
+    }
+    shown_.conditions = report.conditions;
+    shown_.messages.insert(shown_.messages.end(), report.messages.begin(), report.messages.end());
+    if (report.lost != 0)
+        shown_.messages.push_back({now_date(), std::to_string(report.lost) + " messages were lost"});
+    while (shown_.messages.size() > most_messages)
+        shown_.messages.pop_front();
+}
+
+// Waits until the next look is due; a drawn picture is brought up to date each second and when its size
+// changes. false when the operator leaves.
+bool watch::pause() {
+    using clock = std::chrono::steady_clock;
+    const clock::time_point due = clock::now() + std::chrono::seconds(chosen_.interval);
+    for (;;) {
+        if (drawing_)
+            draw(shown_);
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(due - clock::now()).count();
+        if (left <= 0)
+            return true;
+        pollfd ready{signals_.fd(), POLLIN, 0};
+        const auto limit = drawing_ ? std::min<decltype(left)>(left, 1000) : left;
+        if (poll(&ready, 1, static_cast<int>(limit)) > 0 && signals_.take())
+            return false;
+    }
+}
+
+int watch::run() {
+    answer_end end;
+    bool going = look(end);
+    if (going && drawing_)
+        enter_screen();
+    while (going && pause())
+        going = look(end);
+    if (answered_ && drawing_)
+        leave_screen(shown_);
+    if (going || end.how == ending::interrupted)
+        return 0;
+    std::fprintf(stderr, "schedctl: %s\n", describe(end).c_str());
+    return exit_code_of(end);
+}
+
+}  // namespace
+
+int run_watch(const settings& chosen) {
+    return watch(chosen).run();
+}
+
+}  // namespace client

@@ -1,0 +1,44 @@
+#include "words.h"
+
+namespace client {
+
+bool split_words(std::string_view line, std::vector<std::string>& words) {
+    char quote = '\0';
+    bool inside = false;
+    words.clear();
+    for (const char c : line) {
+        if (quote == '\0' && (c == ' ' || c == '\t' || c == '\n')) {
+            inside = false;
+            continue;
+        }
+        if (!inside)
+            words.emplace_back();
+        inside = true;
+        if (quote == '\0' ? c == '\'' || c == '"' : c == quote) {
+            quote = quote == '\0' ? c : '\0';
+        } else {
+            words.back() += c;
+        }
+    }
+    return quote == '\0';
+}
+
+bool join_words(const std::vector<std::string>& words, std::string& line, std::string& problem) {
+    line.clear();
+    for (const std::string& word : words) {
+        if (word.find_first_of(std::string_view("\t\r\n\0", 4)) != std::string::npos) {
+            problem = "a word cannot hold a tab, a line end or a NUL";
+            return false;
+        }
+        if (&word != &words.front())
+            line += '\t';
+        line += word;
+    }
+    if (words.size() > most_words)
+        problem = "more than " + std::to_string(most_words) + " words";
+    if (line.size() > longest_line)
+        problem = "more than " + std::to_string(longest_line) + " characters";
+    return words.size() <= most_words && line.size() <= longest_line;
+}
+
+}  // namespace client

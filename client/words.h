@@ -1,0 +1,20 @@
+// Command words: from what the operator types to a request line.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace client {
+
+// What the scheduler takes in one line; more would be refused or read as another command.
+constexpr std::size_t most_words = 15;
+constexpr std::size_t longest_line = 16382;
+
+// Cuts a typed line at blanks; '…' and "…" keep blanks in a word. false when a quote is left open.
+bool split_words(std::string_view line, std::vector<std::string>& words);
+
+// Joins the words with TABs. false when they cannot be sent as one line; problem says why.
+bool join_words(const std::vector<std::string>& words, std::string& line, std::string& problem);
+
+}  // namespace client
