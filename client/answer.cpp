@@ -7,8 +7,7 @@ namespace client {
 
 namespace {
 
-// The shapes of a terminating line. One with fields goes on after its word, to at most `longest` bytes in
-// all.
+// The shapes of a terminating line. One with fields goes on after its word, to `longest` bytes at most.
 struct terminator {
     std::string_view word;
     ending how;

@@ -112,7 +112,7 @@ wake connection::wait_for(short events, unsigned seconds) {
             return wake::time;
         if (count < 0)
             continue;  // only a signal that the process handles elsewhere
-        if (ready[1].revents != 0 && signals_->take())
+        if (signals_ != nullptr && ready[1].revents != 0 && signals_->take())
             return wake::stopped;
         if (ready[0].revents != 0)
             return wake::input;

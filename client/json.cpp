@@ -11,7 +11,7 @@ namespace {
 using json = nlohmann::ordered_json;
 
 std::string line_of(const json& value) {
-    return value.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
+    return value.dump(-1, ' ', true, json::error_handler_t::replace) + "\n";
 }
 
 }  // namespace

@@ -43,9 +43,10 @@ line_editor::line_editor(const std::string& prompt, const std::string& history_f
     el_set(editor_, EL_EDITOR, "emacs");
     el_set(editor_, EL_HIST, history, history_);
     el_set(editor_, EL_GETCFN, next_char);
-    el_set(editor_, EL_ADDFN, "schedctl-complete", "complete the word", complete);
+    // The wide call keeps these texts as they are; the narrow one makes copies that nobody frees.
+    el_wset(editor_, EL_ADDFN, L"schedctl-complete", L"complete the word", complete);
+    el_wset(editor_, EL_ADDFN, L"schedctl-interrupt", L"drop the line", interrupt);
     el_set(editor_, EL_BIND, "^I", "schedctl-complete", nullptr);
-    el_set(editor_, EL_ADDFN, "schedctl-interrupt", "drop the line", interrupt);
     el_set(editor_, EL_BIND, "^C", "schedctl-interrupt", nullptr);
     el_set(editor_, EL_BIND, "^R", "em-inc-search-prev", nullptr);
     el_source(editor_, nullptr);  // the operator's own ~/.editrc
@@ -139,13 +140,13 @@ int line_editor::next_char(EditLine* editor, wchar_t* wide) {
     }
 }
 
-unsigned char line_editor::interrupt(EditLine* editor, int) {
+unsigned char line_editor::interrupt(EditLine* editor, std::wint_t) {
     self(editor).interrupted_ = true;
     std::fputs("^C\n", stdout);
     return CC_EOF;
 }
 
-unsigned char line_editor::complete(EditLine* editor, int) {
+unsigned char line_editor::complete(EditLine* editor, std::wint_t) {
     line_editor& own = self(editor);
     const LineInfo* info = el_line(editor);
     const std::string before(info->buffer, static_cast<std::size_t>(info->cursor - info->buffer));

@@ -4,6 +4,7 @@
 
 #include <histedit.h>
 
+#include <cwchar>
 #include <functional>
 #include <string>
 #include <vector>
@@ -37,8 +38,8 @@ public:
 private:
     static char* prompt_of(EditLine* editor);
     static int next_char(EditLine* editor, wchar_t* wide);
-    static unsigned char complete(EditLine* editor, int key);
-    static unsigned char interrupt(EditLine* editor, int key);
+    static unsigned char complete(EditLine* editor, std::wint_t key);
+    static unsigned char interrupt(EditLine* editor, std::wint_t key);
     static line_editor& self(EditLine* editor);
 
     bool wait_for_key();

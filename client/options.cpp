@@ -27,7 +27,8 @@ constexpr const char* exit_codes =
     "  204    login refused\n"
     "  205    no connection, or it was closed before the answer was complete\n"
     "  206    no answer within --timeout\n"
-    "A module that itself exits with 128 or more cannot be told from these; the text on standard error can.";
+    "A module may exit with a code of this list itself; for the client's own there is a message on standard\n"
+    "error.";
 
 // The services entry `vgdsched`, else the scheduler's own default.
 std::uint16_t default_port() {
@@ -80,6 +81,7 @@ std::optional<int> parse_options(int argc, char** argv, settings& chosen) {
     app.get_formatter()->label("SUBCOMMAND", "WORD... | watch");
     add_options(app, chosen);
     CLI::App* watch = app.add_subcommand("watch", "Show the status live until Ctrl-C");
+    watch->fallthrough();  // the options above may follow the word
     watch->add_option("-n,--interval", chosen.interval, "Seconds between two looks")
         ->check(CLI::Range(1, 3600))
         ->capture_default_str();
@@ -93,8 +95,10 @@ std::optional<int> parse_options(int argc, char** argv, settings& chosen) {
         take_trailing_json(chosen);
         if (!chosen.words.empty() && chosen.words.front().starts_with("-"))
             throw CLI::ExtrasError(chosen.words);
-        if (chosen.watch && chosen.json)
-            throw CLI::ExcludesError("watch", "--json");
+        if (chosen.watch && !chosen.words.empty())
+            throw CLI::ExtrasError(chosen.words);
+        if (chosen.json && chosen.words.empty())
+            throw CLI::RequiresError("--json", "`status` or `show ip`");
     } catch (const CLI::ParseError& problem) {
         return app.exit(problem) == 0 ? 0 : exit_usage;
     }

@@ -75,7 +75,7 @@ int main(int argc, char** argv) {
         return app.exit(problem) == 0 ? 0 : exit_trouble;
     }
     const char* data = std::getenv("VGD_data");
-    if (asked.file.empty() && data != nullptr)
+    if (asked.file.empty() && data != nullptr && data[0] != '\0')
         asked.file = std::string(data) + "/password";
     if (asked.file.empty())
         return fail("no FILE, and VGD_data is not set");

@@ -20,9 +20,10 @@ void run_vgd_end() {
     trprintf("Info:calling VGDend\n");
     do_command_with_buffer("allmodcall\tstop", nullptr, 0);
     // The last one ends the process, so that no caller's modules are left in the middle of their stop.
-    const bool is_last = --callers == 0;
-    while (!is_last) {
-        pause();
+    if (--callers > 0) {
+        for (;;) {
+            pause();
+        }
     }
     exit_process(0);
 }
