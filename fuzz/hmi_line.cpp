@@ -1,0 +1,89 @@
+// A connection's bytes: lines, login gate, dispatch and answers. The modules do nothing, and the word that would end
+// the process is not listed.
+#include "support.h"
+
+#include "comm/connection.h"
+#include "command/module_table.h"
+
+#include <cstring>
+#include <sstream>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <thread>
+
+namespace {
+
+struct Operators : fuzz::Suite {
+    Operators() {
+        write("vgd_modules",
+              "true true - 5\nfalse false x 5\ngone no/such/program - 5\nehello true - 5\nstatus - - 0\n"
+              "modcntl - x 0\ndebug - - 0\nquit - - 0\nlock - - 0\nunlock - - 0\nshow - - 0\nhello - - 0\n"
+              "login - - 0\nipset - - 0\nsend - - 0\nres_data - - 0\nres_send - - 0\nunhandled - - 0\n");
+        setenv("VGD_bin", "/bin", 1);
+        fuzz::require(hmistruc_init() == 0 && read_modules() == 0, "the tables can be made");
+        std::memset(st->auth_hash, 'a', 64);
+        std::memset(st->auth_salt, 's', 8);
+        st->udp_dest_port = st->qmxut_port = 9;  // nobody listens there
+    }
+};
+
+// Serves one connection that sends text and then ends; what it is answered.
+std::string conversation(const char* address, const std::string& text) {
+    int ends[2];
+    fuzz::require(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0, "sockets can be had");
+    fuzz::require(send(ends[1], text.data(), text.size(), 0) == static_cast<ssize_t>(text.size()), "it fits");
+    shutdown(ends[1], SHUT_WR);
+    std::string answers;
+    std::thread reader([&] { answers = fuzz::read_to_end(ends[1]); });
+    struct sigaction action {};  // a module's alarm takes the place of the fuzzer's
+    itimerval timer{};
+    sigaction(SIGALRM, nullptr, &action);
+    getitimer(ITIMER_REAL, &timer);
+    hmistruc& hmi = *hmistruc_get();
+    hmistruc_set_text(hmi.remote, address);
+    hmi.soc = ends[0];
+    hmi_main(hmi);
+    sigaction(SIGALRM, &action, nullptr);
+    setitimer(ITIMER_REAL, &timer, nullptr);
+    reader.join();
+    close(ends[1]);
+    fuzz::require(hmi.flag == 0 && hmi.soc == -1 && hmi.resource_fd == -1, "everything is given back");
+    return answers;
+}
+
+// The lines of a request, an unfinished last one included.
+std::vector<std::string> requests(const std::string& text) {
+    std::vector<std::string> lines(1);
+    for (const char byte : text) {
+        if (byte != '\r' && byte != '\n' && byte != '\0') lines.back() += byte;
+        if (byte == '\r' || lines.back().size() == line_max - 1) lines.emplace_back();
+    }
+    if (lines.back().empty()) lines.pop_back();
+    return lines;
+}
+
+}  // namespace
+
+// The first byte chooses the client's address and the length of a field put before the rest, up to beyond a line's.
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const Operators operators;
+    if (size == 0) return 0;
+    const bool local = (data[0] & 1) != 0;
+    const std::string text = std::string((data[0] >> 1) * 256U, 'x') + std::string(fuzz::text_of(data + 1, size - 1));
+    for (int i = 0; i < mod_max; i++) mod[i].enabled = 1;
+    const std::string answers = conversation(local ? "127.0.0.1" : "192.0.2.1", text);
+
+    const std::vector<std::string> lines = requests(text);
+    const bool quiet = std::any_of(lines.begin(), lines.end(),  // an address is taken once, without an answer
+                                   [](const std::string& line) { return line.starts_with("ipset\t"); });
+    std::size_t ended = 0;
+    std::istringstream received(answers);
+    for (std::string line; std::getline(received, line);) {
+        for (const char* word : {"__over__ ", "__timeout__\r", "__busy__\r", "__unsupported__\r", "__unauth__ "})
+            ended += line.starts_with(word) ? 1U : 0U;
+        fuzz::require(local || !line.starts_with("__over__ 0 "), "nothing is done before the login");
+    }
+    fuzz::require(ended <= lines.size(), "no line has two answers");
+    fuzz::require(ended + (quiet ? 1U : 0U) >= lines.size() || answers.ends_with("Good-bye.\r\n"), "each line has one");
+    return 0;
+}

@@ -1,0 +1,19 @@
+// The password file: valid as a whole or not at all.
+#include "support.h"
+
+#include "comm/login.h"
+
+#include <sstream>
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const fuzz::Suite suite;
+    suite.write("password", fuzz::text_of(data, size));
+    read_password_file();
+    std::istringstream words(std::string(fuzz::text_of(data, size).substr(0, 127)).c_str());
+    std::string hash;
+    std::string salt;
+    words >> hash >> salt;
+    if (hash.size() != 64 || salt.size() != 8) hash = salt = "";
+    fuzz::require(hash == st->auth_hash && salt == st->auth_salt, "both readings find the same words");
+    return 0;
+}

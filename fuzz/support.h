@@ -1,0 +1,80 @@
+// What the fuzz targets share: a suite directory, the input as a file's pieces, and the end of a run that found
+// something. Every target reads its input a second time, in plain library terms, and compares.
+#pragma once
+
+#include "sched/sched_status.h"
+#include "sched/startup.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <string_view>
+#include <unistd.h>
+#include <vector>
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+
+namespace fuzz {
+
+// Ends the run when something that always holds does not; a fuzzer then keeps the input.
+inline void require(bool holds, const char* what) {
+    if (!holds) {
+        std::fprintf(stderr, "does not hold: %s\n", what);
+        std::abort();
+    }
+}
+
+inline std::string_view text_of(const std::uint8_t* data, std::size_t size) {
+    return {reinterpret_cast<const char*>(data), size};
+}
+
+// The pieces in which a file is read: up to a newline, which is left out, or max bytes; each is cut at its first NUL.
+inline std::vector<std::string> pieces_of(std::string_view text, std::size_t max) {
+    std::vector<std::string> pieces;
+    while (!text.empty()) {
+        const std::size_t end = std::min({text.find('\n'), max, text.size()});
+        pieces.emplace_back(std::string(text.substr(0, end)).c_str());
+        text.remove_prefix(end < max && end < text.size() ? end + 1 : end);
+    }
+    return pieces;
+}
+
+inline std::string read_to_end(int fd) {
+    std::string all;
+    char piece[4096];
+    for (ssize_t got; (got = read(fd, piece, sizeof piece)) > 0;) all.append(piece, static_cast<std::size_t>(got));
+    return all;
+}
+
+// A record as start-up makes it: all its directories one scratch directory, its trace on /dev/null. The signals stay
+// as they were, since the fuzzer needs its own.
+struct Suite {
+    Suite() {
+        for (const char* name : {"bin", "config", "temp", "update", "data", "log", "PIPE"})
+            setenv((std::string("VGD_") + name).c_str(), dir.c_str(), 1);
+        sigset_t mask;
+        struct sigaction alarm {};
+        pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+        sigaction(SIGALRM, nullptr, &alarm);
+        init_sched();
+        sigaction(SIGALRM, &alarm, nullptr);
+        pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+        st->debug = 1;
+        require(std::freopen("/dev/null", "w", stdout) != nullptr, "/dev/null can be opened");
+    }
+    ~Suite() { std::filesystem::remove_all(dir); }
+    Suite(const Suite&) = delete;
+    Suite& operator=(const Suite&) = delete;
+
+    void write(const std::string& name, std::string_view text) const {
+        require((std::ofstream(dir + "/" + name) << text).flush().good(), "the input can be written");
+    }
+
+    char pattern[32] = "/dev/shm/sched-fuzz-XXXXXX";  // in memory: it is written anew for each input
+    const std::string dir = mkdtemp(pattern);
+};
+
+}  // namespace fuzz

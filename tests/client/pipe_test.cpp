@@ -1,0 +1,214 @@
+// The operator's tools in pipes and scripts: output byte for byte, exit codes, JSON, the password file.
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <nlohmann/json.hpp>
+
+#include "e2e/harness.h"
+
+using namespace e2e;
+
+namespace {
+
+struct result {
+    int code;  // exit code, or 128 and the signal
+    std::string out;
+    std::string err;
+};
+
+// A command line of the shell, without a terminal that could be asked for a password.
+result run(const Suite& suite, const std::string& command, const std::string& input = "") {
+    suite.write("in", input);
+    const std::string full = "VGD_data=" + suite.path("data") + " SCHED_PORT=" + std::to_string(suite.port) +
+                             " exec setsid -w " + command + " <" + suite.path("in") + " >" + suite.path("o") + " 2>" +
+                             suite.path("e");
+    const int status = std::system(full.c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), suite.read("o"), suite.read("e")};
+}
+
+result ctl(const Suite& suite, const std::string& arguments, const std::string& input = "") {
+    return run(suite, SCHEDCTL_BINARY " " + arguments, input);
+}
+
+class ClientPipe : public testing::Test {
+protected:
+    void SetUp() override {
+        suite.module("odd", R"(case $1 in
+exit) exit $2 ;;
+signal) kill -$2 $$ ;;
+text) printf "$2" ;;
+drip) for piece in 'a_' '_o' '\n__ov' 'er__ 7\n' '__ti'; do printf "$piece"; sleep 0.05; done ;;
+wait) echo begin; while [ ! -e "$2" ]; do sleep 0.02; done; echo end ;;
+many) seq 300000 ;;
+late) sleep 1.5 ;;
+args) shift; printf '<%s>' "$@" ;;
+esac
+)");
+        suite.module("slow", "exec sleep 30", 1);
+    }
+
+    Suite suite;
+};
+
+TEST_F(ClientPipe, ExitCodesAndMessages) {
+    suite.write("wrong", "falsch\n");
+    ASSERT_EQ(run(suite, SCHEDPASSWD_BINARY " --stdin", "geheim\n").code, 0);
+    suite.start();
+    const std::string nobody = std::to_string(free_port());
+    const struct {
+        std::string arguments;
+        int code;
+        std::string out;
+        std::string err;  // a part of it; empty: nothing is said
+    } cases[] = {
+        {"parts status", 0, "", ""},
+        {"odd exit 7", 7, "", ""},
+        {"odd signal 15", 128 + 15, "", "signal 15"},
+        {"slow", 203, "", "timed out"},
+        {"modcntl odd off", 0, "", ""},
+        {"odd exit 0", 201, "", "busy"},
+        {"modcntl odd on", 0, "", ""},
+        {"modcntl odd", 1, "Usage: modcntl module on/off\n", ""},
+        {"odd args 'a b' '' c", 0, "<a b><><c>\n", ""},
+        {"fly", 202, "", "unsupported"},
+        {"''", 202, "", "unsupported"},
+        {"ipset 10.0.0.5", 0, "", ""},
+        {"ipset 300.1.1.1", 1, "", ""},
+        {"ipset", 1, "", ""},
+        {"restart", 202, "", "unsupported"},
+        {"restart odd", 202, "", "unsupported"},
+        {"quit", 0, "", ""},
+        {"status --json extra", 0, "confdate  DATE\n", ""},
+        {"1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16", 200, "", "more than 15 words"},
+        {"\"odd$(printf '\\tx')\"", 200, "", "cannot hold a tab"},
+        {"--json lock", 200, "", "--json"},
+        {"--nonsense status", 200, "", "--nonsense"},
+        {"-p 99999 status", 200, "", "port"},
+        {"-p " + nobody + " status", 205, "", "Connection refused"},
+        {"-b 127.0.0.2 status", 204, "", "no terminal"},
+        {"-b 127.0.0.2 --password-file " + suite.path("wrong") + " status", 204, "", "wrong password"},
+        {"-t 1 odd late", 206, "", "no answer"},
+        {"restart sched", 0, "", ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.arguments);
+        const result got = ctl(suite, c.arguments);
+        EXPECT_EQ(got.code, c.code);
+        EXPECT_EQ(mask_dates(got.out), c.out);
+        EXPECT_TRUE(c.err.empty() ? got.err.empty() : got.err.find(c.err) != std::string::npos) << got.err;
+    }
+    EXPECT_EQ(suite.wait_exit(), 0);
+}
+
+// Output that resembles the scheduler's own words, line ends of all kinds, and pieces at awkward places.
+TEST_F(ClientPipe, OutputByteForByte) {
+    suite.start();
+    const struct {
+        std::string arguments;
+        std::string out;
+    } cases[] = {
+        {R"(odd text 'a\nb')", "a\nb\n"},
+        {R"(odd text 'a\r\nb\rc\r\r\n\rd\r')", "a\r\nb\rc\r\r\n\rd\r\n"},
+        {R"(odd text '\n\n\000\001\377\n')", "\n\n\0\1\377\n"s},
+        {R"(odd text 'x\n__busy__\nGood-bye.\n__unauth__ a b\n__unsupported__\n')",
+         "x\n__busy__\nGood-bye.\n__unauth__ a b\n__unsupported__\n"},
+        {R"(odd text '__over__\n__over__ 1\n__over__ 01 2\n__over__ 1 2 3\n __over__ 0 0\n')",
+         "__over__\n__over__ 1\n__over__ 01 2\n__over__ 1 2 3\n __over__ 0 0\n"},
+        {R"(odd text '__timeout__ x\nx__timeout__\n__timeout_')", "__timeout__ x\nx__timeout__\n__timeout_\n"},
+        {"odd drip", "a__o\n__over__ 7\n__ti\n"},
+        {"odd many", shell("seq 300000")},
+    };
+    for (const auto& c : cases) {
+        const result got = ctl(suite, c.arguments);
+        EXPECT_EQ(got.code, 0) << got.err;
+        EXPECT_TRUE(got.out == c.out) << c.arguments << " gave " << got.out.substr(0, 300);
+    }
+    // Output comes while the module still runs, and a reader that goes away ends the client as it ends any filter.
+    const std::string go = suite.path("go");
+    const std::string command = "SCHED_PORT=" + std::to_string(suite.port) + " " SCHEDCTL_BINARY " ";
+    FILE* const pipe = popen((command + "odd wait " + go).c_str(), "re");
+    char line[32] = "";
+    EXPECT_STREQ(std::fgets(line, sizeof line, pipe), "begin\n");
+    suite.write("go", "");
+    EXPECT_STREQ(std::fgets(line, sizeof line, pipe), "end\n");
+    EXPECT_EQ(pclose(pipe), 0);
+    EXPECT_EQ(shell(command + "odd many | head -n 1"), "1\n");
+}
+
+TEST_F(ClientPipe, CommandsFromAPipe) {
+    suite.start();
+    const result got = ctl(suite, "", "odd args 'a  b' \"c'd\" e\n\nodd 'open\nfly\nodd exit 4\n");
+    EXPECT_EQ(got.code, 4);
+    EXPECT_EQ(got.out, "<a  b><c'd><e>\n");
+    EXPECT_TRUE(in_order(got.err, {"quote", "unsupported", "exit code 4"}));
+    EXPECT_EQ(ctl(suite, "", "quit\nodd exit 4\n").code, 0);
+}
+
+TEST_F(ClientPipe, Json) {
+    suite.start();
+    suite.event("E0101:a \"quoted\" \xff text\n");
+    for (int i = 1; i < 130; i++) suite.event("W0199:filler\n");
+    ASSERT_TRUE(wait_until([&] { return suite.events().size() == 130; }));
+    const result status = ctl(suite, "--json status");
+    EXPECT_EQ(status.code, 0) << status.err;
+    const auto report = nlohmann::json::parse(status.out);
+    EXPECT_EQ(report["conditions"][0]["name"], "confdate");
+    EXPECT_EQ(report["conditions"][1]["name"], "error");
+    EXPECT_EQ(mask_dates(report["conditions"][1]["since"]), "DATE");
+    EXPECT_EQ(report["messages"].size(), 127U);
+    EXPECT_EQ(report["messages"][0]["text"], "E0101:a \"quoted\" \xEF\xBF\xBD text");
+    EXPECT_EQ(report["lost"], 3);
+
+    Client holder = suite.client("127.0.0.9");
+    holder.ask("hello\ta user=b login=c");
+    ASSERT_EQ(holder.ask("lock"), "__over__ 0 0\r\n");
+    const auto shown = nlohmann::json::parse(ctl(suite, "-u me show ip --json").out)["connections"];
+    ASSERT_EQ(shown.size(), 2U);
+    EXPECT_EQ(shown[0]["ip"], "127.0.0.9");
+    EXPECT_EQ(shown[0]["user"], "a user=b login=");  // cut by the scheduler
+    EXPECT_EQ(shown[0]["locked"], true);
+    EXPECT_EQ(shown[1]["user"], "me");
+    EXPECT_EQ(shown[1]["locked"], false);
+    EXPECT_THAT(shown[0]["login"].get<std::string>(), testing::MatchesRegex("[-0-9]{10}T[:0-9]{8}"));
+}
+
+TEST_F(ClientPipe, PasswordFileAndLogin) {
+    const std::string file = suite.path("data/password");
+    ASSERT_EQ(run(suite, SCHEDPASSWD_BINARY " --stdin", " s\xc3\xa4lz\t\n").code, 0);
+    const std::string first = suite.read("data/password");
+    ASSERT_THAT(first, testing::MatchesRegex("[0-9a-f]{64} [0-9A-Za-z]{8}\n"));
+    EXPECT_EQ(first.substr(0, 64), sha256_hex(first.substr(65, 8) + " s\xc3\xa4lz\t"));
+    struct stat info {};
+    ASSERT_EQ(stat(file.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777U, 0600U);
+
+    const struct {
+        std::string arguments;
+        std::string input;
+        int code;
+    } cases[] = {{"--check --stdin", " s\xc3\xa4lz\t\n", 0},
+                 {"--check --stdin", "s\xc3\xa4lz\n", 1},
+                 {"--check --stdin", "", 2},
+                 {"--check --stdin " + suite.path("config/vgd_modules"), "x\n", 2},
+                 {"--check --stdin " + suite.path("absent"), "x\n", 2},
+                 {"--stdin", "\n", 2},
+                 {"", "x\n", 2},  // no terminal to ask at
+                 {"--stdin " + suite.path("no/where"), "x\n", 2}};
+    for (const auto& c : cases)
+        EXPECT_EQ(run(suite, SCHEDPASSWD_BINARY " " + c.arguments, c.input).code, c.code) << c.arguments;
+    EXPECT_EQ(suite.read("data/password"), first);
+    EXPECT_EQ(shell("ls " + suite.path("data")), "password\n");
+
+    suite.start();
+    suite.write("secret", " s\xc3\xa4lz\t\nsecond line\n");
+    const std::string options = "-b 127.0.0.2 -u otto --password-file " + suite.path("secret");
+    EXPECT_EQ(ctl(suite, options + " show ip").out.substr(0, 27), "ip=127.0.0.2 user=otto logi");
+    const result restarted = ctl(suite, options + " restart sched");
+    EXPECT_EQ(restarted.code, 0) << restarted.err;
+    EXPECT_EQ(suite.wait_exit(), 0);
+}
+
+}  // namespace

@@ -1,0 +1,254 @@
+// The operator's tools at a real pseudo-terminal: session, live view, password prompts.
+#include <poll.h>
+#include <pty.h>
+#include <sys/ioctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+
+#include "e2e/harness.h"
+
+using namespace e2e;
+
+namespace {
+
+class Terminal {
+public:
+    Terminal(const Suite& suite, std::vector<std::string> command, const char* type = "xterm") {
+        const winsize size{12, 70, 0, 0};
+        pid_ = forkpty(&fd_, nullptr, nullptr, &size);
+        if (pid_ != 0) return;
+        setenv("SCHED_PORT", std::to_string(suite.port).c_str(), 1);
+        setenv("XDG_STATE_HOME", suite.path("state").c_str(), 1);
+        setenv("TERM", type, 1);
+        setenv("LC_ALL", "C.UTF-8", 1);
+        std::vector<char*> argv;
+        for (std::string& word : command) argv.push_back(word.data());
+        argv.push_back(nullptr);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+
+    ~Terminal() {
+        close(fd_);
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
+        }
+    }
+
+    Terminal(const Terminal&) = delete;
+    Terminal& operator=(const Terminal&) = delete;
+
+    void type(const std::string& keys) const { EXPECT_EQ(write(fd_, keys.data(), keys.size()), std::ssize(keys)); }
+
+    void resize(unsigned short rows, unsigned short columns) const {
+        const winsize size{rows, columns, 0, 0};
+        EXPECT_EQ(ioctl(fd_, TIOCSWINSZ, &size), 0);
+    }
+
+    // Waits for the text and returns what was shown up to and with it; at the end of the program all of the rest.
+    std::string expect(const std::string& text) {
+        std::size_t at = std::string::npos;
+        const bool found = wait_until([&] {
+            read_more();
+            at = shown_.find(text);
+            return at != std::string::npos || ended_;
+        });
+        EXPECT_TRUE(found && at != std::string::npos) << "\"" << text << "\" is not shown; instead: " << shown_;
+        const std::size_t end = at == std::string::npos ? shown_.size() : at + text.size();
+        const std::string result = shown_.substr(0, end);
+        shown_.erase(0, end);
+        return result;
+    }
+
+    int wait_exit(std::string* rest = nullptr) {
+        EXPECT_TRUE(wait_until([&] {
+            read_more();
+            return ended_;
+        })) << "it does not end";
+        if (!ended_) kill(pid_, SIGKILL);
+        int status = 0;
+        waitpid(pid_, &status, 0);
+        pid_ = -1;
+        if (rest != nullptr) *rest = shown_;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+
+private:
+    void read_more() {
+        pollfd ready{fd_, POLLIN, 0};
+        while (!ended_ && poll(&ready, 1, 0) > 0) {
+            char piece[4096];
+            const ssize_t got = read(fd_, piece, sizeof piece);
+            ended_ = got <= 0;
+            shown_.append(piece, got > 0 ? static_cast<std::size_t>(got) : 0);
+        }
+    }
+
+    int fd_ = -1;
+    pid_t pid_ = -1;
+    bool ended_ = false;
+    std::string shown_;
+};
+
+class ClientTerminal : public testing::Test {
+protected:
+    void SetUp() override {
+        suite.module("odd", R"(case $1 in
+text) printf "$2" ;;
+wait) echo begin; while [ ! -e "$2" ]; do sleep 0.02; done; yes | head -c 300000 ;;
+esac
+)");
+        suite.listed("oddity odd yes 60");  // the listing shows it, so it can be completed
+        shell("printf 'geheim\\n' | " SCHEDPASSWD_BINARY " --stdin " + suite.path("data/password"));
+        suite.start();
+        prompt = "127.0.0.1:" + std::to_string(suite.port) + "> ";
+    }
+
+    // The old trace would make a start look finished before it is.
+    void start_again() {
+        for (const char* trace : {"log/sched_log", "stdout"}) std::remove(suite.path(trace).c_str());
+        suite.start();
+    }
+
+    Suite suite;
+    std::string prompt;
+};
+
+TEST_F(ClientTerminal, Session) {
+    Terminal screen(suite, {SCHEDCTL_BINARY});
+    screen.expect(prompt);
+    screen.type("oddi\ttext 'two words '\n");
+    screen.expect("two words \r\n");
+    screen.type("oddity text '\\033[2Jevil\\tt\\303\\244g \\302\\233 \\377\\n'\n");
+    screen.expect("\\x1b[2Jevil");
+    screen.expect("t\xc3\xa4g \\xc2\\x9b \\xff\r\n");
+    screen.type("no such\n");
+    screen.expect("[unsupported");
+    screen.type("modcntl oddity o\tff\n");  // "on" or "off": the key lists both
+    screen.expect("on  off");
+    screen.expect(prompt);
+    screen.type("oddity text x\n");
+    screen.expect("[busy");
+    screen.type("a dropped line\x03");
+    screen.expect("^C");
+    screen.type("lock\nshow ip\n");
+    screen.expect("locked=1");
+    screen.type("\x04");
+    screen.expect("quit");
+    EXPECT_EQ(screen.wait_exit(), 0);
+    suite.await_trace("by quit command.");
+
+    Terminal named(suite, {SCHEDCTL_BINARY, "-u", "otto"});
+    named.expect("otto@" + prompt);
+    named.type("\x1b[A\n");  // the line before, of the session before
+    named.expect("user=otto");
+    named.type("quit\n");
+    EXPECT_EQ(named.wait_exit(), 0);
+}
+
+TEST_F(ClientTerminal, InterruptedWait) {
+    Terminal screen(suite, {SCHEDCTL_BINARY});
+    screen.expect(prompt);
+    // The answer that is given up comes while the next line is being typed, and is dropped.
+    screen.type("odd wait " + suite.path("go1") + "\n");
+    screen.expect("begin\r\n");
+    screen.type("\x03");
+    screen.expect("[stopped waiting]");
+    screen.expect(prompt);
+    screen.type("sta");
+    suite.write("go1", "");
+    EXPECT_EQ(screen.expect("(the answer given up earlier is complete)").find("y\r\ny"), std::string::npos);
+    screen.type("tus\n");
+    screen.expect("confdate");
+    // Given up twice: the connection goes, and the session goes on with a new one.
+    screen.type("odd wait " + suite.path("go2") + "\n");
+    screen.expect("begin\r\n");
+    screen.type("\x03");
+    screen.expect(prompt);
+    screen.type("status\n");
+    screen.expect("(waiting for the answer");
+    screen.type("\x03");
+    screen.expect("the connection is closed");
+    screen.type("status\n");
+    screen.expect("confdate");
+    suite.write("go2", "");
+    // The scheduler goes away and comes back.
+    screen.expect(prompt);
+    suite.stop();
+    screen.expect("(the scheduler closed the connection)");
+    screen.type("status\n");
+    screen.expect("[no connection");
+    start_again();
+    screen.type("status\n");
+    screen.expect("confdate");
+}
+
+TEST_F(ClientTerminal, Login) {
+    Terminal screen(suite, {SCHEDCTL_BINARY});
+    screen.expect(prompt);
+    screen.type("ipset 10.0.0.5\nshow ip\n");
+    std::string seen;
+    for (const char* given : {"\x03", "falsch\n"}) {  // given up, wrong
+        seen += screen.expect("Password for 127.0.0.1: ");
+        screen.type(given);
+        seen += screen.expect("[login refused: ");
+        screen.expect(prompt);
+        screen.type("show ip\n");
+    }
+    screen.expect("Password for ");
+    screen.type("geheim\n");
+    seen += screen.expect("ip=10.0.0.5");
+    EXPECT_EQ(seen.find("falsch"), std::string::npos);
+    EXPECT_EQ(seen.find("geheim"), std::string::npos);
+
+    const std::string before = suite.read("data/password");
+    for (const char* again : {"anders", "neu"}) {
+        Terminal passwd(suite, {SCHEDPASSWD_BINARY, suite.path("data/password")});
+        passwd.expect("New password: ");
+        passwd.type("neu\n");
+        passwd.expect("New password: ");  // "Verifying - ..."
+        passwd.type(again + "\n"s);
+        EXPECT_EQ(passwd.wait_exit(&seen), again == "neu"s ? 0 : 2) << seen;
+        EXPECT_EQ(seen.find(again), std::string::npos);
+        EXPECT_EQ(suite.read("data/password") != before, again == "neu"s);
+    }
+}
+
+TEST_F(ClientTerminal, Watch) {
+    Terminal screen(suite, {SCHEDCTL_BINARY, "watch", "-n", "1"});
+    screen.expect("confdate ");
+    suite.event("E0101:fan \x1b[31m 3 stopped\n");
+    screen.expect("error ");
+    screen.expect("E0101:fan \\x1b[31m 3");
+    screen.resize(9, 30);
+    screen.expect("  Ctr\x1b");  // the heading, cut at the new width
+    suite.stop();
+    screen.expect("no connection");
+    start_again();
+    while (screen.expect("Messages: 1").find("no connection") != std::string::npos) continue;
+    screen.type("\x03");
+    std::string rest;
+    EXPECT_EQ(screen.wait_exit(&rest), 0);
+    EXPECT_TRUE(in_order(rest, {"\x1b[?1049l", "E0101:fan \\x1b[31m 3 stopped\r\n"}));
+
+    Terminal plain(suite, {SCHEDCTL_BINARY, "watch", "-n", "1"}, "dumb");
+    plain.expect("condition confdate set\r\n");
+    suite.event("E0102:one\n");
+    std::string shown = plain.expect("message E0102:one\r\n");
+    EXPECT_NE(shown.find("condition error set"), std::string::npos);
+    Client other = suite.client();
+    other.ask("parts\tclear");
+    shown = plain.expect("condition error cleared\r\n");
+    EXPECT_EQ(shown.find("confdate"), std::string::npos);  // what has not changed is not repeated
+    suite.stop();
+    plain.expect("disconnected: ");
+    plain.type("\x03");
+    EXPECT_EQ(plain.wait_exit(), 0);
+}
+
+}  // namespace

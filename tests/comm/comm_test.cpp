@@ -1,0 +1,90 @@
+#include "comm/address_restriction.h"
+#include "unit_support.h"
+
+#include <arpa/inet.h>
+
+namespace unit {
+
+struct Comm : Scratch {
+    // The oldest message of a ring, or "-".
+    static std::string next(hmistruc& entry) {
+        char text[message_size];
+        std::uint32_t qtime = 0;
+        if (hmistruc_dequeue(entry, text, qtime) != 0) return "-";
+        const std::string message = text;  // nothing of an earlier message may stand behind it
+        EXPECT_EQ(std::string(text, sizeof text), message + std::string(sizeof text - message.size(), '\0'));
+        return message + (qtime == 12345 ? "@12345" : "");
+    }
+    static void broadcast(int from, int to) {
+        for (int i = from; i < to; ++i) hmistruc_all_enqueue(("E" + std::to_string(i)).c_str());
+    }
+};
+
+TEST_F(Comm, RingHoldsOneHundredAndTwentySeven) {
+    hmistruc& hmi = *hmistruc_get();
+    for (const int start : {0, 100, 127}) {  // from the first slot, and over the end of the ring
+        hmi.in = hmi.out = start;
+        broadcast(0, 129);
+        EXPECT_EQ(next(hmi), "E0");
+        broadcast(129, 131);
+        for (int i = 1; i < 127; ++i) ASSERT_EQ(next(hmi), "E" + std::to_string(i));
+        EXPECT_EQ(next(hmi), "E129");
+        EXPECT_EQ(next(hmi), "-");
+        EXPECT_EQ(hmistruc_lostcount(hmi), 3);
+    }
+    for (const std::size_t length : {2000U, 0U, 1024U, 1U, 1023U, 1022U}) {  // all through the same slot
+        hmi.in = hmi.out = 5;
+        hmistruc_all_enqueue(pattern(length).c_str());
+        EXPECT_EQ(next(hmi), pattern(std::min<std::size_t>(length, 1023)));
+    }
+}
+
+TEST_F(Comm, DummyKeepsErrorsAndWarningsForTheFirst) {
+    for (const char* text : {"I0", "W1", "D2", "M3", "e4", ""}) hmistruc_all_enqueue(text);
+    broadcast(0, 128);
+    st->dummy_hmi->queue[1].qtime = 12345;
+    EXPECT_EQ(trace(), "");
+    hmistruc& first = *hmistruc_get();
+    EXPECT_EQ(trace(), "event:extract from dummy out=0 in=127 lost=2\n");
+    hmistruc& second = *hmistruc_get();
+    EXPECT_EQ(next(first), "W1");
+    EXPECT_EQ(next(first), "E0@12345");
+    EXPECT_EQ(next(second), "-");
+    EXPECT_EQ(hmistruc_lostcount(first) + hmistruc_lostcount(second), 2);
+    hmistruc_put(first);
+    hmistruc_put(second);
+    EXPECT_EQ(next(*hmistruc_get()), "-");  // neither handed over again, nor remains of the first one's ring
+}
+
+TEST_F(Comm, EntriesComeBackClean) {
+    for (int i = 0; i < hmi_max; ++i) ASSERT_EQ(hmistruc_get(), &st->hmi[i]);
+    EXPECT_EQ(hmistruc_get(), nullptr);
+    hmistruc& used = st->hmi[6];
+    used.tid = st->hmi[7].tid = 3U;
+    EXPECT_EQ(hmistruc_get_hmi_by_tid(3), &used);
+    used.nonce[0] = used.user[0] = 2;
+    used.locked = used.auth = used.lost = used.resource_fd = 2;
+    hmistruc_put(used);
+    EXPECT_EQ(hmistruc_get_hmi_by_tid(3), &st->hmi[7]);
+    EXPECT_EQ(hmistruc_get(), &used);
+    EXPECT_EQ(used.nonce[0] + used.user[0] + used.locked + used.auth + used.lost + used.resource_fd, -1);
+}
+
+TEST_F(Comm, AddressesThatMayConnect) {
+    allowed_address(&allowed)[allowed_max] = st->allowed_ip_address;
+    allowed[0] = {inet_addr("10.1.2.3"), 0xff000000};
+    allowed[2] = {inet_addr("192.168.1.4"), 0xfffffffe};
+    allowed[9] = {inet_addr("9.9.9.9"), 0xffffffff};
+    for (const auto& [client, refused] :
+         rows("10.255.9.9 -> 0|11.1.2.3 -> 1|3.2.1.10 -> 1|127.0.0.1 -> 0|127.0.0.2 -> 1|0.0.0.0 -> 1|"
+              "192.168.1.3 -> 1|192.168.1.4 -> 0|192.168.1.5 -> 0|192.168.1.6 -> 1|9.9.9.9 -> 0|9.9.9.8 -> 1"))
+        EXPECT_EQ(std::to_string(check_ip_address_restriction(inet_addr(client.c_str()))), refused) << client;
+    EXPECT_THAT(trace(), StartsWith("hmi 0909ff0a matched to 0302010a(mask ff000000)\n"));
+    allowed[9].mask = 0;
+    EXPECT_EQ(check_ip_address_restriction(inet_addr("200.0.0.255")), 0);
+    allowed[9].mask = ~0U;
+    allowed[0].addr = 0;
+    EXPECT_EQ(check_ip_address_restriction(inet_addr("200.0.0.255")), 0);
+}
+
+}  // namespace unit

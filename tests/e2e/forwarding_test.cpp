@@ -1,0 +1,137 @@
+#include "e2e/harness.h"
+
+#include <array>
+#include <netinet/in.h>
+#include <sys/time.h>
+
+namespace e2e {
+
+static std::string two_bytes(int number) { return {static_cast<char>(number >> 8), static_cast<char>(number & 255)}; }
+
+// The next datagram of this machine to the port, with its IP header.
+static std::string datagram_to(const unique_fd& raw_socket, int port) {
+    std::array<char, 4096> packet{};
+    std::string text(28, '?');
+    for (ssize_t size = 28; size >= 28 && text.substr(22, 2) != two_bytes(port);) {
+        size = recv(raw_socket.get(), packet.data(), packet.size(), 0);
+        text.assign(packet.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 28)));
+    }
+    return text;
+}
+
+TEST(Forwarding, Datagrams) {
+    if (geteuid() != 0) GTEST_SKIP() << "raw sockets need root";
+    Suite suite;
+    suite.settings("udp_dest_port = " + std::to_string(suite.port));
+    suite.start();
+    const unique_fd raw(socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_UDP));
+    const timeval deadline{patience / 1s, 0};
+    setsockopt(raw.get(), SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof deadline);
+    Client client = suite.client();
+    EXPECT_EQ(client.ask("send\tno address yet"), refused);
+    client.send("ipset\t127.0.0.5\r");
+    EXPECT_EQ(client.ask("send"), refused);
+    for (const auto& [line, payload] :
+         rows("hello\tignored -> hello| -> |" + repeated(2000, "y") + " -> " + repeated(1020, "y"))) {
+        EXPECT_EQ(client.ask("send\t" + line), over);
+        std::string packet = datagram_to(raw, suite.port);
+        for (const std::size_t systems : {2, 3, 4, 5, 10, 11})  // length, identification and checksum
+            packet.at(systems) = '?';
+        EXPECT_EQ(packet, "\x45\0????\0\0\xff\x11??\x7f\0\0\x05\x7f\0\0\x01\0\0"s + two_bytes(suite.port) +
+                              two_bytes(static_cast<int>(payload.size()) + 8) + "\0\0"s + payload);
+        suite.await_trace("succeed to send data.(len=" + std::to_string(payload.size()) + ")\n");
+    }
+    suite.expect_trace(
+        {"sending \"no address yet\" from  to 127.0.0.1:", "Error:ipset address(=\"\") failed to convert.\n",
+         "ipset done.\n", "sending \"hello\" from 127.0.0.5 to 127.0.0.1:"});
+}
+
+TEST(Forwarding, ReachesASystemLogDaemon) {
+    if (geteuid() != 0 || access("/usr/sbin/rsyslogd", X_OK) != 0)
+        GTEST_SKIP() << "needs root, for raw sockets, and rsyslogd (Debian package rsyslog)";
+    Suite suite;
+    const std::string port = std::to_string(suite.port);
+    suite.settings("udp_dest_port = " + port);
+    suite.write("data/conf", R"(global(net.enableDNS="off")
+module(load="imudp")
+input(type="imudp" address="127.0.0.1" port=")" +
+                                 port + R"(")
+template(name="line" type="string" string="%fromhost-ip% %syslogtag%%msg%\n")
+*.* action(type="omfile" template="line" file=")" +
+                                 suite.path("data/log") + "\")\n");
+    shell("cd " + suite.path("data") + "; rsyslogd -f $PWD/conf -i $PWD/pid");
+    const std::string bound = "grep $(printf ':%04X' " + port + ") /proc/net/udp";
+    EXPECT_TRUE(wait_until([&] { return !shell(bound).empty(); }));
+    suite.start();
+    Client client = suite.client();
+    client.send("ipset\t127.0.0.77\r");
+    EXPECT_EQ(client.ask("send\t<13>Nov 24 10:11:12 host hw: fan 2 stopped"), over);
+    EXPECT_TRUE(
+        wait_until([&] { return suite.read("data/log").find("127.0.0.77 hw: fan 2 stopped\n") != std::string::npos; }));
+    shell("kill $(cat " + suite.path("data/pid") + ")");
+    EXPECT_TRUE(wait_until([&] { return suite.read("data/pid").empty(); }));
+}
+
+TEST(Forwarding, ResourceStream) {
+    Suite suite;
+    const int port = free_port();
+    unique_fd listener = listen_on(port);
+    suite.settings("qmxut_port = " + std::to_string(port));
+    suite.start();
+    Client client = suite.client();
+    EXPECT_EQ(client.ask({"res_send", "res_data", "res_data\t0123456789abcdef"}), over + refused + refused);
+    EXPECT_EQ(client.ask("res_data\t0123456789abcdefX"), over);
+    Client receiver(listener);
+    EXPECT_EQ(client.ask({"res_data\tshort\tmore", "res_data\t", "res_data\tblanks \x01\xff"}), repeated(3, over));
+    EXPECT_THAT(client.ask("debug\thmi"), Not(HasSubstr("resource_fd=-1")));
+    EXPECT_EQ(client.ask({"res_data", "res_send\twhatever"}), refused + over);
+    EXPECT_EQ(receiver.rest(), "0123456789127000000001     X\nshort\n\nblanks \x01\xff\n");
+
+    client.send("ipset\t10.0.0.5\r");
+    const std::string line = "res_data\t2026/11/24 123456 cpu 1 percent";
+    EXPECT_EQ(client.ask(line), over);
+    Client(listener).reset();  // a receiver that goes is noticed by nobody
+    listener.reset();
+    EXPECT_EQ(client.ask({"res_data\tx", "res_data\tx", "res_data\tx", "res_send", line}), repeated(4, over) + refused);
+
+    listener = listen_on(port);
+    EXPECT_EQ(client.ask(line), over);
+    receiver = Client(listener);
+    EXPECT_EQ(client.ask("quit"), goodbye);  // the stream ends with the connection that opened it
+    EXPECT_EQ(receiver.rest(), "2026/11/24010000000005     6 cpu 1 percent\n");
+    suite.expect_trace({"res_send done\n", "Error:res_data:first line is too short.(len=16)\n",
+                        "res_data:connecting to 127.0.0.1:" + std::to_string(port) + " ...\n",
+                        "res_data(\"0123456789abcdefX\" len=17)\n", "res_data(\"\" len=0)\n",
+                        "res_data(\"blanks ..\" len=9)\n", "Error:res_data:connect error, errno=111\n"});
+}
+
+TEST(Forwarding, AReceiverThatNeverAcceptsHoldsOnlyItsOwnConnection) {
+    Suite suite;
+    const int port = free_port();
+    const unique_fd listener = listen_on(port, 0);
+    suite.settings("qmxut_port = " + std::to_string(port));
+    suite.start();
+    const Client fills_the_backlog(port);
+    Client client = suite.client();
+    client.send("res_data\ta first line that goes nowhere\r");
+    suite.await_trace("res_data:connecting to ");
+    EXPECT_EQ(suite.client().ask("parts\tstatus"), over);
+}
+
+TEST(Forwarding, Refusals) {
+    Suite suite;
+    suite.settings("udp_dest_addr = nonsense");
+    suite.start();
+    for (const auto& [lines, traced] :
+         rows("ipset -> info:ipset \"-\"\n|ipset\t10.0.0.1\t -> info:ipset \"10.0.0.1\"\n|"
+              "ipset\t300.1.1.1 -> Error:inet_aton failed for \"300.1.1.1\", errno=|"
+              "ipset\t10.0.0.1\ripset\t10.0.0.2 -> Error:ipset already received\n|"
+              "ipset\t10.0.0.1\rsend\tx -> Error:udp_dest_addr(=\"nonsense\") failed to convert.\n|"
+              "res_data\tlong enough a line -> Error:res_data:ip_address(\"nonsense\") failed to "
+              "convert.\n")) {
+        EXPECT_EQ(suite.client().ask(lines), refused) << lines;
+        suite.await_trace(traced);
+    }
+}
+
+}  // namespace e2e

@@ -1,0 +1,128 @@
+// Tools of the tests that run the real daemon: a suite directory with a scheduler in it, and clients that speak its
+// line protocol. Everything a test needs lives below one scratch directory and on loopback ports of its own.
+#pragma once
+
+#include "util/unique_fd.h"
+
+#include <gmock/gmock.h>
+
+#include <chrono>
+#include <functional>
+#include <initializer_list>
+#include <map>
+#include <string>
+#include <string_view>
+#include <sys/socket.h>
+#include <vector>
+
+namespace e2e {
+
+using std::chrono::milliseconds;
+using namespace std::chrono_literals;
+using namespace std::string_literals;
+using strings = std::vector<std::string>;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::Not;
+
+inline const std::string over = "__over__ 0 0\r\n";
+inline const std::string refused = "__over__ 1 0\r\n";
+inline const std::string busy = "__busy__\r\n";
+inline const std::string unsupported = "__unsupported__\r\n";
+inline const std::string goodbye = "Good-bye.\r\n";
+
+// How long any wait may take before it is a failure: sanitizer builds on a busy machine are slow.
+constexpr milliseconds patience = 60s;
+
+bool wait_until(const std::function<bool()>& condition, milliseconds deadline = patience);
+// Success when all parts stand in the text, one behind the other.
+testing::AssertionResult in_order(const std::string& text, std::initializer_list<std::string> parts);
+// The rows of a table "given -> expected|given -> expected", with the words OVER, FAILED, BUSY and UNSUPPORTED for
+// the lines that end an answer.
+std::vector<std::pair<std::string, std::string>> rows(std::string table);
+std::string repeated(int count, const std::string& text);
+// Every date of an answer as DATE, so that the rest can be compared byte for byte.
+std::string mask_dates(const std::string& text);
+// The answer to `status` that has these rows ("error korvo", behind confdate) and then these lines.
+std::string status_answer(const std::string& rows, const std::string& lines = "");
+std::string shell(const std::string& command);  // what it prints
+std::string sha256_hex(const std::string& text);
+int free_port();
+unique_fd listen_on(int port, int backlog = 8);
+
+// One operator's connection. Reads end with a test failure and what has come so far when the deadline passes.
+class Client {
+public:
+    explicit Client(int port, const std::string& source = "127.0.0.1", int receive_buffer = 0);
+    explicit Client(const unique_fd& listener);  // the other side: takes over the next connection
+
+    void send(std::string_view bytes) const { ::send(fd_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL); }
+    void end_sending() const { shutdown(fd_.get(), SHUT_WR); }       // answers still arrive
+    void reset();                                                    // drops the connection the hard way
+    std::string answer();                                            // up to and with the line that ends an answer
+    std::string ask(std::string_view line);                          // sends the line with its CR and takes the answer
+    std::string ask(std::initializer_list<std::string_view> lines);  // one after the other, all answers
+    std::string rest();  // up to the orderly end of the connection; a reset fails the test
+
+private:
+    bool more();  // false at the end
+
+    unique_fd fd_;
+    std::string buffer_;
+};
+
+class Suite {
+public:
+    Suite();
+    ~Suite();  // ends the daemon, fails the test when a sanitizer reported anything, removes the directory
+    Suite(const Suite&) = delete;
+    Suite& operator=(const Suite&) = delete;
+
+    // Files, by their path below the scratch directory.
+    std::string path(const std::string& name) const { return dir_ + "/" + name; }
+    void write(const std::string& name, std::string_view text) const;
+    std::string read(const std::string& name) const;
+    void settings(const std::string& line) const { write("config/sched.conf", "[sched]\n" + line + "\n"); }
+
+    // A module program written in shell, added to the module list. The suite has allmodcall, parts, prognosis, diag,
+    // devconf, confchg, analysis, qmx and ehello from the start, and all internal words: each of those modules notes
+    // its call and ends with 0, unless react() told what "module.argument" shall do besides.
+    void module(const std::string& name, const std::string& script, int timeout = 60) const;
+    void listed(const std::string& line) const;
+    void react(const std::string& what, const std::string& script) const { write("temp/" + what, script + "\n"); }
+    // The calls from the given number on, with commas: "parts status,diag status". Start-up makes three.
+    std::string calls(int from = 4) const;
+
+    // The daemon. start() returns when it accepts; run() when it has ended.
+    void start(const strings& args = {"-D"});
+    int run(const strings& args) { return launch(args), wait_exit(); }
+    int wait_exit();  // exit code, or 128 and the signal
+    void stop();      // the supervisor's scheduler too
+    pid_t scheduler() const { return std::atoi(read("log/sched.pid").c_str()); }
+
+    Client client(const std::string& source = "127.0.0.1") const { return Client(port, source); }
+    std::vector<Client> thirty_two() const;    // clients, all of them admitted
+    void event(std::string_view bytes) const;  // written into the event pipe in one piece
+    std::string status(Client& client) const { return mask_dates(client.ask("status")); }
+    strings events() const;  // the texts of the event log, all generations, oldest first
+    void await_events(std::size_t count) const;
+    std::string out() const { return read("stdout"); }
+    std::string trace() const { return read("log/sched_log") + out(); }
+    void expect_trace(std::initializer_list<std::string> parts) const { EXPECT_TRUE(in_order(trace(), parts)); }
+    bool traced(const std::string& text) const { return trace().find(text) != std::string::npos; }
+    void await_trace(const std::string& text, milliseconds deadline = patience) const;
+
+    std::map<std::string, std::string> env;  // of the daemon, besides the test's own
+    strings wrapper;                         // a command put before the daemon's
+    unsigned long descriptors = 0;           // RLIMIT_NOFILE of the daemon when not 0
+    int port = free_port();
+    pid_t pid = -1;
+
+private:
+    void launch(const strings& args);
+
+    std::string dir_ = testing::TempDir() + "sched-e2e-XXXXXX";
+};
+
+}  // namespace e2e

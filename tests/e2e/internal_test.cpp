@@ -1,0 +1,122 @@
+#include "e2e/harness.h"
+
+namespace e2e {
+
+static const std::string ruler = "       " + repeated(6, "0123456789") + "012\r\n";
+
+TEST(Internal, AnswersByteForByte) {
+    Suite suite;
+    suite.listed("alpha parts + 60\nbeta - shown 0");
+    suite.listed("alpha diag + 60");  // never found behind the first, but in the listing
+    suite.react("ehello.", "echo welcome");
+    suite.start();
+    Client client = suite.client();
+    for (const auto& [line, answer] :
+         rows("modcntl -> alpha on\r\nbeta on\r\nalpha on\r\nOVER|modcntl\talpha\toff\tmore -> OVER|"
+              "modcntl\tbeta\toff -> OVER|modcntl -> alpha off\r\nbeta off\r\nalpha on\r\nOVER|"
+              "alpha\tx -> BUSY|modcntl\tnone\ton -> Error:modcntl:Invalid module name\r\nFAILED|"
+              "modcntl\talpha\ton -> OVER|alpha\tx -> OVER|hello\tan-operator-of-20-ch -> welcome\r\nOVER|"
+              "show\tip -> ip=127.0.0.1 user=an-operator-of- login=DATE \r\nOVER|hello -> welcome\r\nOVER|"
+              "modcntl\tehello\toff -> OVER|hello\tabcdefghijklmno -> BUSY|"
+              "show\tip -> ip=127.0.0.1 user=abcdefghijklmno login=DATE \r\nOVER|"
+              "restart\rnosuch -> UNSUPPORTED|restart\tall\rnosuch -> UNSUPPORTED"))  // no answer to the first
+        EXPECT_EQ(mask_dates(client.ask(line)), answer) << line;
+    EXPECT_EQ(client.ask("debug\ttimer"), "Timer Jobs (jmax=0)\r\n" + ruler + over);
+    for (const char* line : {"modcntl\talpha\tOn", "modcntl\talpha", "modcntl\tnone\t"})
+        EXPECT_EQ(client.ask(line), "Usage: modcntl module on/off\r\n" + refused) << line;
+    for (const char* line : {"show", "show\tip2", "show\tIP"})
+        EXPECT_EQ(client.ask(line),
+                  "Usage: show command\r\n allowed_ip  ... show \"allowed_ip_addres\" setting\r\n"
+                  " ip          ... show connection\r\n" +
+                      over)
+            << line;
+    for (const char* line : {"debug", "debug\thmi2"})
+        EXPECT_EQ(client.ask(line),
+                  "Uage: debug TAB command TAB arg\r\n timer    ... display timer jobs.\r\n"
+                  " hmi      ... display HMI structure\r\n hmi all  ... display HMI structure\r\n" +
+                      over)
+            << line;
+    client.send("quit\tnow\r");
+    EXPECT_EQ(client.rest(), goodbye);
+    suite.expect_trace({"Info:internal:\"modcntl alpha off more\"\n", "Error:command:module is busy \"alpha\"\n",
+                        "Info:hello login:an-operator-of-\n", "command1:\"ehello\"(from 127.0.0.1) no.0\n"});
+}
+
+TEST(Internal, OperatorLock) {
+    Suite suite;
+    suite.start();
+    Client first = suite.client();
+    EXPECT_EQ(first.ask("unlock"), busy);
+    const std::string row = "ip=127.0.0.1 user= login=DATE ";
+    {
+        Client second = suite.client();
+        EXPECT_EQ(second.ask({"lock", "lock"}), over + busy);
+        EXPECT_EQ(first.ask({"lock", "unlock"}), busy + busy);
+        EXPECT_EQ(mask_dates(first.ask("show\tip")), row + "\r\n" + row + "locked=1\r\n" + over);
+        EXPECT_EQ(second.ask({"unlock", "unlock", "lock"}), over + busy + over);
+    }
+    // The holder has dropped: the lock is free, and nobody is shown with it.
+    EXPECT_TRUE(wait_until([&] { return first.ask("lock") == over; }));
+    EXPECT_EQ(first.ask("unlock"), over);
+    EXPECT_EQ(mask_dates(first.ask("show\tip")), row + "\r\n" + over);
+    suite.expect_trace({"unlock failed(free) from 127.0.0.1\n", "lock succeed from 127.0.0.1\n",
+                        "lock failed(busy) from 127.0.0.1\n", "unlock succeed from 127.0.0.1\n"});
+}
+
+TEST(Internal, DumpOfOperators) {
+    Suite suite;
+    suite.env["TZ"] = "UTC";
+    suite.start();
+    Client client = suite.client("127.0.0.2");
+    EXPECT_EQ(client.ask("hello\tjoe"), over);
+    Client other = suite.client();
+    EXPECT_EQ(other.ask("res_send"), over);
+    suite.event("W0000:1\nW0000:2\n");
+    suite.await_events(2);
+    const auto dump = [&](const std::string& argument) {  // with every date as DATE, thread ids as N
+        std::string text = mask_dates(client.ask("debug\thmi" + argument));
+        for (std::size_t at = 0; (at = text.find("(tid=", at) + 5) != 4;)
+            text.replace(at, text.find(')', at) - at, "N");
+        return text;
+    };
+    const std::string first = repeated(32, "-") +
+                              "\r\nremote:127.0.0.2 (tid=N) user=\"joe\" login=DATE\r\nin=2 out=0 " +
+                              "lost=0 last_status=DATE\r\nipset=\"\" resource_fd=-1\r\n";
+    const std::string second = repeated(32, "-") + "\r\nremote:127.0.0.1 (tid=N) user=\"\" login=DATE\r\nin=2 out=0 " +
+                               "lost=0 last_status=DATE\r\nipset=\"\" resource_fd=-1\r\n";
+    const std::string queue = "q#0:SB:\"W0000:1\"\r\n   (DATE)\r\nq#1:SB:\"W0000:2\"\r\n   (DATE)\r\n";
+    std::string full = "hmi#0 flag=1\r\n" + first + queue + "hmi#1 flag=1\r\n" + second + queue;
+    for (int i = 2; i < 32; i++) full += "hmi#" + std::to_string(i) + " flag=0\r\n";
+    EXPECT_EQ(dump("") + dump("\tALL"), repeated(2, first + second + over));
+    EXPECT_EQ(dump("\tall"), full + over);
+    EXPECT_THAT(client.ask("debug\thmi"), HasSubstr("last_status=1970/01/01 00:00:00\r\n"));
+    EXPECT_EQ(suite.status(client), status_answer("", "DATE;W0000:1\r\nDATE;W0000:2\r\n"));
+    // A ring that has wrapped is listed from its oldest message, over the end of the table.
+    std::string wrapped = "in=1 out=2 lost=0 last_status=DATE\r\nipset=\"\" resource_fd=-1\r\n";
+    for (int i = 0; i < 127; i++) {
+        const std::string text = "I0000:" + std::to_string(i);
+        suite.event(text + "\n");
+        wrapped += "q#" + std::to_string((i + 2) % 128) + ":SB:\"" + text + "\"\r\n   (DATE)\r\n";
+    }
+    suite.await_events(129);
+    EXPECT_THAT(dump("\tall"), HasSubstr(wrapped + "hmi#1 "));
+}
+
+TEST(Internal, DumpOfTimerJobs) {
+    Suite suite;
+    suite.write("config/timer_jobs",
+                "# comment\n5/2,58-61 */6 1,15 2-12/5 * diag\tstatus\n* 3 * * 1-5 patrol\tx y\n\n");
+    suite.start();
+    Client client = suite.client();
+    EXPECT_EQ(
+        client.ask("debug\ttimer"),
+        "Timer Jobs (jmax=2)\r\n" + ruler + "job#0 \"diag\tstatus\"\r\nwday  =0000000\r\nmonth =0010000100001\r\n" +
+            "mday  =01000000000000010000000000000000\r\nhour  =100000100000100000100000\r\nminute=000001" +
+            repeated(52, "0") + "1111\r\njob#1 \"patrol\tx y\"\r\nwday  =0111110\r\nmonth =1111111111111\r\nmday  =" +
+            repeated(32, "0") + "\r\nhour  =000100000000000000000000\r\nminute=" + repeated(62, "1") + "\r\n" + over);
+    EXPECT_EQ(suite.status(client), status_answer("patrol"));
+    suite.expect_trace({"Info:timer:read jobs\n", "Info:timer:job=0 \"5/2,58-61 */6 1,15 2-12/5 * diag status\"\n",
+                        "Error:timer:job_file:short line at line 4\n"});
+}
+
+}  // namespace e2e

@@ -1,0 +1,139 @@
+#include "e2e/harness.h"
+
+#include <signal.h>
+#include <sys/resource.h>
+
+namespace e2e {
+
+static const std::string version = "8.0.0-130207154512\n";
+static const std::string usage = "Usage: sched -c -D -p port -t pendtime -v -N nice\n";
+static const std::string banner = "*** VGD scheduler *** version." + version;
+static const strings required = {"VGD_bin", "VGD_config", "VGD_temp", "VGD_update", "VGD_data", "VGD_log", "VGD_PIPE"};
+
+static std::string missing(const strings& names) {
+    std::string text;
+    for (const std::string& name : names) text += "Error:environment variable " + name + " does not set.\n";
+    return text + "VGD scheduler failed.\n";
+}
+
+TEST(Startup, RunsThatEndAtOnce) {
+    const struct {
+        strings args, unset;
+        int code;
+        std::string out, err;
+        bool traces;
+    } cases[] = {
+        {{"-v"}, required, 0, version, "", false},
+        {{"-v", "-D"}, {}, 0, version, "", false},
+        {{"-V"}, {}, 0, version, "", true},
+        {{"-p", "-1", "-v"}, {}, 0, version, "", true},
+        {{"-D", "-v"}, required, 1, "", missing(required), false},
+        {{"-D"}, {"VGD_update", "VGD_bin"}, 1, "", missing({"VGD_bin", "VGD_update"}), false},
+        {{"-c"}, {}, 1, usage, "invalid option -- 'c'\n", true},
+        {{"-D", "-p"}, {}, 1, usage, "requires an argument -- 'p'\n", true},
+        {{"-p", "-1"}, {}, 1, "", "Error:VGD: vgdsched is not defined in services of tcp.\n", true},
+        {{"-N0"}, {}, 1, "", "Error:failed to read VGD module list. filename=\"/nonexistent/list\"\n", true},
+    };
+    for (const auto& c : cases) {
+        Suite suite;
+        for (const std::string& name : c.unset) suite.env.erase(name);
+        suite.env["VGD_modules_path"] = "/nonexistent/list";
+        SCOPED_TRACE(testing::PrintToString(c.args) + testing::PrintToString(c.unset));
+        EXPECT_EQ(suite.run(c.args), c.code);
+        EXPECT_EQ(suite.out(), c.out);
+        EXPECT_THAT(suite.read("stderr"), EndsWith(c.err));
+        EXPECT_EQ(suite.read("stderr") != c.err, c.out == usage);  // the option parser names the program
+        EXPECT_EQ(suite.traced(banner), c.traces);
+        EXPECT_EQ(suite.read("log/sched.pid"), "");
+    }
+}
+
+TEST(Startup, ConfigurationIsTracedIntoTheFileAndTheRestToStandardOutput) {
+    Suite suite;
+    suite.settings(
+        "port_no = 1\nanalysis_interval = 30s\nqmxut_port = x\n[x]\nudp_dest_port = "
+        "9\n[sched]\nudp_dest_addr = y");
+    suite.write("config/common.ini",
+                "[sched]\nallowed_ip_address = 10.0.0.0/8, 1.2.3.4\nbound_ip_address = 127.0.0.1\n");
+    suite.start({"-D", "-t", "-9x"});  // like -p, stronger than the file
+    EXPECT_EQ(shell("sed -E 's,^[0-9/]{10} [0-9:]{8} thr:[0-9a-f]{8} ,,' " + suite.path("log/sched_log")),
+              banner + R"(ini:file="sched.conf" section="[sched]" key="udp_dest_addr" value="y"
+ini:file="sched.conf" section="[sched]" key="qmxut_port" value="x"
+ini:file="sched.conf" section="[sched]" key="port_no" value="1"
+ini:file="sched.conf" section="[sched]" key="analysis_interval" value="30s"
+ini:file="common.ini" section="[sched]" key="bound_ip_address" value="127.0.0.1"
+ini:file="common.ini" section="[sched]" key="allowed_ip_address" value="10.0.0.0/8, 1.2.3.4"
+allowed ip address 0 = 10.0.0.0 mask ff000000
+allowed ip address 1 = 1.2.3.4 mask ffffffff
+)");
+    EXPECT_EQ(suite.read("log/sched_logerr"), "");
+    const std::string port = std::to_string(suite.port);
+    suite.expect_trace({"Info:use port " + port + " for HMI connection.\n", "Info:password open fails errno=2, no auth",
+                        "Info:modules:0 \"allmodcall\" \"allmodcall\" \"-\" 60\n", "read done. 23 entries found.\n",
+                        " " + repeated(52, "*") + "\n", "Info:sched:started(pid=" + std::to_string(suite.pid) + ")\n",
+                        "Info:sched:waiting vgdpipe ready\n", "Info:calling VGDstart\n",
+                        "command_buffer:\"allmodcall start\"\n", "binding to 127.0.0.1 (port " + port + ") ...\n",
+                        "Info:comm:bind succeed. (port " + port + ")\n", "Info:sched:accepting socket = "});
+    suite.expect_trace({"Info:event:pipe reader:fd=", "Info:event:dummy pipe writer:fd=",
+                        "Info:event:vgd_pipe is ready now\n", "Info:event:pend time = -9\n"});
+    EXPECT_EQ(suite.calls(1), "allmodcall start,parts status,diag status");
+    EXPECT_EQ(suite.read("stderr"), "");
+}
+
+TEST(Startup, ForegroundWithoutTraceToStandardOutput) {
+    Suite suite;
+    suite.start({"-d", "Always", "-d", "x", "-N", "2"});
+    EXPECT_EQ(getpriority(PRIO_PROCESS, static_cast<id_t>(suite.pid)), std::min(getpriority(PRIO_PROCESS, 0) + 2, 19));
+    EXPECT_EQ(suite.out(), "");
+    EXPECT_EQ(suite.read("log/sched.pid"), std::to_string(suite.pid));  // no newline behind it
+    EXPECT_EQ(suite.read("log/alivechk.pid"), "");
+    EXPECT_EQ(shell("readlink /proc/" + std::to_string(suite.pid) + "/cwd"), shell("pwd -P"));
+    EXPECT_EQ(suite.client().ask("nosuch\tword"), unsupported);
+    EXPECT_THAT(suite.read("log/sched_log"), HasSubstr("Warning:comm:unsupported(\"nosuch word\")\n"));
+    EXPECT_THAT(suite.read("log/sched_logerr"), HasSubstr("Warning:comm:unsupported(\"nosuch word\")\n"));
+}
+
+// What the list of allowed addresses becomes, and whether a client from 127.0.0.2 gets in.
+TEST(Startup, AllowedAddresses) {
+    const struct {
+        std::string value, listing;
+        bool admits;
+    } cases[] = {
+        {"", "", true},
+        {"0.0.0.0/8 10.9.0.0/1", "2 addr=10.9.0.0 mask=80000000\r\n", true},
+        {"127.0.0.3/31, x", "1 addr=127.0.0.3 mask=fffffffe\r\n2 addr=255.255.255.255 mask=ffffffff\r\n", true},
+        {"/24 10.0.0.0/8\t,, 2.0.0.0/0 3.0.0.0/33 4.0.0.0 5.0.0.0 6.0.0.0 7.0.0.0 8.0.0.0 9.0.0.0 1.2.3.4/24 "
+         "127.0.0.2",
+         "1 addr=10.0.0.0 mask=ff000000\r\n2 addr=2.0.0.0 mask=ffffffff\r\n3 addr=3.0.0.0 mask=ffffffff\r\n"
+         "4 addr=4.0.0.0 mask=ffffffff\r\n5 addr=5.0.0.0 mask=ffffffff\r\n6 addr=6.0.0.0 mask=ffffffff\r\n"
+         "7 addr=7.0.0.0 mask=ffffffff\r\n8 addr=8.0.0.0 mask=ffffffff\r\n9 addr=9.0.0.0 mask=ffffffff\r\n"
+         "10 addr=1.2.3.4 mask=ffffff00\r\n",
+         false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.value);
+        Suite suite;
+        suite.write("config/common.ini", "[sched]\nbound_ip_address = none\nallowed_ip_address = " + c.value + "\n");
+        suite.start();
+        EXPECT_THAT(suite.out(), HasSubstr("binding to 0.0.0.0 (port "));
+        EXPECT_EQ(suite.client().ask("show\tallowed_ip"), "### allowed IP addresses ###\r\n" + c.listing + over);
+        Client other = suite.client("127.0.0.2");
+        EXPECT_EQ(c.admits ? other.ask("nosuch") : other.rest(), c.admits ? unsupported : "");
+        EXPECT_NE(suite.traced("Warning:address is not allowed to"), c.admits);
+    }
+}
+
+TEST(Startup, GoesOnWithoutAnEventPipeAndWithBlockedSignals) {
+    Suite suite;
+    suite.env["VGD_PIPE"] = suite.path("stdout/pipe");  // not "no such file", which would end it
+    suite.start();
+    EXPECT_THAT(suite.out(), HasSubstr("Error:event:VGDpipe \"" + suite.env["VGD_PIPE"] + "\" open fails.\n"));
+    Client client = suite.client();
+    for (const int signal : {SIGHUP, SIGUSR1, SIGPIPE, SIGCHLD, SIGALRM}) kill(suite.pid, signal);
+    EXPECT_EQ(suite.status(client), status_answer(""));
+    kill(suite.pid, SIGTERM);
+    EXPECT_EQ(suite.wait_exit(), 128 + SIGTERM);
+    EXPECT_EQ(suite.calls(), "");  // only the orderly end tells the modules to stop
+}
+
+}  // namespace e2e

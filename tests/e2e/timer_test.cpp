@@ -1,0 +1,92 @@
+#include "e2e/harness.h"
+
+#include <filesystem>
+
+namespace e2e {
+
+constexpr milliseconds a_minute = 60s + patience;
+
+// "Changed" means another time, not a later one.
+static void replace_jobs(const Suite& suite, const std::string& text) {
+    suite.write("config/timer_jobs", text);
+    const std::filesystem::path file = suite.path("config/timer_jobs");
+    std::filesystem::last_write_time(file, std::filesystem::last_write_time(file) - 1h);
+}
+
+static std::string due(int job, const char* command, time_t when) {
+    return "timer:run command:job=" + std::to_string(job) + ",\"" + command + "\" for " + std::to_string(when) + "\n";
+}
+
+// Two schedulers over two full minutes: one has its module lock held all the time, the other is free.
+TEST(Minute, JobsReloadParkingUptimeAndTheEnd) {
+    // Not so near to the next minute that it comes before everything is prepared.
+    ASSERT_TRUE(wait_until([] { return time(nullptr) % 60 < 45; }));
+    Suite held;
+    Suite idle;
+    for (const Suite* suite : {&held, &idle})
+        for (const char* name : {"tick", "patrol"}) suite->module(name, "echo \"${0##*/} $*\" >> \"$VGD_temp/calls\"");
+    held.module("slow", "while [ ! -e \"$VGD_temp/go\" ]; do sleep 0.05; done", 300);
+    held.write("data/up_time", "1440\n");
+    held.write("config/timer_jobs", "* * * * * tick\told\n");
+    idle.write("config/timer_jobs", "* * * * * tick\tone\n0 0 1 1 * patrol\tx\n0 0 1 1 * padiag\tx\n");
+    held.start();
+    idle.start();
+    held.expect_trace({"read uptime file \"1440\"\n", "uptime start 1440\n"});
+    EXPECT_EQ(mask_dates(idle.read("data/up_time_start")), "DATE");
+    EXPECT_EQ(held.read("data/up_time_start"), "");
+    Client client = idle.client();
+    EXPECT_EQ(idle.status(client), status_answer("patrol padiag"));
+    Client holder = held.client();
+    holder.send("slow\r");
+    held.await_trace("command:\"slow\" \n");
+    const time_t first = (time(nullptr) / 60 + 1) * 60;
+    const int minute = localtime(&first)->tm_min;
+    replace_jobs(held, "* * * * * tick\tevery\n" + std::to_string(minute) + " * * * * tick\tonce\n" +
+                           std::to_string((minute + 30) % 60) + " * * * * tick\tnever\n* * * * * patrol\tx\n");
+    held.write("config/pvo.ini", "[section 0]\nactive = no\n");
+    replace_jobs(idle, "* * * * * tick\ttwo\n");
+
+    EXPECT_TRUE(wait_until([&] { return idle.read("data/up_time") == "1\n"; }, a_minute));
+    held.await_trace("timer:pvo.ini is changed. mtime=");
+    EXPECT_EQ(held.read("data/up_time"), "1441\n");
+    held.expect_trace({"timer:patrol is changed to be enabled\n", due(0, "tick every", first),
+                       "command1:trylock failed.(no.1)\n", "command:no.1 is queue-ed.\n", "command:no.2 is queue-ed.\n",
+                       due(3, "patrol x", first), "command:no.4 is queue-ed.\n"});
+    EXPECT_TRUE(
+        in_order(idle.trace(), {"timer:patrol is changed to be disabled\n", "timer:padiag is changed to be disabled\n",
+                                due(0, "tick two", first), "command1:trylock succeed.(no.1)\n"}));
+    EXPECT_EQ(idle.status(client), status_answer(""));
+    Client second = held.client();
+    EXPECT_EQ(held.status(second), status_answer("patrol"));
+
+    std::filesystem::remove(held.path("pipe"));
+    const std::size_t before = held.trace().size();
+    held.await_trace("Info:calling VGDend\n", a_minute);
+    const std::string trace = held.trace().substr(before);
+    EXPECT_TRUE(
+        in_order(trace, {due(0, "tick every", first + 60), due(3, "patrol x", first + 60), "trylock failed.(no.4)\n",
+                         "Warning: vgd_pipe is not exist. errno=2\n", "Info:calling VGDend\n"}));
+    EXPECT_THAT(trace, Not(HasSubstr("is queue-ed")));  // what waits already lapses
+    held.write("temp/go", "");
+    EXPECT_EQ(holder.answer(), over);
+    EXPECT_EQ(held.wait_exit(), 0);
+    EXPECT_EQ(held.calls(), "tick every,tick once,patrol x,allmodcall stop");
+    EXPECT_EQ(held.read("data/up_time"), "1441\n");
+    held.expect_trace({"execute delayed one.(no.1)\n", "execute delayed one.(no.2)\n", "execute delayed one.(no.4)\n"});
+    EXPECT_TRUE(wait_until([&] { return idle.read("data/up_time") == "2\n"; }));
+    EXPECT_EQ(idle.calls(), "tick two,tick two");
+}
+
+// It looks at the log once a second here; what it finds there is this machine's.
+TEST(SystemLog, IsWatchedWhileForwardingIsOn) {
+    Suite suite;
+    suite.settings("syslog_poll_interval = 1");
+    suite.start();
+    const auto watched = [&] { return suite.traced("/var/log/messages"); };
+    EXPECT_FALSE(wait_until(watched, 2200ms));
+    suite.write("config/pvo.ini", "[section 7]\nactive = yes\n");
+    EXPECT_EQ(suite.client().ask("qmx\tsyslog\tenable\tnow"), over);
+    EXPECT_TRUE(wait_until(watched));
+}
+
+}  // namespace e2e

@@ -1,0 +1,284 @@
+// What may fail around the daemon. Each fault strikes one that runs, and looks at what is promised meanwhile;
+// afterwards operators are served as before, and no process or descriptor is left behind.
+#include "e2e/harness.h"
+
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+namespace e2e {
+namespace {
+
+namespace fs = std::filesystem;
+
+void nothing(Suite& /*suite*/) {}
+
+struct Fault {
+    const char* name;
+    void (*strike)(Suite& suite);
+    const char* script = "";                  // of a module: "rogue" has a second for it, "patient" a minute
+    void (*arrange)(Suite& suite) = nothing;  // before the start
+    strings args = {"-D"};
+};
+
+void PrintTo(const Fault& fault, std::ostream* out) { *out << fault.name; }
+
+std::string of_process(pid_t pid, const std::string& command) {
+    return shell("cd /proc/" + std::to_string(pid) + " && " + command);
+}
+
+void overruns(Suite& suite) {
+    EXPECT_THAT(suite.client().ask("rogue"), EndsWith("__timeout__\r\n"));
+    EXPECT_TRUE(wait_until([&] {
+        return shell("for p in $(cat " + suite.path("temp/pids") + "); do grep -s '^State:.[^Z]' /proc/$p/status; done")
+            .empty();
+    })) << "a process of the module lives on";
+}
+
+void never_reads(Suite& suite) {
+    Client stalled(suite.port, "127.0.0.1", 4096);
+    stalled.send("rogue\r");
+    suite.await_trace("command:\"rogue\" \n");
+    EXPECT_EQ(suite.client().ask("parts\tstatus"), over);
+    stalled.reset();
+}
+
+// Others do not notice one that sends a byte each second.
+void sends_slowly(Suite& suite) {
+    Client slow = suite.client();
+    Client other = suite.client();
+    for (const char* byte : {"q", "u", "i"}) {
+        slow.send(byte);
+        const auto next = std::chrono::steady_clock::now() + 1s;
+        int answers = 0;
+        for (; std::chrono::steady_clock::now() < next; answers++) EXPECT_EQ(other.ask("parts\tstatus"), over);
+        EXPECT_GT(answers, 1);
+    }
+    slow.send("t\r");
+    EXPECT_EQ(slow.rest(), goodbye);
+}
+
+void knock_at_once(Suite& suite) {
+    std::vector<Client> clients;
+    for (int i = 0; i < 100; i++) clients.push_back(suite.client());
+    for (std::size_t i = 0; i < clients.size(); i++)  // the first come are served, the others sent away
+        EXPECT_EQ(i < 32 ? suite.status(clients[i]) : clients[i].rest(), i < 32 ? status_answer("") : "");
+}
+
+void reset_in_mid_command(Suite& suite) {
+    for (int round = 0; round < 5; round++) {
+        Client streaming = suite.client();
+        streaming.send("patient\r");
+        suite.await_trace("command1:\"patient\"");
+        for (const char* text : {"", "stat", "parts\tstatus\r", "status\rdebug\thmi\tall\rstatus\rlock\r"}) {
+            Client client = suite.client();
+            client.send(text);
+            client.reset();
+        }
+        streaming.reset();
+        EXPECT_EQ(suite.client().ask("parts\tstatus"), over);
+    }
+    EXPECT_TRUE(wait_until([&] { return suite.client().ask("lock") == over; }));  // nobody keeps it
+}
+
+void lose_log_directory(Suite& suite) {
+    fs::remove_all(suite.path("log"));
+    Client client = suite.client();
+    suite.event("E0103:while it is away\n");
+    EXPECT_TRUE(wait_until([&] { return suite.status(client).find("away") != std::string::npos; }));
+    EXPECT_EQ(client.ask("parts\tstatus"), over);
+    fs::create_directory(suite.path("log"));
+    suite.event("E0103:back again\n");
+    suite.await_events(1);
+    EXPECT_EQ(client.ask("diag\tlogged"), over);
+    suite.await_trace("command:\"diag\" end. status=0\n");
+}
+
+// The mount is this process's own and goes with it.
+void small_log_disk(Suite& suite) {
+    const std::string log = suite.path("log");
+    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("tmpfs", log.c_str(), "tmpfs", 0, "size=128k") != 0)
+        GTEST_SKIP() << "not permitted to mount a small disk";
+}
+
+void fill_log_disk(Suite& suite) {
+    std::ofstream filler(suite.path("log/filler"));
+    while (filler << std::string(1024, 'x') << std::flush) {}
+    const std::string before = suite.read("log/sched_log");
+    Client client = suite.client();
+    for (int i = 0; i < 100; i++) EXPECT_EQ(client.ask("parts\tstatus"), over);
+    suite.event("E0103:not logged\n");
+    EXPECT_TRUE(wait_until([&] { return suite.status(client).find("not logged") != std::string::npos; }));
+    EXPECT_LT(suite.trace().size(), before.size() + 8192) << "the disk was not full";
+    fs::remove(suite.path("log/filler"));
+    EXPECT_EQ(client.ask("diag\tlogged"), over);
+    suite.await_trace("command:\"diag\" end. status=0\n");
+    EXPECT_EQ(umount2(suite.path("log").c_str(), MNT_DETACH), 0);
+}
+
+// A pipe that takes the old one's place has no reader, which its writers learn at once; the old one is read on.
+void remake_pipe(Suite& suite) {
+    const unique_fd held(open(suite.path("pipe").c_str(), O_WRONLY | O_CLOEXEC));
+    fs::remove(suite.path("pipe"));
+    EXPECT_EQ(mkfifo(suite.path("pipe").c_str(), 0600), 0);
+    EXPECT_EQ(write(held.get(), "E0103:old pipe\n", 15), 15);
+    suite.await_events(1);
+    EXPECT_EQ(open(suite.path("pipe").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC), -1);
+    EXPECT_EQ(errno, ENXIO);
+}
+
+void use_all_descriptors(Suite& suite) {
+    std::vector<Client> clients;
+    for (int i = 0; i < 20; i++) clients.push_back(suite.client());
+    suite.await_trace("accept failed. errno=24\n");
+    EXPECT_EQ(suite.status(clients[0]), status_answer(""));
+    clients[0].send("parts\tstatus\r");
+    suite.await_trace("Error:command:pipe fail(errno=24)\n");
+    EXPECT_EQ(suite.status(clients[0]), status_answer(""));  // and nothing for what could not be started
+    clients.erase(clients.begin(), clients.end() - 5);
+    for (Client& waiting : clients) EXPECT_EQ(waiting.ask("parts\tstatus"), over);
+}
+
+// Root is not limited, so the daemon runs as somebody who runs nothing else.
+strings as_somebody() {
+    const std::string id = std::to_string(100'000 + getpid());
+    return {"setpriv",
+            "--reuid=" + id,
+            "--regid=" + id,
+            "--clear-groups",
+            "--inh-caps=+dac_override",
+            "--ambient-caps=+dac_override"};
+}
+
+std::string shell_as_somebody(const std::string& command) {
+    std::string words;
+    for (const std::string& word : as_somebody()) words += word + " ";
+    return shell(words + command + " 2>&1");
+}
+
+void own_user(Suite& suite) {
+    suite.wrapper = as_somebody();
+    if (shell_as_somebody("echo permitted") != "permitted\n")
+        GTEST_SKIP() << "not permitted to run the daemon as somebody else";
+}
+
+void refuse_processes(Suite& suite) {
+    const std::string limit = "prlimit --pid " + std::to_string(suite.pid) + " --nproc=";
+    Client client = suite.client();
+    EXPECT_EQ(suite.status(client), status_answer(""));
+    EXPECT_EQ(shell_as_somebody(limit + "0:"), "");
+    client.send("parts\tstatus\r");
+    suite.await_trace("Error:command:fork fails (errno=11)\n");
+    EXPECT_EQ(suite.status(client), status_answer(""));  // and nothing for what could not be started
+    EXPECT_EQ(suite.client().rest(), "");
+    suite.await_trace("Error:comm:thread create fails.(11)");
+    EXPECT_EQ(shell_as_somebody(limit + "500:"), "");
+}
+
+void kill_supervisor(Suite& suite) {
+    Client client = suite.client();
+    client.send("patient\r");
+    suite.await_trace("command:\"patient\" \n");
+    kill(suite.pid, SIGKILL);
+    EXPECT_EQ(suite.wait_exit(), 128 + SIGKILL);
+    suite.write("temp/go", "");
+    EXPECT_EQ(client.answer(), "done\r\n" + over);
+}
+
+const strings traced_to_files = {"-d", "A"};
+
+const Fault faults[] = {
+    {"ModuleIgnoresSignalsAndSoDoItsChildren", overruns,
+     "trap '' HUP INT TERM ALRM\n"
+     "for i in 1 2 3; do (sleep 600 & echo $! >> \"$VGD_temp/pids\"; wait) & done\nwait"},
+    {"ModuleWritesForEver", overruns, "while :; do echo for ever and ever; done"},
+    {"ModuleIsStopped", overruns, "kill -STOP $$"},
+    {"ClientNeverReads", never_reads, "exec yes 'for ever and ever'"},
+    {"ClientSendsOneByteASecond", sends_slowly},
+    {"HundredClientsAtOnce", knock_at_once},
+    {"ConnectionsResetInMidCommand", reset_in_mid_command, "sleep 0.2; exec yes 'for ever and ever'"},
+    {"LogDirectoryGoesAndComesBack", lose_log_directory, "", nothing, traced_to_files},
+    {"LogDiskIsFull", fill_log_disk, "", small_log_disk, traced_to_files},
+    {"EventPipeIsRemade", remake_pipe},
+    {"NoDescriptorIsLeft", use_all_descriptors, "", [](Suite& suite) { suite.descriptors = 16; }},
+    {"NoProcessCanBeStarted", refuse_processes, "", own_user},
+    {"SupervisorIsKilled",
+     kill_supervisor,
+     "while [ ! -e \"$VGD_temp/go\" ]; do sleep 0.05; done; echo done",
+     nothing,
+     {}},
+};
+
+class Faults : public testing::TestWithParam<Fault> {};
+
+TEST_P(Faults, ServesOn) {
+    Suite suite;
+    suite.module("rogue", "echo $$ >> \"$VGD_temp/pids\"\n"s + GetParam().script, 1);
+    suite.listed("patient rogue - 60");
+    GetParam().arrange(suite);
+    if (IsSkipped()) return;
+    suite.start(GetParam().args);
+    const pid_t scheduler = suite.scheduler();
+    const std::string descriptors = of_process(scheduler, "ls fd | wc -l");
+    GetParam().strike(suite);
+    {
+        Client client = suite.client();
+        EXPECT_EQ(client.ask("parts\tstatus"), over);
+        EXPECT_THAT(client.ask("status"), EndsWith(over));
+    }
+    EXPECT_TRUE(wait_until([&] { return of_process(scheduler, "ls fd | wc -l") == descriptors; }));
+    EXPECT_EQ(of_process(scheduler, "cat task/*/children"), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(All, Faults, testing::ValuesIn(faults));
+
+// The daemon's clock runs twenty times as fast, and is set back and forward by two hours.
+TEST(Clock, SetBackAndForwardNoMinuteRunsTwiceOrIsSkipped) {
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "the sanitizer's library and the one that fakes the clock cannot both come first";
+#endif
+    const std::string library = shell("ls /usr/lib/*/faketime/libfaketimeMT.so.1 2>/dev/null");
+    if (library.empty()) GTEST_SKIP() << "libfaketime is not installed";
+    Suite suite;
+    suite.env["LD_PRELOAD"] = library.substr(0, library.find('\n'));
+    suite.env["FAKETIME_TIMESTAMP_FILE"] = suite.path("temp/clock");
+    suite.env["FAKETIME_NO_CACHE"] = "1";
+    suite.env["FAKETIME_DONT_FAKE_MONOTONIC"] = "1";
+    suite.write("temp/clock", "+0 x20");
+    suite.write("config/timer_jobs", "* * * * * parts\ttick\n");
+    suite.start();
+    std::vector<long> minutes;
+    const auto ran = [&](std::size_t count) {
+        return wait_until([&] {
+            minutes.clear();
+            const std::string text = suite.trace();
+            const std::string run = "timer:run command:job=0,\"parts tick\" for ";
+            for (std::size_t at = 0; (at = text.find(run, at)) != text.npos; at += run.size())
+                minutes.push_back(std::atol(&text[at + run.size()]));
+            return minutes.size() >= count;
+        });
+    };
+    for (const char* clock : {"-7200 x20", "+0 x20"}) {
+        EXPECT_TRUE(ran(minutes.size() + 2));
+        suite.write("temp/clock", clock);
+    }
+    EXPECT_TRUE(ran(minutes.size() + 2));
+    suite.event("I0199:end\n");  // orderly, so that the library takes away what it shares between processes
+    EXPECT_EQ(suite.wait_exit(), 0);
+    std::vector<long> steps;
+    for (std::size_t i = 1; i < minutes.size(); i++)
+        if (const long step = minutes[i] - minutes[i - 1]; step != 60) steps.push_back(step);
+    // The two settings, and nothing else.
+    ASSERT_EQ(steps.size(), 2U) << testing::PrintToString(steps);
+    EXPECT_NEAR(static_cast<double>(steps[0]), -7200, 121);
+    EXPECT_NEAR(static_cast<double>(steps[1]), 7200, 121);
+}
+
+}  // namespace
+}  // namespace e2e

@@ -1,0 +1,104 @@
+#include "trace/trace.h"
+
+#include "unit_support.h"
+
+namespace unit {
+
+struct Trace : Scratch {
+    void log(const std::string& text) const {
+        trprintf("%s\n", text.c_str());
+        event_log(text.c_str());
+    }
+};
+
+TEST_F(Trace, LinesAreCutAndStampedWithLocalTime) {
+    set_zone("XST-9:30");
+    char thread[32];
+    std::snprintf(thread, sizeof thread, " thr:%08x ", thread_id());
+    for (const std::size_t length : {40U, 506U, 507U, 508U, 509U, 510U, 511U, 512U, 600U, 5000U}) {
+        for (const std::string name : {"log/sched_log", "log/event_log"}) {
+            const std::string prefix = name == "log/sched_log" ? thread : " : ";
+            const std::string text = prefix + pattern(length - 20 - prefix.size());
+            fs::remove(path(name));
+            log(text.substr(prefix.size()));
+            const std::string line = read(name);
+            EXPECT_EQ(line.substr(19), (length <= 507 ? text : text.substr(0, 488) + "...") + "\n");
+            std::tm parts{};
+            ASSERT_EQ(strptime(line.c_str(), "%Y/%m/%d %H:%M:%S", &parts), line.c_str() + 19);
+            EXPECT_LE(std::abs(std::mktime(&parts) - now_seconds()), 10);
+        }
+    }
+}
+
+TEST_F(Trace, ErrorTraceTakesLinesWithALevelWord) {
+    for (const auto& [message, copied] :
+         rows("Info:port 9980 -> y|allowed ip address -> |ERROR: mismatch -> |listen failed -> y|xWarnx -> y|"
+              "warning info error FAIL Inf o Err\tor -> |%Error -> y|%1Error -> ",
+              pattern(469))) {
+        trprintf("%s\n", message.c_str());
+        EXPECT_EQ(read("log/sched_logerr"), copied == "y" ? read("log/sched_log") : "") << message;
+        EXPECT_NE(trace(), "");
+        fs::remove(path("log/sched_logerr"));
+    }
+}
+
+TEST_F(Trace, RotatesWhatIsLargerThanTheThreshold) {
+    for (const std::string name : {"log/sched_log", "log/sched_logerr", "log/event_log"}) {
+        write(name, std::string(262144, 'x'));
+        log("Info");
+        EXPECT_GT(read(name).size(), 262144U) << name;
+        write(name, std::string(262145, 'y'));
+        write(name + ".0", "zero");
+        write(name + ".2", "two");
+        log("Info");
+        EXPECT_LT(read(name).size(), 50U) << name;
+        EXPECT_EQ(read(name + ".0"), std::string(262145, 'y')) << name;
+        EXPECT_EQ(read(name + ".1") + "," + read(name + ".2") + "," + read(name + ".3"), "zero,,two") << name;
+    }
+}
+
+TEST_F(Trace, SurvivesWhatIsWrongWithItsDirectoryAndKeepsErrno) {
+    fs::remove_all(path("log"));
+    errno = EDOM;
+    EXPECT_EQ(trprintf("Error:lost\n"), 0);
+    EXPECT_EQ(errno, EDOM);
+    EXPECT_EQ(trflush("lost\n") + event_log("lost"), -2);
+    fs::create_directories(path("log/sched_logerr"));
+    EXPECT_EQ(trflush("Info:no error trace\n"), -1);
+    // While no generation can be moved, lines go to the file that is there, and each of them tries again.
+    shell("for i in 0 1 2 3; do mkdir -p log/sched_log.$i/file; done");
+    write("log/sched_log", std::string(262145, 'x'));
+    trprintf("a\n");
+    EXPECT_EQ(read("log/sched_log").size(), 262145 + trace_prefix + 2);
+    fs::remove_all(path("log/sched_log.3"));
+    trprintf("b\n");
+    EXPECT_EQ(trace(), "b\n");
+}
+
+TEST_F(Trace, DebugGoesToStandardOutputOnlyAndNothingBeforeInit) {
+    st->debug = 1;
+    testing::internal::CaptureStdout();
+    trprintf("Error:\t%s\n", pattern(600).c_str());
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(out.substr(trace_prefix), "Error: " + pattern(467) + "...\n");
+    st->event_log_path[0] = '\0';
+    trinit("");
+    EXPECT_EQ(trprintf("Error:early\n") + event_log("early"), -2);
+    EXPECT_TRUE(fs::is_empty(path("log")));
+}
+
+TEST_F(Trace, ConcurrentLinesStayWholeAcrossRotations) {
+    in_threads(4, [](int t) {
+        for (int i = 0; i < 400; ++i) trprintf("%d%s%d\n", t, pattern(300).c_str(), i);
+    });
+    std::istringstream lines(read("log/sched_log.1") + read("log/sched_log.0") + read("log/sched_log"));
+    int next[4] = {};
+    for (std::string line; std::getline(lines, line);) {
+        const int t = line.at(trace_prefix) - '0';
+        const std::string expected = pattern(300) + std::to_string(next[t]++);
+        ASSERT_EQ(line.substr(trace_prefix + 1), expected);
+    }
+    EXPECT_THAT(next, testing::Each(400));
+}
+
+}  // namespace unit

@@ -1,0 +1,102 @@
+// What the unit tests share: a scratch suite with the record as start-up makes it, tables, threads.
+#pragma once
+
+#include "comm/hmi_table.h"
+#include "sched/startup.h"
+#include "util/clock.h"
+
+#include <gmock/gmock.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+#include <unistd.h>
+
+namespace unit {
+
+namespace fs = std::filesystem;
+using testing::AllOf, testing::EndsWith, testing::HasSubstr, testing::Not, testing::StartsWith;
+
+constexpr std::size_t trace_prefix = 33;  // characters of "date time thr:id "
+
+// The alphabet over and over: wherever it is cut, the last characters tell where.
+inline std::string pattern(std::size_t length) {
+    std::string text;
+    while (text.size() < length) text += "abcdefghijklmnopqrstuvwxyz";
+    return text.substr(0, length);
+}
+
+// The rows of a table "given -> expected|given -> expected"; each % in it stands for filling.
+inline std::vector<std::pair<std::string, std::string>> rows(const char* table, const std::string& filling = "") {
+    std::vector<std::pair<std::string, std::string>> all;
+    std::istringstream text(table);
+    for (std::string row; std::getline(text, row, '|');) {
+        for (std::size_t at = 0; (at = row.find('%', at)) != std::string::npos; at += filling.size())
+            row.replace(at, 1, filling);
+        all.emplace_back(row.substr(0, row.find(" -> ")), row.substr(row.find(" -> ") + 4));
+    }
+    return all;
+}
+
+inline void set_zone(const char* zone) {
+    setenv("TZ", zone, 1);
+    tzset();
+}
+
+// Runs body(0) to body(count - 1) at the same time.
+template <typename Body>
+void in_threads(int count, Body body) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < count; ++i) threads.emplace_back(body, i);
+    for (std::thread& thread : threads) thread.join();
+}
+
+// A suite directory and a record of the test's own. Start-up gives nothing back, so under a leak checker each test
+// wants a process to itself, as ctest runs them.
+struct Scratch : testing::Test {
+    Scratch() {
+        for (const char* name : {"bin", "config", "data", "log", "temp", "update"}) {
+            fs::create_directory(path(name));
+            setenv((std::string("VGD_") + name).c_str(), path(name).c_str(), 1);
+        }
+        setenv("VGD_PIPE", path("pipe").c_str(), 1);
+        set_zone("UTC0");
+        init_sched();
+        EXPECT_EQ(hmistruc_init(), 0);
+    }
+    ~Scratch() override { fs::remove_all(dir); }
+    std::string path(const std::string& name) const { return dir + "/" + name; }
+    void write(const std::string& name, const std::string& text) const { std::ofstream(path(name)) << text; }
+    std::string read(const std::string& name) const {
+        std::ifstream file(path(name));
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+    // What a shell command, run in the directory, prints.
+    std::string shell(const std::string& command) const {
+        EXPECT_EQ(std::system(("cd " + dir + "; exec >out; " + command).c_str()) & 0x7f, 0) << command;
+        return read("out");
+    }
+    // The messages traced since the last call.
+    std::string trace() const {
+        std::ifstream lines(path("log/sched_log"));
+        fs::remove(path("log/sched_log"));
+        std::string all;
+        for (std::string line; std::getline(lines, line);)
+            all += line.substr(std::min(trace_prefix, line.size())) + "\n";
+        return all;
+    }
+    void await_trace(const char* text) const {
+        const std::int64_t deadline = monotonic_ms() + 20'000;
+        while (read("log/sched_log").find(text) == std::string::npos && monotonic_ms() < deadline) usleep(5'000);
+    }
+    // A module program in shell; it finds the suite in $D.
+    void program(const std::string& name, const std::string& script) const {
+        write("bin/" + name, "#!/bin/sh\nD=" + dir + "\n" + script + "\n");
+        fs::permissions(path("bin/" + name), fs::perms::owner_all);
+    }
+    char name_template[32] = "/tmp/sched-unit-XXXXXX";
+    const std::string dir = mkdtemp(name_template);
+};
+
+}  // namespace unit
