@@ -56,7 +56,7 @@ public:
         const bool found = wait_until([&] {
             read_more();
             at = shown_.find(text);
-            return at != std::string::npos || ended_;
+            return at != std::string::npos || over();
         });
         EXPECT_TRUE(found && at != std::string::npos) << "\"" << text << "\" is not shown; instead: " << shown_;
         const std::size_t end = at == std::string::npos ? shown_.size() : at + text.size();
@@ -68,7 +68,7 @@ public:
     int wait_exit(std::string* rest = nullptr) {
         EXPECT_TRUE(wait_until([&] {
             read_more();
-            return ended_;
+            return over();
         })) << "it does not end";
         if (!ended_) kill(pid_, SIGKILL);
         int status = 0;
@@ -79,6 +79,9 @@ public:
     }
 
 private:
+    // After a failure nothing is worth waiting for.
+    bool over() const { return ended_ || testing::Test::HasFailure(); }
+
     void read_more() {
         pollfd ready{fd_, POLLIN, 0};
         while (!ended_ && poll(&ready, 1, 0) > 0) {

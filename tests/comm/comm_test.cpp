@@ -1,7 +1,9 @@
-#include "comm/address_restriction.h"
+#include "comm/reply.h"
 #include "unit_support.h"
+#include "util/clock.h"
+#include "util/unique_fd.h"
 
-#include <arpa/inet.h>
+#include <sys/socket.h>
 
 namespace unit {
 
@@ -70,21 +72,24 @@ TEST_F(Comm, EntriesComeBackClean) {
     EXPECT_EQ(used.nonce[0] + used.user[0] + used.locked + used.auth + used.lost + used.resource_fd, -1);
 }
 
-TEST_F(Comm, AddressesThatMayConnect) {
-    allowed_address(&allowed)[allowed_max] = st->allowed_ip_address;
-    allowed[0] = {inet_addr("10.1.2.3"), 0xff000000};
-    allowed[2] = {inet_addr("192.168.1.4"), 0xfffffffe};
-    allowed[9] = {inet_addr("9.9.9.9"), 0xffffffff};
-    for (const auto& [client, refused] :
-         rows("10.255.9.9 -> 0|11.1.2.3 -> 1|3.2.1.10 -> 1|127.0.0.1 -> 0|127.0.0.2 -> 1|0.0.0.0 -> 1|"
-              "192.168.1.3 -> 1|192.168.1.4 -> 0|192.168.1.5 -> 0|192.168.1.6 -> 1|9.9.9.9 -> 0|9.9.9.8 -> 1"))
-        EXPECT_EQ(std::to_string(check_ip_address_restriction(inet_addr(client.c_str()))), refused) << client;
-    EXPECT_THAT(trace(), StartsWith("hmi 0909ff0a matched to 0302010a(mask ff000000)\n"));
-    allowed[9].mask = 0;
-    EXPECT_EQ(check_ip_address_restriction(inet_addr("200.0.0.255")), 0);
-    allowed[9].mask = ~0U;
-    allowed[0].addr = 0;
-    EXPECT_EQ(check_ip_address_restriction(inet_addr("200.0.0.255")), 0);
+// A peer that has stopped reading holds nobody up, and does not take a later answer for this one.
+TEST_F(Comm, PatienceWithAPeerThatDoesNotReadEnds) {
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    const unique_fd mine(ends[0]);
+    const unique_fd peer(ends[1]);
+    const std::string filler(65536, 'x');
+    while (send(mine.get(), filler.data(), filler.size(), MSG_DONTWAIT) > 0) {}
+    std::int64_t patience = 50;
+    const std::int64_t start = monotonic_ms();
+    reply_within(mine.get(), "late", patience);
+    EXPECT_EQ(patience, 0);
+    EXPECT_GE(monotonic_ms() - start, 50);
+    std::string received(1 << 24, '\0');
+    std::size_t length = 0;
+    for (ssize_t got = 1; got > 0; length += static_cast<std::size_t>(got))
+        got = recv(peer.get(), &received[length], received.size() - length, 0);
+    EXPECT_EQ(received.find("late"), std::string::npos);  // and the read came to an end of file
 }
 
 }  // namespace unit

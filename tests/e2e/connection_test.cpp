@@ -48,17 +48,6 @@ TEST(Connection, QuitEndsOrderlyWhileTheNextClientTakesItsPlace) {
     EXPECT_FALSE(suite.traced("Error:comm:shutdown"));
 }
 
-TEST(Connection, TheTableHoldsThirtyTwo) {
-    Suite suite;
-    suite.start();
-    std::vector<Client> clients = suite.thirty_two();
-    EXPECT_EQ(suite.client().rest(), "");
-    EXPECT_TRUE(suite.traced("Error:comm:no resource for hmi(127.0.0.1)\n"));
-    clients.pop_back();
-    EXPECT_TRUE(wait_until([&] { return clients[0].ask("debug\thmi\tall").find("#31 flag=0") != std::string::npos; }));
-    EXPECT_EQ(suite.client().ask("nosuch"), unsupported);
-}
-
 // Work that follows a module command: which commands run, and what becomes of the marks.
 TEST(Connection, FollowUpCommands) {
     for (const std::string platform : {"KT", "ZW", "kt", "KTX", ""}) {
