@@ -60,7 +60,7 @@ public:
         });
         EXPECT_TRUE(found && at != std::string::npos) << "\"" << text << "\" is not shown; instead: " << shown_;
         const std::size_t end = at == std::string::npos ? shown_.size() : at + text.size();
-        const std::string result = shown_.substr(0, end);
+        std::string result = shown_.substr(0, end);
         shown_.erase(0, end);
         return result;
     }
@@ -103,6 +103,7 @@ protected:
     void SetUp() override {
         suite.module("odd", R"(case $1 in
 text) printf "$2" ;;
+split) printf 'm\303'; sleep 0.1; printf '\244r\n' ;;
 wait) echo begin; while [ ! -e "$2" ]; do sleep 0.02; done; yes | head -c 300000 ;;
 esac
 )");
@@ -127,9 +128,11 @@ TEST_F(ClientTerminal, Session) {
     screen.expect(prompt);
     screen.type("oddi\ttext 'two words '\n");
     screen.expect("two words \r\n");
-    screen.type("oddity text '\\033[2Jevil\\tt\\303\\244g \\302\\233 \\377\\n'\n");
+    screen.type("oddity text '\\033[2Jevil\\tt\\303\\244g \\302\\233 \\377\\rz\\n'\n");
     screen.expect("\\x1b[2Jevil");
-    screen.expect("t\xc3\xa4g \\xc2\\x9b \\xff\r\n");
+    screen.expect("t\xc3\xa4g \\xc2\\x9b \\xffz\r\n");
+    screen.type("oddity split\n");
+    screen.expect("m\xc3\xa4r\r\n");
     screen.type("no such\n");
     screen.expect("[unsupported");
     screen.type("modcntl oddity o\tff\n");  // "on" or "off": the key lists both
