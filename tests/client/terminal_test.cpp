@@ -3,6 +3,7 @@
 #include <pty.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -44,6 +45,15 @@ public:
     Terminal& operator=(const Terminal&) = delete;
 
     void type(const std::string& keys) const { EXPECT_EQ(write(fd_, keys.data(), keys.size()), std::ssize(keys)); }
+
+    // Keys that mean something only to a program that reads them one by one: it has switched the echo off by then.
+    void press(const std::string& keys) const {
+        EXPECT_TRUE(wait_until([&] {
+            termios now{};
+            return tcgetattr(fd_, &now) == 0 && (now.c_lflag & ECHO) == 0;
+        })) << "it does not wait for a key";
+        type(keys);
+    }
 
     void resize(unsigned short rows, unsigned short columns) const {
         const winsize size{rows, columns, 0, 0};
@@ -126,7 +136,7 @@ esac
 TEST_F(ClientTerminal, Session) {
     Terminal screen(suite, {SCHEDCTL_BINARY});
     screen.expect(prompt);
-    screen.type("oddi\ttext 'two words '\n");
+    screen.press("oddi\ttext 'two words '\n");
     screen.expect("two words \r\n");
     screen.type("oddity text '\\033[2Jevil\\tt\\303\\244g \\302\\233 \\377\\rz\\n'\n");
     screen.expect("\\x1b[2Jevil");
@@ -135,23 +145,23 @@ TEST_F(ClientTerminal, Session) {
     screen.expect("m\xc3\xa4r\r\n");
     screen.type("no such\n");
     screen.expect("[unsupported");
-    screen.type("modcntl oddity o\tff\n");  // "on" or "off": the key lists both
+    screen.press("modcntl oddity o\tff\n");  // "on" or "off": the key lists both
     screen.expect("on  off");
     screen.expect(prompt);
     screen.type("oddity text x\n");
     screen.expect("[busy");
-    screen.type("a dropped line\x03");
+    screen.press("a dropped line\x03");
     screen.expect("^C");
     screen.type("lock\nshow ip\n");
     screen.expect("locked=1");
-    screen.type("\x04");
+    screen.press("\x04");
     screen.expect("quit");
     EXPECT_EQ(screen.wait_exit(), 0);
     suite.await_trace("by quit command.");
 
     Terminal named(suite, {SCHEDCTL_BINARY, "-u", "otto"});
     named.expect("otto@" + prompt);
-    named.type("\x1b[A\n");  // the line before, of the session before
+    named.press("\x1b[A\n");  // the line before, of the session before
     named.expect("user=otto");
     named.type("quit\n");
     EXPECT_EQ(named.wait_exit(), 0);
@@ -201,13 +211,13 @@ TEST_F(ClientTerminal, Login) {
     std::string seen;
     for (const char* given : {"\x03", "falsch\n"}) {  // given up, wrong
         seen += screen.expect("Password for 127.0.0.1: ");
-        screen.type(given);
+        screen.press(given);
         seen += screen.expect("[login refused: ");
         screen.expect(prompt);
         screen.type("show ip\n");
     }
     screen.expect("Password for ");
-    screen.type("geheim\n");
+    screen.press("geheim\n");
     seen += screen.expect("ip=10.0.0.5");
     EXPECT_EQ(seen.find("falsch"), std::string::npos);
     EXPECT_EQ(seen.find("geheim"), std::string::npos);
@@ -216,9 +226,9 @@ TEST_F(ClientTerminal, Login) {
     for (const char* again : {"anders", "neu"}) {
         Terminal passwd(suite, {SCHEDPASSWD_BINARY, suite.path("data/password")});
         passwd.expect("New password: ");
-        passwd.type("neu\n");
+        passwd.press("neu\n");
         passwd.expect("New password: ");  // "Verifying - ..."
-        passwd.type(again + "\n"s);
+        passwd.press(again + "\n"s);
         EXPECT_EQ(passwd.wait_exit(&seen), again == "neu"s ? 0 : 2) << seen;
         EXPECT_EQ(seen.find(again), std::string::npos);
         EXPECT_EQ(suite.read("data/password") != before, again == "neu"s);
