@@ -60,6 +60,13 @@ void drain_delayed(const char* caller) REQUIRES(com_lock) {
     }
 }
 
+int run_and_drain(const char* caller, hmistruc* hmi, const char* line, char* capture, int capture_size)
+    REQUIRES(com_lock) {
+    const int status = do_command2(hmi, line, capture, capture_size);
+    drain_delayed(caller);
+    return status;
+}
+
 void park(const char* line, int number) {
     const mutex_guard guard(queue_lock);
     cmdq_entry& slot = cmdq[number];
@@ -142,8 +149,7 @@ int do_command(hmistruc* hmi, const char* line, int number) {
         park(line, number);
         return -1;
     }
-    const int status = do_command2(hmi, line, nullptr, 0);
-    drain_delayed("command1");
+    const int status = run_and_drain("command1", hmi, line, nullptr, 0);
     com_lock.unlock();
     return status;
 }
@@ -151,7 +157,11 @@ int do_command(hmistruc* hmi, const char* line, int number) {
 int do_command_with_buffer(const char* line, char* buffer, int size) {
     trprintf("command_buffer:\"%s\"\n", line);
     const mutex_guard guard(com_lock);
-    const int status = do_command2(nullptr, line, buffer, size);
-    drain_delayed("command_buffer");
-    return status;
+    return run_and_drain("command_buffer", nullptr, line, buffer, size);
+}
+
+void do_last_command(const char* line) {
+    trprintf("command_buffer:\"%s\"\n", line);
+    com_lock.lock();
+    run_and_drain("command_buffer", nullptr, line, nullptr, 0);
 }

@@ -56,3 +56,7 @@ int do_command(hmistruc* hmi, const char* line, int number);
 // Runs a module command without an HMI, its output in buffer (or dropped when null), after waiting for com_lock.
 // Returns the wait status or -1. Any thread.
 int do_command_with_buffer(const char* line, char* buffer, int size);
+
+// The same for the command that stops the suite, its output dropped. Keeps com_lock, so that no module starts behind
+// it: the caller must end the process. Any thread; a second caller waits for that end.
+void do_last_command(const char* line) ACQUIRE(com_lock);

@@ -3,9 +3,7 @@
 #include "command/dispatch.h"
 #include "trace/trace.h"
 
-#include <atomic>
 #include <cstdlib>
-#include <unistd.h>
 
 void exit_process(int code) {
     // exit() must not run in two threads at once. Never unlocked: a second caller waits for the process to be gone.
@@ -15,15 +13,7 @@ void exit_process(int code) {
 }
 
 void run_vgd_end() {
-    static std::atomic<int> callers = 0;
-    ++callers;
     trprintf("Info:calling VGDend\n");
-    do_command_with_buffer("allmodcall\tstop", nullptr, 0);
-    // The last one ends the process, so that no caller's modules are left in the middle of their stop.
-    if (--callers > 0) {
-        for (;;) {
-            pause();
-        }
-    }
+    do_last_command("allmodcall\tstop");
     exit_process(0);
 }
