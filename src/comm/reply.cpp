@@ -40,13 +40,13 @@ void reply_within(int soc, std::string_view text, std::int64_t& patience) {
         if (errno != EAGAIN && errno != EINTR) {
             return;
         }
-        patience = deadline - monotonic_ms();
         pollfd room{soc, POLLOUT, 0};
-        if (patience <= 0 || poll(&room, 1, static_cast<int>(patience)) < 0) {
+        if (patience == 0 || poll(&room, 1, static_cast<int>(patience)) < 0) {
             patience = 0;
             shutdown(soc, SHUT_RDWR);
             return;
         }
+        patience = std::max<std::int64_t>(deadline - monotonic_ms(), 0);
     }
 }
 

@@ -64,7 +64,8 @@ int connect_to_receiver() {
     const int on = 1;  // a line is several small writes, none of which should wait for an acknowledgement
     setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     if (connect(fd.get(), reinterpret_cast<const sockaddr*>(&receiver), sizeof receiver) != 0) {
-        trprintf("Error:res_data:connect error, errno=%d\n", errno);
+        const int error = errno == EINPROGRESS ? ETIMEDOUT : errno;  // the former is how our patience ends
+        trprintf("Error:res_data:connect error, errno=%d\n", error);
         return -1;
     }
     return fd.release();
