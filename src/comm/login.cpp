@@ -97,13 +97,14 @@ bool is_valid_login(const hmistruc& hmi, int argc, char* argv[]) {
 void read_password_file() {
     char path[path_size];
     format_text(path, "%s/%s", environment("VGD_data"), "password");
-    const unique_fd file(open(path, O_RDONLY | O_CLOEXEC));
+    unique_fd file(open(path, O_RDONLY | O_CLOEXEC));
     if (!file) {
         trprintf("Info:password open fails errno=%d, no authentication required.\n", errno);
         return;
     }
     char text[128] = "";
     [[maybe_unused]] const ssize_t got = read(file.get(), text, sizeof text - 1);
+    file.reset();
     static_assert(sizeof st->auth_hash >= sizeof text && sizeof st->auth_salt >= sizeof text);
     if (std::sscanf(text, "%127s %127s", st->auth_hash, st->auth_salt) == 2 &&
         std::strlen(st->auth_hash) == hash_length && std::strlen(st->auth_salt) == salt_length) {
