@@ -123,12 +123,6 @@ esac
         prompt = "127.0.0.1:" + std::to_string(suite.port) + "> ";
     }
 
-    // The old trace would make a start look finished before it is.
-    void start_again() {
-        for (const char* trace : {"log/sched_log", "stdout"}) std::remove(suite.path(trace).c_str());
-        suite.start();
-    }
-
     Suite suite;
     std::string prompt;
 };
@@ -199,7 +193,7 @@ TEST_F(ClientTerminal, InterruptedWait) {
     screen.expect("(the scheduler closed the connection)");
     screen.type("status\n");
     screen.expect("[no connection");
-    start_again();
+    suite.start();
     screen.type("status\n");
     screen.expect("confdate");
 }
@@ -245,7 +239,7 @@ TEST_F(ClientTerminal, Watch) {
     screen.expect("  Ctr\x1b");  // the heading, cut at the new width
     suite.stop();
     screen.expect("no connection");
-    start_again();
+    suite.start();
     while (screen.expect("Messages: 1").find("no connection") != std::string::npos) continue;
     screen.type("\x03");
     std::string rest;

@@ -265,6 +265,7 @@ void Suite::launch(const strings& args) {
 void Suite::start(const strings& args) {
     strings full = {"-p", std::to_string(port), "-N", "0"};  // what follows overrides these
     full.insert(full.end(), args.begin(), args.end());
+    for (const char* trace : {"log/sched_log", "stdout"}) fs::remove(path(trace));  // of an earlier start
     launch(full);
     EXPECT_TRUE(wait_until([&] {
         if (waitpid(pid, nullptr, WNOHANG) == pid) pid = -1;

@@ -88,7 +88,6 @@ TEST(Supervisor, OrderlyEndAndOneThatOutlivesItsSupervisor) {
     EXPECT_EQ(suite.wait_exit(), 0);
     EXPECT_THAT(suite.trace(), HasSubstr("returns 0x0(errno="));
     EXPECT_EQ(suite.calls(), "allmodcall stop");
-    suite.write("log/sched_log", "");
     suite.start({});
     kill(suite.pid, SIGTERM);
     EXPECT_EQ(suite.wait_exit(), 128 + SIGTERM);
