@@ -12,14 +12,16 @@
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
 constexpr std::size_t text_size = 64;
 
-void load_count(int file) {
+void load_count(unique_fd file) {
     char text[text_size] = "";
-    [[maybe_unused]] const ssize_t got = read(file, text, sizeof text - 1);
+    [[maybe_unused]] const ssize_t got = read(file.get(), text, sizeof text - 1);
+    file.reset();
     chomp(text);
     st->uptime = static_cast<std::uint32_t>(std::strtoul(text, nullptr, 10));
     trprintf("read uptime file \"%s\"\n", text);
@@ -41,9 +43,9 @@ bool write_start_date() {
 }  // namespace
 
 void server_uptime_init() {
-    const unique_fd file(open(st->up_time_path, O_RDONLY | O_CLOEXEC));
+    unique_fd file(open(st->up_time_path, O_RDONLY | O_CLOEXEC));
     if (file) {
-        load_count(file.get());
+        load_count(std::move(file));
     } else {
         trprintf("Info:uptime open fails (path=%s errno=%d)\n", st->up_time_path, errno);
         if (!write_start_date()) {
@@ -64,8 +66,10 @@ void server_uptime_logging() {
     // Written over the old count and cut behind it, not truncated first: on a full disk the old count stays.
     char text[text_size];
     const std::size_t length = format_text(text, "%u\n", st->uptime.get());
-    if (write(file.get(), text, length) != static_cast<ssize_t>(length) ||
-        ftruncate(file.get(), static_cast<off_t>(length)) != 0) {
+    if (write(file.get(), text, length) != static_cast<ssize_t>(length)) {
         trprintf("Error: failed to fopen uptime %s errno=%d\n", st->up_time_path, errno);
+        return;
     }
+    // Needed only when the count has become shorter; what is no regular file cannot be cut, and need not be.
+    [[maybe_unused]] const int cut = ftruncate(file.get(), static_cast<off_t>(length));
 }
