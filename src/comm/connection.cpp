@@ -45,23 +45,24 @@ void ask_for_login(const hmistruc& hmi, const char* line) {
 }
 
 void run_line(hmistruc& hmi, char* line) {
-    char name[line_max];
-    get_first_token(line, name);
-    const bool external = is_external(name) != 0;
-    if (!external && is_internal(name) == 0) {
-        trprintf("Warning:comm:unsupported(\"%s\")\n", line);
-        reply_text(hmi.soc, unsupported_line);
-    } else if (const int count = count_arguments(line); count > argument_max) {
+    if (const int count = count_arguments(line); count > argument_max) {
         trprintf("Warning:comm:too many fields (%d, max=%d) from hmi(%s)\n", count, argument_max, hmi.remote);
         reply_text(hmi.soc, unsupported_line);
-    } else if (external) {
+        return;
+    }
+    char name[line_max];
+    get_first_token(line, name);
+    if (is_external(name) != 0) {
         do_command(&hmi, line, 0);
         do_cont_command(line);
-    } else {
+    } else if (is_internal(name) != 0) {
         if (st->debug != 0) {
             trprintf("Info:internal:\"%s\"\n", line);
         }
         do_internal(hmi, line);
+    } else {
+        trprintf("Warning:comm:unsupported(\"%s\")\n", line);
+        reply_text(hmi.soc, unsupported_line);
     }
 }
 
