@@ -80,12 +80,21 @@ TEST_F(Comm, PatienceWithAPeerThatDoesNotReadEnds) {
     const unique_fd peer(ends[1]);
     const std::string filler(65536, 'x');
     while (send(mine.get(), filler.data(), filler.size(), MSG_DONTWAIT) > 0) {}
-    std::int64_t patience = 50;
+    std::string received(1 << 24, '\0');
+    std::int64_t patience = 60'000;
+    std::thread slow([&] {
+        usleep(30'000);
+        while (recv(peer.get(), received.data(), received.size(), MSG_DONTWAIT) > 0) {}
+    });
+    reply_within(mine.get(), "waits", patience);  // and what it waits is missing from what remains
+    slow.join();
+    EXPECT_LT(patience, 60'000 - 25);
+    while (send(mine.get(), filler.data(), filler.size(), MSG_DONTWAIT) > 0) {}
+    patience = 50;
     const std::int64_t start = monotonic_ms();
     reply_within(mine.get(), "late", patience);
     EXPECT_EQ(patience, 0);
     EXPECT_GE(monotonic_ms() - start, 50);
-    std::string received(1 << 24, '\0');
     std::size_t length = 0;
     for (ssize_t got = 1; got > 0; length += static_cast<std::size_t>(got))
         got = recv(peer.get(), &received[length], received.size() - length, 0);

@@ -72,6 +72,9 @@ TEST_F(Command, SplitsAtTabsUpToFifteenArguments) {
         EXPECT_EQ(count, std::count(joined.begin(), joined.end(), ','));
         EXPECT_EQ(count_arguments(line.c_str()), 1 + std::count(line.begin(), line.end(), '\t'));
     }
+    EXPECT_EQ(entries("m m - 9\n"), "m,m,-,9x ");
+    EXPECT_EQ(do_command(nullptr, "m\t1\t2\t3\t4\t5\t6\t7\t8\t9\t1\t2\t3\t4\t5\t6", 0), -1);  // a timer job's
+    EXPECT_THAT(trace(), HasSubstr("Error:command:too many arguments (16, max=15) \"m\"\n"));
 }
 
 TEST_F(Command, CapturesTheFirstBytes) {
