@@ -10,7 +10,7 @@
 
 // The value of an environment variable; empty when it is not set. Nothing changes the environment, so any thread.
 inline const char* environment(const char* name) {
-    const char* value = std::getenv(name);
+    const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): see above
     return value != nullptr ? value : "";
 }
 
