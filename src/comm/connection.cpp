@@ -22,15 +22,9 @@ static_assert(line_max == command_line_size, "what a connection reads, the dispa
 
 namespace {
 
-bool begins_with(const char* line, const char* prefix) {
-    return std::strncmp(line, prefix, std::strlen(prefix)) == 0;
-}
-
-bool passes_login_gate(const hmistruc& hmi, const char* line) {
-    if (hmi.auth != auth_required) {
-        return true;
-    }
-    return begins_with(line, "login\t") || std::strcmp(line, "quit") == 0 || begins_with(line, "ipset\t");
+bool passes_login_gate(const hmistruc& hmi, std::string_view line) {
+    return hmi.auth != auth_required || line == "quit" || line.starts_with("login\t") ||
+           line.starts_with("ipset\t");
 }
 
 void refuse_overflow(const hmistruc& hmi, const char* line) {
@@ -40,7 +34,7 @@ void refuse_overflow(const hmistruc& hmi, const char* line) {
 }
 
 void ask_for_login(const hmistruc& hmi, const char* line) {
-    reply(hmi.soc, "__unauth__ %s %s\r\n", hmi.nonce, st->auth_salt);
+    reply(hmi.soc, unauth_format, hmi.nonce, st->auth_salt);
     trprintf("auth required (command=%s, hmi=%s)\n", line, hmi.remote);
 }
 
@@ -86,9 +80,7 @@ void serve(hmistruc& hmi) {
 void end_connection(hmistruc& hmi) {
     trprintf("hmi(%s) is gone.\n", hmi.remote);
     if (hmi.soc >= 0) {
-        if (const int result = shutdown(hmi.soc, SHUT_RDWR); result != 0 && errno != 0) {
-            trprintf("Error:comm:shutdown = %d (errno %d)\n", result, errno);
-        }
+        shutdown_connection(hmi.soc);
         close(hmi.soc);
         hmi.soc = -1;
     }
@@ -140,15 +132,21 @@ void get_first_token(const char* line, char (&name)[line_max]) {
     copy_text(name, {line, std::strcspn(line, "\t")});
 }
 
-void do_cont_command(const char* line) {
-    if (begins_with(line, "parts\tclear")) {
+void do_cont_command(std::string_view line) {
+    if (line.starts_with("parts\tclear")) {
         confirm_cleared(st->error, "parts\tstatus");
     }
-    if (is_prognosis_platform() && begins_with(line, "prognosis\tprevdel")) {
+    if (is_prognosis_platform() && line.starts_with("prognosis\tprevdel")) {
         confirm_cleared(st->prevent, "parts\tprevstatus");
     }
-    if (begins_with(line, "qmx\tsyslog\tenable") || begins_with(line, "qmx\tsyslog\tdisable")) {
+    if (line.starts_with("qmx\tsyslog\tenable") || line.starts_with("qmx\tsyslog\tdisable")) {
         syslog_enable_check();
+    }
+}
+
+void shutdown_connection(int soc) {
+    if (const int result = shutdown(soc, SHUT_RDWR); result != 0) {
+        trprintf("Error:comm:shutdown = %d (errno %d)\n", result, errno);
     }
 }
 

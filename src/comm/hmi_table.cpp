@@ -11,10 +11,6 @@
 
 namespace {
 
-int next_slot(int slot) {
-    return (slot + 1) % ring_slots;
-}
-
 void reset_entry(hmistruc& entry) REQUIRES(st->hmistruc_lock) {
     entry.flag = 1;
     entry.remote[0] = '\0';  // until admission fills it in, nobody is shown the former client
@@ -26,7 +22,7 @@ void reset_entry(hmistruc& entry) REQUIRES(st->hmistruc_lock) {
     entry.last_status = 0;
     entry.locked = 0;
     std::memset(entry.user, 0, sizeof entry.user);
-    entry.auth = 0;
+    entry.auth = auth_none;
     std::memset(entry.nonce, 0, sizeof entry.nonce);
     std::memset(entry.ipset, 0, sizeof entry.ipset);
     entry.resource_fd = -1;
@@ -42,17 +38,16 @@ int hmistruc_setup(hmistruc& entry) {
 
 int hmistruc_init() {
     st->hmi = new (std::nothrow) hmistruc[hmi_max]{};
-    if (st->hmi == nullptr) {
+    st->dummy_hmi = new (std::nothrow) hmistruc{};
+    bool complete = st->hmi != nullptr && st->dummy_hmi != nullptr && hmistruc_setup(*st->dummy_hmi) == 0;
+    for (int i = 0; complete && i < hmi_max; ++i) {
+        complete = hmistruc_setup(st->hmi[i]) == 0;
+    }
+    if (!complete) {
         std::fprintf(stderr, "Error:hmistruc:cannot allocate memory(errno=%d)\n", errno);
         return -1;
     }
-    for (int i = 0; i < hmi_max; ++i) {
-        if (hmistruc_setup(st->hmi[i]) != 0) {
-            return -1;
-        }
-    }
-    st->dummy_hmi = new (std::nothrow) hmistruc{};
-    return st->dummy_hmi == nullptr ? -1 : hmistruc_setup(*st->dummy_hmi);
+    return 0;
 }
 
 hmistruc* hmistruc_get() {

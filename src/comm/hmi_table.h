@@ -6,7 +6,6 @@
 
 #include <cstdint>
 #include <netinet/in.h>
-#include <pthread.h>
 #include <string_view>
 
 constexpr int hmi_max = 32;         // HMIs at once
@@ -17,10 +16,19 @@ constexpr std::size_t user_size = 16;
 constexpr std::size_t ipset_size = 64;
 constexpr std::size_t nonce_size = 128;
 
+// Values of auth.
+constexpr int auth_none = 0;      // no login required
+constexpr int auth_required = 1;  // required and not yet done
+constexpr int auth_done = 2;
+
 struct message_slot {
     char buf[message_size];  // NUL-terminated, zero-filled behind the text
     std::uint32_t qtime;     // seconds since the epoch: when it was queued
 };
+
+constexpr int next_slot(int slot) {
+    return (slot + 1) % ring_slots;
+}
 
 // One connection. The ring and flag are guarded by hmistruc_lock. The texts are written by the connection thread
 // under that lock, so that it may read them without and dumps may read them with it. The other fields belong to the
@@ -39,7 +47,7 @@ struct hmistruc {
     relaxed<std::uint32_t> last_status;  // seconds since the epoch: last status command, 0 before
     int locked;                          // 1 while this HMI holds hmi_mutex
     char user[user_size];                // name given by hello
-    int auth;                            // 0 no login required, 1 required, 2 logged in
+    int auth;                            // login state
     char nonce[nonce_size];              // login challenge, empty when none
     char ipset[ipset_size];              // address given by ipset, empty when none
     relaxed<int> resource_fd;            // resource connection, -1 when none
@@ -71,7 +79,7 @@ int hmistruc_dequeue(hmistruc& entry, char (&text)[message_size], std::uint32_t&
 // Returns the count of lost messages and starts it at 0 again. Takes hmistruc_lock.
 int hmistruc_lostcount(hmistruc& entry);
 
-// The first entry in use with that thread id, or null. Takes hmistruc_lock.
+// The first entry in use with that thread id, or null. Takes hmistruc_lock. Nothing calls it at present.
 hmistruc* hmistruc_get_hmi_by_tid(std::uint32_t tid);
 
 // 1 when no entry but the one with this index is in use, else 0.

@@ -9,7 +9,6 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
-#include <cstring>
 #include <netinet/tcp.h>
 #include <pthread.h>
 #include <sys/socket.h>
@@ -77,8 +76,7 @@ void start_hmi_thread(hmistruc& entry, const char* remote) {
     if (const int result = pthread_create(&thread, nullptr, hmi_thread, &entry); result != 0) {
         trprintf("Error:comm:thread create fails.(%d) errno=%d\n", result, errno);
         hmistruc_put(entry);
-        shutdown(soc, SHUT_RDWR);
-        drain_and_close(soc);
+        refuse_connection(soc);
         return;
     }
     const auto tid = static_cast<std::uint32_t>(thread);
@@ -110,16 +108,13 @@ void arrive_new_hmi(int soc, const sockaddr_in& peer) {
     format_address(peer.sin_addr.s_addr, remote);
     trprintf("Info:hmi(%s:%d) is coming\n", remote, ntohs(peer.sin_port));
     if (!is_allowed(peer.sin_addr.s_addr)) {
-        shutdown(soc, SHUT_RDWR);
-        drain_and_close(soc);
+        refuse_connection(soc);
         return;
     }
     hmistruc* entry = hmistruc_get();
     if (entry == nullptr) {
         trprintf("Error:comm:no resource for hmi(%s)\n", remote);
-        if (const int result = shutdown(soc, SHUT_RDWR); result != 0 && errno != 0) {
-            trprintf("Error:comm:shutdown = %d (errno %d)\n", result, errno);
-        }
+        shutdown_connection(soc);
         drain_and_close(soc);
         return;
     }

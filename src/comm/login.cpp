@@ -41,7 +41,7 @@ void random_source(char (&source)[256]) {
     for (std::size_t i = 0; i < 8; ++i) {
         std::uint32_t number = 0;
         if (read(device.get(), &number, sizeof number) != static_cast<ssize_t>(sizeof number)) {
-            source[0] = '\0';  // half a challenge could be guessed; the time is used instead
+            source[0] = '\0';  // a device that gives too little counts as none
             return;
         }
         char digits[digits_per_number + 1];

@@ -3,11 +3,6 @@
 
 #include "comm/hmi_table.h"
 
-// Values of hmistruc's auth.
-constexpr int auth_none = 0;      // no login required
-constexpr int auth_required = 1;  // required and not yet done
-constexpr int auth_done = 2;
-
 // Reads hash and salt from the file "password" under VGD_data into st. Without a valid file nobody needs to log in.
 // Start-up only.
 void read_password_file();

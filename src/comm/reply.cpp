@@ -26,7 +26,7 @@ void reply(int soc, const char* format, ...) {
 }
 
 void reply_over(int soc, int code, int signal) {
-    reply(soc, "__over__ %d %d\r\n", code, signal);
+    reply(soc, over_format, code, signal);
 }
 
 void reply_within(int soc, std::string_view text, std::int64_t& patience) {
@@ -56,4 +56,9 @@ void drain_and_close(int soc) {
     for (int i = 0; i < rounds && recv(soc, discarded, sizeof discarded, MSG_DONTWAIT) > 0; ++i) {
     }
     close(soc);
+}
+
+void refuse_connection(int soc) {
+    shutdown(soc, SHUT_RDWR);
+    drain_and_close(soc);
 }

@@ -14,6 +14,8 @@ constexpr std::string_view busy_line = "__busy__\r\n";                // not car
 constexpr std::string_view unsupported_line = "__unsupported__\r\n";  // not known
 constexpr std::string_view timeout_line = "__timeout__\r\n";          // the module was killed
 constexpr std::string_view good_bye_line = "Good-bye.\r\n";           // the connection is closed next
+constexpr char over_format[] = "__over__ %d %d\r\n";                  // finished: exit code, signal
+constexpr char unauth_format[] = "__unauth__ %s %s\r\n";              // login required: nonce, salt
 
 // Formats a reply, cut at 16383 characters, and writes it with one write. A failed write is not reported: the
 // connection's next read finds out. May wait for a peer that does not read, so never call it under a lock.
@@ -33,3 +35,6 @@ void reply_within(int soc, std::string_view text, std::int64_t& patience);
 // Takes what the peer has already sent and closes the socket: closing over unread bytes would reset the connection,
 // and the peer might lose the last answer.
 void drain_and_close(int soc);
+
+// Ends a connection that is not to be served: shut down, drained, closed, without a word.
+void refuse_connection(int soc);

@@ -17,8 +17,9 @@ namespace {
 
 constexpr long fallback_descriptor_limit = 256;
 constexpr std::size_t message_size_max =
-    path_size + 1024;                     // an argument 0 is a listed module name, at most 511 long
-constexpr std::size_t additions_max = 3;  // REMOTEHOST, LD_PRELOAD, MALLOC_DEBUG
+    path_size + 1024;                          // an argument 0 is a listed module name, at most 511 long
+constexpr std::size_t error_number_size = 16;  // room behind the message for the number and its end
+constexpr std::size_t additions_max = 3;       // REMOTEHOST, LD_PRELOAD, MALLOC_DEBUG
 
 // Room for the scheduler's environment, the additions and the null at the end. Allocated by start-up, filled anew
 // for each run under com_lock.
@@ -118,7 +119,7 @@ pid_t start_child(const char* path, char* const argv[], const char* addition, in
     }
     plan.message_length =
         format_text(plan.message, "Error:command:exec fails (path=%s argv0=%s errno=", path, argv[0]);
-    plan.message_length = std::min(plan.message_length, sizeof plan.message - 16);
+    plan.message_length = std::min(plan.message_length, sizeof plan.message - error_number_size);
     // vfork: the page tables are not copied, so a start costs the same however large this process is. The child
     // borrows our memory until the exec while this thread alone waits; the signals that could run a handler are
     // blocked or have none.

@@ -16,7 +16,7 @@ cmdq_entry cmdq[cmdq_slots];
 
 namespace {
 
-constexpr std::size_t environment_size = 64;  // bytes of "REMOTEHOST=address"
+constexpr std::size_t remote_host_size = 64;  // bytes of "REMOTEHOST=address", the NUL included
 constexpr int default_timeout = 60;           // seconds
 
 // com_lock is held here, so a peer that does not read is not waited for longer than a moment.
@@ -124,13 +124,13 @@ int do_command2(hmistruc* hmi, const char* line, char* capture, int capture_size
     if (timeout < 1) {
         timeout = default_timeout;
     }
-    char remote_host[environment_size] = "";
+    char remote_host[remote_host_size] = "";
     int soc = -1;
     if (hmi != nullptr) {
         format_text(remote_host, "REMOTEHOST=%s", hmi->remote);
         soc = hmi->soc;
     }
-    trprintf("command:\"%s\" %s\n", argv[0], "");
+    trprintf("command:\"%s\" \n", argv[0]);
     const int status =
         start_command(path, soc, static_cast<unsigned>(timeout), argv, remote_host, capture, capture_size);
     trprintf("command:\"%s\" end. status=%x\n", argv[0], static_cast<unsigned>(status));

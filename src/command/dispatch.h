@@ -57,6 +57,7 @@ int do_command(hmistruc* hmi, const char* line, int number);
 // Returns the wait status or -1. Any thread.
 int do_command_with_buffer(const char* line, char* buffer, int size);
 
-// The same for the command that stops the suite, its output dropped. Keeps com_lock, so that no module starts behind
-// it: the caller must end the process. Any thread; a second caller waits for that end.
+// The same for the command that stops the suite, its output dropped. Keeps com_lock, so that nothing starts behind it
+// but what timer jobs parked meanwhile: the caller must end the process. Any thread; a second caller waits for that
+// end.
 void do_last_command(const char* line) ACQUIRE(com_lock);

@@ -151,7 +151,7 @@ void reply_end(int soc, int status, std::int64_t& patience) {
         return;
     }
     char over[64];
-    const std::size_t length = format_text(over, "__over__ %d %d\r\n", (status >> 8) & 0xff, status & 0xff);
+    const std::size_t length = format_text(over, over_format, (status >> 8) & 0xff, status & 0xff);
     reply_within(soc, {over, length}, patience);
 }
 

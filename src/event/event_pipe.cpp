@@ -6,25 +6,21 @@
 #include "sched/vgd_end.h"
 #include "trace/trace.h"
 
-#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <string_view>
 #include <sys/select.h>
 #include <unistd.h>
 
 namespace {
 
-constexpr char stop_code[] = "I0199";
+constexpr std::string_view stop_code = "I0199";
 
-bool is_prefix(const char* prefix, const char* text) {
-    return std::strncmp(text, prefix, std::strlen(prefix)) == 0;
-}
-
-const char* strip_prefix(const char* prefix, const char* text) {
-    return is_prefix(prefix, text) ? text + std::strlen(prefix) : text;
+const char* strip_prefix(std::string_view prefix, const char* text) {
+    return std::string_view(text).starts_with(prefix) ? text + prefix.size() : text;
 }
 
 // Opens the pipe for reading, then switches it to blocking: opened so from the start, the open would wait for a
@@ -94,7 +90,7 @@ event_type eventtype_check(const char* text) {
 }
 
 void event_hmi_msg(const char* text) {
-    if (is_prefix(stop_code, text)) {
+    if (std::string_view(text).starts_with(stop_code)) {
         run_vgd_end();
     }
     if (apply_event_effect(text) == event_audience::hmis) {
@@ -102,7 +98,7 @@ void event_hmi_msg(const char* text) {
     }
 }
 
-void do_eventmsg(char* line) {
+void do_eventmsg(const char* line) {
     const char* text = strip_prefix("MB;", strip_prefix("ALL;", line));
     if (eventtype_check(text) == event_type::ignore) {
         trprintf("event:ignore:\"%s\"\n", text);

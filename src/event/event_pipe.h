@@ -11,7 +11,7 @@ public:
     // Takes one byte. True when it ended the line: a newline, or the 1024th byte, which is lost.
     bool add(char byte);
     // The finished line; valid until the next add.
-    [[nodiscard]] char* text() { return text_; }
+    [[nodiscard]] const char* text() const { return text_; }
 
 private:
     char text_[event_line_size] = "";
@@ -25,7 +25,7 @@ enum class event_type { ignore, monitoring_message };
 void event_main();
 
 // Handles one line: strips its prefixes, applies and logs it if it is a monitoring message. Event thread only.
-void do_eventmsg(char* line);
+void do_eventmsg(const char* line);
 
 // A monitoring message begins with one of E, W, I, D, M, four digits and a colon.
 event_type eventtype_check(const char* text);

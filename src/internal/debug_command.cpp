@@ -24,9 +24,9 @@ const char* stamp(std::uint32_t when) {
 void show_queue(int soc, const hmistruc& entry, const hmi_snapshot& seen) {
     char text[message_size];
     std::uint32_t qtime = 0;
-    for (int slot = seen.out; slot != seen.in; slot = (slot + 1) % ring_slots) {
+    for (int slot = seen.out; slot != seen.in; slot = next_slot(slot)) {
         hmistruc_peek(entry, slot, text, qtime);
-        reply(soc, "q#%d:%s:\"%s\"\r\n", slot, "SB", text);
+        reply(soc, "q#%d:SB:\"%s\"\r\n", slot, text);
         reply(soc, "   (%s)\r\n", stamp(qtime));
     }
 }
@@ -43,13 +43,9 @@ void show_entry(int soc, const hmistruc& entry, const hmi_snapshot& seen) {
 }  // namespace
 
 const char* time2string(const std::tm* time) {
-    thread_local char text[32];
+    thread_local char text[date_size];
     text[0] = '\0';
-    if (time != nullptr) {
-        format_text(text, "%04d/%02d/%02d %02d:%02d:%02d", time->tm_year + 1900, time->tm_mon + 1,
-                    time->tm_mday, time->tm_hour, time->tm_min, time->tm_sec);
-    }
-    return text;
+    return time != nullptr ? date_text(*time, text) : text;
 }
 
 void show_hmi_info(int soc, const char* argument) {

@@ -9,7 +9,6 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
-#include <cstring>
 #include <sys/socket.h>
 
 namespace {
@@ -72,8 +71,7 @@ void do_ipset(hmistruc& hmi, int argc, char* argv[]) {
     hmistruc_set_text(hmi.remote, argv[1]);
     if (check_ip_address_restriction(address.s_addr) != 0) {
         trprintf("Warning:ipset address is restricted.\n");
-        shutdown(hmi.soc, SHUT_RDWR);
-        drain_and_close(hmi.soc);
+        refuse_connection(hmi.soc);
         hmi.soc = -1;  // the number may belong to the next connection already
         return;
     }

@@ -6,6 +6,7 @@
 #include "util/text.h"
 #include "util/unique_fd.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstring>

@@ -32,10 +32,9 @@ void show_connections(int soc) {
         if (seen.flag == 0) {
             continue;
         }
-        const std::tm login = local_time(entry.login);
-        reply(soc, "ip=%s user=%s login=%04d/%02d/%02d %02d:%02d:%02d %s\r\n", seen.remote, seen.user,
-              login.tm_year + 1900, login.tm_mon + 1, login.tm_mday, login.tm_hour, login.tm_min,
-              login.tm_sec, last_locked_hmi == &entry ? "locked=1" : "");
+        char date[date_size];
+        reply(soc, "ip=%s user=%s login=%s %s\r\n", seen.remote, seen.user,
+              date_text(local_time(entry.login), date), last_locked_hmi == &entry ? "locked=1" : "");
     }
 }
 

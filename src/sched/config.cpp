@@ -44,7 +44,7 @@ bool store_allowed_address(const char* token, int index) {
 }
 
 void set_allowed_addresses(const char* value) {
-    char list[1024];  // as long as a value can be
+    char list[ini_value_size];
     copy_text(list, value);
     char* rest = nullptr;
     int index = 0;

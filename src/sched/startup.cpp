@@ -169,8 +169,7 @@ void init_sched() {
 
 int parse_options(int argc, char* argv[]) {
     int niceness = default_niceness;
-    for (int option = getopt(argc, argv, "Dp:t:vVd:N:"); option != -1;
-         option = getopt(argc, argv, "Dp:t:vVd:N:")) {
+    for (int option = 0; (option = getopt(argc, argv, "Dp:t:vVd:N:")) != -1;) {
         switch (option) {
             case 'D':
                 st->debug = 1;
@@ -213,7 +212,7 @@ void init_sched2() {
 }
 
 void apply_niceness(int increment) {
-    errno = 0;
+    errno = 0;  // stays so when a negative niceness is the result and no failure
     if (nice(increment) < 0) {
         trprintf("Error:nice(%d) errno=%d\n", increment, errno);
     }

@@ -11,7 +11,7 @@
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
+#include <string_view>
 #include <sys/stat.h>
 
 namespace {
@@ -158,7 +158,7 @@ void copy_jobs(job_table& to) {
 int is_available_on_timer(const char* name) {
     const mutex_guard guard(jobs_lock);
     for (int i = 0; i < jobs.jmax; ++i) {
-        if (std::strncmp(jobs.job[i].command, name, std::strlen(name)) == 0) {
+        if (std::string_view(jobs.job[i].command).starts_with(name)) {
             return 1;
         }
     }

@@ -10,7 +10,7 @@
 #include "util/clock.h"
 
 #include <cerrno>
-#include <cstring>
+#include <string_view>
 #include <sys/stat.h>
 
 namespace {
@@ -52,7 +52,7 @@ void recheck(status_mark& mark, const char* name, const char* command) {
     char answer[answer_size];
     if (mark.set != 0 && do_command_with_buffer(command, answer, answer_size) == 0) {
         mark.set = 0;
-        trprintf("Warning:%s %d status is cleared by patrol.\n", name, 0);
+        trprintf("Warning:%s 0 status is cleared by patrol.\n", name);
     }
 }
 
@@ -82,7 +82,6 @@ void check_forwarding_switch(timer_state& state) {
 }  // namespace
 
 void timer_execute(std::time_t t) {
-    constexpr char patrol_word[] = "patrol\t";
     const std::tm now = local_time(t);
     job_table table;
     copy_jobs(table);
@@ -93,7 +92,7 @@ void timer_execute(std::time_t t) {
         }
         trprintf("timer:run command:job=%d,\"%s\" for %u\n", i, record.command, static_cast<unsigned>(t));
         do_command(nullptr, record.command, i + 1);
-        if (std::strncmp(record.command, patrol_word, sizeof patrol_word - 1) == 0) {
+        if (std::string_view(record.command).starts_with("patrol\t")) {
             set_and_stamp(st->patrol);
         }
     }
@@ -116,7 +115,7 @@ void timer_main() {
     for (;;) {
         const std::time_t t = sleep_to_multiple(minute);
         if (t / minute == last / minute) {
-            continue;  // the clock was set back during the pass; a minute never runs twice
+            continue;  // the clock was set back during the pass: the minute that has just run does not run again
         }
         timer_pass(state, t);
         last = t;

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <ctime>
-#include <sys/types.h>
 
 // What the loop remembers from pass to pass.
 struct timer_state {

@@ -77,10 +77,9 @@ int trprintf(const char* format, ...) {
     {
         const mutex_guard guard(mp);
         char line[trace_line_size];
-        const std::tm now = local_time(now_seconds());
+        char date[date_size];
         const std::size_t prefix =
-            format_text(line, "%04d/%02d/%02d %02d:%02d:%02d thr:%08x ", now.tm_year + 1900, now.tm_mon + 1,
-                        now.tm_mday, now.tm_hour, now.tm_min, now.tm_sec, thread_id());
+            format_text(line, "%s thr:%08x ", date_text(local_time(now_seconds()), date), thread_id());
         va_list arguments;
         va_start(arguments, format);
         std::vsnprintf(line + prefix, sizeof line - 1 - prefix, format, arguments);
@@ -125,9 +124,8 @@ int event_log(const char* text) {
         return -1;
     }
     char line[trace_line_size];
-    const std::tm now = local_time(now_seconds());
-    format_text(line, "%04d/%02d/%02d %02d:%02d:%02d : %s\n", now.tm_year + 1900, now.tm_mon + 1, now.tm_mday,
-                now.tm_hour, now.tm_min, now.tm_sec, text);
+    char date[date_size];
+    format_text(line, "%s : %s\n", date_text(local_time(now_seconds()), date), text);
     cut_long_line(line);
     return append_line(eventlog_name, line);
 }

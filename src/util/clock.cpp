@@ -54,6 +54,12 @@ std::tm local_time(std::time_t when) {
     return parts;
 }
 
+const char* date_text(const std::tm& parts, char (&out)[date_size]) {
+    format_text(out, "%04d/%02d/%02d %02d:%02d:%02d", parts.tm_year + 1900, parts.tm_mon + 1, parts.tm_mday,
+                parts.tm_hour, parts.tm_min, parts.tm_sec);
+    return out;
+}
+
 std::clock_t get_tick(tick_stamp& stamp) {
     tms unused{};
     stamp.time = now_seconds();

@@ -17,6 +17,11 @@ std::int64_t monotonic_ms();
 // Breaks a moment down as local time; a moment that has no such form gives all zeros.
 std::tm local_time(std::time_t when);
 
+constexpr std::size_t date_size = 32;  // bytes for a date as logs and listings show it
+
+// Writes parts as "2026/11/24 22:03:42" and returns it.
+const char* date_text(const std::tm& parts, char (&out)[date_size]);
+
 // Fills stamp with the current moment. Returns its ticks.
 std::clock_t get_tick(tick_stamp& stamp);
 

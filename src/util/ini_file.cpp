@@ -12,11 +12,10 @@
 namespace {
 
 constexpr std::size_t line_size = 1023;  // a longer line goes on as a line of its own
-constexpr std::size_t value_size = 1024;
 constexpr std::string_view separators = " =\t\n";
 
 // One buffer for each thread: HMI threads and the timer thread read the same file at the same moment.
-thread_local char result[value_size];
+thread_local char result[ini_value_size];
 
 // Splits "key = value". False when there is no key, or nothing at all behind the character that ends it.
 bool split_pair(std::string_view line, std::string_view& key, std::string_view& value) {

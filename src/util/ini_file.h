@@ -1,6 +1,10 @@
 // Reads one key from an INI file of the configuration directory.
 #pragma once
 
+#include <cstddef>
+
+constexpr std::size_t ini_value_size = 1024;  // bytes of a value, its NUL included
+
 // The value of key in section (header text with brackets, like "[sched]") of file, a name under VGD_config.
 // The first matching line wins; null when the file cannot be opened or holds no such key with a value.
 // The value, at most 1023 characters, stays until the same thread's next call. Any thread.

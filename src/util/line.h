@@ -7,7 +7,7 @@
 void chomp(char* text);
 
 // Reads the first line of a file into buf without its newline, at most size - 1 characters.
-// Returns 0, or -1 when the file cannot be opened or is empty.
+// Returns 0, or -1 when the file cannot be opened or is empty. Nothing calls it at present.
 int read_one_line_from_file(const char* path, char* buf, std::size_t size);
 
 // The decimal number at the start of text: leading blanks and a sign allowed, digits as far as they go, 0 without
