@@ -89,6 +89,7 @@ struct Scratch : testing::Test {
     void await_trace(const char* text) const {
         const std::int64_t deadline = monotonic_ms() + 20'000;
         while (read("log/sched_log").find(text) == std::string::npos && monotonic_ms() < deadline) usleep(5'000);
+        EXPECT_LT(monotonic_ms(), deadline) << "not traced: " << text;
     }
     // A module program in shell; it finds the suite in $D.
     void program(const std::string& name, const std::string& script) const {

@@ -107,7 +107,7 @@ std::string sha256_hex(const std::string& text) { return shell("printf %s '" + t
 // Below the range from which the system gives ports to clients, so that no other connection can sit there, and
 // from a part of it that is this process's own.
 int free_port() {
-    static int next = 20000 + static_cast<int>(getpid() % 1200) * 10;
+    static int next = 20000 + static_cast<int>(getpid() % 600) * 20;
     while (!with_address(bind, tcp_socket(), "0.0.0.0", ++next)) EXPECT_LT(next, 32768);
     return next;
 }
