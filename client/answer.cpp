@@ -29,7 +29,7 @@ struct meaning {
 constexpr meaning meanings[] = {
     {0, ""},
     {exit_module_timeout, "timed out: the module was killed"},
-    {exit_busy, "busy: switched off or locked"},
+    {exit_busy, "busy"},
     {exit_unsupported, "unsupported: the scheduler does not know this command"},
     {exit_login, "login required"},
     {0, ""},

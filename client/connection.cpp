@@ -31,31 +31,43 @@ bool bind_source(int fd, const std::string& source) {
 
 }  // namespace
 
+connection::~connection() {
+    close();
+    if (found_ != nullptr)
+        freeaddrinfo(found_);
+}
+
 wake connection::open(std::string& error) {
-    addrinfo hints{};
-    hints.ai_family = AF_INET;
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo* found = nullptr;
-    const int result = getaddrinfo(where_.host.c_str(), std::to_string(where_.port).c_str(), &hints, &found);
-    if (result != 0) {
-        error = where_.host + ": " + gai_strerror(result);
-        return wake::time;
+    // Once only: a view that is drawn must neither hang in the resolver nor be killed there.
+    if (found_ == nullptr) {
+        addrinfo hints{};
+        hints.ai_family = AF_INET;
+        hints.ai_socktype = SOCK_STREAM;
+        const std::string port = std::to_string(where_.port);
+        const signals_through through;  // nothing else ends a slow resolver
+        const int result = getaddrinfo(where_.host.c_str(), port.c_str(), &hints, &found_);
+        if (result != 0) {
+            error = where_.host + ": " + gai_strerror(result);
+            return wake::time;
+        }
     }
     wake woken = wake::time;
-    for (const addrinfo* a = found; a != nullptr && woken == wake::time; a = a->ai_next) {
+    for (const addrinfo* a = found_; a != nullptr && woken == wake::time; a = a->ai_next) {
         woken = connect_to(a->ai_addr, a->ai_addrlen, error);
         if (woken != wake::input)
             close();
     }
-    freeaddrinfo(found);
     return woken;
 }
 
 wake connection::connect_to(const void* address, unsigned length, std::string& error) {
     fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd_ >= 0 && !where_.source.empty() && !bind_source(fd_, where_.source)) {
+        error = where_.source + ": " + std::generic_category().message(errno);
+        return wake::time;
+    }
     int problem = 0;
-    if (fd_ < 0 || (!where_.source.empty() && !bind_source(fd_, where_.source)) ||
-        connect(fd_, static_cast<const sockaddr*>(address), length) != 0)
+    if (fd_ < 0 || connect(fd_, static_cast<const sockaddr*>(address), length) != 0)
         problem = errno;
     if (problem == EINPROGRESS) {
         const wake woken = wait_for(POLLOUT, where_.timeout != 0 ? where_.timeout : connect_timeout);

@@ -6,6 +6,8 @@
 #include <string_view>
 #include <utility>
 
+struct addrinfo;
+
 namespace client {
 
 class signal_watch;
@@ -24,7 +26,7 @@ class connection {
 public:
     // signals may be null: then signals act as the process set them.
     connection(endpoint where, signal_watch* signals) : where_(std::move(where)), signals_(signals) {}
-    ~connection() { close(); }
+    ~connection();
     connection(const connection&) = delete;
     connection& operator=(const connection&) = delete;
 
@@ -36,6 +38,9 @@ public:
 
     // Sends one request line; CR is added. false when the connection is gone.
     bool send_line(std::string_view line);
+
+    // Seconds of silence before giving up, from now on; 0: none.
+    void set_timeout(unsigned seconds) { where_.timeout = seconds; }
 
     // Waits until bytes can be read, the operator stops the wait, or the silence has lasted too long.
     wake wait();
@@ -49,6 +54,7 @@ private:
 
     endpoint where_;
     signal_watch* signals_;
+    addrinfo* found_ = nullptr;  // the host's addresses, once they are known
     int fd_ = -1;
     std::string buffer_;
 };

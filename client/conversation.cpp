@@ -7,6 +7,8 @@ namespace client {
 
 namespace {
 
+constexpr unsigned live_timeout = 10;  // seconds
+
 void discard(std::string_view) {}
 
 }  // namespace
@@ -27,6 +29,8 @@ answer_end conversation::run(const std::vector<std::string>& words, const sink& 
     answer_end end = connect();
     if (end.how == ending::over)
         end = ask(words, output);
+    if (end.how == ending::busy)
+        end.reason = words[0] == "unlock" ? "the lock is not held here" : "switched off or locked";
     // Stopped in the middle of several exchanges: what is still to come cannot be told apart.
     if (end.how == ending::interrupted && !late_)
         link_.close();
@@ -87,7 +91,10 @@ answer_end conversation::exchange(const std::vector<std::string>& words, const s
     if (words.size() > 1 && words[0] == "ipset")
         return exchange_ipset(line, output);
     if (words[0] == "restart")
-        return exchange_restart(line, words.size() > 1 && words[1] == "sched", output);
+        return exchange_restart(line, output);
+    // `status` waits for no module, so a live view need not take long silence for calm; its greeting may wait.
+    if (settings_.watch && settings_.where.timeout == 0)
+        link_.set_timeout(words[0] == "status" ? live_timeout : 0);
     answer_parser parser(line == "quit");
     if (!link_.send_line(line))
         return lost();
@@ -117,14 +124,14 @@ answer_end conversation::exchange_ipset(const std::string& line, const sink& out
     return end;
 }
 
-// "restart sched" is answered by the end of the connection, any other "restart" by nothing at all. An empty
-// line before it proves that we are served, so that a refused connection is not taken for a restart.
-answer_end conversation::exchange_restart(const std::string& line, bool known, const sink& output) {
+// "restart sched" is answered by the end of the connection. An empty line before it proves that we are served,
+// so that a refused connection is not taken for a restart.
+answer_end conversation::exchange_restart(const std::string& line, const sink& output) {
     answer_end end = exchange_line("", discard);
     if (end.how != ending::unsupported)
         return end;
     end = link_.send_line(line) ? exchange_line("", output) : lost();
-    if (end.how == ending::closed && known)
+    if (end.how == ending::closed)
         end.how = ending::over;
     link_.close();  // whether one or two answers were due depends on the scheduler's module list
     return end;

@@ -44,7 +44,7 @@ private:
     answer_end log_in(const answer_end& challenge);
     answer_end exchange(const std::vector<std::string>& words, const sink& output);
     answer_end exchange_ipset(const std::string& line, const sink& output);
-    answer_end exchange_restart(const std::string& line, bool known, const sink& output);
+    answer_end exchange_restart(const std::string& line, const sink& output);
     answer_end exchange_line(std::string_view line, const sink& output);
     answer_end receive(answer_parser& parser, const sink& output);
     answer_end lost();

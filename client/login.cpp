@@ -1,5 +1,6 @@
 #include "login.h"
 
+#include <cerrno>
 #include <fstream>
 
 #include "secret.h"
@@ -16,21 +17,22 @@ void password_source::forget() {
     known_ = false;
 }
 
-bool password_source::read_password(const std::string& host, std::string& problem) {
+bool password_source::get_password(const std::string& host, std::string& problem) {
     if (file_.empty()) {
         const signals_through through;
         known_ = ask_password("Password for " + host + ": ", false, password_, problem);
     } else {
+        errno = 0;
         std::ifstream file(file_);
-        known_ = static_cast<bool>(std::getline(file, password_));
-        problem = "no password in " + file_;
+        known_ = read_password(file, password_, problem);
+        problem.insert(0, file_ + ": ");
     }
     return known_;
 }
 
 std::string password_source::answer(const answer_end& challenge, const std::string& host,
                                     std::string& problem) {
-    if (!known_ && !read_password(host, problem))
+    if (!known_ && !get_password(host, problem))
         return "";
     const std::string own_nonce = random_hex(32);
     const std::string response =

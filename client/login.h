@@ -23,7 +23,7 @@ public:
     void forget();
 
 private:
-    bool read_password(const std::string& host, std::string& problem);
+    bool get_password(const std::string& host, std::string& problem);
 
     std::string file_;  // empty: ask on the terminal
     std::string password_;

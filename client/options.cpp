@@ -4,6 +4,7 @@
 #include <netdb.h>
 
 #include <CLI/CLI.hpp>
+#include <cstdlib>
 
 #include "answer.h"
 
@@ -20,8 +21,8 @@ constexpr const char* exit_codes =
     "Exit codes:\n"
     "  0-255  the module's own exit code\n"
     "  128+N  signal N ended the module\n"
-    "  200    wrong usage, or the output could not be written\n"
-    "  201    busy: the module is switched off, or the lock is held\n"
+    "  200    wrong usage, or the client itself failed: writing the output, computing the login\n"
+    "  201    busy: the module is switched off, or the lock is held (unlock: not held)\n"
     "  202    unsupported: the scheduler does not know the command\n"
     "  203    the module overran its time-out and was killed\n"
     "  204    login refused\n"
@@ -43,6 +44,18 @@ std::uint16_t default_port() {
     return port;
 }
 
+// A value may have come from the environment; then its variable is to be blamed, not the option.
+std::string failure(const CLI::App* app, const CLI::Error& problem) {
+    std::string text = problem.what();
+    for (const CLI::Option* option : app->get_options()) {
+        const char* value = std::getenv(option->get_envname().c_str());
+        if (value != nullptr && text.starts_with(option->get_name() + ":") &&
+            option->results() == std::vector<std::string>{value})
+            text.replace(0, option->get_name().size(), option->get_envname());
+    }
+    return "schedctl: " + text + "\nRun with --help for more information.\n";
+}
+
 void add_options(CLI::App& app, settings& chosen) {
     app.add_option("-H,--host", chosen.where.host, "Host of the scheduler")
         ->envname("SCHED_HOST")
@@ -52,12 +65,12 @@ void add_options(CLI::App& app, settings& chosen) {
         ->check(CLI::Range(1, 65535))
         ->capture_default_str();
     app.add_option("-u,--user", chosen.user, "Name to greet the scheduler with")->envname("SCHED_USER");
-    app.add_option("-t,--timeout", chosen.where.timeout,
-                   "Seconds of silence before giving up; 0 waits for ever")
+    app.add_option("-t,--timeout", chosen.where.timeout, "Seconds of silence before giving up; 0: no limit")
         ->envname("SCHED_TIMEOUT")
         ->check(CLI::Range(0, 86400))
         ->capture_default_str();
-    app.add_option("-b,--bind", chosen.where.source, "Local IPv4 address to connect from");
+    app.add_option("-b,--bind", chosen.where.source, "Local IPv4 address to connect from")
+        ->check(CLI::ValidIPV4);
     app.add_option("--password-file", chosen.password_file, "File whose first line is the password");
     app.add_flag("--json", chosen.json, "Answer of `status` or `show ip` as JSON");
 }
@@ -78,6 +91,7 @@ std::optional<int> parse_options(int argc, char** argv, settings& chosen) {
     chosen.where.port = default_port();
     CLI::App app(description, "schedctl");
     app.footer(exit_codes);
+    app.failure_message(failure);
     app.get_formatter()->label("SUBCOMMAND", "WORD... | watch");
     add_options(app, chosen);
     CLI::App* watch = app.add_subcommand("watch", "Show the status live until Ctrl-C");

@@ -1,5 +1,6 @@
 // schedpasswd: writes or checks the scheduler's password file.
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
@@ -27,8 +28,10 @@ bool get_password(const request& asked, std::string& password, std::string& prob
     if (!asked.from_input)
         return client::ask_password(asked.check ? "Password: " : "New password: ", !asked.check, password,
                                     problem);
-    problem = "no password on standard input";
-    return static_cast<bool>(std::getline(std::cin, password));
+    errno = 0;
+    const bool given = client::read_password(std::cin, password, problem);
+    problem.insert(0, "standard input: ");
+    return given;
 }
 
 int check(const request& asked) {
@@ -61,7 +64,7 @@ int set(const request& asked) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
     request asked;
     CLI::App app("Writes the password file that makes the scheduler ask its clients for a login.",
                  "schedpasswd");
@@ -80,4 +83,6 @@ int main(int argc, char** argv) {
     if (asked.file.empty())
         return fail("no FILE, and VGD_data is not set");
     return asked.check ? check(asked) : set(asked);
+} catch (const std::exception& problem) {
+    return fail(problem.what());
 }

@@ -7,25 +7,22 @@
 #include <unistd.h>
 
 #include <array>
-#include <cstdio>
-#include <cstdlib>
+#include <cerrno>
+#include <istream>
+#include <stdexcept>
+#include <system_error>
 
 namespace client {
 
 namespace {
 
 constexpr std::string_view alphanumeric = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
-constexpr int longest_password = 512;
-
-void fail(const char* what) {
-    std::perror(what);
-    std::exit(1);
-}
+constexpr int longest_password = 512;  // bytes
 
 // Up to 256 bytes come whole.
 void random_bytes(unsigned char* bytes, std::size_t count) {
     if (getrandom(bytes, count, 0) != static_cast<ssize_t>(count))
-        fail("getrandom");
+        throw std::system_error(errno, std::generic_category(), "no random bytes");
 }
 
 std::string hex(const unsigned char* bytes, std::size_t count) {
@@ -44,7 +41,7 @@ std::string sha256_hex(std::string_view text) {
     std::array<unsigned char, EVP_MAX_MD_SIZE> digest;
     unsigned length = 0;
     if (EVP_Digest(text.data(), text.size(), digest.data(), &length, EVP_sha256(), nullptr) != 1)
-        fail("SHA-256");
+        throw std::runtime_error("libcrypto refuses SHA-256");
     return hex(digest.data(), length);
 }
 
@@ -92,6 +89,17 @@ bool ask_password(const std::string& prompt, bool verify, std::string& password,
         problem = result == -1 && verify ? "the passwords differ" : "no password given";
     OPENSSL_cleanse(typed, sizeof typed);
     return result == 0;
+}
+
+bool read_password(std::istream& from, std::string& password, std::string& problem) {
+    if (!std::getline(from, password)) {
+        problem = errno != 0 ? std::generic_category().message(errno) : "no password";
+        return false;
+    }
+    if (password.ends_with('\r'))
+        password.pop_back();
+    problem = "a password has at most " + std::to_string(longest_password) + " bytes";
+    return password.size() <= longest_password;
 }
 
 void wipe(std::string& text) {

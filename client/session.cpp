@@ -143,6 +143,7 @@ word_list session::candidates(const word_list& earlier) {
 }
 
 int session::at_terminal() {
+    std::puts("(Tab completes, quit or Ctrl-D leaves)");
     load_modules();
     const std::string place = chosen_.where.host + ":" + std::to_string(chosen_.where.port);
     line_editor editor((chosen_.user.empty() ? place : chosen_.user + "@" + place) + "> ", history_path(),

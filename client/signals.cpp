@@ -12,17 +12,21 @@ namespace {
 sigset_t watched() {
     sigset_t set;
     sigemptyset(&set);
-    for (const int signo : {SIGINT, SIGTERM, SIGHUP, SIGWINCH})
+    for (const int signo : {SIGINT, SIGTERM, SIGHUP, SIGWINCH, SIGTSTP})
         sigaddset(&set, signo);
     return set;
 }
 
 }  // namespace
 
-signal_watch::signal_watch() {
-    const sigset_t set = watched();
+signal_watch::signal_watch(std::function<void()> suspend) : suspend_(std::move(suspend)) {
+    sigset_t set = watched();
+    if (suspend_ == nullptr)
+        sigdelset(&set, SIGTSTP);
     sigprocmask(SIG_BLOCK, &set, &before_);
     fd_ = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
+    if (fd_ < 0)  // then they had better act as usual than not at all
+        sigprocmask(SIG_SETMASK, &before_, nullptr);
 }
 
 signal_watch::~signal_watch() {
@@ -36,6 +40,10 @@ bool signal_watch::take() {
     while (read(fd_, &info, sizeof info) == sizeof info) {
         if (info.ssi_signo == SIGWINCH) {
             resized_ = true;
+            continue;
+        }
+        if (info.ssi_signo == SIGTSTP) {
+            suspend_();
             continue;
         }
         stop = true;

@@ -3,13 +3,15 @@
 #pragma once
 
 #include <csignal>
+#include <functional>
 
 namespace client {
 
 // Blocks SIGINT, SIGTERM, SIGHUP and SIGWINCH for its lifetime and makes them readable. One at a time.
 class signal_watch {
 public:
-    signal_watch();
+    // suspend: watches SIGTSTP too, and does this instead of stopping the process.
+    explicit signal_watch(std::function<void()> suspend = nullptr);
     ~signal_watch();
     signal_watch(const signal_watch&) = delete;
     signal_watch& operator=(const signal_watch&) = delete;
@@ -26,6 +28,7 @@ public:
     bool resized();
 
 private:
+    std::function<void()> suspend_;
     sigset_t before_;
     int fd_ = -1;
     bool leaving_ = false;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -50,7 +51,8 @@ std::vector<message> changes(const std::vector<condition>& before, const status_
 
 class watch {
 public:
-    explicit watch(const settings& chosen) : chosen_(chosen), talk_(chosen, &signals_), drawing_(can_draw()) {
+    explicit watch(const settings& chosen)
+        : chosen_(chosen), signals_([this] { suspend(); }), talk_(chosen, &signals_), drawing_(can_draw()) {
         shown_.title = chosen.where.host + ":" + std::to_string(chosen.where.port);
     }
     int run();
@@ -59,11 +61,13 @@ private:
     bool look(answer_end& end);
     void take(const status_report& report);
     bool pause();
+    void suspend();
 
     const settings& chosen_;
     signal_watch signals_;
     conversation talk_;
     bool drawing_;
+    screen screen_;
     bool answered_ = false;  // the scheduler has answered once: from now on its loss is waited out
     watch_picture shown_;
 };
@@ -113,22 +117,38 @@ bool watch::pause() {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(due - clock::now()).count();
         if (left <= 0)
             return true;
-        pollfd ready{signals_.fd(), POLLIN, 0};
+        pollfd ready[] = {{signals_.fd(), POLLIN, 0}, {screen_.keyboard(), POLLIN, 0}};
         const auto limit = drawing_ ? std::min<decltype(left)>(left, 1000) : left;
-        if (poll(&ready, 1, static_cast<int>(limit)) > 0 && signals_.take())
+        if (poll(ready, 2, static_cast<int>(limit)) <= 0)
+            continue;
+        if ((ready[0].revents != 0 && signals_.take()) || (ready[1].revents != 0 && screen_.left_by_key()))
             return false;
     }
+}
+
+// Ctrl-Z: the shell gets its terminal as it was, and the picture comes back with the job.
+void watch::suspend() {
+    screen_.leave();
+    {
+        const signals_through through;
+        std::raise(SIGTSTP);
+    }
+    if (answered_ && drawing_)
+        screen_.enter();
 }
 
 int watch::run() {
     answer_end end;
     bool going = look(end);
     if (going && drawing_)
-        enter_screen();
+        screen_.enter();
     while (going && pause())
         going = look(end);
-    if (answered_ && drawing_)
-        leave_screen(shown_);
+    screen_.leave();
+    if (drawing_) {
+        for (const message& m : shown_.messages)
+            print_line(m);
+    }
     if (going || end.how == ending::interrupted)
         return 0;
     std::fprintf(stderr, "schedctl: %s\n", describe(end).c_str());

@@ -71,8 +71,31 @@ struct canvas {
 
 }  // namespace
 
-void enter_screen() {
+void screen::enter() {
+    // First the keyboard: a job in the background is stopped here, before it draws.
+    if (tcgetattr(STDIN_FILENO, &usual_) == 0) {
+        termios keys = usual_;
+        keys.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+        keys.c_cc[VQUIT] = _POSIX_VDISABLE;  // would leave the terminal as it is now
+        keyboard_ = tcsetattr(STDIN_FILENO, TCSADRAIN, &keys) == 0 ? STDIN_FILENO : -1;
+    }
+    entered_ = true;
     write_all(STDOUT_FILENO, "\033[?1049h\033[?25l\033[2J");
+}
+
+void screen::leave() {
+    if (!entered_)
+        return;
+    entered_ = false;
+    write_all(STDOUT_FILENO, "\033[?25h\033[?1049l");
+    if (keyboard_ >= 0)
+        tcsetattr(keyboard_, TCSAFLUSH, &usual_);  // what was typed was not meant for the shell
+}
+
+bool screen::left_by_key() const {
+    char keys[64];
+    const ssize_t n = read(keyboard_, keys, sizeof keys);
+    return n <= 0 || std::string_view(keys, static_cast<std::size_t>(n)).find('q') != std::string_view::npos;
 }
 
 void draw(const watch_picture& picture) {
@@ -99,12 +122,6 @@ void draw(const watch_picture& picture) {
         page.line(m.date + " " + m.text, colour_of(m));
     }
     write_all(STDOUT_FILENO, page.out + "\033[J");
-}
-
-void leave_screen(const watch_picture& picture) {
-    write_all(STDOUT_FILENO, "\033[?25h\033[?1049l");
-    for (const message& m : picture.messages)
-        print_line(m);
 }
 
 void print_line(const message& line) {

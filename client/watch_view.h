@@ -1,6 +1,8 @@
 // How the live view looks: a picture that is redrawn on a terminal, or one line for each change.
 #pragma once
 
+#include <termios.h>
+
 #include <deque>
 #include <string>
 #include <vector>
@@ -18,10 +20,30 @@ struct watch_picture {
     std::deque<message> messages;  // oldest first
 };
 
-// The terminal's other screen is used while drawing; on leaving, the messages are printed on the usual one.
-void enter_screen();
+// The terminal while the picture is shown: its other screen, no cursor, keys read one by one without echo.
+class screen {
+public:
+    screen() = default;
+    ~screen() { leave(); }
+    screen(const screen&) = delete;
+    screen& operator=(const screen&) = delete;
+
+    void enter();
+    void leave();
+
+    // -1 when standard input is no terminal.
+    int keyboard() const { return keyboard_; }
+
+    // Takes the keys that can be read; true when one of them is q, or no more can come.
+    bool left_by_key() const;
+
+private:
+    termios usual_{};
+    int keyboard_ = -1;
+    bool entered_ = false;
+};
+
 void draw(const watch_picture& picture);
-void leave_screen(const watch_picture& picture);
 
 // Date and text as one line, at once.
 void print_line(const message& line);

@@ -25,6 +25,7 @@ bool split_words(std::string_view line, std::vector<std::string>& words) {
 
 bool join_words(const std::vector<std::string>& words, std::string& line, std::string& problem) {
     line.clear();
+    problem.clear();
     for (const std::string& word : words) {
         if (word.find_first_of(std::string_view("\t\r\n\0", 4)) != std::string::npos) {
             problem = "a word cannot hold a tab, a line end or a NUL";
@@ -38,7 +39,9 @@ bool join_words(const std::vector<std::string>& words, std::string& line, std::s
         problem = "more than " + std::to_string(most_words) + " words";
     if (line.size() > longest_line)
         problem = "more than " + std::to_string(longest_line) + " characters";
-    return words.size() <= most_words && line.size() <= longest_line;
+    if (words[0] == "restart" && (words.size() == 1 || words[1] != "sched"))
+        problem = "restart wants the word sched";
+    return problem.empty();
 }
 
 }  // namespace client

@@ -14,7 +14,8 @@ constexpr std::size_t longest_line = 16382;
 // Cuts a typed line at blanks; '…' and "…" keep blanks in a word. false when a quote is left open.
 bool split_words(std::string_view line, std::vector<std::string>& words);
 
-// Joins the words with TABs. false when they cannot be sent as one line; problem says why.
+// Joins the words, at least one, with TABs. false when they cannot be sent as one line, or would never be
+// answered; problem says why.
 bool join_words(const std::vector<std::string>& words, std::string& line, std::string& problem);
 
 }  // namespace client

@@ -82,8 +82,12 @@ TEST_F(ClientPipe, ExitCodesAndMessages) {
         {"ipset 11.0.0.1", 205, "", "not allow"},
         {"-b 127.0.0.3 status", 205, "", "closed"},
         {"-b 127.0.0.3 restart sched", 205, "", "closed"},
-        {"restart", 202, "", "unsupported"},
-        {"restart odd", 202, "", "unsupported"},
+        {"-b 198.51.100.1 status", 205, "", "198.51.100.1: Cannot assign"},
+        {"-b elsewhere status", 200, "", "schedctl: --bind: "},
+        {"restart", 200, "", "restart wants the word sched"},
+        {"restart odd", 200, "", "restart wants the word sched"},
+        {"lock", 0, "", ""},  // and given back with the connection
+        {"unlock", 201, "", "not held"},
         {"quit", 0, "", ""},
         {"status --json extra", 0, "confdate  DATE\n", ""},
         {"1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16", 200, "", "more than 15 words"},
@@ -94,6 +98,9 @@ TEST_F(ClientPipe, ExitCodesAndMessages) {
         {"-p " + nobody + " status", 205, "", "Connection refused"},
         {"-b 127.0.0.2 status", 204, "", "no terminal"},
         {"-b 127.0.0.2 --password-file " + suite.path("wrong") + " status", 204, "", "wrong password"},
+        {"-b 127.0.0.2 --password-file absent status", 204, "", "absent: No such file"},
+        {"-b 127.0.0.2 --password-file / status", 204, "", "/: Is a directory"},
+        {"-b 127.0.0.2 --password-file /dev/null status", 204, "", "/dev/null: no password"},
         {"-t 1 odd late", 206, "", "no answer"},
         {"restart sched", 0, "", ""},
     };
@@ -104,6 +111,8 @@ TEST_F(ClientPipe, ExitCodesAndMessages) {
         EXPECT_EQ(mask_dates(got.out), c.out);
         EXPECT_TRUE(c.err.empty() ? got.err.empty() : got.err.find(c.err) != std::string::npos) << got.err;
     }
+    EXPECT_THAT(run(suite, "env SCHED_TIMEOUT=abc " SCHEDCTL_BINARY " status").err,
+                HasSubstr("schedctl: SCHED_TIMEOUT: "));
     EXPECT_EQ(suite.wait_exit(), 0);
 }
 
@@ -187,7 +196,7 @@ TEST_F(ClientPipe, Json) {
 
 TEST_F(ClientPipe, PasswordFileAndLogin) {
     const std::string file = suite.path("data/password");
-    ASSERT_EQ(run(suite, SCHEDPASSWD_BINARY " --stdin", " s\xc3\xa4lz\t\n").code, 0);
+    ASSERT_EQ(run(suite, SCHEDPASSWD_BINARY " --stdin", " s\xc3\xa4lz\t\r\n").code, 0);
     const std::string first = suite.read("data/password");
     ASSERT_THAT(first, testing::MatchesRegex("[0-9a-f]{64} [0-9A-Za-z]{8}\n"));
     EXPECT_EQ(first.substr(0, 64), sha256_hex(first.substr(65, 8) + " s\xc3\xa4lz\t"));
@@ -202,6 +211,8 @@ TEST_F(ClientPipe, PasswordFileAndLogin) {
     } cases[] = {{"--check --stdin", " s\xc3\xa4lz\t\n", 0},
                  {"--check --stdin", "s\xc3\xa4lz\n", 1},
                  {"--check --stdin", "", 2},
+                 {"--check --stdin", std::string(512, 'x') + "\r\n", 1},
+                 {"--check --stdin", std::string(513, 'x') + "\n", 2},  // more than can be typed
                  {"--check --stdin " + suite.path("config/vgd_modules"), "x\n", 2},
                  {"--check --stdin " + suite.path("absent"), "x\n", 2},
                  {"--stdin", "\n", 2},
@@ -213,7 +224,7 @@ TEST_F(ClientPipe, PasswordFileAndLogin) {
     EXPECT_EQ(shell("ls " + suite.path("data")), "password\n");
 
     suite.start();
-    suite.write("secret", " s\xc3\xa4lz\t\nsecond line\n");
+    suite.write("secret", " s\xc3\xa4lz\t\r\nsecond line\n");
     const std::string options = "-b 127.0.0.2 -u otto --password-file " + suite.path("secret");
     EXPECT_EQ(ctl(suite, options + " show ip").out.substr(0, 27), "ip=127.0.0.2 user=otto logi");
     const result restarted = ctl(suite, options + " restart sched");

@@ -46,12 +46,14 @@ public:
 
     void type(const std::string& keys) const { EXPECT_EQ(write(fd_, keys.data(), keys.size()), std::ssize(keys)); }
 
+    bool echoes() const {
+        termios now{};
+        return tcgetattr(fd_, &now) == 0 && (now.c_lflag & ECHO) != 0;
+    }
+
     // Keys that mean something only to a program that reads them one by one: it has switched the echo off by then.
     void press(const std::string& keys) const {
-        EXPECT_TRUE(wait_until([&] {
-            termios now{};
-            return tcgetattr(fd_, &now) == 0 && (now.c_lflag & ECHO) == 0;
-        })) << "it does not wait for a key";
+        EXPECT_TRUE(wait_until([&] { return !echoes(); })) << "it does not wait for a key";
         type(keys);
     }
 
@@ -241,9 +243,13 @@ TEST_F(ClientTerminal, Watch) {
     screen.expect("no connection");
     suite.start();
     while (screen.expect("Messages: 1").find("no connection") != std::string::npos) continue;
-    screen.type("\x03");
+    screen.press("typed\x1a");  // not shown; Ctrl-Z gives the terminal back, and here nothing stops the job
+    EXPECT_EQ(screen.expect("\x1b[?1049l").find("typed"), std::string::npos);
+    screen.expect("\x1b[?1049h");
+    screen.press("q");
     std::string rest;
     EXPECT_EQ(screen.wait_exit(&rest), 0);
+    EXPECT_TRUE(screen.echoes());
     EXPECT_TRUE(in_order(rest, {"\x1b[?1049l", "E0101:fan \\x1b[31m 3 stopped\r\n"}));
 
     Terminal plain(suite, {SCHEDCTL_BINARY, "watch", "-n", "1"}, "dumb");
@@ -255,6 +261,11 @@ TEST_F(ClientTerminal, Watch) {
     other.ask("parts\tclear");
     shown = plain.expect("condition error cleared\r\n");
     EXPECT_EQ(shown.find("confdate"), std::string::npos);  // what has not changed is not repeated
+    const pid_t frozen = suite.scheduler();
+    kill(frozen, SIGSTOP);
+    plain.expect("disconnected: no answer in time");
+    kill(frozen, SIGCONT);
+    plain.expect(" connected\r\n");
     suite.stop();
     plain.expect("disconnected: ");
     plain.type("\x03");
