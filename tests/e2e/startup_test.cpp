@@ -82,7 +82,9 @@ allowed ip address 1 = 1.2.3.4 mask ffffffff
 
 TEST(Startup, ForegroundWithoutTraceToStandardOutput) {
     Suite suite;
+    suite.wrapper = {"sh", "-c", "exec \"$@\" <&-", "sh"};  // its standard input is closed
     suite.start({"-d", "Always", "-d", "x", "-N", "2"});
+    EXPECT_EQ(shell("readlink /proc/" + std::to_string(suite.pid) + "/fd/0"), "/dev/null\n");
     EXPECT_EQ(getpriority(PRIO_PROCESS, static_cast<id_t>(suite.pid)), std::min(getpriority(PRIO_PROCESS, 0) + 2, 19));
     EXPECT_EQ(suite.out(), "");
     EXPECT_EQ(suite.read("log/sched.pid"), std::to_string(suite.pid));  // no newline behind it

@@ -50,7 +50,7 @@ TEST_F(Timer, Lines) {
     // A line before one that must come out as if it stood alone: its command, or 1 when it is short.
     for (const auto& [line, expected] :
          rows("0 3 * * * diag\ts -> diag\ts|0  3   *  * * a  b\tc  -> a  b\tc |0 3 * * * x\r -> x\r|"
-              "#0 3 * * * x -> |0 3\t* * * x -> 1| -> 1|    -> 1|0 3 * * * -> 1|0 3 * * *  -> 1|"
+              "#0 3 * * * x -> |0 3\t* * * x -> 1| -> 1|    -> 1|0 3 * * -> 1|0 3 * * * -> 1|0 3 * * *  -> 1|"
               "0 3 * * *\r -> 1| 0 3 * * * x -> * x|0 3 * * * % -> %|0 3 * * * %x -> %|0 3 * * * %% -> %",
               std::string(299, 'x'))) {
         load(line + "\n7 7 7 7 3 good\n");
@@ -135,6 +135,13 @@ TEST_F(Timer, Uptime) {
     fs::remove(path("data/up_time"));
     server_uptime_init();
     EXPECT_LE(now_seconds() - iso2date(read("data/up_time_start").c_str()), 60);
+    fs::remove_all(path("data"));
+    EXPECT_NE(trace(), "");
+    server_uptime_init();
+    server_uptime_logging();
+    EXPECT_EQ(trace(), "Info:uptime open fails (path=" + path("data/up_time") + " errno=2)\n" +
+                           "Error:failed to create uptime start file.(path=" + path("data/up_time_start") +
+                           " errno=2)\nError: failed to fopen uptime " + path("data/up_time") + " errno=2\n");
 }
 
 TEST_F(Timer, Passes) {
