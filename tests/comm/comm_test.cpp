@@ -62,12 +62,9 @@ TEST_F(Comm, EntriesComeBackClean) {
     for (int i = 0; i < hmi_max; ++i) ASSERT_EQ(hmistruc_get(), &st->hmi[i]);
     EXPECT_EQ(hmistruc_get(), nullptr);
     hmistruc& used = st->hmi[6];
-    used.tid = st->hmi[7].tid = 3U;
-    EXPECT_EQ(hmistruc_get_hmi_by_tid(3), &used);
     used.nonce[0] = used.user[0] = 2;
     used.locked = used.auth = used.lost = used.resource_fd = 2;
     hmistruc_put(used);
-    EXPECT_EQ(hmistruc_get_hmi_by_tid(3), &st->hmi[7]);
     EXPECT_EQ(hmistruc_get(), &used);
     EXPECT_EQ(used.nonce[0] + used.user[0] + used.locked + used.auth + used.lost + used.resource_fd, -1);
 }

@@ -102,6 +102,10 @@ std::string shell(const std::string& command) {
     return result;
 }
 
+std::string of_process(pid_t pid, const std::string& command) {
+    return shell("cd /proc/" + std::to_string(pid) + " && " + command);
+}
+
 std::string sha256_hex(const std::string& text) { return shell("printf %s '" + text + "' | sha256sum").substr(0, 64); }
 
 // Below the range from which the system gives ports to clients, so that no other connection can sit there, and

@@ -46,7 +46,8 @@ std::string repeated(int count, const std::string& text);
 std::string mask_dates(const std::string& text);
 // The answer to `status` that has these rows ("error korvo", behind confdate) and then these lines.
 std::string status_answer(const std::string& rows, const std::string& lines = "");
-std::string shell(const std::string& command);  // what it prints
+std::string shell(const std::string& command);                  // what it prints
+std::string of_process(pid_t pid, const std::string& command);  // the same, run in its directory of /proc
 std::string sha256_hex(const std::string& text);
 int free_port();
 unique_fd listen_on(int port, int backlog = 8);

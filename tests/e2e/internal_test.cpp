@@ -22,20 +22,16 @@ TEST(Internal, AnswersByteForByte) {
               "restart\rnosuch -> UNSUPPORTED|restart\tall\rnosuch -> UNSUPPORTED"))  // no answer to the first
         EXPECT_EQ(mask_dates(client.ask(line)), answer) << line;
     EXPECT_EQ(client.ask("debug\ttimer"), "Timer Jobs (jmax=0)\r\n" + ruler + over);
-    for (const char* line : {"modcntl\talpha\tOn", "modcntl\talpha", "modcntl\tnone\t"})
-        EXPECT_EQ(client.ask(line), "Usage: modcntl module on/off\r\n" + refused) << line;
-    for (const char* line : {"show", "show\tip2", "show\tIP"})
-        EXPECT_EQ(client.ask(line),
-                  "Usage: show command\r\n allowed_ip  ... show \"allowed_ip_addres\" setting\r\n"
-                  " ip          ... show connection\r\n" +
-                      over)
-            << line;
-    for (const char* line : {"debug", "debug\thmi2"})
-        EXPECT_EQ(client.ask(line),
-                  "Uage: debug TAB command TAB arg\r\n timer    ... display timer jobs.\r\n"
-                  " hmi      ... display HMI structure\r\n hmi all  ... display HMI structure\r\n" +
-                      over)
-            << line;
+    const std::string usages[] = {"Usage: modcntl module on/off\r\n" + refused,
+                                  "Usage: show command\r\n allowed_ip  ... show \"allowed_ip_addres\" setting\r\n"
+                                  " ip          ... show connection\r\n" +
+                                      over,
+                                  "Uage: debug TAB command TAB arg\r\n timer    ... display timer jobs.\r\n"
+                                  " hmi      ... display HMI structure\r\n hmi all  ... display HMI structure\r\n" +
+                                      over};
+    for (const auto& [line, usage] : rows("modcntl\talpha\tOn -> 0|modcntl\talpha -> 0|modcntl\tnone\t -> 0|show -> 1|"
+                                          "show\tip2 -> 1|show\tIP -> 1|debug -> 2|debug\thmi2 -> 2"))
+        EXPECT_EQ(client.ask(line), usages[std::stoul(usage)]) << line;
     client.send("quit\tnow\r");
     EXPECT_EQ(client.rest(), goodbye);
     suite.expect_trace({"Info:internal:\"modcntl alpha off more\"\n", "Error:command:module is busy \"alpha\"\n",
@@ -100,23 +96,6 @@ TEST(Internal, DumpOfOperators) {
     }
     suite.await_events(129);
     EXPECT_THAT(dump("\tall"), HasSubstr(wrapped + "hmi#1 "));
-}
-
-TEST(Internal, DumpOfTimerJobs) {
-    Suite suite;
-    suite.write("config/timer_jobs",
-                "# comment\n5/2,58-61 */6 1,15 2-12/5 * diag\tstatus\n* 3 * * 1-5 patrol\tx y\n\n");
-    suite.start();
-    Client client = suite.client();
-    EXPECT_EQ(
-        client.ask("debug\ttimer"),
-        "Timer Jobs (jmax=2)\r\n" + ruler + "job#0 \"diag\tstatus\"\r\nwday  =0000000\r\nmonth =0010000100001\r\n" +
-            "mday  =01000000000000010000000000000000\r\nhour  =100000100000100000100000\r\nminute=000001" +
-            repeated(52, "0") + "1111\r\njob#1 \"patrol\tx y\"\r\nwday  =0111110\r\nmonth =1111111111111\r\nmday  =" +
-            repeated(32, "0") + "\r\nhour  =000100000000000000000000\r\nminute=" + repeated(62, "1") + "\r\n" + over);
-    EXPECT_EQ(suite.status(client), status_answer("patrol"));
-    suite.expect_trace({"Info:timer:read jobs\n", "Info:timer:job=0 \"5/2,58-61 */6 1,15 2-12/5 * diag status\"\n",
-                        "Error:timer:job_file:short line at line 4\n"});
 }
 
 }  // namespace e2e

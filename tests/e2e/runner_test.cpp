@@ -11,17 +11,13 @@ TEST(Runner, OutputAndEnds) {
     const std::string text = "0123456789 abcdefghijklmnopqrstuvwxyz, a line of no great length";
     suite.write("data/text", repeated(20000, text + "\n"));
     auto cases = rows(
-        "exit 0 -> OVER|exit 3 -> __over__ 3 0\r\n|echo last words; exit 255 -> last words\r\n__over__ 255 "
-        "0\r\n|"
-        "printf 'a\\nb' -> a\r\nb\r\nOVER|printf 'a\\r\\n' -> a\r\r\nOVER|printf '\\n\\n\\n' -> "
-        "\r\n\r\n\r\nOVER|"
+        "exit 0 -> OVER|exit 3 -> __over__ 3 0\r\n|echo last words; exit 255 -> last words\r\n__over__ 255 0\r\n|"
+        "printf 'a\\nb' -> a\r\nb\r\nOVER|printf 'a\\r\\n' -> a\r\r\nOVER|printf '\\n\\n\\n' -> \r\n\r\n\r\nOVER|"
         "printf 'a\\n'; sleep 0.2; printf b -> a\r\nb\r\nOVER|printf a; sleep 0.2; printf '\\n' -> a\r\nOVER|"
-        "printf '\\0x\\0\\n\\0\\377\\001\\t' -> \0x\0\r\n\0\377\001\t\r\nOVER|echo to standard error >&2 -> "
-        "OVER|"
+        "printf '\\0x\\0\\n\\0\\377\\001\\t' -> \0x\0\r\n\0\377\001\t\r\nOVER|echo to standard error >&2 -> OVER|"
         "echo before; kill -KILL $$ -> before\r\n__over__ 0 9\r\n|kill -TERM $$ -> __over__ 0 15\r\n|"
         "(sleep 0.5; echo late) & echo early -> early\r\nlate\r\nOVER|"  // a descendant keeps standard output
-        "printf part; sleep 9 & sleep 600 -> part\r\n__timeout__\r\n|echo a; sleep 600 & -> "
-        "a\r\n__timeout__\r\n|"
+        "printf part; sleep 9 & sleep 600 -> part\r\n__timeout__\r\n|echo a; sleep 600 & -> a\r\n__timeout__\r\n|"
         "setsid sleep 9 & -> __timeout__\r\n"s);  // one that has left the group
     const std::string quit = "cd '" + suite.path("temp") + "'; ulimit -c unlimited; kill -QUIT $$";
     const int quit_byte = system(quit.c_str()) & 0xff;  // with the flag of a core where this machine writes one

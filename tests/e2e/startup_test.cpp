@@ -55,7 +55,11 @@ TEST(Startup, ConfigurationIsTracedIntoTheFileAndTheRestToStandardOutput) {
         "9\n[sched]\nudp_dest_addr = y");
     suite.write("config/common.ini",
                 "[sched]\nallowed_ip_address = 10.0.0.0/8, 1.2.3.4\nbound_ip_address = 127.0.0.1\n");
-    suite.start({"-D", "-t", "-9x"});  // like -p, stronger than the file
+    suite.wrapper = {"sh", "-c", "exec \"$@\" <&-", "sh"};  // its standard input is closed
+    suite.start({"-D", "-t", "-9x", "-N", "2"});            // like -p, stronger than the file
+    EXPECT_EQ(getpriority(PRIO_PROCESS, static_cast<id_t>(suite.pid)), std::min(getpriority(PRIO_PROCESS, 0) + 2, 19));
+    EXPECT_EQ(of_process(suite.pid, "readlink fd/0 cwd"), "/dev/null\n" + shell("pwd -P"));
+    EXPECT_EQ(suite.read("log/sched.pid") + suite.read("log/alivechk.pid"), std::to_string(suite.pid));
     EXPECT_EQ(shell("sed -E 's,^[0-9/]{10} [0-9:]{8} thr:[0-9a-f]{8} ,,' " + suite.path("log/sched_log")),
               banner + R"(ini:file="sched.conf" section="[sched]" key="udp_dest_addr" value="y"
 ini:file="sched.conf" section="[sched]" key="qmxut_port" value="x"
@@ -78,21 +82,6 @@ allowed ip address 1 = 1.2.3.4 mask ffffffff
                         "Info:event:vgd_pipe is ready now\n", "Info:event:pend time = -9\n"});
     EXPECT_EQ(suite.calls(1), "allmodcall start,parts status,diag status");
     EXPECT_EQ(suite.read("stderr"), "");
-}
-
-TEST(Startup, ForegroundWithoutTraceToStandardOutput) {
-    Suite suite;
-    suite.wrapper = {"sh", "-c", "exec \"$@\" <&-", "sh"};  // its standard input is closed
-    suite.start({"-d", "Always", "-d", "x", "-N", "2"});
-    EXPECT_EQ(shell("readlink /proc/" + std::to_string(suite.pid) + "/fd/0"), "/dev/null\n");
-    EXPECT_EQ(getpriority(PRIO_PROCESS, static_cast<id_t>(suite.pid)), std::min(getpriority(PRIO_PROCESS, 0) + 2, 19));
-    EXPECT_EQ(suite.out(), "");
-    EXPECT_EQ(suite.read("log/sched.pid"), std::to_string(suite.pid));  // no newline behind it
-    EXPECT_EQ(suite.read("log/alivechk.pid"), "");
-    EXPECT_EQ(shell("readlink /proc/" + std::to_string(suite.pid) + "/cwd"), shell("pwd -P"));
-    EXPECT_EQ(suite.client().ask("nosuch\tword"), unsupported);
-    EXPECT_THAT(suite.read("log/sched_log"), HasSubstr("Warning:comm:unsupported(\"nosuch word\")\n"));
-    EXPECT_THAT(suite.read("log/sched_logerr"), HasSubstr("Warning:comm:unsupported(\"nosuch word\")\n"));
 }
 
 // What the list of allowed addresses becomes, and whether a client from 127.0.0.2 gets in.

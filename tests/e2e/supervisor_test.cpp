@@ -4,10 +4,6 @@
 
 namespace e2e {
 
-static std::string of_process(pid_t pid, const std::string& command) {
-    return shell("cd /proc/" + std::to_string(pid) + " && " + command);
-}
-
 TEST(Supervisor, DetachesTheSchedulerAndStartsItAgain) {
     Suite suite;
     suite.start({});

@@ -29,10 +29,6 @@ struct Fault {
 
 void PrintTo(const Fault& fault, std::ostream* out) { *out << fault.name; }
 
-std::string of_process(pid_t pid, const std::string& command) {
-    return shell("cd /proc/" + std::to_string(pid) + " && " + command);
-}
-
 void overruns(Suite& suite) {
     EXPECT_THAT(suite.client().ask("rogue"), EndsWith("__timeout__\r\n"));
     EXPECT_TRUE(wait_until([&] {
@@ -145,24 +141,16 @@ void use_all_descriptors(Suite& suite) {
 }
 
 // Root is not limited, so the daemon runs as somebody who runs nothing else.
-strings as_somebody() {
+std::string as_somebody() {
     const std::string id = std::to_string(100'000 + getpid());
-    return {"setpriv",
-            "--reuid=" + id,
-            "--regid=" + id,
-            "--clear-groups",
-            "--inh-caps=+dac_override",
-            "--ambient-caps=+dac_override"};
+    return "setpriv --reuid=" + id + " --regid=" + id +
+           " --clear-groups --inh-caps=+dac_override --ambient-caps=+dac_override ";
 }
 
-std::string shell_as_somebody(const std::string& command) {
-    std::string words;
-    for (const std::string& word : as_somebody()) words += word + " ";
-    return shell(words + command + " 2>&1");
-}
+std::string shell_as_somebody(const std::string& command) { return shell(as_somebody() + command + " 2>&1"); }
 
 void own_user(Suite& suite) {
-    suite.wrapper = as_somebody();
+    suite.wrapper = {"sh", "-c", "exec " + as_somebody() + "\"$@\"", "sh"};
     if (shell_as_somebody("echo permitted") != "permitted\n")
         GTEST_SKIP() << "not permitted to run the daemon as somebody else";
 }

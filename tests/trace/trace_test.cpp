@@ -75,18 +75,6 @@ TEST_F(Trace, SurvivesWhatIsWrongWithItsDirectoryAndKeepsErrno) {
     EXPECT_EQ(trace(), "b\n");
 }
 
-TEST_F(Trace, DebugGoesToStandardOutputOnlyAndNothingBeforeInit) {
-    st->debug = 1;
-    testing::internal::CaptureStdout();
-    trprintf("Error:\t%s\n", pattern(600).c_str());
-    const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(out.substr(trace_prefix), "Error: " + pattern(467) + "...\n");
-    st->event_log_path[0] = '\0';
-    trinit("");
-    EXPECT_EQ(trprintf("Error:early\n") + event_log("early"), -2);
-    EXPECT_TRUE(fs::is_empty(path("log")));
-}
-
 TEST_F(Trace, ConcurrentLinesStayWholeAcrossRotations) {
     in_threads(4, [](int t) {
         for (int i = 0; i < 400; ++i) trprintf("%d%s%d\n", t, pattern(300).c_str(), i);

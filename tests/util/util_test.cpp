@@ -4,7 +4,6 @@
 #include "util/pid_file.h"
 
 #include <atomic>
-#include <random>
 
 namespace unit {
 
@@ -74,7 +73,6 @@ TEST_F(Util, PidFile) {
 }
 
 TEST_F(Util, IsoTextOfAZone) {
-    std::mt19937 random(1);
     for (const auto& [given, text] :
          rows("UTC0 0 -> 1970-01-01T00:00:00+00:00|XST-9 1360219512 -> 2013-02-07T15:45:12+09:00|"
               "XST-5:45 1360219512 -> 2013-02-07T12:30:12+05:45|XST3:30 0 -> 1969-12-31T20:30:00-03:30|"
@@ -82,8 +80,6 @@ TEST_F(Util, IsoTextOfAZone) {
               "XST-14 253402300799 -> 10000-01-01T13:59:59+14:00")) {
         set_zone(given.substr(0, given.find(' ')).c_str());
         EXPECT_EQ(iso_text(std::stol(given.substr(given.find(' ')))), text);
-        for (std::time_t i = 0, when = 0; i < 200; ++i, when = static_cast<std::int32_t>(random()))
-            ASSERT_EQ(iso2date(iso_text(when).c_str()), when) << given;
     }
 }
 
