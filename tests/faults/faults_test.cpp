@@ -137,6 +137,9 @@ void use_all_descriptors(Suite& suite) {
     suite.await_trace("Error:command:pipe fail(errno=24)\n");
     EXPECT_EQ(suite.status(clients[0]), status_answer(""));  // and nothing for what could not be started
     clients.erase(clients.begin(), clients.end() - 5);
+    for (Client& waiting : clients) EXPECT_EQ(waiting.ask("nosuch"), unsupported);
+    // The others have ended: a module needs three descriptors.
+    EXPECT_TRUE(wait_until([&] { return std::stoi(of_process(suite.pid, "ls fd | wc -l")) < 13; }));
     for (Client& waiting : clients) EXPECT_EQ(waiting.ask("parts\tstatus"), over);
 }
 
