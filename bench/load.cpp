@@ -2,21 +2,20 @@
 //   load commands PORT SECONDS PAUSE_US LINE   sends LINE again and again, waiting for each answer
 //   load stream PORT BYTES                     one "stream" command, read as fast as its output comes
 //   load events PIPE SECONDS                   event lines of 64 bytes, until the reader has taken the last
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/tcp.h>
-#include <sys/ioctl.h>
-#include <unistd.h>
-
 #include <algorithm>
+#include <arpa/inet.h>
 #include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
+#include <netinet/tcp.h>
 #include <string>
 #include <string_view>
+#include <sys/ioctl.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace {

@@ -1,4 +1,12 @@
 // The hot routines by themselves: what one call costs.
+#include "comm/connection.h"
+#include "comm/hmi_table.h"
+#include "sched/sched_status.h"
+#include "sha256/sha256.h"
+#include "timer/job_table.h"
+#include "trace/trace.h"
+#include "util/text.h"
+
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
@@ -9,14 +17,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 #include <vector>
-
-#include "comm/connection.h"
-#include "comm/hmi_table.h"
-#include "sched/sched_status.h"
-#include "sha256/sha256.h"
-#include "timer/job_table.h"
-#include "trace/trace.h"
-#include "util/text.h"
 
 namespace {
 

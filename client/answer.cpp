@@ -43,15 +43,17 @@ constexpr meaning meanings[] = {
 bool read_fields(const std::string& line, answer_end& end) {
     if (end.how == ending::over) {
         int status = 0;
-        if (std::sscanf(line.c_str(), "__over__ %3d %3d", &end.code, &status) != 2)
+        if (std::sscanf(line.c_str(), "__over__ %3d %3d", &end.code, &status) != 2) {
             return false;
+        }
         end.signal = status & 0x7f;  // the eighth bit tells of a core dump
         return line == "__over__ " + std::to_string(end.code) + " " + std::to_string(status) + "\r\n";
     }
     char nonce[128];
     char salt[128];
-    if (std::sscanf(line.c_str(), "__unauth__ %127s %127s", nonce, salt) != 2)
+    if (std::sscanf(line.c_str(), "__unauth__ %127s %127s", nonce, salt) != 2) {
         return false;
+    }
     end.nonce = nonce;
     end.salt = salt;
     return line == "__unauth__ " + end.nonce + " " + end.salt + "\r\n";
@@ -60,16 +62,19 @@ bool read_fields(const std::string& line, answer_end& end) {
 }  // namespace
 
 int exit_code_of(const answer_end& end) {
-    if (end.how == ending::over)
+    if (end.how == ending::over) {
         return end.signal != 0 ? 128 + end.signal : end.code;
+    }
     return meanings[static_cast<std::size_t>(end.how)].code;
 }
 
 std::string describe(const answer_end& end) {
-    if (end.how == ending::over && end.signal != 0)
+    if (end.how == ending::over && end.signal != 0) {
         return "ended by signal " + std::to_string(end.signal);
-    if (end.how == ending::over)
+    }
+    if (end.how == ending::over) {
         return end.code != 0 ? "exit code " + std::to_string(end.code) : "";
+    }
     const std::string text = meanings[static_cast<std::size_t>(end.how)].text;
     return end.reason.empty() ? text : text + ": " + end.reason;
 }
@@ -96,15 +101,17 @@ std::size_t answer_parser::feed(std::string_view bytes, std::string& text) {
 
 // Only the words for a finished command come after output; "Good-bye." answers nothing but `quit`.
 bool answer_parser::expected(ending how) const {
-    if (how == ending::over || how == ending::timeout)
+    if (how == ending::over || how == ending::timeout) {
         return true;
+    }
     return first_line_ && (how != ending::goodbye || quitting_);
 }
 
 bool answer_parser::may_end() const {
     for (const terminator& t : terminators) {
-        if (!expected(t.how))
+        if (!expected(t.how)) {
             continue;
+        }
         if (held_.size() <= t.word.size()
                 ? t.word.starts_with(held_)
                 : held_.starts_with(t.word) && held_.size() < t.longest && held_.back() != '\n') {
@@ -116,8 +123,9 @@ bool answer_parser::may_end() const {
 
 bool answer_parser::is_end() {
     for (const terminator& t : terminators) {
-        if (!expected(t.how) || !held_.starts_with(t.word))
+        if (!expected(t.how) || !held_.starts_with(t.word)) {
             continue;
+        }
         end_.how = t.how;
         return t.longest == 0 || read_fields(held_, end_);
     }
@@ -133,8 +141,9 @@ void answer_parser::release(std::string& text) {
 
 // part holds at most one LF, at its end.
 void answer_parser::put(std::string_view part, std::string& text) {
-    if (cr_ && part != "\n")
+    if (cr_ && part != "\n") {
         text += '\r';
+    }
     cr_ = false;
     if (part.ends_with("\r\n")) {
         text.append(part, 0, part.size() - 2);

@@ -1,16 +1,15 @@
 #include "connection.h"
 
+#include "signals.h"
+
 #include <arpa/inet.h>
+#include <cerrno>
 #include <fcntl.h>
 #include <netdb.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <system_error>
-
-#include "signals.h"
+#include <unistd.h>
 
 namespace client {
 
@@ -33,8 +32,9 @@ bool bind_source(int fd, const std::string& source) {
 
 connection::~connection() {
     close();
-    if (found_ != nullptr)
+    if (found_ != nullptr) {
         freeaddrinfo(found_);
+    }
 }
 
 wake connection::open(std::string& error) {
@@ -54,8 +54,9 @@ wake connection::open(std::string& error) {
     wake woken = wake::time;
     for (const addrinfo* a = found_; a != nullptr && woken == wake::time; a = a->ai_next) {
         woken = connect_to(a->ai_addr, a->ai_addrlen, error);
-        if (woken != wake::input)
+        if (woken != wake::input) {
             close();
+        }
     }
     return woken;
 }
@@ -67,17 +68,20 @@ wake connection::connect_to(const void* address, unsigned length, std::string& e
         return wake::time;
     }
     int problem = 0;
-    if (fd_ < 0 || connect(fd_, static_cast<const sockaddr*>(address), length) != 0)
+    if (fd_ < 0 || connect(fd_, static_cast<const sockaddr*>(address), length) != 0) {
         problem = errno;
+    }
     if (problem == EINPROGRESS) {
         const wake woken = wait_for(POLLOUT, where_.timeout != 0 ? where_.timeout : connect_timeout);
-        if (woken == wake::stopped)
+        if (woken == wake::stopped) {
             return woken;
+        }
         socklen_t size = sizeof problem;
-        if (woken == wake::time)
+        if (woken == wake::time) {
             problem = ETIMEDOUT;
-        else
+        } else {
             getsockopt(fd_, SOL_SOCKET, SO_ERROR, &problem, &size);
+        }
     }
     if (problem != 0) {
         error = where_.host + " port " + std::to_string(where_.port) + ": " +
@@ -94,8 +98,9 @@ wake connection::connect_to(const void* address, unsigned length, std::string& e
 }
 
 void connection::close() {
-    if (fd_ >= 0)
+    if (fd_ >= 0) {
         ::close(fd_);
+    }
     fd_ = -1;
 }
 
@@ -104,10 +109,12 @@ bool connection::send_line(std::string_view line) {
     std::string_view rest = bytes;
     while (!rest.empty()) {
         const ssize_t n = send(fd_, rest.data(), rest.size(), MSG_NOSIGNAL);
-        if (n < 0 && errno != EINTR)
+        if (n < 0 && errno != EINTR) {
             return false;
-        if (n > 0)
+        }
+        if (n > 0) {
             rest.remove_prefix(static_cast<std::size_t>(n));
+        }
     }
     return true;
 }
@@ -120,14 +127,18 @@ wake connection::wait_for(short events, unsigned seconds) {
     pollfd ready[] = {{fd_, events, 0}, {signals_ != nullptr ? signals_->fd() : -1, POLLIN, 0}};
     for (;;) {
         const int count = poll(ready, 2, seconds != 0 ? static_cast<int>(seconds) * 1000 : -1);
-        if (count == 0)
+        if (count == 0) {
             return wake::time;
-        if (count < 0)
+        }
+        if (count < 0) {
             continue;  // only a signal that the process handles elsewhere
-        if (signals_ != nullptr && ready[1].revents != 0 && signals_->take())
+        }
+        if (signals_ != nullptr && ready[1].revents != 0 && signals_->take()) {
             return wake::stopped;
-        if (ready[0].revents != 0)
+        }
+        if (ready[0].revents != 0) {
             return wake::input;
+        }
     }
 }
 

@@ -27,19 +27,23 @@ answer_end conversation::run(const std::vector<std::string>& words, const sink& 
         }
     }
     answer_end end = connect();
-    if (end.how == ending::over)
+    if (end.how == ending::over) {
         end = ask(words, output);
-    if (end.how == ending::busy)
+    }
+    if (end.how == ending::busy) {
         end.reason = words[0] == "unlock" ? "the lock is not held here" : "switched off or locked";
+    }
     // Stopped in the middle of several exchanges: what is still to come cannot be told apart.
-    if (end.how == ending::interrupted && !late_)
+    if (end.how == ending::interrupted && !late_) {
         link_.close();
+    }
     return end;
 }
 
 answer_end conversation::connect() {
-    if (link_.is_open())
+    if (link_.is_open()) {
         return {ending::over};
+    }
     unread_.clear();
     answer_end end;
     const wake woken = link_.open(end.reason);
@@ -48,37 +52,44 @@ answer_end conversation::connect() {
         return end;
     }
     // Whether the scheduler has a module for the greeting does not matter here; whether it lets us in does.
-    if (!settings_.user.empty())
+    if (!settings_.user.empty()) {
         end = ask({"hello", settings_.user}, discard);
-    if (end.how != ending::login_refused && end.how != ending::interrupted && link_.is_open())
+    }
+    if (end.how != ending::login_refused && end.how != ending::interrupted && link_.is_open()) {
         end = {ending::over};
+    }
     return end;
 }
 
 answer_end conversation::ask(const std::vector<std::string>& words, const sink& output) {
     answer_end end = exchange(words, output);
-    if (end.how != ending::unauth)
+    if (end.how != ending::unauth) {
         return end;
+    }
     end = log_in(end);
-    if (end.how == ending::over)
+    if (end.how == ending::over) {
         end = exchange(words, output);
-    if (end.how == ending::unauth)
+    }
+    if (end.how == ending::unauth) {
         end = {ending::login_refused, "the scheduler still wants a login"};
+    }
     return end;
 }
 
 answer_end conversation::log_in(const answer_end& challenge) {
     answer_end refused{ending::login_refused};
     const std::string line = password_.answer(challenge, settings_.where.host, refused.reason);
-    if (line.empty())
+    if (line.empty()) {
         return refused;
+    }
     answer_end end = exchange_line(line, discard);
-    if (end.how == ending::unsupported)
+    if (end.how == ending::unsupported) {
         refused.reason = "the scheduler does not know the login command";
-    else if (end.how == ending::over && end.code != 0)
+    } else if (end.how == ending::over && end.code != 0) {
         refused.reason = "wrong password";
-    else
+    } else {
         return end;
+    }
     password_.forget();
     return refused;
 }
@@ -86,21 +97,27 @@ answer_end conversation::log_in(const answer_end& challenge) {
 answer_end conversation::exchange(const std::vector<std::string>& words, const sink& output) {
     std::string line;
     answer_end end;
-    if (!join_words(words, line, end.reason))
+    if (!join_words(words, line, end.reason)) {
         return end;
-    if (words.size() > 1 && words[0] == "ipset")
+    }
+    if (words.size() > 1 && words[0] == "ipset") {
         return exchange_ipset(line, output);
-    if (words[0] == "restart")
+    }
+    if (words[0] == "restart") {
         return exchange_restart(line, output);
+    }
     // `status` waits for no module, so a live view need not take long silence for calm; its greeting may wait.
-    if (settings_.watch && settings_.where.timeout == 0)
+    if (settings_.watch && settings_.where.timeout == 0) {
         link_.set_timeout(words[0] == "status" ? live_timeout : 0);
+    }
     answer_parser parser(line == "quit");
-    if (!link_.send_line(line))
+    if (!link_.send_line(line)) {
         return lost();
+    }
     end = receive(parser, output);
-    if (end.how == ending::interrupted)
+    if (end.how == ending::interrupted) {
         late_ = parser;
+    }
     return end;
 }
 
@@ -108,10 +125,12 @@ answer_end conversation::exchange(const std::vector<std::string>& words, const s
 // Whether the word is known is asked first: an unknown word is answered as the empty line is.
 answer_end conversation::exchange_ipset(const std::string& line, const sink& output) {
     answer_end end = exchange_line("ipset", discard);
-    if (end.how != ending::over)
+    if (end.how != ending::over) {
         return end;
-    if (!link_.send_line(line))
+    }
+    if (!link_.send_line(line)) {
         return lost();
+    }
     end = exchange_line("", output);
     if (end.how == ending::over) {
         answer_parser of_empty_line;
@@ -128,11 +147,13 @@ answer_end conversation::exchange_ipset(const std::string& line, const sink& out
 // so that a refused connection is not taken for a restart.
 answer_end conversation::exchange_restart(const std::string& line, const sink& output) {
     answer_end end = exchange_line("", discard);
-    if (end.how != ending::unsupported)
+    if (end.how != ending::unsupported) {
         return end;
+    }
     end = link_.send_line(line) ? exchange_line("", output) : lost();
-    if (end.how == ending::closed)
+    if (end.how == ending::closed) {
         end.how = ending::over;
+    }
     link_.close();  // whether one or two answers were due depends on the scheduler's module list
     return end;
 }
@@ -147,21 +168,27 @@ answer_end conversation::receive(answer_parser& parser, const sink& output) {
     for (;;) {
         text.clear();
         unread_.erase(0, parser.feed(unread_, text));
-        if (!text.empty())
+        if (!text.empty()) {
             output(text);
-        if (parser.done())
+        }
+        if (parser.done()) {
             break;
+        }
         const wake woken = link_.wait();
-        if (woken == wake::time)
+        if (woken == wake::time) {
             link_.close();
-        if (woken != wake::input)
+        }
+        if (woken != wake::input) {
             return {woken == wake::time ? ending::silent : ending::interrupted};
+        }
         unread_ = link_.receive();
-        if (unread_.empty())
+        if (unread_.empty()) {
             return lost();
+        }
     }
-    if (parser.end().how == ending::goodbye)
+    if (parser.end().how == ending::goodbye) {
         link_.close();
+    }
     return parser.end();
 }
 
@@ -177,12 +204,14 @@ std::string conversation::absorb() {
         link_.close();
         return "the scheduler closed the connection";
     }
-    if (!late_)
+    if (!late_) {
         return "";
+    }
     std::string dropped;
     late_->feed(bytes, dropped);
-    if (!late_->done())
+    if (!late_->done()) {
         return "";
+    }
     late_.reset();
     return "the answer given up earlier is complete";
 }

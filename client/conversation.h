@@ -2,15 +2,15 @@
 // silence.
 #pragma once
 
+#include "answer.h"
+#include "connection.h"
+#include "login.h"
+
 #include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include "answer.h"
-#include "connection.h"
-#include "login.h"
 
 namespace client {
 

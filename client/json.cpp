@@ -1,8 +1,8 @@
 #include "json.h"
 
-#include <nlohmann/json.hpp>
-
 #include "report.h"
+
+#include <nlohmann/json.hpp>
 
 namespace client {
 
@@ -19,10 +19,12 @@ std::string line_of(const json& value) {
 std::string status_json(std::string_view answer) {
     const status_report report = parse_status(answer);
     json value{{"conditions", json::array()}, {"messages", json::array()}, {"lost", report.lost}};
-    for (const condition& c : report.conditions)
+    for (const condition& c : report.conditions) {
         value["conditions"].push_back({{"name", c.name}, {"since", c.since}});
-    for (const message& m : report.messages)
+    }
+    for (const message& m : report.messages) {
         value["messages"].push_back({{"date", m.date}, {"text", m.text}});
+    }
     return line_of(value);
 }
 

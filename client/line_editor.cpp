@@ -1,14 +1,13 @@
 #include "line_editor.h"
 
-#include <poll.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include "signals.h"
+#include "words.h"
 
 #include <cstdio>
 #include <cwchar>
-
-#include "signals.h"
-#include "words.h"
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace client {
 
@@ -20,8 +19,9 @@ std::string common_prefix(const std::vector<std::string>& words) {
     std::string common = words.front();
     for (const std::string& word : words) {
         std::size_t same = 0;
-        while (same < common.size() && same < word.size() && common[same] == word[same])
+        while (same < common.size() && same < word.size() && common[same] == word[same]) {
             ++same;
+        }
         common.resize(same);
     }
     return common;
@@ -36,8 +36,9 @@ line_editor::line_editor(const std::string& prompt, const std::string& history_f
     HistEvent event;
     history(history_, &event, H_SETSIZE, history_size);
     history(history_, &event, H_SETUNIQUE, 1);
-    if (!history_file_.empty())
+    if (!history_file_.empty()) {
         history(history_, &event, H_LOAD, history_file_.c_str());
+    }
     el_set(editor_, EL_CLIENTDATA, this);
     el_set(editor_, EL_PROMPT, prompt_of);
     el_set(editor_, EL_EDITOR, "emacs");
@@ -55,8 +56,9 @@ line_editor::line_editor(const std::string& prompt, const std::string& history_f
 line_editor::~line_editor() {
     HistEvent event;
     const mode_t mask = umask(077);
-    if (!history_file_.empty())
+    if (!history_file_.empty()) {
         history(history_, &event, H_SAVE, history_file_.c_str());
+    }
     umask(mask);
     history_end(history_);
     el_end(editor_);
@@ -74,20 +76,25 @@ char* line_editor::prompt_of(EditLine* editor) {
 
 line_editor::result line_editor::read(std::string& line) {
     interrupted_ = false;
-    if (signals_.resized())
+    if (signals_.resized()) {
         el_resize(editor_);
+    }
     int length = 0;
     const char* text = el_gets(editor_, &length);
-    if (interrupted_ && !signals_.leaving())
+    if (interrupted_ && !signals_.leaving()) {
         return result::interrupted;
-    if (text == nullptr || length <= 0)
+    }
+    if (text == nullptr || length <= 0) {
         return result::end_of_input;
+    }
     line.assign(text, static_cast<std::size_t>(length));
-    if (line.ends_with('\n'))
+    if (line.ends_with('\n')) {
         line.pop_back();
+    }
     HistEvent event;
-    if (line.find_first_not_of(" \t") != std::string::npos)
+    if (line.find_first_not_of(" \t") != std::string::npos) {
         history(history_, &event, H_ENTER, line.c_str());
+    }
     return result::line;
 }
 
@@ -96,22 +103,28 @@ bool line_editor::wait_for_key() {
     for (;;) {
         pollfd ready[] = {
             {STDIN_FILENO, POLLIN, 0}, {signals_.fd(), POLLIN, 0}, {watched ? watched() : -1, POLLIN, 0}};
-        if (poll(ready, 3, -1) < 0)
+        if (poll(ready, 3, -1) < 0) {
             continue;
-        if (ready[1].revents != 0 && signals_.take())
+        }
+        if (ready[1].revents != 0 && signals_.take()) {
             return false;
-        if (signals_.resized())
+        }
+        if (signals_.resized()) {
             el_resize(editor_);
-        if (ready[2].revents != 0)
+        }
+        if (ready[2].revents != 0) {
             show_above(readable());
-        if (ready[0].revents != 0)
+        }
+        if (ready[0].revents != 0) {
             return true;
+        }
     }
 }
 
 void line_editor::show_above(const std::string& text) {
-    if (text.empty())
+    if (text.empty()) {
         return;
+    }
     std::printf("\r\033[K(%s)\n", text.c_str());
     std::fflush(stdout);
     el_set(editor_, EL_REFRESH);
@@ -124,19 +137,23 @@ int line_editor::next_char(EditLine* editor, wchar_t* wide) {
     for (;;) {
         char byte = 0;
         if (!own.wait_for_key()) {
-            if (own.signals_.leaving())
+            if (own.signals_.leaving()) {
                 return 0;
+            }
             *wide = L'\003';
             return 1;
         }
         const ssize_t n = ::read(STDIN_FILENO, &byte, 1);
-        if (n <= 0)
+        if (n <= 0) {
             return static_cast<int>(n);
+        }
         const std::size_t length = std::mbrtowc(wide, &byte, 1, &state);
-        if (length == 0 || length == 1)
+        if (length == 0 || length == 1) {
             return 1;
-        if (length == static_cast<std::size_t>(-1))
+        }
+        if (length == static_cast<std::size_t>(-1)) {
             state = {};  // not of this locale: dropped
+        }
     }
 }
 
@@ -157,19 +174,24 @@ unsigned char line_editor::complete(EditLine* editor, std::wint_t) {
 
     std::vector<std::string> fitting;
     for (const std::string& word : own.candidates(earlier)) {
-        if (word.starts_with(typed))
+        if (word.starts_with(typed)) {
             fitting.push_back(word);
+        }
     }
-    if (fitting.empty())
+    if (fitting.empty()) {
         return CC_ERROR;
+    }
     std::string rest = common_prefix(fitting).substr(typed.size());
-    if (fitting.size() == 1)
+    if (fitting.size() == 1) {
         rest += ' ';
-    if (!rest.empty())
+    }
+    if (!rest.empty()) {
         return el_insertstr(editor, rest.c_str()) == 0 ? CC_REFRESH : CC_ERROR;
+    }
     std::fputs("\n", stdout);
-    for (const std::string& word : fitting)
+    for (const std::string& word : fitting) {
         std::printf("%s  ", word.c_str());
+    }
     std::fputs("\n", stdout);
     return CC_REDISPLAY;
 }

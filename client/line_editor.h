@@ -2,10 +2,9 @@
 // too.
 #pragma once
 
-#include <histedit.h>
-
 #include <cwchar>
 #include <functional>
+#include <histedit.h>
 #include <string>
 #include <vector>
 

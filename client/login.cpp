@@ -1,10 +1,10 @@
 #include "login.h"
 
-#include <cerrno>
-#include <fstream>
-
 #include "secret.h"
 #include "signals.h"
+
+#include <cerrno>
+#include <fstream>
 
 namespace client {
 
@@ -32,8 +32,9 @@ bool password_source::get_password(const std::string& host, std::string& problem
 
 std::string password_source::answer(const answer_end& challenge, const std::string& host,
                                     std::string& problem) {
-    if (!known_ && !get_password(host, problem))
+    if (!known_ && !get_password(host, problem)) {
         return "";
+    }
     const std::string own_nonce = random_hex(32);
     const std::string response =
         sha256_hex(hash_text(challenge.salt, password_) + challenge.nonce + own_nonce);

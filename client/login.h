@@ -1,9 +1,9 @@
 // Answers the scheduler's login challenge.
 #pragma once
 
-#include <string>
-
 #include "answer.h"
+
+#include <string>
 
 namespace client {
 

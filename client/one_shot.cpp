@@ -1,17 +1,16 @@
 #include "one_shot.h"
 
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
-#include <system_error>
-
 #include "conversation.h"
 #include "json.h"
 #include "options.h"
 #include "text.h"
 #include "words.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <system_error>
+#include <unistd.h>
 
 namespace client {
 
@@ -25,15 +24,18 @@ int fail(const std::string& problem) {
 }
 
 void print(std::string_view text) {
-    if (!write_all(STDOUT_FILENO, text))
+    if (!write_all(STDOUT_FILENO, text)) {
         std::exit(fail(std::string("cannot write: ") + std::generic_category().message(errno)));
+    }
 }
 
 to_json json_writer(const std::vector<std::string>& words) {
-    if (words[0] == "status")
+    if (words[0] == "status") {
         return status_json;
-    if (words.size() == 2 && words[0] == "show" && words[1] == "ip")
+    }
+    if (words.size() == 2 && words[0] == "show" && words[1] == "ip") {
         return show_ip_json;
+    }
     return nullptr;
 }
 
@@ -42,11 +44,13 @@ to_json json_writer(const std::vector<std::string>& words) {
 int run_one_shot(const settings& chosen) {
     std::string line;
     std::string problem;
-    if (!join_words(chosen.words, line, problem))
+    if (!join_words(chosen.words, line, problem)) {
         return fail(problem);
+    }
     const to_json convert = chosen.json ? json_writer(chosen.words) : nullptr;
-    if (chosen.json && convert == nullptr)
+    if (chosen.json && convert == nullptr) {
         return fail("--json is for `status` and `show ip`");
+    }
 
     conversation talk(chosen, nullptr);
     printable_text filter;
@@ -59,11 +63,13 @@ int run_one_shot(const settings& chosen) {
             print(terminal ? filter.clean(text) : text);
         }
     });
-    if (convert != nullptr && end.how == ending::over)
+    if (convert != nullptr && end.how == ending::over) {
         print(convert(kept));
+    }
     const bool module_spoke = end.how == ending::over && end.signal == 0;
-    if (!module_spoke && !describe(end).empty())
+    if (!module_spoke && !describe(end).empty()) {
         std::fprintf(stderr, "schedctl: %s\n", describe(end).c_str());
+    }
     return exit_code_of(end);
 }
 

@@ -1,12 +1,11 @@
 #include "options.h"
 
-#include <arpa/inet.h>
-#include <netdb.h>
+#include "answer.h"
 
 #include <CLI/CLI.hpp>
+#include <arpa/inet.h>
 #include <cstdlib>
-
-#include "answer.h"
+#include <netdb.h>
 
 namespace client {
 
@@ -37,8 +36,9 @@ std::uint16_t default_port() {
     hints.ai_family = AF_INET;
     hints.ai_socktype = SOCK_STREAM;
     addrinfo* found = nullptr;
-    if (getaddrinfo(nullptr, "vgdsched", &hints, &found) != 0)
+    if (getaddrinfo(nullptr, "vgdsched", &hints, &found) != 0) {
         return 9980;
+    }
     const std::uint16_t port = ntohs(reinterpret_cast<const sockaddr_in*>(found->ai_addr)->sin_port);
     freeaddrinfo(found);
     return port;
@@ -50,8 +50,9 @@ std::string failure(const CLI::App* app, const CLI::Error& problem) {
     for (const CLI::Option* option : app->get_options()) {
         const char* value = std::getenv(option->get_envname().c_str());
         if (value != nullptr && text.starts_with(option->get_name() + ":") &&
-            option->results() == std::vector<std::string>{value})
+            option->results() == std::vector<std::string>{value}) {
             text.replace(0, option->get_name().size(), option->get_envname());
+        }
     }
     return "schedctl: " + text + "\nRun with --help for more information.\n";
 }
@@ -78,8 +79,9 @@ void add_options(CLI::App& app, settings& chosen) {
 // The words with a JSON form take no such argument themselves, so the option may follow them too.
 void take_trailing_json(settings& chosen) {
     std::vector<std::string>& words = chosen.words;
-    if (words.size() < 2 || words.back() != "--json" || (words[0] != "status" && words[0] != "show"))
+    if (words.size() < 2 || words.back() != "--json" || (words[0] != "status" && words[0] != "show")) {
         return;
+    }
     words.pop_back();
     chosen.json = true;
 }
@@ -103,16 +105,20 @@ std::optional<int> parse_options(int argc, char** argv, settings& chosen) {
     try {
         app.parse(argc, argv);
         chosen.words = app.remaining();
-        if (!chosen.words.empty() && chosen.words.front() == "--")
+        if (!chosen.words.empty() && chosen.words.front() == "--") {
             chosen.words.erase(chosen.words.begin());
+        }
         chosen.watch = watch->parsed();
         take_trailing_json(chosen);
-        if (!chosen.words.empty() && chosen.words.front().starts_with("-"))
+        if (!chosen.words.empty() && chosen.words.front().starts_with("-")) {
             throw CLI::ExtrasError(chosen.words);
-        if (chosen.watch && !chosen.words.empty())
+        }
+        if (chosen.watch && !chosen.words.empty()) {
             throw CLI::ExtrasError(chosen.words);
-        if (chosen.json && chosen.words.empty())
+        }
+        if (chosen.json && chosen.words.empty()) {
             throw CLI::RequiresError("--json", "`status` or `show ip`");
+        }
     } catch (const CLI::ParseError& problem) {
         return app.exit(problem) == 0 ? 0 : exit_usage;
     }

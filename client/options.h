@@ -1,11 +1,11 @@
 // What the operator asked for: options, then environment, then the services database, then built-in values.
 #pragma once
 
+#include "connection.h"
+
 #include <optional>
 #include <string>
 #include <vector>
-
-#include "connection.h"
 
 namespace client {
 

@@ -1,16 +1,15 @@
 #include "password_file.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include "text.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <system_error>
-
-#include "text.h"
+#include <unistd.h>
 
 namespace client {
 
@@ -18,24 +17,28 @@ namespace {
 
 std::string directory_of(const std::string& path) {
     const std::size_t slash = path.rfind('/');
-    if (slash == std::string::npos)
+    if (slash == std::string::npos) {
         return ".";
+    }
     return slash == 0 ? "/" : path.substr(0, slash);
 }
 
 bool give_to_owner(int fd, const std::string& path) {
     struct stat owner {};
-    if (geteuid() != 0)
+    if (geteuid() != 0) {
         return true;
-    if (stat(path.c_str(), &owner) != 0 && stat(directory_of(path).c_str(), &owner) != 0)
+    }
+    if (stat(path.c_str(), &owner) != 0 && stat(directory_of(path).c_str(), &owner) != 0) {
         return false;
+    }
     return fchown(fd, owner.st_uid, owner.st_gid) == 0;
 }
 
 void sync_directory(const std::string& path) {
     const int fd = open(directory_of(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0)
+    if (fd < 0) {
         return;
+    }
     fsync(fd);  // where it is refused, the file is in place all the same
     close(fd);
 }

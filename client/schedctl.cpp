@@ -1,21 +1,23 @@
 // schedctl: the operator's client of the scheduler.
-#include <clocale>
-#include <cstdio>
-#include <exception>
-
 #include "answer.h"
 #include "one_shot.h"
 #include "options.h"
 #include "session.h"
 #include "watch.h"
 
+#include <clocale>
+#include <cstdio>
+#include <exception>
+
 int main(int argc, char** argv) try {
     std::setlocale(LC_CTYPE, "");
     client::settings chosen;
-    if (const std::optional<int> end = client::parse_options(argc, argv, chosen))
+    if (const std::optional<int> end = client::parse_options(argc, argv, chosen)) {
         return *end;
-    if (chosen.watch)
+    }
+    if (chosen.watch) {
         return client::run_watch(chosen);
+    }
     return chosen.words.empty() ? client::run_session(chosen) : client::run_one_shot(chosen);
 } catch (const std::exception& problem) {
     std::fprintf(stderr, "schedctl: %s\n", problem.what());

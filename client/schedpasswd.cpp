@@ -1,12 +1,12 @@
 // schedpasswd: writes or checks the scheduler's password file.
+#include "password_file.h"
+#include "secret.h"
+
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
-
-#include "password_file.h"
-#include "secret.h"
 
 namespace {
 
@@ -25,9 +25,10 @@ int fail(const std::string& problem) {
 }
 
 bool get_password(const request& asked, std::string& password, std::string& problem) {
-    if (!asked.from_input)
+    if (!asked.from_input) {
         return client::ask_password(asked.check ? "Password: " : "New password: ", !asked.check, password,
                                     problem);
+    }
     errno = 0;
     const bool given = client::read_password(std::cin, password, problem);
     problem.insert(0, "standard input: ");
@@ -38,8 +39,9 @@ int check(const request& asked) {
     client::password_record record;
     std::string password;
     std::string problem;
-    if (!client::read_password_file(asked.file, record, problem) || !get_password(asked, password, problem))
+    if (!client::read_password_file(asked.file, record, problem) || !get_password(asked, password, problem)) {
         return fail(problem);
+    }
     const bool right = client::hash_text(record.salt, password) == record.hash;
     client::wipe(password);
     std::puts(right ? "The password is right." : "The password is wrong.");
@@ -49,15 +51,18 @@ int check(const request& asked) {
 int set(const request& asked) {
     std::string password;
     std::string problem;
-    if (!get_password(asked, password, problem))
+    if (!get_password(asked, password, problem)) {
         return fail(problem);
-    if (password.empty())
+    }
+    if (password.empty()) {
         return fail("an empty password protects nothing");
+    }
     const std::string salt = client::random_alphanumeric(8);
     const client::password_record record{client::hash_text(salt, password), salt};
     client::wipe(password);
-    if (!client::write_password_file(asked.file, record, problem))
+    if (!client::write_password_file(asked.file, record, problem)) {
         return fail(problem);
+    }
     std::printf("%s is written; the scheduler reads it at its next start.\n", asked.file.c_str());
     return 0;
 }
@@ -78,10 +83,12 @@ int main(int argc, char** argv) try {
         return app.exit(problem) == 0 ? 0 : exit_trouble;
     }
     const char* data = std::getenv("VGD_data");
-    if (asked.file.empty() && data != nullptr && data[0] != '\0')
+    if (asked.file.empty() && data != nullptr && data[0] != '\0') {
         asked.file = std::string(data) + "/password";
-    if (asked.file.empty())
+    }
+    if (asked.file.empty()) {
         return fail("no FILE, and VGD_data is not set");
+    }
     return asked.check ? check(asked) : set(asked);
 } catch (const std::exception& problem) {
     return fail(problem.what());

@@ -1,16 +1,15 @@
 #include "secret.h"
 
-#include <fcntl.h>
-#include <openssl/crypto.h>
-#include <openssl/evp.h>
-#include <sys/random.h>
-#include <unistd.h>
-
 #include <array>
 #include <cerrno>
+#include <fcntl.h>
 #include <istream>
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
 #include <stdexcept>
+#include <sys/random.h>
 #include <system_error>
+#include <unistd.h>
 
 namespace client {
 
@@ -21,8 +20,9 @@ constexpr int longest_password = 512;  // bytes
 
 // Up to 256 bytes come whole.
 void random_bytes(unsigned char* bytes, std::size_t count) {
-    if (getrandom(bytes, count, 0) != static_cast<ssize_t>(count))
+    if (getrandom(bytes, count, 0) != static_cast<ssize_t>(count)) {
         throw std::system_error(errno, std::generic_category(), "no random bytes");
+    }
 }
 
 std::string hex(const unsigned char* bytes, std::size_t count) {
@@ -40,8 +40,9 @@ std::string hex(const unsigned char* bytes, std::size_t count) {
 std::string sha256_hex(std::string_view text) {
     std::array<unsigned char, EVP_MAX_MD_SIZE> digest;
     unsigned length = 0;
-    if (EVP_Digest(text.data(), text.size(), digest.data(), &length, EVP_sha256(), nullptr) != 1)
+    if (EVP_Digest(text.data(), text.size(), digest.data(), &length, EVP_sha256(), nullptr) != 1) {
         throw std::runtime_error("libcrypto refuses SHA-256");
+    }
     return hex(digest.data(), length);
 }
 
@@ -66,8 +67,9 @@ std::string random_alphanumeric(std::size_t length) {
     while (text.size() < length) {
         unsigned char byte = 0;
         random_bytes(&byte, 1);
-        if (byte < fair)
+        if (byte < fair) {
             text += alphanumeric[byte % alphanumeric.size()];
+        }
     }
     return text;
 }
@@ -83,10 +85,11 @@ bool ask_password(const std::string& prompt, bool verify, std::string& password,
     close(terminal);
     char typed[longest_password + 1];
     const int result = EVP_read_pw_string_min(typed, 0, longest_password, prompt.c_str(), verify ? 1 : 0);
-    if (result == 0)
+    if (result == 0) {
         password = typed;
-    else
+    } else {
         problem = result == -1 && verify ? "the passwords differ" : "no password given";
+    }
     OPENSSL_cleanse(typed, sizeof typed);
     return result == 0;
 }
@@ -96,8 +99,9 @@ bool read_password(std::istream& from, std::string& password, std::string& probl
         problem = errno != 0 ? std::generic_category().message(errno) : "no password";
         return false;
     }
-    if (password.ends_with('\r'))
+    if (password.ends_with('\r')) {
         password.pop_back();
+    }
     problem = "a password has at most " + std::to_string(longest_password) + " bytes";
     return password.size() <= longest_password;
 }

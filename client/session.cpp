@@ -1,19 +1,18 @@
 #include "session.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cstdio>
-#include <cstdlib>
-#include <iostream>
-
 #include "conversation.h"
 #include "line_editor.h"
 #include "options.h"
 #include "signals.h"
 #include "text.h"
 #include "words.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace client {
 
@@ -33,12 +32,13 @@ std::string history_path() {
     const char* state = std::getenv("XDG_STATE_HOME");
     const char* home = std::getenv("HOME");
     std::string path;
-    if (state != nullptr && state[0] == '/')
+    if (state != nullptr && state[0] == '/') {
         path = state;
-    else if (home != nullptr && home[0] == '/')
+    } else if (home != nullptr && home[0] == '/') {
         path = std::string(home) + "/.local/state";
-    else
+    } else {
         return "";
+    }
     path += "/schedctl/";
     for (std::size_t at = path.find('/', 1); at != std::string::npos; at = path.find('/', at + 1)) {
         mkdir(path.substr(0, at).c_str(), 0700);
@@ -71,20 +71,25 @@ answer_end session::run(const word_list& words) {
     const bool terminal = signals_ != nullptr;
     printable_text filter;
     const auto print = [&filter, terminal](std::string_view text) {
-        if (!write_all(STDOUT_FILENO, terminal ? filter.clean(text) : text))
+        if (!write_all(STDOUT_FILENO, terminal ? filter.clean(text) : text)) {
             std::exit(exit_usage);
+        }
     };
-    if (terminal && talk_.late())
+    if (terminal && talk_.late()) {
         std::puts("(waiting for the answer given up earlier; Ctrl-C drops it)");
+    }
     std::fflush(stdout);
     answer_end end = talk_.run(words, print);
     const std::string result = describe(end);
-    if (!result.empty())
+    if (!result.empty()) {
         std::fprintf(terminal ? stdout : stderr, terminal ? "[%s]\n" : "schedctl: %s\n", result.c_str());
-    if (terminal && talk_.late())
+    }
+    if (terminal && talk_.late()) {
         std::puts("(its answer, when it comes, will be dropped)");
-    if (terminal && talk_.fd() < 0 && end.how == ending::interrupted)
+    }
+    if (terminal && talk_.fd() < 0 && end.how == ending::interrupted) {
         std::puts("(the connection is closed; the next command opens a new one)");
+    }
     return end;
 }
 
@@ -98,8 +103,9 @@ bool session::run_line(const std::string& line) {
         exit_code_ = exit_usage;
         return true;
     }
-    if (words.empty())
+    if (words.empty()) {
         return true;
+    }
     const answer_end end = run(words);
     exit_code_ = exit_code_of(end);
     return end.how != ending::goodbye && (signals_ == nullptr || !signals_->leaving());
@@ -112,8 +118,9 @@ void session::load_modules() {
     printable_text filter;
     const auto collect = [&](std::string_view text) { listing += filter.clean(text); };
     const answer_end end = talk_.run({"modcntl"}, collect);
-    if (end.how == ending::closed || end.how == ending::login_refused)
+    if (end.how == ending::closed || end.how == ending::login_refused) {
         std::printf("[%s]\n", describe(end).c_str());
+    }
     word_list fields;
     for (std::size_t at = 0, eol = 0; (eol = listing.find('\n', at)) != std::string::npos; at = eol + 1) {
         if (split_words(std::string_view(listing).substr(at, eol - at), fields) && fields.size() == 2) {
@@ -130,14 +137,18 @@ word_list session::candidates(const word_list& earlier) {
         std::sort(words.begin(), words.end());
         words.erase(std::unique(words.begin(), words.end()), words.end());
     } else if (earlier[0] == "modcntl") {
-        if (earlier.size() == 1)
+        if (earlier.size() == 1) {
             words = modules_;
-        if (earlier.size() == 2)
+        }
+        if (earlier.size() == 2) {
             words = {"on", "off"};
+        }
     } else if (earlier.size() == 1) {
-        for (const auto& [word, next] : following)
-            if (earlier[0] == word)
+        for (const auto& [word, next] : following) {
+            if (earlier[0] == word) {
                 words.emplace_back(next);
+            }
+        }
     }
     return words;
 }
@@ -154,29 +165,34 @@ int session::at_terminal() {
     std::string line;
     for (bool going = true; going;) {
         const line_editor::result got = editor.read(line);
-        if (got == line_editor::result::line)
+        if (got == line_editor::result::line) {
             going = run_line(line);
-        if (got != line_editor::result::end_of_input)
+        }
+        if (got != line_editor::result::end_of_input) {
             continue;
+        }
         std::puts("quit");
-        if (talk_.fd() >= 0 && !talk_.late() && !signals_->leaving())
+        if (talk_.fd() >= 0 && !talk_.late() && !signals_->leaving()) {
             run({"quit"});
+        }
         going = false;
     }
     return 0;
 }
 
 int session::from_pipe() {
-    for (std::string line; std::getline(std::cin, line) && run_line(line);)
+    for (std::string line; std::getline(std::cin, line) && run_line(line);) {
         continue;
+    }
     return exit_code_;
 }
 
 }  // namespace
 
 int run_session(const settings& chosen) {
-    if (isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0)
+    if (isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0) {
         return session(chosen, nullptr).from_pipe();
+    }
     signal_watch signals;
     return session(chosen, &signals).at_terminal();
 }

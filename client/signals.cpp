@@ -2,7 +2,6 @@
 
 #include <sys/signalfd.h>
 #include <unistd.h>
-
 #include <utility>
 
 namespace client {
@@ -12,8 +11,9 @@ namespace {
 sigset_t watched() {
     sigset_t set;
     sigemptyset(&set);
-    for (const int signo : {SIGINT, SIGTERM, SIGHUP, SIGWINCH, SIGTSTP})
+    for (const int signo : {SIGINT, SIGTERM, SIGHUP, SIGWINCH, SIGTSTP}) {
         sigaddset(&set, signo);
+    }
     return set;
 }
 
@@ -21,12 +21,14 @@ sigset_t watched() {
 
 signal_watch::signal_watch(std::function<void()> suspend) : suspend_(std::move(suspend)) {
     sigset_t set = watched();
-    if (suspend_ == nullptr)
+    if (suspend_ == nullptr) {
         sigdelset(&set, SIGTSTP);
+    }
     sigprocmask(SIG_BLOCK, &set, &before_);
     fd_ = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
-    if (fd_ < 0)  // then they had better act as usual than not at all
+    if (fd_ < 0) {  // then they had better act as usual than not at all
         sigprocmask(SIG_SETMASK, &before_, nullptr);
+    }
 }
 
 signal_watch::~signal_watch() {
@@ -47,8 +49,9 @@ bool signal_watch::take() {
             continue;
         }
         stop = true;
-        if (info.ssi_signo != SIGINT)
+        if (info.ssi_signo != SIGINT) {
             leaving_ = true;
+        }
     }
     return stop;
 }

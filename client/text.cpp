@@ -1,11 +1,10 @@
 #include "text.h"
 
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cwchar>
 #include <cwctype>
+#include <unistd.h>
 
 namespace client {
 
@@ -33,8 +32,9 @@ std::string printable_text::clean(std::string_view bytes) {
     for (std::size_t at = 0; at < text.size();) {
         const char c = text[at];
         if (c == '\n' || c == '\t' || c == '\r' || (c >= ' ' && c <= '~')) {
-            if (c != '\r')
+            if (c != '\r') {
                 out += c;
+            }
             ++at;
             continue;
         }
@@ -47,8 +47,9 @@ std::string printable_text::clean(std::string_view bytes) {
         }
         const bool shown =
             length != invalid && length != 0 && std::iswprint(static_cast<std::wint_t>(wide)) != 0;
-        if (!shown && (length == invalid || length == 0))
+        if (!shown && (length == invalid || length == 0)) {
             length = 1;
+        }
         out += shown ? text.substr(at, length) : escaped(std::string_view(text).substr(at, length));
         at += length;
     }
@@ -58,8 +59,9 @@ std::string printable_text::clean(std::string_view bytes) {
 bool write_all(int fd, std::string_view bytes) {
     while (!bytes.empty()) {
         const ssize_t n = write(fd, bytes.data(), bytes.size());
-        if (n < 0 && errno != EINTR)
+        if (n < 0 && errno != EINTR) {
             return false;
+        }
         bytes.remove_prefix(n > 0 ? static_cast<std::size_t>(n) : 0);
     }
     return true;
@@ -71,15 +73,17 @@ std::string fit(std::string_view text, std::size_t columns) {
     std::size_t used = 0;
     std::size_t at = 0;
     while (at < line.size()) {
-        if (line[at] == '\t' || line[at] == '\n')
+        if (line[at] == '\t' || line[at] == '\n') {
             line[at] = ' ';
+        }
         wchar_t wide = 0;
         std::mbstate_t state{};
         const std::size_t length = std::mbrtowc(&wide, line.data() + at, line.size() - at, &state);
         const int width = wcwidth(wide);
         used += width > 0 ? static_cast<std::size_t>(width) : 0;
-        if (used > columns)
+        if (used > columns) {
             break;
+        }
         at += length;
     }
     line.resize(at);

@@ -1,7 +1,9 @@
 #include "watch.h"
 
-#include <poll.h>
-#include <unistd.h>
+#include "conversation.h"
+#include "options.h"
+#include "signals.h"
+#include "watch_view.h"
 
 #include <algorithm>
 #include <chrono>
@@ -9,11 +11,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-
-#include "conversation.h"
-#include "options.h"
-#include "signals.h"
-#include "watch_view.h"
+#include <poll.h>
+#include <unistd.h>
 
 namespace client {
 
@@ -35,17 +34,21 @@ std::vector<message> changes(const std::vector<condition>& before, const status_
     std::vector<message> lines;
     for (const condition& c : report.conditions) {
         const condition* known = find(before, c.name);
-        if (known == nullptr || *known != c)
+        if (known == nullptr || *known != c) {
             lines.push_back({c.since, "condition " + c.name + " set"});
+        }
     }
     for (const condition& c : before) {
-        if (find(report.conditions, c.name) == nullptr)
+        if (find(report.conditions, c.name) == nullptr) {
             lines.push_back({now_date(), "condition " + c.name + " cleared"});
+        }
     }
-    for (const message& m : report.messages)
+    for (const message& m : report.messages) {
         lines.push_back({m.date, "message " + m.text});
-    if (report.lost != 0)
+    }
+    if (report.lost != 0) {
         lines.push_back({now_date(), "lost " + std::to_string(report.lost) + " messages"});
+    }
     return lines;
 }
 
@@ -77,33 +80,39 @@ bool watch::look(answer_end& end) {
     std::string text;
     end = talk_.run({"status"}, [&text](std::string_view part) { text += part; });
     if (end.how == ending::over) {
-        if (!drawing_ && answered_ && !shown_.trouble.empty())
+        if (!drawing_ && answered_ && !shown_.trouble.empty()) {
             print_line({now_date(), "connected"});
+        }
         answered_ = true;
         shown_.trouble.clear();
         take(parse_status(text));
         return true;
     }
     const bool passing = end.how == ending::closed || end.how == ending::silent;
-    if (!answered_ || !passing)
+    if (!answered_ || !passing) {
         return false;
-    if (!drawing_ && shown_.trouble.empty())
+    }
+    if (!drawing_ && shown_.trouble.empty()) {
         print_line({now_date(), "disconnected: " + describe(end)});
+    }
     shown_.trouble = describe(end);
     return true;
 }
 
 void watch::take(const status_report& report) {
     if (!drawing_) {
-        for (const message& line : changes(shown_.conditions, report))
+        for (const message& line : changes(shown_.conditions, report)) {
             print_line(line);
+        }
     }
     shown_.conditions = report.conditions;
     shown_.messages.insert(shown_.messages.end(), report.messages.begin(), report.messages.end());
-    if (report.lost != 0)
+    if (report.lost != 0) {
         shown_.messages.push_back({now_date(), std::to_string(report.lost) + " messages were lost"});
-    while (shown_.messages.size() > most_messages)
+    }
+    while (shown_.messages.size() > most_messages) {
         shown_.messages.pop_front();
+    }
 }
 
 // Waits until the next look is due; a drawn picture is brought up to date each second and when its size
@@ -112,17 +121,21 @@ bool watch::pause() {
     using clock = std::chrono::steady_clock;
     const clock::time_point due = clock::now() + std::chrono::seconds(chosen_.interval);
     for (;;) {
-        if (drawing_)
+        if (drawing_) {
             draw(shown_);
+        }
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(due - clock::now()).count();
-        if (left <= 0)
+        if (left <= 0) {
             return true;
+        }
         pollfd ready[] = {{signals_.fd(), POLLIN, 0}, {screen_.keyboard(), POLLIN, 0}};
         const auto limit = drawing_ ? std::min<decltype(left)>(left, 1000) : left;
-        if (poll(ready, 2, static_cast<int>(limit)) <= 0)
+        if (poll(ready, 2, static_cast<int>(limit)) <= 0) {
             continue;
-        if ((ready[0].revents != 0 && signals_.take()) || (ready[1].revents != 0 && screen_.left_by_key()))
+        }
+        if ((ready[0].revents != 0 && signals_.take()) || (ready[1].revents != 0 && screen_.left_by_key())) {
             return false;
+        }
     }
 }
 
@@ -133,24 +146,29 @@ void watch::suspend() {
         const signals_through through;
         std::raise(SIGTSTP);
     }
-    if (answered_ && drawing_)
+    if (answered_ && drawing_) {
         screen_.enter();
+    }
 }
 
 int watch::run() {
     answer_end end;
     bool going = look(end);
-    if (going && drawing_)
+    if (going && drawing_) {
         screen_.enter();
-    while (going && pause())
+    }
+    while (going && pause()) {
         going = look(end);
+    }
     screen_.leave();
     if (drawing_) {
-        for (const message& m : shown_.messages)
+        for (const message& m : shown_.messages) {
             print_line(m);
+        }
     }
-    if (going || end.how == ending::interrupted)
+    if (going || end.how == ending::interrupted) {
         return 0;
+    }
     std::fprintf(stderr, "schedctl: %s\n", describe(end).c_str());
     return exit_code_of(end);
 }

@@ -1,15 +1,14 @@
 #include "watch_view.h"
 
-#include <sys/ioctl.h>
-#include <unistd.h>
+#include "answer.h"
+#include "text.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <sys/ioctl.h>
+#include <unistd.h>
 #include <utility>
-
-#include "answer.h"
-#include "text.h"
 
 namespace client {
 
@@ -24,14 +23,16 @@ constexpr const char* plain = "";
 std::string age_of(const std::string& since) {
     constexpr std::pair<long, char> units[] = {{86400, 'd'}, {3600, 'h'}, {60, 'm'}, {1, 's'}};
     const std::time_t then = seconds_of(since).value_or(0);
-    if (then == 0)
+    if (then == 0) {
         return "never";
+    }
     long left = std::max(0L, static_cast<long>(std::time(nullptr) - then));
     std::string text;
     int shown = 0;
     for (const auto& [seconds, sign] : units) {
-        if (shown == 2 || (shown == 0 && left < seconds && seconds > 1))
+        if (shown == 2 || (shown == 0 && left < seconds && seconds > 1)) {
             continue;
+        }
         text += (shown++ != 0 ? " " : "") + std::to_string(left / seconds) + sign;
         left %= seconds;
     }
@@ -39,14 +40,16 @@ std::string age_of(const std::string& since) {
 }
 
 const char* colour_of(const condition& c) {
-    if (c.name == "confdate")
+    if (c.name == "confdate") {
         return plain;
+    }
     return c.name == "error" ? red : yellow;
 }
 
 const char* colour_of(const message& m) {
-    if (m.text.starts_with('E'))
+    if (m.text.starts_with('E')) {
         return red;
+    }
     return m.text.starts_with('W') ? yellow : plain;
 }
 
@@ -58,12 +61,15 @@ struct canvas {
     std::string out = "\033[H";
 
     void line(const std::string& text, const char* colour) {
-        if (used == rows)
+        if (used == rows) {
             return;
-        if (used++ != 0)
+        }
+        if (used++ != 0) {
             out += "\n";
-        if (colours)
+        }
+        if (colours) {
             out += colour;
+        }
         out += fit(text, columns);
         out += "\033[0m\033[K";
     }
@@ -84,12 +90,14 @@ void screen::enter() {
 }
 
 void screen::leave() {
-    if (!entered_)
+    if (!entered_) {
         return;
+    }
     entered_ = false;
     write_all(STDOUT_FILENO, "\033[?25h\033[?1049l");
-    if (keyboard_ >= 0)
+    if (keyboard_ >= 0) {
         tcsetattr(keyboard_, TCSAFLUSH, &usual_);  // what was typed was not meant for the shell
+    }
 }
 
 bool screen::left_by_key() const {
@@ -106,8 +114,9 @@ void draw(const watch_picture& picture) {
         page.columns = size.ws_col;
     }
     page.line(picture.title + "  " + now_date().substr(11, 8) + "  Ctrl-C leaves", bold);
-    if (!picture.trouble.empty())
+    if (!picture.trouble.empty()) {
         page.line(picture.trouble + "; trying again", red);
+    }
     for (const condition& c : picture.conditions) {
         char row[96];
         std::snprintf(row, sizeof row, "%-9s %s  %s", c.name.c_str(), c.since.c_str(),
@@ -126,10 +135,12 @@ void draw(const watch_picture& picture) {
 
 void print_line(const message& line) {
     std::string text = line.date + " " + line.text;
-    if (isatty(STDOUT_FILENO) == 1)
+    if (isatty(STDOUT_FILENO) == 1) {
         text = fit(text, text.size() * 4);
-    if (!write_all(STDOUT_FILENO, text + "\n"))
+    }
+    if (!write_all(STDOUT_FILENO, text + "\n")) {
         std::exit(exit_usage);
+    }
 }
 
 }  // namespace client

@@ -1,13 +1,12 @@
 // How the live view looks: a picture that is redrawn on a terminal, or one line for each change.
 #pragma once
 
-#include <termios.h>
+#include "report.h"
 
 #include <deque>
 #include <string>
+#include <termios.h>
 #include <vector>
-
-#include "report.h"
 
 namespace client {
 

@@ -11,8 +11,9 @@ bool split_words(std::string_view line, std::vector<std::string>& words) {
             inside = false;
             continue;
         }
-        if (!inside)
+        if (!inside) {
             words.emplace_back();
+        }
         inside = true;
         if (quote == '\0' ? c == '\'' || c == '"' : c == quote) {
             quote = quote == '\0' ? c : '\0';
@@ -31,16 +32,20 @@ bool join_words(const std::vector<std::string>& words, std::string& line, std::s
             problem = "a word cannot hold a tab, a line end or a NUL";
             return false;
         }
-        if (&word != &words.front())
+        if (&word != &words.front()) {
             line += '\t';
+        }
         line += word;
     }
-    if (words.size() > most_words)
+    if (words.size() > most_words) {
         problem = "more than " + std::to_string(most_words) + " words";
-    if (line.size() > longest_line)
+    }
+    if (line.size() > longest_line) {
         problem = "more than " + std::to_string(longest_line) + " characters";
-    if (words[0] == "restart" && (words.size() == 1 || words[1] != "sched"))
+    }
+    if (words[0] == "restart" && (words.size() == 1 || words[1] != "sched")) {
         problem = "restart wants the word sched";
+    }
     return problem.empty();
 }
 

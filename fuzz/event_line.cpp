@@ -1,9 +1,8 @@
 // The event pipe's bytes: cutting into lines, classification, and what reaches the operators. No module is listed, so
 // follow-up commands are refused.
-#include "support.h"
-
 #include "comm/hmi_table.h"
 #include "event/event_pipe.h"
+#include "support.h"
 
 namespace {
 

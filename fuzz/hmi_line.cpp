@@ -1,9 +1,8 @@
 // A connection's bytes: lines, login gate, dispatch and answers. The modules do nothing, and the word that would end
 // the process is not listed.
-#include "support.h"
-
 #include "comm/connection.h"
 #include "command/module_table.h"
+#include "support.h"
 
 #include <cstring>
 #include <sstream>

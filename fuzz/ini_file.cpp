@@ -1,8 +1,8 @@
 // INI files: single keys, and what the settings make of any values.
-#include "support.h"
+#include "util/ini_file.h"
 
 #include "sched/config.h"
-#include "util/ini_file.h"
+#include "support.h"
 
 #include <cstring>
 

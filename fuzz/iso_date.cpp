@@ -1,6 +1,5 @@
 // ISO 8601 dates: any moment there and back, and any text that is taken for a date.
 #include "support.h"
-
 #include "util/clock.h"
 
 #include <cstring>

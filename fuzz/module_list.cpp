@@ -1,7 +1,6 @@
 // The module list: whatever the file says, each entry is whole.
-#include "support.h"
-
 #include "command/module_table.h"
+#include "support.h"
 
 #include <cstring>
 

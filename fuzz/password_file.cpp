@@ -1,7 +1,6 @@
 // The password file: valid as a whole or not at all.
-#include "support.h"
-
 #include "comm/login.h"
+#include "support.h"
 
 #include <sstream>
 

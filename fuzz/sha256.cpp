@@ -1,7 +1,7 @@
 // SHA-256 against another implementation, the input given in two parts.
-#include "support.h"
-
 #include "sha256/sha256.h"
+
+#include "support.h"
 
 #include <cstring>
 #include <openssl/sha.h>

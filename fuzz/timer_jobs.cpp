@@ -1,6 +1,5 @@
 // Timer job files: the operator's dump of the table against one made by a second reading of the fields.
 #include "support.h"
-
 #include "timer/job_listing.h"
 #include "timer/job_table.h"
 

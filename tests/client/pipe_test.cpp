@@ -1,13 +1,13 @@
 // The operator's tools in pipes and scripts: output byte for byte, exit codes, JSON, the password file.
+#include "e2e/harness.h"
+
 #include <gmock/gmock.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
-
-#include "e2e/harness.h"
+#include <sys/stat.h>
+#include <sys/wait.h>
 
 using namespace e2e;
 

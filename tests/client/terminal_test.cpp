@@ -1,16 +1,15 @@
 // The operator's tools at a real pseudo-terminal: session, live view, password prompts.
+#include "e2e/harness.h"
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <poll.h>
 #include <pty.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
-
-#include <csignal>
-#include <cstdio>
-#include <cstdlib>
-
-#include "e2e/harness.h"
 
 using namespace e2e;
 
