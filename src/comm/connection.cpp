@@ -7,9 +7,9 @@
 #include "event/syslog_switch.h"
 #include "internal/dispatcher.h"
 #include "internal/operator_lock.h"
-#include "sched/platform.h"
 #include "trace/trace.h"
 #include "util/clock.h"
+#include "util/platform.h"
 #include "util/text.h"
 #include "util/unique_fd.h"
 

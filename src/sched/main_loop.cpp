@@ -4,7 +4,6 @@
 #include "command/dispatch.h"
 #include "event/event_pipe.h"
 #include "event/syslog_watcher.h"
-#include "sched/platform.h"
 #include "sched/sched_status.h"
 #include "sched/vgd_end.h"
 #include "timer/job_table.h"
@@ -12,6 +11,7 @@
 #include "trace/trace.h"
 #include "util/clock.h"
 #include "util/pid_file.h"
+#include "util/platform.h"
 
 #include <cerrno>
 #include <pthread.h>
@@ -74,6 +74,12 @@ void accept_hmi(int listener) {
 
 }  // namespace
 
+void record_pid(const char* path) {
+    if (write_pidfile(path) < 0) {
+        trprintf("Error:write_pidfile:%s:failed to open.(errno=%d)\n", path, errno);
+    }
+}
+
 void create_event_timer_thread() {
     const bool event_thread_exists = start_thread(thread_body<event_main>, "event");
     start_thread(thread_body<event_main_syslog>, "event(syslog)");
@@ -99,7 +105,7 @@ void run_startup_vgd_command() {
 }
 
 void sched_main() {
-    write_pidfile(st->sched_pid_path);
+    record_pid(st->sched_pid_path);
     trprintf("****************************************************\n");
     trprintf("Info:sched:started(pid=%d)\n", static_cast<int>(getpid()));
     create_event_timer_thread();

@@ -4,6 +4,9 @@
 // PID file, service threads, start-up module commands, listener, accept loop. Main thread.
 [[noreturn]] void sched_main();
 
+// Writes the own process id into a PID file; a failure is traced. Scheduler and supervisor, main thread.
+void record_pid(const char* path);
+
 // Starts the event, system-log and timer threads, detached. One that cannot be created is traced and left out, but
 // without the event thread start-up could never go on: that ends the process with exit code 1.
 void create_event_timer_thread();

@@ -3,7 +3,6 @@
 #include "sched/main_loop.h"
 #include "sched/sched_status.h"
 #include "trace/trace.h"
-#include "util/pid_file.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -93,7 +92,7 @@ pid_t create_sched() {
 }
 
 void alive_check() {
-    write_pidfile(st->alivechk_pid_path);
+    record_pid(st->alivechk_pid_path);
     if (const char* directory = std::getenv("VGD_temp"); directory != nullptr) {
         [[maybe_unused]] const int moved = chdir(directory);  // else the modules run where we were started
     }

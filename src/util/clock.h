@@ -1,8 +1,9 @@
 // Time: stamps, ISO 8601 text, and sleeping to a boundary of the wall clock. All safe from any thread.
 #pragma once
 
-#include "sched/sched_status.h"
+#include "util/status_mark.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
 

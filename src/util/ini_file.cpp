@@ -1,6 +1,5 @@
 #include "util/ini_file.h"
 
-#include "sched/sched_status.h"
 #include "util/line.h"
 #include "util/text.h"
 

@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <string_view>
 
+constexpr std::size_t path_size = 4096;  // bytes of a path, its NUL included
+
 // The value of an environment variable; empty when it is not set. Nothing changes the environment, so any thread.
 inline const char* environment(const char* name) {
     const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): see above

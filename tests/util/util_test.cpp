@@ -68,8 +68,8 @@ TEST_F(Util, PidFile) {
     write("old.pid", std::string(100, '9'));
     write_pidfile(path("old.pid").c_str());
     EXPECT_EQ(read("old.pid"), std::to_string(getpid()));
-    write_pidfile(path("log").c_str());
-    EXPECT_EQ(trace(), "Error:write_pidfile:" + path("log") + ":failed to open.(errno=21)\n");
+    EXPECT_EQ(write_pidfile(path("log").c_str()), -1);
+    EXPECT_EQ(errno, EISDIR);
 }
 
 TEST_F(Util, IsoTextOfAZone) {

@@ -1,4 +1,4 @@
-#include "sched/platform.h"
+#include "util/platform.h"
 
 #include "util/text.h"
 
