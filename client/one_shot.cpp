@@ -16,8 +16,6 @@ namespace client {
 
 namespace {
 
-using to_json = std::string (*)(std::string_view);
-
 int fail(const std::string& problem) {
     std::fprintf(stderr, "schedctl: %s\n", problem.c_str());
     return exit_usage;
@@ -29,16 +27,6 @@ void print(std::string_view text) {
     }
 }
 
-to_json json_writer(const std::vector<std::string>& words) {
-    if (words[0] == "status") {
-        return status_json;
-    }
-    if (words.size() == 2 && words[0] == "show" && words[1] == "ip") {
-        return show_ip_json;
-    }
-    return nullptr;
-}
-
 }  // namespace
 
 int run_one_shot(const settings& chosen) {
@@ -47,9 +35,9 @@ int run_one_shot(const settings& chosen) {
     if (!join_words(chosen.words, line, problem)) {
         return fail(problem);
     }
-    const to_json convert = chosen.json ? json_writer(chosen.words) : nullptr;
+    const json_writer convert = chosen.json ? json_writer_of(chosen.words) : nullptr;
     if (chosen.json && convert == nullptr) {
-        return fail("--json is for `status` and `show ip`");
+        return fail(std::string("--json is for ") + json_commands);
     }
 
     conversation talk(chosen, nullptr);

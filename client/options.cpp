@@ -1,8 +1,10 @@
 #include "options.h"
 
 #include "answer.h"
+#include "json.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cstdlib>
 #include <netdb.h>
@@ -73,13 +75,14 @@ void add_options(CLI::App& app, settings& chosen) {
     app.add_option("-b,--bind", chosen.where.source, "Local IPv4 address to connect from")
         ->check(CLI::ValidIPV4);
     app.add_option("--password-file", chosen.password_file, "File whose first line is the password");
-    app.add_flag("--json", chosen.json, "Answer of `status` or `show ip` as JSON");
+    app.add_flag("--json", chosen.json, std::string("Answer of ") + json_commands + " as JSON");
 }
 
 // The words with a JSON form take no such argument themselves, so the option may follow them too.
 void take_trailing_json(settings& chosen) {
     std::vector<std::string>& words = chosen.words;
-    if (words.size() < 2 || words.back() != "--json" || (words[0] != "status" && words[0] != "show")) {
+    constexpr std::string_view with_json[] = {"status", "modcntl", "debug", "show"};
+    if (words.size() < 2 || words.back() != "--json" || std::ranges::count(with_json, words[0]) == 0) {
         return;
     }
     words.pop_back();
@@ -117,7 +120,7 @@ std::optional<int> parse_options(int argc, char** argv, settings& chosen) {
             throw CLI::ExtrasError(chosen.words);
         }
         if (chosen.json && chosen.words.empty()) {
-            throw CLI::RequiresError("--json", "`status` or `show ip`");
+            throw CLI::RequiresError("--json", json_commands);
         }
     } catch (const CLI::ParseError& problem) {
         return app.exit(problem) == 0 ? 0 : exit_usage;

@@ -1,5 +1,7 @@
 #include "report.h"
 
+#include "lines.h"
+
 #include <cstdio>
 
 namespace client {
@@ -7,15 +9,6 @@ namespace client {
 namespace {
 
 constexpr std::size_t date_length = 25;  // 2026-11-16T15:47:03+00:00
-
-template <typename reader>
-void each_line(std::string_view text, reader read) {
-    while (!text.empty()) {
-        const std::size_t end = text.find('\n');
-        read(std::string(text.substr(0, end)));
-        text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
-    }
-}
 
 }  // namespace
 

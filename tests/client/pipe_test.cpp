@@ -153,6 +153,10 @@ TEST_F(ClientPipe, CommandsFromAPipe) {
 }
 
 TEST_F(ClientPipe, Json) {
+    suite.listed("shown odd yes 0");
+    suite.listed("spare odd yes 0");
+    suite.write("config/timer_jobs", "0,59,60 3 1,31 2,12 * diag\tsay \"x\"\n62 23 * * 0,6 parts\n");
+    suite.write("config/common.ini", "[sched]\nallowed_ip_address = 10.0.0.0/8, 127.0.0.9\n");
     suite.start();
     suite.event("E0101:a \"quoted\" \xff text\n");
     for (int i = 1; i < 130; i++) suite.event("W0199:filler\n");
@@ -166,6 +170,28 @@ TEST_F(ClientPipe, Json) {
     EXPECT_EQ(report["messages"].size(), 127U);
     EXPECT_EQ(report["messages"][0]["text"], "E0101:a \"quoted\" \xEF\xBF\xBD text");
     EXPECT_EQ(report["lost"], 3);
+
+    const struct {
+        std::string arguments;
+        std::string out;
+        int code;
+    } cases[] = {
+        {"--json modcntl spare off", R"({"module":"spare","on":false})", 0},
+        {"modcntl --json", R"({"modules":[{"name":"shown","on":true},{"name":"spare","on":false}]})", 0},
+        {"modcntl fly on --json", R"({"error":"Error:modcntl:Invalid module name"})", 1},
+        {"debug timer --json",
+         R"({"jobs":[{"command":"diag\tsay \"x\"","minutes":[0,59],"hours":[3],"days":[1,31],)"
+         R"("months":[2,12],"weekdays":[]},{"command":"parts","minutes":[],"hours":[23],"days":[],)"
+         R"("months":[1,2,3,4,5,6,7,8,9,10,11,12],"weekdays":[0,6]}]})",
+         0},
+        {"show allowed_ip --json",
+         R"({"allowed":[{"address":"10.0.0.0","prefix":8},{"address":"127.0.0.9","prefix":32}]})", 0},
+    };
+    for (const auto& c : cases) {
+        const result got = ctl(suite, c.arguments);
+        EXPECT_EQ(got.out, c.out + "\n") << c.arguments << got.err;
+        EXPECT_EQ(got.code, c.code) << c.arguments;
+    }
 
     Client holder = suite.client("127.0.0.9");
     holder.ask("hello\ta user=b login=c");
