@@ -9,6 +9,7 @@
 #include "internal/operator_lock.h"
 #include "trace/trace.h"
 #include "util/clock.h"
+#include "util/mark_question.h"
 #include "util/platform.h"
 #include "util/text.h"
 #include "util/unique_fd.h"
@@ -96,8 +97,9 @@ void confirm_cleared(status_mark& mark, const char* command) {
     if (mark.set == 0) {
         return;
     }
-    if (do_command_with_buffer(command, nullptr, 0) == 0) {
-        mark.set = 0;
+    mark_question question(mark);
+    if (do_command_with_buffer(command, nullptr, 0, &question) == 0) {
+        question.clear_mark();
     }
     get_tick(mark.stamp);
 }

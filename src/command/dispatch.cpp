@@ -60,8 +60,11 @@ void drain_delayed(const char* caller) REQUIRES(com_lock) {
     }
 }
 
-int run_and_drain(const char* caller, hmistruc* hmi, const char* line, char* capture, int capture_size)
-    REQUIRES(com_lock) {
+int run_and_drain(const char* caller, hmistruc* hmi, const char* line, char* capture, int capture_size,
+                  mark_question* question) REQUIRES(com_lock) {
+    if (question != nullptr) {
+        question->begin();
+    }
     const int status = do_command2(hmi, line, capture, capture_size);
     drain_delayed(caller);
     return status;
@@ -137,7 +140,7 @@ int do_command2(hmistruc* hmi, const char* line, char* capture, int capture_size
     return status;
 }
 
-int do_command(hmistruc* hmi, const char* line, int number) {
+int do_command(hmistruc* hmi, const char* line, int number, mark_question* question) {
     trprintf("command1:\"%s\"(from %s) no.%d\n", line, hmi != nullptr ? hmi->remote : "sched", number);
     if (number == 0) {
         com_lock.lock();
@@ -149,19 +152,19 @@ int do_command(hmistruc* hmi, const char* line, int number) {
         park(line, number);
         return -1;
     }
-    const int status = run_and_drain("command1", hmi, line, nullptr, 0);
+    const int status = run_and_drain("command1", hmi, line, nullptr, 0, question);
     com_lock.unlock();
     return status;
 }
 
-int do_command_with_buffer(const char* line, char* buffer, int size) {
+int do_command_with_buffer(const char* line, char* buffer, int size, mark_question* question) {
     trprintf("command_buffer:\"%s\"\n", line);
     const mutex_guard guard(com_lock);
-    return run_and_drain("command_buffer", nullptr, line, buffer, size);
+    return run_and_drain("command_buffer", nullptr, line, buffer, size, question);
 }
 
 void do_last_command(const char* line) {
     trprintf("command_buffer:\"%s\"\n", line);
     com_lock.lock();
-    run_and_drain("command_buffer", nullptr, line, nullptr, 0);
+    run_and_drain("command_buffer", nullptr, line, nullptr, 0, nullptr);
 }

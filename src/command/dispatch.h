@@ -2,6 +2,7 @@
 #pragma once
 
 #include "comm/hmi_table.h"
+#include "util/mark_question.h"
 #include "util/mutex.h"
 
 #include <cstddef>
@@ -50,12 +51,13 @@ void split_to_token(char* text, int& count, char* (&vector)[vector_size]);
 int do_command2(hmistruc* hmi, const char* line, char* capture, int capture_size) REQUIRES(com_lock);
 
 // Runs a module command. Number 0 waits for com_lock; 1 to 30 (timer jobs) parks the line, at most 299 characters,
-// when another command runs. Returns the wait status, or -1 when refused, parked or dropped. Any thread.
-int do_command(hmistruc* hmi, const char* line, int number);
+// when another command runs. question, or null, begins when the command's turn has come. Returns the wait status, or
+// -1 when refused, parked or dropped. Any thread.
+int do_command(hmistruc* hmi, const char* line, int number, mark_question* question = nullptr);
 
 // Runs a module command without an HMI, its output in buffer (or dropped when null), after waiting for com_lock.
-// Returns the wait status or -1. Any thread.
-int do_command_with_buffer(const char* line, char* buffer, int size);
+// question as for do_command. Returns the wait status or -1. Any thread.
+int do_command_with_buffer(const char* line, char* buffer, int size, mark_question* question = nullptr);
 
 // The same for the command that stops the suite, its output dropped. Keeps com_lock, so that nothing starts behind it
 // but what timer jobs parked meanwhile: the caller must end the process. Any thread; a second caller waits for that

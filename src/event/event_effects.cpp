@@ -5,6 +5,7 @@
 #include "trace/trace.h"
 #include "util/clock.h"
 #include "util/line.h"
+#include "util/mark_question.h"
 
 #include <string_view>
 
@@ -43,17 +44,19 @@ void confirm_korvo() {
 }
 
 void recheck_diag() {
-    if (do_command(nullptr, "diag\tstatus", 0) == 0) {
-        st->diag.set = 0;
+    mark_question question(st->diag);
+    if (do_command(nullptr, "diag\tstatus", 0, &question) == 0) {
+        question.clear_mark();
     }
 }
 
 void recheck_parts() {
     char answer[answer_size];
-    if (do_command_with_buffer("parts\tstatus", answer, answer_size) == condition_status) {
+    mark_question question(st->error);
+    if (do_command_with_buffer("parts\tstatus", answer, answer_size, &question) == condition_status) {
         set_and_stamp(st->error);
     } else {
-        st->error.set = 0;
+        question.clear_mark();
     }
 }
 

@@ -9,7 +9,7 @@
 #include "timer/job_table.h"
 #include "timer/timer_loop.h"
 #include "trace/trace.h"
-#include "util/clock.h"
+#include "util/mark_question.h"
 #include "util/pid_file.h"
 #include "util/platform.h"
 

@@ -8,6 +8,7 @@
 #include "timer/uptime.h"
 #include "trace/trace.h"
 #include "util/clock.h"
+#include "util/mark_question.h"
 
 #include <cerrno>
 #include <string_view>
@@ -49,9 +50,12 @@ void end_if_pipe_is_gone() {
 }
 
 void recheck(status_mark& mark, const char* name, const char* command) {
+    if (mark.set == 0) {
+        return;
+    }
     char answer[answer_size];
-    if (mark.set != 0 && do_command_with_buffer(command, answer, answer_size) == 0) {
-        mark.set = 0;
+    mark_question question(mark);
+    if (do_command_with_buffer(command, answer, answer_size, &question) == 0 && question.clear_mark()) {
         trprintf("Warning:%s 0 status is cleared by patrol.\n", name);
     }
 }

@@ -67,11 +67,6 @@ std::clock_t get_tick(tick_stamp& stamp) {
     return stamp.ticks;
 }
 
-void set_and_stamp(status_mark& mark) {
-    mark.set = 1;
-    get_tick(mark.stamp);
-}
-
 int timezone_offset(const std::tm& utc, const std::tm& local) {
     int utc_day = utc.tm_yday;
     int local_day = local.tm_yday;

@@ -26,9 +26,6 @@ const char* date_text(const std::tm& parts, char (&out)[date_size]);
 // Fills stamp with the current moment. Returns its ticks.
 std::clock_t get_tick(tick_stamp& stamp);
 
-// Marks a condition as reported, now.
-void set_and_stamp(status_mark& mark);
-
 // Minutes to add to local time to get UTC, right now: -540 for a zone nine hours east of Greenwich.
 int get_timezone_offset();
 

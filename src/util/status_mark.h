@@ -16,4 +16,5 @@ struct tick_stamp {
 struct status_mark {
     relaxed<std::uint8_t> set;  // 1 while the condition is reported
     tick_stamp stamp;  // when it was last set or confirmed; for confdate the configuration date itself
+    relaxed<std::uint32_t> reports;  // calls of set_and_stamp; two within one clock tick have the same stamp
 };

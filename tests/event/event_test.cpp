@@ -1,7 +1,11 @@
+#include "comm/connection.h"
 #include "command/module_table.h"
+#include "event/event_pipe.h"
 #include "event/syslog_switch.h"
 #include "event/syslog_watcher.h"
+#include "timer/timer_loop.h"
 #include "unit_support.h"
+#include "util/mark_question.h"
 
 namespace unit {
 
@@ -44,6 +48,49 @@ TEST_F(Event, SystemLogPolls) {
     write("log/log", "grown while it was off");
     syslog_poll(log.c_str(), seen);
     EXPECT_EQ(trace(), "");
+}
+
+// A module that says "over" clears the mark, unless a report has come since the module was started.
+TEST_F(Event, ReportDuringTheRunKeepsTheMark) {
+    struct {
+        const char* name;
+        status_mark sched_status::*mark;
+        void (*ask)();
+    } const questions[] = {
+        {"five-minute check of conf", &sched_status::conf,
+         [] {
+             timer_state state{0};
+             timer_pass(state, 300);
+         }},
+        {"five-minute check of diag", &sched_status::diag,
+         [] {
+             timer_state state{0};
+             timer_pass(state, 300);
+         }},
+        {"message code 08", &sched_status::diag, [] { do_eventmsg("E0108:x"); }},
+        {"message code 11", &sched_status::error, [] { do_eventmsg("E0111:x"); }},
+        {"parts clear", &sched_status::error, [] { do_cont_command("parts\tclear"); }},
+        {"prognosis prevdel", &sched_status::prevent, [] { do_cont_command("prognosis\tprevdel"); }},
+    };
+    setenv("VGD_PLATFORM", "KT", 1);
+    write("config/vgd_modules", "devconf m - 9\ndiag m - 9\nparts m - 9\n");
+    ASSERT_EQ(read_modules(), 0);
+    program("m", ": >$D/asked; while [ -e $D/asked ]; do sleep .01; done");
+    write("pipe", "");
+    for (const auto& question : questions) {
+        for (const bool reported : {true, false}) {
+            status_mark& mark = st->*question.mark;
+            mark.set = 1;
+            in_threads(2, [&](int thread) {
+                if (thread == 0) return question.ask();
+                while (!fs::exists(path("asked"))) usleep(1'000);
+                if (reported) set_and_stamp(mark);
+                fs::remove(path("asked"));
+            });
+            EXPECT_EQ(mark.set, reported ? 1 : 0) << question.name;
+            mark.set = 0;
+        }
+    }
 }
 
 }  // namespace unit
