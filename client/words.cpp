@@ -1,5 +1,8 @@
 #include "words.h"
 
+#include <algorithm>
+#include <iterator>
+
 namespace client {
 
 bool split_words(std::string_view line, std::vector<std::string>& words) {
@@ -47,6 +50,13 @@ bool join_words(const std::vector<std::string>& words, std::string& line, std::s
         problem = "restart wants the word sched";
     }
     return problem.empty();
+}
+
+bool is_answered_by_scheduler(const std::vector<std::string>& words) {
+    // Not "hello": a module greets.
+    constexpr const char* own_words[] = {"status", "modcntl", "debug", "quit", "restart",  "lock",    "unlock",
+                                         "show",   "login",   "ipset", "send", "res_data", "res_send"};
+    return std::find(std::begin(own_words), std::end(own_words), words[0]) != std::end(own_words);
 }
 
 }  // namespace client

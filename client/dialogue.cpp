@@ -1,0 +1,160 @@
+#include "dialogue.h"
+
+#include "login.h"
+#include "words.h"
+
+#include <utility>
+
+namespace client {
+
+dialogue::dialogue(std::vector<std::string> words, std::string user, std::string host,
+                   password_source* password)
+    : words_(std::move(words)), user_(std::move(user)), host_(std::move(host)), password_(password) {
+    if (words_[0] == "ipset" && words_.size() > 1) {
+        kind_ = kind::ipset;
+    } else if (words_[0] == "restart") {
+        kind_ = kind::restart;
+    }
+}
+
+void dialogue::begin(std::string& requests) {
+    if (!user_.empty()) {
+        say(step::greeting, requests);
+    } else {
+        say_command(requests);
+    }
+}
+
+void dialogue::say_command(std::string& requests) {
+    say(kind_ == kind::plain ? step::command : step::probe, requests);
+}
+
+// A successful "ipset" is answered by silence, so an empty line goes after it, whose answer always comes. Whether
+// the word is known is asked first: an unknown word is answered as the empty line is.
+// "restart sched" is answered by the end of the connection. An empty line before it proves that we are served, so
+// that a refused connection is not taken for a restart.
+void dialogue::say(step next, std::string& requests) {
+    at_ = next;
+    const bool is_command = next == step::command;
+    parser_ = answer_parser(is_command && words_[0] == "quit");
+    if (next == step::greeting) {
+        requests += "hello\t" + user_;
+    } else if (is_command) {
+        std::string problem;
+        std::string line;
+        join_words(words_, line, problem);
+        requests += line;
+    } else if (kind_ == kind::ipset) {
+        requests += "ipset";
+    }
+    requests += '\r';
+    if (is_command && kind_ != kind::plain) {
+        requests += '\r';
+    }
+}
+
+std::size_t dialogue::feed(std::string_view bytes, std::string& output, std::string& requests) {
+    std::size_t used = 0;
+    while (used < bytes.size() && !done_) {
+        std::string unwanted;
+        used += parser_.feed(bytes.substr(used), at_ == step::command ? output : unwanted);
+        if (parser_.done()) {
+            answered(answer_end(parser_.end()), requests);
+        }
+    }
+    return used;
+}
+
+void dialogue::answered(const answer_end& end, std::string& requests) {
+    if (at_ == step::login) {
+        return login_answered(end, requests);
+    }
+    const bool answers_ipset = at_ == step::command && kind_ == kind::ipset;
+    if (end.how == ending::unauth && !answers_ipset) {
+        return log_in(end, requests);
+    }
+    switch (at_) {
+        case step::greeting:
+            // Whether the scheduler has a module for the greeting does not matter here.
+            logged_in_ = false;
+            return say_command(requests);
+        case step::probe:
+            if (end.how == (kind_ == kind::restart ? ending::unsupported : ending::over)) {
+                return say(step::command, requests);
+            }
+            return finish(end);
+        case step::command:
+            return command_answered(end);
+        default:
+            return finish(end_);
+    }
+}
+
+void dialogue::log_in(const answer_end& challenge, std::string& requests) {
+    answer_end refused{ending::login_refused, "the scheduler still wants a login"};
+    if (logged_in_) {
+        return finish(refused);
+    }
+    if (password_ == nullptr) {
+        refused.reason = "there is no --password-file";
+        return finish(refused);
+    }
+    const std::string line = password_->answer(challenge, host_, refused.reason);
+    if (line.empty()) {
+        return finish(refused);
+    }
+    after_login_ = at_;
+    at_ = step::login;
+    parser_ = answer_parser();
+    requests += line + '\r';
+}
+
+void dialogue::login_answered(const answer_end& end, std::string& requests) {
+    if (end.how == ending::over && end.code == 0) {
+        logged_in_ = true;
+        return after_login_ == step::greeting ? say(step::greeting, requests) : say_command(requests);
+    }
+    answer_end refused{ending::login_refused, "wrong password"};
+    if (end.how == ending::unsupported) {
+        refused.reason = "the scheduler does not know the login command";
+    } else if (end.how != ending::over) {
+        return finish(end);
+    }
+    password_->forget();
+    finish(refused);
+}
+
+void dialogue::command_answered(const answer_end& end) {
+    if (kind_ != kind::ipset) {
+        return finish(end);
+    }
+    if (end.how == ending::unsupported || end.how == ending::unauth) {
+        return finish({ending::over});  // the answer to the empty line
+    }
+    // The address was refused; the answer to the empty line follows.
+    end_ = end;
+    at_ = step::rest;
+    parser_ = answer_parser();
+}
+
+void dialogue::lost() {
+    if (at_ == step::rest) {
+        finish(end_);
+    } else if (at_ == step::command && kind_ == kind::restart) {
+        finish({ending::over});
+    } else if (at_ == step::command && kind_ == kind::ipset) {
+        finish({ending::closed, "the scheduler does not allow this address"});
+    } else {
+        finish({ending::closed, "the scheduler closed it"});
+    }
+}
+
+void dialogue::finish(answer_end end) {
+    end_ = std::move(end);
+    if (end_.how == ending::busy) {
+        end_.reason = words_[0] == "unlock" ? "the lock is not held here" : "switched off or locked";
+    }
+    done_ = true;
+}
+
+}  // namespace client

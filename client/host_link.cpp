@@ -1,0 +1,225 @@
+#include "host_link.h"
+
+#include "options.h"
+#include "words.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <poll.h>
+#include <sys/socket.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace client {
+
+namespace {
+
+constexpr unsigned usual_limit = 10;  // seconds, when the operator names none
+constexpr std::size_t receive_size = 65536;
+
+std::string text_of(int error) {
+    return std::generic_category().message(error);
+}
+
+// An error number, 0 for none; EINPROGRESS when the connection is being made.
+int begin_connection(int fd, in_addr address, std::uint16_t port, const std::string& source) {
+    sockaddr_in end{};
+    end.sin_family = AF_INET;
+    if (!source.empty()) {
+        if (inet_pton(AF_INET, source.c_str(), &end.sin_addr) != 1) {
+            return EINVAL;
+        }
+        if (bind(fd, reinterpret_cast<const sockaddr*>(&end), sizeof end) != 0) {
+            return errno;
+        }
+    }
+    end.sin_addr = address;
+    end.sin_port = htons(port);
+    return connect(fd, reinterpret_cast<const sockaddr*>(&end), sizeof end) == 0 ? 0 : errno;
+}
+
+}  // namespace
+
+void host_link::ask(const std::vector<std::string>& words) {
+    const bool is_open = state_ == state::idle;
+    talk_.emplace(words, is_open ? "" : settings_.user, where_.name, password_);
+    daemon_answers_ = is_answered_by_scheduler(words);
+    requests_.clear();
+    end_.reset();
+    next_address_ = 0;
+    deadline_ = clock::now() +
+                std::chrono::seconds(settings_.where.timeout != 0 ? settings_.where.timeout : usual_limit);
+    if (is_open) {
+        state_ = state::talking;
+        talk_->begin(requests_);
+        send_requests();
+        return;
+    }
+    if (addresses_.empty()) {
+        addresses_ = name_lookup::numeric(where_.name);
+    }
+    if (addresses_.empty()) {
+        state_ = state::resolving;
+    } else {
+        connect_next();
+    }
+}
+
+void host_link::take(lookup_result found) {
+    if (state_ != state::resolving) {
+        return;
+    }
+    addresses_ = std::move(found.addresses);
+    if (addresses_.empty()) {
+        give_up({ending::closed, found.problem});
+    } else {
+        connect_next();
+    }
+}
+
+void host_link::connect_next() {
+    state_ = state::connecting;
+    int problem = 0;
+    while (next_address_ < addresses_.size()) {
+        close_descriptor();
+        fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        problem = fd_ < 0
+                      ? errno
+                      : begin_connection(fd_, addresses_[next_address_], where_.port, settings_.where.source);
+        ++next_address_;
+        if (problem == 0) {
+            return connected();
+        }
+        if (problem == EINPROGRESS) {
+            return;
+        }
+    }
+    give_up({ending::closed, text_of(problem)});
+}
+
+void host_link::connected() {
+    const int on = 1;
+    setsockopt(fd_, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);  // a dead host must end a wait without a limit
+    state_ = state::talking;
+    talk_->begin(requests_);
+    send_requests();
+}
+
+// What the scheduler answers itself has one limit for the whole. A module may take its time, with a limit for
+// silence when the operator wants one; only a request has to go out in any case.
+void host_link::set_deadline() {
+    if (daemon_answers_) {
+        return;
+    }
+    unsigned seconds = settings_.where.timeout;
+    if (seconds == 0 && !requests_.empty()) {
+        seconds = usual_limit;
+    }
+    deadline_ = seconds != 0 ? clock::now() + std::chrono::seconds(seconds) : clock::time_point::max();
+}
+
+void host_link::send_requests() {
+    while (!requests_.empty()) {
+        const ssize_t n = send(fd_, requests_.data(), requests_.size(), MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0 && errno != EAGAIN) {
+            requests_.clear();  // reading tells what came before the end
+        }
+        if (n < 0) {
+            break;
+        }
+        requests_.erase(0, static_cast<std::size_t>(n));
+    }
+    set_deadline();
+}
+
+short host_link::events() const {
+    if (state_ == state::connecting) {
+        return POLLOUT;
+    }
+    return static_cast<short>(requests_.empty() ? POLLIN : POLLIN | POLLOUT);
+}
+
+void host_link::ready(std::string& output) {
+    if (state_ == state::connecting) {
+        int problem = 0;
+        socklen_t size = sizeof problem;
+        getsockopt(fd_, SOL_SOCKET, SO_ERROR, &problem, &size);
+        if (problem == 0) {
+            connected();
+        } else if (next_address_ < addresses_.size()) {
+            connect_next();
+        } else {
+            give_up({ending::closed, text_of(problem)});
+        }
+        return;
+    }
+    if (!requests_.empty()) {
+        send_requests();
+    }
+    receive(output);
+}
+
+void host_link::receive(std::string& output) {
+    char buffer[receive_size];
+    const ssize_t n = recv(fd_, buffer, sizeof buffer, 0);
+    if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
+        return;
+    }
+    if (state_ == state::idle) {
+        if (n <= 0) {
+            give_up({ending::closed, "the scheduler closed it"});
+        }
+        return;
+    }
+    if (n <= 0) {
+        talk_->lost();
+        return give_up(talk_->end());
+    }
+    talk_->feed({buffer, static_cast<std::size_t>(n)}, output, requests_);
+    if (!talk_->done()) {
+        return send_requests();
+    }
+    if (talk_->end().how != ending::over) {
+        return give_up(talk_->end());
+    }
+    end_ = talk_->end();
+    state_ = state::idle;
+    deadline_ = clock::time_point::max();
+}
+
+void host_link::expire() {
+    if (state_ == state::resolving) {
+        give_up({ending::closed, "its name is not found in time"});
+    } else if (state_ == state::connecting) {
+        give_up({ending::closed, text_of(ETIMEDOUT)});
+    } else {
+        give_up({ending::silent});
+    }
+}
+
+std::optional<answer_end> host_link::take_end() {
+    return std::exchange(end_, std::nullopt);
+}
+
+void host_link::give_up(answer_end end) {
+    close();
+    end_ = std::move(end);
+}
+
+void host_link::close_descriptor() {
+    if (fd_ >= 0) {
+        ::close(fd_);
+    }
+    fd_ = -1;
+}
+
+void host_link::close() {
+    close_descriptor();
+    state_ = state::closed;
+    deadline_ = clock::time_point::max();
+}
+
+}  // namespace client

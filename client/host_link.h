@@ -1,0 +1,82 @@
+// One host of many: its connection, and the command that is under way there. Nothing here waits.
+#pragma once
+
+#include "dialogue.h"
+#include "host_list.h"
+#include "name_lookup.h"
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace client {
+
+struct settings;
+
+class host_link {
+public:
+    using clock = std::chrono::steady_clock;
+
+    // All must outlive the link; password may be null.
+    host_link(const host_name& where, const settings& chosen, password_source* password)
+        : where_(where), settings_(chosen), password_(password) {}
+    ~host_link() { close(); }
+    host_link(const host_link&) = delete;
+    host_link& operator=(const host_link&) = delete;
+
+    // Begins a command, over the connection that is open or a new one. No other may be under way.
+    void ask(const std::vector<std::string>& words);
+
+    const std::string& name() const { return where_.name; }
+
+    // The addresses of the host have to be looked up for the command that was begun.
+    bool wants_addresses() const { return state_ == state::resolving; }
+    void take(lookup_result found);
+
+    // What to poll for: the descriptor, -1 for none, and the events.
+    int fd() const { return fd_; }
+    short events() const;
+    void ready(std::string& output);  // appends the output of the command
+
+    // When waiting is to be given up, and the giving up.
+    clock::time_point deadline() const { return deadline_; }
+    void expire();
+
+    void extend_deadline(clock::duration by) {
+        if (deadline_ != clock::time_point::max()) {
+            deadline_ += by;
+        }
+    }
+
+    // How the command ended, once; also told when the scheduler leaves a connection on which nothing is asked.
+    std::optional<answer_end> take_end();
+
+    void close();
+
+private:
+    enum class state { closed, resolving, connecting, talking, idle };
+
+    void connect_next();
+    void connected();
+    void send_requests();
+    void receive(std::string& output);
+    void set_deadline();
+    void give_up(answer_end end);
+    void close_descriptor();
+
+    const host_name& where_;
+    const settings& settings_;
+    password_source* password_;
+    state state_ = state::closed;
+    int fd_ = -1;
+    std::vector<in_addr> addresses_;  // kept once they are known
+    std::size_t next_address_ = 0;
+    std::optional<dialogue> talk_;
+    std::string requests_;  // not sent yet
+    bool daemon_answers_ = false;
+    clock::time_point deadline_ = clock::time_point::max();
+    std::optional<answer_end> end_;
+};
+
+}  // namespace client

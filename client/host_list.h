@@ -1,0 +1,26 @@
+// The hosts that one command asks: a list such as "db1,db2:9981", or a file with one host a line.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace client {
+
+struct host_name {
+    std::string label;       // as the operator wrote it; marks what the host says
+    std::string name;        // name or IPv4 address
+    std::uint16_t port = 0;  // host byte order
+};
+
+// Adds the hosts of a comma-separated list; one that is there already is not added again. false when an entry is
+// not name[:port]; problem then says which. port is for entries without one.
+bool add_hosts(std::string_view list, std::uint16_t port, std::vector<host_name>& hosts,
+               std::string& problem);
+
+// The same from a file, or from standard input when it is "-": one host a line, # begins a comment.
+bool read_hosts(const std::string& file, std::uint16_t port, std::vector<host_name>& hosts,
+                std::string& problem);
+
+}  // namespace client

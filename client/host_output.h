@@ -1,0 +1,53 @@
+// Standard output of many hosts: in their order or as it comes, never two of them in one line.
+#pragma once
+
+#include "host_list.h"
+#include "text_queue.h"
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace client {
+
+class host_output {
+public:
+    using writer = std::function<void(std::string_view text)>;
+    using reporter = std::function<void(const std::string& label, const std::string& problem)>;
+
+    // prefixed: each line begins with the host's label. in_order: a host's output waits until those before it have
+    // ended. write takes the output, report what went wrong, in that order too.
+    host_output(const std::vector<host_name>& hosts, bool prefixed, bool in_order, writer write,
+                reporter report);
+
+    void add(std::size_t host, std::string_view text);
+
+    // The host says no more; problem: why not, empty for a command that succeeded.
+    void end(std::size_t host, const std::string& problem);
+
+    // Writes what waits, and the rest as it comes.
+    void stop_ordering();
+
+private:
+    struct lane {
+        std::string label;
+        bool at_line_start = true;
+        bool ended = false;
+        std::string problem;
+        text_queue waiting;
+    };
+
+    void write_complete_lines(lane& from, std::string_view text);
+    void write_waiting(lane& from);
+    void finish(lane& from);
+
+    std::vector<lane> lanes_;
+    bool prefixed_;
+    bool in_order_;
+    std::size_t first_ = 0;  // in order: the host that writes without waiting
+    writer write_;
+    reporter report_;
+};
+
+}  // namespace client

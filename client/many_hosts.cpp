@@ -1,0 +1,166 @@
+#include "many_hosts.h"
+
+#include "options.h"
+
+#include <algorithm>
+#include <sys/resource.h>
+
+namespace client {
+
+namespace {
+
+constexpr std::size_t other_descriptors = 64;  // standard ones, files, the resolver's threads
+
+// How many of the wanted connections the limit for descriptors allows.
+std::size_t allowed_connections(std::size_t wanted) {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        return wanted;
+    }
+    const rlim_t needed = 2 * wanted + other_descriptors;  // each host may need a file for its output
+    if (limit.rlim_cur < needed) {
+        limit.rlim_cur = std::min(needed, limit.rlim_max);
+        setrlimit(RLIMIT_NOFILE, &limit);
+        getrlimit(RLIMIT_NOFILE, &limit);
+    }
+    if (limit.rlim_cur >= needed) {
+        return wanted;
+    }
+    return limit.rlim_cur > other_descriptors + 2 ? (limit.rlim_cur - other_descriptors) / 2 : 1;
+}
+
+}  // namespace
+
+many_hosts::many_hosts(const std::vector<host_name>& hosts, const settings& chosen, std::size_t parallel,
+                       listener told)
+    : password_(chosen.password_file),
+      parallel_(allowed_connections(std::min(parallel, hosts.size()))),
+      told_(std::move(told)),
+      asking_(hosts.size()) {
+    for (const host_name& host : hosts) {
+        links_.push_back(
+            std::make_unique<host_link>(host, chosen, chosen.password_file.empty() ? nullptr : &password_));
+    }
+}
+
+void many_hosts::ask(std::size_t host, std::vector<std::string> words) {
+    queue_.push_back({host, std::move(words)});
+}
+
+void many_hosts::close(std::size_t host) {
+    links_[host]->close();
+    if (asking_[host]) {
+        asking_[host] = false;
+        --active_;
+    }
+}
+
+// true when a command has ended at once.
+bool many_hosts::start_queued() {
+    const std::size_t waiting = queue_.size() + active_;
+    while (active_ < parallel_ && !queue_.empty()) {
+        const question next = std::move(queue_.front());
+        queue_.pop_front();
+        ++active_;
+        asking_[next.host] = true;
+        host_link& link = *links_[next.host];
+        link.ask(next.words);
+        if (link.wants_addresses()) {
+            names_.ask(next.host, link.name());
+        }
+        collect(next.host, "");
+    }
+    return queue_.size() + active_ < waiting;
+}
+
+// Hands on what a host said, and that its command has ended.
+void many_hosts::collect(std::size_t host, std::string_view output) {
+    if (!output.empty()) {
+        told_.output(host, output);
+    }
+    const std::optional<answer_end> end = links_[host]->take_end();
+    if (!end) {
+        return;
+    }
+    if (asking_[host]) {
+        --active_;
+    }
+    asking_[host] = false;
+    told_.ended(host, *end);
+}
+
+many_hosts::clock::time_point many_hosts::next_deadline() const {
+    clock::time_point first = clock::time_point::max();
+    for (const auto& link : links_) {
+        first = std::min(first, link->deadline());
+    }
+    return first;
+}
+
+// While the reader of our own output keeps us waiting, no host is late.
+void many_hosts::forgive_absence() {
+    const clock::duration absence = clock::now() - listened_;
+    if (absence < std::chrono::seconds(1)) {
+        return;
+    }
+    for (const auto& link : links_) {
+        link->extend_deadline(absence);
+    }
+}
+
+void many_hosts::step(std::span<pollfd> others, clock::time_point until) {
+    forgive_absence();
+    if (start_queued()) {
+        until = clock::now();
+    }
+    poll_links(others, until);
+    std::copy_n(polled_.begin(), others.size(), others.begin());
+    listened_ = clock::now();
+    if (polled_[others.size()].revents != 0) {
+        for (lookup_result& found : names_.take()) {
+            const std::size_t host = found.host;
+            links_[host]->take(std::move(found));
+            collect(host, "");
+        }
+    }
+    std::string output;
+    for (std::size_t i = 0; i < polled_hosts_.size(); ++i) {
+        host_link& link = *links_[polled_hosts_[i]];
+        const pollfd& ready = polled_[others.size() + 1 + i];
+        if (ready.revents != 0 && link.fd() == ready.fd) {
+            output.clear();
+            link.ready(output);
+            collect(polled_hosts_[i], output);
+        }
+    }
+    for (std::size_t host = 0; host < links_.size(); ++host) {
+        if (links_[host]->deadline() <= listened_) {
+            links_[host]->expire();
+            collect(host, "");
+        }
+    }
+}
+
+void many_hosts::poll_links(std::span<const pollfd> others, clock::time_point until) {
+    polled_.assign(others.begin(), others.end());
+    polled_.push_back({names_.fd(), POLLIN, 0});
+    polled_hosts_.clear();
+    for (std::size_t host = 0; host < links_.size(); ++host) {
+        if (links_[host]->fd() >= 0) {
+            polled_.push_back({links_[host]->fd(), links_[host]->events(), 0});
+            polled_hosts_.push_back(host);
+        }
+    }
+    int wait = -1;
+    if (const clock::time_point end = std::min(until, next_deadline()); end != clock::time_point::max()) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - clock::now()).count();
+        wait = static_cast<int>(std::clamp<decltype(left)>(left, 0, 3600 * 1000));
+    }
+    if (poll(polled_.data(), polled_.size(), wait) < 0) {
+        for (pollfd& p : polled_) {
+            p.revents = 0;  // a signal, or no memory: the caller comes again
+        }
+    }
+}
+
+}  // namespace client

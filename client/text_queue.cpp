@@ -1,0 +1,81 @@
+#include "text_queue.h"
+
+#include "text.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <system_error>
+#include <unistd.h>
+#include <utility>
+
+namespace client {
+
+namespace {
+
+constexpr std::size_t most_in_memory = 65536;  // bytes
+
+[[noreturn]] void fail(const std::string& what) {
+    throw std::system_error(errno, std::generic_category(), "cannot keep output that waits: " + what);
+}
+
+int open_nameless() {
+    const char* directory = std::getenv("TMPDIR");
+    std::string path = directory != nullptr && directory[0] == '/' ? directory : "/tmp";
+    path += "/schedctl-XXXXXX";
+    const int file = mkostemp(path.data(), O_CLOEXEC);
+    if (file < 0) {
+        fail(path);
+    }
+    unlink(path.c_str());
+    return file;
+}
+
+}  // namespace
+
+text_queue::~text_queue() {
+    if (file_ >= 0) {
+        close(file_);
+    }
+}
+
+text_queue::text_queue(text_queue&& other) noexcept
+    : memory_(std::move(other.memory_)), file_(std::exchange(other.file_, -1)) {}
+
+void text_queue::add(std::string_view text) {
+    memory_ += text;
+    if (memory_.size() > most_in_memory) {
+        move_to_file();
+    }
+}
+
+void text_queue::move_to_file() {
+    if (file_ < 0) {
+        file_ = open_nameless();
+    }
+    if (!write_all(file_, memory_)) {
+        fail("temporary file");
+    }
+    memory_.clear();
+}
+
+void text_queue::drain(const std::function<void(std::string_view)>& take) {
+    if (file_ >= 0) {
+        lseek(file_, 0, SEEK_SET);
+        std::string piece(most_in_memory, '\0');
+        ssize_t n = 0;
+        while ((n = read(file_, piece.data(), piece.size())) > 0) {
+            take(std::string_view(piece).substr(0, static_cast<std::size_t>(n)));
+        }
+        if (n < 0) {
+            fail("temporary file");
+        }
+        close(std::exchange(file_, -1));
+    }
+    const std::string rest = std::exchange(memory_, {});
+    if (!rest.empty()) {
+        take(rest);
+    }
+}
+
+}  // namespace client
