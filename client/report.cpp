@@ -18,7 +18,7 @@ std::string now_date() {
     localtime_r(&now, &local);
     char text[32];
     const std::size_t length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S%z", &local);
-    return std::string(text, length).insert(length - 2, ":");
+    return std::string(text, length).insert(length - 2, 1, ':');
 }
 
 std::optional<std::time_t> seconds_of(const std::string& date) {

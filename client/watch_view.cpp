@@ -33,7 +33,11 @@ std::string age_of(const std::string& since) {
         if (shown == 2 || (shown == 0 && left < seconds && seconds > 1)) {
             continue;
         }
-        text += (shown++ != 0 ? " " : "") + std::to_string(left / seconds) + sign;
+        if (shown++ != 0) {
+            text += ' ';
+        }
+        text += std::to_string(left / seconds);
+        text += sign;
         left %= seconds;
     }
     return text;

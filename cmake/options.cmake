@@ -1,11 +1,14 @@
-# The target sched_options: warnings as errors, hardening, and paths that do not depend on the build machine.
+# The target sched_options: warnings, hardening, and paths that do not depend on the build machine.
 add_library(sched_options INTERFACE)
 
 target_compile_options(sched_options INTERFACE
-  -Wall -Wextra -Werror
+  -Wall -Wextra
   -Wshadow -Wconversion -Wformat=2 -Wcast-qual -Wcast-align -Wundef -Wvla
   -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=
   -ffile-prefix-map=${CMAKE_BINARY_DIR}=build)
+if(SCHED_WERROR)
+  target_compile_options(sched_options INTERFACE -Werror)
+endif()
 
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   # The annotations in src/ name the lock of each table and routine; only clang can check them. Its -Wconversion
