@@ -15,8 +15,8 @@ check() {
     systemd-analyze security --offline=yes --no-pager --threshold="$1" "$dir/sched.service"
 }
 
-# The program need not be installed yet.
-sed 's|^ExecStart=/.*|ExecStart=/bin/true|' "$1" >"$dir/sched.service"
+# The programs need not be installed yet.
+sed -E 's%^(Exec[A-Za-z]+=[-+]?)/.*%\1/bin/true%' "$1" >"$dir/sched.service"
 check 20
 install -D -m 644 -t "$dir/sched.service.d" "$2"
 check 35
