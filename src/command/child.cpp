@@ -21,10 +21,10 @@ constexpr std::size_t message_size_max =
 constexpr std::size_t error_number_size = 16;  // room behind the message for the number and its end
 constexpr std::size_t additions_max = 3;       // REMOTEHOST, LD_PRELOAD, MALLOC_DEBUG
 
-// Room for the scheduler's environment, the additions and the null at the end. Allocated by start-up, filled anew
-// for each run under com_lock.
-char** child_environment = nullptr;
-std::size_t inherited_max = 0;  // entries of the scheduler's environment there is room for
+// Holds the scheduler's environment, the additions and the null at the end. Allocated by start-up, filled anew for
+// each run.
+char** child_environment GUARDED_BY(com_lock) = nullptr;
+std::size_t inherited_max GUARDED_BY(com_lock) = 0;  // entries of the scheduler's environment that fit
 
 // Everything the child uses, made ready before it exists: it shares our memory, and the heap, the trace and the
 // standard streams may be in the middle of something in another thread.
@@ -59,7 +59,7 @@ void put_entry(char** entries, const char* entry) {
     *entries = const_cast<char*>(entry);
 }
 
-char* const* build_environment(const char* entry) {
+char* const* build_environment(const char* entry) REQUIRES(com_lock) {
     const std::size_t inherited = std::min(environment_size(), inherited_max);
     std::copy_n(environ, inherited, child_environment);
     child_environment[inherited] = nullptr;

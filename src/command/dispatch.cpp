@@ -5,19 +5,30 @@
 #include "command/module_table.h"
 #include "command/runner.h"
 #include "trace/trace.h"
+#include "util/mutex.h"
 #include "util/text.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
-
-constinit posix_mutex com_lock;
-constinit posix_mutex queue_lock;
-cmdq_entry cmdq[cmdq_slots];
 
 namespace {
 
-constexpr std::size_t remote_host_size = 64;  // bytes of "REMOTEHOST=address", the NUL included
-constexpr int default_timeout = 60;           // seconds
+constexpr int cmdq_slots = 31;                  // numbers 1 to 30; slot 0 is never used
+constexpr std::size_t delayed_line_size = 300;  // bytes of a delayed command line, its NUL included
+constexpr std::size_t remote_host_size = 64;    // bytes of "REMOTEHOST=address", the NUL included
+constexpr int default_timeout = 60;             // seconds
+
+// A timer job's command that waits for the running one to end.
+struct cmdq_entry {
+    std::uint8_t queued;  // 1 while line waits
+    char line[delayed_line_size];
+};
+
+constinit posix_mutex queue_lock;
+
+// Slot n belongs to timer job number n.
+cmdq_entry cmdq[cmdq_slots] GUARDED_BY(queue_lock);
 
 // com_lock is held here, so a peer that does not read is not waited for longer than a moment.
 void refuse(const hmistruc* hmi, std::string_view answer) {
@@ -83,7 +94,8 @@ void park(const char* line, int number) {
 }  // namespace
 
 int init_command() {
-    const mutex_guard guard(queue_lock);
+    const mutex_guard runs(com_lock);
+    const mutex_guard queue(queue_lock);
     for (cmdq_entry& slot : cmdq) {
         slot.queued = 0;
     }

@@ -2,37 +2,19 @@
 #pragma once
 
 #include "comm/hmi_table.h"
+#include "command/com_lock.h"
 #include "util/mark_question.h"
-#include "util/mutex.h"
 
 #include <cstddef>
-#include <cstdint>
 
 constexpr std::size_t command_line_size = 16384;  // bytes of a command line, its NUL included
 constexpr int argument_max = 15;                  // arguments of a command line
 constexpr int vector_size = argument_max + 1;     // and the null behind them
-constexpr int cmdq_slots = 31;                    // numbers 1 to 30; slot 0 is never used
-constexpr std::size_t delayed_line_size = 300;    // bytes of a delayed command line, its NUL included
 
 constexpr int condition_status =
     512;  // wait status of exit code 2: the modules' code for "condition present"
 
-// Held for the whole of one module run and the drain of delayed commands after it. Taken before queue_lock.
-extern posix_mutex com_lock;
-
-// Guards the delayed commands.
-extern posix_mutex queue_lock;
-
-// A timer job's command that waits for the running one to end.
-struct cmdq_entry {
-    std::uint8_t queued;  // 1 while line waits
-    char line[delayed_line_size];
-};
-
-// Slot n belongs to timer job number n.
-extern cmdq_entry cmdq[cmdq_slots] GUARDED_BY(queue_lock);
-
-// Empties cmdq and prepares what the child-process runner needs. Returns 0, or -1 when memory is short.
+// Empties the queue of parked commands and prepares what the child-process runner needs. Returns 0, or -1 when memory is short.
 // Start-up only, before any other thread.
 int init_command();
 

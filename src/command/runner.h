@@ -1,8 +1,10 @@
 // Runs one module program as a child process and relays its output.
 #pragma once
 
-// Runs the program at path with argv and waits for its end. com_lock must be held: alarm clock and SIGALRM belong to
-// the whole process.
+#include "command/com_lock.h"
+
+// Runs the program at path with argv and waits for its end, under com_lock: alarm clock and SIGALRM belong to the
+// whole process.
 //   soc          socket that receives the output, LF as CR LF, and the terminating line; -1 for none
 //   timeout      seconds, above 0, after which the program's process group is killed
 //   addition     "NAME=value" for the environment, or empty
@@ -10,4 +12,4 @@
 //                null to drop the output
 // Returns the child's wait status (0 for exit code 0), or -1 when it could not be started.
 int start_command(const char* path, int soc, unsigned timeout, char* const argv[], const char* addition,
-                  char* capture, int capture_size);
+                  char* capture, int capture_size) REQUIRES(com_lock);

@@ -26,6 +26,10 @@ public:
     // The errors a default mutex can report come from misuse only; there is nothing to do about them at run time.
     void lock() ACQUIRE() { static_cast<void>(pthread_mutex_lock(&mutex_)); }
     void unlock() RELEASE() { static_cast<void>(pthread_mutex_unlock(&mutex_)); }
+    // Unlocks, waits for a signal on condition, and locks again; may also return without a signal.
+    void wait(pthread_cond_t& condition) REQUIRES(this) {
+        static_cast<void>(pthread_cond_wait(&condition, &mutex_));
+    }
     // True when the lock was free and is now ours; never waits.
     [[nodiscard]] bool try_lock() TRY_ACQUIRE(true) { return pthread_mutex_trylock(&mutex_) == 0; }
 
@@ -33,14 +37,15 @@ private:
     pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
 };
 
-// Holds the mutex from construction to the end of the scope.
+// Holds a mutex of either kind from construction to the end of the scope.
+template <typename Mutex>
 class SCOPED_CAPABILITY mutex_guard {
 public:
-    explicit mutex_guard(posix_mutex& mutex) ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
+    explicit mutex_guard(Mutex& mutex) ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
     ~mutex_guard() RELEASE() { mutex_.unlock(); }
     mutex_guard(const mutex_guard&) = delete;
     mutex_guard& operator=(const mutex_guard&) = delete;
 
 private:
-    posix_mutex& mutex_;
+    Mutex& mutex_;
 };

@@ -93,4 +93,23 @@ TEST(Runner, OneAtATimeForThirtyTwoClients) {
     EXPECT_EQ(suite.read("temp/turns"), repeated(64, "begin\nend\n"));
 }
 
+// A client whose lines wait in its socket asks again at once; another one still has the next turn.
+TEST(Runner, NextTurnIsThatOfTheClientThatWaits) {
+    Suite suite;
+    suite.module("flood", "");
+    suite.module("other", "");
+    suite.start();
+    Client flood = suite.client();
+    Client other = suite.client();
+    flood.send(repeated(300, "flood\r"));
+    suite.await_trace("command:\"flood\" \n");
+    EXPECT_EQ(other.ask("other"), over);
+    const std::string trace = suite.trace();
+    const std::size_t asked = trace.find("command1:\"other\"");
+    const std::size_t started = trace.find("command:\"other\" \n", asked);
+    std::size_t runs = 0;
+    for (std::size_t at = asked; (at = trace.find("command:\"flood\" \n", at + 1)) < started;) runs++;
+    EXPECT_LE(runs, 1U);
+}
+
 }  // namespace e2e
