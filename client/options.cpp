@@ -2,11 +2,14 @@
 
 #include "answer.h"
 #include "json.h"
+#include "words.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <arpa/inet.h>
+#include <cctype>
 #include <cstdlib>
+#include <iostream>
 #include <netdb.h>
 
 namespace client {
@@ -16,7 +19,9 @@ namespace {
 constexpr const char* description =
     "Operator's client of the scheduler.\n"
     "With command words it sends one command and streams the answer; without any it opens a session;\n"
-    "with `watch` it shows the status live. Options come before the command words.";
+    "with `watch` it shows the status live.\n"
+    "Options stand before the words of a module, and on either side of the words that the scheduler answers\n"
+    "itself. What follows `--` is sent as it is.";
 
 constexpr const char* exit_codes =
     "Exit codes:\n"
@@ -78,15 +83,89 @@ void add_options(CLI::App& app, settings& chosen) {
     app.add_flag("--json", chosen.json, std::string("Answer of ") + json_commands + " as JSON");
 }
 
-// The words with a JSON form take no such argument themselves, so the option may follow them too.
-void take_trailing_json(settings& chosen) {
-    std::vector<std::string>& words = chosen.words;
-    constexpr std::string_view with_json[] = {"status", "modcntl", "debug", "show"};
-    if (words.size() < 2 || words.back() != "--json" || std::ranges::count(with_json, words[0]) == 0) {
-        return;
+// CLI11 takes the arguments from the back of the list.
+void parse_list(CLI::App& app, const std::vector<std::string>& arguments) {
+    std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());
+    app.parse(reversed);
+}
+
+// The client's option that this word would be in front of the command; null when it is none.
+const CLI::Option* option_of(const CLI::App& app, const std::string& word) {
+    if (word.starts_with("--")) {
+        return app.get_option_no_throw(word.substr(0, word.find('=')));
     }
-    words.pop_back();
-    chosen.json = true;
+    if (word.size() < 2 || word[0] != '-') {
+        return nullptr;
+    }
+    const CLI::Option* option = app.get_option_no_throw(word.substr(0, 2));
+    const bool value_may_follow = option != nullptr && option->get_items_expected_max() > 0;
+    return word.size() == 2 || value_may_follow ? option : nullptr;
+}
+
+std::string joined(const std::vector<std::string>& words) {
+    std::string text;
+    for (const std::string& word : words) {
+        text += (text.empty() ? "" : " ") + word;
+    }
+    return text;
+}
+
+[[noreturn]] void refuse(const std::string& word, const std::string& why,
+                         const std::vector<std::string>& words) {
+    throw CLI::ValidationError(word + " " + why + "; to send it as a word: schedctl -- " + joined(words));
+}
+
+// A module gets all of its words, so an option among them is a mistake that would otherwise stay unseen: the
+// command would run on another host than the operator meant.
+void refuse_swallowed(const CLI::App& app, const std::vector<std::string>& words) {
+    for (const std::string& word : words) {
+        if (option_of(app, word) != nullptr) {
+            refuse(word, "is an option of schedctl and stands before a module's words", words);
+        }
+    }
+}
+
+// The scheduler's own words take no options, so the client's may follow them too. What is left that looks like
+// an option is a typing mistake, which the scheduler would pass over in silence.
+std::vector<std::string> parse_both_sides(CLI::App& app, const std::vector<std::string>& arguments) {
+    for (CLI::App* subcommand : app.get_subcommands(nullptr)) {
+        subcommand->disabled();  // `modcntl watch off` names a module
+    }
+    app.prefix_command(false);
+    app.allow_extras();
+    parse_list(app, arguments);
+    const std::vector<std::string> words = app.remaining();
+    for (const std::string& word : words) {
+        const std::size_t name = word.find_first_not_of('-');
+        if ((name == 1 || name == 2) && std::isalpha(static_cast<unsigned char>(word[name])) != 0) {
+            refuse(word, "is no option of schedctl", words);
+        }
+    }
+    return words;
+}
+
+// The command words that stand before a "--".
+std::vector<std::string> parse_words(CLI::App& app, const std::vector<std::string>& arguments) {
+    app.prefix_command();  // stop at the first word that is no option and no subcommand
+    parse_list(app, arguments);
+    std::vector<std::string> words = app.remaining();
+    if (words.empty()) {
+        return words;
+    }
+    if (words.front().starts_with("-")) {
+        throw CLI::ExtrasError(words);
+    }
+    if (is_internal_word(words.front())) {
+        return parse_both_sides(app, arguments);
+    }
+    refuse_swallowed(app, words);
+    return words;
+}
+
+// Help and version texts are output like any other.
+int finish(const CLI::App& app, const CLI::ParseError& problem) {
+    const bool asked_for = app.exit(problem) == 0;
+    return asked_for && std::cout.flush() ? 0 : exit_usage;
 }
 
 }  // namespace
@@ -97,6 +176,7 @@ std::optional<int> parse_options(int argc, char** argv, settings& chosen) {
     CLI::App app(description, "schedctl");
     app.footer(exit_codes);
     app.failure_message(failure);
+    app.set_version_flag("-V,--version", "schedctl " SCHED_VERSION, "Show the version and end");
     app.get_formatter()->label("SUBCOMMAND", "WORD... | watch");
     add_options(app, chosen);
     CLI::App* watch = app.add_subcommand("watch", "Show the status live until Ctrl-C");
@@ -104,17 +184,13 @@ std::optional<int> parse_options(int argc, char** argv, settings& chosen) {
     watch->add_option("-n,--interval", chosen.interval, "Seconds between two looks")
         ->check(CLI::Range(1, 3600))
         ->capture_default_str();
-    app.prefix_command();  // whatever follows the first command word belongs to the command
+    const std::vector<std::string> arguments(argv + 1, argv + argc);
+    const auto mark = std::find(arguments.begin(), arguments.end(), "--");
     try {
-        app.parse(argc, argv);
-        chosen.words = app.remaining();
-        if (!chosen.words.empty() && chosen.words.front() == "--") {
-            chosen.words.erase(chosen.words.begin());
-        }
+        chosen.words = parse_words(app, {arguments.begin(), mark});
         chosen.watch = watch->parsed();
-        take_trailing_json(chosen);
-        if (!chosen.words.empty() && chosen.words.front().starts_with("-")) {
-            throw CLI::ExtrasError(chosen.words);
+        if (mark != arguments.end()) {
+            chosen.words.insert(chosen.words.end(), mark + 1, arguments.end());
         }
         if (chosen.watch && !chosen.words.empty()) {
             throw CLI::ExtrasError(chosen.words);
@@ -123,7 +199,7 @@ std::optional<int> parse_options(int argc, char** argv, settings& chosen) {
             throw CLI::RequiresError("--json", json_commands);
         }
     } catch (const CLI::ParseError& problem) {
-        return app.exit(problem) == 0 ? 0 : exit_usage;
+        return finish(app, problem);
     }
     return std::nullopt;
 }

@@ -20,10 +20,7 @@ namespace {
 
 using word_list = std::vector<std::string>;
 
-// The words that the scheduler itself may answer, and those that can follow.
-constexpr const char* internal_words[] = {"status", "modcntl", "debug",    "quit",    "restart",
-                                          "lock",   "unlock",  "show",     "hello",   "login",
-                                          "ipset",  "send",    "res_data", "res_send"};
+// The words that may follow one of the scheduler's own.
 constexpr std::pair<const char*, const char*> following[] = {
     {"debug", "timer"}, {"debug", "hmi"}, {"restart", "sched"}, {"show", "ip"}, {"show", "allowed_ip"}};
 
@@ -133,7 +130,9 @@ word_list session::candidates(const word_list& earlier) {
     word_list words;
     if (earlier.empty()) {
         words = modules_;
-        words.insert(words.end(), std::begin(internal_words), std::end(internal_words));
+        for (const internal_word& known : internal_words) {
+            words.emplace_back(known.word);
+        }
         std::sort(words.begin(), words.end());
         words.erase(std::unique(words.begin(), words.end()), words.end());
     } else if (earlier[0] == "modcntl") {

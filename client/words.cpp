@@ -5,6 +5,16 @@
 
 namespace client {
 
+bool is_internal_word(std::string_view word) {
+    return std::any_of(std::begin(internal_words), std::end(internal_words),
+                       [word](const internal_word& known) { return known.word == word; });
+}
+
+bool is_answered_at_once(std::string_view word) {
+    return std::any_of(std::begin(internal_words), std::end(internal_words),
+                       [word](const internal_word& known) { return known.at_once && known.word == word; });
+}
+
 bool split_words(std::string_view line, std::vector<std::string>& words) {
     char quote = '\0';
     bool inside = false;

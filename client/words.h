@@ -11,6 +11,23 @@ namespace client {
 constexpr std::size_t most_words = 15;
 constexpr std::size_t longest_line = 16382;
 
+// A word that the scheduler answers itself, when its module list says so. Every other word names a module.
+struct internal_word {
+    std::string_view word;
+    bool at_once;  // the answer waits for no module and for no other host
+};
+
+constexpr internal_word internal_words[] = {
+    {"status", true}, {"modcntl", true}, {"debug", true},     {"quit", true},     {"restart", true},
+    {"lock", true},   {"unlock", true},  {"show", true},      {"hello", false},   {"login", true},
+    {"ipset", true},  {"send", true},    {"res_data", false}, {"res_send", true},
+};
+
+bool is_internal_word(std::string_view word);
+
+// true when no answer within seconds means that the scheduler itself is stalled.
+bool is_answered_at_once(std::string_view word);
+
 // Cuts a typed line at blanks; '…' and "…" keep blanks in a word. false when a quote is left open.
 bool split_words(std::string_view line, std::vector<std::string>& words);
 
