@@ -2,6 +2,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <iterator>
 
 namespace client {
 
@@ -34,10 +35,13 @@ constexpr meaning meanings[] = {
     {exit_login, "login required"},
     {0, ""},
     {exit_connection, "no connection"},
+    {exit_connection, "the request was not sent"},
+    {exit_usage, "cannot be sent"},
     {exit_silence, "no answer in time"},
     {128 + SIGINT, "stopped waiting"},
     {exit_login, "login refused"},
 };
+static_assert(std::size(meanings) == static_cast<std::size_t>(ending::count_), "one meaning for each ending");
 
 // What follows the word; true only for the very line that these fields make.
 bool read_fields(const std::string& line, answer_end& end) {

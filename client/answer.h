@@ -8,7 +8,7 @@
 
 namespace client {
 
-// How waiting for an answer ended. The first six are the scheduler's own words, the others are ours.
+// How a command ended. The first six are the scheduler's own words, the others are ours.
 enum class ending {
     over,           // finished: code and signal are set
     timeout,        // the module overran its time-out and was killed
@@ -16,10 +16,13 @@ enum class ending {
     unsupported,    // no such command
     unauth,         // login wanted: nonce and salt are set
     goodbye,        // the scheduler leaves the connection
-    closed,         // no connection, or it went away; reason is set
+    closed,         // no connection, or it went away before the answer was complete; reason is set
+    unsent,         // connected, but the scheduler did not take the request; reason is set
+    invalid,        // words that make no request, so nothing was sent; reason is set
     silent,         // nothing came for as long as we were told to wait
     interrupted,    // the operator stopped waiting
     login_refused,  // no password, or a wrong one
+    count_          // how many there are
 };
 
 struct answer_end {

@@ -2,8 +2,10 @@
 
 #include "signals.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
+#include <chrono>
 #include <fcntl.h>
 #include <netdb.h>
 #include <poll.h>
@@ -37,7 +39,7 @@ connection::~connection() {
     }
 }
 
-wake connection::open(std::string& error) {
+opened connection::open(std::string& error) {
     // Once only: a view that is drawn must neither hang in the resolver nor be killed there.
     if (found_ == nullptr) {
         addrinfo hints{};
@@ -48,45 +50,36 @@ wake connection::open(std::string& error) {
         const int result = getaddrinfo(where_.host.c_str(), port.c_str(), &hints, &found_);
         if (result != 0) {
             error = where_.host + ": " + gai_strerror(result);
-            return wake::time;
+            return opened::failed;
         }
     }
-    wake woken = wake::time;
-    for (const addrinfo* a = found_; a != nullptr && woken == wake::time; a = a->ai_next) {
-        woken = connect_to(a->ai_addr, a->ai_addrlen, error);
-        if (woken != wake::input) {
+    opened result = opened::failed;
+    for (const addrinfo* a = found_; a != nullptr && result == opened::failed; a = a->ai_next) {
+        result = connect_to(a->ai_addr, a->ai_addrlen, error);
+        if (result != opened::connected) {
             close();
         }
     }
-    return woken;
+    return result;
 }
 
-wake connection::connect_to(const void* address, unsigned length, std::string& error) {
+opened connection::connect_to(const void* address, unsigned length, std::string& error) {
     fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd_ >= 0 && !where_.source.empty() && !bind_source(fd_, where_.source)) {
         error = where_.source + ": " + std::generic_category().message(errno);
-        return wake::time;
+        return opened::failed;
     }
     int problem = 0;
     if (fd_ < 0 || connect(fd_, static_cast<const sockaddr*>(address), length) != 0) {
         problem = errno;
     }
-    if (problem == EINPROGRESS) {
-        const wake woken = wait_for(POLLOUT, where_.timeout != 0 ? where_.timeout : connect_timeout);
-        if (woken == wake::stopped) {
-            return woken;
-        }
-        socklen_t size = sizeof problem;
-        if (woken == wake::time) {
-            problem = ETIMEDOUT;
-        } else {
-            getsockopt(fd_, SOL_SOCKET, SO_ERROR, &problem, &size);
-        }
+    if (problem == EINPROGRESS && finish_connecting(problem) == opened::stopped) {
+        return opened::stopped;
     }
     if (problem != 0) {
         error = where_.host + " port " + std::to_string(where_.port) + ": " +
                 std::generic_category().message(problem);
-        return wake::time;
+        return opened::failed;
     }
     const int on = 1;
     const timeval patience{connect_timeout, 0};
@@ -94,7 +87,23 @@ wake connection::connect_to(const void* address, unsigned length, std::string& e
     setsockopt(fd_, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
     setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
     fcntl(fd_, F_SETFL, fcntl(fd_, F_GETFL) & ~O_NONBLOCK);
-    return wake::input;
+    return opened::connected;
+}
+
+// Waits for a connection that is being made. problem: 0, or the error number of the failure.
+opened connection::finish_connecting(int& problem) {
+    socklen_t size = sizeof problem;
+    switch (wait_for(POLLOUT, where_.timeout != 0 ? where_.timeout : connect_timeout)) {
+        case wake::stopped:
+            return opened::stopped;
+        case wake::silent:
+            problem = ETIMEDOUT;
+            break;
+        case wake::ready:
+            getsockopt(fd_, SOL_SOCKET, SO_ERROR, &problem, &size);
+            break;
+    }
+    return problem == 0 ? opened::connected : opened::failed;
 }
 
 void connection::close() {
@@ -104,19 +113,24 @@ void connection::close() {
     fd_ = -1;
 }
 
-bool connection::send_line(std::string_view line) {
+sent connection::send_line(std::string_view line, std::string& error) {
     const std::string bytes = std::string(line) + '\r';
     std::string_view rest = bytes;
     while (!rest.empty()) {
         const ssize_t n = send(fd_, rest.data(), rest.size(), MSG_NOSIGNAL);
+        if (n < 0 && (errno == EPIPE || errno == ECONNRESET)) {
+            return sent::closed;
+        }
         if (n < 0 && errno != EINTR) {
-            return false;
+            // The send time-out is reported as EAGAIN, whose usual text would puzzle the operator.
+            error = std::generic_category().message(errno == EAGAIN ? ETIMEDOUT : errno);
+            return sent::failed;
         }
         if (n > 0) {
             rest.remove_prefix(static_cast<std::size_t>(n));
         }
     }
-    return true;
+    return sent::whole;
 }
 
 wake connection::wait() {
@@ -124,11 +138,15 @@ wake connection::wait() {
 }
 
 wake connection::wait_for(short events, unsigned seconds) {
+    using clock = std::chrono::steady_clock;
+    const clock::time_point until = clock::now() + std::chrono::seconds(seconds);
     pollfd ready[] = {{fd_, events, 0}, {signals_ != nullptr ? signals_->fd() : -1, POLLIN, 0}};
     for (;;) {
-        const int count = poll(ready, 2, seconds != 0 ? static_cast<int>(seconds) * 1000 : -1);
+        // Only the time that is left: a window that is resized again and again must not prolong the wait.
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - clock::now()).count();
+        const int count = poll(ready, 2, seconds != 0 ? static_cast<int>(std::max<long>(left, 0)) : -1);
         if (count == 0) {
-            return wake::time;
+            return wake::silent;
         }
         if (count < 0) {
             continue;  // only a signal that the process handles elsewhere
@@ -137,7 +155,7 @@ wake connection::wait_for(short events, unsigned seconds) {
             return wake::stopped;
         }
         if (ready[0].revents != 0) {
-            return wake::input;
+            return wake::ready;
         }
     }
 }

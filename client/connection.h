@@ -20,7 +20,9 @@ struct endpoint {
     unsigned timeout = 0;    // seconds of silence before giving up; 0: none, and 10 for connecting
 };
 
-enum class wake { input, stopped, time };
+enum class opened { connected, stopped, failed };  // stopped: by the operator
+enum class wake { ready, stopped, silent };        // silent: nothing within the time-out
+enum class sent { whole, closed, failed };         // closed: the peer has ended the connection
 
 class connection {
 public:
@@ -30,14 +32,14 @@ public:
     connection(const connection&) = delete;
     connection& operator=(const connection&) = delete;
 
-    // input: connected. stopped: the operator stopped it. time: there is no connection, error says why.
-    wake open(std::string& error);
+    // error says why it failed; it is left alone otherwise.
+    opened open(std::string& error);
     void close();
     bool is_open() const { return fd_ >= 0; }
     int fd() const { return fd_; }
 
-    // Sends one request line; CR is added. false when the connection is gone.
-    bool send_line(std::string_view line);
+    // Sends one request line; CR is added. What cannot be sent within 10 s has failed, and error says why.
+    sent send_line(std::string_view line, std::string& error);
 
     // Seconds of silence before giving up, from now on; 0: none.
     void set_timeout(unsigned seconds) { where_.timeout = seconds; }
@@ -49,7 +51,8 @@ public:
     std::string_view receive();
 
 private:
-    wake connect_to(const void* address, unsigned length, std::string& error);
+    opened connect_to(const void* address, unsigned length, std::string& error);
+    opened finish_connecting(int& problem);
     wake wait_for(short events, unsigned seconds);
 
     endpoint where_;

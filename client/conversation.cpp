@@ -7,7 +7,7 @@ namespace client {
 
 namespace {
 
-constexpr unsigned live_timeout = 10;  // seconds
+constexpr unsigned answer_timeout = 10;  // seconds, for an answer that waits for no module
 
 void discard(std::string_view) {}
 
@@ -17,6 +17,12 @@ conversation::conversation(const settings& chosen, signal_watch* signals)
     : settings_(chosen), link_(chosen.where, signals), password_(chosen.password_file) {}
 
 answer_end conversation::run(const std::vector<std::string>& words, const sink& output) {
+    std::string line;
+    answer_end end;
+    if (!join_words(words, line, end.reason)) {
+        end.how = ending::invalid;
+        return end;
+    }
     if (late_) {
         // Requests are answered in turn, so the answer given up earlier comes first.
         const bool stopped = receive(*late_, discard).how == ending::interrupted;
@@ -26,8 +32,7 @@ answer_end conversation::run(const std::vector<std::string>& words, const sink& 
             return {ending::interrupted};
         }
     }
-    answer_end end = connect();
-    if (end.how == ending::over) {
+    if (connect(end)) {
         end = ask(words, output);
     }
     if (end.how == ending::busy) {
@@ -40,34 +45,39 @@ answer_end conversation::run(const std::vector<std::string>& words, const sink& 
     return end;
 }
 
-answer_end conversation::connect() {
+bool conversation::connect(answer_end& problem) {
     if (link_.is_open()) {
-        return {ending::over};
+        return true;
     }
     unread_.clear();
-    answer_end end;
-    const wake woken = link_.open(end.reason);
-    if (woken != wake::input) {
-        end.how = woken == wake::stopped ? ending::interrupted : ending::closed;
-        return end;
+    served_ = false;
+    const opened result = link_.open(problem.reason);
+    if (result == opened::connected) {
+        return settings_.user.empty() || greet(problem);
     }
-    // Whether the scheduler has a module for the greeting does not matter here; whether it lets us in does.
-    if (!settings_.user.empty()) {
-        end = ask({"hello", settings_.user}, discard);
+    problem.how = result == opened::stopped ? ending::interrupted : ending::closed;
+    return false;
+}
+
+// Whether the scheduler has a module for the greeting does not matter here; whether it lets us in does. The
+// greeting may wait long for other modules, so a stalled scheduler is found by a word that is answered at once.
+bool conversation::greet(answer_end& problem) {
+    const std::vector<std::string> both[] = {{"show"}, {"hello", settings_.user}};
+    for (const std::vector<std::string>& words : both) {
+        problem = ask(words, discard);
+        late_.reset();  // a connection without its greeting is not kept
+        if (problem.how == ending::login_refused || problem.how == ending::interrupted ||
+            problem.how == ending::invalid || !link_.is_open()) {
+            link_.close();
+            return false;
+        }
     }
-    if (end.how != ending::login_refused && end.how != ending::interrupted && link_.is_open()) {
-        end = {ending::over};
-    }
-    return end;
+    return true;
 }
 
 answer_end conversation::ask(const std::vector<std::string>& words, const sink& output) {
     answer_end end = exchange(words, output);
-    if (end.how != ending::unauth) {
-        return end;
-    }
-    end = log_in(end);
-    if (end.how == ending::over) {
+    if (end.how == ending::unauth && log_in(end, end)) {
         end = exchange(words, output);
     }
     if (end.how == ending::unauth) {
@@ -76,43 +86,52 @@ answer_end conversation::ask(const std::vector<std::string>& words, const sink& 
     return end;
 }
 
-answer_end conversation::log_in(const answer_end& challenge) {
+bool conversation::log_in(const answer_end& challenge, answer_end& problem) {
     answer_end refused{ending::login_refused};
     const std::string line = password_.answer(challenge, settings_.where.host, refused.reason);
     if (line.empty()) {
-        return refused;
+        problem = refused;
+        return false;
     }
-    answer_end end = exchange_line(line, discard);
-    if (end.how == ending::unsupported) {
-        refused.reason = "the scheduler does not know the login command";
-    } else if (end.how == ending::over && end.code != 0) {
-        refused.reason = "wrong password";
-    } else {
-        return end;
+    limit_wait("login");
+    const answer_end end = exchange_line(line, discard);
+    if (end.how == ending::over && end.code == 0) {
+        return true;
     }
-    password_.forget();
-    return refused;
+    problem = end;
+    if (end.how == ending::unsupported || end.how == ending::over) {
+        refused.reason =
+            end.how == ending::over ? "wrong password" : "the scheduler does not know the login command";
+        password_.forget();
+        problem = refused;
+    }
+    return false;
+}
+
+// Without a limit of the operator's own, only a module may be silent for long.
+void conversation::limit_wait(std::string_view word) {
+    if (settings_.where.timeout == 0) {
+        link_.set_timeout(is_answered_at_once(word) ? answer_timeout : 0);
+    }
 }
 
 answer_end conversation::exchange(const std::vector<std::string>& words, const sink& output) {
     std::string line;
     answer_end end;
     if (!join_words(words, line, end.reason)) {
+        end.how = ending::invalid;
         return end;
     }
+    limit_wait(words[0]);
     if (words.size() > 1 && words[0] == "ipset") {
         return exchange_ipset(line, output);
     }
     if (words[0] == "restart") {
         return exchange_restart(line, output);
     }
-    // `status` waits for no module, so a live view need not take long silence for calm; its greeting may wait.
-    if (settings_.watch && settings_.where.timeout == 0) {
-        link_.set_timeout(words[0] == "status" ? live_timeout : 0);
-    }
     answer_parser parser(line == "quit");
-    if (!link_.send_line(line)) {
-        return lost();
+    if (!send(line, end)) {
+        return end;
     }
     end = receive(parser, output);
     if (end.how == ending::interrupted) {
@@ -128,8 +147,8 @@ answer_end conversation::exchange_ipset(const std::string& line, const sink& out
     if (end.how != ending::over) {
         return end;
     }
-    if (!link_.send_line(line)) {
-        return lost();
+    if (!send(line, end)) {
+        return end;
     }
     end = exchange_line("", output);
     if (end.how == ending::over) {
@@ -150,7 +169,9 @@ answer_end conversation::exchange_restart(const std::string& line, const sink& o
     if (end.how != ending::unsupported) {
         return end;
     }
-    end = link_.send_line(line) ? exchange_line("", output) : lost();
+    if (send(line, end)) {
+        end = exchange_line("", output);
+    }
     if (end.how == ending::closed) {
         end.how = ending::over;
     }
@@ -160,7 +181,19 @@ answer_end conversation::exchange_restart(const std::string& line, const sink& o
 
 answer_end conversation::exchange_line(std::string_view line, const sink& output) {
     answer_parser parser;
-    return link_.send_line(line) ? receive(parser, output) : lost();
+    answer_end problem;
+    return send(line, problem) ? receive(parser, output) : problem;
+}
+
+bool conversation::send(std::string_view line, answer_end& problem) {
+    answer_end unsent{ending::unsent};
+    const sent result = link_.send_line(line, unsent.reason);
+    if (result == sent::whole) {
+        return true;
+    }
+    problem = result == sent::closed ? lost() : unsent;
+    link_.close();
+    return false;
 }
 
 answer_end conversation::receive(answer_parser& parser, const sink& output) {
@@ -175,16 +208,17 @@ answer_end conversation::receive(answer_parser& parser, const sink& output) {
             break;
         }
         const wake woken = link_.wait();
-        if (woken == wake::time) {
+        if (woken == wake::silent) {
             link_.close();
         }
-        if (woken != wake::input) {
-            return {woken == wake::time ? ending::silent : ending::interrupted};
+        if (woken != wake::ready) {
+            return {woken == wake::silent ? ending::silent : ending::interrupted};
         }
         unread_ = link_.receive();
         if (unread_.empty()) {
             return lost();
         }
+        served_ = true;
     }
     if (parser.end().how == ending::goodbye) {
         link_.close();
@@ -194,7 +228,10 @@ answer_end conversation::receive(answer_parser& parser, const sink& output) {
 
 answer_end conversation::lost() {
     link_.close();
-    return {ending::closed, "the scheduler closed it"};
+    return {ending::closed, served_
+                                ? "the scheduler closed it"
+                                : "the scheduler closed it at once: its table of connections may be full, or "
+                                  "this address is not allowed"};
 }
 
 std::string conversation::absorb() {

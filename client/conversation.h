@@ -25,7 +25,7 @@ public:
     conversation(const settings& chosen, signal_watch* signals);
 
     // Runs one command: connects when there is no connection, logs in when the scheduler wants it and then
-    // sends the command once more. Words that cannot be sent end with `closed` and nothing sent.
+    // sends the command once more.
     answer_end run(const std::vector<std::string>& words, const sink& output);
 
     // The connection's descriptor, -1 without one: worth watching while no command runs.
@@ -39,9 +39,12 @@ public:
     std::string absorb();
 
 private:
-    answer_end connect();
+    bool connect(answer_end& problem);
+    bool greet(answer_end& problem);
     answer_end ask(const std::vector<std::string>& words, const sink& output);
-    answer_end log_in(const answer_end& challenge);
+    bool log_in(const answer_end& challenge, answer_end& problem);
+    bool send(std::string_view line, answer_end& problem);
+    void limit_wait(std::string_view word);
     answer_end exchange(const std::vector<std::string>& words, const sink& output);
     answer_end exchange_ipset(const std::string& line, const sink& output);
     answer_end exchange_restart(const std::string& line, const sink& output);
@@ -53,7 +56,8 @@ private:
     connection link_;
     password_source password_;
     std::optional<answer_parser> late_;
-    std::string unread_;  // bytes that came after the end of an answer
+    std::string unread_;   // bytes that came after the end of an answer
+    bool served_ = false;  // the scheduler has sent something on this connection
 };
 
 }  // namespace client

@@ -43,7 +43,7 @@ int begin_connection(int fd, in_addr address, std::uint16_t port, const std::str
 void host_link::ask(const std::vector<std::string>& words) {
     const bool is_open = state_ == state::idle;
     talk_.emplace(words, is_open ? "" : settings_.user, where_.name, password_);
-    daemon_answers_ = is_answered_by_scheduler(words);
+    daemon_answers_ = is_answered_at_once(words[0]);
     requests_.clear();
     end_.reset();
     next_address_ = 0;

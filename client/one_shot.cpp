@@ -4,7 +4,6 @@
 #include "json.h"
 #include "options.h"
 #include "text.h"
-#include "words.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -30,11 +29,6 @@ void print(std::string_view text) {
 }  // namespace
 
 int run_one_shot(const settings& chosen) {
-    std::string line;
-    std::string problem;
-    if (!join_words(chosen.words, line, problem)) {
-        return fail(problem);
-    }
     const json_writer convert = chosen.json ? json_writer_of(chosen.words) : nullptr;
     if (chosen.json && convert == nullptr) {
         return fail(std::string("--json is for ") + json_commands);

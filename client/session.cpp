@@ -93,10 +93,8 @@ answer_end session::run(const word_list& words) {
 // false when the session is over.
 bool session::run_line(const std::string& line) {
     word_list words;
-    std::string joined;
-    std::string problem = "a quote is not closed";
-    if (!split_words(line, words) || (!words.empty() && !join_words(words, joined, problem))) {
-        std::fprintf(stderr, "schedctl: %s\n", problem.c_str());
+    if (!split_words(line, words)) {
+        std::fputs("schedctl: a quote is not closed\n", stderr);
         exit_code_ = exit_usage;
         return true;
     }
@@ -115,8 +113,8 @@ void session::load_modules() {
     printable_text filter;
     const auto collect = [&](std::string_view text) { listing += filter.clean(text); };
     const answer_end end = talk_.run({"modcntl"}, collect);
-    if (end.how == ending::closed || end.how == ending::login_refused) {
-        std::printf("[%s]\n", describe(end).c_str());
+    if (end.how != ending::over && end.how != ending::unsupported) {
+        std::printf("[no completion of module names: %s]\n", describe(end).c_str());
     }
     word_list fields;
     for (std::size_t at = 0, eol = 0; (eol = listing.find('\n', at)) != std::string::npos; at = eol + 1) {

@@ -88,7 +88,7 @@ bool watch::look(answer_end& end) {
         take(parse_status(text));
         return true;
     }
-    const bool passing = end.how == ending::closed || end.how == ending::silent;
+    const bool passing = end.how == ending::closed || end.how == ending::unsent || end.how == ending::silent;
     if (!answered_ || !passing) {
         return false;
     }

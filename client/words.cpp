@@ -62,11 +62,4 @@ bool join_words(const std::vector<std::string>& words, std::string& line, std::s
     return problem.empty();
 }
 
-bool is_answered_by_scheduler(const std::vector<std::string>& words) {
-    // Not "hello": a module greets.
-    constexpr const char* own_words[] = {"status", "modcntl", "debug", "quit", "restart",  "lock",    "unlock",
-                                         "show",   "login",   "ipset", "send", "res_data", "res_send"};
-    return std::find(std::begin(own_words), std::end(own_words), words[0]) != std::end(own_words);
-}
-
 }  // namespace client

@@ -35,7 +35,4 @@ bool split_words(std::string_view line, std::vector<std::string>& words);
 // answered; problem says why.
 bool join_words(const std::vector<std::string>& words, std::string& line, std::string& problem);
 
-// The scheduler answers this command itself, without waiting for a module.
-bool is_answered_by_scheduler(const std::vector<std::string>& words);
-
 }  // namespace client

@@ -61,6 +61,11 @@ public:
         EXPECT_EQ(ioctl(fd_, TIOCSWINSZ, &size), 0);
     }
 
+    bool shows(const std::string& text) {
+        read_more();
+        return shown_.find(text) != std::string::npos;
+    }
+
     // Waits for the text and returns what was shown up to and with it; at the end of the program all of the rest.
     std::string expect(const std::string& text) {
         std::size_t at = std::string::npos;
@@ -197,6 +202,33 @@ TEST_F(ClientTerminal, InterruptedWait) {
     suite.start();
     screen.type("status\n");
     screen.expect("confdate");
+}
+
+// The scheduler is stopped, so connections are made and nothing answers.
+TEST_F(ClientTerminal, StalledScheduler) {
+    const pid_t frozen = suite.scheduler();
+    kill(frozen, SIGSTOP);
+    const auto start = std::chrono::steady_clock::now();
+    Terminal status(suite, {SCHEDCTL_BINARY, "status"});
+    Terminal session(suite, {SCHEDCTL_BINARY, "-u", "otto"});
+    session.expect("no completion of module names: no answer in time");
+    session.expect(prompt);
+    EXPECT_EQ(status.wait_exit(), 206);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 10s);
+    kill(frozen, SIGCONT);
+    session.type("quit\n");
+    EXPECT_EQ(session.wait_exit(), 0);
+
+    // Signals that come all the time do not prolong a time-out.
+    Terminal resized(suite, {SCHEDCTL_BINARY, "-t", "2"});
+    resized.expect(prompt);
+    resized.type("odd wait " + suite.path("never") + "\n");
+    resized.expect("begin\r\n");
+    unsigned short rows = 20;
+    EXPECT_TRUE(wait_until([&] {
+        resized.resize(rows = rows == 20 ? 21 : 20, 70);
+        return resized.shows("[no answer in time]");
+    }));
 }
 
 TEST_F(ClientTerminal, Login) {
