@@ -14,9 +14,6 @@ int mod_max = 0;
 
 namespace {
 
-constexpr std::size_t line_size = 511;  // a longer line is read on as a line of its own
-static_assert(line_size <= module_text_size, "a field of a line always fits its text");
-
 module_entry* find_module(const char* word) {
     for (int i = 0; i < mod_max; ++i) {
         if (std::strcmp(mod[i].name, word) == 0) {
@@ -55,7 +52,7 @@ bool parse_entry(const char* line, int number) {
 
 int parse_list(std::FILE* file) {
     int count = 0;
-    char line[line_size];
+    char line[module_line_size];
     while (std::fgets(line, sizeof line, file) != nullptr) {
         if (line[0] < 'a' || line[0] > 'z') {
             continue;

@@ -8,6 +8,9 @@
 
 constexpr int module_max = 100;                // entries
 constexpr std::size_t module_text_size = 512;  // bytes of a text field, its NUL included
+constexpr std::size_t module_line_size =
+    511;  // the same of a line; a longer one is read on as a further line
+static_assert(module_line_size <= module_text_size, "a field of a line always fits its text");
 
 struct module_entry {
     char name[module_text_size];       // command word

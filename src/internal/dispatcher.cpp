@@ -36,17 +36,29 @@ constexpr internal_command commands[] = {
     {"res_send", do_send_resource},
 };
 
+const internal_command* find_command(const char* word) {
+    for (const internal_command& command : commands) {
+        if (std::strcmp(word, command.word) == 0) {
+            return &command;
+        }
+    }
+    return nullptr;
+}
+
 }  // namespace
+
+bool is_answered(const char* word) {
+    return find_command(word) != nullptr;
+}
 
 void do_internal(hmistruc& hmi, char* line) {
     int argc = 0;
     char* argv[vector_size];
     split_to_token(line, argc, argv);
-    for (const internal_command& command : commands) {
-        if (std::strcmp(argv[0], command.word) == 0) {
-            command.handler(hmi, argc, argv);
-            return;
-        }
+    const internal_command* command = find_command(argv[0]);
+    if (command == nullptr) {
+        reply_text(hmi.soc, unsupported_line);
+        return;
     }
-    reply_text(hmi.soc, unsupported_line);
+    command->handler(hmi, argc, argv);
 }

@@ -16,8 +16,6 @@
 
 namespace {
 
-constexpr std::size_t line_size = 512;  // a longer line is read on as a further line
-
 // The table in force, replaced whole. Innermost lock: held only while the table is copied.
 constinit posix_mutex jobs_lock;
 job_table jobs GUARDED_BY(jobs_lock);
@@ -71,7 +69,7 @@ bool parse_job(const char* line, job_record& record) {
 // Reads all lines into next_jobs.
 void parse_jobs(std::FILE* file) {
     lineno = 0;
-    char line[line_size];
+    char line[job_line_size];
     while (std::fgets(line, sizeof line, file) != nullptr) {
         ++lineno;
         if (line[0] == '#') {

@@ -12,6 +12,7 @@ constexpr int mday_slots = 32;
 constexpr int month_slots = 13;
 constexpr int wday_slots = 7;
 constexpr std::size_t job_command_size = 300;  // bytes of a command line, its NUL included
+constexpr std::size_t job_line_size = 512;  // the same of a line; a longer one is read on as a further line
 
 // One job. A slot is 1 when the job may run at that value.
 struct job_record {

@@ -10,7 +10,6 @@
 
 namespace {
 
-constexpr std::size_t line_size = 1023;  // a longer line goes on as a line of its own
 constexpr std::string_view separators = " =\t\n";
 
 // One buffer for each thread: HMI threads and the timer thread read the same file at the same moment.
@@ -34,7 +33,7 @@ bool split_pair(std::string_view line, std::string_view& key, std::string_view& 
 
 bool find_value(std::FILE* file, const char* section, const char* key) {
     bool inside = false;
-    char line[line_size];
+    char line[ini_line_size];
     while (std::fgets(line, sizeof line, file) != nullptr) {
         chomp(line);
         if (line[0] == '#' || line[0] == ';') {

@@ -4,6 +4,7 @@
 #include <cstddef>
 
 constexpr std::size_t ini_value_size = 1024;  // bytes of a value, its NUL included
+constexpr std::size_t ini_line_size = 1023;   // the same of a line; a longer one is read on as a further line
 
 // The value of key in section (header text with brackets, like "[sched]") of file, a name under VGD_config.
 // The first matching line wins; null when the file cannot be opened or holds no such key with a value.

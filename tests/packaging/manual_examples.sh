@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# manual_examples.sh SCHED SUITE PAGE...: what the manual pages show as files, events and conversations is what the
+# manual_examples.sh SCHED SCHEDCHECK SUITE PAGE...: what the manual pages show as files, events and conversations is what the
 # scheduler reads, does and answers. A display is marked by the comment before it: ".\" file: PATH", ".\" events",
 # ".\" event_log" or ".\" conversation"; <TAB> in it stands for a tab.
 set -euo pipefail
-sched=$1 suite=$2
-shift 2
+sched=$1 schedcheck=$2 suite=$3
+shift 3
 
 dir=$(mktemp -d) pid=
 trap '[ -z "$pid" ] || kill "$pid" 2>/dev/null || true; rm -rf "$dir"' EXIT
@@ -57,6 +57,7 @@ grep -qE 'modules:read done\. '"$(grep -c '^[a-z]' config/vgd_modules)"' entries
 [ "$(grep -c 'timer:job=' trace)" -eq "$(grep -vc '^#' config/timer_jobs)" ] || fail 'timer jobs'
 grep -q 'need auth hash' trace || fail 'password file'
 ! grep -E 'Warning:modules|Error:timer' trace || fail 'a line that is shown was not understood'
+"$schedcheck" || fail 'schedcheck finds fault with a file that is shown'
 
 # Events, before anybody is connected; then the conversations, on one connection as long as it lasts.
 displays events >pipe

@@ -1,0 +1,44 @@
+#include "password_check.h"
+
+#include "comm/login.h"
+#include "lines.h"
+#include "trace_capture.h"
+#include "util/text.h"
+
+#include <sstream>
+
+namespace check {
+
+namespace {
+
+constexpr std::size_t read_at_once = 127;    // bytes of the file that the daemon looks at
+constexpr std::size_t line_size = 1U << 20;  // the daemon reads no lines here: nearly any length is one piece
+
+}  // namespace
+
+void check_password(report& to) {
+    const std::string file = std::string(environment("VGD_data")) + "/password";
+    std::size_t size = 0;
+    std::size_t words = 0;
+    int ignored = 0;  // first line with text that is not read
+    const auto judge = [&](const line_piece& line) {
+        size += line.text.size();
+        std::istringstream text(line.text);
+        std::string word;
+        while (text >> word) {
+            ++words;
+            ignored = ignored == 0 && (words > 2 || size > read_at_once) ? line.number : ignored;
+        }
+    };
+    if (!judge_lines(file, line_size, absence::allowed, to, judge)) {
+        return;
+    }
+    read_password_file();
+    if (take_trace().find("Error:invalid password file format") != std::string::npos) {
+        to.add(file, 1, "not a hash of 64 characters and a salt of 8 characters: nobody needs to log in");
+    } else if (ignored != 0) {
+        to.add(file, ignored, "what follows the hash and the salt is ignored");
+    }
+}
+
+}  // namespace check
