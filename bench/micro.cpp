@@ -1,6 +1,6 @@
 // The hot routines by themselves: what one call costs.
-#include "comm/connection.h"
 #include "comm/hmi_table.h"
+#include "comm/line_reader.h"
 #include "sched/sched_status.h"
 #include "sha256/sha256.h"
 #include "timer/job_table.h"
@@ -71,10 +71,11 @@ void read_request(benchmark::State& state) {
     }
     const std::string line(static_cast<std::size_t>(state.range(0)), 'x');
     const std::string request = line + "\r\n";
-    static char text[16384];
+    static char text[line_max];
+    line_reader reader(ends[1]);
     for (auto _ : state) {
         if (write(ends[0], request.data(), request.size()) != static_cast<ssize_t>(request.size()) ||
-            read_line(ends[1], text, sizeof text) != static_cast<int>(line.size())) {
+            reader.read_line(text, sizeof text) != static_cast<int>(line.size())) {
             state.SkipWithError("read_line");
         }
     }

@@ -1,5 +1,6 @@
 #include "comm/connection.h"
 
+#include "comm/disconnect.h"
 #include "comm/login.h"
 #include "comm/reply.h"
 #include "command/dispatch.h"
@@ -16,8 +17,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <sys/socket.h>
-#include <unistd.h>
 
 static_assert(line_max == command_line_size, "what a connection reads, the dispatch takes whole");
 
@@ -34,44 +33,52 @@ void refuse_overflow(const hmistruc& hmi, const char* line) {
     reply_text(hmi.soc, busy_line);
 }
 
-void ask_for_login(const hmistruc& hmi, const char* line) {
-    reply(hmi.soc, unauth_format, hmi.nonce, st->auth_salt);
+// False when the client is gone.
+bool ask_for_login(const hmistruc& hmi, const char* line) {
+    const bool asked = reply(hmi.soc, unauth_format, hmi.nonce, st->auth_salt);
     trprintf("auth required (command=%s, hmi=%s)\n", line, hmi.remote);
+    return asked;
 }
 
 void run_line(hmistruc& hmi, char* line) {
+    char name[line_max];
+    get_first_token(line, name);
+    const bool external = is_external(name) != 0;
+    if (!external && is_internal(name) == 0) {
+        trprintf("Warning:comm:unsupported(\"%s\")\n", line);
+        reply_text(hmi.soc, unsupported_line);
+        return;
+    }
     if (const int count = count_arguments(line); count > argument_max) {
         trprintf("Warning:comm:too many fields (%d, max=%d) from hmi(%s)\n", count, argument_max, hmi.remote);
         reply_text(hmi.soc, unsupported_line);
         return;
     }
-    char name[line_max];
-    get_first_token(line, name);
-    if (is_external(name) != 0) {
+    if (external) {
         do_command(&hmi, line, 0);
         do_cont_command(line);
-    } else if (is_internal(name) != 0) {
-        if (st->debug != 0) {
-            trprintf("Info:internal:\"%s\"\n", line);
-        }
-        do_internal(hmi, line);
-    } else {
-        trprintf("Warning:comm:unsupported(\"%s\")\n", line);
-        reply_text(hmi.soc, unsupported_line);
+        return;
     }
+    if (st->debug != 0) {
+        trprintf("Info:internal:\"%s\"\n", line);
+    }
+    do_internal(hmi, line);
 }
 
 void serve(hmistruc& hmi) {
+    line_reader reader(hmi.soc);
     char line[line_max];
     while (hmi.soc >= 0) {
-        const int length = read_line(hmi.soc, line, line_max);
+        const int length = reader.read_line(line, line_max);
         if (length < 0) {
             return;
         }
         if (length == line_max - 1) {
             refuse_overflow(hmi, line);
         } else if (!passes_login_gate(hmi, line)) {
-            ask_for_login(hmi, line);
+            if (!ask_for_login(hmi, line)) {
+                return;  // it cannot log in any more, so none of the lines that it sent would be carried out
+            }
         } else {
             run_line(hmi, line);
         }
@@ -82,8 +89,7 @@ void end_connection(hmistruc& hmi) {
     trprintf("hmi(%s) is gone.\n", hmi.remote);
     if (hmi.soc >= 0) {
         shutdown_connection(hmi.soc);
-        close(hmi.soc);
-        hmi.soc = -1;
+        close_connection(hmi.soc);
     }
     if (hmi.locked != 0) {
         release_operator_lock();
@@ -106,30 +112,6 @@ void confirm_cleared(status_mark& mark, const char* command) {
 
 }  // namespace
 
-int read_line(int fd, char* buf, int size) {
-    int stored = 0;
-    bool ended = false;
-    while (stored < size - 1) {
-        char byte = '\0';
-        const ssize_t got = read(fd, &byte, 1);
-        if (got < 0 && errno == EINTR) {
-            continue;
-        }
-        if (got != 1) {
-            break;
-        }
-        if (byte == '\r') {
-            ended = true;
-            break;
-        }
-        if (byte != '\0' && byte != '\n') {
-            buf[stored++] = byte;
-        }
-    }
-    buf[stored] = '\0';
-    return ended || stored > 0 ? stored : -1;
-}
-
 void get_first_token(const char* line, char (&name)[line_max]) {
     copy_text(name, {line, std::strcspn(line, "\t")});
 }
@@ -143,12 +125,6 @@ void do_cont_command(std::string_view line) {
     }
     if (line.starts_with("qmx\tsyslog\tenable") || line.starts_with("qmx\tsyslog\tdisable")) {
         syslog_enable_check();
-    }
-}
-
-void shutdown_connection(int soc) {
-    if (const int result = shutdown(soc, SHUT_RDWR); result != 0) {
-        trprintf("Error:comm:shutdown = %d (errno %d)\n", result, errno);
     }
 }
 

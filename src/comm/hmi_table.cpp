@@ -28,6 +28,16 @@ void reset_entry(hmistruc& entry) REQUIRES(st->hmistruc_lock) {
     entry.resource_fd = -1;
 }
 
+void move_ring(hmistruc& from, hmistruc& to) REQUIRES(st->hmistruc_lock) {
+    std::memcpy(to.queue, from.queue, ring_slots * sizeof(message_slot));
+    to.out = from.out;
+    to.in = from.in;
+    to.lost = from.lost;
+    from.in = 0;
+    from.out = 0;
+    from.lost = 0;
+}
+
 }  // namespace
 
 int hmistruc_setup(hmistruc& entry) {
@@ -72,6 +82,14 @@ int hmistruc_put(hmistruc& entry) {
     return 0;
 }
 
+void hmistruc_put_unserved(hmistruc& entry) {
+    const mutex_guard guard(st->hmistruc_lock);
+    entry.flag = 0;
+    if (active_hmi_is_only(-1) != 0) {
+        move_ring(entry, *st->dummy_hmi);  // empty: while an entry is in use nothing is put there
+    }
+}
+
 int active_hmi_is_only(int index) {
     for (int i = 0; i < hmi_max; ++i) {
         if (i != index && st->hmi[i].flag != 0) {
@@ -82,14 +100,7 @@ int active_hmi_is_only(int index) {
 }
 
 void copy_from_dummy_hmi(hmistruc& entry) {
-    hmistruc& dummy = *st->dummy_hmi;
-    std::memcpy(entry.queue, dummy.queue, ring_slots * sizeof(message_slot));
-    entry.out = dummy.out;
-    entry.in = dummy.in;
-    entry.lost = dummy.lost;
-    dummy.in = 0;
-    dummy.out = 0;
-    dummy.lost = 0;
+    move_ring(*st->dummy_hmi, entry);
     trprintf("event:extract from dummy out=%d in=%d lost=%d\n", entry.out, entry.in, entry.lost);
 }
 

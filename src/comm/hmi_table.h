@@ -66,6 +66,10 @@ hmistruc* hmistruc_get();
 // Gives an entry back. Takes hmistruc_lock. Returns 0.
 int hmistruc_put(hmistruc& entry);
 
+// Gives back an entry whose connection could not be served. When no other is in use, its messages wait in the dummy's
+// ring again, in their order, those included that came meanwhile. Takes hmistruc_lock. Main thread only.
+void hmistruc_put_unserved(hmistruc& entry);
+
 // Puts a text, cut at 1023 characters, into one ring; a full ring counts it as lost instead.
 void hmistruc_enqueue(hmistruc& entry, std::string_view text) REQUIRES(st->hmistruc_lock);
 

@@ -2,6 +2,7 @@
 
 #include "comm/address_restriction.h"
 #include "comm/connection.h"
+#include "comm/disconnect.h"
 #include "comm/reply.h"
 #include "sched/vgd_end.h"
 #include "trace/trace.h"
@@ -72,11 +73,10 @@ void* hmi_thread(void* entry) {
 // remote is passed along because the thread may already change the entry's.
 void start_hmi_thread(hmistruc& entry, const char* remote) {
     pthread_t thread{};
-    const int soc = entry.soc;
     if (const int result = pthread_create(&thread, nullptr, hmi_thread, &entry); result != 0) {
         trprintf("Error:comm:thread create fails.(%d) errno=%d\n", result, errno);
-        hmistruc_put(entry);
-        refuse_connection(soc);
+        refuse_connection(entry.soc);
+        hmistruc_put_unserved(entry);
         return;
     }
     const auto tid = static_cast<std::uint32_t>(thread);
@@ -115,7 +115,7 @@ void arrive_new_hmi(int soc, const sockaddr_in& peer) {
     if (entry == nullptr) {
         trprintf("Error:comm:no resource for hmi(%s)\n", remote);
         shutdown_connection(soc);
-        drain_and_close(soc);
+        close_connection(soc);
         return;
     }
     // An answer is written line by line; without this every second line would wait for a delayed acknowledgement.

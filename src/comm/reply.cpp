@@ -1,64 +1,81 @@
 #include "comm/reply.h"
 
-#include "util/clock.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-void reply_text(int soc, std::string_view text) {
-    [[maybe_unused]] const ssize_t written = write(soc, text.data(), text.size());
+namespace {
+
+// False, with ETIMEDOUT, when end has passed.
+bool becomes_writable(const deadline& end, int soc) {
+    pollfd writable{soc, POLLOUT, 0};
+    const int left = end.left_ms();
+    if (left == 0) {
+        errno = ETIMEDOUT;
+        return false;
+    }
+    return poll(&writable, 1, left) >= 0 || errno == EINTR;
 }
 
-void reply(int soc, const char* format, ...) {
+}  // namespace
+
+bool reply_text(int soc, std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t written = write(soc, text.data(), text.size());
+        if (written >= 0) {
+            text.remove_prefix(static_cast<std::size_t>(written));  // stopped and continued, it returns early
+        } else if (errno != EINTR) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool reply(int soc, const char* format, ...) {
     char buffer[reply_size];
     va_list arguments;
     va_start(arguments, format);
     const int wanted = std::vsnprintf(buffer, sizeof buffer, format, arguments);
     va_end(arguments);
-    if (wanted > 0) {
-        reply_text(soc, {buffer, std::min(static_cast<std::size_t>(wanted), sizeof buffer - 1)});
-    }
+    const int length = std::clamp(wanted, 0, static_cast<int>(sizeof buffer) - 1);
+    return reply_text(soc, {buffer, static_cast<std::size_t>(length)});
 }
 
 void reply_over(int soc, int code, int signal) {
     reply(soc, over_format, code, signal);
 }
 
-void reply_within(int soc, std::string_view text, std::int64_t& patience) {
-    const std::int64_t deadline = monotonic_ms() + patience;
+gathered_answer::gathered_answer(int soc) : soc_(soc) {
+    const int on = 1;
+    setsockopt(soc_, IPPROTO_TCP, TCP_CORK, &on, sizeof on);
+}
+
+gathered_answer::~gathered_answer() {
+    const int off = 0;
+    setsockopt(soc_, IPPROTO_TCP, TCP_CORK, &off, sizeof off);
+}
+
+bool write_until(const deadline& end, int soc, std::string_view text) {
     while (!text.empty()) {
         const ssize_t sent = send(soc, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
         if (sent >= 0) {
             text.remove_prefix(static_cast<std::size_t>(sent));
-            continue;
-        }
-        if (errno != EAGAIN && errno != EINTR) {
-            return;
-        }
-        pollfd room{soc, POLLOUT, 0};
-        if (patience == 0 || poll(&room, 1, static_cast<int>(patience)) < 0) {
-            patience = 0;
+        } else if (errno != EINTR && (errno != EAGAIN || !becomes_writable(end, soc))) {
+            const int error = errno;
             shutdown(soc, SHUT_RDWR);
-            return;
+            errno = error;
+            return false;
         }
-        patience = std::max<std::int64_t>(deadline - monotonic_ms(), 0);
     }
+    return true;
 }
 
-void drain_and_close(int soc) {
-    constexpr int rounds = 64;  // a peer that sends faster than we discard is not waited for
-    char discarded[4096];
-    for (int i = 0; i < rounds && recv(soc, discarded, sizeof discarded, MSG_DONTWAIT) > 0; ++i) {
-    }
-    close(soc);
-}
-
-void refuse_connection(int soc) {
-    shutdown(soc, SHUT_RDWR);
-    drain_and_close(soc);
+void reply_in_time(int soc, std::string_view text) {
+    static_cast<void>(write_until(deadline(reply_patience_ms), soc, text));
 }

@@ -33,8 +33,7 @@ cmdq_entry cmdq[cmdq_slots] GUARDED_BY(queue_lock);
 // com_lock is held here, so a peer that does not read is not waited for longer than a moment.
 void refuse(const hmistruc* hmi, std::string_view answer) {
     if (hmi != nullptr) {
-        std::int64_t patience = reply_patience_ms;
-        reply_within(hmi->soc, answer, patience);
+        reply_in_time(hmi->soc, answer);
     }
 }
 

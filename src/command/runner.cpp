@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <string_view>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -95,10 +96,17 @@ std::size_t to_crlf(const char* from, std::size_t n, char* to) {
 void send_chunk(relay& to, const char* data, std::size_t n) {
     char converted[2 * chunk_size];
     to.ends_with_lf = data[n - 1] == '\n';
-    if (write(to.soc, converted, to_crlf(data, n, converted)) < 0) {
-        trprintf("Error:write to socket failed.(errno=%d)\n", errno);
-        to.hmi_error = true;
-    }
+    std::string_view rest(converted, to_crlf(data, n, converted));
+    // A write that waits ends early when the process is stopped and continued; only the alarm's end is final.
+    do {
+        const ssize_t written = write(to.soc, rest.data(), rest.size());
+        if (written >= 0) {
+            rest.remove_prefix(static_cast<std::size_t>(written));
+        } else if (errno != EINTR || timeout_flag != 0) {
+            trprintf("Error:write to socket failed.(errno=%d)\n", errno);
+            to.hmi_error = true;
+        }
+    } while (!rest.empty() && timeout_flag == 0 && !to.hmi_error);
 }
 
 void store_chunk(relay& to, const char* data, std::size_t n) {
@@ -143,16 +151,16 @@ void wait_for_stray_children() {
     }
 }
 
-// The terminating line. patience is shared with the line end before it: a peer that has stopped reading costs the
-// next module run five seconds at most.
-void reply_end(int soc, int status, std::int64_t& patience) {
+// The terminating line. A peer that has stopped reading loses its connection at the first write that it delays too
+// long, so it holds up the next module run once at most.
+void reply_end(int soc, int status) {
     if (timeout_flag != 0) {
-        reply_within(soc, timeout_line, patience);
+        reply_in_time(soc, timeout_line);
         return;
     }
     char over[64];
     const std::size_t length = format_text(over, over_format, (status >> 8) & 0xff, status & 0xff);
-    reply_within(soc, {over, length}, patience);
+    reply_in_time(soc, {over, length});
 }
 
 }  // namespace
@@ -189,16 +197,15 @@ int start_command(const char* path, int soc, unsigned timeout, char* const argv[
                  static_cast<int>(timeout), pid, to.hmi_error ? 1 : 0);
         killpg(pid, SIGKILL);
     }
-    std::int64_t patience = reply_patience_ms;
     if (soc >= 0 && !to.hmi_error && !to.ends_with_lf) {
-        reply_within(soc, "\r\n", patience);
+        reply_in_time(soc, "\r\n");
     }
     const int status = wait_for_child(pid);
     output.reset();
     null.reset();
     wait_for_stray_children();
     if (soc >= 0) {
-        reply_end(soc, status, patience);
+        reply_end(soc, status);
     }
     return status;
 }

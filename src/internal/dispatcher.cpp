@@ -6,6 +6,7 @@
 #include "internal/debug_command.h"
 #include "internal/forwarding.h"
 #include "internal/operator_lock.h"
+#include "internal/resource_stream.h"
 #include "internal/show_command.h"
 #include "internal/simple_commands.h"
 #include "internal/status_command.h"

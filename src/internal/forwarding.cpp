@@ -1,6 +1,7 @@
 #include "internal/forwarding.h"
 
 #include "comm/address_restriction.h"
+#include "comm/disconnect.h"
 #include "comm/login.h"
 #include "comm/reply.h"
 #include "internal/datagram.h"
@@ -9,9 +10,16 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
+#include <cstring>
 #include <sys/socket.h>
 
 namespace {
+
+// Takes an address in any of the forms of inet_aton. That routine ignores text behind a blank, but modules would get
+// that text as part of their client's address.
+bool to_address(const char* text, in_addr& address) {
+    return std::strpbrk(text, " \f\v") == nullptr && inet_aton(text, &address) != 0;
+}
 
 // Failures of the ipset command that it answers; a restricted address is not among them.
 bool accept_ipset(const hmistruc& hmi, int argc, char* argv[], in_addr& address) {
@@ -24,7 +32,7 @@ bool accept_ipset(const hmistruc& hmi, int argc, char* argv[], in_addr& address)
         return false;
     }
     errno = 0;
-    if (inet_aton(argv[1], &address) == 0) {
+    if (!to_address(argv[1], address)) {
         trprintf("Error:inet_aton failed for \"%s\", errno=%d\n", argv[1], errno);
         return false;
     }
@@ -72,7 +80,6 @@ void do_ipset(hmistruc& hmi, int argc, char* argv[]) {
     if (check_ip_address_restriction(address.s_addr) != 0) {
         trprintf("Warning:ipset address is restricted.\n");
         refuse_connection(hmi.soc);
-        hmi.soc = -1;  // the number may belong to the next connection already
         return;
     }
     auth_check(hmi);

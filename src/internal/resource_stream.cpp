@@ -1,8 +1,8 @@
-// The commands res_data and res_send.
-#include "internal/forwarding.h"
+#include "internal/resource_stream.h"
 
 #include "comm/reply.h"
 #include "trace/trace.h"
+#include "util/clock.h"
 #include "util/text.h"
 #include "util/unique_fd.h"
 
@@ -11,9 +11,9 @@
 #include <cerrno>
 #include <cstring>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <string_view>
 #include <sys/socket.h>
-#include <sys/time.h>
 
 namespace {
 
@@ -22,12 +22,14 @@ constexpr std::size_t address_gap = 6;      // characters of the text it replace
 constexpr std::size_t first_line_min = 17;
 constexpr std::size_t printable_max = 63;  // characters of a text that the trace shows
 
-constexpr timeval receiver_patience{10, 0};  // seconds, for the connection and for each write
+constexpr std::int64_t receiver_patience_ms = 10'000;  // for the connection and for each write
 
-// The receiver's loss is not reported to anyone. One that takes no more is given up, so that no torn line follows.
+// A receiver that went away is reported to nobody. One that stops reading would hold this connection for ever; it is
+// given up, and the writes that follow fail at once.
 void put(int fd, std::string_view text) {
-    if (send(fd, text.data(), text.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(text.size())) {
-        shutdown(fd, SHUT_RDWR);
+    if (!write_until(deadline(receiver_patience_ms), fd, text) && errno == ETIMEDOUT) {
+        trprintf("Error:res_data:receiver does not read, stream given up after %d s\n",
+                 static_cast<int>(receiver_patience_ms / 1000));
     }
 }
 
@@ -44,8 +46,31 @@ void write_first_line(int fd, const hmistruc& hmi, std::string_view text) {
     put(fd, text.substr(address_offset + address_gap));
 }
 
-// Connects to the resource receiver. Returns the socket, or -1 with the reason traced. May take as long as a
-// silent host is waited for; no lock is held.
+// Waits until a connection that is being made is complete. Returns 0, or the error number of its failure.
+int wait_for_connection(int fd) {
+    const deadline end(receiver_patience_ms);
+    pollfd writable{fd, POLLOUT, 0};
+    int ready = 0;
+    do {
+        ready = poll(&writable, 1, end.left_ms());
+    } while (ready < 0 && errno == EINTR);
+    if (ready <= 0) {
+        return ready == 0 ? ETIMEDOUT : errno;
+    }
+    int error = 0;
+    socklen_t size = sizeof error;
+    return getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) == 0 ? error : errno;
+}
+
+// Returns 0 or an error number. The socket does not block, so that no signal can interrupt the connecting.
+int connect_in_time(int fd, const sockaddr_in& receiver) {
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&receiver), sizeof receiver) == 0) {
+        return 0;
+    }
+    return errno == EINPROGRESS || errno == EINTR ? wait_for_connection(fd) : errno;
+}
+
+// Connects to the resource receiver. Returns the socket, or -1 with the reason traced.
 int connect_to_receiver() {
     sockaddr_in receiver{};
     receiver.sin_family = AF_INET;
@@ -55,17 +80,14 @@ int connect_to_receiver() {
         return -1;
     }
     trprintf("res_data:connecting to %s:%d ...\n", st->udp_dest_addr, st->qmxut_port);
-    unique_fd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    unique_fd fd(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (!fd) {
         trprintf("Error:res_data:failed to create socket, errno=%d\n", errno);
         return -1;
     }
-    // A receiver that hangs must not keep the connection, and the operator lock it may hold, for ever.
-    setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &receiver_patience, sizeof receiver_patience);
     const int on = 1;  // a line is several small writes, none of which should wait for an acknowledgement
     setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    if (connect(fd.get(), reinterpret_cast<const sockaddr*>(&receiver), sizeof receiver) != 0) {
-        const int error = errno == EINPROGRESS ? ETIMEDOUT : errno;  // the former is how our patience ends
+    if (const int error = connect_in_time(fd.get(), receiver); error != 0) {
         trprintf("Error:res_data:connect error, errno=%d\n", error);
         return -1;
     }

@@ -1,5 +1,6 @@
 #include "internal/simple_commands.h"
 
+#include "comm/disconnect.h"
 #include "comm/reply.h"
 #include "command/dispatch.h"
 #include "command/module_table.h"
@@ -11,8 +12,7 @@
 void do_quit(hmistruc& hmi, int /*argc*/, char** /*argv*/) {
     reply_text(hmi.soc, good_bye_line);
     trprintf("close the HMI(%s) by quit command.\n", hmi.remote);
-    drain_and_close(hmi.soc);
-    hmi.soc = -1;  // the number may belong to the next connection already
+    close_connection(hmi.soc);
 }
 
 void do_hello(hmistruc& hmi, int argc, char* argv[]) {
@@ -26,7 +26,7 @@ void do_hello(hmistruc& hmi, int argc, char* argv[]) {
 void do_restart(hmistruc& hmi, int argc, char* argv[]) {
     if (argc > 1 && std::strcmp(argv[1], "sched") == 0) {
         trprintf("\"restart sched\" is issued by HMI(%s).\n", hmi.remote);
-        drain_and_close(hmi.soc);
+        close_connection(hmi.soc);
         exit_process(0);
     }
 }

@@ -35,6 +35,7 @@ void write_messages(hmistruc& hmi) {
 }  // namespace
 
 void do_status(hmistruc& hmi, int /*argc*/, char** /*argv*/) {
+    const gathered_answer answer(hmi.soc);
     write_row(hmi.soc, "confdate", st->confdate);
     for (const status_row& row : rows) {
         const status_mark& mark = st->*row.mark;

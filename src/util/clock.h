@@ -3,6 +3,7 @@
 
 #include "util/status_mark.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -14,6 +15,21 @@ std::time_t now_seconds();
 
 // The monotonic clock in milliseconds, for durations.
 std::int64_t monotonic_ms();
+
+// A moment by which a wait must end. Setting the wall clock does not move it.
+class deadline {
+public:
+    // ms: milliseconds from now.
+    explicit deadline(std::int64_t ms) : end_(monotonic_ms() + ms) {}
+
+    // Milliseconds left, 0 when it has passed: the time-out that poll takes.
+    [[nodiscard]] int left_ms() const {
+        return static_cast<int>(std::max<std::int64_t>(end_ - monotonic_ms(), 0));
+    }
+
+private:
+    std::int64_t end_;  // monotonic clock, milliseconds
+};
 
 // Breaks a moment down as local time; a moment that has no such form gives all zeros.
 std::tm local_time(std::time_t when);

@@ -2,7 +2,9 @@
 
 #include <array>
 #include <netinet/in.h>
+#include <signal.h>
 #include <sys/time.h>
+#include <thread>
 
 namespace e2e {
 
@@ -105,7 +107,44 @@ TEST(Forwarding, ResourceStream) {
                         "res_data(\"blanks ..\" len=9)\n", "Error:res_data:connect error, errno=111\n"});
 }
 
-TEST(Forwarding, AReceiverThatNeverAcceptsHoldsOnlyItsOwnConnection) {
+// Stops the process and lets it go on, which interrupts a system call that waits.
+static void interrupt(const Suite& suite) {
+    kill(suite.scheduler(), SIGSTOP);
+    std::this_thread::sleep_for(50ms);
+    kill(suite.scheduler(), SIGCONT);
+    std::this_thread::sleep_for(50ms);
+}
+
+TEST(Forwarding, AStreamThatWaitsSurvivesInterruptionsAndIsGivenUpInTheEnd) {
+    Suite suite;
+    const int port = free_port();
+    const unique_fd listener = listen_on(port);
+    suite.settings("qmxut_port = " + std::to_string(port));
+    suite.start();
+    const std::string text(16000, 'x');
+    const std::string given_up = "Error:res_data:receiver does not read, stream given up after 10 s\n";
+    for (const bool reads : {true, false}) {
+        Client client = suite.client();
+        EXPECT_EQ(client.ask("res_data\t0123456789abcdefX"), over);
+        Client receiver(listener);
+        std::thread sender([&] { client.send(repeated(1000, "res_data\t" + text + "\r") + "res_send\r"); });
+        std::string before = "another trace";
+        EXPECT_TRUE(wait_until([&] {  // the receiver's buffers are full
+            std::this_thread::sleep_for(200ms);
+            return std::exchange(before, suite.out()) == before;
+        }));
+        for (int i = 0; i < 3; i++) interrupt(suite);
+        if (!reads) suite.await_trace(given_up);
+        EXPECT_EQ(receiver.rest() == "0123456789127000000001     X\n" + repeated(1000, text + "\n"), reads);
+        sender.join();
+        for (int i = 0; i < 1001; i++) EXPECT_EQ(client.answer(), over);
+        const std::size_t first = suite.out().find(given_up);
+        EXPECT_EQ(first == std::string::npos, reads);
+        EXPECT_EQ(suite.out().find(given_up, first + 1), std::string::npos);
+    }
+}
+
+TEST(Forwarding, AReceiverThatDoesNotAcceptYetHoldsOnlyItsOwnConnection) {
     Suite suite;
     const int port = free_port();
     const unique_fd listener = listen_on(port, 0);
@@ -113,22 +152,31 @@ TEST(Forwarding, AReceiverThatNeverAcceptsHoldsOnlyItsOwnConnection) {
     suite.start();
     const Client fills_the_backlog(port);
     Client client = suite.client();
-    client.send("res_data\ta first line that goes nowhere\r");
+    client.send("res_data\ta first line that waits\r");
     suite.await_trace("res_data:connecting to ");
     EXPECT_EQ(suite.client().ask("parts\tstatus"), over);
+    interrupt(suite);
+    const Client takes_the_first(listener);
+    EXPECT_EQ(client.answer(), over);
 }
 
 TEST(Forwarding, Refusals) {
     Suite suite;
     suite.settings("udp_dest_addr = nonsense");
     suite.start();
-    for (const auto& [lines, traced] :
-         rows("ipset -> info:ipset \"-\"\n|ipset\t10.0.0.1\t -> info:ipset \"10.0.0.1\"\n|"
-              "ipset\t300.1.1.1 -> Error:inet_aton failed for \"300.1.1.1\", errno=|"
-              "ipset\t10.0.0.1\ripset\t10.0.0.2 -> Error:ipset already received\n|"
-              "ipset\t10.0.0.1\rsend\tx -> Error:udp_dest_addr(=\"nonsense\") failed to convert.\n|"
-              "res_data\tlong enough a line -> Error:res_data:ip_address(\"nonsense\") failed to "
-              "convert.\n")) {
+    const struct {
+        const char* lines;
+        const char* traced;
+    } cases[] = {
+        {"ipset", "info:ipset \"-\"\n"},
+        {"ipset\t10.0.0.1\t", "info:ipset \"10.0.0.1\"\n"},
+        {"ipset\t300.1.1.1", "Error:inet_aton failed for \"300.1.1.1\", errno="},
+        {"ipset\t10.1 $(id)", "Error:inet_aton failed for \"10.1 $(id)\", errno="},
+        {"ipset\t10.0.0.1\ripset\t10.0.0.2", "Error:ipset already received\n"},
+        {"ipset\t10.1\rsend\tx", "Error:udp_dest_addr(=\"nonsense\") failed to convert.\n"},
+        {"res_data\tlong enough a line", "Error:res_data:ip_address(\"nonsense\") failed to convert.\n"},
+    };
+    for (const auto& [lines, traced] : cases) {
         EXPECT_EQ(suite.client().ask(lines), refused) << lines;
         suite.await_trace(traced);
     }

@@ -65,6 +65,32 @@ void knock_at_once(Suite& suite) {
         EXPECT_EQ(i < 32 ? suite.status(clients[i]) : clients[i].rest(), i < 32 ? status_answer("") : "");
 }
 
+// What a client has left behind costs nobody a place for long: bytes without an end of line, and lines that are not
+// carried out since nobody has logged in.
+void flood_and_leave(Suite& suite) {
+    const auto threads = [&] { return of_process(suite.pid, "ls task | wc -l"); };
+    const std::string idle = threads();
+    std::vector<Client> clients = suite.thirty_two();
+    const std::string nuls(4 << 20, '\0');
+    for (const Client& client : clients) client.send(nuls);
+    clients.clear();
+    EXPECT_TRUE(wait_until([&] { return threads() == idle; }, 10s));
+    suite.client("127.0.0.2").send(std::string(1 << 20, '\r'));
+    EXPECT_TRUE(wait_until([&] { return threads() == idle; }, 10s));
+}
+
+// The process is stopped while it waits for the client, and continued: nothing is torn.
+void stop_and_continue(Suite& suite) {
+    Client client(suite.port, "127.0.0.1", 4096);
+    client.send("patient\r");
+    suite.await_trace("command:\"patient\" \n");
+    for (int i = 0; i < 10; i++) {
+        std::this_thread::sleep_for(50ms);
+        kill(suite.pid, i % 2 == 0 ? SIGSTOP : SIGCONT);
+    }
+    EXPECT_TRUE(client.answer() == std::string(8'000'000, 'x') + "\r\n" + over);
+}
+
 void reset_in_mid_command(Suite& suite) {
     for (int round = 0; round < 5; round++) {
         Client streaming = suite.client();
@@ -166,9 +192,14 @@ void refuse_processes(Suite& suite) {
     client.send("parts\tstatus\r");
     suite.await_trace("Error:command:fork fails (errno=11)\n");
     EXPECT_EQ(suite.status(client), status_answer(""));  // and nothing for what could not be started
+    EXPECT_EQ(client.ask("quit"), goodbye);
+    suite.await_trace(" is gone.\n");
+    suite.event("E0103:waits for somebody\n");
+    suite.await_events(1);
     EXPECT_EQ(suite.client().rest(), "");
     suite.await_trace("Error:comm:thread create fails.(11)");
     EXPECT_EQ(shell_as_somebody(limit + "500:"), "");
+    EXPECT_THAT(suite.status(client = suite.client()), HasSubstr("DATE;E0103:waits for somebody\r\n"));
 }
 
 void kill_supervisor(Suite& suite) {
@@ -192,6 +223,9 @@ const Fault faults[] = {
     {"ClientNeverReads", never_reads, "exec yes 'for ever and ever'"},
     {"ClientSendsOneByteASecond", sends_slowly},
     {"HundredClientsAtOnce", knock_at_once},
+    {"ClientsFloodAndLeave", flood_and_leave, "",
+     [](Suite& suite) { suite.write("data/password", std::string(64, 'h') + " saltSALT"); }},
+    {"StoppedAndContinuedInAWrite", stop_and_continue, "head -c 8000000 /dev/zero | tr '\\0' x"},
     {"ConnectionsResetInMidCommand", reset_in_mid_command, "sleep 0.2; exec yes 'for ever and ever'"},
     {"LogDirectoryGoesAndComesBack", lose_log_directory, "", nothing, traced_to_files},
     {"LogDiskIsFull", fill_log_disk, "", small_log_disk, traced_to_files},
