@@ -72,17 +72,18 @@ def measure(build_dir, *words):
     return json.loads(subprocess.run(command, stdout=subprocess.PIPE, check=True, timeout=300).stdout)
 
 
-def free_port():
+def free_port(address="127.0.0.1"):
     with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
+        probe.bind((address, 0))
         return probe.getsockname()[1]
 
 
 class Daemon:
     """A scheduler without supervisor in a scratch suite directory; both go away together."""
 
-    def __init__(self, build_dir, module, jobs="", prefix=(), descriptors=1024):
-        self.dir, self.port = Path(tempfile.mkdtemp(prefix="sched-bench-")), free_port()
+    def __init__(self, build_dir, module, jobs="", prefix=(), descriptors=1024, address="127.0.0.1"):
+        self.dir, self.address = Path(tempfile.mkdtemp(prefix="sched-bench-")), address
+        self.port = free_port(address)
         self.pipe, self.errors, self.pid = self.dir / "pipe", self.dir / "stderr", None
         env = dict(os.environ, VGD_PIPE=str(self.pipe))
         for name in ("bin", "config", "temp", "update", "data", "log"):
@@ -94,6 +95,7 @@ class Daemon:
         modules += [f"{word} - on 0\n" for word in INTERNAL.split()]
         (self.dir / "config/vgd_modules").write_text("".join(modules))
         (self.dir / "config/timer_jobs").write_text(jobs)
+        (self.dir / "config/common.ini").write_text(f"[sched]\nbound_ip_address = {address}\n")
         command = [*prefix, Path(build_dir) / "sched", "-d", "A", "-N", "0", "-p", str(self.port)]
         with self.errors.open("w") as errors:
             self.process = subprocess.Popen(command, env=env, cwd=self.dir, stdin=subprocess.DEVNULL,
@@ -111,7 +113,7 @@ class Daemon:
         if self.process.poll() is not None:
             raise RuntimeError(f"the daemon ended with {self.process.returncode}: {self.errors.read_text()}")
         with contextlib.suppress(OSError):
-            Hmi(self.port).close()
+            Hmi(self.port, address=self.address).close()
             return True
         return False
 
@@ -148,8 +150,8 @@ def status_field(path, field):
 class Hmi:
     """One connection. An answer is the list of its lines, the terminating one last."""
 
-    def __init__(self, port, timeout=120):
-        self.socket = socket.create_connection(("127.0.0.1", port), timeout)
+    def __init__(self, port, timeout=120, address="127.0.0.1"):
+        self.socket = socket.create_connection((address, port), timeout)
         self.reader = self.socket.makefile("rb", 262144)
 
     def close(self):

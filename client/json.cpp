@@ -100,4 +100,15 @@ json_writer json_writer_of(const std::vector<std::string>& words) {
     return nullptr;
 }
 
+std::string host_json(const std::string& host, const std::string& line, const std::string& error) {
+    json value{{"host", host}};
+    if (!error.empty()) {
+        value["error"] = error;
+    }
+    if (!line.empty()) {
+        value.update(json::parse(line));
+    }
+    return line_of(value);
+}
+
 }  // namespace client

@@ -65,9 +65,16 @@ std::string failure(const CLI::App* app, const CLI::Error& problem) {
 }
 
 void add_options(CLI::App& app, settings& chosen) {
-    app.add_option("-H,--host", chosen.where.host, "Host of the scheduler")
+    app.add_option("-H,--host", chosen.where.host,
+                   "Host of the scheduler, NAME[:PORT]; several with commas between")
         ->envname("SCHED_HOST")
         ->capture_default_str();
+    app.add_option("--hosts", chosen.hosts_file, "File with one host a line; - for standard input");
+    app.add_option("--parallel", chosen.parallel, "How many of several hosts are asked at once")
+        ->check(CLI::Range(1, 10000))
+        ->capture_default_str();
+    app.add_flag("--as-it-comes", chosen.as_it_comes,
+                 "Output of several hosts as it comes, not in their order");
     app.add_option("-p,--port", chosen.where.port, "TCP port")
         ->envname("SCHED_PORT")
         ->check(CLI::Range(1, 65535))
@@ -81,6 +88,30 @@ void add_options(CLI::App& app, settings& chosen) {
         ->check(CLI::ValidIPV4);
     app.add_option("--password-file", chosen.password_file, "File whose first line is the password");
     app.add_flag("--json", chosen.json, std::string("Answer of ") + json_commands + " as JSON");
+}
+
+// Fills in the hosts when they are several or come from a file; a single NAME:PORT is taken apart.
+void name_hosts(const CLI::App& app, settings& chosen) {
+    endpoint& where = chosen.where;
+    std::string problem;
+    if (!chosen.hosts_file.empty()) {
+        const char* usual = std::getenv("SCHED_HOST");
+        if (app.count("--host") != 0 && (usual == nullptr || where.host != usual)) {
+            throw CLI::ValidationError("--hosts", "takes the place of --host; give one of them");
+        }
+        if (!read_hosts(chosen.hosts_file, where.port, chosen.hosts, problem)) {
+            throw CLI::ValidationError("--hosts", problem);
+        }
+    } else if (!add_hosts(where.host, where.port, chosen.hosts, problem)) {
+        throw CLI::ValidationError("--host", problem);
+    } else if (chosen.hosts.size() == 1) {
+        where.host = chosen.hosts[0].name;
+        where.port = chosen.hosts[0].port;
+        chosen.hosts.clear();
+    }
+    if (!chosen.hosts.empty() && !chosen.watch && chosen.words.empty()) {
+        throw CLI::ValidationError("several hosts", "take a command or `watch`; a session is for one");
+    }
 }
 
 // CLI11 takes the arguments from the back of the list.
@@ -192,6 +223,7 @@ std::optional<int> parse_options(int argc, char** argv, settings& chosen) {
         if (mark != arguments.end()) {
             chosen.words.insert(chosen.words.end(), mark + 1, arguments.end());
         }
+        name_hosts(app, chosen);
         if (chosen.watch && !chosen.words.empty()) {
             throw CLI::ExtrasError(chosen.words);
         }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "connection.h"
+#include "host_list.h"
 
 #include <optional>
 #include <string>
@@ -11,8 +12,12 @@ namespace client {
 
 struct settings {
     endpoint where;
-    std::string user;           // sent with "hello"; empty: not sent
-    std::string password_file;  // empty: ask on the terminal
+    std::string hosts_file;        // "-": standard input
+    std::vector<host_name> hosts;  // when several were asked for, or a file of them; `where` then names none
+    unsigned parallel = 64;        // how many of them are asked at once
+    bool as_it_comes = false;      // their output is not in their order
+    std::string user;              // sent with "hello"; empty: not sent
+    std::string password_file;     // empty: ask on the terminal
     bool json = false;
     bool watch = false;
     unsigned interval = 2;           // seconds between two looks of `watch`

@@ -1,5 +1,6 @@
 // schedctl: the operator's client of the scheduler.
 #include "answer.h"
+#include "many_shot.h"
 #include "one_shot.h"
 #include "options.h"
 #include "session.h"
@@ -17,6 +18,9 @@ int main(int argc, char** argv) try {
     }
     if (chosen.watch) {
         return client::run_watch(chosen);
+    }
+    if (!chosen.hosts.empty()) {
+        return client::run_many_shot(chosen);
     }
     return chosen.words.empty() ? client::run_session(chosen) : client::run_one_shot(chosen);
 } catch (const std::exception& problem) {

@@ -1,0 +1,172 @@
+#include "many_shot.h"
+
+#include "host_output.h"
+#include "json.h"
+#include "many_hosts.h"
+#include "options.h"
+#include "signals.h"
+#include "text.h"
+#include "words.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdio>
+#include <poll.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace client {
+
+namespace {
+
+using clock = many_hosts::clock;
+
+constexpr auto json_order_limit = std::chrono::milliseconds(200);
+constexpr std::size_t longest_json_answer = 1 << 20;  // bytes; the largest status is about 140000
+
+int fail(const std::string& problem) {
+    std::fprintf(stderr, "schedctl: %s\n", problem.c_str());
+    return exit_usage;
+}
+
+class many_shot {
+public:
+    many_shot(const settings& chosen, json_writer convert);
+    int run();
+
+private:
+    struct host_state {
+        printable_text filter;
+        std::string kept;  // JSON is made of the whole answer
+        bool ended = false;
+    };
+
+    void take(std::size_t host, std::string_view text);
+    void ended(std::size_t host, const answer_end& end);
+    void interrupt();
+    void write(std::string_view text);
+
+    const settings& chosen_;
+    const json_writer convert_;
+    const bool terminal_ = isatty(STDOUT_FILENO) == 1;
+    signal_watch signals_;
+    bool interrupted_ = false;
+    int exit_code_ = 0;
+    std::vector<host_state> states_;
+    host_output output_;
+    many_hosts hosts_;
+};
+
+many_shot::many_shot(const settings& chosen, json_writer convert)
+    : chosen_(chosen),
+      convert_(std::move(convert)),
+      states_(chosen.hosts.size()),
+      output_(
+          chosen.hosts, convert_ == nullptr, !chosen.as_it_comes,
+          [this](std::string_view text) { write(text); },
+          [](const std::string& label, const std::string& problem) {
+              std::fprintf(stderr, "schedctl: %s: %s\n", label.c_str(), problem.c_str());
+          }),
+      hosts_(chosen.hosts, chosen, chosen.parallel,
+             {[this](std::size_t host, std::string_view text) { take(host, text); },
+              [this](std::size_t host, const answer_end& end) { ended(host, end); }}) {}
+
+// Never waits for the reader alone: a signal ends the waiting.
+void many_shot::write(std::string_view text) {
+    while (!text.empty() && !interrupted_) {
+        pollfd ready[] = {{STDOUT_FILENO, POLLOUT, 0}, {signals_.fd(), POLLIN, 0}};
+        if (poll(ready, 2, -1) < 0) {
+            continue;
+        }
+        if (ready[0].revents == 0) {
+            interrupted_ = signals_.take();
+            continue;
+        }
+        const std::string_view piece = text.substr(0, PIPE_BUF);  // what a pipe takes without waiting
+        if (!write_all(STDOUT_FILENO, piece)) {
+            throw std::system_error(errno, std::generic_category(), "cannot write");
+        }
+        text.remove_prefix(piece.size());
+    }
+}
+
+void many_shot::take(std::size_t host, std::string_view text) {
+    host_state& state = states_[host];
+    if (convert_ == nullptr) {
+        output_.add(host, terminal_ ? state.filter.clean(text) : text);
+        return;
+    }
+    state.kept += text;
+    if (state.kept.size() > longest_json_answer) {
+        ended(host, {ending::closed, "its answer is too long"});
+    }
+}
+
+void many_shot::ended(std::size_t host, const answer_end& end) {
+    host_state& state = states_[host];
+    if (state.ended) {
+        return;
+    }
+    state.ended = true;
+    hosts_.close(host);
+    exit_code_ = std::max(exit_code_, exit_code_of(end));
+    const std::string problem = describe(end);
+    if (convert_ != nullptr) {
+        // Messages are handed over once: those of an answer that broke off are shown all the same.
+        const bool answered = end.how == ending::over || !state.kept.empty();
+        output_.add(host,
+                    host_json(chosen_.hosts[host].label, answered ? convert_(state.kept) : "", problem));
+        state.kept = std::string();
+    }
+    output_.end(host, problem);
+}
+
+// Shows all that has come; the hosts that still work are given up.
+void many_shot::interrupt() {
+    interrupted_ = false;
+    output_.stop_ordering();
+    for (std::size_t host = 0; host < states_.size(); ++host) {
+        ended(host, {ending::interrupted});
+    }
+}
+
+int many_shot::run() {
+    const clock::time_point start = clock::now();
+    for (std::size_t host = 0; host < states_.size(); ++host) {
+        hosts_.ask(host, chosen_.words);
+    }
+    bool in_order = convert_ != nullptr;
+    while (hosts_.is_asking()) {
+        pollfd signal[] = {{signals_.fd(), POLLIN, 0}};
+        hosts_.step(signal, in_order ? start + json_order_limit : clock::time_point::max());
+        // Each object names its host, so a host that is late need not hold back those behind it.
+        if (in_order && clock::now() >= start + json_order_limit) {
+            in_order = false;
+            output_.stop_ordering();
+        }
+        if (interrupted_ || (signal[0].revents != 0 && signals_.take())) {
+            interrupt();
+            return 128 + SIGINT;
+        }
+    }
+    return exit_code_;
+}
+
+}  // namespace
+
+int run_many_shot(const settings& chosen) {
+    std::string line;
+    std::string problem;
+    if (!join_words(chosen.words, line, problem)) {
+        return fail(problem);
+    }
+    const json_writer convert = chosen.json ? json_writer_of(chosen.words) : nullptr;
+    if (chosen.json && convert == nullptr) {
+        return fail(std::string("--json is for ") + json_commands);
+    }
+    return many_shot(chosen, convert).run();
+}
+
+}  // namespace client

@@ -1,0 +1,136 @@
+// schedctl with several hosts: who is asked, in what order their lines come, and what a bad host costs the others.
+#include "e2e/harness.h"
+
+#include <csignal>
+#include <nlohmann/json.hpp>
+
+using namespace e2e;
+
+namespace {
+
+// Two schedulers, $A and $B, and an address where nobody listens, $N. Output shows them as A, B and N.
+class ManyHosts : public testing::Test {
+protected:
+    void SetUp() override {
+        first.module("slow", "sleep 0.5; printf 'one\\ntwo'");
+        second.module("slow", "seq 100000; printf end");
+        first.module("code", "exit 3");
+        second.module("code", "exit 7");
+        for (Suite* suite : {&first, &second}) {
+            shell("printf 'geheim\\n' | " SCHEDPASSWD_BINARY " --stdin " + suite->path("data/password"));
+            suite->start();
+        }
+        const auto address = [](int port) { return "127.0.0.1:" + std::to_string(port); };
+        const std::string names[] = {address(first.port), address(second.port), address(free_port())};
+        first.write("hosts", "# all\n" + names[0] + "  # the first\n\n \t" + names[1] + "\r\n" + names[0] + "\n");
+        first.write("secret", "geheim\n");
+        first.write("wrong", "falsch\n");
+        start = "cd " + first.path("") + "; A=" + names[0] + "; B=" + names[1] + "; N=" + names[2] +
+                "; setsid -w timeout -s INT ";
+        end = " 2>errors; code=$?; { cat out errors; echo $code; } | sed \"s/$A/A/; s/$B/B/; s/$N/N/\"";
+    }
+
+    // Output, then messages, then the exit code. An interrupt comes after so many seconds.
+    std::string ctl(const std::string& arguments, double interrupt = 30) const {
+        return mask_dates(
+            shell(start + std::to_string(interrupt) + " " SCHEDCTL_BINARY " " + arguments + " >out" + end));
+    }
+
+    Suite first;
+    Suite second;
+    std::string start;
+    std::string end;
+};
+
+TEST_F(ManyHosts, OutputMessagesAndExitCode) {
+    const std::string numbers = shell("seq 100000 | sed 's/^/B: /'") + "B: end\n";
+    const std::string calm = R"("conditions":[{"name":"confdate","since":"DATE"}],"messages":[],"lost":0})"
+                             "\n";
+    const std::string refused = "no connection: Connection refused\n";
+    const struct {
+        const char* name;
+        std::string arguments;
+        std::string wanted;
+    } cases[] = {
+        {"a list", "-H $B,$A status", "B: confdate  DATE\nA: confdate  DATE\n0\n"},
+        {"a file", "--hosts hosts status", "A: confdate  DATE\nB: confdate  DATE\n0\n"},
+        {"standard input", "--hosts - show allowed_ip <hosts",
+         "A: ### allowed IP addresses ###\nB: ### allowed IP addresses ###\n0\n"},
+        {"one with its port", "-H $B --json status", "{" + calm + "0\n"},
+        {"one after the other", "-H $A,$B --parallel 1 code",
+         "schedctl: A: exit code 3\nschedctl: B: exit code 7\n7\n"},
+        {"in order, more than memory keeps", "-H $A,$B slow", "A: one\nA: two\n" + numbers + "0\n"},
+        {"as it comes", "-H $A,$B --as-it-comes slow", numbers + "A: one\nA: two\n0\n"},
+        {"nobody listens", "-H $N,$A status", "A: confdate  DATE\nschedctl: N: " + refused + "205\n"},
+        {"nobody listens, JSON", "-H $A,$N --json status",
+         R"({"host":"A",)" + calm + R"({"host":"N","error":"no connection: Connection refused"})" +
+             "\nschedctl: N: " + refused + "205\n"},
+        {"a name unknown", "-H $A,no.such.invalid status 2>&1 | sed 's/ion: .*/ion/'",
+         "A: confdate  DATE\nschedctl: no.such.invalid: no connection\n0\n"},
+        {"a name", "-H localhost:${A#*:},$B -u otto show ip | cut -d ' ' -f 1-3",
+         "localhost:" + std::to_string(first.port) + ": ip=127.0.0.1 user=otto\nB: ip=127.0.0.1 user=otto\n0\n"},
+        {"login without a password", "-b 127.0.0.2 -H $A,$B status",
+         "schedctl: A: login refused: there is no --password-file\n"
+         "schedctl: B: login refused: there is no --password-file\n204\n"},
+        {"login, wrong password", "-b 127.0.0.2 --password-file wrong --hosts hosts status",
+         "schedctl: A: login refused: wrong password\nschedctl: B: login refused: wrong password\n204\n"},
+        {"login", "-b 127.0.0.2 --password-file secret --hosts hosts lock", "0\n"},
+        {"address taken", "-H $A,$B ipset 10.1.1.1", "0\n"},
+        {"address refused", "-H $A,$B ipset 300.1.1.1", "schedctl: A: exit code 1\nschedctl: B: exit code 1\n1\n"},
+        {"no command known", "-H $A,$B fly",
+         "schedctl: A: unsupported: the scheduler does not know this command\n"
+         "schedctl: B: unsupported: the scheduler does not know this command\n202\n"},
+        {"end of service", "-H $A,$B restart sched", "0\n"},
+    };
+    for (const auto& c : cases) { EXPECT_EQ(ctl(c.arguments), c.wanted) << c.name; }
+    EXPECT_EQ(first.wait_exit() + second.wait_exit(), 0);
+}
+
+TEST_F(ManyHosts, WrongUse) {
+    first.write("bad", "db1\ndb2:0\n");
+    const struct {
+        const char* arguments;
+        const char* message;
+    } cases[] = {{"-H $A,$B", "a session is for one"},
+                 {"-H $A,db:x status", "\"db:x\" is not name[:port]"},
+                 {"-H , status", "no host is named"},
+                 {"-H $A --hosts hosts status", "--host"},
+                 {"--hosts /dev/null status", "/dev/null: no host is named"},
+                 {"--hosts absent status", "absent: No such file"},
+                 {"--hosts bad status", "bad:2: \"db2:0\" is not"},
+                 {"--hosts hosts --json code", "--json is for"},
+                 {"--hosts hosts restart", "restart wants"}};
+    for (const auto& c : cases) {
+        EXPECT_THAT(ctl(c.arguments), testing::AllOf(HasSubstr(c.message), EndsWith("\n200\n"))) << c.arguments;
+    }
+}
+
+// What has come from the others is shown in time, and it is not lost when waiting for the stalled one is given up:
+// the scheduler hands each message over only once.
+TEST_F(ManyHosts, OneIsStalled) {
+    const pid_t stalled = first.scheduler();
+    kill(stalled, SIGSTOP);
+    const std::string answer = "B: confdate  DATE\nB: error     DATE\nB: DATE;E0101:fan\nschedctl: A: ";
+    const struct {
+        const char* name;
+        std::string arguments;
+        double interrupt;  // seconds after the start
+        std::string wanted;
+    } cases[] = {
+        {"time-out", "-t 1 -H $A,$B status", 30, answer + "no answer in time\n206\n"},
+        {"interrupt", "-H $A,$B status", 0.5, answer + "stopped waiting\n124\n"},
+        {"the others' JSON is not held back",
+         "-t 2 -H $A,$B --json status 2>/dev/null | { read -r b; t=$(date +%s%N); read -r a;"
+         " echo ${b##*E0101} $((($(date +%s%N) - t) / 1000000000)) ${a##*error}; }",
+         30, ":fan\"}],\"lost\":0} 1 \":\"no answer in time\"}\n0\n"},
+    };
+    std::size_t events = 0;
+    for (const auto& c : cases) {
+        second.event("E0101:fan\n");
+        second.await_events(++events);
+        EXPECT_EQ(ctl(c.arguments, c.interrupt), c.wanted) << c.name;
+    }
+    kill(stalled, SIGCONT);
+}
+
+}  // namespace
