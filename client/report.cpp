@@ -38,6 +38,29 @@ std::optional<std::time_t> seconds_of(const std::string& date) {
     return timegm(&t) - (sign == '+' ? offset : -offset);
 }
 
+std::string age_of(const std::string& date) {
+    constexpr std::pair<long, char> units[] = {{86400, 'd'}, {3600, 'h'}, {60, 'm'}, {1, 's'}};
+    const std::time_t then = seconds_of(date).value_or(0);
+    if (then == 0) {
+        return "never";
+    }
+    long left = std::max(0L, static_cast<long>(std::time(nullptr) - then));
+    std::string text;
+    int shown = 0;
+    for (const auto& [seconds, sign] : units) {
+        if (shown == 2 || (shown == 0 && left < seconds && seconds > 1)) {
+            continue;
+        }
+        if (shown++ != 0) {
+            text += ' ';
+        }
+        text += std::to_string(left / seconds);
+        text += sign;
+        left %= seconds;
+    }
+    return text;
+}
+
 status_report parse_status(std::string_view answer) {
     status_report report;
     each_line(answer, [&report](const std::string& line) {

@@ -43,4 +43,7 @@ std::string now_date();
 // Seconds since the epoch of a date as above.
 std::optional<std::time_t> seconds_of(const std::string& date);
 
+// The two largest units of the time since then; "never" for the epoch.
+std::string age_of(const std::string& date);
+
 }  // namespace client

@@ -1,5 +1,6 @@
 // schedctl: the operator's client of the scheduler.
 #include "answer.h"
+#include "fleet_watch.h"
 #include "many_shot.h"
 #include "one_shot.h"
 #include "options.h"
@@ -17,7 +18,7 @@ int main(int argc, char** argv) try {
         return *end;
     }
     if (chosen.watch) {
-        return client::run_watch(chosen);
+        return chosen.hosts.empty() ? client::run_watch(chosen) : client::run_fleet_watch(chosen);
     }
     if (!chosen.hosts.empty()) {
         return client::run_many_shot(chosen);

@@ -1,7 +1,9 @@
 #include "watch.h"
 
+#include "changes.h"
 #include "conversation.h"
 #include "options.h"
+#include "screen.h"
 #include "signals.h"
 #include "watch_view.h"
 
@@ -18,40 +20,6 @@ namespace client {
 
 namespace {
 
-bool can_draw() {
-    const char* term = std::getenv("TERM");
-    return isatty(STDOUT_FILENO) == 1 && term != nullptr && term[0] != '\0' && std::strcmp(term, "dumb") != 0;
-}
-
-const condition* find(const std::vector<condition>& conditions, const std::string& name) {
-    const auto found = std::find_if(conditions.begin(), conditions.end(),
-                                    [&](const condition& c) { return c.name == name; });
-    return found != conditions.end() ? &*found : nullptr;
-}
-
-// What is new in the report since the last one, as dated lines.
-std::vector<message> changes(const std::vector<condition>& before, const status_report& report) {
-    std::vector<message> lines;
-    for (const condition& c : report.conditions) {
-        const condition* known = find(before, c.name);
-        if (known == nullptr || *known != c) {
-            lines.push_back({c.since, "condition " + c.name + " set"});
-        }
-    }
-    for (const condition& c : before) {
-        if (find(report.conditions, c.name) == nullptr) {
-            lines.push_back({now_date(), "condition " + c.name + " cleared"});
-        }
-    }
-    for (const message& m : report.messages) {
-        lines.push_back({m.date, "message " + m.text});
-    }
-    if (report.lost != 0) {
-        lines.push_back({now_date(), "lost " + std::to_string(report.lost) + " messages"});
-    }
-    return lines;
-}
-
 class watch {
 public:
     explicit watch(const settings& chosen)
@@ -64,6 +32,7 @@ private:
     bool look(answer_end& end);
     void take(const status_report& report);
     bool pause();
+    bool left_by_key() const;
     void suspend();
 
     const settings& chosen_;
@@ -133,10 +102,15 @@ bool watch::pause() {
         if (poll(ready, 2, static_cast<int>(limit)) <= 0) {
             continue;
         }
-        if ((ready[0].revents != 0 && signals_.take()) || (ready[1].revents != 0 && screen_.left_by_key())) {
+        if ((ready[0].revents != 0 && signals_.take()) || (ready[1].revents != 0 && left_by_key())) {
             return false;
         }
     }
+}
+
+bool watch::left_by_key() const {
+    std::string keys;
+    return !screen_.take_keys(keys) || keys.find('q') != std::string::npos;
 }
 
 // Ctrl-Z: the shell gets its terminal as it was, and the picture comes back with the job.

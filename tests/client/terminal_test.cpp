@@ -303,4 +303,51 @@ TEST_F(ClientTerminal, Watch) {
     EXPECT_EQ(plain.wait_exit(), 0);
 }
 
+TEST_F(ClientTerminal, WatchOfSeveralHosts) {
+    Suite second;
+    second.start();
+    const std::string a = "127.0.0.1:" + std::to_string(suite.port);
+    const std::string b = "127.0.0.1:" + std::to_string(second.port);
+    Terminal screen(suite, {SCHEDCTL_BINARY, "-H", a + "," + b, "watch", "-n", "1"});
+    screen.resize(12, 100);
+    screen.expect("2 hosts, 2 ok");
+    screen.expect(a + "  ok");
+    second.event("E0101:fan \x1b[31m 3 stopped\n");
+    EXPECT_TRUE(in_order(screen.expect("E0101:fan \\x1b[31m"), {"2 hosts, 1 error, 1 ok", b + "  error "}));
+    screen.expect(a + "  ok");
+    suite.stop();
+    screen.expect("2 hosts, 1 down, 1 error");
+    EXPECT_TRUE(in_order(screen.expect(b + "  error "), {a + "  down ", ", since 20", ": "}));
+    suite.start();
+    while (screen.expect("2 hosts, 1 ").find("down") != std::string::npos) continue;
+    screen.press("/FAN");
+    screen.expect("/FAN_  1 shown");
+    screen.press("\x7f\x7f\x7f" + a + "\n");
+    screen.expect("/" + a + "  1 shown");
+    screen.resize(2, 20);  // the heading and the first host, the others a line further down
+    screen.press("\x1b");
+    screen.expect(b.substr(0, 20));
+    screen.press("\x1b[B\x1b[B");
+    screen.expect(a.substr(0, 20));
+    screen.press("\x1b[A");
+    screen.expect(b.substr(0, 20));
+    screen.press("q");
+    std::string rest;
+    EXPECT_EQ(screen.wait_exit(&rest), 0);
+    EXPECT_TRUE(in_order(rest, {"\x1b[?1049l", b + ": 20", " E0101:fan \\x1b[31m 3 stopped\r\n"}));
+
+    Terminal plain(suite, {SCHEDCTL_BINARY, "-H", a + "," + b, "watch", "-n", "1"}, "dumb");
+    plain.expect(b + ": 20");
+    plain.expect("condition error set\r\n");
+    suite.event("E0102:one\n");
+    plain.expect(a + ": 20");
+    plain.expect("message E0102:one\r\n");
+    suite.stop();
+    plain.expect("disconnected: ");
+    suite.start();
+    plain.expect(" connected\r\n");
+    plain.type("\x03");
+    EXPECT_EQ(plain.wait_exit(), 0);
+}
+
 }  // namespace

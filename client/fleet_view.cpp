@@ -1,0 +1,193 @@
+#include "fleet_view.h"
+
+#include "screen.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+
+namespace client {
+
+namespace {
+
+constexpr std::size_t shown_date = 19;  // without the zone
+
+enum class health { unreachable, error, condition, lost, well, unknown };
+
+struct described_row {
+    health state;
+    std::string text;
+};
+
+bool is_alarm(const condition& c) {
+    return c.name != "confdate";
+}
+
+health health_of(const host_row& row) {
+    if (!row.known) {
+        return health::unknown;
+    }
+    if (!row.trouble.empty()) {
+        return health::unreachable;
+    }
+    health worst = row.lost != 0 ? health::lost : health::well;
+    for (const condition& c : row.conditions) {
+        if (is_alarm(c)) {
+            worst = std::min(worst, c.name == "error" ? health::error : health::condition);
+        }
+    }
+    return worst;
+}
+
+std::string state_text(const host_row& row) {
+    if (!row.known) {
+        return "asked";
+    }
+    if (!row.trouble.empty()) {
+        return "down " + age_of(row.since) + ", since " + row.since.substr(0, shown_date) + ": " +
+               row.trouble;
+    }
+    std::string text;
+    for (const condition& c : row.conditions) {
+        if (is_alarm(c)) {
+            text += (text.empty() ? "" : ", ") + c.name + " " + age_of(c.since);
+        }
+    }
+    return text.empty() ? "ok" : text;
+}
+
+std::string line_of(const host_row& row, std::size_t label_width) {
+    constexpr std::size_t state_width = 20;
+    const auto padded = [](std::string text, std::size_t width) {
+        text.resize(std::max(text.size(), width), ' ');
+        return text + "  ";
+    };
+    std::string line = padded(row.label, label_width);
+    const std::string state = state_text(row);
+    if (row.newest.text.empty() && row.lost == 0) {
+        return line + state;
+    }
+    line += padded(state, state_width);
+    if (row.lost != 0) {
+        line += "lost " + std::to_string(row.lost) + "  ";
+    }
+    if (!row.newest.text.empty()) {
+        line += row.newest.date.substr(0, shown_date) + " " + row.newest.text;
+    }
+    return line;
+}
+
+bool holds(std::string_view text, std::string_view part) {
+    const auto is_same = [](unsigned char a, unsigned char b) { return std::tolower(a) == std::tolower(b); };
+    return std::search(text.begin(), text.end(), part.begin(), part.end(), is_same) != text.end();
+}
+
+const char* colour_of(health state) {
+    switch (state) {
+        case health::unreachable:
+        case health::error:
+            return red;
+        case health::condition:
+        case health::lost:
+            return yellow;
+        default:
+            return plain;
+    }
+}
+
+std::string heading(const std::array<std::size_t, 6>& counts, std::size_t hosts) {
+    std::string text = std::to_string(hosts) + " hosts";
+    constexpr const char* names[] = {"down", "error", "condition", "lost", "ok", "asked"};
+    for (std::size_t state = 0; state < counts.size(); ++state) {
+        if (counts[state] != 0) {
+            text += ", " + std::to_string(counts[state]) + " " + names[state];
+        }
+    }
+    return text + "  " + now_date().substr(11, 8) + "  q leaves, arrows scroll, / filters";
+}
+
+}  // namespace
+
+void draw_fleet(const std::vector<host_row>& rows, fleet_keys& keys) {
+    std::size_t label_width = 0;
+    for (const host_row& row : rows) {
+        label_width = std::max(label_width, row.label.size());
+    }
+    std::array<std::size_t, 6> counts{};
+    std::vector<described_row> lines;
+    for (const host_row& row : rows) {
+        described_row line{health_of(row), line_of(row, label_width)};
+        ++counts[static_cast<std::size_t>(line.state)];
+        if (holds(line.text, keys.filter)) {
+            lines.push_back(std::move(line));
+        }
+    }
+    std::stable_sort(lines.begin(), lines.end(),
+                     [](const described_row& a, const described_row& b) { return a.state < b.state; });
+
+    canvas page;
+    page.line(heading(counts, rows.size()), bold);
+    if (keys.editing || !keys.filter.empty()) {
+        page.line(
+            "/" + keys.filter + (keys.editing ? "_" : "") + "  " + std::to_string(lines.size()) + " shown",
+            bold);
+    }
+    keys.page = page.rows_left();
+    keys.top = std::min(keys.top, lines.size() > keys.page ? lines.size() - keys.page : 0);
+    for (std::size_t i = keys.top; i < lines.size() && page.rows_left() != 0; ++i) {
+        page.line(lines[i].text, colour_of(lines[i].state));
+    }
+    page.show();
+}
+
+void fleet_keys::take(std::string_view keys) {
+    while (!keys.empty()) {
+        keys.remove_prefix(take_one(keys));
+    }
+}
+
+// Carries out the first key and returns how many bytes it is.
+std::size_t fleet_keys::take_one(std::string_view keys) {
+    constexpr std::size_t far = 1000000;
+    const struct {
+        std::string_view bytes;
+        std::size_t up;
+        std::size_t down;
+    } moves[] = {{"\033[A", 1, 0},     {"\033OA", 1, 0},     {"\033[B", 0, 1},   {"\033OB", 0, 1},
+                 {"\033[5~", page, 0}, {"\033[6~", 0, page}, {"\033[H", far, 0}, {"\033[F", 0, far}};
+    for (const auto& move : moves) {
+        if (keys.starts_with(move.bytes)) {
+            top = (top > move.up ? top - move.up : 0) + move.down;
+            return move.bytes.size();
+        }
+    }
+    if (editing) {
+        edit(keys[0]);
+    } else if (keys[0] == '/') {
+        editing = true;
+        filter.clear();
+    } else if (keys[0] == 'q') {
+        leaving = true;
+    } else if (keys[0] == '\033') {
+        filter.clear();
+    }
+    return 1;
+}
+
+void fleet_keys::edit(char key) {
+    constexpr char backspace = '\b';
+    constexpr char erase = '\177';
+    constexpr char escape = '\033';
+    if (key == '\n' || key == '\r' || key == escape) {
+        editing = false;
+        filter = key == escape ? "" : filter;
+    } else if (key == backspace || key == erase) {
+        if (!filter.empty()) {
+            filter.pop_back();
+        }
+    } else {
+        filter += key;
+    }
+}
+
+}  // namespace client

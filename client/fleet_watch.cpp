@@ -1,0 +1,224 @@
+#include "fleet_watch.h"
+
+#include "changes.h"
+#include "fleet_view.h"
+#include "many_hosts.h"
+#include "options.h"
+#include "screen.h"
+#include "signals.h"
+#include "watch_view.h"
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <deque>
+#include <poll.h>
+#include <utility>
+
+namespace client {
+
+namespace {
+
+using clock = many_hosts::clock;
+
+constexpr std::chrono::seconds login_retry(60);     // a wrong password is not tried every two seconds
+constexpr std::size_t longest_answer = 1 << 20;     // bytes; the largest status is about 140000
+constexpr std::size_t most_fleet_messages = 10000;  // kept for the end of the view
+
+class fleet_watch {
+public:
+    explicit fleet_watch(const settings& chosen);
+    int run();
+
+private:
+    struct host_state {
+        std::string answer;  // of the status that was asked for, as far as it has come
+        clock::time_point due{};
+        bool asking = false;
+    };
+
+    void take(std::size_t host, std::string_view text);
+    void ended(std::size_t host, const answer_end& end);
+    void lose(std::size_t host, const std::string& reason);
+    void take_report(std::size_t host, const status_report& report);
+    void print(std::size_t host, const message& line);
+    clock::time_point ask_due();
+    clock::time_point draw_due() const;
+    bool step(clock::time_point until);
+    void suspend();
+
+    const settings& chosen_;
+    const bool drawing_;
+    signal_watch signals_;
+    screen screen_;
+    std::vector<host_state> states_;
+    std::vector<host_row> rows_;
+    std::deque<std::pair<std::size_t, message>> messages_;  // of a host, oldest first
+    fleet_keys keys_;
+    clock::time_point drawn_at_{};
+    bool news_ = false;         // what the hosts said is not drawn yet
+    bool key_pressed_ = false;  // or what the keys did
+    many_hosts hosts_;
+};
+
+fleet_watch::fleet_watch(const settings& chosen)
+    : chosen_(chosen),
+      drawing_(can_draw()),
+      signals_([this] { suspend(); }),
+      states_(chosen.hosts.size()),
+      hosts_(chosen.hosts, chosen, chosen.hosts.size(),
+             {[this](std::size_t host, std::string_view text) { take(host, text); },
+              [this](std::size_t host, const answer_end& end) { ended(host, end); }}) {
+    for (const host_name& host : chosen.hosts) {
+        rows_.push_back({host.label, false, "", "", {}, {}, 0});
+    }
+}
+
+void fleet_watch::take(std::size_t host, std::string_view text) {
+    states_[host].answer += text;
+    if (states_[host].answer.size() > longest_answer) {
+        hosts_.close(host);
+        ended(host, {ending::closed, "its answer is too long"});
+    }
+}
+
+void fleet_watch::ended(std::size_t host, const answer_end& end) {
+    host_state& state = states_[host];
+    host_row& row = rows_[host];
+    state.asking = false;
+    status_report report = parse_status(std::exchange(state.answer, {}));
+    if (end.how == ending::over) {
+        if (!drawing_ && !row.trouble.empty()) {
+            print(host, {now_date(), "connected"});
+        }
+        row.trouble.clear();
+    } else {
+        report.conditions =
+            row.conditions;  // of an answer that broke off only the messages are known for sure
+        lose(host, end.how == ending::closed ? end.reason : describe(end));
+    }
+    row.known = true;
+    news_ = true;
+    take_report(host, report);
+    const std::chrono::seconds interval(chosen_.interval);
+    state.due =
+        clock::now() + (end.how == ending::login_refused ? std::max(login_retry, interval) : interval);
+}
+
+void fleet_watch::lose(std::size_t host, const std::string& reason) {
+    host_row& row = rows_[host];
+    if (row.trouble.empty()) {
+        row.since = now_date();
+        if (!drawing_) {
+            print(host, {row.since, "disconnected: " + reason});
+        }
+    }
+    row.trouble = reason;
+}
+
+void fleet_watch::take_report(std::size_t host, const status_report& report) {
+    host_row& row = rows_[host];
+    if (!drawing_) {
+        for (const message& line : changes(row.conditions, report)) {
+            print(host, line);
+        }
+    }
+    row.conditions = report.conditions;
+    row.lost += report.lost;
+    for (const message& m : report.messages) {
+        row.newest = m;
+        messages_.emplace_back(host, m);
+    }
+    while (messages_.size() > most_fleet_messages) {
+        messages_.pop_front();
+    }
+}
+
+void fleet_watch::print(std::size_t host, const message& line) {
+    print_text(rows_[host].label + ": " + line.date + " " + line.text);
+}
+
+// Returns when the next host is due.
+clock::time_point fleet_watch::ask_due() {
+    const clock::time_point now = clock::now();
+    clock::time_point next = clock::time_point::max();
+    for (std::size_t host = 0; host < states_.size(); ++host) {
+        host_state& state = states_[host];
+        if (!state.asking && state.due <= now) {
+            state.asking = true;
+            hosts_.ask(host, {"status"});
+        } else if (!state.asking) {
+            next = std::min(next, state.due);
+        }
+    }
+    return next;
+}
+
+// At once after a key, seldom enough when many answers come, and each second for the ages.
+clock::time_point fleet_watch::draw_due() const {
+    if (!drawing_) {
+        return clock::time_point::max();
+    }
+    if (key_pressed_) {
+        return drawn_at_;
+    }
+    return drawn_at_ + (news_ ? std::chrono::milliseconds(200) : std::chrono::milliseconds(1000));
+}
+
+// One step of the hosts, the keyboard and signals; false when the operator leaves.
+bool fleet_watch::step(clock::time_point until) {
+    pollfd ready[] = {{signals_.fd(), POLLIN, 0}, {screen_.keyboard(), POLLIN, 0}};
+    hosts_.step(ready, until);
+    if (ready[0].revents != 0 && signals_.take()) {
+        return false;
+    }
+    key_pressed_ = key_pressed_ || signals_.resized();
+    if (ready[1].revents == 0) {
+        return true;
+    }
+    std::string typed;
+    const bool more = screen_.take_keys(typed);
+    keys_.take(typed);
+    key_pressed_ = true;
+    return more && !keys_.leaving;
+}
+
+// Ctrl-Z: the shell gets its terminal as it was, and the picture comes back with the job.
+void fleet_watch::suspend() {
+    screen_.leave();
+    {
+        const signals_through through;
+        std::raise(SIGTSTP);
+    }
+    if (drawing_) {
+        screen_.enter();
+    }
+}
+
+int fleet_watch::run() {
+    if (drawing_) {
+        screen_.enter();
+    }
+    while (step(std::min(ask_due(), draw_due()))) {
+        if (draw_due() <= clock::now()) {
+            draw_fleet(rows_, keys_);
+            drawn_at_ = clock::now();
+            news_ = key_pressed_ = false;
+        }
+    }
+    screen_.leave();
+    if (drawing_) {
+        for (const auto& [host, m] : messages_) {
+            print(host, m);
+        }
+    }
+    return 0;
+}
+
+}  // namespace
+
+int run_fleet_watch(const settings& chosen) {
+    return fleet_watch(chosen).run();
+}
+
+}  // namespace client

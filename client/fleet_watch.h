@@ -1,0 +1,11 @@
+// The live view of many schedulers' status.
+#pragma once
+
+namespace client {
+
+struct settings;
+
+// Runs until the operator leaves it and returns 0. A host that cannot be reached is tried again and again.
+int run_fleet_watch(const settings& chosen);
+
+}  // namespace client
