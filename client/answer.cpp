@@ -72,6 +72,13 @@ int exit_code_of(const answer_end& end) {
     return meanings[static_cast<std::size_t>(end.how)].code;
 }
 
+const char* why_closed(bool served) {
+    return served
+               ? "the scheduler closed it"
+               : "the scheduler closed it at once: its table of connections may be full, or this address is "
+                 "not allowed";
+}
+
 std::string describe(const answer_end& end) {
     if (end.how == ending::over && end.signal != 0) {
         return "ended by signal " + std::to_string(end.signal);

@@ -51,6 +51,9 @@ enum exit_code : int {
 
 int exit_code_of(const answer_end& end);
 
+// Why the scheduler has closed a connection; served: something had come over it before.
+const char* why_closed(bool served);
+
 // One line for the operator; empty for a command that succeeded.
 std::string describe(const answer_end& end);
 

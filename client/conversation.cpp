@@ -228,10 +228,7 @@ answer_end conversation::receive(answer_parser& parser, const sink& output) {
 
 answer_end conversation::lost() {
     link_.close();
-    return {ending::closed, served_
-                                ? "the scheduler closed it"
-                                : "the scheduler closed it at once: its table of connections may be full, or "
-                                  "this address is not allowed"};
+    return {ending::closed, why_closed(served_)};
 }
 
 std::string conversation::absorb() {

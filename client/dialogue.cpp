@@ -137,7 +137,7 @@ void dialogue::command_answered(const answer_end& end) {
     parser_ = answer_parser();
 }
 
-void dialogue::lost() {
+void dialogue::lost(bool served) {
     if (at_ == step::rest) {
         finish(end_);
     } else if (at_ == step::command && kind_ == kind::restart) {
@@ -145,7 +145,7 @@ void dialogue::lost() {
     } else if (at_ == step::command && kind_ == kind::ipset) {
         finish({ending::closed, "the scheduler does not allow this address"});
     } else {
-        finish({ending::closed, "the scheduler closed it"});
+        finish({ending::closed, why_closed(served)});
     }
 }
 

@@ -26,8 +26,8 @@ public:
     // line ends as LF, and what is to be sent next.
     std::size_t feed(std::string_view bytes, std::string& output, std::string& requests);
 
-    // The scheduler has closed the connection: the command is done.
-    void lost();
+    // The scheduler has closed the connection: the command is done. served: something had come over it.
+    void lost(bool served);
 
     bool done() const { return done_; }
     const answer_end& end() const { return end_; }  // valid when done

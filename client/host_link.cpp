@@ -101,6 +101,7 @@ void host_link::connected() {
     const int on = 1;
     setsockopt(fd_, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);  // a dead host must end a wait without a limit
     state_ = state::talking;
+    served_ = false;
     talk_->begin(requests_);
     send_requests();
 }
@@ -170,14 +171,15 @@ void host_link::receive(std::string& output) {
     }
     if (state_ == state::idle) {
         if (n <= 0) {
-            give_up({ending::closed, "the scheduler closed it"});
+            give_up({ending::closed, why_closed(true)});
         }
         return;
     }
     if (n <= 0) {
-        talk_->lost();
+        talk_->lost(served_);
         return give_up(talk_->end());
     }
+    served_ = true;
     talk_->feed({buffer, static_cast<std::size_t>(n)}, output, requests_);
     if (!talk_->done()) {
         return send_requests();

@@ -73,8 +73,9 @@ private:
     std::vector<in_addr> addresses_;  // kept once they are known
     std::size_t next_address_ = 0;
     std::optional<dialogue> talk_;
-    std::string requests_;  // not sent yet
-    bool daemon_answers_ = false;
+    std::string requests_;         // not sent yet
+    bool served_ = false;          // something has come over this connection
+    bool daemon_answers_ = false;  // the command waits for no module
     clock::time_point deadline_ = clock::time_point::max();
     std::optional<answer_end> end_;
 };
