@@ -4,11 +4,12 @@
 #include "sched/startup.h"
 #include "sched/supervisor.h"
 #include "trace/trace.h"
+#include "util/descriptors.h"
 
 #include <cstring>
 
 int main(int argc, char* argv[]) {
-    ensure_standard_descriptors();
+    take_over_descriptors();
     if (argc > 1 && std::strcmp(argv[1], "-v") == 0) {
         print_version();
     }

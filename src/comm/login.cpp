@@ -5,6 +5,7 @@
 #include "sha256/sha256.h"
 #include "trace/trace.h"
 #include "util/clock.h"
+#include "util/regular_file.h"
 #include "util/text.h"
 #include "util/unique_fd.h"
 
@@ -97,7 +98,7 @@ bool is_valid_login(const hmistruc& hmi, int argc, char* argv[]) {
 void read_password_file() {
     char path[path_size];
     format_text(path, "%s/%s", environment("VGD_data"), "password");
-    unique_fd file(open(path, O_RDONLY | O_CLOEXEC));
+    unique_fd file = open_regular(path, O_RDONLY);
     if (!file) {
         trprintf("Info:password open fails errno=%d, no authentication required.\n", errno);
         return;

@@ -1,12 +1,12 @@
 #include "command/child.h"
 
 #include "sched/sched_status.h"
+#include "util/descriptors.h"
 #include "util/text.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -15,7 +15,6 @@
 
 namespace {
 
-constexpr long fallback_descriptor_limit = 256;
 constexpr std::size_t message_size_max =
     path_size + 1024;                          // an argument 0 is a listed module name, at most 511 long
 constexpr std::size_t error_number_size = 16;  // room behind the message for the number and its end
@@ -73,16 +72,6 @@ char* const* build_environment(const char* entry) REQUIRES(com_lock) {
     return child_environment;
 }
 
-// One call where the kernel has it, so that the cost does not grow with the limit.
-void close_from(int first, long limit) {
-    if (close_range(static_cast<unsigned>(first), UINT_MAX, 0) == 0) {
-        return;
-    }
-    for (int fd = first; fd < limit; ++fd) {
-        close(fd);
-    }
-}
-
 void report_exec_failure(child_plan& plan, int error) {
     constexpr std::string_view end = ")\n";
     char* to = plan.message + plan.message_length;
@@ -113,10 +102,7 @@ int init_child_environment() {
 }
 
 pid_t start_child(const char* path, char* const argv[], const char* addition, int output, int null) {
-    child_plan plan{path, argv, build_environment(addition), output, null, sysconf(_SC_OPEN_MAX), {}, 0};
-    if (plan.descriptor_limit <= 0) {
-        plan.descriptor_limit = fallback_descriptor_limit;
-    }
+    child_plan plan{path, argv, build_environment(addition), output, null, descriptor_limit(), {}, 0};
     plan.message_length =
         format_text(plan.message, "Error:command:exec fails (path=%s argv0=%s errno=", path, argv[0]);
     plan.message_length = std::min(plan.message_length, sizeof plan.message - error_number_size);

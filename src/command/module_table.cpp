@@ -3,6 +3,7 @@
 #include "comm/reply.h"
 #include "sched/sched_status.h"
 #include "trace/trace.h"
+#include "util/regular_file.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -80,13 +81,13 @@ int read_modules() {
     }
     clear_table();
     trprintf("Info:modules:reading \"%s\"\n", st->modules_path);
-    std::FILE* file = std::fopen(st->modules_path, "re");
+    unique_file file = open_regular_for_reading(st->modules_path);
     if (file == nullptr) {
         trprintf("Error:modules:open error.(errno=%d)\n", errno);
         return -1;
     }
-    const int count = parse_list(file);
-    std::fclose(file);
+    const int count = parse_list(file.get());
+    file.reset();
     trprintf("Info:modules:read done. %d entries found.\n", count);
     mod_max = count;
     return 0;

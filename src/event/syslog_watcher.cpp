@@ -4,6 +4,7 @@
 #include "sched/sched_status.h"
 #include "trace/trace.h"
 #include "util/clock.h"
+#include "util/regular_file.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -15,17 +16,14 @@ constexpr char system_log_path[] = "/var/log/messages";
 
 // Reads how far the forwarding module has come. False, with the reason traced, when the file does not tell.
 bool read_offsetfile(long& inode, long& offset) {
-    std::FILE* file = std::fopen(st->qmx_syslog_offset_path, "re");
+    const unique_file file = open_regular_for_reading(st->qmx_syslog_offset_path);
     if (file == nullptr) {
         trprintf("read_offsetfile() fopen error, errno=%d\n", errno);
         return false;
     }
     errno = 0;
-    const int got = std::fscanf(file, "%ld %ld", &inode, &offset);
-    const int error = errno;
-    std::fclose(file);
-    if (got != 2) {
-        trprintf("read_offsetfile() fscanf error, errno=%d\n", error);
+    if (std::fscanf(file.get(), "%ld %ld", &inode, &offset) != 2) {
+        trprintf("read_offsetfile() fscanf error, errno=%d\n", errno);
         return false;
     }
     return true;

@@ -14,7 +14,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
 #include <netdb.h>
 #include <new>
 #include <syslog.h>
@@ -130,17 +129,6 @@ void apply_debug_word(char word) {
 }
 
 }  // namespace
-
-void ensure_standard_descriptors() {
-    // The lowest free number is given out, so this fills exactly the gaps among 0, 1 and 2.
-    int fd = open("/dev/null", O_RDWR);
-    while (fd >= 0 && fd <= STDERR_FILENO) {
-        fd = open("/dev/null", O_RDWR);
-    }
-    if (fd > STDERR_FILENO) {
-        close(fd);
-    }
-}
 
 void print_version() {
     std::puts(version_text);

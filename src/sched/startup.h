@@ -3,9 +3,6 @@
 
 constexpr char version_text[] = "8.0.0-130207154512";
 
-// Opens descriptors 0 to 2 on /dev/null where whoever starts us left them closed.
-void ensure_standard_descriptors();
-
 // Prints the version on standard output and ends the process with exit code 0.
 [[noreturn]] void print_version();
 

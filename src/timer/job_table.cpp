@@ -5,6 +5,7 @@
 #include "util/clock.h"
 #include "util/line.h"
 #include "util/mutex.h"
+#include "util/regular_file.h"
 #include "util/text.h"
 
 #include <atomic>
@@ -106,15 +107,15 @@ std::uint32_t file_mtime(std::FILE* file) {
 }
 
 void read_job_file() {
-    std::FILE* file = std::fopen(st->timer_jobs_path, "re");
+    unique_file file = open_regular_for_reading(st->timer_jobs_path);
     if (file == nullptr) {
         trprintf("Error:timer:timer_job %s cannot open.(errno=%d)\n", st->timer_jobs_path, errno);
         publish_jobs();
         return;
     }
-    const std::uint32_t time = file_mtime(file);
-    parse_jobs(file);
-    std::fclose(file);
+    const std::uint32_t time = file_mtime(file.get());
+    parse_jobs(file.get());
+    file.reset();
     publish_jobs();
     mtime = time;
     trprintf("Info:timer_jobs mtime=%u\n", mtime);

@@ -4,6 +4,7 @@
 #include "trace/trace.h"
 #include "util/clock.h"
 #include "util/line.h"
+#include "util/regular_file.h"
 #include "util/text.h"
 #include "util/unique_fd.h"
 
@@ -28,7 +29,7 @@ void load_count(unique_fd file) {
 }
 
 bool write_start_date() {
-    const unique_fd file(open(st->up_time_start_path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    const unique_fd file = open_regular(st->up_time_start_path, O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (!file) {
         trprintf("Error:failed to create uptime start file.(path=%s errno=%d)\n", st->up_time_start_path,
                  errno);
@@ -43,7 +44,7 @@ bool write_start_date() {
 }  // namespace
 
 void server_uptime_init() {
-    unique_fd file(open(st->up_time_path, O_RDONLY | O_CLOEXEC));
+    unique_fd file = open_regular(st->up_time_path, O_RDONLY);
     if (file) {
         load_count(std::move(file));
     } else {
@@ -58,7 +59,7 @@ void server_uptime_init() {
 
 void server_uptime_logging() {
     st->uptime = st->uptime + 1;
-    const unique_fd file(open(st->up_time_path, O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
+    const unique_fd file = open_regular(st->up_time_path, O_WRONLY | O_CREAT, 0666);
     if (!file) {
         trprintf("Error: failed to fopen uptime %s errno=%d\n", st->up_time_path, errno);
         return;
@@ -70,6 +71,6 @@ void server_uptime_logging() {
         trprintf("Error: failed to fopen uptime %s errno=%d\n", st->up_time_path, errno);
         return;
     }
-    // Needed only when the count has become shorter; what is no regular file cannot be cut, and need not be.
+    // Needed only when the count has become shorter.
     [[maybe_unused]] const int cut = ftruncate(file.get(), static_cast<off_t>(length));
 }

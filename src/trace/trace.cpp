@@ -3,6 +3,7 @@
 #include "sched/sched_status.h"
 #include "util/clock.h"
 #include "util/mutex.h"
+#include "util/regular_file.h"
 #include "util/text.h"
 #include "util/unique_fd.h"
 
@@ -41,13 +42,20 @@ bool is_level_line(const char* line) {
                        [line](const char* word) { return std::strstr(line, word) != nullptr; });
 }
 
-// A file that cannot be written loses the line: there is nobody left to tell.
+// A file that cannot be written loses the line; there is no fallback. What is no regular file is neither written nor
+// moved. The stat that rotation needs tells it, so a line costs no further call; O_NONBLOCK covers a FIFO that has
+// come since then.
 int append_line(const char* name, const char* line) {
     struct stat info {};
-    if (stat(name, &info) == 0 && info.st_size > rotation_threshold) {
-        tr_rotate(name);
+    if (stat(name, &info) == 0) {
+        if (!check_regular(info)) {
+            return -1;
+        }
+        if (info.st_size > rotation_threshold) {
+            tr_rotate(name);
+        }
     }
-    const unique_fd file(open(name, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666));
+    const unique_fd file(open(name, O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666));
     if (!file) {
         return -1;
     }

@@ -1,6 +1,7 @@
 #include "util/ini_file.h"
 
 #include "util/line.h"
+#include "util/regular_file.h"
 #include "util/text.h"
 
 #include <algorithm>
@@ -58,12 +59,10 @@ bool find_value(std::FILE* file, const char* section, const char* key) {
 const char* read_ini_file(const char* file, const char* section, const char* key) {
     char path[path_size];
     format_text(path, "%s/%s", environment("VGD_config"), file);
-    std::FILE* stream = std::fopen(path, "re");
+    const unique_file stream = open_regular_for_reading(path);
     if (stream == nullptr) {
         return nullptr;
     }
     result[0] = '\0';
-    const bool found = find_value(stream, section, key);
-    std::fclose(stream);
-    return found ? result : nullptr;
+    return find_value(stream.get(), section, key) ? result : nullptr;
 }

@@ -1,5 +1,7 @@
 #include "util/line.h"
 
+#include "util/regular_file.h"
+
 #include <algorithm>
 #include <climits>
 #include <cstdio>
@@ -14,13 +16,8 @@ void chomp(char* text) {
 }
 
 int read_one_line_from_file(const char* path, char* buf, std::size_t size) {
-    std::FILE* file = std::fopen(path, "re");
-    if (file == nullptr) {
-        return -1;
-    }
-    const bool got = std::fgets(buf, static_cast<int>(size), file) != nullptr;
-    std::fclose(file);
-    if (!got) {
+    const unique_file file = open_regular_for_reading(path);
+    if (file == nullptr || std::fgets(buf, static_cast<int>(size), file.get()) == nullptr) {
         return -1;
     }
     chomp(buf);

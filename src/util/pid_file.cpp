@@ -1,13 +1,13 @@
 #include "util/pid_file.h"
 
+#include "util/regular_file.h"
 #include "util/text.h"
-#include "util/unique_fd.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
 int write_pidfile(const char* path) {
-    const unique_fd file(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    const unique_fd file = open_regular(path, O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (!file) {
         return -1;
     }

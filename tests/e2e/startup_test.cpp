@@ -1,5 +1,6 @@
 #include "e2e/harness.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
 
@@ -111,6 +112,56 @@ TEST(Startup, AllowedAddresses) {
         Client other = suite.client("127.0.0.2");
         EXPECT_EQ(c.admits ? other.ask("nosuch") : other.rest(), c.admits ? unsupported : "");
         EXPECT_NE(suite.traced("Warning:address is not allowed to"), c.admits);
+    }
+}
+
+// With and without somebody at the other end, who gets nothing.
+TEST(Startup, GoesOnWithAFifoInPlaceOfAFile) {
+    const struct {
+        std::string file;
+        strings args;
+        std::string traced;
+    } cases[] = {
+        {"config/sched.conf", {"-D"}, "Info:use port"},
+        {"config/common.ini", {"-D"}, "Info:use port"},
+        {"config/pvo.ini", {"-D"}, "Info:modules:reading"},
+        {"config/timer_jobs", {"-D"}, "timer_jobs cannot open.(errno=6)\n"},
+        {"data/password", {"-D"}, "Info:password open fails errno=6, no authentication required.\n"},
+        {"data/up_time", {"-D"}, "/up_time errno=6)\n"},
+        {"data/up_time_start", {"-D"}, "/up_time_start errno=6)\n"},
+        {"log/sched.pid", {"-D"}, "/sched.pid:failed to open.(errno=6)\n"},
+        {"log/alivechk.pid", {}, "/alivechk.pid:failed to open.(errno=6)\n"},
+    };
+    for (const auto& c : cases) {
+        for (const bool held : {false, true}) {
+            SCOPED_TRACE(c.file + (held ? ", held" : ""));
+            Suite suite;
+            const std::string fifo = suite.path(c.file);
+            EXPECT_EQ(shell("rm -f " + fifo + "; mkfifo " + fifo + " 2>&1"), "");
+            const unique_fd other_end(held ? open(fifo.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC) : -1);
+            suite.start(c.args);
+            EXPECT_TRUE(suite.traced(c.traced));
+            EXPECT_EQ(suite.client().ask({"nosuch", "qmx\tsyslog\tenable", "nosuch"}),
+                      unsupported + over + unsupported);
+            char byte;
+            EXPECT_EQ(held ? read(other_end.get(), &byte, 1) : -1, -1);
+            EXPECT_EQ(shell("rm " + fifo), "");  // so that nothing of the test waits for it
+        }
+    }
+}
+
+// A launcher that waits for the end of a pipe gets it while we run.
+TEST(Startup, KeepsNoOtherDescriptorOfItsParent) {
+    for (const strings& args : {strings{"-D"}, strings{}}) {
+        Suite suite;
+        const std::string fifo = suite.path("temp/inherited");
+        EXPECT_EQ(shell("mkfifo " + fifo), "");
+        const unique_fd reader(open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+        suite.wrapper = {"sh", "-c", "exec 7>\"$VGD_temp/inherited\" && exec \"$@\"", "sh"};
+        suite.start(args);
+        char byte;
+        EXPECT_EQ(read(reader.get(), &byte, 1), 0) << testing::PrintToString(args);
+        EXPECT_EQ(suite.client().ask("nosuch"), unsupported);
     }
 }
 

@@ -45,6 +45,7 @@ TEST(Minute, JobsReloadParkingUptimeAndTheEnd) {
                            std::to_string((minute + 30) % 60) + " * * * * tick\tnever\n* * * * * patrol\tx\n");
     held.write("config/pvo.ini", "[section 0]\nactive = no\n");
     replace_jobs(idle, "* * * * * tick\ttwo\n");
+    shell("mkfifo " + idle.path("config/pvo.ini"));  // a change like any other, and nothing to wait for
 
     EXPECT_TRUE(wait_until([&] { return idle.read("data/up_time") == "1\n"; }, a_minute));
     held.await_trace("timer:pvo.ini is changed. mtime=");
@@ -52,6 +53,7 @@ TEST(Minute, JobsReloadParkingUptimeAndTheEnd) {
     held.expect_trace({"timer:patrol is changed to be enabled\n", due(0, "tick every", first),
                        "command1:trylock failed.(no.1)\n", "command:no.1 is queue-ed.\n", "command:no.2 is queue-ed.\n",
                        due(3, "patrol x", first), "command:no.4 is queue-ed.\n"});
+    EXPECT_TRUE(idle.traced("timer:pvo.ini is changed. mtime="));
     EXPECT_TRUE(
         in_order(idle.trace(), {"timer:patrol is changed to be disabled\n", "timer:padiag is changed to be disabled\n",
                                 due(0, "tick two", first), "command1:trylock succeed.(no.1)\n"}));

@@ -34,7 +34,8 @@ TEST_F(Event, SystemLogPolls) {
     // A change, then how often a poll forwards and how its trace begins; a full stop stands behind the trace.
     for (const auto& [change, expected] :
          rows("echo >do -> 0 event:Error:failed to stat %, errno=2\n.|: >log -> 1 event:% size changed.(0:0 |"
-              ": -> 0 read_offsetfile() fopen error, errno=2|echo 12 >$O -> 0 read_offsetfile() fscanf error|"
+              ": -> 0 read_offsetfile() fopen error, errno=2|mkfifo $O -> 0 read_offsetfile() fopen error, errno=6|"
+              "rm $O; echo 12 >$O -> 0 read_offsetfile() fscanf error|"
               "S >$O -> 0 .|echo 1 4 >$O -> 1 unsent event exists.(1:4 -> |: -> 1 unsent event exists.(1:4|"
               "echo exit 2 >do; echo two >>log -> 1 event:% size changed.|S >$O -> 1 command1:|"
               "echo >do -> 1 command1:|: -> 0 .|cp log new; mv new log -> 1 event:%|S >$O -> 0 .",

@@ -120,6 +120,26 @@ void lose_log_directory(Suite& suite) {
     suite.await_trace("command:\"diag\" end. status=0\n");
 }
 
+// With and without somebody at the other end, who gets nothing.
+void logs_become_fifos(Suite& suite) {
+    const std::string logs = "cd " + suite.path("log") + "; rm -f *log*; ";
+    for (const bool held : {false, true}) {
+        EXPECT_EQ(shell(logs + "mkfifo sched_log sched_logerr event_log 2>&1"), "");
+        std::vector<unique_fd> other_ends;
+        for (const char* name : {"log/sched_log", "log/sched_logerr", "log/event_log"})
+            if (held) other_ends.emplace_back(open(suite.path(name).c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+        Client client = suite.client();
+        EXPECT_EQ(client.ask("parts\tstatus"), over);
+        for (const char* text : {"E0103:first\n", "E0103:second\n"}) suite.event(text);
+        EXPECT_TRUE(wait_until([&] { return suite.status(client).find("second") != std::string::npos; }));
+        char byte;
+        for (const unique_fd& other_end : other_ends) EXPECT_EQ(read(other_end.get(), &byte, 1), -1);
+        EXPECT_EQ(shell(logs), "");
+        EXPECT_EQ(client.ask("diag\tlogged"), over);
+        suite.await_trace("command:\"diag\" end. status=0\n");
+    }
+}
+
 // The mount is this process's own and goes with it.
 void small_log_disk(Suite& suite) {
     const std::string log = suite.path("log");
@@ -228,6 +248,7 @@ const Fault faults[] = {
     {"StoppedAndContinuedInAWrite", stop_and_continue, "head -c 8000000 /dev/zero | tr '\\0' x"},
     {"ConnectionsResetInMidCommand", reset_in_mid_command, "sleep 0.2; exec yes 'for ever and ever'"},
     {"LogDirectoryGoesAndComesBack", lose_log_directory, "", nothing, traced_to_files},
+    {"LogsBecomeFifos", logs_become_fifos, "", nothing, traced_to_files},
     {"LogDiskIsFull", fill_log_disk, "", small_log_disk, traced_to_files},
     {"EventPipeIsRemade", remake_pipe},
     {"NoDescriptorIsLeft", use_all_descriptors, "", [](Suite& suite) { suite.descriptors = 16; }},

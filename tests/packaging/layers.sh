@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # layers.sh ARCHITECTURE SRC: every component is in the table of layers and includes only components of lower layers;
-# between folders, includes follow the table of folders.
+# between folders, includes follow the table of folders. A component that any other line mentions exists.
 set -euo pipefail
 cd "$2"
 # shellcheck disable=SC2016
@@ -23,7 +23,11 @@ find . -name '*.h' -o -name '*.cpp' | sed 's|^\./||' | sort | xargs awk '
             if (of_folders) row[names[i]] = cell[2] + 0; else layer[names[i]] = cell[2] + 0
         }
     }
-    FILENAME == table { next }
+    FILENAME == table {
+        n = split($0, part, "`")
+        for (i = 2; i <= n; i += 2) if (part[i] ~ /^[a-z0-9]+\/[a-z0-9_]+$/) mentioned[part[i]] = 1
+        next
+    }
     FNR == 1 {
         of = component(FILENAME)
         folder = of
@@ -41,6 +45,11 @@ find . -name '*.h' -o -name '*.cpp' | sed 's|^\./||' | sort | xargs awk '
         if (row_of(what) > row_of(of)) complain(of " (F" row_of(of) ") includes " what " (F" row_of(what) ")")
     }
     END {
+        for (name in mentioned) {
+            folder = name
+            sub(/[^\/]*$/, "", folder)
+            if (folder in seen && !(name in seen)) complain("mentioned, but no component: " name)
+        }
         for (name in named) if (!(name in seen)) complain("in the table only: " name)
         exit bad
     }' table="$1" "$1"

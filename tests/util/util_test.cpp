@@ -2,8 +2,10 @@
 #include "util/ini_file.h"
 #include "util/line.h"
 #include "util/pid_file.h"
+#include "util/regular_file.h"
 
 #include <atomic>
+#include <fcntl.h>
 
 namespace unit {
 
@@ -62,6 +64,26 @@ TEST_F(Util, NumbersNewlinesAndFirstLines) {
         EXPECT_EQ(std::to_string(result) + buf, expected) << content;
     }
     EXPECT_EQ(read_one_line_from_file(path("data/missing").c_str(), nullptr, 8), -1);
+}
+
+TEST_F(Util, OnlyRegularFilesAreOpened) {
+    shell("ln -s /dev/zero zero; ln -s out link; mkfifo fifo read-fifo");
+    const unique_fd reader(open(path("read-fifo").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    const struct {
+        const char* name;
+        int flags, error;
+    } cases[] = {
+        {"out", O_RDONLY, 0},       {"link", O_WRONLY | O_TRUNC, 0}, {"new", O_WRONLY | O_CREAT, 0},
+        {"none", O_RDONLY, ENOENT}, {"fifo", O_RDONLY, ENXIO},       {"fifo", O_WRONLY | O_CREAT, ENXIO},
+        {"zero", O_RDONLY, ENXIO},  {"read-fifo", O_WRONLY, ENXIO},  {"log", O_RDONLY, EISDIR},
+    };
+    for (const auto& c : cases) {
+        errno = 0;
+        const unique_fd file = open_regular(path(c.name).c_str(), c.flags, 0600);
+        EXPECT_EQ(errno, c.error) << c.name << " " << c.flags;
+        EXPECT_EQ(!file, c.error != 0) << c.name << " " << c.flags;
+    }
+    EXPECT_EQ(open_regular_for_reading(path("fifo").c_str()), nullptr);
 }
 
 TEST_F(Util, PidFile) {
