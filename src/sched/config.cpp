@@ -22,7 +22,7 @@ void set_if_positive(std::int32_t& field, const char* value) {
     }
 }
 
-// The mask of a prefix length, host byte order. Lengths that make no sense mean the one address alone.
+// The mask of a prefix length, host byte order. A length outside 1 to 32 gives the mask of a single address.
 std::uint32_t prefix_mask(int length) {
     return length < 1 || length > prefix_max ? 0xffffffff : 0xffffffffU << (prefix_max - length);
 }
@@ -85,7 +85,7 @@ void read_config() {
         if (value == nullptr) {
             continue;
         }
-        // Traced before it is judged: a value that is not acceptable can so be found.
+        // Traced before the check, so that the trace shows a rejected value too.
         trprintf("ini:file=\"%s\" section=\"%s\" key=\"%s\" value=\"%s\"\n", row.file, section, row.key,
                  value);
         row.apply(value);

@@ -1,6 +1,6 @@
 // Settings from the two INI files.
 #pragma once
 
-// Reads "sched.conf" and "common.ini" into the record. What is missing or not acceptable keeps its default.
+// Reads "sched.conf" and "common.ini" into the record. A missing or rejected value leaves the default.
 // Start-up only.
 void read_config();

@@ -90,8 +90,8 @@ void set_action(int signal, void (*handler)(int)) {
     sigaction(signal, &action, nullptr);
 }
 
-// Only the signals with which an operator ends us get through. Threads and children inherit this; a write to a
-// closed socket fails with an error instead of ending the process.
+// Blocks every signal but those with which an operator ends the process. Threads and children inherit the mask. With
+// SIGPIPE blocked, a write to a closed socket fails with an error instead of ending the process.
 void set_up_signals() {
     sigset_t blocked;
     sigfillset(&blocked);
@@ -100,8 +100,8 @@ void set_up_signals() {
     sigdelset(&blocked, SIGQUIT);
     pthread_sigmask(SIG_SETMASK, &blocked, nullptr);
     set_action(SIGALRM, SIG_IGN);
-    // Whoever starts us may have had these ignored, as shells do for what they run in the background. Without the
-    // first of them no child's status could be had.
+    // The parent may have ignored these signals, as a shell does for a background command; with SIGCHLD ignored,
+    // waitpid gets no status.
     for (const int signal : {SIGCHLD, SIGINT, SIGTERM, SIGQUIT}) {
         set_action(signal, SIG_DFL);
     }
@@ -200,7 +200,7 @@ void init_sched2() {
 }
 
 void apply_niceness(int increment) {
-    errno = 0;  // stays so when a negative niceness is the result and no failure
+    errno = 0;  // nice may return a negative niceness without a failure; the trace then shows 0
     if (nice(increment) < 0) {
         trprintf("Error:nice(%d) errno=%d\n", increment, errno);
     }

@@ -25,7 +25,7 @@ constexpr int status_port_in_use = 0x200;  // exit code 2
     std::exit(1);
 }
 
-// Ends the supervisor when the scheduler's wait status says so; returns when it is to be started again.
+// Ends the supervisor when the scheduler's wait status is final; returns when the scheduler has to be started again.
 void end_if_final(int status) {
     switch (status) {
         case status_normal:
@@ -94,7 +94,7 @@ pid_t create_sched() {
 void alive_check() {
     record_pid(st->alivechk_pid_path);
     if (const char* directory = std::getenv("VGD_temp"); directory != nullptr) {
-        [[maybe_unused]] const int moved = chdir(directory);  // else the modules run where we were started
+        [[maybe_unused]] const int moved = chdir(directory);  // else modules run where we were started
     }
     for (int attempt = 1; attempt <= start_max; ++attempt) {
         int status = 0;

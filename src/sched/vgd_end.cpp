@@ -6,7 +6,7 @@
 #include <cstdlib>
 
 void exit_process(int code) {
-    // exit() must not run in two threads at once. Never unlocked: a second caller waits for the process to be gone.
+    // exit() must not run in two threads at once. Never unlocked: a second caller waits until the process ends.
     static constinit posix_mutex ending;
     ending.lock();
     std::exit(code);

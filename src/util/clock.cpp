@@ -102,7 +102,7 @@ int date2iso8601(std::time_t when, char (&out)[iso_size]) {
 
 std::time_t iso2date(const char* text) {
     iso_fields f{};
-    int end = -1;  // stays so unless the text goes on to the "Z"
+    int end = -1;  // set only when the text has its "Z"
     if (std::sscanf(text, "%4d-%2d-%2dT%2d:%2d:%2dZ%n", &f.year, &f.month, &f.day, &f.hour, &f.minute,
                     &f.second, &end) == 6 &&
         end >= 0) {
@@ -130,8 +130,8 @@ std::time_t sleep_to_multiple(std::time_t interval) {
         if (now.tv_nsec > 0) {
             left = {left.tv_sec - 1, nanoseconds_per_second - now.tv_nsec};
         }
-        // Relative, so that a clock set back by hours cannot make it sleep for hours. It may end a little early by
-        // the wall clock, which is slewed while we sleep; then the rest is slept, so that no minute comes twice.
+        // A relative sleep: a clock that is set back by hours does not prolong it. By the wall clock, which may be
+        // slewed meanwhile, it can end a little early; then the loop sleeps the rest, so that no minute comes twice.
         nanosleep(&left, nullptr);
         now = wall_clock();
     }

@@ -56,5 +56,6 @@ int date2iso8601(std::time_t when, char (&out)[iso_size]);
 std::time_t iso2date(const char* text);
 
 // Sleeps until the wall clock reaches the next multiple of interval (seconds, above 0) and returns the time then.
-// A clock set back while sleeping starts the wait anew; one set forward ends it late by at most one interval.
+// When the clock is set back meanwhile, the wait starts anew; when it is set forward, the wait ends at most one
+// interval late.
 std::time_t sleep_to_multiple(std::time_t interval);

@@ -1,7 +1,7 @@
 // The descriptors a process starts with.
 #pragma once
 
-// The limit to which close_from looks for descriptors where the kernel cannot close a range. Any thread.
+// The number below which every descriptor lies; close_from needs it where the kernel cannot close a range. Any thread.
 long descriptor_limit();
 
 // Closes every descriptor from first on; limit is descriptor_limit(). Async-signal-safe.

@@ -23,7 +23,7 @@ public:
     posix_mutex(const posix_mutex&) = delete;
     posix_mutex& operator=(const posix_mutex&) = delete;
 
-    // The errors a default mutex can report come from misuse only; there is nothing to do about them at run time.
+    // A default mutex reports errors for misuse only, so the results are not looked at.
     void lock() ACQUIRE() { static_cast<void>(pthread_mutex_lock(&mutex_)); }
     void unlock() RELEASE() { static_cast<void>(pthread_mutex_unlock(&mutex_)); }
     // Unlocks, waits for a signal on condition, and locks again; may also return without a signal.

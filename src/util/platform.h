@@ -1,4 +1,4 @@
-// What the hardware platform calls for.
+// The hardware platform.
 #pragma once
 
 // True on the platforms that run the prognosis steps: VGD_PLATFORM is exactly "KT" or "ZW". Any thread.

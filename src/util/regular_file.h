@@ -1,4 +1,4 @@
-// Opening files so that what stands in their place cannot block the daemon.
+// Opening regular files only: a FIFO or a device in place of a file cannot block the daemon.
 #pragma once
 
 #include "util/unique_fd.h"

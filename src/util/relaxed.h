@@ -3,8 +3,8 @@
 
 #include <atomic>
 
-// Reads and writes are whole but ordered against nothing else: right for marks, switches and counters that stand
-// for themselves, wrong for a flag that announces other data.
+// Reads and writes are whole but ordered against nothing else: right for marks, switches and counters that are
+// read alone, wrong for a flag that announces other data.
 template <typename T>
 class relaxed {
 public:
@@ -18,7 +18,7 @@ public:
         value_.store(value, std::memory_order_relaxed);
         return value;
     }
-    // Stores value and returns what stood there before, in one step.
+    // Stores value and returns the old value, in one step.
     T exchange(T value) noexcept { return value_.exchange(value, std::memory_order_relaxed); }
 
 private:
