@@ -1,8 +1,9 @@
 # shellcheck shell=bash
-# What the scripts share; sourced, never run. Sets $root and moves there.
+# What the scripts share; sourced, never run. Sets $root and $logs, and moves to $root.
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root" || exit 1
+logs=$root/build-logs
 
 heading() {
     printf '\n== %s ==\n' "$*"
@@ -13,40 +14,51 @@ fail() {
     exit 1
 }
 
+# ---- packages ------------------------------------------------------------------------------------------------------
+
+# can_be_root: sudo may ask for a password where somebody can type it.
+can_be_root() {
+    [ "$(id -u)" -eq 0 ] || sudo -n true 2>/dev/null || { [ -t 0 ] && sudo -v 2>/dev/null; }
+}
+
 as_root() {
     if [ "$(id -u)" -eq 0 ]; then
         "$@"
     else
-        sudo -n "$@"
+        sudo "$@"
     fi
 }
 
 apt_install() {
     as_root env DEBIAN_FRONTEND=noninteractive apt-get -qq -o DPkg::Lock::Timeout=300 \
-        install --yes --no-install-recommends "$@" </dev/null
+        install --yes --no-install-recommends "$@"
+}
+
+# The package lists may be absent or old; they are fetched only when the first try shows it.
+apt_install_fresh() {
+    apt_install "$@" || { as_root apt-get -qq -o DPkg::Lock::Timeout=300 update && apt_install "$@"; }
 }
 
 # need_packages NAME...: installs the Debian packages that are missing; silent when none is.
 need_packages() {
-    local missing=() name log
+    local missing=() name
     command -v dpkg-query >/dev/null || return 0 # not Debian: whatever is missing will be named by the build
     for name in "$@"; do
         [ "$(dpkg-query -W -f='${db:Status-Status}' "$name" 2>/dev/null)" = installed ] || missing+=("$name")
     done
     [ ${#missing[@]} -gt 0 ] || return 0
-
-    printf 'installing %s\n' "${missing[*]}"
-    log=$(mktemp)
-    # The package lists may be absent or old; they are fetched only when the first try shows it.
-    if ! apt_install "${missing[@]}" >"$log" 2>&1 &&
-        ! { as_root apt-get -qq -o DPkg::Lock::Timeout=300 update </dev/null &&
-            apt_install "${missing[@]}"; } >>"$log" 2>&1; then
-        cat "$log" >&2
-        rm -f "$log"
-        fail "could not install: ${missing[*]}"
-    fi
-    rm -f "$log"
+    can_be_root || fail "these packages are missing, and only root can install them: apt-get install ${missing[*]}"
+    logged install "installing ${missing[*]}" apt_install_fresh "${missing[@]}"
 }
+
+# need_sanitizer_runtime: clang's sanitizers come in a package that is named after its version.
+need_sanitizer_runtime() {
+    need_packages clang
+    ! echo 'int main() {}' | clang++ -fsanitize=address,undefined -x c++ -o /dev/null - 2>/dev/null || return 0
+    need_packages "libclang-rt-$(clang -dumpversion | cut -d . -f 1)-dev"
+}
+
+# ---- building and testing ------------------------------------------------------------------------------------------
 
 # A new build tree uses ninja and ccache where they are; one that exists keeps its generator.
 use_fast_tools() {
@@ -59,28 +71,88 @@ use_fast_tools() {
     export CMAKE_BUILD_PARALLEL_LEVEL=${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)}
 }
 
-# quietly COMMAND...: shows the output only when the command fails.
-quietly() {
-    local log status=0
-    log=$(mktemp)
-    "$@" >"$log" 2>&1 </dev/null || status=$?
-    [ "$status" -eq 0 ] || cat "$log" >&2
-    rm -f "$log"
-    return "$status"
+# show_progress LOG: the last line of the log, in place each second on a terminal, else each 20 seconds. It ends with
+# the script whatever ends that.
+show_progress() {
+    local seconds=0
+    while sleep 1 && kill -0 $$ 2>/dev/null; do
+        seconds=$((seconds + 1))
+        if [ -t 1 ]; then
+            printf '\r\033[K%.70s' "$(tail -n 1 "$1")"
+        elif [ $((seconds % 20)) -eq 0 ]; then
+            printf '  %4d s  %.100s\n' "$seconds" "$(tail -n 1 "$1")"
+        fi
+    done
 }
 
-# build_preset NAME: configures and builds one of CMakePresets.json.
+# logged NAME WHAT COMMAND...: says WHAT is done, shows that it goes on and how long it took. The output goes to
+# build-logs/NAME.log; its end is shown when the command fails, which ends the script.
+logged() {
+    local name=$1 what=$2 log=$logs/$1.log started=$SECONDS status=0 progress
+    shift 2
+    mkdir -p "$logs"
+    printf '%s ...\n' "$what"
+    : >"$log"
+    show_progress "$log" &
+    progress=$!
+    "$@" >"$log" 2>&1 </dev/null || status=$?
+    kill "$progress"
+    wait "$progress" 2>/dev/null || true
+    [ ! -t 1 ] || printf '\r\033[K'
+    if [ "$status" -ne 0 ]; then
+        tail -n 40 "$log" >&2
+        fail "$what: failed with $status; the whole output is in ${log#"$root/"}"
+    fi
+    printf '%s: done in %d s\n' "${what%% *}" $((SECONDS - started))
+}
+
+# build_tree TREE CMAKE-ARGUMENT... [-- BUILD-ARGUMENT...]: configures and compiles.
+build_tree() {
+    local tree=$1 configure=()
+    shift
+    while [ $# -gt 0 ] && [ "$1" != -- ]; do
+        configure+=("$1")
+        shift
+    done
+    [ $# -eq 0 ] || shift
+    logged "configure-$tree" "configuring $tree" cmake -S . -B "$tree" "${configure[@]}"
+    logged "compile-$tree" "compiling $tree" cmake --build "$tree" "$@"
+}
+
+# build_preset NAME [BUILD-ARGUMENT...]: the same with one of CMakePresets.json.
 build_preset() {
-    quietly cmake --preset "$1" && quietly cmake --build --preset "$1"
+    logged "configure-$1" "configuring $1" cmake --preset "$1"
+    logged "compile-$1" "compiling $1" cmake --build --preset "$@"
+}
+
+# summarise LOG: passes ctest's output on, and before its summary says why tests were skipped.
+summarise() {
+    awk -v log_file="$1" '
+        /^[0-9]+% tests passed/ { in_summary = 1 }
+        in_summary { summary = summary $0 "\n"; next }
+        { print; fflush() }
+        END {
+            while ((getline line <log_file) > 0) {
+                if (line ~ /^[0-9]+\/[0-9]+ Test: /) { name = line; sub(/.* Test: /, "", name) }
+                says_why = reason_follows || sub(/^skipped: /, "", line)
+                if (says_why) print "skipped " name ": " line
+                reason_follows = line ~ /: Skipped$/
+            }
+            printf "%s", summary
+        }'
 }
 
 # test_preset NAME: runs the tests of a built preset. Most of them wait for a daemon rather than compute, so more
 # of them run at once than there are processors.
 test_preset() {
-    local run=()
+    local run=() tree=build-$1
+    [ "$1" != release ] || tree=build
     # ThreadSanitizer cannot place its shadow where the kernel spreads mappings over more than 28 bits.
     if [ "$1" = tsan ] && [ "$(cat /proc/sys/vm/mmap_rnd_bits 2>/dev/null || echo 28)" -gt 28 ]; then
         run=(setarch -R)
     fi
-    "${run[@]}" ctest --preset "$1" --parallel "${TEST_JOBS:-$((2 * $(nproc)))}" </dev/null
+    printf 'testing %s ...\n' "$1"
+    "${run[@]}" ctest --preset "$1" --parallel "${TEST_JOBS:-$((2 * $(nproc)))}" </dev/null |
+        summarise "$tree/Testing/Temporary/LastTest.log" ||
+        fail "a test of $1 failed; the whole output is in $tree/Testing/Temporary/LastTest.log"
 }
