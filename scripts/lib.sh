@@ -71,31 +71,40 @@ use_fast_tools() {
     export CMAKE_BUILD_PARALLEL_LEVEL=${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)}
 }
 
-# show_progress LOG: the last line of the log, in place each second on a terminal, else each 20 seconds. It ends with
-# the script whatever ends that.
+# progress_in LOG: its last line that begins with a count as ninja's and make's do, else its last line.
+progress_in() {
+    { tail -n 50 "$1" | grep '^\[' || cat "$1"; } | tail -n 1
+}
+
+# show_progress LOG: how far it is, in place each second on a terminal, else each 20 seconds. It ends with the script,
+# whatever ends that.
 show_progress() {
     local seconds=0
     while sleep 1 && kill -0 $$ 2>/dev/null; do
         seconds=$((seconds + 1))
         if [ -t 1 ]; then
-            printf '\r\033[K%.70s' "$(tail -n 1 "$1")"
+            printf '\r\033[K%.70s' "$(progress_in "$1")"
         elif [ $((seconds % 20)) -eq 0 ]; then
-            printf '  %4d s  %.100s\n' "$seconds" "$(tail -n 1 "$1")"
+            printf '  %4d s  %.100s\n' "$seconds" "$(progress_in "$1")"
         fi
     done
 }
 
 # logged NAME WHAT COMMAND...: says WHAT is done, shows that it goes on and how long it took. The output goes to
-# build-logs/NAME.log; its end is shown when the command fails, which ends the script.
+# build-logs/NAME.log; its end is shown when the command fails, which ends the script. A function stops at its first
+# command that fails.
 logged() {
-    local name=$1 what=$2 log=$logs/$1.log started=$SECONDS status=0 progress
+    local name=$1 what=$2 log=$logs/$1.log started=$SECONDS status progress
     shift 2
     mkdir -p "$logs"
     printf '%s ...\n' "$what"
     : >"$log"
     show_progress "$log" &
     progress=$!
-    "$@" >"$log" 2>&1 </dev/null || status=$?
+    set +e
+    (set -e && "$@") >"$log" 2>&1 </dev/null
+    status=$?
+    set -e
     kill "$progress"
     wait "$progress" 2>/dev/null || true
     [ ! -t 1 ] || printf '\r\033[K'
