@@ -3,7 +3,7 @@
 #include "comm/line_reader.h"
 #include "sched/sched_status.h"
 #include "sha256/sha256.h"
-#include "timer/job_table.h"
+#include "timer/job_field.h"
 #include "trace/trace.h"
 #include "util/text.h"
 

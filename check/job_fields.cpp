@@ -1,6 +1,7 @@
 #include "job_fields.h"
 
 #include "report.h"
+#include "timer/job_field.h"
 #include "timer/job_table.h"
 #include "trace_capture.h"
 
@@ -88,7 +89,7 @@ std::vector<std::string> judge_fields(const std::string& line) {
     const char* text = line.c_str();
     for (const time_field& field : fields) {
         judge_field({text, std::strcspn(text, " \t\n\v\f\r")}, field, findings);
-        text = next_word(text);
+        text = next_word(text, 1);
     }
     return findings;
 }
@@ -96,7 +97,7 @@ std::vector<std::string> judge_fields(const std::string& line) {
 std::string command_of(const std::string& line) {
     const char* text = line.c_str();
     for (std::size_t i = 0; i < std::size(fields); ++i) {
-        text = next_word(text);
+        text = next_word(text, 1);
     }
     return {text, std::strcspn(text, "\n")};
 }

@@ -38,9 +38,9 @@ void refuse(const hmistruc* hmi, std::string_view answer) {
 }
 
 // Null, with the reason traced and told to the HMI, when the command cannot be run.
-const char* accept_command(const hmistruc* hmi, const char* line, char* const argv[]) {
-    if (const int count = count_arguments(line); count > argument_max) {
-        trprintf("Error:command:too many arguments (%d, max=%d) \"%s\"\n", count, argument_max, argv[0]);
+const char* accept_command(const hmistruc* hmi, int fields, char* const argv[]) {
+    if (fields > argument_max) {
+        trprintf("Error:command:too many arguments (%d, max=%d) \"%s\"\n", fields, argument_max, argv[0]);
         refuse(hmi, unsupported_line);
         return nullptr;
     }
@@ -109,9 +109,10 @@ int count_arguments(const char* line) {
     return 1 + static_cast<int>(std::count(line, line + std::strlen(line), '\t'));
 }
 
-void split_to_token(char* text, int& count, char* (&vector)[vector_size]) {
+int split_to_token(char* text, int& count, char* (&vector)[vector_size]) {
     count = 0;
-    for (bool more = true; more && count < argument_max;) {
+    bool more = true;
+    while (more && count < argument_max) {
         vector[count++] = text;
         text = skip_non_delimiter(text);
         more = *text == '\t';
@@ -120,6 +121,7 @@ void split_to_token(char* text, int& count, char* (&vector)[vector_size]) {
         }
     }
     vector[count] = nullptr;
+    return more ? count + count_arguments(text) : count;
 }
 
 int do_command2(hmistruc* hmi, const char* line, char* capture, int capture_size) {
@@ -127,8 +129,8 @@ int do_command2(hmistruc* hmi, const char* line, char* capture, int capture_size
     copy_text(text, line);
     int argc = 0;
     char* argv[vector_size];
-    split_to_token(text, argc, argv);
-    const char* entrypath = accept_command(hmi, line, argv);
+    const int fields = split_to_token(text, argc, argv);
+    const char* entrypath = accept_command(hmi, fields, argv);
     if (entrypath == nullptr) {
         return -1;
     }

@@ -25,8 +25,8 @@ char* skip_non_delimiter(char* text);
 int count_arguments(const char* line);
 
 // Cuts text at its TABs and fills the vector and its null entry. At most 15 arguments are stored; what follows the
-// last of them is dropped, so callers that must not lose it ask count_arguments first.
-void split_to_token(char* text, int& count, char* (&vector)[vector_size]);
+// last of them is dropped. Returns how many arguments the text has, which is more than count when some were dropped.
+int split_to_token(char* text, int& count, char* (&vector)[vector_size]);
 
 // Runs one module command now. hmi: receives output and terminating line, or null. capture: see start_command.
 // Returns the wait status, or -1 when the command was refused or could not be started.

@@ -3,6 +3,7 @@
 #include "comm/reply.h"
 #include "sched/sched_status.h"
 #include "trace/trace.h"
+#include "util/line.h"
 #include "util/regular_file.h"
 
 #include <cerrno>
@@ -40,11 +41,13 @@ void clear_table() {
 
 bool parse_entry(const char* line, int number) {
     module_entry& entry = mod[number];
-    if (std::sscanf(line, "%511s %511s %511s %d", entry.name, entry.entrypath, entry.display,
+    int timeout_at = 0;
+    if (std::sscanf(line, "%511s %511s %511s %n%d", entry.name, entry.entrypath, entry.display, &timeout_at,
                     &entry.timeout) != 4) {
         trprintf("Warning:modules:invalid line. \"%s\"\n", line);
         return false;
     }
+    entry.timeout = decimal_value(line + timeout_at);  // sscanf does not clamp
     trprintf("Info:modules:%d \"%s\" \"%s\" \"%s\" %d\n", number, entry.name, entry.entrypath, entry.display,
              entry.timeout);
     entry.enabled = 1;

@@ -13,65 +13,44 @@ namespace {
 
 constexpr int answer_size = 1000;  // bytes of a module's answer that are looked at
 
-void raise_error() {
-    set_and_stamp(st->error);
-}
-void raise_prevent() {
-    set_and_stamp(st->prevent);
-}
-void raise_conf() {
-    set_and_stamp(st->conf);
-}
-void raise_confdate() {
-    set_and_stamp(st->confdate);
-}
-void raise_diag() {
-    set_and_stamp(st->diag);
-}
-void raise_snap() {
-    set_and_stamp(st->snap);
-}
-void clear_snap() {
-    st->snap.set = 0;
-}
-void raise_korvo() {
-    set_and_stamp(st->korvo);
+// Reported again; keep the original time stamp.
+void confirm(status_mark& mark) {
+    mark.set = 1;
 }
 
-// Seen again, but since when it has been so stays as it was.
-void confirm_korvo() {
-    st->korvo.set = 1;
+void clear(status_mark& mark) {
+    mark.set = 0;
 }
 
-void recheck_diag() {
-    mark_question question(st->diag);
+void recheck_diag(status_mark& mark) {
+    mark_question question(mark);
     if (do_command(nullptr, "diag\tstatus", 0, &question) == 0) {
         question.clear_mark();
     }
 }
 
-void recheck_parts() {
+void recheck_parts(status_mark& mark) {
     char answer[answer_size];
-    mark_question question(st->error);
+    mark_question question(mark);
     if (do_command_with_buffer("parts\tstatus", answer, answer_size, &question) == condition_status) {
-        set_and_stamp(st->error);
+        set_and_stamp(mark);
     } else {
         question.clear_mark();
     }
 }
 
 // The configuration has been read anew: take its date from the module, and tell the suite when it is another one.
-void update_confdate() {
+void update_confdate(status_mark& mark) {
     char answer[answer_size + 1] = "";  // the runner writes no NUL
     if (do_command_with_buffer("devconf\tdate", answer, answer_size) == 0) {
         chomp(answer);
         trprintf("devconf date => %s\n", answer);
         const std::time_t date = iso2date(answer);
-        if (date != st->confdate.stamp.time) {
+        if (date != mark.stamp.time) {
             do_command_with_buffer("confchg", answer, answer_size);
         }
-        st->confdate.set = 1;
-        st->confdate.stamp.time = date;
+        mark.set = 1;
+        mark.stamp.time = date;
     }
     st->conf.set = 0;
     do_command(nullptr, "analysis\terror", 0);
@@ -79,19 +58,27 @@ void update_confdate() {
 
 struct event_effect {
     std::string_view digits;  // third and fourth digit of the code
-    void (*apply)();
-    event_audience audience;
+    status_mark sched_status::*mark;
+    void (*apply)(status_mark& mark);
+    event_audience audience = event_audience::hmis;
 };
 
 // Codes that are not listed change nothing and go to the HMIs.
 constexpr event_effect effects[] = {
-    {"01", raise_error, event_audience::hmis},     {"02", raise_error, event_audience::hmis},
-    {"03", raise_prevent, event_audience::hmis},   {"04", raise_conf, event_audience::hmis},
-    {"05", update_confdate, event_audience::hmis}, {"06", raise_confdate, event_audience::hmis},
-    {"07", raise_diag, event_audience::hmis},      {"08", recheck_diag, event_audience::hmis},
-    {"11", recheck_parts, event_audience::nobody}, {"12", raise_confdate, event_audience::hmis},
-    {"14", raise_snap, event_audience::hmis},      {"15", clear_snap, event_audience::hmis},
-    {"17", raise_korvo, event_audience::hmis},     {"18", confirm_korvo, event_audience::hmis},
+    {"01", &sched_status::error, set_and_stamp},
+    {"02", &sched_status::error, set_and_stamp},
+    {"03", &sched_status::prevent, set_and_stamp},
+    {"04", &sched_status::conf, set_and_stamp},
+    {"05", &sched_status::confdate, update_confdate},
+    {"06", &sched_status::confdate, set_and_stamp},
+    {"07", &sched_status::diag, set_and_stamp},
+    {"08", &sched_status::diag, recheck_diag},
+    {"11", &sched_status::error, recheck_parts, event_audience::nobody},
+    {"12", &sched_status::confdate, set_and_stamp},
+    {"14", &sched_status::snap, set_and_stamp},
+    {"15", &sched_status::snap, clear},
+    {"17", &sched_status::korvo, set_and_stamp},
+    {"18", &sched_status::korvo, confirm},
 };
 
 }  // namespace
@@ -100,7 +87,7 @@ event_audience apply_event_effect(const char* text) {
     const std::string_view digits(text + 3, 2);
     for (const event_effect& effect : effects) {
         if (effect.digits == digits) {
-            effect.apply();
+            effect.apply(st->*effect.mark);
             return effect.audience;
         }
     }

@@ -3,7 +3,7 @@
 #include "event/syslog_switch.h"
 #include "sched/sched_status.h"
 #include "trace/trace.h"
-#include "util/clock.h"
+#include "util/interval_sleep.h"
 #include "util/regular_file.h"
 
 #include <cerrno>
@@ -69,8 +69,9 @@ void syslog_poll(const char* path, syslog_seen& seen) {
 
 void event_main_syslog() {
     syslog_seen seen;
+    interval_sleep poll(st->syslog_poll_interval);
     for (;;) {
-        sleep_to_multiple(st->syslog_poll_interval);
+        poll.next();
         syslog_poll(system_log_path, seen);
     }
 }

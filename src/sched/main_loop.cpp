@@ -23,7 +23,8 @@ namespace {
 
 constexpr unsigned accept_pause = 1;  // seconds, after a failed accept
 
-bool timer_thread_exists = false;
+bool timer_thread_exists =
+    false;  // written and read by the main thread: without it nothing reads the job file
 
 template <void (*Body)()>
 void* thread_body(void* /*argument*/) {
@@ -50,12 +51,6 @@ void wait_for_pipe() {
 
 void mark_if_condition(status_mark& mark, const char* command) {
     if (do_command_with_buffer(command, nullptr, 0) == condition_status) {
-        set_and_stamp(mark);
-    }
-}
-
-void mark_if_on_timer(status_mark& mark, const char* name) {
-    if (is_available_on_timer(name) != 0) {
         set_and_stamp(mark);
     }
 }

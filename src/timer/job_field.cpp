@@ -1,10 +1,10 @@
-// Parsing of one time field.
-#include "timer/job_table.h"
+#include "timer/job_field.h"
 
 #include "trace/trace.h"
 #include "util/line.h"
 #include "util/text.h"
 
+#include <cctype>
 #include <cstring>
 #include <string_view>
 
@@ -77,4 +77,18 @@ void set_job_field(const char* field, std::uint8_t* slots, int n) {
         }
         set_item(item, slots, n);
     }
+}
+
+const char* next_word(const char* text, int lineno) {
+    while (*text != '\0' && std::isspace(static_cast<unsigned char>(*text)) == 0) {
+        ++text;
+    }
+    while (*text == ' ') {
+        ++text;
+    }
+    if (std::iscntrl(static_cast<unsigned char>(*text)) != 0) {
+        trprintf("Error:timer:job_file:short line at line %d\n", lineno);
+        return nullptr;
+    }
+    return text;
 }

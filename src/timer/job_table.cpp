@@ -1,6 +1,7 @@
 #include "timer/job_table.h"
 
 #include "sched/sched_status.h"
+#include "timer/job_field.h"
 #include "trace/trace.h"
 #include "util/clock.h"
 #include "util/line.h"
@@ -9,7 +10,6 @@
 #include "util/text.h"
 
 #include <atomic>
-#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <string_view>
@@ -21,13 +21,17 @@ namespace {
 constinit posix_mutex jobs_lock;
 job_table jobs GUARDED_BY(jobs_lock);
 
-// Timer thread only.
-job_table next_jobs;      // the table being read
-std::uint32_t mtime = 0;  // of the job file, as last read
-int lineno = 0;           // line being parsed, from 1
+// The job file as last read. Timer thread only.
+file_identity job_file;
 
 // Set once by the timer thread after its first read.
 std::atomic<bool> is_loaded = false;
+
+// One reading of the job file.
+struct job_reading {
+    job_table table;  // the jobs so far
+    int lineno;       // line being parsed, from 1
+};
 
 bool is_star(const char* field) {
     return field[0] == '*' && field[1] == ' ';
@@ -36,117 +40,96 @@ bool is_star(const char* field) {
 // Fills a cleared record from a line. False when the line is short.
 // Day of the month and weekday as in cron: a lone star leaves the decision to the other field; two stars are every
 // day; two restrictions are met by either.
-bool parse_job(const char* line, job_record& record) {
-    const char* field = line;
-    set_job_field(field, record.minute, minute_slots);
-    if ((field = next_word(field)) == nullptr) {
-        return false;
+bool parse_job(const char* text, int lineno, job_record& record) {
+    const struct {
+        std::uint8_t* slots;
+        int count;
+    } fields[] = {{record.minute, minute_slots},
+                  {record.hour, hour_slots},
+                  {record.mday, mday_slots},
+                  {record.month, month_slots},
+                  {record.wday, wday_slots}};
+    bool any_mday = false;
+    for (const auto& field : fields) {
+        const bool is_mday = field.slots == record.mday;
+        any_mday = is_mday ? is_star(text) : any_mday;
+        const bool other_decides = is_mday || (field.slots == record.wday && !any_mday);
+        if (!other_decides || !is_star(text)) {
+            set_job_field(text, field.slots, field.count);
+        }
+        text = next_word(text, lineno);
+        if (text == nullptr) {
+            return false;
+        }
     }
-    set_job_field(field, record.hour, hour_slots);
-    if ((field = next_word(field)) == nullptr) {
-        return false;
-    }
-    const bool any_mday = is_star(field);
-    if (!any_mday) {
-        set_job_field(field, record.mday, mday_slots);
-    }
-    if ((field = next_word(field)) == nullptr) {
-        return false;
-    }
-    set_job_field(field, record.month, month_slots);
-    if ((field = next_word(field)) == nullptr) {
-        return false;
-    }
-    if (any_mday || !is_star(field)) {
-        set_job_field(field, record.wday, wday_slots);
-    }
-    if ((field = next_word(field)) == nullptr) {
-        return false;
-    }
-    copy_text(record.command, field);
+    copy_text(record.command, text);
     return true;
 }
 
-// Reads all lines into next_jobs.
-void parse_jobs(std::FILE* file) {
-    lineno = 0;
+void parse_jobs(std::FILE* file, job_reading& reading) {
+    job_table& table = reading.table;
     char line[job_line_size];
     while (std::fgets(line, sizeof line, file) != nullptr) {
-        ++lineno;
+        ++reading.lineno;
         if (line[0] == '#') {
             continue;
         }
         chomp(line);
-        job_record& record = next_jobs.job[next_jobs.jmax];
-        record = {};
-        if (!parse_job(line, record)) {
+        job_record& record = table.job[table.jmax];
+        if (!parse_job(line, reading.lineno, record)) {
             record = {};
             continue;
         }
-        trprintf("Info:timer:job=%d \"%s\"\n", next_jobs.jmax, line);
-        if (++next_jobs.jmax == job_max) {
+        trprintf("Info:timer:job=%d \"%s\"\n", table.jmax, line);
+        if (++table.jmax == job_max) {
             trprintf("Warning:timer:job table full, ignore remains\n");
             return;
         }
     }
 }
 
-void publish_jobs() {
+void publish_jobs(const job_table& table) {
     const mutex_guard guard(jobs_lock);
-    jobs = next_jobs;
+    jobs = table;
 }
 
-// Takes the time before the lines are read: a change that comes while we read is then seen at the next look.
-std::uint32_t file_mtime(std::FILE* file) {
+// Asked before the lines are read: a change that comes while we read is then seen at the next look.
+file_identity open_file_identity(std::FILE* file) {
     struct stat info {};
     if (fstat(fileno(file), &info) != 0) {
         trprintf("Error:failed to stat of timer_jobs. errno=%d\n", errno);
-        return static_cast<std::uint32_t>(now_seconds());
+        return {now_seconds()};
     }
-    return static_cast<std::uint32_t>(info.st_mtime);
+    return identity_of(info);
 }
 
-void read_job_file() {
+void read_job_file(job_reading& reading) {
     unique_file file = open_regular_for_reading(st->timer_jobs_path);
     if (file == nullptr) {
         trprintf("Error:timer:timer_job %s cannot open.(errno=%d)\n", st->timer_jobs_path, errno);
-        publish_jobs();
+        publish_jobs(reading.table);
         return;
     }
-    const std::uint32_t time = file_mtime(file.get());
-    parse_jobs(file.get());
+    const file_identity identity = open_file_identity(file.get());
+    parse_jobs(file.get(), reading);
     file.reset();
-    publish_jobs();
-    mtime = time;
-    trprintf("Info:timer_jobs mtime=%u\n", mtime);
+    publish_jobs(reading.table);
+    job_file = identity;
+    trprintf("Info:timer_jobs mtime=%u\n", static_cast<unsigned>(identity.seconds));
 }
 
 }  // namespace
 
-const char* next_word(const char* text) {
-    while (*text != '\0' && std::isspace(static_cast<unsigned char>(*text)) == 0) {
-        ++text;
-    }
-    while (*text == ' ') {
-        ++text;
-    }
-    if (std::iscntrl(static_cast<unsigned char>(*text)) != 0) {
-        trprintf("Error:timer:job_file:short line at line %d\n", lineno);
-        return nullptr;
-    }
-    return text;
-}
-
 void timer_read_jobs() {
     trprintf("Info:timer:read jobs\n");
-    next_jobs = {};
-    read_job_file();
+    job_reading reading{};
+    read_job_file(reading);
     is_loaded = true;
     is_loaded.notify_all();
 }
 
-std::uint32_t jobs_mtime() {
-    return mtime;
+const file_identity& jobs_identity() {
+    return job_file;
 }
 
 void copy_jobs(job_table& to) {

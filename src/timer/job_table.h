@@ -1,6 +1,8 @@
 // The timer job file: five cron-like time fields and a module command line for each job.
 #pragma once
 
+#include "util/file_identity.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -34,8 +36,8 @@ struct job_table {
 // table before or after it, nothing between.
 void timer_read_jobs();
 
-// Modification time of the job file at the last read. Timer thread only.
-std::uint32_t jobs_mtime();
+// The job file as it was at the last read that could open it. Timer thread only.
+const file_identity& jobs_identity();
 
 // Copies the table. Any thread.
 void copy_jobs(job_table& to);
@@ -48,10 +50,3 @@ void wait_for_jobs();
 
 // True when a job may run at that local time.
 bool is_job_due(const job_record& record, const std::tm& now);
-
-// Parses the time field at the start of field into slots, an array of n zeros; it only ever sets slots to 1.
-// A bad item is traced; a bad step or range ends the field.
-void set_job_field(const char* field, std::uint8_t* slots, int n);
-
-// The start of the field after the one at text; null, with a trace, when the line is short.
-const char* next_word(const char* text);

@@ -8,7 +8,9 @@
 #include "timer/uptime.h"
 #include "trace/trace.h"
 #include "util/clock.h"
+#include "util/interval_sleep.h"
 #include "util/mark_question.h"
+#include "util/mutex.h"
 
 #include <cerrno>
 #include <string_view>
@@ -20,7 +22,12 @@ constexpr std::time_t minute = 60;
 constexpr std::time_t check_period = 300;  // seconds between two checks of raised conditions
 constexpr int answer_size = 100;           // bytes of a module's answer; nobody looks at them
 
+// Asking the table and storing the answer are one step: else start-up could store an answer of before a reload, and
+// nothing would correct it.
+constinit posix_mutex availability_lock;
+
 void update_availability(status_mark& mark, const char* name) {
+    const mutex_guard guard(availability_lock);
     const int available = is_available_on_timer(name);
     if (available == mark.set) {
         return;
@@ -32,7 +39,7 @@ void update_availability(status_mark& mark, const char* name) {
 
 void reload_jobs_if_changed() {
     struct stat info {};
-    if (stat(st->timer_jobs_path, &info) != 0 || static_cast<std::uint32_t>(info.st_mtime) == jobs_mtime()) {
+    if (stat(st->timer_jobs_path, &info) != 0 || identity_of(info) == jobs_identity()) {
         return;
     }
     timer_read_jobs();
@@ -75,15 +82,22 @@ void recheck_conditions(timer_state& state, std::time_t t) {
 void check_forwarding_switch(timer_state& state) {
     struct stat info {};
     if (st->pvo_ini_path[0] == '\0' || stat(st->pvo_ini_path, &info) != 0 ||
-        info.st_mtime == state.pvo_mtime) {
+        identity_of(info) == state.pvo_ini) {
         return;
     }
     trprintf("timer:pvo.ini is changed. mtime=%u\n", static_cast<unsigned>(info.st_mtime));
     syslog_enable_check();
-    state.pvo_mtime = info.st_mtime;
+    state.pvo_ini = identity_of(info);
 }
 
 }  // namespace
+
+void mark_if_on_timer(status_mark& mark, const char* name) {
+    const mutex_guard guard(availability_lock);
+    if (is_available_on_timer(name) != 0) {
+        set_and_stamp(mark);
+    }
+}
 
 void timer_execute(std::time_t t) {
     const std::tm now = local_time(t);
@@ -112,16 +126,11 @@ void timer_pass(timer_state& state, std::time_t t) {
 }
 
 void timer_main() {
-    timer_state state{now_seconds()};
+    timer_state state{now_seconds(), {}};
     server_uptime_init();
     timer_read_jobs();
-    std::time_t last = 0;
+    interval_sleep full_minute(minute);
     for (;;) {
-        const std::time_t t = sleep_to_multiple(minute);
-        if (t / minute == last / minute) {
-            continue;  // the clock was set back during the pass: the minute that has just run does not run again
-        }
-        timer_pass(state, t);
-        last = t;
+        timer_pass(state, full_minute.next());
     }
 }

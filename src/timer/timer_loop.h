@@ -1,13 +1,20 @@
 // The scheduler's clock: what happens at every full minute.
 #pragma once
 
+#include "util/file_identity.h"
+
 #include <ctime>
+
+struct status_mark;
 
 // What the loop remembers from pass to pass.
 struct timer_state {
-    std::time_t last_check;     // last five-minute check; at first the thread's start
-    std::time_t pvo_mtime = 0;  // modification time of pvo.ini as last seen
+    std::time_t last_check;  // last five-minute check; at first the thread's start
+    file_identity pvo_ini;   // pvo.ini as last seen
 };
+
+// Raises the mark when a timer job begins with name. Main thread, at start-up.
+void mark_if_on_timer(status_mark& mark, const char* name);
 
 // Thread body. Ends only with the process.
 void timer_main();

@@ -67,8 +67,9 @@ void server_uptime_logging() {
     // Written over the old count and cut behind it, not truncated first: on a full disk the old count stays.
     char text[text_size];
     const std::size_t length = format_text(text, "%u\n", st->uptime.get());
+    errno = 0;  // stays so when only a part is written
     if (write(file.get(), text, length) != static_cast<ssize_t>(length)) {
-        trprintf("Error: failed to fopen uptime %s errno=%d\n", st->up_time_path, errno);
+        trprintf("Error: failed to write uptime %s errno=%d\n", st->up_time_path, errno);
         return;
     }
     // Needed only when the count has become shorter.

@@ -7,16 +7,10 @@
 
 namespace {
 
-constexpr long nanoseconds_per_second = 1'000'000'000;
-
 std::timespec wall_clock() {
     std::timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     return now;
-}
-
-std::time_t next_multiple(std::time_t now, std::time_t interval) {
-    return (now / interval + 1) * interval;
 }
 
 struct iso_fields {
@@ -117,23 +111,4 @@ std::time_t iso2date(const char* text) {
     }
     const std::time_t offset = (std::time_t{hours} * 60 + minutes) * 60;
     return sign == '+' ? utc_seconds(f) - offset : utc_seconds(f) + offset;
-}
-
-std::time_t sleep_to_multiple(std::time_t interval) {
-    std::timespec now = wall_clock();
-    std::time_t target = next_multiple(now.tv_sec, interval);
-    while (now.tv_sec < target) {
-        if (target - now.tv_sec > interval) {
-            target = next_multiple(now.tv_sec, interval);  // the clock was set back
-        }
-        std::timespec left{target - now.tv_sec, 0};
-        if (now.tv_nsec > 0) {
-            left = {left.tv_sec - 1, nanoseconds_per_second - now.tv_nsec};
-        }
-        // A relative sleep: a clock that is set back by hours does not prolong it. By the wall clock, which may be
-        // slewed meanwhile, it can end a little early; then the loop sleeps the rest, so that no minute comes twice.
-        nanosleep(&left, nullptr);
-        now = wall_clock();
-    }
-    return now.tv_sec;
 }

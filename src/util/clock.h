@@ -1,4 +1,4 @@
-// Time: stamps, ISO 8601 text, and sleeping to a boundary of the wall clock. All safe from any thread.
+// Time: stamps and ISO 8601 text. All safe from any thread.
 #pragma once
 
 #include "util/status_mark.h"
@@ -54,8 +54,3 @@ int date2iso8601(std::time_t when, char (&out)[iso_size]);
 
 // Reads ISO 8601 text with "Z" or an offset. Returns seconds since the epoch, or -1 for any other text.
 std::time_t iso2date(const char* text);
-
-// Sleeps until the wall clock reaches the next multiple of interval (seconds, above 0) and returns the time then.
-// When the clock is set back meanwhile, the wait starts anew; when it is set forward, the wait ends at most one
-// interval late.
-std::time_t sleep_to_multiple(std::time_t interval);

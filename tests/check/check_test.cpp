@@ -1,6 +1,7 @@
 // The check of a configuration: each line that the daemon would drop or misread is found, and nothing else.
 #include "check/job_runs.h"
 #include "e2e/harness.h"
+#include "timer/job_field.h"
 
 #include <cstdlib>
 #include <map>

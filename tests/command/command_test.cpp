@@ -35,6 +35,7 @@ struct Command : Scratch {
 TEST_F(Command, ModuleLists) {
     for (const auto& [list, expected] :
          rows(" -> |# p p p 1\n\nParts p p 1\n1p p p 1\n p p p 1\n\tp p p 1\n -> |a b c 1 -> a,b,c,1x |"
+              "a b c 4294967297\nd b c -99999999999999999999\n -> a,b,c,2147483647x d,b,c,-2147483648x |"
               "a\t -b \t- -7 rest\nb b - +5x\n -> a,-b,-,-7i b,b,-,5x |"
               "a b c 1\na - e 2\n -> a,b,c,1x a,-,e,2x |"
               "long b show 70%.rest b show 8\n -> long,b,show,70x rest,b,show,8x |"

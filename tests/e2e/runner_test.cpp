@@ -96,20 +96,23 @@ TEST(Runner, OneAtATimeForThirtyTwoClients) {
 // A client whose lines wait in its socket asks again at once; another one still has the next turn.
 TEST(Runner, NextTurnIsThatOfTheClientThatWaits) {
     Suite suite;
-    suite.module("flood", "");
+    suite.module("flood", "sleep 0.02");
     suite.module("other", "");
     suite.start();
     Client flood = suite.client();
     Client other = suite.client();
-    flood.send(repeated(300, "flood\r"));
+    flood.send(repeated(100, "flood\r"));
     suite.await_trace("command:\"flood\" \n");
-    EXPECT_EQ(other.ask("other"), over);
-    const std::string trace = suite.trace();
-    const std::size_t asked = trace.find("command1:\"other\"");
-    const std::size_t started = trace.find("command:\"other\" \n", asked);
-    std::size_t runs = 0;
-    for (std::size_t at = asked; (at = trace.find("command:\"flood\" \n", at + 1)) < started;) runs++;
-    EXPECT_LE(runs, 1U);
+    std::size_t started = 0;
+    for (int round = 0; round < 10; round++) {
+        EXPECT_EQ(other.ask("other"), over);
+        const std::string trace = suite.trace();
+        std::size_t at = trace.find("command1:\"other\"", started);
+        started = trace.find("command:\"other\" \n", at);
+        int runs = 0;
+        while ((at = trace.find("command:\"flood\" \n", at + 1)) < started) runs++;
+        EXPECT_LE(runs, 1);
+    }
 }
 
 }  // namespace e2e

@@ -60,12 +60,12 @@ TEST_F(Event, ReportDuringTheRunKeepsTheMark) {
     } const questions[] = {
         {"five-minute check of conf", &sched_status::conf,
          [] {
-             timer_state state{0};
+             timer_state state{0, {}};
              timer_pass(state, 300);
          }},
         {"five-minute check of diag", &sched_status::diag,
          [] {
-             timer_state state{0};
+             timer_state state{0, {}};
              timer_pass(state, 300);
          }},
         {"message code 08", &sched_status::diag, [] { do_eventmsg("E0108:x"); }},

@@ -1,5 +1,6 @@
 #include "command/module_table.h"
 #include "event/syslog_switch.h"
+#include "timer/job_field.h"
 #include "timer/job_table.h"
 #include "timer/timer_loop.h"
 #include "timer/uptime.h"
@@ -74,12 +75,12 @@ TEST_F(Timer, HoldsThirtyJobs) {
     EXPECT_THAT(trace(), HasSubstr("Warning:timer:job table full, ignore remains\n"));
     EXPECT_EQ(numbers(table.job[29].minute) + table.job[29].command, "0 15 30 45 60 patrolx");
     EXPECT_EQ(is_available_on_timer("patrol") * 10 + is_available_on_timer("padiag"), 10);
-    const std::uint32_t mtime = jobs_mtime();
+    const file_identity before = jobs_identity();
     fs::remove(path("config/timer_jobs"));
     timer_read_jobs();
     EXPECT_THAT(trace(), HasSubstr(path("config/timer_jobs") + " cannot open.(errno=2)\n"));
     EXPECT_EQ(is_available_on_timer("patrol"), 0);
-    EXPECT_EQ(jobs_mtime(), mtime);
+    EXPECT_TRUE(jobs_identity() == before);
 }
 
 // The due minutes of a leap year against another cron, but for "*/s" in days and months, which starts from 1 there.
@@ -126,8 +127,13 @@ TEST_F(Timer, Uptime) {
     fs::remove(path("data/up_time"));
     server_uptime_init();
     EXPECT_LE(now_seconds() - iso2date(read("data/up_time_start").c_str()), 60);
-    fs::remove_all(path("data"));
+    fs::remove(path("data/up_time"));
+    fs::create_symlink("/proc/self/oom_score_adj", path("data/up_time"));  // takes no number above 1000
+    st->uptime = 1000;
     EXPECT_NE(trace(), "");
+    server_uptime_logging();
+    EXPECT_EQ(trace(), "Error: failed to write uptime " + path("data/up_time") + " errno=22\n");
+    fs::remove_all(path("data"));
     server_uptime_init();
     server_uptime_logging();
     EXPECT_EQ(trace(), "Info:uptime open fails (path=" + path("data/up_time") + " errno=2)\n" +
@@ -141,7 +147,7 @@ TEST_F(Timer, Passes) {
     program("m", "echo $1 >>$D/calls; . $D/react");
     write("pipe", "");
     qmx_syslog_is_enable = 0;
-    timer_state state{1'000'000'000};
+    timer_state state{1'000'000'000, {}};
     st->conf.set = st->diag.set = 1;
     // Changes files and makes a pass; tells the marks conf, diag, patrol and padiag, the switch, and what was run.
     const auto pass = [&](int seconds, const char* change) {
@@ -163,6 +169,15 @@ TEST_F(Timer, Passes) {
     EXPECT_EQ(pass(1020, "echo exit 1 >../react"), "{ 0, 0, 1, 1, 1 }x ");
     EXPECT_NE(st->patrol.stamp.ticks, 0);  // a run stamps, whatever its result
     EXPECT_THAT(trace(), Not(AnyOf(HasSubstr("changed"), HasSubstr("read jobs"))));
+    // Changes within the second: only the nanoseconds, only the size, only the inode.
+    const char* in_place =
+        "echo '* * * * * pbtrol\tx\n0 0 31 2 * padiag' >timer_jobs; touch -d '2020-01-01 00:00:00.5' timer_jobs; "
+        "echo '[section 7]\nactive = no' >pvo.ini; touch -d 2020-01-01 pvo.ini";
+    EXPECT_EQ(pass(1030, in_place), "{ 0, 0, 0, 1, 0 }");
+    const char* moved =
+        "echo '* * * * * patrol\tx\n0 0 31 2 * padiag' >new; touch -r timer_jobs new; mv new timer_jobs; "
+        "echo '[section 7]\nactive =yes' >new; touch -r pvo.ini new; mv new pvo.ini";
+    EXPECT_EQ(pass(1040, moved), "{ 0, 0, 1, 1, 1 }x ");
     EXPECT_EQ(pass(1080, "rm pvo.ini; echo >timer_jobs; touch -d 2019-01-01 *"), "{ 0, 0, 0, 0, 1 }");
     EXPECT_NE(st->patrol.stamp.ticks, 0);  // so does a change
     EXPECT_THAT(trace(), HasSubstr("timer:padiag is changed to be disabled\n"));

@@ -1,5 +1,6 @@
 #include "unit_support.h"
 #include "util/ini_file.h"
+#include "util/interval_sleep.h"
 #include "util/line.h"
 #include "util/pid_file.h"
 #include "util/regular_file.h"
@@ -129,13 +130,41 @@ TEST_F(Util, OffsetOnBothSidesOfANewYear) {
     }
 }
 
-TEST_F(Util, NoSleepEndsBeforeItsBoundary) {
-    for (const std::time_t interval : {1, 1, 2, 1}) {
-        const std::time_t before = now_seconds();
-        const std::time_t woken = sleep_to_multiple(interval);
-        EXPECT_GT(woken / interval, before / interval);
-        EXPECT_LE(woken, now_seconds());
-        EXPECT_LE(woken - before, interval + 5);
+// A wall clock time in milliseconds.
+constexpr std::int64_t at(int hour, int minute, int second) {
+    return ((hour * 60 + minute) * 60 + second) * std::int64_t{1000};
+}
+
+TEST_F(Util, MinutesThatTheClockShowedDuringASleep) {
+    const struct {
+        const char* name;
+        past_sleep sleep;
+        std::int64_t shown;
+    } sleeps[] = {
+        {"as planned", {at(9, 5, 15), at(9, 6, 0), 45'000}, at(9, 6, 0)},
+        {"from a full minute to the next", {at(9, 5, 0), at(9, 6, 0), 60'000}, at(9, 6, 0)},
+        {"woken late", {at(9, 5, 59), at(9, 6, 20), 21'000}, at(9, 6, 0)},
+        {"slewed, a little early", {at(9, 5, 15), at(9, 6, 0) - 20, 45'000}, -1},
+        {"set forward", {at(9, 5, 15), at(11, 6, 3), 45'000}, at(11, 6, 0)},
+        {"set back by an hour, less three seconds", {at(9, 5, 15), at(8, 6, 3), 45'000}, at(8, 6, 0)},
+        {"set back, a minute came early in the sleep", {at(9, 5, 15), at(8, 6, 40), 45'000}, at(8, 6, 0)},
+        {"set back, no minute came", {at(9, 5, 15), at(8, 5, 50), 45'000}, -1},
+        {"set back over the start of its minute", {at(9, 5, 15), at(9, 5, 13), 45'000}, at(9, 5, 0)},
+    };
+    for (const auto& [name, sleep, shown] : sleeps) EXPECT_EQ(multiple_shown(sleep, 60'000), shown) << name;
+}
+
+TEST_F(Util, SleepsEndOncePerIntervalAndNotBeforeItsEnd) {
+    for (const std::time_t interval : {1, 2}) {
+        interval_sleep sleep(interval);
+        std::time_t before = now_seconds();
+        for (int i = 0; i < 2; ++i) {
+            const std::time_t woken = sleep.next();
+            EXPECT_GT(woken / interval, before / interval);
+            EXPECT_LE(woken, now_seconds());
+            EXPECT_LE(woken - before, interval + 5);
+            before = woken;
+        }
     }
 }
 
