@@ -20,14 +20,8 @@ namespace {
 
 constexpr std::size_t chunk_size = 16384;  // bytes of one read; all of them may be line feeds
 
-// Set by the alarm handler, cleared before each run, read by the thread that runs a command.
-volatile std::sig_atomic_t timeout_flag = 0;
-
-void vgdtout(int /*signal*/) {
-    timeout_flag = 1;
-}
-
-// For its lifetime the alarm interrupts the calling thread, and only that one, once the time-out has passed.
+// For its lifetime the alarm interrupts the calling thread, and only that one, once the time-out has passed. Alarm
+// clock and signal action belong to the process, so there is one at a time.
 class module_alarm {
 public:
     explicit module_alarm(unsigned timeout) {
@@ -51,7 +45,11 @@ public:
     module_alarm(const module_alarm&) = delete;
     module_alarm& operator=(const module_alarm&) = delete;
 
+    // True once the time-out has passed.
+    static bool has_fired() { return timeout_flag != 0; }
+
 private:
+    static void vgdtout(int /*signal*/) { timeout_flag = 1; }
     static int set_action(void (*handler)(int)) {
         struct sigaction action {};
         action.sa_handler = handler;
@@ -60,8 +58,14 @@ private:
     }
     static void set_timer(const itimerval& timer) { setitimer(ITIMER_REAL, &timer, nullptr); }
 
+    // Set by the handler, cleared before each run, read by the thread that runs a command.
+    static inline volatile std::sig_atomic_t timeout_flag = 0;
+
     sigset_t old_mask_{};
 };
+
+// How relaying a program's output ended.
+enum class relay_end { finished, timed_out, hmi_gone };
 
 // Where a program's output goes, and what is known of it so far.
 struct relay {
@@ -70,7 +74,7 @@ struct relay {
     std::size_t capture_size;
     std::size_t stored = 0;    // bytes in capture
     bool ends_with_lf = true;  // of what was sent; nothing sent counts as such
-    bool hmi_error = false;    // the socket could not be written
+    bool hmi_error = false;    // the socket could not be written; may be so because of the time-out
 };
 
 // Copies n bytes, a CR put before each LF; to has room for 2 * n. Returns the bytes written.
@@ -102,11 +106,11 @@ void send_chunk(relay& to, const char* data, std::size_t n) {
         const ssize_t written = write(to.soc, rest.data(), rest.size());
         if (written >= 0) {
             rest.remove_prefix(static_cast<std::size_t>(written));
-        } else if (errno != EINTR || timeout_flag != 0) {
+        } else if (errno != EINTR || module_alarm::has_fired()) {
             trprintf("Error:write to socket failed.(errno=%d)\n", errno);
             to.hmi_error = true;
         }
-    } while (!rest.empty() && timeout_flag == 0 && !to.hmi_error);
+    } while (!rest.empty() && !module_alarm::has_fired() && !to.hmi_error);
 }
 
 void store_chunk(relay& to, const char* data, std::size_t n) {
@@ -116,15 +120,16 @@ void store_chunk(relay& to, const char* data, std::size_t n) {
 }
 
 // Passes the output on until its end, the time-out or a dead socket.
-void relay_output(int pipe, relay& to) {
+relay_end relay_output(int pipe, relay& to, unsigned timeout) {
+    const module_alarm alarm(timeout);
     char chunk[chunk_size];
-    while (timeout_flag == 0 && !to.hmi_error) {
+    while (!module_alarm::has_fired() && !to.hmi_error) {
         const ssize_t n = read(pipe, chunk, sizeof chunk);
         if (n < 0 && errno == EINTR) {
-            continue;  // the flag tells whether it was the alarm
+            continue;  // the loop asks whether it was the alarm
         }
         if (n <= 0) {
-            return;
+            return relay_end::finished;
         }
         if (to.soc >= 0) {
             send_chunk(to, chunk, static_cast<std::size_t>(n));
@@ -132,6 +137,7 @@ void relay_output(int pipe, relay& to) {
             store_chunk(to, chunk, static_cast<std::size_t>(n));
         }
     }
+    return module_alarm::has_fired() ? relay_end::timed_out : relay_end::hmi_gone;
 }
 
 int wait_for_child(pid_t pid) {
@@ -153,8 +159,8 @@ void wait_for_stray_children() {
 
 // The terminating line. A peer that has stopped reading loses its connection at the first write that it delays too
 // long, so it holds up the next module run once at most.
-void reply_end(int soc, int status) {
-    if (timeout_flag != 0) {
+void reply_end(int soc, relay_end end, int status) {
+    if (end == relay_end::timed_out) {
         reply_in_time(soc, timeout_line);
         return;
     }
@@ -188,11 +194,8 @@ int start_command(const char* path, int soc, unsigned timeout, char* const argv[
     child_output.reset();
 
     relay to{soc, capture, static_cast<std::size_t>(std::max(capture_size, 0))};
-    {
-        const module_alarm alarm(timeout);
-        relay_output(output.get(), to);
-    }
-    if (to.hmi_error || timeout_flag != 0) {
+    const relay_end end = relay_output(output.get(), to, timeout);
+    if (end != relay_end::finished) {
         trprintf("Error:command:timeout or error:path=%s timeout=%d pid=%d hmi_err=%d\n", path,
                  static_cast<int>(timeout), pid, to.hmi_error ? 1 : 0);
         killpg(pid, SIGKILL);
@@ -205,7 +208,7 @@ int start_command(const char* path, int soc, unsigned timeout, char* const argv[
     null.reset();
     wait_for_stray_children();
     if (soc >= 0) {
-        reply_end(soc, status);
+        reply_end(soc, end, status);
     }
     return status;
 }
