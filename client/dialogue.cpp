@@ -9,13 +9,11 @@ namespace client {
 
 dialogue::dialogue(std::vector<std::string> words, std::string user, std::string host,
                    password_source* password)
-    : words_(std::move(words)), user_(std::move(user)), host_(std::move(host)), password_(password) {
-    if (words_[0] == "ipset" && words_.size() > 1) {
-        kind_ = kind::ipset;
-    } else if (words_[0] == "restart") {
-        kind_ = kind::restart;
-    }
-}
+    : words_(std::move(words)),
+      user_(std::move(user)),
+      host_(std::move(host)),
+      password_(password),
+      restarting_(words_[0] == "restart") {}
 
 void dialogue::begin(std::string& requests) {
     if (!user_.empty()) {
@@ -26,11 +24,9 @@ void dialogue::begin(std::string& requests) {
 }
 
 void dialogue::say_command(std::string& requests) {
-    say(kind_ == kind::plain ? step::command : step::probe, requests);
+    say(restarting_ ? step::probe : step::command, requests);
 }
 
-// A successful "ipset" is answered by silence, so an empty line goes after it, whose answer always comes. Whether
-// the word is known is asked first: an unknown word is answered as the empty line is.
 // "restart sched" is answered by the end of the connection. An empty line before it proves that we are served, so
 // that a refused connection is not taken for a restart.
 void dialogue::say(step next, std::string& requests) {
@@ -44,13 +40,8 @@ void dialogue::say(step next, std::string& requests) {
         std::string line;
         join_words(words_, line, problem);
         requests += line;
-    } else if (kind_ == kind::ipset) {
-        requests += "ipset";
     }
     requests += '\r';
-    if (is_command && kind_ != kind::plain) {
-        requests += '\r';
-    }
 }
 
 std::size_t dialogue::feed(std::string_view bytes, std::string& output, std::string& requests) {
@@ -69,24 +60,17 @@ void dialogue::answered(const answer_end& end, std::string& requests) {
     if (at_ == step::login) {
         return login_answered(end, requests);
     }
-    const bool answers_ipset = at_ == step::command && kind_ == kind::ipset;
-    if (end.how == ending::unauth && !answers_ipset) {
+    if (end.how == ending::unauth) {
         return log_in(end, requests);
     }
-    switch (at_) {
-        case step::greeting:
-            // Whether the scheduler has a module for the greeting does not matter here.
-            logged_in_ = false;
-            return say_command(requests);
-        case step::probe:
-            if (end.how == (kind_ == kind::restart ? ending::unsupported : ending::over)) {
-                return say(step::command, requests);
-            }
-            return finish(end);
-        case step::command:
-            return command_answered(end);
-        default:
-            return finish(end_);
+    if (at_ == step::greeting) {
+        // Whether the scheduler has a module for the greeting does not matter here.
+        logged_in_ = false;
+        say_command(requests);
+    } else if (at_ == step::probe && end.how == ending::unsupported) {
+        say(step::command, requests);
+    } else {
+        finish(end);
     }
 }
 
@@ -124,26 +108,9 @@ void dialogue::login_answered(const answer_end& end, std::string& requests) {
     finish(refused);
 }
 
-void dialogue::command_answered(const answer_end& end) {
-    if (kind_ != kind::ipset) {
-        return finish(end);
-    }
-    if (end.how == ending::unsupported || end.how == ending::unauth) {
-        return finish({ending::over});  // the answer to the empty line
-    }
-    // The address was refused; the answer to the empty line follows.
-    end_ = end;
-    at_ = step::rest;
-    parser_ = answer_parser();
-}
-
 void dialogue::lost(bool served) {
-    if (at_ == step::rest) {
-        finish(end_);
-    } else if (at_ == step::command && kind_ == kind::restart) {
+    if (at_ == step::command && restarting_) {
         finish({ending::over});
-    } else if (at_ == step::command && kind_ == kind::ipset) {
-        finish({ending::closed, "the scheduler does not allow this address"});
     } else {
         finish({ending::closed, why_closed(served)});
     }

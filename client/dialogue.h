@@ -1,5 +1,5 @@
-// One command over one connection as requests and answers, apart from how the bytes travel: greeting and login
-// before it, and the commands that are answered by silence or by the end of the connection.
+// One command over one connection as requests and answers, apart from how the bytes travel, with the greeting and
+// the login before it.
 #pragma once
 
 #include "answer.h"
@@ -15,7 +15,7 @@ class password_source;
 
 class dialogue {
 public:
-    // words: the command, not empty and such as join_words takes. user: greet with this name first; empty: do not.
+    // words: the command, not empty, such as join_words takes, and not "ipset", which may be answered by silence. user: greet with this name first; empty: do not.
     // host: for the password's prompt. password may be null: a login is then refused. It must outlive the dialogue.
     dialogue(std::vector<std::string> words, std::string user, std::string host, password_source* password);
 
@@ -33,22 +33,20 @@ public:
     const answer_end& end() const { return end_; }  // valid when done
 
 private:
-    enum class step { greeting, login, probe, command, rest };
-    enum class kind { plain, ipset, restart };
+    enum class step { greeting, login, probe, command };
 
     void say(step next, std::string& requests);
     void say_command(std::string& requests);
     void answered(const answer_end& end, std::string& requests);
     void log_in(const answer_end& challenge, std::string& requests);
     void login_answered(const answer_end& end, std::string& requests);
-    void command_answered(const answer_end& end);
     void finish(answer_end end);
 
     std::vector<std::string> words_;
     std::string user_;
     std::string host_;
     password_source* password_;
-    kind kind_ = kind::plain;
+    bool restarting_;
     step at_ = step::command;
     step after_login_ = step::command;
     bool logged_in_ = false;  // since the step that wanted it

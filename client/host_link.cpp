@@ -197,6 +197,8 @@ void host_link::expire() {
         give_up({ending::closed, "its name is not found in time"});
     } else if (state_ == state::connecting) {
         give_up({ending::closed, text_of(ETIMEDOUT)});
+    } else if (!requests_.empty()) {
+        give_up({ending::unsent, text_of(ETIMEDOUT)});
     } else {
         give_up({ending::silent});
     }

@@ -162,6 +162,9 @@ int run_many_shot(const settings& chosen) {
     if (!join_words(chosen.words, line, problem)) {
         return fail(problem);
     }
+    if (chosen.words[0] == "ipset") {
+        return fail("ipset acts on its own connection only, so it is for a session");
+    }
     const json_writer convert = chosen.json ? json_writer_of(chosen.words) : nullptr;
     if (chosen.json && convert == nullptr) {
         return fail(std::string("--json is for ") + json_commands);

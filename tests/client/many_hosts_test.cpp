@@ -75,8 +75,6 @@ TEST_F(ManyHosts, OutputMessagesAndExitCode) {
         {"login, wrong password", "-b 127.0.0.2 --password-file wrong --hosts hosts status",
          "schedctl: A: login refused: wrong password\nschedctl: B: login refused: wrong password\n204\n"},
         {"login", "-b 127.0.0.2 --password-file secret --hosts hosts lock", "0\n"},
-        {"address taken", "-H $A,$B ipset 10.1.1.1", "0\n"},
-        {"address refused", "-H $A,$B ipset 300.1.1.1", "schedctl: A: exit code 1\nschedctl: B: exit code 1\n1\n"},
         {"no command known", "-H $A,$B fly",
          "schedctl: A: unsupported: the scheduler does not know this command\n"
          "schedctl: B: unsupported: the scheduler does not know this command\n202\n"},
@@ -99,6 +97,7 @@ TEST_F(ManyHosts, WrongUse) {
                  {"--hosts absent status", "absent: No such file"},
                  {"--hosts bad status", "bad:2: \"db2:0\" is not"},
                  {"--hosts hosts --json code", "--json is for"},
+                 {"--hosts hosts ipset 10.1.1.1", "for a session"},
                  {"--hosts hosts restart", "restart wants"}};
     for (const auto& c : cases) {
         EXPECT_THAT(ctl(c.arguments), testing::AllOf(HasSubstr(c.message), EndsWith("\n200\n"))) << c.arguments;
