@@ -108,7 +108,7 @@ pid_t start_child(const char* path, char* const argv[], const char* addition, in
     plan.message_length = std::min(plan.message_length, sizeof plan.message - error_number_size);
     // vfork: the page tables are not copied, so a start costs the same however large this process is. The child
     // borrows our memory until the exec while this thread alone waits; the signals that could run a handler are
-    // blocked or have none.
+    // blocked or have none. The price: when the exec hangs, so does this thread, and com_lock with it.
     const pid_t pid = vfork();  // NOLINT(clang-analyzer-security.insecureAPI.vfork)
     if (pid == 0) {
         run_child(plan);  // NOLINT(clang-analyzer-unix.Vfork): plain system calls, and it never returns

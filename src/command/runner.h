@@ -6,7 +6,7 @@
 // Runs the program at path with argv and waits for its end, under com_lock: alarm clock and SIGALRM belong to the
 // whole process.
 //   soc          socket that receives the output, LF as CR LF, and the terminating line; -1 for none
-//   timeout      seconds, above 0, after which the program's process group is killed
+//   timeout      seconds from the exec, above 0, after which the program's process group is killed
 //   addition     "NAME=value" for the environment, or empty
 //   capture      with soc -1: receives the first capture_size bytes of the output as they are, without a NUL;
 //                null to drop the output

@@ -23,8 +23,8 @@ namespace {
 
 constexpr unsigned accept_pause = 1;  // seconds, after a failed accept
 
-bool timer_thread_exists =
-    false;  // written and read by the main thread: without it nothing reads the job file
+// Without the timer thread nothing reads the job file. Written and read by the main thread only.
+bool timer_thread_exists = false;
 
 template <void (*Body)()>
 void* thread_body(void* /*argument*/) {
