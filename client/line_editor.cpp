@@ -6,14 +6,11 @@
 #include <cstdio>
 #include <cwchar>
 #include <poll.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace client {
 
 namespace {
-
-constexpr int history_size = 1000;  // lines
 
 std::string common_prefix(const std::vector<std::string>& words) {
     std::string common = words.front();
@@ -29,16 +26,16 @@ std::string common_prefix(const std::vector<std::string>& words) {
 
 }  // namespace
 
-line_editor::line_editor(const std::string& prompt, const std::string& history_file, signal_watch& signals)
-    : prompt_(prompt), history_file_(history_file), signals_(signals) {
+line_editor::line_editor(const std::string& prompt, const std::string& history_path, signal_watch& signals)
+    : prompt_(prompt), file_(history_path), signals_(signals) {
     editor_ = el_init("schedctl", stdin, stdout, stderr);
     history_ = history_init();
+    typed_ = history_init();
     HistEvent event;
     history(history_, &event, H_SETSIZE, history_size);
     history(history_, &event, H_SETUNIQUE, 1);
-    if (!history_file_.empty()) {
-        history(history_, &event, H_LOAD, history_file_.c_str());
-    }
+    history(typed_, &event, H_SETSIZE, history_size);
+    file_.load(history_);
     el_set(editor_, EL_CLIENTDATA, this);
     el_set(editor_, EL_PROMPT, prompt_of);
     el_set(editor_, EL_EDITOR, "emacs");
@@ -54,12 +51,8 @@ line_editor::line_editor(const std::string& prompt, const std::string& history_f
 }
 
 line_editor::~line_editor() {
-    HistEvent event;
-    const mode_t mask = umask(077);
-    if (!history_file_.empty()) {
-        history(history_, &event, H_SAVE, history_file_.c_str());
-    }
-    umask(mask);
+    file_.append(typed_);
+    history_end(typed_);
     history_end(history_);
     el_end(editor_);
 }
@@ -94,6 +87,7 @@ line_editor::result line_editor::read(std::string& line) {
     HistEvent event;
     if (line.find_first_not_of(" \t") != std::string::npos) {
         history(history_, &event, H_ENTER, line.c_str());
+        history(typed_, &event, H_ENTER, line.c_str());
     }
     return result::line;
 }

@@ -2,6 +2,8 @@
 // too.
 #pragma once
 
+#include "history_file.h"
+
 #include <cwchar>
 #include <functional>
 #include <histedit.h>
@@ -16,9 +18,9 @@ class line_editor {
 public:
     enum class result { line, end_of_input, interrupted };
 
-    // One exists at a time. history_file: read now and written by the destructor; empty: history lives for
-    // the session.
-    line_editor(const std::string& prompt, const std::string& history_file, signal_watch& signals);
+    // One exists at a time. history_path: a file that is read now, and to which the destructor appends what has
+    // been typed; empty: history lives for the session.
+    line_editor(const std::string& prompt, const std::string& history_path, signal_watch& signals);
     ~line_editor();
     line_editor(const line_editor&) = delete;
     line_editor& operator=(const line_editor&) = delete;
@@ -45,10 +47,11 @@ private:
     void show_above(const std::string& text);
 
     std::string prompt_;
-    std::string history_file_;
+    history_file file_;
     signal_watch& signals_;
     EditLine* editor_;
-    History* history_;
+    History* history_;  // what the keys go through: earlier sessions and this one
+    History* typed_;    // this session only
     bool interrupted_ = false;
 };
 

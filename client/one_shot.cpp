@@ -3,12 +3,10 @@
 #include "conversation.h"
 #include "json.h"
 #include "options.h"
+#include "output.h"
 #include "text.h"
 
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
-#include <system_error>
 #include <unistd.h>
 
 namespace client {
@@ -18,12 +16,6 @@ namespace {
 int fail(const std::string& problem) {
     std::fprintf(stderr, "schedctl: %s\n", problem.c_str());
     return exit_usage;
-}
-
-void print(std::string_view text) {
-    if (!write_all(STDOUT_FILENO, text)) {
-        std::exit(fail(std::string("cannot write: ") + std::generic_category().message(errno)));
-    }
 }
 
 }  // namespace

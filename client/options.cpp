@@ -2,6 +2,7 @@
 
 #include "answer.h"
 #include "json.h"
+#include "output.h"
 #include "words.h"
 
 #include <CLI/CLI.hpp>
@@ -9,7 +10,6 @@
 #include <arpa/inet.h>
 #include <cctype>
 #include <cstdlib>
-#include <iostream>
 #include <netdb.h>
 
 namespace client {
@@ -196,7 +196,7 @@ std::vector<std::string> parse_words(CLI::App& app, const std::vector<std::strin
 // Help and version texts are output like any other.
 int finish(const CLI::App& app, const CLI::ParseError& problem) {
     const bool asked_for = app.exit(problem) == 0;
-    return asked_for && std::cout.flush() ? 0 : exit_usage;
+    return asked_for && flush_output() ? 0 : exit_usage;
 }
 
 }  // namespace

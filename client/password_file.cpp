@@ -66,6 +66,12 @@ bool read_password_file(const std::string& path, password_record& record, std::s
 }
 
 bool write_password_file(const std::string& path, const password_record& record, std::string& problem) {
+    // Following it would let the owner of the directory choose which file root overwrites.
+    struct stat info {};
+    if (lstat(path.c_str(), &info) == 0 && S_ISLNK(info.st_mode)) {
+        problem = path + ": is a symbolic link; name the file itself";
+        return false;
+    }
     std::string temporary = path + ".XXXXXX";
     const int fd = mkostemp(temporary.data(), O_CLOEXEC);  // with mode 0600
     if (fd < 0) {

@@ -14,7 +14,7 @@ struct password_record {
 bool read_password_file(const std::string& path, password_record& record, std::string& problem);
 
 // Puts a new file in the old one's place in one step: the scheduler, starting at any moment, reads the old
-// one or the new one, never half of it. Mode 0600; root leaves it to the old file's owner, or to the
+// one or the new one, never half of it. A symbolic link is refused. Mode 0600; root leaves it to the old file's owner, or to the
 // directory's, since a file that the scheduler may not read means no login at all.
 bool write_password_file(const std::string& path, const password_record& record, std::string& problem);
 

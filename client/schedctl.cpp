@@ -4,6 +4,7 @@
 #include "many_shot.h"
 #include "one_shot.h"
 #include "options.h"
+#include "output.h"
 #include "session.h"
 #include "watch.h"
 
@@ -11,12 +12,9 @@
 #include <cstdio>
 #include <exception>
 
-int main(int argc, char** argv) try {
-    std::setlocale(LC_CTYPE, "");
-    client::settings chosen;
-    if (const std::optional<int> end = client::parse_options(argc, argv, chosen)) {
-        return *end;
-    }
+namespace {
+
+int run(const client::settings& chosen) {
     if (chosen.watch) {
         return chosen.hosts.empty() ? client::run_watch(chosen) : client::run_fleet_watch(chosen);
     }
@@ -24,6 +22,21 @@ int main(int argc, char** argv) try {
         return client::run_many_shot(chosen);
     }
     return chosen.words.empty() ? client::run_session(chosen) : client::run_one_shot(chosen);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+    if (!client::open_standard_streams()) {
+        return client::exit_usage;
+    }
+    std::setlocale(LC_CTYPE, "");
+    client::settings chosen;
+    if (const std::optional<int> end = client::parse_options(argc, argv, chosen)) {
+        return *end;
+    }
+    const int code = run(chosen);
+    return client::flush_output() ? code : client::exit_usage;
 } catch (const std::exception& problem) {
     std::fprintf(stderr, "schedctl: %s\n", problem.what());
     return client::exit_usage;

@@ -1,4 +1,5 @@
 // schedpasswd: writes or checks the scheduler's password file.
+#include "output.h"
 #include "password_file.h"
 #include "secret.h"
 
@@ -10,14 +11,19 @@
 
 namespace {
 
-constexpr int exit_wrong = 1;    // --check: another password
-constexpr int exit_trouble = 2;  // usage, no password, or the file cannot be used
+constexpr int exit_wrong = 1;     // --check: another password
+constexpr int exit_trouble = 2;   // usage, no password, or the file cannot be used
+constexpr int exit_output = 200;  // done, but standard output could not be written
 
 struct request {
     std::string file;
     bool check = false;
     bool from_input = false;
 };
+
+int finish(int code) {
+    return client::flush_output() ? code : exit_output;
+}
 
 int fail(const std::string& problem) {
     std::fprintf(stderr, "schedpasswd: %s\n", problem.c_str());
@@ -70,17 +76,24 @@ int set(const request& asked) {
 }  // namespace
 
 int main(int argc, char** argv) try {
+    if (!client::open_standard_streams()) {
+        return exit_output;
+    }
     request asked;
     CLI::App app("Writes the password file that makes the scheduler ask its clients for a login.",
                  "schedpasswd");
-    app.footer("Exit codes: 0 done, or the password is right; 1 the password is wrong (--check); 2 trouble.");
+    app.footer(
+        "Exit codes: 0 done, or the password is right; 1 the password is wrong (--check); 2 trouble; 200 "
+        "the\n"
+        "output could not be written.");
+    app.set_version_flag("-V,--version", "schedpasswd " SCHED_VERSION, "Show the version and end");
     app.add_option("FILE", asked.file, "Password file; $VGD_data/password when it is left out");
     app.add_flag("--check", asked.check, "Verify a password against the file instead of writing it");
     app.add_flag("--stdin", asked.from_input, "Read the password from one line of standard input");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& problem) {
-        return app.exit(problem) == 0 ? 0 : exit_trouble;
+        return app.exit(problem) != 0 ? exit_trouble : finish(0);
     }
     const char* data = std::getenv("VGD_data");
     if (asked.file.empty() && data != nullptr && data[0] != '\0') {
@@ -89,7 +102,7 @@ int main(int argc, char** argv) try {
     if (asked.file.empty()) {
         return fail("no FILE, and VGD_data is not set");
     }
-    return asked.check ? check(asked) : set(asked);
+    return finish(asked.check ? check(asked) : set(asked));
 } catch (const std::exception& problem) {
     return fail(problem.what());
 }

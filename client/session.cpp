@@ -3,6 +3,7 @@
 #include "conversation.h"
 #include "line_editor.h"
 #include "options.h"
+#include "output.h"
 #include "signals.h"
 #include "text.h"
 #include "words.h"
@@ -67,16 +68,14 @@ private:
 answer_end session::run(const word_list& words) {
     const bool terminal = signals_ != nullptr;
     printable_text filter;
-    const auto print = [&filter, terminal](std::string_view text) {
-        if (!write_all(STDOUT_FILENO, terminal ? filter.clean(text) : text)) {
-            std::exit(exit_usage);
-        }
+    const auto show = [&filter, terminal](std::string_view text) {
+        print(terminal ? filter.clean(text) : text);
     };
     if (terminal && talk_.late()) {
         std::puts("(waiting for the answer given up earlier; Ctrl-C drops it)");
     }
     std::fflush(stdout);
-    answer_end end = talk_.run(words, print);
+    answer_end end = talk_.run(words, show);
     const std::string result = describe(end);
     if (!result.empty()) {
         std::fprintf(terminal ? stdout : stderr, terminal ? "[%s]\n" : "schedctl: %s\n", result.c_str());
@@ -103,6 +102,9 @@ bool session::run_line(const std::string& line) {
     }
     const answer_end end = run(words);
     exit_code_ = exit_code_of(end);
+    if (signals_ == nullptr && (end.how == ending::closed || end.how == ending::unsent)) {
+        return false;  // the lines of a script that follow would only say the same, or run without its lock
+    }
     return end.how != ending::goodbye && (signals_ == nullptr || !signals_->leaving());
 }
 
@@ -178,6 +180,9 @@ int session::at_terminal() {
 }
 
 int session::from_pipe() {
+    if (isatty(STDIN_FILENO) == 1) {
+        std::fputs("schedctl: reading commands from the terminal, one a line; Ctrl-D ends\n", stderr);
+    }
     for (std::string line; std::getline(std::cin, line) && run_line(line);) {
         continue;
     }

@@ -1,6 +1,6 @@
 #include "watch_view.h"
 
-#include "answer.h"
+#include "output.h"
 #include "screen.h"
 #include "text.h"
 
@@ -27,6 +27,31 @@ const char* colour_of(const message& m) {
     return m.text.starts_with('W') ? yellow : plain;
 }
 
+// One row for each condition. Where the heading and one message would find no row below them, the last ones share a
+// row by their names.
+void draw_conditions(const std::vector<condition>& conditions, canvas& page) {
+    constexpr std::size_t rows_below = 2;
+    const std::size_t free = page.rows_left() > rows_below ? page.rows_left() - rows_below : 0;
+    const std::size_t single =
+        conditions.size() <= free ? conditions.size() : std::max<std::size_t>(free, 1) - 1;
+    for (std::size_t i = 0; i < single; ++i) {
+        const condition& c = conditions[i];
+        char row[96];
+        std::snprintf(row, sizeof row, "%-9s %s  %s", c.name.c_str(), c.since.c_str(),
+                      age_of(c.since).c_str());
+        page.line(row, colour_of(c));
+    }
+    std::string names;
+    const char* colour = plain;
+    for (std::size_t i = single; i < conditions.size(); ++i) {
+        names += (names.empty() ? "" : ", ") + conditions[i].name;
+        colour = colour == red ? red : colour_of(conditions[i]);
+    }
+    if (!names.empty()) {
+        page.line(names, colour);
+    }
+}
+
 }  // namespace
 
 void draw(const watch_picture& picture) {
@@ -35,16 +60,11 @@ void draw(const watch_picture& picture) {
     if (!picture.trouble.empty()) {
         page.line(picture.trouble + "; trying again", red);
     }
-    for (const condition& c : picture.conditions) {
-        char row[96];
-        std::snprintf(row, sizeof row, "%-9s %s  %s", c.name.c_str(), c.since.c_str(),
-                      age_of(c.since).c_str());
-        page.line(row, colour_of(c));
-    }
+    draw_conditions(picture.conditions, page);
     page.line("Messages: " + std::to_string(picture.messages.size()), bold);
-    const std::size_t room = page.rows_left();
+    const std::size_t left = page.rows_left();
     const std::size_t count = picture.messages.size();
-    for (std::size_t i = count > room ? count - room : 0; i < count; ++i) {
+    for (std::size_t i = count > left ? count - left : 0; i < count; ++i) {
         const message& m = picture.messages[i];
         page.line(m.date + " " + m.text, colour_of(m));
     }
@@ -57,9 +77,7 @@ void print_line(const message& line) {
 
 void print_text(const std::string& text) {
     const bool terminal = isatty(STDOUT_FILENO) == 1;
-    if (!write_all(STDOUT_FILENO, (terminal ? fit(text, text.size() * 4) : text) + "\n")) {
-        std::exit(exit_usage);
-    }
+    print((terminal ? fit(text, text.size() * 4) : text) + "\n");
 }
 
 }  // namespace client

@@ -68,6 +68,7 @@ TEST_F(ClientPipe, ExitCodesAndMessages) {
         {"parts status", 0, "", ""},
         {"odd exit 7", 7, "", ""},
         {"odd signal 15", 128 + 15, "", "signal 15"},
+        {R"(odd text '__over__ 0 134\n')", 128 + 6, "", "signal 6"},  // with a core dump
         {"slow", 203, "", "timed out"},
         {"modcntl slow off", 0, "", ""},
         {"slow", 201, "", "busy"},
@@ -168,6 +169,37 @@ TEST_F(ClientPipe, CommandsFromAPipe) {
     EXPECT_EQ(got.out, "<a  b><c'd><e>\n");
     EXPECT_TRUE(in_order(got.err, {"quote", "unsupported", "exit code 4"}));
     EXPECT_EQ(ctl(suite, "", "quit\nodd exit 4\n").code, 0);
+    const result nobody = ctl(suite, "-p " + std::to_string(free_port()), "status\nstatus\n");
+    EXPECT_EQ(nobody.code, 205);
+    EXPECT_THAT(nobody.err, MatchesRegex("schedctl: no connection[^\n]*\n"));
+}
+
+// A closed descriptor is not given to the socket, where a module's output would be read as commands.
+TEST_F(ClientPipe, OutputThatCannotBeWritten) {
+    ASSERT_EQ(run(suite, SCHEDPASSWD_BINARY " --stdin", "geheim\n").code, 0);
+    suite.start();
+    const std::string inject = SCHEDCTL_BINARY R"( odd text "parts\tclear\rx\n")";
+    const struct {
+        std::string command;
+        int code;
+        std::string err;
+    } cases[] = {
+        {inject + " >&-", 200, "schedctl: cannot write: "},
+        {inject + " >&- 2>&-", 200, ""},
+        {SCHEDCTL_BINARY " odd exit 3 <&- >&- 2>&-", 3, ""},
+        {SCHEDCTL_BINARY " status >/dev/full", 200, "schedctl: cannot write: "},
+        {SCHEDCTL_BINARY " watch >/dev/full", 200, "schedctl: cannot write: "},
+        {SCHEDCTL_BINARY " --help >/dev/full", 200, "schedctl: cannot write: "},
+        {SCHEDPASSWD_BINARY " --version >&-", 200, "schedpasswd: cannot write: "},
+        {SCHEDPASSWD_BINARY " --stdin --check >/dev/full", 200, "schedpasswd: cannot write: "},
+    };
+    for (const auto& c : cases) {
+        const result got = run(suite, "sh -c '" + c.command + "'", "geheim\n");
+        EXPECT_EQ(got.code, c.code) << c.command;
+        EXPECT_THAT(got.err, StartsWith(c.err)) << c.command;
+    }
+    EXPECT_EQ(ctl(suite, "parts status").code, 0);
+    EXPECT_EQ(suite.calls(), "parts status");
 }
 
 TEST_F(ClientPipe, Json) {
@@ -249,10 +281,14 @@ TEST_F(ClientPipe, PasswordFileAndLogin) {
                  {"--check --stdin " + suite.path("config/vgd_modules"), "x\n", 2},
                  {"--stdin", "\n", 2},
                  {"", "x\n", 2},  // no terminal to ask at
-                 {"--stdin " + suite.path("no/where"), "x\n", 2}};
+                 {"--stdin " + suite.path("no/where"), "x\n", 2},
+                 {"--stdin " + suite.path("link"), "x\n", 2},                        // a symbolic link is not replaced,
+                 {"--check --stdin " + suite.path("link"), " s\xc3\xa4lz\t\n", 0}};  // but read
+    shell("ln -s " + file + " " + suite.path("link"));
     for (const auto& c : cases)
         EXPECT_EQ(run(suite, SCHEDPASSWD_BINARY " " + c.arguments, c.input).code, c.code) << c.arguments;
     EXPECT_EQ(suite.read("data/password"), first);
+    EXPECT_EQ(run(suite, SCHEDPASSWD_BINARY " -V").out, "schedpasswd " SCHED_VERSION "\n");
     EXPECT_EQ(shell("ls " + suite.path("data")), "password\n");
 
     suite.start();

@@ -117,6 +117,7 @@ private:
 class ClientTerminal : public testing::Test {
 protected:
     void SetUp() override {
+        setenv("TZ", "XST4:30", 1);  // west of UTC: a wrong sign of the zone shows as hours
         suite.module("odd", R"(case $1 in
 text) printf "$2" ;;
 split) printf 'm\303'; sleep 0.1; printf '\244r\n' ;;
@@ -134,6 +135,11 @@ esac
 };
 
 TEST_F(ClientTerminal, Session) {
+    // More lines than the file may keep, and two sessions that end one after the other.
+    shell("mkdir -p " + suite.path("state/schedctl"));
+    suite.write("state/schedctl/history", "_HiStOrY_V2_\n" + repeated(30000, "an\\040old\\040line\n"));
+    Terminal other(suite, {SCHEDCTL_BINARY});
+    other.expect(prompt);
     Terminal screen(suite, {SCHEDCTL_BINARY});
     screen.expect(prompt);
     screen.press("oddi\ttext 'two words '\n");
@@ -158,13 +164,21 @@ TEST_F(ClientTerminal, Session) {
     screen.expect("quit");
     EXPECT_EQ(screen.wait_exit(), 0);
     suite.await_trace("by quit command.");
+    other.press("debug timer\n\x04");
+    EXPECT_EQ(other.wait_exit(), 0);
+    EXPECT_LT(suite.read("state/schedctl/history").size(), 100000U);
 
     Terminal named(suite, {SCHEDCTL_BINARY, "-u", "otto"});
     named.expect("otto@" + prompt);
-    named.press("\x1b[A\n");  // the line before, of the session before
+    named.press("\x1b[A\x1b[A\n");  // the last line of the first session, behind that of the other
     named.expect("user=otto");
     named.type("quit\n");
     EXPECT_EQ(named.wait_exit(), 0);
+
+    Terminal piped(suite, {"/bin/sh", "-c", SCHEDCTL_BINARY " | cat"});
+    piped.expect("reading commands from the terminal");
+    piped.type("odd text answer\n");
+    piped.expect("answer\r\n");
 }
 
 TEST_F(ClientTerminal, InterruptedWait) {
@@ -267,13 +281,20 @@ TEST_F(ClientTerminal, Watch) {
     screen.expect("confdate ");
     suite.event("E0101:fan \x1b[31m 3 stopped\n");
     screen.expect("error ");
+    screen.expect("-04:30  ");
+    EXPECT_LE(screen.expect("s").size(), 3U);  // its age, in seconds
     screen.expect("E0101:fan \\x1b[31m 3");
+    screen.resize(6, 70);
+    suite.event("E0103:a\nE0104:b\nE0107:c\n");
+    screen.expect("prevent, diag, conf");
+    screen.expect("Messages: 4");
+    screen.expect("E0107:c");
     screen.resize(9, 30);
     screen.expect("  Ctr\x1b");  // the heading, cut at the new width
     suite.stop();
     screen.expect("no connection");
     suite.start();
-    while (screen.expect("Messages: 1").find("no connection") != std::string::npos) continue;
+    while (screen.expect("Messages: 4").find("no connection") != std::string::npos) continue;
     screen.press("typed\x1a");  // not shown; Ctrl-Z gives the terminal back, and here nothing stops the job
     EXPECT_EQ(screen.expect("\x1b[?1049l").find("typed"), std::string::npos);
     screen.expect("\x1b[?1049h");

@@ -25,6 +25,7 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::Not;
+using testing::StartsWith;
 
 inline const std::string over = "__over__ 0 0\r\n";
 inline const std::string refused = "__over__ 1 0\r\n";
