@@ -112,7 +112,7 @@ logged() {
         tail -n 40 "$log" >&2
         fail "$what: failed with $status; the whole output is in ${log#"$root/"}"
     fi
-    printf '%s: done in %d s\n' "${what%% *}" $((SECONDS - started))
+    printf '  done in %d s\n' $((SECONDS - started))
 }
 
 # build_tree TREE CMAKE-ARGUMENT... [-- BUILD-ARGUMENT...]: configures and compiles.
