@@ -86,6 +86,7 @@ opened connection::connect_to(const void* address, unsigned length, std::string&
     // A dead host must end a wait without a limit, and a stuck one a send.
     setsockopt(fd_, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
     setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+    // Only connecting had to be watched; a send may block, and poll tells when there is something to receive.
     fcntl(fd_, F_SETFL, fcntl(fd_, F_GETFL) & ~O_NONBLOCK);
     return opened::connected;
 }

@@ -74,6 +74,7 @@ line_editor::result line_editor::read(std::string& line) {
     }
     int length = 0;
     const char* text = el_gets(editor_, &length);
+    // The end of the line was made by our own key function, which libedit reports as the end of the input.
     if (interrupted_ && !signals_.leaving()) {
         return result::interrupted;
     }
@@ -119,6 +120,7 @@ void line_editor::show_above(const std::string& text) {
     if (text.empty()) {
         return;
     }
+    // The prompt and what is typed are wiped from their row and drawn again below the text.
     std::printf("\r\033[K(%s)\n", text.c_str());
     std::fflush(stdout);
     el_set(editor_, EL_REFRESH);
@@ -145,6 +147,7 @@ int line_editor::next_char(EditLine* editor, wchar_t* wide) {
         if (length == 0 || length == 1) {
             return 1;
         }
+        // A character may come in several bytes; state keeps the first ones.
         if (length == static_cast<std::size_t>(-1)) {
             state = {};  // not of this locale: dropped
         }
@@ -179,6 +182,7 @@ unsigned char line_editor::complete(EditLine* editor, std::wint_t) {
     if (fitting.size() == 1) {
         rest += ' ';
     }
+    // Several words go on alike: add what they share. Only when nothing can be added are they listed.
     if (!rest.empty()) {
         return el_insertstr(editor, rest.c_str()) == 0 ? CC_REFRESH : CC_ERROR;
     }

@@ -22,6 +22,7 @@ bool password_source::get_password(const std::string& host, std::string& problem
         const signals_through through;
         known_ = ask_password("Password for " + host + ": ", false, password_, problem);
     } else {
+        // The stream itself does not tell why it failed.
         errno = 0;
         std::ifstream file(file_);
         known_ = read_password(file, password_, problem);
@@ -35,6 +36,7 @@ std::string password_source::answer(const answer_end& challenge, const std::stri
     if (!known_ && !get_password(host, problem)) {
         return "";
     }
+    // A nonce of our own makes the response useless to one who has recorded an earlier login.
     const std::string own_nonce = random_hex(32);
     const std::string response =
         sha256_hex(hash_text(challenge.salt, password_) + challenge.nonce + own_nonce);

@@ -80,7 +80,9 @@ bool write_password_file(const std::string& path, const password_record& record,
     }
     const bool written =
         give_to_owner(fd, path) && write_all(fd, record.hash + " " + record.salt + "\n") && fsync(fd) == 0;
+    // Closing may set errno too.
     const int write_error = errno;
+    // Some file systems report a full disk only here.
     const bool closed = close(fd) == 0;
     if (written && closed && std::rename(temporary.c_str(), path.c_str()) == 0) {
         sync_directory(path);

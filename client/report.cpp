@@ -32,6 +32,7 @@ std::optional<std::time_t> seconds_of(const std::string& date) {
         (sign != '+' && sign != '-')) {
         return std::nullopt;
     }
+    // The date is local time of the scheduler, which is ahead of UTC by its offset, so the offset is taken off.
     t.tm_year -= 1900;
     t.tm_mon -= 1;
     const std::time_t offset = (hours * 60 + minutes) * 60;
@@ -66,6 +67,7 @@ status_report parse_status(std::string_view answer) {
     each_line(answer, [&report](const std::string& line) {
         char name[16];
         char date[32];
+        // Messages first: their text is free and could look like the other two kinds.
         if (line.size() > date_length && line[date_length] == ';' &&
             seconds_of(line.substr(0, date_length))) {
             report.messages.push_back({line.substr(0, date_length), line.substr(date_length + 1)});

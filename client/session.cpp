@@ -74,6 +74,7 @@ answer_end session::run(const word_list& words) {
     if (terminal && talk_.late()) {
         std::puts("(waiting for the answer given up earlier; Ctrl-C drops it)");
     }
+    // The answer is written without stdio, so what stdio holds back has to be out before it.
     std::fflush(stdout);
     answer_end end = talk_.run(words, show);
     const std::string result = describe(end);
@@ -120,6 +121,7 @@ void session::load_modules() {
     }
     word_list fields;
     for (std::size_t at = 0, eol = 0; (eol = listing.find('\n', at)) != std::string::npos; at = eol + 1) {
+        // Rows have two fields, the name and on or off; anything else is no module.
         if (split_words(std::string_view(listing).substr(at, eol - at), fields) && fields.size() == 2) {
             modules_.push_back(fields[0]);
         }

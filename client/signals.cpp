@@ -40,6 +40,7 @@ bool signal_watch::take() {
     bool stop = false;
     signalfd_siginfo info;
     while (read(fd_, &info, sizeof info) == sizeof info) {
+        // A new size and a suspension are dealt with here; only the others end the wait.
         if (info.ssi_signo == SIGWINCH) {
             resized_ = true;
             continue;

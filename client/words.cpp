@@ -40,6 +40,7 @@ bool split_words(std::string_view line, std::vector<std::string>& words) {
 bool join_words(const std::vector<std::string>& words, std::string& line, std::string& problem) {
     line.clear();
     problem.clear();
+    // A tab separates words and a carriage return ends the line; the scheduler drops line feeds and NULs silently.
     for (const std::string& word : words) {
         if (word.find_first_of(std::string_view("\t\r\n\0", 4)) != std::string::npos) {
             problem = "a word cannot hold a tab, a line end or a NUL";
@@ -50,12 +51,14 @@ bool join_words(const std::vector<std::string>& words, std::string& line, std::s
         }
         line += word;
     }
+    // The scheduler has places for 15 fields, and takes a longer line for two.
     if (words.size() > most_words) {
         problem = "more than " + std::to_string(most_words) + " words";
     }
     if (line.size() > longest_line) {
         problem = "more than " + std::to_string(longest_line) + " characters";
     }
+    // Any other restart is answered by nothing at all, so the client would wait for ever.
     if (words[0] == "restart" && (words.size() == 1 || words[1] != "sched")) {
         problem = "restart wants the word sched";
     }
