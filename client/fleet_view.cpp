@@ -10,7 +10,8 @@ namespace client {
 
 namespace {
 
-constexpr std::size_t shown_date = 19;  // without the zone
+constexpr std::size_t shown_date = 19;    // without the zone
+constexpr std::size_t widest_label = 40;  // a longer one moves its own line only
 
 enum class health { unreachable, error, condition, lost, well, unknown };
 
@@ -111,7 +112,7 @@ std::string heading(const std::array<std::size_t, 6>& counts, std::size_t hosts)
 void draw_fleet(const std::vector<host_row>& rows, fleet_keys& keys) {
     std::size_t label_width = 0;
     for (const host_row& row : rows) {
-        label_width = std::max(label_width, row.label.size());
+        label_width = std::max(label_width, std::min(row.label.size(), widest_label));
     }
     std::array<std::size_t, 6> counts{};
     std::vector<described_row> lines;

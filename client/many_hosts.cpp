@@ -11,22 +11,21 @@ namespace {
 
 constexpr std::size_t other_descriptors = 64;  // standard ones, files, the resolver's threads
 
-// How many of the wanted connections the limit for descriptors allows.
-std::size_t allowed_connections(std::size_t wanted) {
+// How many of the wanted connections the limit for descriptors allows, once it is raised. The output of each host may
+// need one more for its file.
+std::size_t allowed_connections(std::size_t wanted, std::size_t hosts) {
+    const rlim_t needed = wanted + hosts + other_descriptors;
     rlimit limit{};
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= needed) {
         return wanted;
     }
-    const rlim_t needed = 2 * wanted + other_descriptors;  // each host may need a file for its output
-    if (limit.rlim_cur < needed) {
-        limit.rlim_cur = std::min(needed, limit.rlim_max);
-        setrlimit(RLIMIT_NOFILE, &limit);
-        getrlimit(RLIMIT_NOFILE, &limit);
-    }
-    if (limit.rlim_cur >= needed) {
+    limit.rlim_cur = std::min(needed, limit.rlim_max);
+    if (setrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur == needed) {
         return wanted;
     }
-    return limit.rlim_cur > other_descriptors + 2 ? (limit.rlim_cur - other_descriptors) / 2 : 1;
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const std::size_t half = limit.rlim_cur / 2;
+    return half > other_descriptors ? std::min(wanted, half - other_descriptors) : 1;
 }
 
 }  // namespace
@@ -34,7 +33,7 @@ std::size_t allowed_connections(std::size_t wanted) {
 many_hosts::many_hosts(const std::vector<host_name>& hosts, const settings& chosen, std::size_t parallel,
                        listener told)
     : password_(chosen.password_file),
-      parallel_(allowed_connections(std::min(parallel, hosts.size()))),
+      parallel_(allowed_connections(std::min(parallel, hosts.size()), hosts.size())),
       told_(std::move(told)),
       asking_(hosts.size()) {
     for (const host_name& host : hosts) {

@@ -13,7 +13,7 @@ namespace client {
 
 namespace {
 
-constexpr std::size_t most_in_memory = 65536;  // bytes
+constexpr std::size_t most_in_memory = 16384;  // bytes
 
 [[noreturn]] void fail(const std::string& what) {
     throw std::system_error(errno, std::generic_category(), "cannot keep output that waits: " + what);
