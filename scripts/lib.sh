@@ -16,7 +16,7 @@ fail() {
 
 # ---- packages ------------------------------------------------------------------------------------------------------
 
-# can_be_root: sudo may ask for a password where somebody can type it.
+# can_be_root: sudo may ask for a password where one can be typed.
 can_be_root() {
     [ "$(id -u)" -eq 0 ] || sudo -n true 2>/dev/null || { [ -t 0 ] && sudo -v 2>/dev/null; }
 }

@@ -35,7 +35,7 @@ start() {
     port=$((20000 + RANDOM % 12000))
     # shellcheck disable=SC2016
     unshare --mount --propagation private sh -c '
-        for room in config data log temp update; do mount --bind $room $room; done
+        for dir in config data log temp update; do mount --bind $dir $dir; done
         mount -o remount,bind,ro config && mount -o remount,bind,ro / && umask 077 && exec setpriv "$@"' sh \
         --reuid=65534 --regid=65534 --clear-groups --no-new-privs --bounding-set="-all,+$capability" \
         --inh-caps="-all,+$capability" --ambient-caps="-all,+$capability" \
