@@ -13,8 +13,8 @@ void discard(std::string_view) {}
 
 }  // namespace
 
-conversation::conversation(const settings& chosen, signal_watch* signals)
-    : settings_(chosen), link_(chosen.where, signals), password_(chosen.password_file) {}
+conversation::conversation(const settings& chosen, signal_watch* signals, on_silence habit)
+    : settings_(chosen), habit_(habit), link_(chosen.where, signals), password_(chosen.password_file) {}
 
 answer_end conversation::run(const std::vector<std::string>& words, const sink& output) {
     std::string line;
@@ -39,10 +39,35 @@ answer_end conversation::run(const std::vector<std::string>& words, const sink& 
         end.reason = words[0] == "unlock" ? "the lock is not held here" : "switched off or locked";
     }
     // Stopped in the middle of several exchanges: what is still to come cannot be told apart.
-    if (end.how == ending::interrupted && !late_) {
+    if ((end.how == ending::interrupted || end.how == ending::silent) && !late_) {
         link_.close();
     }
     return end;
+}
+
+answer_end conversation::resume(const sink& output) {
+    const answer_end end = receive(*late_, output);
+    if (!is_unfinished(end)) {
+        late_.reset();
+    }
+    return end;
+}
+
+answer_end conversation::take_leave(const sink& output) {
+    if (!link_.is_open()) {
+        return {ending::closed};
+    }
+    answer_end end = exchange_line("status\rquit", output);
+    if (end.how == ending::over) {
+        answer_parser farewell(true);
+        receive(farewell, discard);
+    }
+    link_.close();
+    return end;
+}
+
+bool conversation::is_unfinished(const answer_end& end) const {
+    return end.how == ending::interrupted || (end.how == ending::silent && habit_ == on_silence::stay);
 }
 
 bool conversation::connect(answer_end& problem) {
@@ -67,7 +92,7 @@ bool conversation::greet(answer_end& problem) {
         problem = ask(words, discard);
         late_.reset();  // a connection without its greeting is not kept
         if (problem.how == ending::login_refused || problem.how == ending::interrupted ||
-            problem.how == ending::invalid || !link_.is_open()) {
+            problem.how == ending::invalid || problem.how == ending::silent || !link_.is_open()) {
             link_.close();
             return false;
         }
@@ -110,7 +135,7 @@ bool conversation::log_in(const answer_end& challenge, answer_end& problem) {
 
 // Without a limit of the operator's own, only a module may be silent for long.
 void conversation::limit_wait(std::string_view word) {
-    if (settings_.where.timeout == 0) {
+    if (settings_.where.timeout == 0 && habit_ != on_silence::wait) {
         link_.set_timeout(is_answered_at_once(word) ? answer_timeout : 0);
     }
 }
@@ -134,7 +159,7 @@ answer_end conversation::exchange(const std::vector<std::string>& words, const s
         return end;
     }
     end = receive(parser, output);
-    if (end.how == ending::interrupted) {
+    if (is_unfinished(end)) {
         late_ = parser;
     }
     return end;
@@ -208,7 +233,7 @@ answer_end conversation::receive(answer_parser& parser, const sink& output) {
             break;
         }
         const wake woken = link_.wait();
-        if (woken == wake::silent) {
+        if (woken == wake::silent && habit_ == on_silence::leave) {
             link_.close();
         }
         if (woken != wake::ready) {

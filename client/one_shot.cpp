@@ -4,6 +4,8 @@
 #include "json.h"
 #include "options.h"
 #include "output.h"
+#include "report.h"
+#include "spool.h"
 #include "text.h"
 
 #include <cstdio>
@@ -30,15 +32,28 @@ int run_one_shot(const settings& chosen) {
     printable_text filter;
     std::string kept;
     const bool terminal = isatty(STDOUT_FILENO) == 1;
-    const answer_end end = talk.run(chosen.words, [&](std::string_view text) {
+    const bool is_status = chosen.words[0] == "status";
+    const spool kept_for_us(chosen.where);
+    conversation::sink output = [&](std::string_view text) {
         if (convert != nullptr) {
             kept += text;
         } else {
             print(terminal ? filter.clean(text) : text);
         }
-    });
+    };
+    if (is_status && convert == nullptr) {
+        output = kept_for_us.before(output);
+    }
+    const answer_end end = talk.run(chosen.words, output);
     if (convert != nullptr && end.how == ending::over) {
-        print(convert(kept));
+        if (is_status) {
+            kept_for_us.hand_over([&](const status_report& waiting) {
+                print(convert(status_lines(waiting) + kept));
+                return true;
+            });
+        } else {
+            print(convert(kept));
+        }
     }
     const bool module_spoke = end.how == ending::over && end.signal == 0;
     if (!module_spoke && !describe(end).empty()) {

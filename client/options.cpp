@@ -110,7 +110,10 @@ void name_hosts(const CLI::App& app, settings& chosen) {
         chosen.hosts.clear();
     }
     if (!chosen.hosts.empty() && !chosen.watch && chosen.words.empty()) {
-        throw CLI::ValidationError("several hosts", "take a command or `watch`; a session is for one");
+        throw CLI::ValidationError("several hosts", "take a command or `watch`; all else is for one");
+    }
+    if (!chosen.hosts.empty() && chosen.watch && chosen.json) {
+        throw CLI::ValidationError("--json", "with `watch` is for one host");
     }
 }
 
@@ -196,7 +199,8 @@ std::vector<std::string> parse_words(CLI::App& app, const std::vector<std::strin
 // Help and version texts are output like any other.
 int finish(const CLI::App& app, const CLI::ParseError& problem) {
     const bool asked_for = app.exit(problem) == 0;
-    return asked_for && flush_output() ? 0 : exit_usage;
+    const int usage = app.got_subcommand("check") ? static_cast<int>(plugin_unknown) : exit_usage;
+    return asked_for && flush_output() ? 0 : usage;
 }
 
 }  // namespace
@@ -215,6 +219,9 @@ std::optional<int> parse_options(int argc, char** argv, settings& chosen) {
     watch->add_option("-n,--interval", chosen.interval, "Seconds between two looks")
         ->check(CLI::Range(1, 3600))
         ->capture_default_str();
+    watch->add_flag("--level-prefix", chosen.level_prefix,
+                    "With --json: begin each line with its priority, \"<3>\"");
+    add_monitoring_commands(app, chosen.monitoring);
     const std::vector<std::string> arguments(argv + 1, argv + argc);
     const auto mark = std::find(arguments.begin(), arguments.end(), "--");
     try {
@@ -224,10 +231,11 @@ std::optional<int> parse_options(int argc, char** argv, settings& chosen) {
             chosen.words.insert(chosen.words.end(), mark + 1, arguments.end());
         }
         name_hosts(app, chosen);
-        if (chosen.watch && !chosen.words.empty()) {
+        const bool without_words = chosen.watch || chosen.monitoring.metrics || chosen.monitoring.check;
+        if (without_words && !chosen.words.empty()) {
             throw CLI::ExtrasError(chosen.words);
         }
-        if (chosen.json && chosen.words.empty()) {
+        if (chosen.json && chosen.words.empty() && !chosen.watch) {
             throw CLI::RequiresError("--json", json_commands);
         }
     } catch (const CLI::ParseError& problem) {

@@ -3,6 +3,7 @@
 
 #include "connection.h"
 #include "host_list.h"
+#include "monitoring_options.h"
 
 #include <optional>
 #include <string>
@@ -20,7 +21,9 @@ struct settings {
     std::string password_file;     // empty: ask on the terminal
     bool json = false;
     bool watch = false;
-    unsigned interval = 2;           // seconds between two looks of `watch`
+    unsigned interval = 2;      // seconds between two looks of `watch`
+    bool level_prefix = false;  // lines of `watch --json` begin with their syslog priority
+    monitoring_settings monitoring;
     std::vector<std::string> words;  // the command; empty: a session
 };
 

@@ -67,13 +67,13 @@ status_report parse_status(std::string_view answer) {
     each_line(answer, [&report](const std::string& line) {
         char name[16];
         char date[32];
+        unsigned long lost = 0;
         // Messages first: their text is free and could look like the other two kinds.
         if (line.size() > date_length && line[date_length] == ';' &&
             seconds_of(line.substr(0, date_length))) {
             report.messages.push_back({line.substr(0, date_length), line.substr(date_length + 1)});
-        } else if (std::sscanf(line.c_str(), "W0100: message queue overflow, %lu messages", &report.lost) ==
-                   1) {
-            return;
+        } else if (std::sscanf(line.c_str(), "W0100: message queue overflow, %lu messages", &lost) == 1) {
+            report.lost += lost;
         } else if (std::sscanf(line.c_str(), "%15s %31s", name, date) == 2 && seconds_of(date)) {
             report.conditions.push_back({name, date});
         }
@@ -101,6 +101,17 @@ std::vector<hmi_row> parse_show_ip(std::string_view answer) {
                         line.ends_with(" locked=1")});
     });
     return rows;
+}
+
+std::string status_lines(const status_report& report) {
+    std::string lines;
+    for (const message& m : report.messages) {
+        lines += m.date + ";" + m.text + "\n";
+    }
+    if (report.lost != 0) {
+        lines += "W0100: message queue overflow, " + std::to_string(report.lost) + " messages were lost.\n";
+    }
+    return lines;
 }
 
 }  // namespace client

@@ -37,6 +37,9 @@ struct hmi_row {
 status_report parse_status(std::string_view answer);
 std::vector<hmi_row> parse_show_ip(std::string_view answer);
 
+// The messages and the lost count as lines of an answer of `status`.
+std::string status_lines(const status_report& report);
+
 // This moment as such a date.
 std::string now_date();
 

@@ -1,7 +1,10 @@
 // schedctl: the operator's client of the scheduler.
 #include "answer.h"
+#include "check.h"
 #include "fleet_watch.h"
+#include "follow.h"
 #include "many_shot.h"
+#include "metrics.h"
 #include "one_shot.h"
 #include "options.h"
 #include "output.h"
@@ -15,6 +18,15 @@
 namespace {
 
 int run(const client::settings& chosen) {
+    if (chosen.monitoring.metrics) {
+        return client::run_metrics(chosen);
+    }
+    if (chosen.monitoring.check) {
+        return client::run_check(chosen);
+    }
+    if (chosen.watch && chosen.json) {
+        return client::run_follow(chosen);
+    }
     if (chosen.watch) {
         return chosen.hosts.empty() ? client::run_watch(chosen) : client::run_fleet_watch(chosen);
     }

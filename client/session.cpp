@@ -4,7 +4,9 @@
 #include "line_editor.h"
 #include "options.h"
 #include "output.h"
+#include "report.h"
 #include "signals.h"
+#include "spool.h"
 #include "text.h"
 #include "words.h"
 
@@ -57,6 +59,7 @@ private:
     bool run_line(const std::string& line);
     word_list candidates(const word_list& earlier);
     void load_modules();
+    void show_kept() const;
 
     const settings& chosen_;
     signal_watch* signals_;
@@ -76,7 +79,11 @@ answer_end session::run(const word_list& words) {
     }
     // The answer is written without stdio, so what stdio holds back has to be out before it.
     std::fflush(stdout);
-    answer_end end = talk_.run(words, show);
+    conversation::sink output = show;
+    if (words[0] == "status") {
+        output = spool(chosen_.where).before(show);
+    }
+    answer_end end = talk_.run(words, output);
     const std::string result = describe(end);
     if (!result.empty()) {
         std::fprintf(terminal ? stdout : stderr, terminal ? "[%s]\n" : "schedctl: %s\n", result.c_str());
@@ -128,6 +135,13 @@ void session::load_modules() {
     }
 }
 
+// Messages that a check was given for this user.
+void session::show_kept() const {
+    spool(chosen_.where).hand_over([](const status_report& waiting) {
+        return write_all(STDOUT_FILENO, printable_text().clean(status_lines(waiting)));
+    });
+}
+
 word_list session::candidates(const word_list& earlier) {
     word_list words;
     if (earlier.empty()) {
@@ -157,6 +171,7 @@ word_list session::candidates(const word_list& earlier) {
 int session::at_terminal() {
     std::puts("(Tab completes, quit or Ctrl-D leaves)");
     load_modules();
+    show_kept();
     const std::string place = chosen_.where.host + ":" + std::to_string(chosen_.where.port);
     line_editor editor((chosen_.user.empty() ? place : chosen_.user + "@" + place) + "> ", history_path(),
                        *signals_);

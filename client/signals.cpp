@@ -1,5 +1,7 @@
 #include "signals.h"
 
+#include <poll.h>
+#include <sys/epoll.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 #include <utility>
@@ -25,21 +27,50 @@ signal_watch::signal_watch(std::function<void()> suspend) : suspend_(std::move(s
         sigdelset(&set, SIGTSTP);
     }
     sigprocmask(SIG_BLOCK, &set, &before_);
-    fd_ = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
+    fd_ = signal_fd_ = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
     if (fd_ < 0) {  // then they had better act as usual than not at all
         sigprocmask(SIG_SETMASK, &before_, nullptr);
     }
 }
 
 signal_watch::~signal_watch() {
-    close(fd_);
+    if (fd_ != signal_fd_) {
+        close(fd_);
+    }
+    close(signal_fd_);
     sigprocmask(SIG_SETMASK, &before_, nullptr);
 }
 
+// One descriptor for both: those who wait need not know how many things are watched.
+void signal_watch::watch_reader_of(int descriptor) {
+    const int both = epoll_create1(EPOLL_CLOEXEC);
+    epoll_event signal_event{EPOLLIN, {}};
+    epoll_event reader_event{0, {}};  // that it has gone is told in any case
+    if (both < 0 || epoll_ctl(both, EPOLL_CTL_ADD, signal_fd_, &signal_event) != 0 ||
+        epoll_ctl(both, EPOLL_CTL_ADD, descriptor, &reader_event) != 0) {  // a file has no reader to lose
+        close(both);
+        return;
+    }
+    fd_ = both;
+    written_ = descriptor;
+}
+
 bool signal_watch::take() {
+    bool stop = take_signals();
+    pollfd reader{written_, 0, 0};
+    if (written_ >= 0 && poll(&reader, 1, 0) > 0) {
+        epoll_ctl(fd_, EPOLL_CTL_DEL, written_, nullptr);
+        written_ = -1;
+        leaving_ = true;
+        stop = true;
+    }
+    return stop;
+}
+
+bool signal_watch::take_signals() {
     bool stop = false;
     signalfd_siginfo info;
-    while (read(fd_, &info, sizeof info) == sizeof info) {
+    while (read(signal_fd_, &info, sizeof info) == sizeof info) {
         // A new size and a suspension are dealt with here; only the others end the wait.
         if (info.ssi_signo == SIGWINCH) {
             resized_ = true;

@@ -18,10 +18,13 @@ public:
 
     int fd() const { return fd_; }
 
-    // Takes what has come. true when the operator wants the wait to end: SIGINT, or a signal to leave.
+    // The end of the reader of this pipe or socket is from now on a wish to leave, also while nothing is written.
+    void watch_reader_of(int descriptor);
+
+    // Takes what has come. true when the operator wants the wait to end: SIGINT, or a wish to leave.
     bool take();
 
-    // SIGTERM or SIGHUP came.
+    // SIGTERM or SIGHUP came, or the watched reader has gone.
     bool leaving() const { return leaving_; }
 
     // SIGWINCH came since the last call.
@@ -30,7 +33,11 @@ public:
 private:
     std::function<void()> suspend_;
     sigset_t before_;
+    bool take_signals();
+
     int fd_ = -1;
+    int signal_fd_ = -1;
+    int written_ = -1;  // whose reader is watched
     bool leaving_ = false;
     bool resized_ = false;
 };

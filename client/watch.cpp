@@ -5,6 +5,7 @@
 #include "options.h"
 #include "screen.h"
 #include "signals.h"
+#include "spool.h"
 #include "watch_view.h"
 
 #include <algorithm>
@@ -30,6 +31,7 @@ public:
 
 private:
     bool look(answer_end& end);
+    void take_with_kept(status_report& report);
     void take(const status_report& report);
     bool pause();
     bool left_by_key() const;
@@ -52,9 +54,14 @@ bool watch::look(answer_end& end) {
         if (!drawing_ && answered_ && !shown_.trouble.empty()) {
             print_line({now_date(), "connected"});
         }
+        status_report report = parse_status(text);
+        if (!answered_ || !shown_.trouble.empty()) {
+            take_with_kept(report);
+        } else {
+            take(report);
+        }
         answered_ = true;
         shown_.trouble.clear();
-        take(parse_status(text));
         return true;
     }
     const bool passing = end.how == ending::closed || end.how == ending::unsent || end.how == ending::silent;
@@ -66,6 +73,16 @@ bool watch::look(answer_end& end) {
     }
     shown_.trouble = describe(end);
     return true;
+}
+
+// While there was no connection, a check of this user may have been given messages.
+void watch::take_with_kept(status_report& report) {
+    spool(chosen_.where).hand_over([&](const status_report& waiting) {
+        report.messages.insert(report.messages.begin(), waiting.messages.begin(), waiting.messages.end());
+        report.lost += waiting.lost;
+        take(report);
+        return true;
+    });
 }
 
 void watch::take(const status_report& report) {

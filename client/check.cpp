@@ -1,0 +1,103 @@
+#include "check.h"
+
+#include "answer.h"
+#include "condition_names.h"
+#include "options.h"
+#include "text.h"
+#include "visit.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <limits>
+#include <unistd.h>
+
+namespace client {
+
+namespace {
+
+constexpr const char* state_names[] = {"OK", "WARNING", "CRITICAL", "UNKNOWN"};
+static_assert(std::size(state_names) == plugin_unknown + 1);
+
+bool names(const std::vector<std::string>& list, const char* condition_name) {
+    return std::any_of(list.begin(), list.end(),
+                       [&](const std::string& word) { return word == "all" || word == condition_name; });
+}
+
+int level_of(const settings& chosen, const char* name) {
+    if (names(chosen.monitoring.critical, name)) {
+        return plugin_critical;
+    }
+    return names(chosen.monitoring.warning, name) ? plugin_warning : plugin_ok;
+}
+
+int level_of_failure(const settings& chosen, int failure) {
+    switch (failure) {
+        case exit_silence:
+            return chosen.monitoring.timeout_level;
+        case exit_connection:
+            return plugin_critical;
+        default:
+            return plugin_unknown;
+    }
+}
+
+// A bar would begin the performance data.
+std::string one_line(const std::string& text) {
+    std::string line = fit(text, std::numeric_limits<std::size_t>::max());
+    std::replace(line.begin(), line.end(), '|', '/');
+    return line;
+}
+
+std::string performance_of(const settings& chosen, const snapshot& known) {
+    std::string text;
+    for (const char* name : condition_names) {
+        const bool is_set = std::any_of(known.conditions.begin(), known.conditions.end(),
+                                        [&](const condition& c) { return c.name == name; });
+        const int level = level_of(chosen, name);
+        text += std::string(name) + (is_set ? "=1;" : "=0;") + (level == plugin_warning ? "0;" : ";") +
+                (level == plugin_critical ? "0;" : ";") + "0;1 ";
+    }
+    char rest[96];
+    std::snprintf(rest, sizeof rest, "answer_time=%.6fs;;;0 lost=%luc;;;0", known.answer_seconds,
+                  known.totals.lost);
+    return text + rest;
+}
+
+int judge(const settings& chosen, const snapshot& known, std::string& line) {
+    if (!known.up) {
+        line = one_line(known.problem);
+        return level_of_failure(chosen, known.failure);
+    }
+    int worst = plugin_ok;
+    for (const char* name : condition_names) {
+        for (const condition& c : known.conditions) {
+            if (c.name == name) {
+                line += (line.empty() ? "" : ", ") + c.name + " since " + c.since;
+                worst = std::max(worst, level_of(chosen, name));
+            }
+        }
+    }
+    if (line.empty()) {
+        line = "no condition is set";
+    }
+    if (!known.messages.empty()) {
+        line += "; newest message: " + one_line(known.messages.back().text);
+    }
+    line += " | " + performance_of(chosen, known);
+    return worst;
+}
+
+}  // namespace
+
+int run_check(const settings& chosen) {
+    const snapshot known = look_at(chosen, false);
+    report_unkept(known);
+    std::string line;
+    const int state = judge(chosen, known, line);
+    if (!write_all(STDOUT_FILENO, std::string("SCHED ") + state_names[state] + " - " + line + "\n")) {
+        return plugin_unknown;
+    }
+    return state;
+}
+
+}  // namespace client

@@ -1,0 +1,179 @@
+#include "exposition.h"
+
+#include "condition_names.h"
+#include "snapshot.h"
+
+#include <algorithm>
+#include <charconv>
+#include <utility>
+#include <vector>
+
+namespace client {
+
+namespace {
+
+constexpr unsigned long seconds_per_minute = 60;
+
+enum class kind { gauge, counter, info };
+
+struct label {
+    const char* name;
+    std::string value;
+};
+
+// As few digits as give the same number.
+std::string number_text(double value) {
+    char text[32];
+    const auto [end, error] = std::to_chars(std::begin(text), std::end(text), value);
+    return {text, error == std::errc() ? end : text};
+}
+
+std::string escaped(const std::string& value) {
+    std::string text;
+    for (const char c : value) {
+        if (c == '\\' || c == '"') {
+            text += '\\';
+        }
+        text += c == '\n' ? ' ' : c;
+    }
+    return text;
+}
+
+class page {
+public:
+    explicit page(exposition format) : format_(format) {}
+
+    // name: without the suffix of its kind. unit: the name's last word when it is a unit.
+    void family(const std::string& name, kind of, const char* unit, const char* help) {
+        suffix_ = of == kind::counter ? "_total" : of == kind::info ? "_info" : "";
+        sample_ = name + suffix_;
+        const std::string declared = format_ == exposition::openmetrics ? name : sample_;
+        text_ += "# HELP " + declared + " " + help + "\n";
+        if (of == kind::counter && format_ != exposition::common) {
+            text_ += "# TYPE " + declared + " counter\n";
+        } else if (of == kind::info && format_ == exposition::openmetrics) {
+            text_ += "# TYPE " + declared + " info\n";
+        } else if (of != kind::counter) {
+            text_ += "# TYPE " + declared + " gauge\n";
+        }
+        // The unit has to end the declared name.
+        if (unit != nullptr && (of == kind::gauge || format_ == exposition::openmetrics)) {
+            text_ += "# UNIT " + declared + " " + unit + "\n";
+        }
+    }
+
+    void sample(double value, const std::vector<label>& labels = {}) {
+        text_ += sample_;
+        const char* before = "{";
+        for (const label& l : labels) {
+            text_ += std::string(before) + l.name + "=\"" + escaped(l.value) + "\"";
+            before = ",";
+        }
+        text_ += (labels.empty() ? " " : "} ") + number_text(value) + "\n";
+    }
+
+    std::string finish() { return format_ == exposition::prometheus ? text_ : text_ + "# EOF\n"; }
+
+private:
+    exposition format_;
+    std::string suffix_;
+    std::string sample_;
+    std::string text_;
+};
+
+const condition* find(const snapshot& known, const std::string& name) {
+    for (const condition& c : known.conditions) {
+        if (c.name == name) {
+            return &c;
+        }
+    }
+    return nullptr;
+}
+
+double seconds_since_epoch(const condition& c) {
+    return static_cast<double>(seconds_of(c.since).value_or(0));
+}
+
+void expose_conditions(const snapshot& known, page& out) {
+    out.family("sched_condition", kind::gauge, nullptr, "Whether the condition is set.");
+    for (const char* name : condition_names) {
+        out.sample(find(known, name) != nullptr ? 1 : 0, {{"name", name}});
+    }
+    out.family("sched_condition_since_timestamp_seconds", kind::gauge, "seconds",
+               "When the condition was set last; only while it is set.");
+    for (const char* name : condition_names) {
+        if (const condition* c = find(known, name)) {
+            out.sample(seconds_since_epoch(*c), {{"name", name}});
+        }
+    }
+    if (const condition* date = find(known, "confdate")) {
+        out.family("sched_configuration_timestamp_seconds", kind::gauge, "seconds",
+                   "When the hardware configuration was read last.");
+        out.sample(seconds_since_epoch(*date));
+    }
+}
+
+void expose_messages(const message_totals& totals, page& out) {
+    out.family("sched_messages", kind::counter, nullptr, "Messages received, by severity.");
+    const std::pair<const char*, unsigned long> rows[] = {
+        {"error", totals.error}, {"warning", totals.warning}, {"info", totals.info}};
+    for (const auto& [severity, count] : rows) {
+        out.sample(static_cast<double>(count), {{"severity", severity}});
+    }
+    out.family("sched_messages_lost", kind::counter, nullptr,
+               "Messages dropped because nobody fetched them in time.");
+    out.sample(static_cast<double>(totals.lost));
+}
+
+void expose_details(const snapshot& known, page& out) {
+    if (known.operators) {
+        out.family("sched_connected_operators", kind::gauge, nullptr,
+                   "Connections of operators and relays, without the one that collects.");
+        out.sample(static_cast<double>(*known.operators));
+    }
+    if (!known.modules.empty()) {
+        out.family("sched_module_enabled", kind::gauge, nullptr, "Whether the module is switched on.");
+        for (const module_row& m : known.modules) {
+            out.sample(m.on ? 1 : 0, {{"module", m.name}});
+        }
+    }
+    if (known.timer_jobs) {
+        out.family("sched_timer_jobs", kind::gauge, nullptr, "Jobs in the timer table.");
+        out.sample(static_cast<double>(*known.timer_jobs));
+    }
+}
+
+}  // namespace
+
+std::string expose(const snapshot& known, exposition format) {
+    page out(format);
+    out.family("sched_up", kind::gauge, nullptr, "Whether the scheduler answers.");
+    out.sample(known.up ? 1 : 0);
+    out.family("sched_build", kind::info, nullptr, "Version of the client that collects.");
+    out.sample(1, {{"version", SCHED_VERSION}});
+    expose_messages(known.totals, out);
+    if (known.uptime_minutes) {
+        out.family("sched_uptime_seconds", kind::counter, "seconds",
+                   "How long the scheduler has run over all its starts, in full minutes.");
+        out.sample(static_cast<double>(*known.uptime_minutes * seconds_per_minute));
+    }
+    if (known.answered > 0) {
+        out.family("sched_status_age_seconds", kind::gauge, "seconds", "Age of the newest status.");
+        out.sample(std::max(0.0, wall_clock() - known.answered));
+    }
+    if (known.up) {
+        out.family("sched_answer_seconds", kind::gauge, "seconds",
+                   "How long the scheduler took for the status.");
+        out.sample(known.answer_seconds);
+        expose_conditions(known, out);
+        expose_details(known, out);
+    }
+    return out.finish();
+}
+
+const char* media_type_of(exposition format) {
+    return format == exposition::openmetrics ? "application/openmetrics-text; version=1.0.0; charset=utf-8"
+                                             : "text/plain; version=0.0.4; charset=utf-8";
+}
+
+}  // namespace client

@@ -1,0 +1,63 @@
+#include "monitoring_options.h"
+
+#include "condition_names.h"
+
+#include <CLI/CLI.hpp>
+#include <map>
+
+namespace client {
+
+namespace {
+
+std::vector<std::string> condition_words() {
+    std::vector<std::string> words = {"all", "none"};
+    words.insert(words.end(), std::begin(condition_names), std::end(condition_names));
+    return words;
+}
+
+void add_metrics(CLI::App& app, monitoring_settings& chosen) {
+    CLI::App* metrics = app.add_subcommand("metrics", "Print what is known of the scheduler for collectors");
+    metrics->fallthrough();
+    metrics->callback([&chosen] { chosen.metrics = true; });
+    CLI::Option* output =
+        metrics->add_option("-o,--output", chosen.output, "Replace this file, for the textfile collector");
+    metrics->add_option("--listen", chosen.listen, "Serve /metrics?target=HOST:PORT at ADDRESS:PORT")
+        ->excludes(output);
+    metrics->add_option("--format", chosen.format, "Form of the text; without it, one that both take")
+        ->check(CLI::IsMember({"prometheus", "openmetrics"}));
+}
+
+void add_check(CLI::App& app, monitoring_settings& chosen) {
+    CLI::App* check = app.add_subcommand("check", "Check the scheduler as a monitoring plugin");
+    check->fallthrough();
+    check->callback([&chosen] { chosen.check = true; });
+    const CLI::IsMember known(condition_words());
+    check
+        ->add_option("-w,--warning", chosen.warning,
+                     "Conditions that warn, separated by commas; or all, none")
+        ->delimiter(',')
+        ->check(known)
+        ->capture_default_str();
+    check->add_option("-c,--critical", chosen.critical, "Conditions that are critical; they go before -w")
+        ->delimiter(',')
+        ->check(known)
+        ->capture_default_str();
+    const std::map<std::string, int> levels = {{"ok", plugin_ok},
+                                               {"warning", plugin_warning},
+                                               {"critical", plugin_critical},
+                                               {"unknown", plugin_unknown}};
+    check
+        ->add_option("--timeout-state", chosen.timeout_level,
+                     "State when the scheduler does not answer in time")
+        ->transform(CLI::CheckedTransformer(levels, CLI::ignore_case))
+        ->default_str("unknown");
+}
+
+}  // namespace
+
+void add_monitoring_commands(CLI::App& app, monitoring_settings& chosen) {
+    add_metrics(app, chosen);
+    add_check(app, chosen);
+}
+
+}  // namespace client

@@ -1,0 +1,115 @@
+#include "spool.h"
+
+#include "file_lock.h"
+#include "state_path.h"
+
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <utility>
+
+namespace client {
+
+namespace {
+
+constexpr const char* totals_format = "totals %lu %lu %lu %lu\n";
+
+// The file is an answer of `status` without conditions, behind one line of totals: messages keep their bytes.
+spool_content read_spool(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    spool_content content{parse_status(text), {}};
+    message_totals& t = content.totals;
+    if (std::sscanf(text.c_str(), totals_format, &t.error, &t.warning, &t.info, &t.lost) != 4) {
+        t = {};
+    }
+    return content;
+}
+
+bool write_spool(const std::string& path, const spool_content& content, std::string& problem) {
+    const message_totals& t = content.totals;
+    char first[128];
+    std::snprintf(first, sizeof first, totals_format, t.error, t.warning, t.info, t.lost);
+    return replace_file(path, first + status_lines(content.waiting), 0600, true, problem);
+}
+
+}  // namespace
+
+void message_totals::add(const status_report& report) {
+    for (const message& m : report.messages) {
+        ++(m.text.starts_with('E') ? error : m.text.starts_with('W') ? warning : info);
+    }
+    lost += report.lost;
+}
+
+spool::spool(const endpoint& of) {
+    const std::string directory = state_directory();
+    if (!directory.empty()) {
+        path_ = directory + "/spool-" + file_name_of(of);
+    }
+}
+
+bool spool::usable(std::string& problem) const {
+    if (path_.empty()) {
+        problem = "no directory to keep messages in: set XDG_STATE_HOME";
+        return false;
+    }
+    return file_lock::can_open(path_ + ".lock", problem);
+}
+
+bool spool::append(const status_report& report, spool_content& kept, std::string& problem) const {
+    if (!usable(problem)) {
+        return false;
+    }
+    const file_lock lock(path_ + ".lock");
+    kept = read_spool(path_);
+    if (report.messages.empty() && report.lost == 0) {
+        return true;
+    }
+    std::vector<message>& messages = kept.waiting.messages;
+    messages.insert(messages.end(), report.messages.begin(), report.messages.end());
+    kept.waiting.lost += report.lost;
+    kept.totals.add(report);
+    if (messages.size() > most_spooled) {
+        const std::size_t excess = messages.size() - most_spooled;
+        messages.erase(messages.begin(), messages.begin() + static_cast<std::ptrdiff_t>(excess));
+        kept.waiting.lost += excess;
+        kept.totals.lost += excess;
+    }
+    return write_spool(path_, kept, problem);
+}
+
+void spool::hand_over(const std::function<bool(const status_report&)>& show) const {
+    if (path_.empty() || std::ifstream(path_).fail()) {
+        show({});
+        return;
+    }
+    const file_lock lock(path_ + ".lock");
+    spool_content content = read_spool(path_);
+    const bool is_empty = content.waiting.messages.empty() && content.waiting.lost == 0;
+    if (!show(content.waiting) || is_empty) {
+        return;
+    }
+    content.waiting = {};
+    std::string problem;
+    if (!write_spool(path_, content, problem)) {
+        std::fprintf(stderr, "schedctl: %s; the messages will be shown again\n", problem.c_str());
+    }
+}
+
+std::function<void(std::string_view)> spool::before(std::function<void(std::string_view)> output) const {
+    return [kept = *this, output = std::move(output), first = true](std::string_view part) mutable {
+        if (std::exchange(first, false)) {
+            kept.hand_over([&output](const status_report& waiting) {
+                const std::string lines = status_lines(waiting);
+                if (!lines.empty()) {
+                    output(lines);
+                }
+                return true;
+            });
+        }
+        output(part);
+    };
+}
+
+}  // namespace client

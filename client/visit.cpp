@@ -1,0 +1,185 @@
+#include "visit.h"
+
+#include "conversation.h"
+#include "file_lock.h"
+#include "options.h"
+#include "state_path.h"
+#include "text.h"
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <fcntl.h>
+#include <poll.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace client {
+
+namespace {
+
+using steady = std::chrono::steady_clock;
+
+constexpr unsigned usual_limit = 10;  // seconds
+
+snapshot not_up(int failure, std::string problem) {
+    snapshot known;
+    known.failure = failure;
+    known.problem = std::move(problem);
+    return known;
+}
+
+// The answers of one visit: two of `status`, the second with the leave.
+status_report visit(conversation& talk, bool details, snapshot& known) {
+    answer_end end{ending::over};
+    std::string first;
+    std::string second;
+    if (!details || ask_details(talk, known, end)) {
+        const steady::time_point begin = steady::now();
+        end = talk.run({"status"}, [&first](std::string_view part) { first += part; });
+        known.answer_seconds = std::chrono::duration<double>(steady::now() - begin).count();
+    }
+    if (end.how == ending::over) {
+        known.up = true;
+        known.answered = wall_clock();
+        talk.take_leave([&second](std::string_view part) { second += part; });
+    } else {
+        known.failure = exit_code_of(end);
+        known.problem = describe(end);
+    }
+    // Also of an answer that was cut off, the messages before its end have been handed over.
+    status_report report = parse_status(first);
+    const status_report late = parse_status(second);
+    report.messages.insert(report.messages.end(), late.messages.begin(), late.messages.end());
+    report.lost += late.lost;
+    return report;
+}
+
+// What the asking process does, from its first to its last moment.
+[[noreturn]] void ask_and_keep(const settings& chosen, bool details, const spool& kept, int result) {
+    setsid();  // an engine that kills its check's process group does not kill this
+    const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        dup2(nothing, fd);  // who waits for the end of our output waits for the answer only
+    }
+    for (const int signo : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) {
+        std::signal(signo, SIG_IGN);
+    }
+    snapshot known;
+    conversation talk(chosen, nullptr, on_silence::wait);
+    const status_report report = visit(talk, details, known);
+    known.conditions = report.conditions;
+    spool_content content;
+    std::string problem;
+    if (!kept.append(report, content, problem)) {
+        known.unkept = problem;
+        content.waiting.messages = report.messages;
+    }
+    known.totals = content.totals;
+    known.messages = content.waiting.messages;
+    if (known.unkept.empty()) {
+        keep_newest(known.messages);
+    }
+    write_all(result, snapshot_text(known));
+    _exit(0);
+}
+
+std::string read_until(int fd, steady::time_point until) {
+    std::string text;
+    char piece[4096];
+    pollfd ready{fd, POLLIN, 0};
+    for (;;) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - steady::now()).count();
+        if (left <= 0 || poll(&ready, 1, static_cast<int>(left)) <= 0) {
+            if (left <= 0) {
+                return "";
+            }
+            continue;
+        }
+        const ssize_t n = read(fd, piece, sizeof piece);
+        if (n <= 0) {
+            return text;
+        }
+        text.append(piece, static_cast<std::size_t>(n));
+    }
+}
+
+snapshot ask(settings chosen, bool details) {
+    const spool kept(chosen.where);
+    std::string problem;
+    if (!kept.usable(problem)) {
+        return not_up(exit_usage, problem);
+    }
+    const unsigned limit = chosen.where.timeout != 0 ? chosen.where.timeout : usual_limit;
+    const steady::time_point until = steady::now() + std::chrono::seconds(limit);
+    // One visit at a time: two at once would both be given what happens meanwhile, and both would keep it.
+    const file_lock turn(state_directory() + "/visit-" + file_name_of(chosen.where) + ".lock", until);
+    if (!turn.held()) {
+        return not_up(exit_silence, "an earlier visit still waits for the scheduler's answer");
+    }
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) {
+        return not_up(exit_usage, std::generic_category().message(errno));
+    }
+    chosen.where.timeout = 0;
+    const pid_t child = fork();
+    if (child == 0) {
+        ask_and_keep(chosen, details, kept, ends[1]);
+    }
+    close(ends[1]);
+    const std::string text = child > 0 ? read_until(ends[0], until) : "";
+    close(ends[0]);
+    return read_snapshot(text).value_or(not_up(exit_silence, "no answer in time"));
+}
+
+}  // namespace
+
+bool ask_details(conversation& talk, snapshot& known, answer_end& end) {
+    std::string text;
+    const auto answered = [&](std::vector<std::string> words) {
+        text.clear();
+        end = talk.run(words, [&text](std::string_view part) { text += part; });
+        return end.how == ending::over;
+    };
+    const auto gone = [&] { return end.how != ending::over && end.how != ending::unsupported; };
+    if (answered({"show", "ip"})) {
+        const std::size_t rows = parse_show_ip(text).size();
+        known.operators = rows > 0 ? rows - 1 : 0;
+    }
+    if (!gone() && answered({"modcntl"})) {
+        known.modules = parse_modules(text);
+    }
+    if (!gone() && answered({"debug", "timer"})) {
+        known.timer_jobs = parse_timer_jobs(text).size();
+    }
+    return !gone();
+}
+
+void keep_newest(std::vector<message>& messages) {
+    if (messages.size() > messages_in_snapshot) {
+        messages.erase(messages.begin(), messages.end() - messages_in_snapshot);
+    }
+}
+
+void report_unkept(const snapshot& known) {
+    if (known.unkept.empty()) {
+        return;
+    }
+    std::fprintf(stderr, "schedctl: %s; messages that could not be kept:\n", known.unkept.c_str());
+    for (const message& m : known.messages) {
+        std::fprintf(stderr, "%s;%s\n", m.date.c_str(), m.text.c_str());
+    }
+}
+
+snapshot look_at(settings chosen, bool details) {
+    chosen.user.clear();  // a greeting runs a module, and may have to wait for another one
+    if (std::optional<snapshot> known = followed_state(chosen.where)) {
+        return *known;
+    }
+    snapshot known = ask(chosen, details);
+    known.uptime_minutes = uptime_of(chosen.where);
+    return known;
+}
+
+}  // namespace client
