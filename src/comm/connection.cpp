@@ -33,7 +33,7 @@ void refuse_overflow(const hmistruc& hmi, const char* line) {
     reply_text(hmi.soc, busy_line);
 }
 
-// False when the client is gone.
+// Returns false when the client is gone.
 bool ask_for_login(const hmistruc& hmi, const char* line) {
     const bool asked = reply(hmi.soc, unauth_format, hmi.nonce, st->auth_salt);
     trprintf("auth required (command=%s, hmi=%s)\n", line, hmi.remote);
@@ -77,7 +77,7 @@ void serve(hmistruc& hmi) {
             refuse_overflow(hmi, line);
         } else if (!passes_login_gate(hmi, line)) {
             if (!ask_for_login(hmi, line)) {
-                return;  // it cannot log in any more, so none of the lines that it sent would be carried out
+                return;  // the client is gone and cannot log in, so its remaining lines could not be carried out
             }
         } else {
             run_line(hmi, line);
@@ -98,7 +98,7 @@ void end_connection(hmistruc& hmi) {
     hmistruc_put(hmi);
 }
 
-// Clears a mark when the module no longer reports it. The stamp says when this was looked at.
+// Clears a mark when the module no longer reports it. The stamp records when the module was asked.
 void confirm_cleared(status_mark& mark, const char* command) {
     if (mark.set == 0) {
         return;

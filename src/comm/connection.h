@@ -9,9 +9,9 @@
 // Copies the line up to its first TAB into name.
 void get_first_token(const char* line, char (&name)[line_max]);
 
-// Follow-up work after an external command: checks conditions that the command may have cleared, and the forwarding
-// switch. Sends nothing to the HMI. The connection's own thread.
+// Follow-up work after an external command: rechecks the conditions that the command may have cleared, and the
+// forwarding switch. Sends nothing to the HMI. The connection's own thread.
 void do_cont_command(std::string_view line);
 
-// Thread body: serves the connection and gives everything back when it ends.
+// Thread body: serves the connection, then closes its sockets and frees its lock and table entry.
 void hmi_main(hmistruc& hmi);

@@ -13,7 +13,7 @@ void shutdown_connection(int soc) {
 }
 
 void close_connection(int& soc) {
-    constexpr int rounds = 64;  // a peer that sends faster than we discard is not waited for
+    constexpr int rounds = 64;  // a limit, since a peer can send faster than we discard
     char discarded[4096];
     for (int i = 0; i < rounds && recv(soc, discarded, sizeof discarded, MSG_DONTWAIT) > 0; ++i) {
     }

@@ -1,13 +1,13 @@
 // The end of an HMI connection.
 #pragma once
 
-// Shuts a connection down in both directions and tells the trace when that fails. The socket stays open.
+// Shuts a connection down in both directions. A failure is traced. The socket stays open.
 void shutdown_connection(int soc);
 
-// Closes the socket and sets soc to -1: the next connection may get the same number at once. Discards what the peer
-// has already sent, since closing over unread bytes would reset the connection, and the peer might lose the last
+// Closes the socket and sets soc to -1, because the next connection may get the same number at once. First discards
+// what the peer has sent: closing a socket with unread bytes resets the connection, and the peer could lose the last
 // answer.
 void close_connection(int& soc);
 
-// Ends a connection that is not to be served: shut down and closed, without a word to peer or trace.
+// Shuts down and closes a connection that is not served. Sends nothing and traces nothing.
 void refuse_connection(int& soc);

@@ -13,7 +13,7 @@ namespace {
 
 void reset_entry(hmistruc& entry) REQUIRES(st->hmistruc_lock) {
     entry.flag = 1;
-    entry.remote[0] = '\0';  // until admission fills it in, nobody is shown the former client
+    entry.remote[0] = '\0';  // or listings would show the former client until the new address is stored
     entry.tid = 0;
     entry.in = 0;
     entry.out = 0;
@@ -41,7 +41,7 @@ void move_ring(hmistruc& from, hmistruc& to) REQUIRES(st->hmistruc_lock) {
 }  // namespace
 
 int hmistruc_setup(hmistruc& entry) {
-    // One block for the whole ring, zero-filled by the system: pages that no message reaches are never touched.
+    // One zero-filled block from the system: pages of unused slots cost no memory.
     entry.queue = static_cast<message_slot*>(std::calloc(ring_slots, sizeof(message_slot)));
     return entry.queue == nullptr ? -1 : 0;
 }
@@ -86,7 +86,7 @@ void hmistruc_put_unserved(hmistruc& entry) {
     const mutex_guard guard(st->hmistruc_lock);
     entry.flag = 0;
     if (active_hmi_is_only(-1) != 0) {
-        move_ring(entry, *st->dummy_hmi);  // empty: while an entry is in use nothing is put there
+        move_ring(entry, *st->dummy_hmi);  // the dummy is empty: it gets no messages while an entry is in use
     }
 }
 

@@ -17,7 +17,7 @@ int line_reader::read_line(char* buf, int size) {
     return ended || stored > 0 ? stored : -1;
 }
 
-// Waits for bytes. False when the connection has ended.
+// Waits for bytes. Returns false when the connection has ended.
 bool line_reader::fill() {
     ssize_t got = 0;
     do {

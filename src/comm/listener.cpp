@@ -18,7 +18,7 @@ namespace {
 
 constexpr int backlog = 128;
 constexpr int exit_failure = 1;
-constexpr int exit_port_in_use = 2;  // the supervisor does not try again
+constexpr int exit_port_in_use = 2;  // the supervisor does not start the scheduler again
 
 void set_option_or_exit(int soc, int option, const char* name) {
     const int on = 1;
@@ -70,7 +70,7 @@ void* hmi_thread(void* entry) {
     return nullptr;
 }
 
-// remote is passed along because the thread may already change the entry's.
+// remote is a parameter because the new thread may change entry.remote at once.
 void start_hmi_thread(hmistruc& entry, const char* remote) {
     pthread_t thread{};
     if (const int result = pthread_create(&thread, nullptr, hmi_thread, &entry); result != 0) {
@@ -118,7 +118,7 @@ void arrive_new_hmi(int soc, const sockaddr_in& peer) {
         close_connection(soc);
         return;
     }
-    // An answer is written line by line; without this every second line would wait for a delayed acknowledgement.
+    // An answer is written line by line. With delayed sending, every second line would wait for an acknowledgement.
     const int on = 1;
     setsockopt(soc, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     entry->peer = peer;

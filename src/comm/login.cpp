@@ -19,7 +19,7 @@ namespace {
 
 constexpr std::size_t hash_length = 64;  // hexadecimal digits of a SHA-256
 constexpr std::size_t salt_length = 8;
-constexpr std::size_t digest_text_size = 120;  // what the digest's output routine is told
+constexpr std::size_t digest_text_size = 120;  // buffer size passed to the digest's output routine
 constexpr int login_words = 4;
 
 void digest_text(std::string_view text, char (&out)[nonce_size]) {
@@ -31,7 +31,7 @@ void digest_text(std::string_view text, char (&out)[nonce_size]) {
     sha256_message_digest(out, digest_text_size, &context);
 }
 
-// 64 random hexadecimal digits; empty when the device cannot be had.
+// Writes 64 random hexadecimal digits, or an empty text when the device cannot be opened or read.
 void random_source(char (&source)[256]) {
     const unique_fd device(open("/dev/urandom", O_RDONLY | O_CLOEXEC));
     if (!device) {
@@ -42,7 +42,7 @@ void random_source(char (&source)[256]) {
     for (std::size_t i = 0; i < 8; ++i) {
         std::uint32_t number = 0;
         if (read(device.get(), &number, sizeof number) != static_cast<ssize_t>(sizeof number)) {
-            source[0] = '\0';  // a device that gives too little counts as none
+            source[0] = '\0';  // a short read counts as no device
             return;
         }
         char digits[digits_per_number + 1];
@@ -56,7 +56,8 @@ void time_source(char (&source)[256]) {
     std::strftime(source, sizeof source, "%a %b %e %H:%M:%S %Y\n", &now);
 }
 
-// Takes the same time wherever the texts differ. Both hold hash_length characters.
+// Takes the same time wherever the texts differ, so that timing tells nothing about the secret. Both hold hash_length
+// characters.
 bool is_same_secret(const char* a, const char* b) {
     unsigned difference = 0;
     for (std::size_t i = 0; i < hash_length; ++i) {

@@ -3,11 +3,11 @@
 
 #include "comm/hmi_table.h"
 
-// Reads hash and salt from the file "password" under VGD_data into st. Without a valid file nobody needs to log in.
-// Start-up only.
+// Reads hash and salt from the file "password" under VGD_data into st. Without a valid file no client needs to log
+// in. Start-up only.
 void read_password_file();
 
-// Decides whether the connection must log in; if so, gives it a new challenge. The connection's own thread.
+// Decides whether the connection must log in and, if so, creates a new challenge. The connection's own thread.
 void auth_check(hmistruc& hmi);
 
 // Answers "login": response, nonce and client nonce, 64 characters each. The connection's own thread.

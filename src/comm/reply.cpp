@@ -12,7 +12,7 @@
 
 namespace {
 
-// False, with ETIMEDOUT, when end has passed.
+// Waits until the socket takes bytes. Returns false on failure, with ETIMEDOUT when end has passed.
 bool becomes_writable(const deadline& end, int soc) {
     pollfd writable{soc, POLLOUT, 0};
     const int left = end.left_ms();
@@ -29,7 +29,7 @@ bool reply_text(int soc, std::string_view text) {
     while (!text.empty()) {
         const ssize_t written = write(soc, text.data(), text.size());
         if (written >= 0) {
-            text.remove_prefix(static_cast<std::size_t>(written));  // stopped and continued, it returns early
+            text.remove_prefix(static_cast<std::size_t>(written));  // a signal can end the write early
         } else if (errno != EINTR) {
             return false;
         }
