@@ -10,14 +10,14 @@ static_assert(datagram_header_size + datagram_payload_max <= datagram_buffer_siz
 
 datagram::datagram(in_addr source, in_addr destination, std::uint16_t port, std::string_view text)
     : payload_size_(std::min(text.size(), datagram_payload_max)) {
-    iphdr ip{};  // total length, identification and checksum stay 0: the system fills them in
+    iphdr ip{};  // total length, identification and checksum stay 0; the system fills them in
     ip.version = 4;
     ip.ihl = sizeof ip / 4;
     ip.ttl = 255;
     ip.protocol = IPPROTO_UDP;
     ip.saddr = source.s_addr;
     ip.daddr = destination.s_addr;
-    udphdr udp{};  // source port and checksum 0: none
+    udphdr udp{};  // source port 0 and checksum 0 mean "none"
     udp.dest = htons(port);
     udp.len = htons(static_cast<std::uint16_t>(payload_size_ + sizeof udp));
     std::memcpy(bytes_, &ip, sizeof ip);

@@ -1,4 +1,4 @@
-// A hand-built IPv4 and UDP datagram, so that its source address can be another host's.
+// An IPv4 and UDP datagram with headers of our own, so that its source address can be another host's.
 #pragma once
 
 #include <cstddef>

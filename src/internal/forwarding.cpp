@@ -15,13 +15,13 @@
 
 namespace {
 
-// Takes an address in any of the forms of inet_aton. That routine ignores text behind a blank, but modules would get
-// that text as part of their client's address.
+// Accepts an address in any form of inet_aton, but no blank: inet_aton ignores text after a blank, and modules would
+// get that text as part of their client's address.
 bool to_address(const char* text, in_addr& address) {
     return std::strpbrk(text, " \f\v") == nullptr && inet_aton(text, &address) != 0;
 }
 
-// Failures of the ipset command that it answers; a restricted address is not among them.
+// Checks the arguments of ipset. A failure here gets an answer; a restricted address, which is checked later, gets none.
 bool accept_ipset(const hmistruc& hmi, int argc, char* argv[], in_addr& address) {
     trprintf("info:ipset \"%s\"\n", argc > 1 ? argv[1] : "-");
     if (argc != 2) {

@@ -9,8 +9,8 @@ std::atomic<hmistruc*> last_locked_hmi = nullptr;
 
 namespace {
 
-// Held across commands, so outside what the thread-safety analysis can follow. Always taken and released by the
-// thread of one connection.
+// Held from one command to a later one, which the thread-safety analysis cannot check. The thread of one connection
+// takes and releases it.
 pthread_mutex_t hmi_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The advisory lock with which operators keep out of each other's way.
+// The advisory lock that lets one operator at a time work.
 #pragma once
 
 #include "comm/hmi_table.h"
@@ -8,9 +8,9 @@
 // The HMI that holds the lock, or null. Written by the holder's thread, read without a lock by "show ip".
 extern std::atomic<hmistruc*> last_locked_hmi;
 
-// Handlers of "lock" and "unlock": words beyond the first are ignored. The connection's own thread.
+// Handlers of "lock" and "unlock". Further words are ignored. The connection's own thread.
 void do_hmilock(hmistruc& hmi, int argc, char* argv[]);
 void do_hmiunlock(hmistruc& hmi, int argc, char* argv[]);
 
-// Gives the lock back for a connection that ends while it holds it. The connection's own thread.
+// Releases the lock when a connection ends while it holds it. The connection's own thread.
 void release_operator_lock();

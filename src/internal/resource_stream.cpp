@@ -17,15 +17,15 @@
 
 namespace {
 
-constexpr std::size_t address_offset = 10;  // in the first line: where the host's address is put in
-constexpr std::size_t address_gap = 6;      // characters of the text it replaces
+constexpr std::size_t address_offset = 10;  // position of the host's address in the first line
+constexpr std::size_t address_gap = 6;      // characters that the address replaces
 constexpr std::size_t first_line_min = 17;
 constexpr std::size_t printable_max = 63;  // characters of a text that the trace shows
 
 constexpr std::int64_t receiver_patience_ms = 10'000;  // for the connection and for each write
 
-// A receiver that went away is reported to nobody. One that stops reading would hold this connection for ever; it is
-// given up, and the writes that follow fail at once.
+// A write to a receiver that has closed fails without a trace line. A receiver that stops reading would block this
+// connection for ever, so its stream is given up: the next writes fail at once.
 void put(int fd, std::string_view text) {
     if (!write_until(deadline(receiver_patience_ms), fd, text) && errno == ETIMEDOUT) {
         trprintf("Error:res_data:receiver does not read, stream given up after %d s\n",
@@ -46,7 +46,7 @@ void write_first_line(int fd, const hmistruc& hmi, std::string_view text) {
     put(fd, text.substr(address_offset + address_gap));
 }
 
-// Waits until a connection that is being made is complete. Returns 0, or the error number of its failure.
+// Waits until connecting is complete. Returns 0 or an error number.
 int wait_for_connection(int fd) {
     const deadline end(receiver_patience_ms);
     pollfd writable{fd, POLLOUT, 0};
@@ -62,7 +62,7 @@ int wait_for_connection(int fd) {
     return getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) == 0 ? error : errno;
 }
 
-// Returns 0 or an error number. The socket does not block, so that no signal can interrupt the connecting.
+// Returns 0 or an error number. The socket is non-blocking, so that a signal cannot interrupt connecting.
 int connect_in_time(int fd, const sockaddr_in& receiver) {
     if (connect(fd, reinterpret_cast<const sockaddr*>(&receiver), sizeof receiver) == 0) {
         return 0;
@@ -85,7 +85,7 @@ int connect_to_receiver() {
         trprintf("Error:res_data:failed to create socket, errno=%d\n", errno);
         return -1;
     }
-    const int on = 1;  // a line is several small writes, none of which should wait for an acknowledgement
+    const int on = 1;  // a line is several small writes; none of them should wait for an acknowledgement
     setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     if (const int error = connect_in_time(fd.get(), receiver); error != 0) {
         trprintf("Error:res_data:connect error, errno=%d\n", error);

@@ -1,4 +1,4 @@
-// The show command: who may connect and who is connected.
+// The show command: which addresses may connect and which clients are connected.
 #pragma once
 
 #include "comm/hmi_table.h"
