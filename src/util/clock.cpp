@@ -64,7 +64,8 @@ std::clock_t get_tick(tick_stamp& stamp) {
 int timezone_offset(const std::tm& utc, const std::tm& local) {
     int utc_day = utc.tm_yday;
     int local_day = local.tm_yday;
-    // On either side of a new year the days of the year do not compare; the later side's day 0 follows the other's -1.
+    // Across a new year the days of the year cannot be compared: the later year's first day is 0, so the day before
+    // it counts as -1.
     if (utc.tm_year < local.tm_year) {
         utc_day = -1;
     } else if (utc.tm_year > local.tm_year) {

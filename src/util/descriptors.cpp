@@ -16,7 +16,7 @@ long descriptor_limit() {
 }
 
 void close_from(int first, long limit) {
-    // One call where the kernel has it, so that the cost does not grow with the limit.
+    // One call, where the kernel has it: its cost does not grow with the limit.
     if (close_range(static_cast<unsigned>(first), UINT_MAX, 0) == 0) {
         return;
     }
@@ -27,7 +27,7 @@ void close_from(int first, long limit) {
 
 void take_over_descriptors() {
     close_from(STDERR_FILENO + 1, descriptor_limit());
-    // The lowest free number is given out, so this fills exactly the gaps among 0, 1 and 2.
+    // open returns the lowest free number, so this fills exactly the gaps among 0, 1 and 2.
     int fd = open("/dev/null", O_RDWR);
     while (fd >= 0 && fd <= STDERR_FILENO) {
         fd = open("/dev/null", O_RDWR);

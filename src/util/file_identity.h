@@ -1,11 +1,11 @@
-// What tells one version of a file from another.
+// How to tell one version of a file from another.
 #pragma once
 
 #include <ctime>
 #include <sys/stat.h>
 
-// Two changes within one second differ in the nanoseconds or the size; a file moved over the old one differs in the
-// inode. All zeros: no file.
+// Two changes within one second differ in the nanoseconds or the size. A file that was moved over the old one has
+// another inode. All zeros: no file.
 struct file_identity {
     std::time_t seconds = 0;  // modification time
     long nanoseconds = 0;     // and its fraction

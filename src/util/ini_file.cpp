@@ -13,10 +13,10 @@ namespace {
 
 constexpr std::string_view separators = " =\t\n";
 
-// One buffer for each thread: HMI threads and the timer thread read the same file at the same moment.
+// One buffer for each thread: HMI threads and the timer thread may read at the same time.
 thread_local char result[ini_value_size];
 
-// Splits "key = value". False when there is no key, or nothing after the character that ends it.
+// Splits "key = value". Returns false when there is no key, or no text after the character that ends the key.
 bool split_pair(std::string_view line, std::string_view& key, std::string_view& value) {
     const std::size_t start = line.find_first_not_of(separators);
     if (start == std::string_view::npos) {

@@ -4,9 +4,9 @@
 #include <cstddef>
 
 constexpr std::size_t ini_value_size = 1024;  // bytes of a value, its NUL included
-constexpr std::size_t ini_line_size = 1023;   // the same of a line; a longer one is read on as a further line
+constexpr std::size_t ini_line_size = 1023;   // bytes of a line, its NUL included; the rest is the next line
 
-// The value of key in section (header text with brackets, like "[sched]") of file, a name under VGD_config.
-// The first matching line wins; null when the file cannot be opened or holds no such key with a value.
-// The value, at most 1023 characters, stays until the same thread's next call. Any thread.
+// Returns the value of key in section (header text with brackets, like "[sched]") of file, a name under VGD_config.
+// The first matching line counts. Null when the file cannot be opened or has no such key with a value.
+// The value, at most 1023 characters, is valid until the same thread's next call. Any thread.
 const char* read_ini_file(const char* file, const char* section, const char* key);

@@ -6,7 +6,7 @@
 
 namespace {
 
-// A wall clock that lags behind the sleep by less is being slewed, not set.
+// When the wall clock advanced less than the sleep lasted, by up to this much, it was slowed down and not set back.
 constexpr std::int64_t slew_max = 1000;  // milliseconds
 
 std::int64_t wall_ms() {
@@ -15,7 +15,7 @@ std::int64_t wall_ms() {
     return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
 }
 
-// Relative, so that a clock set back by hours cannot make it sleep for hours.
+// A relative sleep, so that a clock set back by hours cannot prolong it by hours.
 past_sleep sleep_for(std::int64_t ms, std::int64_t now) {
     const std::int64_t start = monotonic_ms();
     const std::timespec left{ms / 1000, ms % 1000 * 1'000'000};
@@ -33,12 +33,13 @@ std::int64_t multiple_shown(const past_sleep& sleep, std::int64_t interval) {
 }
 
 // The rule: each multiple that the wall clock shows while the loop sleeps is returned once.
-// - The clock runs as it should, or is set forward: the sleep ends behind a multiple, the one to return. A multiple
-//   that was jumped over was not shown.
-// - It is set back: the sleep ends too early for the multiple it was meant for. The one before it was shown on the
-//   way, unless that is longer ago than the sleep began. So a minute that comes again after an hour runs again.
-// - It is set back by less, to before the multiple returned last: that one comes again, and is not returned again.
-// - It is slewed: the sleep may end a little early; the rest is slept.
+// - The clock runs normally or is set forward: the sleep ends just after a multiple, and that one is returned. A
+//   multiple that the clock skipped was not shown.
+// - The clock is set back: the sleep ends before the multiple it was meant for. The last multiple before its end counts as
+//   shown, unless it is longer ago than the sleep lasted. So a minute that comes again after an hour runs again.
+// - The clock is set back a little, to before the multiple returned last: that multiple comes again, but is not
+//   returned again.
+// - The clock is slowed down: the sleep may end a little early, and the loop sleeps for the rest.
 std::time_t interval_sleep::next() {
     for (;;) {
         const std::int64_t now = wall_ms();

@@ -10,6 +10,6 @@ void chomp(char* text);
 // Returns 0, or -1 when the file cannot be opened or is empty. Nothing calls it at present.
 int read_one_line_from_file(const char* path, char* buf, std::size_t size);
 
-// The decimal number at the start of text: leading blanks and a sign allowed, digits as far as they go, 0 without
-// digits. Values beyond an int give the nearest int.
+// Returns the decimal number at the start of text: leading blanks and a sign are allowed, text after the digits is
+// ignored, no digits give 0. A value outside the range of int gives the nearest int.
 int decimal_value(const char* text);

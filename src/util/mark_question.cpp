@@ -5,7 +5,7 @@
 
 namespace {
 
-// Without it a report between the comparison and the clearing would be lost. Innermost lock.
+// Makes comparing and clearing one step, or a report between them would be lost. No other lock is taken under it.
 constinit posix_mutex marks_lock;
 
 }  // namespace

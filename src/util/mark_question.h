@@ -5,18 +5,18 @@
 
 #include <cstdint>
 
-// Marks a condition as reported, now. Any thread.
+// Marks a condition as reported and stamps it with the current time. Any thread.
 void set_and_stamp(status_mark& mark);
 
-// One question to a module whether a condition is over. Used by the thread that asks.
+// One question to a module: is the condition over? Used by the thread that asks.
 class mark_question {
 public:
     explicit mark_question(status_mark& mark) : mark_(mark) {}
 
-    // The module is started next: it may not see what is reported from now on.
+    // Call just before the module starts: it may not know of reports that come later.
     void begin() { reports_ = mark_.reports; }
 
-    // Clears the mark, unless it was reported again since begin. True when the mark is cleared.
+    // Clears the mark, unless it was reported again since begin. Returns true when the mark was cleared.
     bool clear_mark();
 
 private:

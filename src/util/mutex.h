@@ -16,28 +16,28 @@
 #define RELEASE(...) THREAD_ANNOTATION(release_capability(__VA_ARGS__))
 #define TRY_ACQUIRE(...) THREAD_ANNOTATION(try_acquire_capability(__VA_ARGS__))
 
-// Default (non-recursive) mutex, ready without any start-up code.
+// A default (non-recursive) mutex that needs no start-up code.
 class CAPABILITY("mutex") posix_mutex {
 public:
     constexpr posix_mutex() = default;
     posix_mutex(const posix_mutex&) = delete;
     posix_mutex& operator=(const posix_mutex&) = delete;
 
-    // A default mutex reports errors for misuse only, so the results are not looked at.
+    // A default mutex reports errors only for wrong use, so the results are ignored.
     void lock() ACQUIRE() { static_cast<void>(pthread_mutex_lock(&mutex_)); }
     void unlock() RELEASE() { static_cast<void>(pthread_mutex_unlock(&mutex_)); }
     // Unlocks, waits for a signal on condition, and locks again; may also return without a signal.
     void wait(pthread_cond_t& condition) REQUIRES(this) {
         static_cast<void>(pthread_cond_wait(&condition, &mutex_));
     }
-    // True when the lock was free and is now ours; never waits.
+    // Takes the lock if it is free, and then returns true. Never waits.
     [[nodiscard]] bool try_lock() TRY_ACQUIRE(true) { return pthread_mutex_trylock(&mutex_) == 0; }
 
 private:
     pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
 };
 
-// Holds a mutex of either kind from construction to the end of the scope.
+// Holds a posix_mutex or fair_mutex until the end of the scope.
 template <typename Mutex>
 class SCOPED_CAPABILITY mutex_guard {
 public:

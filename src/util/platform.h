@@ -1,5 +1,5 @@
 // The hardware platform.
 #pragma once
 
-// True on the platforms that run the prognosis steps: VGD_PLATFORM is exactly "KT" or "ZW". Any thread.
+// Returns true on the platforms that run the prognosis steps: VGD_PLATFORM is exactly "KT" or "ZW". Any thread.
 bool is_prognosis_platform();

@@ -12,7 +12,8 @@ bool check_regular(const struct stat& info) {
 }
 
 unique_fd open_regular(const char* path, int flags, mode_t mode) {
-    // O_NONBLOCK changes nothing for a regular file. O_NOCTTY: a terminal does not become ours before it is refused.
+    // O_NONBLOCK has no effect on a regular file. O_NOCTTY: a terminal must not become our controlling terminal before
+    // it is refused.
     unique_fd file(open(path, flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, mode));
     struct stat info {};
     if (file && (fstat(file.get(), &info) != 0 || !check_regular(info))) {

@@ -7,12 +7,12 @@
 #include <memory>
 #include <sys/stat.h>
 
-// Checks that a status is that of a regular file. False with errno for anything else: EISDIR for a directory, ENXIO
-// for a FIFO, a socket or a device. Any thread.
+// Returns true for the status of a regular file. Returns false with errno for anything else: EISDIR for a directory,
+// ENXIO for a FIFO, a socket or a device. Any thread.
 bool check_regular(const struct stat& info);
 
-// Opens path with flags and, for a file that is created, mode. The open never waits for the other end of a FIFO or
-// for a device, and nothing but a regular file is taken: the reader of a FIFO gets no byte.
+// Opens path with flags and, for a file that is created, mode. Never waits for the other end of a FIFO or for a
+// device. Refuses anything but a regular file, so no byte is written to a FIFO.
 // Returns the descriptor, or an empty one with errno. Any thread.
 unique_fd open_regular(const char* path, int flags, mode_t mode = 0);
 

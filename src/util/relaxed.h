@@ -1,10 +1,10 @@
-// A single field that several threads touch without a lock.
+// A single field that several threads read and write without a lock.
 #pragma once
 
 #include <atomic>
 
-// Reads and writes are whole but ordered against nothing else: right for marks, switches and counters that are
-// read alone, wrong for a flag that announces other data.
+// Each read and write is atomic, but not ordered with other memory accesses. Good for marks, switches and counters
+// that are read alone; wrong for a flag that announces other data.
 template <typename T>
 class relaxed {
 public:

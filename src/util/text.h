@@ -1,4 +1,4 @@
-// Fixed-size text: the one way to copy into a buffer and the one way to format into it.
+// Copying and formatting text into buffers of fixed size, and reading the environment.
 #pragma once
 
 #include <algorithm>
@@ -10,7 +10,8 @@
 
 constexpr std::size_t path_size = 4096;  // bytes of a path, its NUL included
 
-// The value of an environment variable; empty when it is not set. Nothing changes the environment, so any thread.
+// Returns the value of an environment variable, or an empty text when it is not set. No code changes the environment,
+// so any thread may call it.
 inline const char* environment(const char* name) {
     const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): see above
     return value != nullptr ? value : "";

@@ -18,7 +18,7 @@ public:
 
     [[nodiscard]] int get() const noexcept { return fd_; }
     explicit operator bool() const noexcept { return fd_ >= 0; }
-    // Gives the descriptor away; the caller closes it.
+    // Returns the descriptor and no longer owns it; the caller closes it.
     int release() noexcept { return std::exchange(fd_, -1); }
     // Closes the descriptor held, if any, and takes another.
     void reset(int fd = -1) noexcept {
