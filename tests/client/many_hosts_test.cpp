@@ -89,7 +89,7 @@ TEST_F(ManyHosts, WrongUse) {
     const struct {
         const char* arguments;
         const char* message;
-    } cases[] = {{"-H $A,$B", "a session is for one"},
+    } cases[] = {{"-H $A,$B", "all else is for one"},
                  {"-H $A,db:x status", "\"db:x\" is not name[:port]"},
                  {"-H , status", "no host is named"},
                  {"-H $A --hosts hosts status", "--host"},
