@@ -16,17 +16,16 @@
 namespace {
 
 constexpr std::size_t message_size_max =
-    path_size + 1024;                          // an argument 0 is a listed module name, at most 511 long
-constexpr std::size_t error_number_size = 16;  // room behind the message for the number and its end
+    path_size + 1024;                          // argument 0 is a listed module name, at most 511 characters
+constexpr std::size_t error_number_size = 16;  // bytes kept free after the message for the number and its end
 constexpr std::size_t additions_max = 3;       // REMOTEHOST, LD_PRELOAD, MALLOC_DEBUG
 
-// Holds the scheduler's environment, the additions and the null at the end. Allocated by start-up, filled anew for
-// each run.
+// The scheduler's environment, the additions and a null at the end. Start-up allocates it; each run fills it again.
 char** child_environment GUARDED_BY(com_lock) = nullptr;
 std::size_t inherited_max GUARDED_BY(com_lock) = 0;  // entries of the scheduler's environment that fit
 
-// Everything the child uses, made ready before it exists: it shares our memory, and the heap, the trace and the
-// standard streams may be in the middle of something in another thread.
+// Everything that the child needs, prepared before it starts. The child shares our memory and must not use the heap,
+// the trace or the standard streams: another thread may be inside one of them.
 struct child_plan {
     const char* path;
     char* const* argv;
@@ -34,7 +33,7 @@ struct child_plan {
     int output;
     int null;
     long descriptor_limit;
-    char message[message_size_max];  // of a failed exec, up to the error number
+    char message[message_size_max];  // for a failed exec, up to the error number
     std::size_t message_length;
 };
 
@@ -46,7 +45,7 @@ std::size_t environment_size() {
     return count;
 }
 
-// Replaces an entry of the same name, else appends, as putenv does. entries ends with a null.
+// Replaces the entry of the same name or, if there is none, appends one, as putenv does. entries ends with a null.
 void put_entry(char** entries, const char* entry) {
     const std::string_view name(entry, static_cast<std::size_t>(std::strchr(entry, '=') - entry) + 1);
     while (*entries != nullptr && std::strncmp(*entries, name.data(), name.size()) != 0) {
@@ -81,13 +80,13 @@ void report_exec_failure(child_plan& plan, int error) {
         write(STDOUT_FILENO, plan.message, static_cast<std::size_t>(to - plan.message));
 }
 
-// Plain system calls only, and it must not return.
+// Makes system calls only (async-signal-safe) and must not return.
 [[noreturn]] void run_child(child_plan& plan) {
     close(STDIN_FILENO);
     dup2(plan.output, STDOUT_FILENO);
     dup2(plan.null, STDERR_FILENO);
     close_from(STDERR_FILENO + 1, plan.descriptor_limit);
-    setsid();  // fails for the leader of a process group only, which a new child never is
+    setsid();  // cannot fail: a new child is never the leader of a process group
     execve(plan.path, plan.argv, plan.environment);
     report_exec_failure(plan, errno);
     _exit(1);
@@ -106,9 +105,9 @@ pid_t start_child(const char* path, char* const argv[], const char* addition, in
     plan.message_length =
         format_text(plan.message, "Error:command:exec fails (path=%s argv0=%s errno=", path, argv[0]);
     plan.message_length = std::min(plan.message_length, sizeof plan.message - error_number_size);
-    // vfork: the page tables are not copied, so a start costs the same however large this process is. The child
-    // borrows our memory until the exec while this thread alone waits; the signals that could run a handler are
-    // blocked or have none. The price: when the exec hangs, so does this thread, and com_lock with it.
+    // vfork does not copy the page tables, so the cost of a start does not depend on the size of this process. The
+    // child uses our memory until the exec, and only this thread waits for it. Signals cannot run a handler in the
+    // child: they are blocked or have none. The cost: when the exec hangs, this thread hangs and keeps com_lock.
     const pid_t pid = vfork();  // NOLINT(clang-analyzer-security.insecureAPI.vfork)
     if (pid == 0) {
         run_child(plan);  // NOLINT(clang-analyzer-unix.Vfork): plain system calls, and it never returns

@@ -3,6 +3,6 @@
 
 #include "util/fair_mutex.h"
 
-// Held for the whole of one module run and the drain of parked timer commands after it; taken before any other lock.
-// Threads get it in the order in which they asked, so each waits for the runs that were asked for before its own.
+// Held during one module run and the run of the parked timer commands after it. Taken before any other lock.
+// Threads get it in the order in which they asked for it, so a thread waits only for runs that were asked for earlier.
 inline constinit fair_mutex com_lock;

@@ -19,7 +19,7 @@ constexpr std::size_t delayed_line_size = 300;  // bytes of a delayed command li
 constexpr std::size_t remote_host_size = 64;    // bytes of "REMOTEHOST=address", the NUL included
 constexpr int default_timeout = 60;             // seconds
 
-// A timer job's command that waits for the running one to end.
+// A timer job's command that waits until the running command ends.
 struct cmdq_entry {
     std::uint8_t queued;  // 1 while line waits
     char line[delayed_line_size];
@@ -30,14 +30,15 @@ constinit posix_mutex queue_lock;
 // Slot n belongs to timer job number n.
 cmdq_entry cmdq[cmdq_slots] GUARDED_BY(queue_lock);
 
-// com_lock is held here, so a peer that does not read is not waited for longer than a moment.
+// com_lock is held here, so the wait for a peer that does not read is limited.
 void refuse(const hmistruc* hmi, std::string_view answer) {
     if (hmi != nullptr) {
         reply_in_time(hmi->soc, answer);
     }
 }
 
-// Null, with the reason traced and told to the HMI, when the command cannot be run.
+// Returns the program of the command. Returns null, after a trace line and an answer to the HMI, when the command
+// cannot be run.
 const char* accept_command(const hmistruc* hmi, int fields, char* const argv[]) {
     if (fields > argument_max) {
         trprintf("Error:command:too many arguments (%d, max=%d) \"%s\"\n", fields, argument_max, argv[0]);
@@ -58,7 +59,7 @@ const char* accept_command(const hmistruc* hmi, int fields, char* const argv[]) 
     return entrypath;
 }
 
-// Runs what timer jobs parked meanwhile, in the order of their numbers.
+// Runs the commands that timer jobs parked meanwhile, in the order of their numbers.
 void drain_delayed(const char* caller) REQUIRES(com_lock) {
     const mutex_guard guard(queue_lock);
     for (int number = 1; number < cmdq_slots; ++number) {

@@ -18,10 +18,10 @@
 
 namespace {
 
-constexpr std::size_t chunk_size = 16384;  // bytes of one read; all of them may be line feeds
+constexpr std::size_t chunk_size = 16384;  // bytes of one read
 
-// For its lifetime the alarm interrupts the calling thread, and only that one, once the time-out has passed. Alarm
-// clock and signal action belong to the process, so there is one at a time.
+// While it exists, the alarm interrupts the calling thread, and no other, once the time-out has passed. Alarm clock
+// and signal action belong to the process, so only one may exist at a time.
 class module_alarm {
 public:
     explicit module_alarm(unsigned timeout) {
@@ -29,12 +29,12 @@ public:
         sigemptyset(&alarm_only);
         sigaddset(&alarm_only, SIGALRM);
         pthread_sigmask(SIG_UNBLOCK, &alarm_only, &old_mask_);
-        // No SA_RESTART: the blocked read has to return.
+        // No SA_RESTART: a blocked read must return.
         if (set_action(vgdtout) != 0) {
             trprintf("Error:sigaction failed. errno=%d\n", errno);
         }
         timeout_flag = 0;
-        // It fires again each second: an alarm between the look at the flag and the read would else be missed.
+        // It fires again each second, because the read would miss an alarm that fires just before it.
         set_timer({{1, 0}, {static_cast<time_t>(timeout), 0}});
     }
     ~module_alarm() {
@@ -67,17 +67,17 @@ private:
 // How relaying a program's output ended.
 enum class relay_end { finished, timed_out, hmi_gone };
 
-// Where a program's output goes, and what is known of it so far.
+// The destination of a program's output, and the state of relaying it.
 struct relay {
     int soc;
     char* capture;
     std::size_t capture_size;
     std::size_t stored = 0;    // bytes in capture
-    bool ends_with_lf = true;  // of what was sent; nothing sent counts as such
-    bool hmi_error = false;    // the socket could not be written; may be so because of the time-out
+    bool ends_with_lf = true;  // the output sent so far ends with LF, or is empty
+    bool hmi_error = false;    // a write to the socket failed, perhaps interrupted by the time-out
 };
 
-// Copies n bytes, a CR put before each LF; to has room for 2 * n. Returns the bytes written.
+// Copies n bytes and puts a CR before each LF. to must hold 2 * n bytes. Returns the number of bytes written.
 std::size_t to_crlf(const char* from, std::size_t n, char* to) {
     const char* const end = from + n;
     char* out = to;
@@ -101,7 +101,8 @@ void send_chunk(relay& to, const char* data, std::size_t n) {
     char converted[2 * chunk_size];
     to.ends_with_lf = data[n - 1] == '\n';
     std::string_view rest(converted, to_crlf(data, n, converted));
-    // A write that waits ends early when the process is stopped and continued; only the alarm's end is final.
+    // A waiting write ends early when the process is stopped and continued; the rest is then written. Only the alarm
+    // ends it for good.
     do {
         const ssize_t written = write(to.soc, rest.data(), rest.size());
         if (written >= 0) {
@@ -119,14 +120,14 @@ void store_chunk(relay& to, const char* data, std::size_t n) {
     to.stored += fits;
 }
 
-// Passes the output on until its end, the time-out or a dead socket.
+// Relays the output until its end, the time-out or a write error on the socket.
 relay_end relay_output(int pipe, relay& to, unsigned timeout) {
     const module_alarm alarm(timeout);
     char chunk[chunk_size];
     while (!module_alarm::has_fired() && !to.hmi_error) {
         const ssize_t n = read(pipe, chunk, sizeof chunk);
         if (n < 0 && errno == EINTR) {
-            continue;  // the loop asks whether it was the alarm
+            continue;  // the loop condition checks whether it was the alarm
         }
         if (n <= 0) {
             return relay_end::finished;
@@ -141,7 +142,7 @@ relay_end relay_output(int pipe, relay& to, unsigned timeout) {
 }
 
 int wait_for_child(pid_t pid) {
-    int status = -1;  // of no program: neither success nor a condition
+    int status = -1;  // when waitpid fails: neither success nor "condition present"
     pid_t ended = 0;
     do {
         ended = waitpid(pid, &status, 0);
@@ -157,8 +158,8 @@ void wait_for_stray_children() {
     }
 }
 
-// The terminating line. A peer that has stopped reading loses its connection at the first write that it delays too
-// long, so it holds up the next module run once at most.
+// Sends the terminating line. A peer that does not read loses its connection at the first write that takes too long, so
+// it delays the next module run only once.
 void reply_end(int soc, relay_end end, int status) {
     if (end == relay_end::timed_out) {
         reply_in_time(soc, timeout_line);
