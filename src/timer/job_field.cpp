@@ -17,10 +17,10 @@ struct field_item {
     int low;
     int high;
     std::int64_t step;  // wide, so that adding it to a slot number cannot overflow
-    bool is_range;      // a single value otherwise, in low
+    bool is_range;      // false: a single value, in low
 };
 
-// False when the rest of the field is to be abandoned.
+// Returns false when the rest of the field must be ignored.
 bool parse_item(const char* text, int n, field_item& item) {
     item = {decimal_value(text), 0, 1, true};
     if (const char* slash = std::strchr(text, '/'); slash != nullptr) {

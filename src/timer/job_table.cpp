@@ -17,17 +17,18 @@
 
 namespace {
 
-// The table in force, replaced whole. Innermost lock: held only while the table is copied.
+// The current table. A new one replaces it as a whole. No other lock is taken under jobs_lock, which is held only for
+// a copy or a search.
 constinit posix_mutex jobs_lock;
 job_table jobs GUARDED_BY(jobs_lock);
 
-// The job file as last read. Timer thread only.
+// The version of the job file that was read last. Timer thread only.
 file_identity job_file;
 
 // Set once by the timer thread after its first read.
 std::atomic<bool> is_loaded = false;
 
-// One reading of the job file.
+// The state while the job file is read.
 struct job_reading {
     job_table table;  // the jobs so far
     int lineno;       // line being parsed, from 1
@@ -37,9 +38,9 @@ bool is_star(const char* field) {
     return field[0] == '*' && field[1] == ' ';
 }
 
-// Fills a cleared record from a line. False when the line is short.
-// Day of the month and weekday as in cron: a lone star leaves the decision to the other field; two stars are every
-// day; two restrictions are met by either.
+// Fills a cleared record from a line. Returns false when the line is too short.
+// Day of the month and weekday work as in cron: when one field is a star, the other decides; when both are stars, every
+// day matches; when neither is, a day matches that fits either field.
 bool parse_job(const char* text, int lineno, job_record& record) {
     const struct {
         std::uint8_t* slots;
@@ -93,7 +94,7 @@ void publish_jobs(const job_table& table) {
     jobs = table;
 }
 
-// Asked before the lines are read: a change that comes while we read is then seen at the next look.
+// Taken before the lines are read, so that a change during the reading is seen at the next check.
 file_identity open_file_identity(std::FILE* file) {
     struct stat info {};
     if (fstat(fileno(file), &info) != 0) {

@@ -14,9 +14,9 @@ constexpr int mday_slots = 32;
 constexpr int month_slots = 13;
 constexpr int wday_slots = 7;
 constexpr std::size_t job_command_size = 300;  // bytes of a command line, its NUL included
-constexpr std::size_t job_line_size = 512;  // the same of a line; a longer one is read on as a further line
+constexpr std::size_t job_line_size = 512;     // bytes of a line, its NUL included; the rest is the next line
 
-// One job. A slot is 1 when the job may run at that value.
+// One job. A slot is 1 when its value matches.
 struct job_record {
     std::uint8_t minute[minute_slots];  // only 0 to 59 can match
     std::uint8_t hour[hour_slots];
@@ -32,21 +32,21 @@ struct job_table {
     int jmax;  // jobs in the table
 };
 
-// Reads the job file into the table. A file that cannot be opened leaves no jobs. Timer thread only; readers see the
-// table before or after it, nothing between.
+// Reads the job file into the table. When the file cannot be opened, the table becomes empty. Timer thread only; other
+// threads see the old or the new table, never a part.
 void timer_read_jobs();
 
-// The job file as it was at the last read that could open it. Timer thread only.
+// Returns the version of the job file at the last read that could open it. Timer thread only.
 const file_identity& jobs_identity();
 
 // Copies the table. Any thread.
 void copy_jobs(job_table& to);
 
-// 1 when a job's command begins with name, else 0. Any thread.
+// Returns 1 when the command of any job begins with name, else 0. Any thread.
 int is_available_on_timer(const char* name);
 
 // Waits until the table has been read once. Main thread, when the timer thread exists.
 void wait_for_jobs();
 
-// True when a job may run at that local time.
+// Returns true when the job's fields match that local time.
 bool is_job_due(const job_record& record, const std::tm& now);

@@ -20,10 +20,10 @@ namespace {
 
 constexpr std::time_t minute = 60;
 constexpr std::time_t check_period = 300;  // seconds between two checks of raised conditions
-constexpr int answer_size = 100;           // bytes of a module's answer; nobody looks at them
+constexpr int answer_size = 100;           // bytes of a module's answer, which is not used
 
-// Asking the table and storing the answer are one step: else start-up could store an answer of before a reload, and
-// nothing would correct it.
+// Makes searching the table and storing the result one step. Otherwise start-up could store a result from before a
+// reload, and nothing would correct it.
 constinit posix_mutex availability_lock;
 
 void update_availability(status_mark& mark, const char* name) {
@@ -47,7 +47,7 @@ void reload_jobs_if_changed() {
     update_availability(st->padiag, "padiag");
 }
 
-// Without its pipe the scheduler is deaf: somebody has taken the suite down.
+// Without the event pipe the scheduler gets no more messages. A missing pipe means that the suite was stopped.
 void end_if_pipe_is_gone() {
     struct stat info {};
     if (stat(st->pipe_path, &info) != 0 && errno == ENOENT) {
@@ -69,7 +69,7 @@ void recheck(status_mark& mark, const char* name, const char* command) {
 
 void recheck_conditions(timer_state& state, std::time_t t) {
     if (t < state.last_check) {
-        state.last_check = t;  // the clock was set back; do not wait until it has caught up
+        state.last_check = t;  // the clock was set back: count the period from now
     }
     if (t - state.last_check < check_period) {
         return;

@@ -64,10 +64,11 @@ void server_uptime_logging() {
         trprintf("Error: failed to fopen uptime %s errno=%d\n", st->up_time_path, errno);
         return;
     }
-    // Written over the old count and cut behind it, not truncated first: on a full disk the old count stays.
+    // The new count overwrites the old one and the file is truncated afterwards. Truncating first would lose the old
+    // count on a full disk.
     char text[text_size];
     const std::size_t length = format_text(text, "%u\n", st->uptime.get());
-    errno = 0;  // stays so when only a part is written
+    errno = 0;  // a partial write does not set it; the trace then shows 0
     if (write(file.get(), text, length) != static_cast<ssize_t>(length)) {
         trprintf("Error: failed to write uptime %s errno=%d\n", st->up_time_path, errno);
         return;
