@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr int answer_size = 1000;  // bytes of a module's answer that are looked at
+constexpr int answer_size = 1000;  // bytes of a module's answer that are read
 
 // Reported again; keep the original time stamp.
 void confirm(status_mark& mark) {
@@ -39,7 +39,7 @@ void recheck_parts(status_mark& mark) {
     }
 }
 
-// The configuration has been read anew: take its date from the module, and tell the suite when it is another one.
+// The configuration was read again: gets its date from the module, and runs "confchg" when the date differs.
 void update_confdate(status_mark& mark) {
     char answer[answer_size + 1] = "";  // the runner writes no NUL
     if (do_command_with_buffer("devconf\tdate", answer, answer_size) == 0) {

@@ -23,11 +23,11 @@ const char* strip_prefix(std::string_view prefix, const char* text) {
     return std::string_view(text).starts_with(prefix) ? text + prefix.size() : text;
 }
 
-// Opens the pipe for reading, then switches it to blocking: opened so from the start, the open would wait for a
-// writer. Returns the descriptor or -1.
+// Opens the pipe for reading without blocking, or the open would wait for a writer; then switches it to blocking.
+// Returns the descriptor or -1.
 int open_pipe_reader() {
     const int fd = open(st->pipe_path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fd >= FD_SETSIZE) {  // select cannot take it, so it is of no use
+    if (fd >= FD_SETSIZE) {  // select cannot handle it
         close(fd);
     }
     if (fd < 0 || fd >= FD_SETSIZE) {
@@ -41,14 +41,15 @@ int open_pipe_reader() {
     return fd;
 }
 
-// The second writer is ours: while it is open, a module closing its end never reads as end of file.
+// Opens the pipe for writing too. While this writer is open, read never returns end of file when a module closes the
+// pipe.
 void open_dummy_writer() {
     errno = 0;
     const int fd = open(st->pipe_path, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
     trprintf("Info:event:dummy pipe writer:fd=%d errno=%d\n", fd, errno);
 }
 
-// Waits for one byte. False when there was none after all.
+// Waits for one byte. Returns false when none could be read.
 bool read_byte(int fd, char& byte) {
     fd_set readable;
     FD_ZERO(&readable);
@@ -59,7 +60,7 @@ bool read_byte(int fd, char& byte) {
     if (read(fd, &byte, 1) == 1) {
         return true;
     }
-    // Ready, yet nothing to read: no writer is left, or the path is no pipe. Not worth a processor of its own.
+    // Ready, but nothing to read: no writer is left, or the path is not a pipe. Sleep to avoid a busy loop.
     const std::timespec pause{0, 100'000'000};
     nanosleep(&pause, nullptr);
     return false;

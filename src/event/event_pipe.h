@@ -1,4 +1,4 @@
-// The event pipe's only reader: what monitoring messages do.
+// The only reader of the event pipe, which handles the monitoring messages.
 #pragma once
 
 #include <cstddef>
@@ -8,9 +8,9 @@ constexpr std::size_t event_line_size = 1024;  // bytes of a line, its NUL inclu
 // Collects the bytes of the pipe into lines.
 class event_line {
 public:
-    // Takes one byte. True when it ended the line: a newline, or the 1024th byte, which is lost.
+    // Adds one byte. Returns true when it ended the line: a newline, or the 1024th byte, which is dropped.
     bool add(char byte);
-    // The finished line; valid until the next add.
+    // Returns the finished line; valid until the next add.
     [[nodiscard]] const char* text() const { return text_; }
 
 private:
@@ -20,8 +20,8 @@ private:
 
 enum class event_type { ignore, monitoring_message };
 
-// Thread body: opens the pipe, tells the main thread through pipe_ready, and reads for ever. Returns only when the
-// pipe cannot be opened.
+// Thread body: opens the pipe, sets pipe_ready for the main thread and reads for ever. Returns only when the pipe
+// cannot be opened.
 void event_main();
 
 // Handles one line: strips its prefixes, applies and logs it if it is a monitoring message. Event thread only.
@@ -30,5 +30,5 @@ void do_eventmsg(const char* line);
 // A monitoring message begins with one of E, W, I, D, M, four digits and a colon.
 event_type eventtype_check(const char* text);
 
-// Applies a monitoring message and hands it to the HMIs. Event thread only; does not return for I0199.
+// Applies a monitoring message and queues it for the HMIs. Event thread only; does not return for I0199.
 void event_hmi_msg(const char* text);

@@ -29,7 +29,7 @@ bool is_any_section_active() {
 }  // namespace
 
 int syslog_enable_check() {
-    // Reading and storing are one step: else a caller that read the file before it changed could store last.
+    // Makes reading and storing one step. Otherwise a caller that read the old file could store its result last.
     static constinit posix_mutex checking;
     const mutex_guard guard(checking);
     qmx_syslog_is_enable = is_any_section_active() ? 1 : 0;

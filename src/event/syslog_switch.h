@@ -6,10 +6,10 @@
 // 1 while forwarding is on. Written by syslog_enable_check, read by the watcher; no lock.
 extern relaxed<int> qmx_syslog_is_enable;
 
-// 1 when the forwarding module asked to be run again. Set by event_hard_error, cleared by the watcher; no lock.
+// 1 when the forwarding module asked for another run. Set by event_hard_error, cleared by the watcher; no lock.
 extern relaxed<int> qmx_syslog_required_retry;
 
-// Sets the switch: on when any section "[section 0]" to "[section 99]" of pvo.ini says active = yes. Returns 0.
+// Sets the switch: on when any section from "[section 0]" to "[section 99]" of pvo.ini has active = yes. Returns 0.
 // Any thread.
 int syslog_enable_check();
 

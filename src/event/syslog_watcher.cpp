@@ -14,7 +14,7 @@ namespace {
 
 constexpr char system_log_path[] = "/var/log/messages";
 
-// Reads how far the forwarding module has come. False, with the reason traced, when the file does not tell.
+// Reads the position of the forwarding module in the log. Returns false, after a trace line, when the file has none.
 bool read_offsetfile(long& inode, long& offset) {
     const unique_file file = open_regular_for_reading(st->qmx_syslog_offset_path);
     if (file == nullptr) {

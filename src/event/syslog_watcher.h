@@ -1,9 +1,9 @@
-// Watches the system log and has its growth forwarded.
+// Watches the system log and runs the forwarding module when it has grown.
 #pragma once
 
 #include <sys/types.h>
 
-// What the last poll saw of the log.
+// The log as the last poll saw it.
 struct syslog_seen {
     off_t size = 0;
     ino_t inode = 0;
