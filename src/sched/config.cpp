@@ -22,12 +22,12 @@ void set_if_positive(std::int32_t& field, const char* value) {
     }
 }
 
-// The mask of a prefix length, host byte order. A length outside 1 to 32 gives the mask of a single address.
+// Returns the mask of a prefix length, host byte order. A length outside 1 to 32 gives the mask of a single address.
 std::uint32_t prefix_mask(int length) {
     return length < 1 || length > prefix_max ? 0xffffffff : 0xffffffffU << (prefix_max - length);
 }
 
-// Stores "address" or "address/length". False when there is no address.
+// Stores "address" or "address/length". Returns false when there is no address.
 bool store_allowed_address(const char* token, int index) {
     const char* slash = std::strchr(token, '/');
     const std::size_t length =

@@ -1,4 +1,4 @@
-// Settings from the two INI files.
+// The settings in the two INI files.
 #pragma once
 
 // Reads "sched.conf" and "common.ini" into the record. A missing or rejected value leaves the default.

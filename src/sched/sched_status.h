@@ -1,4 +1,4 @@
-// The one settings and status record, reached through st.
+// The record of settings and status. There is one; st points to it.
 #pragma once
 
 #include "util/mutex.h"
@@ -8,7 +8,7 @@
 
 #include <cstdint>
 
-constexpr int default_port = 9980;            // without a services entry
+constexpr int default_port = 9980;            // when the services database has no entry
 constexpr int default_interval = 60;          // seconds: pendtime and syslog_poll_interval
 constexpr int default_syslog_port = 514;      // UDP
 constexpr int default_resource_port = 18000;  // TCP
@@ -23,12 +23,12 @@ struct allowed_address {
 struct hmistruc;
 
 // The main thread writes settings and paths during start-up, before any other thread exists; afterwards they are only
-// read. A field with another writer says so.
+// read. The comment of a field names any other writer.
 struct sched_status {
     // ---- settings
     std::int32_t port;                  // TCP port of the listener; default 9980 or the services entry
     std::uint8_t debug;                 // 1: trace to standard output instead of the files
-    std::uint8_t watch_malloc;          // 1: start module programs with the memory-watch environment
+    std::uint8_t watch_malloc;          // 1: start module programs with LD_PRELOAD and MALLOC_DEBUG set
     std::int32_t pendtime;              // seconds, default 60; traced by the event thread
     std::int32_t syslog_poll_interval;  // seconds, default 60, always above 0
 
@@ -41,7 +41,7 @@ struct sched_status {
     char modules_path[path_size];            // module list
     char timer_jobs_path[path_size];         // timer job file
     char pvo_ini_path[path_size];            // file of the forwarding switch, watched by the timer loop
-    char qmx_syslog_offset_path[path_size];  // how far the forwarding module has come
+    char qmx_syslog_offset_path[path_size];  // position of the forwarding module in the system log
     char up_time_path[path_size];            // uptime count
     char up_time_start_path[path_size];      // date of the first start
 
@@ -62,14 +62,14 @@ struct sched_status {
 
     // ---- HMI table; the pointers are set by start-up
     hmistruc* hmi;              // table of hmi_max entries
-    hmistruc* dummy_hmi;        // keeps messages while nobody is connected
+    hmistruc* dummy_hmi;        // keeps messages while no HMI is connected
     posix_mutex hmistruc_lock;  // guards the HMI table and every message ring
 
     // ---- access and login
     char bound_ip_address[32];  // local address to bind; empty means all
     allowed_address
-        allowed_ip_address[allowed_max];  // networks that may connect; first addr 0 lets everyone in
-    char auth_hash[128];                  // 64 characters, or empty when nobody needs to log in
+        allowed_ip_address[allowed_max];  // networks that may connect; all may when the first addr is 0
+    char auth_hash[128];                  // 64 characters, or empty when no login is required
     char auth_salt[128];                  // 8 characters, or empty
 
     // ---- forwarding
@@ -81,5 +81,6 @@ struct sched_status {
 // Null until start-up allocates the record; lives until the process ends.
 extern sched_status* st;
 
-// Set by -D and -d A: the scheduler runs in the starting process, without a supervisor. Written by start-up only.
+// 1 with -D or -d A: the scheduler runs without a supervisor, in the process that was started. Written by start-up
+// only.
 extern int no_alive;

@@ -53,7 +53,7 @@ void create_record() {
     }
 }
 
-// The path of a file in the directory that an environment variable names.
+// Builds the path of a file in the directory that an environment variable names.
 void build_path(char (&path)[path_size], const char* variable, const char* file) {
     format_text(path, "%s/%s", environment(variable), file);
 }
@@ -90,8 +90,8 @@ void set_action(int signal, void (*handler)(int)) {
     sigaction(signal, &action, nullptr);
 }
 
-// Blocks every signal but those with which an operator ends the process. Threads and children inherit the mask. With
-// SIGPIPE blocked, a write to a closed socket fails with an error instead of ending the process.
+// Blocks all signals except those that an operator uses to end the process. Threads and children inherit the mask.
+// With SIGPIPE blocked, a write to a closed socket fails with an error instead of ending the process.
 void set_up_signals() {
     sigset_t blocked;
     sigfillset(&blocked);
@@ -200,7 +200,7 @@ void init_sched2() {
 }
 
 void apply_niceness(int increment) {
-    errno = 0;  // nice may return a negative niceness without a failure; the trace then shows 0
+    errno = 0;  // nice can return a negative value without a failure; the trace then shows 0
     if (nice(increment) < 0) {
         trprintf("Error:nice(%d) errno=%d\n", increment, errno);
     }

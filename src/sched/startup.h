@@ -1,4 +1,4 @@
-// From environment, files and options to the settings record. Main thread only, before any other thread exists.
+// Start-up: fills the record from environment, files and options. Main thread only, before any other thread exists.
 #pragma once
 
 constexpr char version_text[] = "8.0.0-130207154512";
@@ -10,14 +10,14 @@ constexpr char version_text[] = "8.0.0-130207154512";
 // Ends the process with exit code 1 when a variable or memory is missing.
 void init_sched();
 
-// Applies the command line to the record. Returns the niceness increment. Ends the process for the version or a
-// usage error.
+// Applies the command line to the record. Returns the niceness increment. Ends the process when asked for the version
+// and on a usage error.
 int parse_options(int argc, char* argv[]);
 
-// HMI table, port, password file, forwarding switch. Ends the process with exit code 1 on failure.
+// Sets up HMI table, port, password file and forwarding switch. Ends the process with exit code 1 on failure.
 void init_sched2();
 
-// Lowers our priority. A failure is traced.
+// Lowers the priority of the process. A failure is traced.
 void apply_niceness(int increment);
 
 // Reads the module list. Ends the process with exit code 1 when it cannot be read.

@@ -14,10 +14,10 @@
 
 namespace {
 
-constexpr int start_max = 100;             // schedulers in the life of one supervisor
+constexpr int start_max = 100;             // starts of the scheduler by one supervisor
 constexpr unsigned restart_pause = 3;      // seconds
 constexpr int status_normal = 0;           // wait status: exit code 0
-constexpr int status_failure = 0x100;      // exit code 1, a failure that a restart would repeat
+constexpr int status_failure = 0x100;      // exit code 1, a failure that would occur again after a restart
 constexpr int status_port_in_use = 0x200;  // exit code 2
 
 [[noreturn]] void stop_with_message() {
@@ -25,7 +25,7 @@ constexpr int status_port_in_use = 0x200;  // exit code 2
     std::exit(1);
 }
 
-// Ends the supervisor when the scheduler's wait status is final; returns when the scheduler has to be started again.
+// Ends the supervisor when the scheduler's wait status is final. Returns when the scheduler must be started again.
 void end_if_final(int status) {
     switch (status) {
         case status_normal:
@@ -46,7 +46,7 @@ void end_if_final(int status) {
     }
 }
 
-// False when the wait itself failed.
+// Returns false when the wait itself failed.
 bool wait_for_sched(pid_t pid, int& status) {
     errno = 0;
     if (waitpid(pid, &status, 0) < 0) {
@@ -58,7 +58,8 @@ bool wait_for_sched(pid_t pid, int& status) {
     return true;
 }
 
-// The scheduler keeps descriptors 0 to 2, on /dev/null, so that no pipe or socket of its own lands there.
+// Detaches from the terminal. The scheduler's descriptors 0 to 2 are opened on /dev/null, so that no pipe or socket
+// gets their numbers.
 void detach() {
     close(STDIN_FILENO);
     close(STDOUT_FILENO);
@@ -94,7 +95,8 @@ pid_t create_sched() {
 void alive_check() {
     record_pid(st->alivechk_pid_path);
     if (const char* directory = std::getenv("VGD_temp"); directory != nullptr) {
-        [[maybe_unused]] const int moved = chdir(directory);  // else modules run where we were started
+        [[maybe_unused]] const int moved =
+            chdir(directory);  // on failure modules run in the directory of our start
     }
     for (int attempt = 1; attempt <= start_max; ++attempt) {
         int status = 0;

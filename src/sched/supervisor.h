@@ -3,9 +3,10 @@
 
 #include <sys/types.h>
 
-// Starts the scheduler and watches over it; ends the process with 0 after a normal end, else with 1.
+// Starts the scheduler, and starts it again when it dies. Ends the process: with exit code 0 after the scheduler's
+// normal end, else with 1.
 [[noreturn]] void alive_check();
 
-// Forks the scheduler, detached from the terminal. Returns its process id; in the child it never returns. A failed
-// fork ends the process.
+// Forks the scheduler, detached from the terminal. Returns its process id; in the child it never returns. When fork
+// fails, the process ends with exit code 1.
 pid_t create_sched();

@@ -6,7 +6,8 @@
 #include <cstdlib>
 
 void exit_process(int code) {
-    // exit() must not run in two threads at once. Never unlocked: a second caller waits until the process ends.
+    // exit() must not run in two threads at once. The lock is never released: a second caller waits until the process
+    // has ended.
     static constinit posix_mutex ending;
     ending.lock();
     std::exit(code);

@@ -8,7 +8,7 @@
 namespace {
 
 constexpr std::size_t block_bytes = 64;
-constexpr std::size_t length_offset = 56;  // where the length in bits stands in the last block
+constexpr std::size_t length_offset = 56;  // position of the length (in bits) in the last block
 
 constexpr std::uint32_t initial_state[8] = {0x6a09e667, 0xbb67ae85, 0x3c6ef372, 0xa54ff53a,
                                             0x510e527f, 0x9b05688c, 0x1f83d9ab, 0x5be0cd19};
@@ -32,7 +32,7 @@ void extend_schedule(const std::uint32_t (&block)[16], std::uint32_t (&w)[64]) {
     }
 }
 
-// Works the full block into the state and clears it for the next one.
+// Adds the full block to the state and clears it for the next one.
 void compress(sha256_ctx* context) {
     std::uint32_t w[64];
     extend_schedule(context->block, w);

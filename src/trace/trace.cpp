@@ -18,7 +18,7 @@
 namespace {
 
 constexpr std::size_t name_size = path_size + 1;
-constexpr std::size_t cut_at = 507;  // characters that stay of a line that is too long
+constexpr std::size_t cut_at = 507;  // characters kept of a line that is too long
 constexpr char cut_mark[] = "...\n";
 static_assert(cut_at + sizeof cut_mark <= trace_line_size);
 
@@ -27,7 +27,7 @@ char trace_name[name_size];
 char trace_name2[name_size];
 char eventlog_name[name_size];
 
-// Serialises trprintf, from the time stamp to the last write. Innermost lock: takes none.
+// Serialises trprintf, from the time stamp to the last write. No other lock is taken under it.
 constinit posix_mutex mp;
 
 void cut_long_line(char (&line)[trace_line_size]) {
@@ -42,9 +42,9 @@ bool is_level_line(const char* line) {
                        [line](const char* word) { return std::strstr(line, word) != nullptr; });
 }
 
-// A file that cannot be written loses the line; there is no fallback. What is no regular file is neither written nor
-// moved. The stat that rotation needs tells it, so a line costs no further call; O_NONBLOCK covers a FIFO that has
-// come since then.
+// When the file cannot be written, the line is lost; there is no fallback. Anything but a regular file is neither
+// written nor rotated. Rotation needs stat anyway, so this check costs no further system call. O_NONBLOCK covers a
+// FIFO that replaces the file after that stat.
 int append_line(const char* name, const char* line) {
     struct stat info {};
     if (stat(name, &info) == 0) {
