@@ -1,8 +1,9 @@
-// What the unit tests share: a scratch suite with the record as start-up makes it, tables, threads.
+// What the unit tests share: a scratch suite directory with the scheduler's record in it, and threads.
 #pragma once
 
 #include "comm/hmi_table.h"
 #include "sched/startup.h"
+#include "table.h"
 #include "util/clock.h"
 
 #include <gmock/gmock.h>
@@ -20,23 +21,11 @@ using testing::AllOf, testing::EndsWith, testing::HasSubstr, testing::Not, testi
 
 constexpr std::size_t trace_prefix = 33;  // characters of "date time thr:id "
 
-// The alphabet over and over: wherever it is cut, the last characters tell where.
+// The alphabet repeated, so that the last characters of a cut text show where it was cut.
 inline std::string pattern(std::size_t length) {
     std::string text;
     while (text.size() < length) text += "abcdefghijklmnopqrstuvwxyz";
     return text.substr(0, length);
-}
-
-// The rows of a table "given -> expected|given -> expected"; each % in it stands for filling.
-inline std::vector<std::pair<std::string, std::string>> rows(const char* table, const std::string& filling = "") {
-    std::vector<std::pair<std::string, std::string>> all;
-    std::istringstream text(table);
-    for (std::string row; std::getline(text, row, '|');) {
-        for (std::size_t at = 0; (at = row.find('%', at)) != std::string::npos; at += filling.size())
-            row.replace(at, 1, filling);
-        all.emplace_back(row.substr(0, row.find(" -> ")), row.substr(row.find(" -> ") + 4));
-    }
-    return all;
 }
 
 inline void set_zone(const char* zone) {
@@ -52,8 +41,8 @@ void in_threads(int count, Body body) {
     for (std::thread& thread : threads) thread.join();
 }
 
-// A suite directory and a record of the test's own. Start-up gives nothing back, so under a leak checker each test
-// wants a process to itself, as ctest runs them.
+// A suite directory and a record of the test's own. The record is never freed, so under a leak checker each test needs
+// a process of its own, as ctest runs them.
 struct Scratch : testing::Test {
     Scratch() {
         for (const char* name : {"bin", "config", "data", "log", "temp", "update"}) {
@@ -91,13 +80,13 @@ struct Scratch : testing::Test {
         while (read("log/sched_log").find(text) == std::string::npos && monotonic_ms() < deadline) usleep(5'000);
         EXPECT_LT(monotonic_ms(), deadline) << "not traced: " << text;
     }
-    // A module program in shell; it finds the suite in $D.
+    // Writes a module program in shell; $D is the suite directory.
     void program(const std::string& name, const std::string& script) const {
         write("bin/" + name, "#!/bin/sh\nD=" + dir + "\n" + script + "\n");
         fs::permissions(path("bin/" + name), fs::perms::owner_all);
     }
-    char name_template[32] = "/tmp/sched-unit-XXXXXX";
-    const std::string dir = mkdtemp(name_template);
+    std::string name_template = testing::TempDir() + "sched-unit-XXXXXX";
+    const std::string dir = mkdtemp(name_template.data());
 };
 
 }  // namespace unit

@@ -13,7 +13,7 @@ struct Comm : Scratch {
         char text[message_size];
         std::uint32_t qtime = 0;
         if (hmistruc_dequeue(entry, text, qtime) != 0) return "-";
-        const std::string message = text;  // nothing of an earlier message may stand behind it
+        const std::string message = text;  // nothing of an earlier message may follow it
         EXPECT_EQ(std::string(text, sizeof text), message + std::string(sizeof text - message.size(), '\0'));
         return message + (qtime == 12345 ? "@12345" : "");
     }
@@ -22,9 +22,9 @@ struct Comm : Scratch {
     }
 };
 
-TEST_F(Comm, RingHoldsOneHundredAndTwentySeven) {
+TEST_F(Comm, RingKeepsTheOldestOneHundredAndTwentySevenAndCountsTheRest) {
     hmistruc& hmi = *hmistruc_get();
-    for (const int start : {0, 100, 127}) {  // from the first slot, and over the end of the ring
+    for (const int start : {0, 100, 127}) {  // from the first slot, and across the end of the ring
         hmi.in = hmi.out = start;
         broadcast(0, 129);
         EXPECT_EQ(next(hmi), "E0");
@@ -34,14 +34,14 @@ TEST_F(Comm, RingHoldsOneHundredAndTwentySeven) {
         EXPECT_EQ(next(hmi), "-");
         EXPECT_EQ(hmistruc_lostcount(hmi), 3);
     }
-    for (const std::size_t length : {2000U, 0U, 1024U, 1U, 1023U, 1022U}) {  // all through the same slot
+    for (const std::size_t length : {2000U, 0U, 1024U, 1U, 1023U, 1022U}) {  // all in the same slot
         hmi.in = hmi.out = 5;
         hmistruc_all_enqueue(pattern(length).c_str());
         EXPECT_EQ(next(hmi), pattern(std::min<std::size_t>(length, 1023)));
     }
 }
 
-TEST_F(Comm, DummyKeepsErrorsAndWarningsForTheFirst) {
+TEST_F(Comm, ErrorsAndWarningsWaitForTheFirstConnectionOnly) {
     for (const char* text : {"I0", "W1", "D2", "M3", "e4", ""}) hmistruc_all_enqueue(text);
     broadcast(0, 128);
     st->dummy_hmi->queue[1].qtime = 12345;
@@ -52,10 +52,11 @@ TEST_F(Comm, DummyKeepsErrorsAndWarningsForTheFirst) {
     EXPECT_EQ(next(first), "W1");
     EXPECT_EQ(next(first), "E0@12345");
     EXPECT_EQ(next(second), "-");
-    EXPECT_EQ(hmistruc_lostcount(first) + hmistruc_lostcount(second), 2);
+    EXPECT_EQ(hmistruc_lostcount(first), 2);
+    EXPECT_EQ(hmistruc_lostcount(second), 0);
     hmistruc_put(first);
     hmistruc_put(second);
-    EXPECT_EQ(next(*hmistruc_get()), "-");  // neither handed over again, nor remains of the first one's ring
+    EXPECT_EQ(next(*hmistruc_get()), "-");  // neither the waiting messages again nor the rest of the first ring
 }
 
 TEST_F(Comm, MessagesOfAnUnservedConnectionWaitForTheNext) {
@@ -67,13 +68,13 @@ TEST_F(Comm, MessagesOfAnUnservedConnectionWaitForTheNext) {
     hmistruc& served = *hmistruc_get();
     hmistruc& second = *hmistruc_get();
     broadcast(5, 6);
-    hmistruc_put_unserved(second);  // the other one has its messages
+    hmistruc_put_unserved(second);  // the served connection has the same messages
     for (const char* message : {"E0", "E1", "E2", "E3", "E4", "E5", "-"}) EXPECT_EQ(next(served), message);
     hmistruc_put(served);
     EXPECT_EQ(next(*hmistruc_get()), "-");
 }
 
-TEST_F(Comm, EntriesComeBackClean) {
+TEST_F(Comm, AReusedEntryHasNothingOfItsLastConnection) {
     for (int i = 0; i < hmi_max; ++i) ASSERT_EQ(hmistruc_get(), &st->hmi[i]);
     EXPECT_EQ(hmistruc_get(), nullptr);
     hmistruc& used = st->hmi[6];
@@ -81,11 +82,16 @@ TEST_F(Comm, EntriesComeBackClean) {
     used.locked = used.auth = used.lost = used.resource_fd = 2;
     hmistruc_put(used);
     EXPECT_EQ(hmistruc_get(), &used);
-    EXPECT_EQ(used.nonce[0] + used.user[0] + used.locked + used.auth + used.lost + used.resource_fd, -1);
+    EXPECT_STREQ(used.nonce, "");
+    EXPECT_STREQ(used.user, "");
+    EXPECT_EQ(used.locked, 0);
+    EXPECT_EQ(used.auth, 0);
+    EXPECT_EQ(used.lost, 0);
+    EXPECT_EQ(used.resource_fd, -1);
 }
 
-// A peer that has stopped reading holds nobody up, and does not take a later answer for this one.
-TEST_F(Comm, PatienceWithAPeerThatDoesNotReadEnds) {
+// After the time-out the peer must not get the rest of this answer with a later one: the connection ends.
+TEST_F(Comm, WriteToAPeerThatDoesNotReadWaitsUntilItsDeadlineAndNoLonger) {
     int ends[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
     const unique_fd mine(ends[0]);
@@ -94,7 +100,7 @@ TEST_F(Comm, PatienceWithAPeerThatDoesNotReadEnds) {
     while (send(mine.get(), filler.data(), filler.size(), MSG_DONTWAIT) > 0) {}
     std::string received(1 << 24, '\0');
     std::thread slow([&] {
-        usleep(300'000);  // by then the caller waits
+        usleep(300'000);  // by then the writer waits
         while (recv(peer.get(), received.data(), received.size(), MSG_DONTWAIT) > 0) {}
     });
     EXPECT_TRUE(write_until(deadline(60'000), mine.get(), "waits"));
@@ -107,7 +113,7 @@ TEST_F(Comm, PatienceWithAPeerThatDoesNotReadEnds) {
     std::size_t length = 0;
     for (ssize_t got = 1; got > 0; length += static_cast<std::size_t>(got))
         got = recv(peer.get(), &received[length], received.size() - length, 0);
-    EXPECT_EQ(received.find("late"), std::string::npos);  // and the read came to an end of file
+    EXPECT_EQ(received.find("late"), std::string::npos);
 }
 
 }  // namespace unit

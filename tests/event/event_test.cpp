@@ -11,18 +11,24 @@ namespace unit {
 
 struct Event : Scratch {};
 
-TEST_F(Event, ForwardingSwitch) {
-    for (const auto& [ini, expected] :
-         rows("[section 99]\na%yes\n -> 1|[section 100]\na%yes\n -> 0|[section 1]\na%Yes -> 0| -> 0|"
-              "[section 0]\na%yes \n -> 0|[section 0]\na%no\n[section 5]\na%yes -> 1",
-              "ctive = ")) {
-        write("config/pvo.ini", ini);
+TEST_F(Event, ForwardingIsOnExactlyWhenASectionOf0To99SaysYes) {
+    const Row<const char*, int> cases[] = {
+        {"highest section", "[section 99]\nactive = yes\n", 1},
+        {"section too high", "[section 100]\nactive = yes\n", 0},
+        {"other letter case", "[section 1]\nactive = Yes", 0},
+        {"empty file", "", 0},
+        {"blank at the end", "[section 0]\nactive = yes \n", 0},
+        {"second section", "[section 0]\nactive = no\n[section 5]\nactive = yes", 1},
+    };
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row);
+        write("config/pvo.ini", row.given);
         EXPECT_EQ(syslog_enable_check(), 0);
-        EXPECT_EQ(std::to_string(qmx_syslog_is_enable), expected) << ini;
+        EXPECT_EQ(qmx_syslog_is_enable, row.wanted);
     }
 }
 
-TEST_F(Event, SystemLogPolls) {
+TEST_F(Event, SystemLogIsForwardedWhenItHasChangedOrSomethingIsUnsent) {
     write("config/vgd_modules", "qmx qmx - 9\n");
     ASSERT_EQ(read_modules(), 0);
     program("qmx", "echo $* >>$D/log/calls; . $D/log/do");
@@ -31,19 +37,36 @@ TEST_F(Event, SystemLogPolls) {
         "cd log; O=../data/qmx_syslog_offset; S() { stat -c '%i %s' log; }; rm -f sched_log; : >calls; ";
     qmx_syslog_is_enable = 1;
     syslog_seen seen;
-    // A change, then how often a poll forwards and how its trace begins; a full stop stands behind the trace.
-    for (const auto& [change, expected] :
-         rows("echo >do -> 0 event:Error:failed to stat %, errno=2\n.|: >log -> 1 event:% size changed.(0:0 |"
-              ": -> 0 read_offsetfile() fopen error, errno=2|mkfifo $O -> 0 read_offsetfile() fopen error, errno=6|"
-              "rm $O; echo 12 >$O -> 0 read_offsetfile() fscanf error|"
-              "S >$O -> 0 .|echo 1 4 >$O -> 1 unsent event exists.(1:4 -> |: -> 1 unsent event exists.(1:4|"
-              "echo exit 2 >do; echo two >>log -> 1 event:% size changed.|S >$O -> 1 command1:|"
-              "echo >do -> 1 command1:|: -> 0 .|cp log new; mv new log -> 1 event:%|S >$O -> 0 .",
-              log)) {
-        shell(set_up + change);
+    const std::string changed = "event:" + log + " size changed.";
+    const std::string unreadable = "read_offsetfile() f";
+    // The steps follow one another: each changes files and polls once.
+    const struct {
+        const char* name;
+        const char* change;
+        int runs;  // of the module
+        testing::Matcher<std::string> trace;
+    } steps[] = {
+        {"no log", "echo >do", 0, "event:Error:failed to stat " + log + ", errno=2\n"},
+        {"new log", ": >log", 1, StartsWith(changed + "(0:0 ")},
+        {"no offset file", ":", 0, StartsWith(unreadable + "open error, errno=2")},
+        {"FIFO for an offset file", "mkfifo $O", 0, StartsWith(unreadable + "open error, errno=6")},
+        {"one number in the offset file", "rm $O; echo 12 >$O", 0, StartsWith(unreadable + "scanf error")},
+        {"all is sent", "S >$O", 0, ""},
+        {"offset of another log", "echo 1 4 >$O", 1, StartsWith("unsent event exists.(1:4 -> ")},
+        {"the same again", ":", 1, StartsWith("unsent event exists.(1:4")},
+        {"log has grown, forwarding fails", "echo exit 2 >do; echo two >>log", 1, StartsWith(changed)},
+        {"failed before", "S >$O", 1, StartsWith("command1:")},
+        {"succeeds", "echo >do", 1, StartsWith("command1:")},
+        {"nothing new", ":", 0, ""},
+        {"log replaced by its copy", "cp log new; mv new log", 1, StartsWith("event:" + log)},
+        {"all is sent again", "S >$O", 0, ""},
+    };
+    for (const auto& step : steps) {
+        SCOPED_TRACE(step.name);
+        shell(set_up + step.change);
         syslog_poll(log.c_str(), seen);
-        const std::string runs = shell("wc -l <log/calls").substr(0, 1);
-        EXPECT_THAT(runs + " " + trace() + ".", StartsWith(expected)) << change;
+        EXPECT_EQ(std::atoi(shell("wc -l <log/calls").c_str()), step.runs);
+        EXPECT_THAT(trace(), step.trace);
     }
     qmx_syslog_is_enable = 0;
     write("log/log", "grown while it was off");
@@ -51,7 +74,7 @@ TEST_F(Event, SystemLogPolls) {
     EXPECT_EQ(trace(), "");
 }
 
-// A module that says "over" clears the mark, unless a report has come since the module was started.
+// A module that finds no fault clears the mark, unless a report has come since the module was started.
 TEST_F(Event, ReportDuringTheRunKeepsTheMark) {
     struct {
         const char* name;

@@ -6,16 +6,17 @@
 #include "timer/uptime.h"
 #include "unit_support.h"
 
-#include <random>
+#include <optional>
 
 namespace unit {
 
 // The numbers of the slots that are set.
 template <std::size_t N>
-std::string numbers(const std::uint8_t (&slots)[N]) {
-    std::string all;
-    for (std::size_t i = 0; i < N; ++i) all += slots[i] != 0 ? std::to_string(i) + " " : "";
-    return all;
+std::vector<std::size_t> numbers(const std::uint8_t (&slots)[N]) {
+    std::vector<std::size_t> set;
+    for (std::size_t i = 0; i < N; ++i)
+        if (slots[i] != 0) set.push_back(i);
+    return set;
 }
 
 struct Timer : Scratch {
@@ -28,53 +29,105 @@ struct Timer : Scratch {
     }
 };
 
-TEST_F(Timer, Fields) {
-    // A field of 24 slots, the slots it sets, and its trace.
-    for (const auto& [field, expected] :
-         rows("5 x -> 5 |5/2 -> 5 |*/10\t7 -> 0 10 20 |1-9/4 -> 1 5 9 |1-5/2/3 -> 1 3 5 |,3,,1, -> 1 3 |"
-              "7-7 -> 7 |5-3 -> |x -> 0 |/2 -> 0 |1- -> |3-x -> |007 -> 7 |+4 -> 4 |1-3-9 -> 1 2 3 |,, -> |"
-              "*-3/11 -> 0 11 22 |23 -> 23 |0-23/99999999999 -> 0 |20-23 -> 20 21 22 23 | -> |3--1 -> |"
-              "*/0 -> %invalid step\n|1,*/0,2 -> 1 %invalid step\n|1-5/-1 -> %invalid step\n|"
-              "5/0 -> %invalid step\n|5,99,7 -> 5 7 %too large (99 > 24)\n|24 -> %too large (24 > 24)\n|"
-              "1,20-24,2 -> 1 %too large (20 - 24 > 24)\n|99999999999 -> %too large (2147483647 > 24)\n|"
-              "3,-5,4 -> 3 %negative value \"-5\"\n",
-              "Error:timer:")) {
+TEST_F(Timer, FieldSetsItsSlotsAndStopsAtABadItem) {
+    const struct {
+        const char* name;
+        const char* field;  // of 24 slots
+        std::vector<std::size_t> set;
+        std::string trace;  // behind "Error:timer:"
+    } cases[] = {
+        {"ends at a blank", "5 x", {5}, ""},
+        {"ends at a tab", "*/10\t7", {0, 10, 20}, ""},
+        {"step after one value", "5/2", {5}, ""},
+        {"range with a step", "1-9/4", {1, 5, 9}, ""},
+        {"second step", "1-5/2/3", {1, 3, 5}, ""},
+        {"empty items", ",3,,1,", {1, 3}, ""},
+        {"only empty items", ",,", {}, ""},
+        {"empty field", "", {}, ""},
+        {"range of one", "7-7", {7}, ""},
+        {"range backwards", "5-3", {}, ""},
+        {"no number", "x", {0}, ""},
+        {"step without a value", "/2", {0}, ""},
+        {"range without an end", "1-", {}, ""},
+        {"range to text", "3-x", {}, ""},
+        {"leading zeros", "007", {7}, ""},
+        {"plus sign", "+4", {4}, ""},
+        {"second range", "1-3-9", {1, 2, 3}, ""},
+        {"range after a star", "*-3/11", {0, 11, 22}, ""},
+        {"highest value", "23", {23}, ""},
+        {"step beyond an int", "0-23/99999999999", {0}, ""},
+        {"range to the highest value", "20-23", {20, 21, 22, 23}, ""},
+        {"range to a negative value", "3--1", {}, ""},
+        {"step 0", "*/0", {}, "invalid step\n"},
+        {"step 0 in a list", "1,*/0,2", {1}, "invalid step\n"},
+        {"negative step", "1-5/-1", {}, "invalid step\n"},
+        {"step 0 after one value", "5/0", {}, "invalid step\n"},
+        {"value too large", "5,99,7", {5, 7}, "too large (99 > 24)\n"},
+        {"value one too large", "24", {}, "too large (24 > 24)\n"},
+        {"range too large", "1,20-24,2", {1}, "too large (20 - 24 > 24)\n"},
+        {"value beyond an int", "99999999999", {}, "too large (2147483647 > 24)\n"},
+        {"negative value", "3,-5,4", {3}, "negative value \"-5\"\n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name + std::string(": ") + c.field);
         std::uint8_t slots[24] = {};
-        set_job_field(field.c_str(), slots, 24);
-        EXPECT_EQ(numbers(slots) + trace(), expected) << field;
+        set_job_field(c.field, slots, 24);
+        EXPECT_EQ(numbers(slots), c.set);
+        EXPECT_EQ(trace(), c.trace.empty() ? "" : "Error:timer:" + c.trace);
     }
 }
 
-TEST_F(Timer, Lines) {
+TEST_F(Timer, BadOrLongLineCostsOnlyItself) {
     load("7 7 7 7 3 good\n");
     const job_record good = table.job[0];
-    // A line before one that must come out as if it stood alone: its command, or 1 when it is short.
-    for (const auto& [line, expected] :
-         rows("0 3 * * * diag\ts -> diag\ts|0  3   *  * * a  b\tc  -> a  b\tc |0 3 * * * x\r -> x\r|"
-              "#0 3 * * * x -> |0 3\t* * * x -> 1| -> 1|    -> 1|0 3 * * -> 1|0 3 * * * -> 1|0 3 * * *  -> 1|"
-              "0 3 * * *\r -> 1| 0 3 * * * x -> * x|0 3 * * * % -> %|0 3 * * * %x -> %|0 3 * * * %% -> %",
-              std::string(299, 'x'))) {
-        load(line + "\n7 7 7 7 3 good\n");
-        const bool is_short = trace().find("short line at line 1\n") != std::string::npos;
-        EXPECT_EQ(table.jmax == 2 ? table.job[0].command : is_short ? "1" : "", expected) << line;
-        ASSERT_GT(table.jmax, 0) << line;
-        EXPECT_EQ(std::memcmp(&table.job[table.jmax - 1], &good, sizeof good), 0) << line;
+    const std::string longest(299, 'x');  // that a command can be
+    const struct {
+        const char* name;
+        std::string line;                    // put before the good one
+        std::optional<std::string> command;  // of its job
+        bool is_short = false;
+    } cases[] = {
+        {"words of the command", "0 3 * * * diag\ts", "diag\ts"},
+        {"several blanks", "0 3  *   * * a  b\tc ", "a  b\tc "},
+        {"CR", "0 3 * * * x\r", "x\r"},
+        {"comment", "#0 3 * * * x", {}},
+        {"tab between fields", "0 3\t* * * x", {}, true},
+        {"empty", "", {}, true},
+        {"blanks", "   ", {}, true},
+        {"no weekday", "0 3 * *", {}, true},
+        {"no command", "0 3 * * *", {}, true},
+        {"blank for a command", "0 3 * * * ", {}, true},
+        {"CR for a command", "0 3 * * *\r", {}, true},
+        {"blank in front", " 0 3 * * * x", "* x"},
+        {"longest command", "0 3 * * * " + longest, longest},
+        {"one character more", "0 3 * * * " + longest + "x", longest},
+        {"twice as long", "0 3 * * * " + longest + longest, longest},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name + (": " + c.line));
+        load(c.line + "\n7 7 7 7 3 good\n");
+        EXPECT_EQ(trace().find("short line at line 1\n") != std::string::npos, c.is_short);
+        ASSERT_EQ(table.jmax, c.command ? 2 : 1);
+        EXPECT_EQ(c.command.value_or(good.command), table.job[0].command);
+        EXPECT_EQ(std::memcmp(&table.job[table.jmax - 1], &good, sizeof good), 0);
     }
     load("#" + std::string(509, 'x') + "\n");
     EXPECT_THAT(trace(), Not(HasSubstr("short")));
-    load("#" + std::string(510, 'x') + "\n");  // its end is a line of its own
+    load("#" + std::string(510, 'x') + "\n");  // the rest is a line of its own
     EXPECT_THAT(trace(), HasSubstr("short line at line 2\n"));
 }
 
-TEST_F(Timer, HoldsThirtyJobs) {
+TEST_F(Timer, TableIsFullAfterThirtyJobsAndEmptyWithoutItsFile) {
     std::string jobs;
     for (int i = 0; i < 29; ++i) jobs += "* * * * * job\n";
     EXPECT_EQ(load(jobs), 29);
     EXPECT_THAT(trace(), Not(HasSubstr("Warning:")));
     EXPECT_EQ(load(jobs + "*/15 * * * * patrolx\n1 2 3 4 5 padiag\n"), 30);
     EXPECT_THAT(trace(), HasSubstr("Warning:timer:job table full, ignore remains\n"));
-    EXPECT_EQ(numbers(table.job[29].minute) + table.job[29].command, "0 15 30 45 60 patrolx");
-    EXPECT_EQ(is_available_on_timer("patrol") * 10 + is_available_on_timer("padiag"), 10);
+    EXPECT_STREQ(table.job[29].command, "patrolx");
+    EXPECT_THAT(numbers(table.job[29].minute), testing::ElementsAre(0, 15, 30, 45, 60));
+    EXPECT_EQ(is_available_on_timer("patrol"), 1);
+    EXPECT_EQ(is_available_on_timer("padiag"), 0);
     const file_identity before = jobs_identity();
     fs::remove(path("config/timer_jobs"));
     timer_read_jobs();
@@ -83,8 +136,8 @@ TEST_F(Timer, HoldsThirtyJobs) {
     EXPECT_TRUE(jobs_identity() == before);
 }
 
-// The due minutes of a leap year against another cron, but for "*/s" in days and months, which starts from 1 there.
-TEST_F(Timer, AgreesWithAnotherCron) {
+// The due minutes of a leap year, without "*/s" in days and months, which starts from 1 in the other cron.
+TEST_F(Timer, AgreesWithAnotherCronOnTheDueMinutes) {
     write("cron.py", R"(import croniter, random
 random.seed(3)
 choices = "0 59 7,30 */29", "0 23 5,6 */11", "* 1 29 1-10/3 28-31 5,15", "* 2 1,12 3-9/3 5 8", "* * 0 6 1-5 0-6/3 */2"
@@ -93,11 +146,14 @@ for i in range(300):
     cron, total, digest = croniter.croniter(field, 1704067199), 0, 0
     while (due := (int(cron.get_next(float)) - 1704067200) // 60) < 366 * 1440:
         total, digest = total + 1, (digest * 31 + due) % 2**32
-    print(field, "x ->", total, digest, end="|"))");
+    print(total, digest, field, "x"))");
     const std::string expectations = shell("/usr/bin/python3 cron.py 2>&1");
     if (expectations.find("No module named") != std::string::npos) GTEST_SKIP() << "needs Debian's python3-croniter";
-    for (const auto& [job, expected] : rows(expectations.c_str())) {
-        EXPECT_EQ(load(job + "\n"), 1);
+    std::istringstream lines(expectations);
+    std::uint32_t expected_total = 0;
+    std::uint32_t expected_digest = 0;
+    for (std::string job; std::getline(lines >> expected_total >> expected_digest, job);) {
+        EXPECT_EQ(load(job.substr(1) + "\n"), 1);
         std::uint32_t total = 0;
         std::uint32_t digest = 0;
         std::tm parts{};
@@ -110,18 +166,23 @@ for i in range(300):
                 digest = digest * 31 + static_cast<std::uint32_t>(due);
             }
         }
-        EXPECT_EQ(std::to_string(total) + " " + std::to_string(digest), expected) << job;
+        EXPECT_EQ(total, expected_total) << job;
+        EXPECT_EQ(digest, expected_digest) << job;
     }
 }
 
-TEST_F(Timer, Uptime) {
-    for (const auto& [content, expected] :
-         rows("1440\n -> 1440 1441\n|0000000012\n -> 12 13\n|abc -> 0 1\n|7 -> 7 8\n| -> 0 1\n")) {
-        write("data/up_time", content);
+TEST_F(Timer, UptimeGoesOnFromItsFileAndFailuresAreTraced) {
+    const Row<const char*, unsigned> cases[] = {
+        {"number", "1440\n", 1440}, {"leading zeros", "0000000012\n", 12}, {"text", "abc", 0}, {"no newline", "7", 7},
+        {"empty", "", 0},
+    };
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row);
+        write("data/up_time", row.given);
         server_uptime_init();
-        const std::string start = std::to_string(st->uptime);
+        EXPECT_EQ(st->uptime, row.wanted);
         server_uptime_logging();
-        EXPECT_EQ(start + " " + read("data/up_time"), expected) << content;
+        EXPECT_EQ(read("data/up_time"), std::to_string(row.wanted + 1) + "\n");
         EXPECT_FALSE(fs::exists(path("data/up_time_start")));
     }
     fs::remove(path("data/up_time"));
@@ -141,7 +202,7 @@ TEST_F(Timer, Uptime) {
                            " errno=2)\nError: failed to fopen uptime " + path("data/up_time") + " errno=2\n");
 }
 
-TEST_F(Timer, Passes) {
+TEST_F(Timer, PassChecksMarksEveryFiveMinutesAndSeesEachChangeOfAFile) {
     write("config/vgd_modules", "devconf m - 9\ndiag m - 9\npatrol m - 9\n");
     ASSERT_EQ(read_modules(), 0);
     program("m", "echo $1 >>$D/calls; . $D/react");
@@ -149,38 +210,55 @@ TEST_F(Timer, Passes) {
     qmx_syslog_is_enable = 0;
     timer_state state{1'000'000'000, {}};
     st->conf.set = st->diag.set = 1;
-    // Changes files and makes a pass; tells the marks conf, diag, patrol and padiag, the switch, and what was run.
-    const auto pass = [&](int seconds, const char* change) {
-        shell(std::string("rm -f calls log/sched_log; cd config; ") + change);
-        st->patrol.stamp.ticks = 0;
-        timer_pass(state, 1'000'000'000 + seconds);
-        const int on[] = {st->conf.set, st->diag.set, st->patrol.set, st->padiag.set, qmx_syslog_is_enable};
-        return testing::PrintToString(on) + shell("cat calls 2>/dev/null | tr '\\n' ' '");
+    // The steps follow one another: each changes files and makes one pass.
+    const struct {
+        const char* name;
+        int seconds;  // after the start
+        const char* change;
+        const char* set;  // marks, and "forwarding" for its switch
+        const char* calls;
+        testing::Matcher<std::string> trace;
+        bool stamped;  // the mark of patrol
+    } steps[] = {
+        {"before five minutes", 299, ":", "conf diag", "", testing::_, false},
+        {"both still reported", 300, "echo exit 1 >../react", "conf diag", "status status ", testing::_, false},
+        {"before ten minutes", 599, "echo exit 0 >../react", "conf diag", "", testing::_, false},
+        {"neither reported", 600, ":", "", "status status ", HasSubstr("Warning:conf 0 status is cleared by patrol.\n"),
+         false},
+        {"switch turned on", 900, "echo '[section 7]\nactive = yes' >pvo.ini", "forwarding", "", testing::_, false},
+        {"jobs added", 960, "echo '* * * * * patrol\tx\n0 0 31 2 * padiag' >timer_jobs; touch -d 2020-01-01 *",
+         "patrol padiag forwarding", "x ",
+         HasSubstr("timer:patrol is changed to be enabled\ntimer:padiag is changed to be enabled\n"), true},
+        {"nothing changed, failed run", 1020, "echo exit 1 >../react", "patrol padiag forwarding", "x ",
+         Not(AnyOf(HasSubstr("changed"), HasSubstr("read jobs"))), true},
+        {"nanoseconds or size changed", 1030,
+         "echo '* * * * * pbtrol\tx\n0 0 31 2 * padiag' >timer_jobs; touch -d '2020-01-01 00:00:00.5' timer_jobs; "
+         "echo '[section 7]\nactive = no' >pvo.ini; touch -d 2020-01-01 pvo.ini",
+         "padiag", "", testing::_, true},
+        {"only the inode changed", 1040,
+         "echo '* * * * * patrol\tx\n0 0 31 2 * padiag' >new; touch -r timer_jobs new; mv new timer_jobs; "
+         "echo '[section 7]\nactive =yes' >new; touch -r pvo.ini new; mv new pvo.ini",
+         "patrol padiag forwarding", "x ", testing::_, true},
+        {"jobs and switch removed", 1080, "rm pvo.ini; echo >timer_jobs; touch -d 2019-01-01 *", "forwarding", "",
+         HasSubstr("timer:padiag is changed to be disabled\n"), true},
     };
-    EXPECT_EQ(pass(299, ":"), "{ 1, 1, 0, 0, 0 }");
-    EXPECT_EQ(pass(300, "echo exit 1 >../react"), "{ 1, 1, 0, 0, 0 }status status ");
-    EXPECT_EQ(pass(599, "echo exit 0 >../react"), "{ 1, 1, 0, 0, 0 }");
-    EXPECT_EQ(pass(600, ":"), "{ 0, 0, 0, 0, 0 }status status ");
-    EXPECT_THAT(trace(), HasSubstr("Warning:conf 0 status is cleared by patrol.\n"));
-    EXPECT_EQ(pass(900, "echo '[section 7]\nactive = yes' >pvo.ini"), "{ 0, 0, 0, 0, 1 }");
-    const char* added = "echo '* * * * * patrol\tx\n0 0 31 2 * padiag' >timer_jobs; touch -d 2020-01-01 *";
-    EXPECT_EQ(pass(960, added), "{ 0, 0, 1, 1, 1 }x ");
-    EXPECT_THAT(trace(), HasSubstr("timer:patrol is changed to be enabled\ntimer:padiag is changed to be e"));
-    EXPECT_EQ(pass(1020, "echo exit 1 >../react"), "{ 0, 0, 1, 1, 1 }x ");
-    EXPECT_NE(st->patrol.stamp.ticks, 0);  // a run stamps, whatever its result
-    EXPECT_THAT(trace(), Not(AnyOf(HasSubstr("changed"), HasSubstr("read jobs"))));
-    // Changes within the second: only the nanoseconds, only the size, only the inode.
-    const char* in_place =
-        "echo '* * * * * pbtrol\tx\n0 0 31 2 * padiag' >timer_jobs; touch -d '2020-01-01 00:00:00.5' timer_jobs; "
-        "echo '[section 7]\nactive = no' >pvo.ini; touch -d 2020-01-01 pvo.ini";
-    EXPECT_EQ(pass(1030, in_place), "{ 0, 0, 0, 1, 0 }");
-    const char* moved =
-        "echo '* * * * * patrol\tx\n0 0 31 2 * padiag' >new; touch -r timer_jobs new; mv new timer_jobs; "
-        "echo '[section 7]\nactive =yes' >new; touch -r pvo.ini new; mv new pvo.ini";
-    EXPECT_EQ(pass(1040, moved), "{ 0, 0, 1, 1, 1 }x ");
-    EXPECT_EQ(pass(1080, "rm pvo.ini; echo >timer_jobs; touch -d 2019-01-01 *"), "{ 0, 0, 0, 0, 1 }");
-    EXPECT_NE(st->patrol.stamp.ticks, 0);  // so does a change
-    EXPECT_THAT(trace(), HasSubstr("timer:padiag is changed to be disabled\n"));
+    for (const auto& step : steps) {
+        SCOPED_TRACE(step.name);
+        shell(std::string("rm -f calls log/sched_log; cd config; ") + step.change);
+        st->patrol.stamp.ticks = 0;
+        timer_pass(state, 1'000'000'000 + step.seconds);
+        std::string set;
+        for (const auto& [name, is_set] : {std::pair{"conf", +st->conf.set},
+                                           {"diag", +st->diag.set},
+                                           {"patrol", +st->patrol.set},
+                                           {"padiag", +st->padiag.set},
+                                           {"forwarding", +qmx_syslog_is_enable}})
+            if (is_set != 0) set += (set.empty() ? "" : " ") + std::string(name);
+        EXPECT_EQ(set, step.set);
+        EXPECT_EQ(shell("cat calls 2>/dev/null | tr '\\n' ' '"), step.calls);
+        EXPECT_THAT(trace(), step.trace);
+        EXPECT_EQ(st->patrol.stamp.ticks != 0, step.stamped);
+    }
 }
 
 }  // namespace unit

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <fcntl.h>
+#include <optional>
 
 namespace unit {
 
@@ -18,76 +19,137 @@ struct Util : Scratch {
     }
 };
 
-TEST_F(Util, IniFileGrammar) {
-    // A file, and what key a of section [s] has: the value in angle brackets, or nothing. A % and two characters are
-    // as long as a line can be.
-    for (const auto& [text, expected] :
-         rows("[other]\na = 1\n[s]\na = 2\n -> <2>|a=1\n[other]\na=1\n -> |[s]\na=1\na=2\n -> <1>|"
-              "[s]\nb=1\n[x]\na=2\n[s]\n[s]\na=3 -> <3>|[s] \na=1\n [s]\na=1\n[s]\r\na=1\n[S]\na=1\n -> |"
-              "[s]\n #a\n#a=1\n;a=2\n\n=== \na=3\n -> <3>|[s]\nA=1\naa=2\n[s]x\na=3 -> |[s]\na=5  \n -> <5  >|"
-              "[s]\na\t=\t5000\n -> <\t5000>|[s]\n\t =a  == b = c ;d\n -> <b = c ;d>|[s]\na=\t\n -> <\t>|"
-              "[s]\na=1\r\n -> <1\r>|[s]\na\na=\na \na=1\n -> <1>|[s]\na =\na=1\n -> <>|[s]\na=%\n -> <%>|"
-              "[s]\na=%a=more\n -> <%>|[s]\nb=%a=2\n -> <2>|[s]\nb=%#a=2\n -> |#=%[s]\na=2\n -> <2>",
-              pattern(1020))) {
-        write("config/t.ini", text);
+TEST_F(Util, IniReaderTakesTheFirstValueOfTheKeyInItsSection) {
+    const std::string fill = pattern(1020);  // with two characters before it, as long as a line can be
+    const Row<std::string, std::optional<std::string>> cases[] = {
+        {"other section before", "[other]\na = 1\n[s]\na = 2\n", "2"},
+        {"other section only", "a=1\n[other]\na=1\n", {}},
+        {"first of two", "[s]\na=1\na=2\n", "1"},
+        {"section in two parts, no newline at the end", "[s]\nb=1\n[x]\na=2\n[s]\n[s]\na=3", "3"},
+        {"section name not exact", "[s] \na=1\n [s]\na=2\n[s]\r\na=3\n[S]\na=4\n", {}},
+        {"text after the section name", "[s]\nA=1\naa=2\n[s]x\na=3", {}},
+        {"key not exact", "[s]\nA=1\naa=2\n", {}},
+        {"comments and lines without a key", "[s]\n #a\n#a=1\n;a=2\n\n=== \na=3\n", "3"},
+        {"blanks after the value", "[s]\na=5  \n", "5  "},
+        {"tab before and after the equals sign", "[s]\na\t=\t5000\n", "\t5000"},
+        {"separators around the key, and in the value", "[s]\n\t =a  == b = c ;d\n", "b = c ;d"},
+        {"tab as value", "[s]\na=\t\n", "\t"},
+        {"CR LF", "[s]\na=1\r\n", "1\r"},
+        {"lines without a value are skipped", "[s]\na\na=\na \na=1\n", "1"},
+        {"empty value", "[s]\na =\na=1\n", ""},
+        {"longest line", "[s]\na=" + fill + "\n", fill},
+        {"rest of a longer line is a line of its own", "[s]\nb=" + fill + "a=2\n", "2"},
+        {"value of a longer line is cut", "[s]\na=" + fill + "a=more\n", fill},
+        {"rest of a longer line is a comment", "[s]\nb=" + fill + "#a=2\n", {}},
+        {"rest of a longer comment is a section", "#=" + fill + "[s]\na=2\n", "2"},
+    };
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row);
+        write("config/t.ini", row.given);
         const char* value = read_ini_file("t.ini", "[s]", "a");
-        EXPECT_EQ(value != nullptr ? "<" + std::string(value) + ">" : "", expected) << text;
+        EXPECT_EQ(value != nullptr ? std::optional<std::string>(value) : std::nullopt, row.wanted);
     }
     EXPECT_EQ(read_ini_file("missing.ini", "[s]", "a"), nullptr);
 }
 
-TEST_F(Util, OverlappingIniReadsDoNotMix) {
+TEST_F(Util, IniReadsOfSeveralThreadsDoNotMix) {
     const std::string values[] = {std::string(1000, 'a'), std::string(1000, 'b'), std::string(1000, 'c')};
     write("config/t.ini", "[s]\n0=" + values[0] + "\n1=" + values[1] + "\n2=" + values[2] + "\n");
-    std::atomic<int> right{0};
+    std::atomic<int> correct{0};
     in_threads(3, [&](int key) {
         for (int i = 0; i < 300; ++i)
-            right += read_ini_file("t.ini", "[s]", std::to_string(key).c_str()) == values[key] ? 1 : 0;
+            correct += read_ini_file("t.ini", "[s]", std::to_string(key).c_str()) == values[key] ? 1 : 0;
     });
-    EXPECT_EQ(right, 900);
+    EXPECT_EQ(correct, 900);
 }
 
-TEST_F(Util, NumbersNewlinesAndFirstLines) {
-    for (const auto& [text, value] : rows("12 -> 12| \t-5x -> -5|+7 -> 7| -> 0|x1 -> 0|1e3 -> 1|- 1 -> 0|007 -> 7|"
-                                          "2147483648 -> 2147483647|-99999999999999999999 -> -2147483648"))
-        EXPECT_EQ(std::to_string(decimal_value(text.c_str())), value) << text;
-    for (const auto& [before, after] : rows(" -> |\n -> |a -> a|a\n -> a|a\n\n -> a\n|a\r\n -> a\r|\na -> \na")) {
-        char text[8];
-        copy_text(text, before);
-        chomp(text);
-        EXPECT_EQ(text, after);
+TEST_F(Util, DecimalNumbersStopAtOtherTextAndAtTheLimitsOfAnInt) {
+    const Row<const char*, int> cases[] = {
+        {"plain", "12", 12},
+        {"blanks, minus, text after", " \t-5x", -5},
+        {"plus", "+7", 7},
+        {"empty", "", 0},
+        {"no digit first", "x1", 0},
+        {"exponent", "1e3", 1},
+        {"blank after the sign", "- 1", 0},
+        {"leading zeros", "007", 7},
+        {"above an int", "2147483648", 2147483647},
+        {"below a long", "-99999999999999999999", -2147483648},
+    };
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row);
+        EXPECT_EQ(decimal_value(row.given), row.wanted);
     }
-    for (const auto& [content, expected] :
-         rows("ab\nc -> 0ab|ab -> 0ab|\na -> 0|1234567\n -> 01234567|12345678 -> 01234567| -> -1old")) {
-        char buf[9] = "old\0\0\0\0#";
-        write("data/f", content);
-        const int result = read_one_line_from_file(path("data/f").c_str(), buf, 8);
-        EXPECT_EQ(std::to_string(result) + buf, expected) << content;
+}
+
+TEST_F(Util, ChompRemovesOneNewlineAtTheEnd) {
+    const Row<const char*, const char*> cases[] = {
+        {"empty", "", ""},           {"only a newline", "\n", ""},       {"no newline", "a", "a"},
+        {"one newline", "a\n", "a"}, {"two newlines", "a\n\n", "a\n"},   {"CR LF", "a\r\n", "a\r"},
+        {"only CR", "a\r", "a\r"},   {"newline in front", "\na", "\na"},
+    };
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row);
+        char text[8];
+        copy_text(text, row.given);
+        chomp(text);
+        EXPECT_STREQ(text, row.wanted);
+    }
+}
+
+TEST_F(Util, FirstLineIsCutToTheBuffer) {
+    const struct {
+        const char* name;
+        const char* content;
+        int result;
+        const char* line;
+    } cases[] = {
+        {"first of two lines", "ab\nc", 0, "ab"},
+        {"no newline", "ab", 0, "ab"},
+        {"empty line", "\na", 0, ""},
+        {"exact size", "1234567\n", 0, "1234567"},
+        {"one character too long", "12345678\n", 0, "1234567"},
+        {"empty file", "", -1, "old"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        char buf[] = "old\0\0\0\0#";
+        write("data/f", c.content);
+        EXPECT_EQ(read_one_line_from_file(path("data/f").c_str(), buf, 8), c.result);
+        EXPECT_STREQ(buf, c.line);
     }
     EXPECT_EQ(read_one_line_from_file(path("data/missing").c_str(), nullptr, 8), -1);
 }
 
-TEST_F(Util, OnlyRegularFilesAreOpened) {
+TEST_F(Util, OnlyRegularFilesAreOpenedAndNothingBlocks) {
     shell("ln -s /dev/zero zero; ln -s out link; mkfifo fifo read-fifo");
     const unique_fd reader(open(path("read-fifo").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     const struct {
         const char* name;
+        const char* file;
         int flags, error;
     } cases[] = {
-        {"out", O_RDONLY, 0},       {"link", O_WRONLY | O_TRUNC, 0}, {"new", O_WRONLY | O_CREAT, 0},
-        {"none", O_RDONLY, ENOENT}, {"fifo", O_RDONLY, ENXIO},       {"fifo", O_WRONLY | O_CREAT, ENXIO},
-        {"zero", O_RDONLY, ENXIO},  {"read-fifo", O_WRONLY, ENXIO},  {"log", O_RDONLY, EISDIR},
+        {"regular file", "out", O_RDONLY, 0},
+        {"link to a regular file", "link", O_WRONLY | O_TRUNC, 0},
+        {"new file", "new", O_WRONLY | O_CREAT, 0},
+        {"missing file", "none", O_RDONLY, ENOENT},
+        {"FIFO, read", "fifo", O_RDONLY, ENXIO},
+        {"FIFO, written", "fifo", O_WRONLY | O_CREAT, ENXIO},
+        {"FIFO with a reader, written", "read-fifo", O_WRONLY, ENXIO},
+        {"link to a device", "zero", O_RDONLY, ENXIO},
+        {"directory", "log", O_RDONLY, EISDIR},
     };
     for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
         errno = 0;
-        const unique_fd file = open_regular(path(c.name).c_str(), c.flags, 0600);
-        EXPECT_EQ(errno, c.error) << c.name << " " << c.flags;
-        EXPECT_EQ(!file, c.error != 0) << c.name << " " << c.flags;
+        const unique_fd file = open_regular(path(c.file).c_str(), c.flags, 0600);
+        EXPECT_EQ(errno, c.error);
+        EXPECT_EQ(!file, c.error != 0);
     }
     EXPECT_EQ(open_regular_for_reading(path("fifo").c_str()), nullptr);
 }
 
-TEST_F(Util, PidFile) {
+TEST_F(Util, PidFileReplacesLongerContentAndReportsFailure) {
     write("old.pid", std::string(100, '9'));
     write_pidfile(path("old.pid").c_str());
     EXPECT_EQ(read("old.pid"), std::to_string(getpid()));
@@ -95,29 +157,52 @@ TEST_F(Util, PidFile) {
     EXPECT_EQ(errno, EISDIR);
 }
 
-TEST_F(Util, IsoTextOfAZone) {
-    for (const auto& [given, text] :
-         rows("UTC0 0 -> 1970-01-01T00:00:00+00:00|XST-9 1360219512 -> 2013-02-07T15:45:12+09:00|"
-              "XST-5:45 1360219512 -> 2013-02-07T12:30:12+05:45|XST3:30 0 -> 1969-12-31T20:30:00-03:30|"
-              "XST0:30 1800 -> 1970-01-01T00:00:00-00:30|XST9:30 253402300799 -> 9999-12-31T14:29:59-09:30|"
-              "XST-14 253402300799 -> 10000-01-01T13:59:59+14:00")) {
-        set_zone(given.substr(0, given.find(' ')).c_str());
-        EXPECT_EQ(iso_text(std::stol(given.substr(given.find(' ')))), text);
+TEST_F(Util, IsoTextHasTheOffsetOfTheZone) {
+    const struct {
+        const char* zone;
+        std::time_t when;
+        const char* text;
+    } cases[] = {
+        {"UTC0", 0, "1970-01-01T00:00:00+00:00"},
+        {"XST-9", 1360219512, "2013-02-07T15:45:12+09:00"},
+        {"XST-5:45", 1360219512, "2013-02-07T12:30:12+05:45"},
+        {"XST3:30", 0, "1969-12-31T20:30:00-03:30"},
+        {"XST0:30", 1800, "1970-01-01T00:00:00-00:30"},
+        {"XST9:30", 253402300799, "9999-12-31T14:29:59-09:30"},
+        {"XST-14", 253402300799, "10000-01-01T13:59:59+14:00"},
+    };
+    for (const auto& c : cases) {
+        set_zone(c.zone);
+        EXPECT_EQ(iso_text(c.when), c.text) << c.zone << " " << c.when;
     }
 }
 
-TEST_F(Util, IsoTextIsReadAsIsWhateverTheZone) {
+TEST_F(Util, IsoTextIsReadTheSameInEveryZone) {
     set_zone("EST5EDT");
-    for (const auto& [text, when] :
-         rows("1970-01-01T00:00:00Z -> 0|1970-01-01T09:00:00+09:00 -> 0|1969-12-31T20:30:00-03:30 -> 0|"
-              "1969-12-31T20:30:00x03:30 -> 0|1969-12-31T23:59:58Z -> -2|1970-1-1T0:0:5Z -> 5|"
-              "1970-01-32T00:00:00Z -> 2678400|1970-13-01T24:00:60Z -> 31622460|2013-02-07 -> -1|"
-              "1970-01-01T00:00:07Z tail -> 7|1970-01-01T00:00:00 -> -1|1970-01-01 00:00:00Z -> -1|"
-              "1970-01-01T00:00:00z -> -1|1970-01-01T00:00:00+09 -> -1|x1970-01-01T00:00:00Z -> -1"))
-        EXPECT_EQ(std::to_string(iso2date(text.c_str())), when) << text;
+    const Row<const char*, std::time_t> cases[] = {
+        {"UTC", "1970-01-01T00:00:00Z", 0},
+        {"offset east", "1970-01-01T09:00:00+09:00", 0},
+        {"offset west", "1969-12-31T20:30:00-03:30", 0},
+        {"any other sign counts as west", "1969-12-31T20:30:00x03:30", 0},
+        {"before 1970", "1969-12-31T23:59:58Z", -2},
+        {"one digit", "1970-1-1T0:0:5Z", 5},
+        {"day 32", "1970-01-32T00:00:00Z", 2678400},
+        {"month 13, hour 24, second 60", "1970-13-01T24:00:60Z", 31622460},
+        {"text after it", "1970-01-01T00:00:07Z tail", 7},
+        {"only a date", "2013-02-07", -1},
+        {"no zone", "1970-01-01T00:00:00", -1},
+        {"blank for the T", "1970-01-01 00:00:00Z", -1},
+        {"small z", "1970-01-01T00:00:00z", -1},
+        {"offset without minutes", "1970-01-01T00:00:00+09", -1},
+        {"text before it", "x1970-01-01T00:00:00Z", -1},
+    };
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row);
+        EXPECT_EQ(iso2date(row.given), row.wanted);
+    }
 }
 
-TEST_F(Util, OffsetOnBothSidesOfANewYear) {
+TEST_F(Util, ZoneOffsetIsRightWhenLocalTimeAndUtcAreInDifferentYears) {
     for (int i = 0; i < 300; ++i) {  // every half hour around the starts of 2013 and 2014
         for (const int east : {-720, -570, -210, -30, 0, 30, 345, 540, 840}) {
             const std::time_t when = (i % 2 == 0 ? 1356998400 : 1388534400) + (i / 2 - 75) * 1800;
@@ -135,7 +220,7 @@ constexpr std::int64_t at(int hour, int minute, int second) {
     return ((hour * 60 + minute) * 60 + second) * std::int64_t{1000};
 }
 
-TEST_F(Util, MinutesThatTheClockShowedDuringASleep) {
+TEST_F(Util, FullMinuteDuringASleepIsFoundWhateverTheClockDoes) {
     const struct {
         const char* name;
         past_sleep sleep;
@@ -154,7 +239,7 @@ TEST_F(Util, MinutesThatTheClockShowedDuringASleep) {
     for (const auto& [name, sleep, shown] : sleeps) EXPECT_EQ(multiple_shown(sleep, 60'000), shown) << name;
 }
 
-TEST_F(Util, SleepsEndOncePerIntervalAndNotBeforeItsEnd) {
+TEST_F(Util, SleepEndsOncePerIntervalAndNotBeforeItsEnd) {
     for (const std::time_t interval : {1, 2}) {
         interval_sleep sleep(interval);
         std::time_t before = now_seconds();
