@@ -2,7 +2,7 @@
 
 namespace e2e {
 
-TEST(Connection, Lines) {
+TEST(Connection, LinesAreCutJoinedAndAnsweredWhateverThePiecesAre) {
     Suite suite;
     suite.module("args", "printf '<%s>' \"$@\"; echo");
     suite.listed("mystery - - 0");
@@ -46,12 +46,12 @@ TEST(Connection, Lines) {
                         "Warning:comm:unsupported(\"nosuch x", "Error:comm:line overflow (max=16384 soc="});
 }
 
-TEST(Connection, QuitEndsOrderlyWhileTheNextClientTakesItsPlace) {
+TEST(Connection, QuitClosesOnlyItsOwnConnectionAndWithoutAReset) {
     Suite suite;
     suite.start();
     for (int round = 0; round < 40; round++) {
         Client leaving = suite.client();
-        leaving.send("quit\r\nstatus\r\n");  // what stands behind must not turn the end into a reset
+        leaving.send("quit\r\nstatus\r\n");  // unread bytes must not turn the close into a reset
         Client coming = suite.client();
         EXPECT_EQ(leaving.rest(), goodbye);
         EXPECT_EQ(coming.ask("nosuch"), unsupported);
@@ -61,8 +61,8 @@ TEST(Connection, QuitEndsOrderlyWhileTheNextClientTakesItsPlace) {
     EXPECT_FALSE(suite.traced("Error:comm:shutdown"));
 }
 
-// Work that follows a module command: which commands run, and what becomes of the marks.
-TEST(Connection, FollowUpCommands) {
+// Commands that run after a module command, and the marks that they set and clear.
+TEST(Connection, FollowUpCommandsDependOnThePlatformAndTheMarks) {
     for (const std::string platform : {"KT", "ZW", "kt", "KTX", ""}) {
         SCOPED_TRACE(platform);
         const bool prognosis = platform == "KT" || platform == "ZW";
@@ -73,10 +73,10 @@ TEST(Connection, FollowUpCommands) {
         suite.react("diag.status", "exit 1");
         suite.start();
         Client client = suite.client();
-        EXPECT_EQ(client.ask("parts\tclear"), over);  // the condition is still there: the mark stays
+        EXPECT_EQ(client.ask("parts\tclear"), over);  // the fault persists: the mark stays
         EXPECT_EQ(suite.status(client), status_answer(prognosis ? "error prevent" : "error"));
         suite.react("parts.status", "");
-        for (int round = 0; round < 2; round++)  // the second time nothing is raised, and nothing follows
+        for (int round = 0; round < 2; round++)  // the second time no mark is set and no command follows
             EXPECT_EQ(client.ask({"parts\tclear\tall", "prognosis\tprevdel"}), over + over);
         EXPECT_EQ(suite.status(client), status_answer(""));
         EXPECT_EQ(suite.calls(1),

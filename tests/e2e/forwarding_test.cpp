@@ -21,7 +21,7 @@ static std::string datagram_to(const unique_fd& raw_socket, int port) {
     return text;
 }
 
-TEST(Forwarding, Datagrams) {
+TEST(Forwarding, DatagramHasTheSourceAddressGivenAndItsTextIsCut) {
     if (geteuid() != 0) GTEST_SKIP() << "raw sockets need root";
     Suite suite;
     suite.settings("udp_dest_port = " + std::to_string(suite.port));
@@ -33,9 +33,15 @@ TEST(Forwarding, Datagrams) {
     EXPECT_EQ(client.ask("send\tno address yet"), refused);
     client.send("ipset\t127.0.0.5\r");
     EXPECT_EQ(client.ask("send"), refused);
-    for (const auto& [line, payload] :
-         rows("hello\tignored -> hello| -> |" + repeated(2000, "y") + " -> " + repeated(1020, "y"))) {
-        EXPECT_EQ(client.ask("send\t" + line), over);
+    const Row<std::string, std::string> cases[] = {
+        {"only the first word", "hello\tignored", "hello"},
+        {"empty", "", ""},
+        {"too long", std::string(2000, 'y'), std::string(1020, 'y')},
+    };
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row);
+        const std::string& payload = row.wanted;
+        EXPECT_EQ(client.ask("send\t" + row.given), over);
         std::string packet = datagram_to(raw, suite.port);
         for (const std::size_t systems : {2, 3, 4, 5, 10, 11})  // length, identification and checksum
             packet.at(systems) = '?';
@@ -74,7 +80,7 @@ template(name="line" type="string" string="%fromhost-ip% %syslogtag%%msg%\n")
     EXPECT_TRUE(wait_until([&] { return suite.read("data/pid").empty(); }));
 }
 
-TEST(Forwarding, ResourceStream) {
+TEST(Forwarding, ResourceStreamArrivesWholeAndEndsWithItsConnection) {
     Suite suite;
     const int port = free_port();
     unique_fd listener = listen_on(port);
@@ -92,7 +98,7 @@ TEST(Forwarding, ResourceStream) {
     client.send("ipset\t10.0.0.5\r");
     const std::string line = "res_data\t2026/11/24 123456 cpu 1 percent";
     EXPECT_EQ(client.ask(line), over);
-    Client(listener).reset();  // a receiver that goes is noticed by nobody
+    Client(listener).reset();  // data lost this way is not reported
     listener.reset();
     EXPECT_EQ(client.ask({"res_data\tx", "res_data\tx", "res_data\tx", "res_send", line}), repeated(4, over) + refused);
 
@@ -107,7 +113,7 @@ TEST(Forwarding, ResourceStream) {
                         "res_data(\"blanks ..\" len=9)\n", "Error:res_data:connect error, errno=111\n"});
 }
 
-// Stops the process and lets it go on, which interrupts a system call that waits.
+// Stops and continues the process, which interrupts a system call that waits.
 static void interrupt(const Suite& suite) {
     kill(suite.scheduler(), SIGSTOP);
     std::this_thread::sleep_for(50ms);
@@ -115,7 +121,7 @@ static void interrupt(const Suite& suite) {
     std::this_thread::sleep_for(50ms);
 }
 
-TEST(Forwarding, AStreamThatWaitsSurvivesInterruptionsAndIsGivenUpInTheEnd) {
+TEST(Forwarding, StreamToASlowReceiverSurvivesInterruptionsAndIsGivenUpInTheEnd) {
     Suite suite;
     const int port = free_port();
     const unique_fd listener = listen_on(port);
@@ -144,7 +150,7 @@ TEST(Forwarding, AStreamThatWaitsSurvivesInterruptionsAndIsGivenUpInTheEnd) {
     }
 }
 
-TEST(Forwarding, AReceiverThatDoesNotAcceptYetHoldsOnlyItsOwnConnection) {
+TEST(Forwarding, ReceiverThatDoesNotAcceptYetDelaysOnlyItsOwnConnection) {
     Suite suite;
     const int port = free_port();
     const unique_fd listener = listen_on(port, 0);
@@ -160,7 +166,7 @@ TEST(Forwarding, AReceiverThatDoesNotAcceptYetHoldsOnlyItsOwnConnection) {
     EXPECT_EQ(client.answer(), over);
 }
 
-TEST(Forwarding, Refusals) {
+TEST(Forwarding, BadAddressesAndASecondOneAreRefused) {
     Suite suite;
     suite.settings("udp_dest_addr = nonsense");
     suite.start();

@@ -58,18 +58,6 @@ testing::AssertionResult in_order(const std::string& text, std::initializer_list
     return testing::AssertionSuccess();
 }
 
-std::vector<std::pair<std::string, std::string>> rows(std::string table) {
-    const std::pair<const char*, std::string> words[] = {
-        {"OVER", over}, {"FAILED", refused}, {"BUSY", busy}, {"UNSUPPORTED", unsupported}};
-    for (const auto& [word, line] : words)
-        for (std::size_t at = 0; (at = table.find(word)) != std::string::npos;) table.replace(at, strlen(word), line);
-    std::vector<std::pair<std::string, std::string>> all;
-    std::istringstream text(table);
-    for (std::string row; std::getline(text, row, '|');)
-        all.emplace_back(row.substr(0, row.find(" -> ")), row.substr(row.find(" -> ") + 4));
-    return all;
-}
-
 std::string repeated(int count, const std::string& text) {
     std::string result;
     for (int i = 0; i < count; i++) result += text;

@@ -2,6 +2,7 @@
 // line protocol. Everything a test needs lives below one scratch directory and on loopback ports of its own.
 #pragma once
 
+#include "table.h"
 #include "util/unique_fd.h"
 
 #include <gmock/gmock.h>
@@ -39,9 +40,6 @@ constexpr milliseconds patience = 60s;
 bool wait_until(const std::function<bool()>& condition, milliseconds deadline = patience);
 // Success when all parts stand in the text, one behind the other.
 testing::AssertionResult in_order(const std::string& text, std::initializer_list<std::string> parts);
-// The rows of a table "given -> expected|given -> expected", with the words OVER, FAILED, BUSY and UNSUPPORTED for
-// the lines that end an answer.
-std::vector<std::pair<std::string, std::string>> rows(std::string table);
 std::string repeated(int count, const std::string& text);
 // Every date of an answer as DATE, so that the rest can be compared byte for byte.
 std::string mask_dates(const std::string& text);

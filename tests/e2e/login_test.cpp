@@ -8,7 +8,7 @@ static const std::string hash = "a-text-of-64-characters-that-is-used-as-it-is-a
 static const std::string salt = "saltSALT";
 static const std::string cnonce(64, 'c');
 
-// The nonce of a challenge, whose form is checked.
+// The nonce of a challenge. Checks the form of the challenge.
 static std::string nonce_of(const std::string& challenge) {
     EXPECT_THAT(challenge, MatchesRegex("__unauth__ [0-9a-f]{64} " + salt + "\r\n"));
     return challenge.substr(std::min<std::size_t>(challenge.size(), 11), 64);
@@ -18,23 +18,32 @@ static std::string login_line(const std::string& nonce) {
     return "login\t" + sha256_hex(hash + nonce + cnonce) + "\t" + nonce + "\t" + cnonce;
 }
 
-TEST(Login, PasswordFiles) {
+TEST(Login, ExactlyAValidPasswordFileRequiresTheLogin) {
     const std::string both = hash + " " + salt;
-    for (const auto& [text, required] :
-         rows(both + " -> 1| \n" + hash + "\t\n" + salt + "\nwhatever follows\n -> 1|" + both + "9 -> 0|" +
-              both.substr(1) + " -> 0|" + hash + "h " + salt + " -> 0|" + hash + "\n -> 0| -> 0|" + repeated(54, " ") +
-              both + " -> 1|" + repeated(55, " ") + both + " -> 0")) {  // only the first 127 bytes are read
+    const Row<std::string, bool> cases[] = {
+        {"no newline", both, true},
+        {"other blanks, and lines after it", " \n" + hash + "\t\n" + salt + "\nanything\n", true},
+        {"salt too long", both + "9", false},
+        {"hash too short", both.substr(1), false},
+        {"hash too long", hash + "h " + salt, false},
+        {"no salt", hash + "\n", false},
+        {"empty", "", false},
+        {"ends at byte 127", repeated(54, " ") + both, true},
+        {"ends at byte 128, which is not read", repeated(55, " ") + both, false},
+    };
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row);
         Suite suite;
-        suite.write("data/password", text);
+        suite.write("data/password", row.given);
         suite.start();
-        EXPECT_TRUE(suite.traced(required == "1" ? "need auth hash=\"" + hash + "\" salt=\"" + salt + "\"\n"
-                                                 : "Error:invalid password file format. \""));
+        EXPECT_TRUE(suite.traced(row.wanted ? "need auth hash=\"" + hash + "\" salt=\"" + salt + "\"\n"
+                                            : "Error:invalid password file format. \""));
         EXPECT_EQ(suite.client().ask("nosuch"), unsupported);
-        EXPECT_EQ(suite.client("127.0.0.2").ask("nosuch") != unsupported, required == "1") << text;
+        EXPECT_EQ(suite.client("127.0.0.2").ask("nosuch") != unsupported, row.wanted);
     }
 }
 
-TEST(Login, GateOfARemoteClient) {
+TEST(Login, RemoteClientRunsNothingBeforeTheRightResponseToItsOwnNonce) {
     Suite suite;
     suite.write("data/password", hash + " " + salt + "\n");
     suite.start();
@@ -49,31 +58,33 @@ TEST(Login, GateOfARemoteClient) {
     const std::string ends = "\t" + nonce + "\t" + cnonce;
     std::string upper = right;
     std::transform(upper.begin(), upper.end(), upper.begin(), [](int c) { return static_cast<char>(std::toupper(c)); });
-    const std::pair<std::string, std::string> wrong[] = {
-        {"\t", "invalid login argument(argc=3)"},
-        {right + ends + "\t", "invalid login argument(argc=5)"},
-        {right + "0" + ends, "invalid length argument"},
-        {right + "\t" + nonce.substr(1) + "\t" + cnonce, "invalid length argument"},
-        {right + "\t" + nonce + "\t", "invalid length argument"},
-        {login_line(old_nonce).substr(6), "nonce mismatch"},
-        {upper + ends, "response mismatch"},
-        {right.substr(0, 63) + "x" + ends, "response mismatch"},
-        {sha256_hex(hash + cnonce + nonce) + ends, "response mismatch"}};
-    for (const auto& [fields, reason] : wrong) {
+    const Row<std::string, std::string> cases[] = {
+        {"two fields", "\t", "invalid login argument(argc=3)"},
+        {"four fields", right + ends + "\t", "invalid login argument(argc=5)"},
+        {"response too long", right + "0" + ends, "invalid length argument"},
+        {"nonce too short", right + "\t" + nonce.substr(1) + "\t" + cnonce, "invalid length argument"},
+        {"empty client nonce", right + "\t" + nonce + "\t", "invalid length argument"},
+        {"nonce of another connection", login_line(old_nonce).substr(6), "nonce mismatch"},
+        {"upper case", upper + ends, "response mismatch"},
+        {"last character wrong", right.substr(0, 63) + "x" + ends, "response mismatch"},
+        {"nonces in the wrong order", sha256_hex(hash + cnonce + nonce) + ends, "response mismatch"},
+    };
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row);
         const std::size_t before = suite.out().size();
-        EXPECT_EQ(client.ask("login\t" + fields), refused) << fields;
-        EXPECT_THAT(suite.out().substr(before), HasSubstr("ERROR: " + reason + "\n")) << fields;
+        EXPECT_EQ(client.ask("login\t" + row.given), refused);
+        EXPECT_THAT(suite.out().substr(before), HasSubstr("ERROR: " + row.wanted + "\n"));
         EXPECT_EQ(nonce_of(client.ask("parts\tstatus")), nonce);
     }
     EXPECT_EQ(suite.calls(), "");
     EXPECT_EQ(client.ask({"login\t" + right + ends, "parts\tstatus"}), over + over);
     suite.expect_trace({"calculated response = \"" + right + "\"\n", "succeed authentication.\n"});
-    earlier.send("ipset\t127.0.0.1\r");  // a later loopback address opens no gate
+    earlier.send("ipset\t127.0.0.1\r");  // a loopback address given later does not replace the login
     EXPECT_EQ(nonce_of(earlier.ask("parts\tstatus")), old_nonce);
     EXPECT_EQ(earlier.ask("quit"), goodbye);
 }
 
-TEST(Login, RelaySpeaksForARemoteClient) {
+TEST(Login, ClientBehindARelayMustLogInAndBeAllowed) {
     Suite suite;
     suite.write("data/password", hash + " " + salt + "\n");
     suite.write("config/common.ini", "[sched]\nallowed_ip_address = 10.1.0.0/16\n");
@@ -85,7 +96,7 @@ TEST(Login, RelaySpeaksForARemoteClient) {
     EXPECT_EQ(relay.ask(login_line(nonce_of(relay.ask("host")))), over);
     EXPECT_EQ(relay.ask({"ipset\t10.1.2.4", "host"}), refused + "10.1.2.3\r\n" + over);
     for (int round = 0; round < 20; round++) {
-        Client stranger = suite.client();  // closed without a word, while another takes its place
+        Client stranger = suite.client();  // closed without an answer while another client connects
         stranger.send("ipset\t10.2.0.1\r\nstatus\r\n");
         Client next = suite.client();
         EXPECT_EQ(stranger.rest(), "");

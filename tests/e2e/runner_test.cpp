@@ -6,49 +6,61 @@
 
 namespace e2e {
 
-TEST(Runner, OutputAndEnds) {
+TEST(Runner, OutputArrivesByteForByteAndEachEndIsReported) {
     Suite suite;
+    const std::string timeout = "__timeout__\r\n";
     const std::string text = "0123456789 abcdefghijklmnopqrstuvwxyz, a line of no great length";
     suite.write("data/text", repeated(20000, text + "\n"));
-    auto cases = rows(
-        "exit 0 -> OVER|exit 3 -> __over__ 3 0\r\n|echo last words; exit 255 -> last words\r\n__over__ 255 0\r\n|"
-        "printf 'a\\nb' -> a\r\nb\r\nOVER|printf 'a\\r\\n' -> a\r\r\nOVER|printf '\\n\\n\\n' -> \r\n\r\n\r\nOVER|"
-        "printf 'a\\n'; sleep 0.2; printf b -> a\r\nb\r\nOVER|printf a; sleep 0.2; printf '\\n' -> a\r\nOVER|"
-        "printf '\\0x\\0\\n\\0\\377\\001\\t' -> \0x\0\r\n\0\377\001\t\r\nOVER|echo to standard error >&2 -> OVER|"
-        "echo before; kill -KILL $$ -> before\r\n__over__ 0 9\r\n|kill -TERM $$ -> __over__ 0 15\r\n|"
-        "(sleep 0.5; echo late) & echo early -> early\r\nlate\r\nOVER|"  // a descendant keeps standard output
-        "printf part; sleep 9 & sleep 600 -> part\r\n__timeout__\r\n|echo a; sleep 600 & -> a\r\n__timeout__\r\n|"
-        "setsid sleep 9 & -> __timeout__\r\n"s);  // one that has left the group
     const std::string quit = "cd '" + suite.path("temp") + "'; ulimit -c unlimited; kill -QUIT $$";
-    const int quit_byte = system(quit.c_str()) & 0xff;  // with the flag of a core where this machine writes one
-    cases.insert(cases.end(),
-                 {{quit, "__over__ 0 " + std::to_string(quit_byte) + "\r\n"},
-                  {"yes '' 2> /dev/null | head -c 1048576", repeated(1048576, "\r\n") + over},
-                  {"cat \"$VGD_data/text\"", repeated(20000, text + "\r\n") + over},
-                  {"head -c 16384 /dev/zero | tr '\\0' x; echo", std::string(16384, 'x') + "\r\n" + over}});
-    for (std::size_t i = 0; i < cases.size(); i++)
-        suite.module("m" + std::to_string(i), cases[i].first,
-                     cases[i].second.find("__timeout__") == std::string::npos ? 60 : 1);
+    const int quit_byte = system(quit.c_str()) & 0xff;  // with the core flag where this machine writes core files
+    const Row<std::string, std::string> cases[] = {
+        {"success", "exit 0", over},
+        {"exit code", "exit 3", "__over__ 3 0\r\n"},
+        {"output and exit code", "echo last words; exit 255", "last words\r\n__over__ 255 0\r\n"},
+        {"no newline at the end", "printf 'a\\nb'", "a\r\nb\r\n" + over},
+        {"CR LF", "printf 'a\\r\\n'", "a\r\r\n" + over},
+        {"empty lines", "printf '\\n\\n\\n'", "\r\n\r\n\r\n" + over},
+        {"pause after a newline", "printf 'a\\n'; sleep 0.2; printf b", "a\r\nb\r\n" + over},
+        {"pause before a newline", "printf a; sleep 0.2; printf '\\n'", "a\r\n" + over},
+        {"NUL and other bytes", "printf '\\0x\\0\\n\\0\\377\\001\\t'", "\0x\0\r\n\0\377\001\t\r\n"s + over},
+        {"standard error", "echo to standard error >&2", over},
+        {"killed", "echo before; kill -KILL $$", "before\r\n__over__ 0 9\r\n"},
+        {"terminated", "kill -TERM $$", "__over__ 0 15\r\n"},
+        {"core dump", quit, "__over__ 0 " + std::to_string(quit_byte) + "\r\n"},
+        {"descendant holds the output", "(sleep 0.5; echo late) & echo early", "early\r\nlate\r\n" + over},
+        {"time-out", "printf part; sleep 9 & sleep 600", "part\r\n" + timeout},
+        {"time-out of a descendant", "echo a; sleep 600 &", "a\r\n" + timeout},
+        {"time-out of a descendant outside the group", "setsid sleep 9 &", timeout},
+        {"many empty lines", "yes '' 2> /dev/null | head -c 1048576", repeated(1048576, "\r\n") + over},
+        {"many lines", "cat \"$VGD_data/text\"", repeated(20000, text + "\r\n") + over},
+        {"long line", "head -c 16384 /dev/zero | tr '\\0' x; echo", std::string(16384, 'x') + "\r\n" + over},
+    };
+    for (std::size_t i = 0; i < std::size(cases); i++)
+        suite.module("m" + std::to_string(i), cases[i].given, cases[i].wanted.ends_with(timeout) ? 1 : 60);
     suite.listed("gone gone - 60");
     suite.module("plain", "");
     chmod(suite.path("bin/plain").c_str(), 0644);
     suite.start();
-    Client client(suite.port, "127.0.0.1", 4096);  // small, so that large outputs arrive in many writes
-    for (std::size_t i = 0; i < cases.size(); i++) {
+    Client client(suite.port, "127.0.0.1", 4096);  // a small buffer, so that large outputs need many writes
+    for (std::size_t i = 0; i < std::size(cases); i++) {
         const std::string received = client.ask("m" + std::to_string(i));
-        EXPECT_TRUE(received == cases[i].second) << cases[i].first << ": " << received.substr(0, 300);
+        EXPECT_TRUE(received == cases[i].wanted)
+            << cases[i] << "\nwanted " << cases[i].wanted.substr(0, 300) << "\nreceived " << received.substr(0, 300);
     }
-    for (const auto& [name, error] : rows("gone -> 2|plain -> 13"))
-        EXPECT_EQ(client.ask(name), "Error:command:exec fails (path=" + suite.path("bin/" + name) + " argv0=" + name +
-                                        " errno=" + error + ")\r\n" + refused);
+    const Row<std::string, const char*> not_started[] = {{"missing", "gone", "2"}, {"not executable", "plain", "13"}};
+    for (const auto& row : not_started) {
+        SCOPED_TRACE(row);
+        EXPECT_EQ(client.ask(row.given), "Error:command:exec fails (path=" + suite.path("bin/" + row.given) +
+                                             " argv0=" + row.given + " errno=" + row.wanted + ")\r\n" + refused);
+    }
     suite.expect_trace({"command1:\"m0\"(from 127.0.0.1) no.0\n", "command:\"m0\" \n", "command:wait pid=",
                         " status=00000000\n", "command:\"m0\" end. status=0\n", "command:\"m1\" end. status=300\n",
                         "Error:command:timeout or error:path=" + suite.path("bin/m"), " timeout=1 pid=", " hmi_err=0\n",
                         " end. status=9\n"});
 }
 
-// What a module finds: descriptors, environment, signal mask, session, with each limit of descriptors.
-TEST(Runner, SurroundingsOfTheProgram) {
+// With each limit of descriptors.
+TEST(Runner, ModuleInheritsNoDescriptorOfOursAndHasItsSignalsSessionAndEnvironment) {
     for (const unsigned long limit : {40UL, 1024UL, std::stoul(shell("ulimit -H -n"))}) {
         SCOPED_TRACE(limit);
         Suite suite;
@@ -62,7 +74,7 @@ TEST(Runner, SurroundingsOfTheProgram) {
         std::vector<Client> others;
         for (int i = 0; i < 20; i++) others.push_back(suite.client());
         Client client = suite.client("127.0.0.2");
-        // Standard input is closed, so the listing's own descriptor of the directory is number 0.
+        // Standard input is closed, so ls opens the directory as descriptor 0.
         EXPECT_THAT(client.ask("ls\t-l\t/proc/self/fd"),
                     MatchesRegex("total 0\r\n[^\n]* 0 -> /proc/[0-9]+/fd\r\n[^\n]* 1 -> pipe:\\[[0-9]+\\]\r\n"
                                  "[^\n]* 2 -> /dev/null\r\n__over__ 0 0\r\n"));
@@ -82,7 +94,7 @@ TEST(Runner, SurroundingsOfTheProgram) {
     }
 }
 
-TEST(Runner, OneAtATimeForThirtyTwoClients) {
+TEST(Runner, ModulesOfThirtyTwoClientsNeverRunAtTheSameTime) {
     Suite suite;
     suite.module("turn", "cd \"$VGD_temp\"; echo begin >> turns; sleep 0.02; echo end >> turns; echo \"$1\"");
     suite.start();
@@ -93,8 +105,8 @@ TEST(Runner, OneAtATimeForThirtyTwoClients) {
     EXPECT_EQ(suite.read("temp/turns"), repeated(64, "begin\nend\n"));
 }
 
-// A client whose lines wait in its socket asks again at once; another one still has the next turn.
-TEST(Runner, NextTurnIsThatOfTheClientThatWaits) {
+// One client has many commands in its socket; another one waits for one command of the first at most.
+TEST(Runner, ClientWithManyCommandsDoesNotDelayAnother) {
     Suite suite;
     suite.module("flood", "sleep 0.02");
     suite.module("other", "");

@@ -17,29 +17,36 @@ static std::string missing(const strings& names) {
     return text + "VGD scheduler failed.\n";
 }
 
-TEST(Startup, RunsThatEndAtOnce) {
+TEST(Startup, VersionAndErrorsEndTheProgramWithTheirCodeAndText) {
     const struct {
+        const char* name;
         strings args, unset;
         int code;
         std::string out, err;
         bool traces;
     } cases[] = {
-        {{"-v"}, required, 0, version, "", false},
-        {{"-v", "-D"}, {}, 0, version, "", false},
-        {{"-V"}, {}, 0, version, "", true},
-        {{"-p", "-1", "-v"}, {}, 0, version, "", true},
-        {{"-D", "-v"}, required, 1, "", missing(required), false},
-        {{"-D"}, {"VGD_update", "VGD_bin"}, 1, "", missing({"VGD_bin", "VGD_update"}), false},
-        {{"-c"}, {}, 1, usage, "invalid option -- 'c'\n", true},
-        {{"-D", "-p"}, {}, 1, usage, "requires an argument -- 'p'\n", true},
-        {{"-p", "-1"}, {}, 1, "", "Error:VGD: vgdsched is not defined in services of tcp.\n", true},
-        {{"-N0"}, {}, 1, "", "Error:failed to read VGD module list. filename=\"/nonexistent/list\"\n", true},
+        {"version without environment", {"-v"}, required, 0, version, "", false},
+        {"version first", {"-v", "-D"}, {}, 0, version, "", false},
+        {"version, other letter", {"-V"}, {}, 0, version, "", true},
+        {"version after another option", {"-p", "-1", "-v"}, {}, 0, version, "", true},
+        {"no environment", {"-D", "-v"}, required, 1, "", missing(required), false},
+        {"two variables missing", {"-D"}, {"VGD_update", "VGD_bin"}, 1, "", missing({"VGD_bin", "VGD_update"}), false},
+        {"unknown option", {"-c"}, {}, 1, usage, "invalid option -- 'c'\n", true},
+        {"option without its argument", {"-D", "-p"}, {}, 1, usage, "requires an argument -- 'p'\n", true},
+        {"no port", {"-p", "-1"}, {}, 1, "", "Error:VGD: vgdsched is not defined in services of tcp.\n", true},
+        {"no module list",
+         {"-N0"},
+         {},
+         1,
+         "",
+         "Error:failed to read VGD module list. filename=\"/nonexistent/list\"\n",
+         true},
     };
     for (const auto& c : cases) {
         Suite suite;
         for (const std::string& name : c.unset) suite.env.erase(name);
         suite.env["VGD_modules_path"] = "/nonexistent/list";
-        SCOPED_TRACE(testing::PrintToString(c.args) + testing::PrintToString(c.unset));
+        SCOPED_TRACE(c.name + ": "s + testing::PrintToString(c.args));
         EXPECT_EQ(suite.run(c.args), c.code);
         EXPECT_EQ(suite.out(), c.out);
         EXPECT_THAT(suite.read("stderr"), EndsWith(c.err));
@@ -56,8 +63,8 @@ TEST(Startup, ConfigurationIsTracedIntoTheFileAndTheRestToStandardOutput) {
         "9\n[sched]\nudp_dest_addr = y");
     suite.write("config/common.ini",
                 "[sched]\nallowed_ip_address = 10.0.0.0/8, 1.2.3.4\nbound_ip_address = 127.0.0.1\n");
-    suite.wrapper = {"sh", "-c", "exec \"$@\" <&-", "sh"};  // its standard input is closed
-    suite.start({"-D", "-t", "-9x", "-N", "2"});            // like -p, stronger than the file
+    suite.wrapper = {"sh", "-c", "exec \"$@\" <&-", "sh"};  // standard input is closed
+    suite.start({"-D", "-t", "-9x", "-N", "2"});            // like -p, they override the file
     EXPECT_EQ(getpriority(PRIO_PROCESS, static_cast<id_t>(suite.pid)), std::min(getpriority(PRIO_PROCESS, 0) + 2, 19));
     EXPECT_EQ(of_process(suite.pid, "readlink fd/0 cwd"), "/dev/null\n" + shell("pwd -P"));
     EXPECT_EQ(suite.read("log/sched.pid") + suite.read("log/alivechk.pid"), std::to_string(suite.pid));
@@ -85,16 +92,18 @@ allowed ip address 1 = 1.2.3.4 mask ffffffff
     EXPECT_EQ(suite.read("stderr"), "");
 }
 
-// What the list of allowed addresses becomes, and whether a client from 127.0.0.2 gets in.
-TEST(Startup, AllowedAddresses) {
+TEST(Startup, AllowedAddressesAreReadInOrderAndOthersAreRefused) {
     const struct {
+        const char* name;
         std::string value, listing;
-        bool admits;
+        bool admits;  // a client from 127.0.0.2
     } cases[] = {
-        {"", "", true},
-        {"0.0.0.0/8 10.9.0.0/1", "2 addr=10.9.0.0 mask=80000000\r\n", true},
-        {"127.0.0.3/31, x", "1 addr=127.0.0.3 mask=fffffffe\r\n2 addr=255.255.255.255 mask=ffffffff\r\n", true},
-        {"/24 10.0.0.0/8\t,, 2.0.0.0/0 3.0.0.0/33 4.0.0.0 5.0.0.0 6.0.0.0 7.0.0.0 8.0.0.0 9.0.0.0 1.2.3.4/24 "
+        {"empty", "", "", true},
+        {"first entry 0.0.0.0, wide mask", "0.0.0.0/8 10.9.0.0/1", "2 addr=10.9.0.0 mask=80000000\r\n", true},
+        {"no address admits every client", "127.0.0.3/31, x",
+         "1 addr=127.0.0.3 mask=fffffffe\r\n2 addr=255.255.255.255 mask=ffffffff\r\n", true},
+        {"more than ten, masks out of range",
+         "/24 10.0.0.0/8\t,, 2.0.0.0/0 3.0.0.0/33 4.0.0.0 5.0.0.0 6.0.0.0 7.0.0.0 8.0.0.0 9.0.0.0 1.2.3.4/24 "
          "127.0.0.2",
          "1 addr=10.0.0.0 mask=ff000000\r\n2 addr=2.0.0.0 mask=ffffffff\r\n3 addr=3.0.0.0 mask=ffffffff\r\n"
          "4 addr=4.0.0.0 mask=ffffffff\r\n5 addr=5.0.0.0 mask=ffffffff\r\n6 addr=6.0.0.0 mask=ffffffff\r\n"
@@ -103,7 +112,7 @@ TEST(Startup, AllowedAddresses) {
          false},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.value);
+        SCOPED_TRACE(c.name + ": "s + c.value);
         Suite suite;
         suite.write("config/common.ini", "[sched]\nbound_ip_address = none\nallowed_ip_address = " + c.value + "\n");
         suite.start();
@@ -115,7 +124,7 @@ TEST(Startup, AllowedAddresses) {
     }
 }
 
-// With and without somebody at the other end, who gets nothing.
+// Also when another process holds the FIFO open: it gets no bytes.
 TEST(Startup, GoesOnWithAFifoInPlaceOfAFile) {
     const struct {
         std::string file;
@@ -145,12 +154,12 @@ TEST(Startup, GoesOnWithAFifoInPlaceOfAFile) {
                       unsupported + over + unsupported);
             char byte;
             EXPECT_EQ(held ? read(other_end.get(), &byte, 1) : -1, -1);
-            EXPECT_EQ(shell("rm " + fifo), "");  // so that nothing of the test waits for it
+            EXPECT_EQ(shell("rm " + fifo), "");  // so that the test itself does not wait for it
         }
     }
 }
 
-// A launcher that waits for the end of a pipe gets it while we run.
+// A launcher that reads a pipe to its end gets that end while the daemon runs.
 TEST(Startup, KeepsNoOtherDescriptorOfItsParent) {
     for (const strings& args : {strings{"-D"}, strings{}}) {
         Suite suite;

@@ -4,7 +4,7 @@
 
 namespace e2e {
 
-TEST(Supervisor, DetachesTheSchedulerAndStartsItAgain) {
+TEST(Supervisor, DetachesTheSchedulerAndStartsItAgainCleanAfterItsDeath) {
     Suite suite;
     suite.start({});
     pid_t scheduler = suite.scheduler();
@@ -49,19 +49,22 @@ TEST(Supervisor, DetachesTheSchedulerAndStartsItAgain) {
     EXPECT_EQ(suite.out() + suite.read("stderr"), "");
 }
 
-TEST(Supervisor, FailuresThatAreNotRetried) {
+TEST(Supervisor, DoesNotRetryWhenTheAddressCannotBeBound) {
     const std::string stopped = "alive_check:vgd scheduler abnormally terminated";
     const struct {
+        const char* name;
         std::string bound, debug;
         bool taken;
         std::string raw_status, traced;
     } cases[] = {
-        {"", "x", true, "0x200", stopped + " for the specified address is already in use.\n"},
-        {"192.0.2.1", "x", false, "0x100", stopped + ".\n"},  // no address of this machine
+        {"port in use", "", "x", true, "0x200", stopped + " for the specified address is already in use.\n"},
+        {"no address of this machine", "192.0.2.1", "x", false, "0x100", stopped + ".\n"},
         // Only the first letter of -d counts: supervised, with the supervisor's trace on standard output.
-        {"", "DA", true, "0x200", stopped + " for the specified address is already in use.\n"},
+        {"port in use, debugging", "", "DA", true, "0x200",
+         stopped + " for the specified address is already in use.\n"},
     };
     for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
         Suite suite;
         const std::string port = std::to_string(suite.port);
         suite.write("config/common.ini", "[sched]\nbound_ip_address = " + c.bound + "\n");
@@ -70,14 +73,14 @@ TEST(Supervisor, FailuresThatAreNotRetried) {
         EXPECT_EQ(suite.read("stderr"),
                   c.taken ? "Error: the specified port is already in use. (port " + port + ")\n" : "");
         suite.expect_trace({"Info:use port", "returns " + c.raw_status + "(errno=", c.traced});
-        const bool to_files = c.debug == "x";  // the debugging scheduler speaks to /dev/null
+        const bool to_files = c.debug == "x";  // the debugging scheduler writes to /dev/null
         EXPECT_EQ(suite.traced("Error: bind failed. portno=" + port + " errno="), to_files);
         EXPECT_EQ(suite.out().empty(), to_files);
         EXPECT_EQ(suite.calls(1), "allmodcall start,parts status,diag status");  // one start
     }
 }
 
-TEST(Supervisor, OrderlyEndAndOneThatOutlivesItsSupervisor) {
+TEST(Supervisor, EndsWithAnOrderlySchedulerButDoesNotTakeItDownWhenKilled) {
     Suite suite;
     suite.start({});
     suite.event("I0199:end\n");

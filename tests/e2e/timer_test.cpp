@@ -6,7 +6,7 @@ namespace e2e {
 
 constexpr milliseconds a_minute = 60s + patience;
 
-// "Changed" means another time, not a later one.
+// With an earlier time than before: any other time is a change.
 static void replace_jobs(const Suite& suite, const std::string& text) {
     suite.write("config/timer_jobs", text);
     const std::filesystem::path file = suite.path("config/timer_jobs");
@@ -17,9 +17,9 @@ static std::string due(int job, const char* command, time_t when) {
     return "timer:run command:job=" + std::to_string(job) + ",\"" + command + "\" for " + std::to_string(when) + "\n";
 }
 
-// Two schedulers over two full minutes: one has its module lock held all the time, the other is free.
-TEST(Minute, JobsReloadParkingUptimeAndTheEnd) {
-    // Not so near to the next minute that it comes before everything is prepared.
+// Two schedulers during two full minutes: the module lock of one is held all the time, that of the other is free.
+TEST(Minute, JobsRunOnceReloadAndWaitForTheLockAndTheUptimeCounts) {
+    // The next minute must not come before everything is prepared.
     ASSERT_TRUE(wait_until([] { return time(nullptr) % 60 < 45; }));
     Suite held;
     Suite idle;
@@ -45,7 +45,7 @@ TEST(Minute, JobsReloadParkingUptimeAndTheEnd) {
                            std::to_string((minute + 30) % 60) + " * * * * tick\tnever\n* * * * * patrol\tx\n");
     held.write("config/pvo.ini", "[section 0]\nactive = no\n");
     replace_jobs(idle, "* * * * * tick\ttwo\n");
-    shell("mkfifo " + idle.path("config/pvo.ini"));  // a change like any other, and nothing to wait for
+    shell("mkfifo " + idle.path("config/pvo.ini"));  // is seen as a change, and does not block
 
     EXPECT_TRUE(wait_until([&] { return idle.read("data/up_time") == "1\n"; }, a_minute));
     held.await_trace("timer:pvo.ini is changed. mtime=");
@@ -68,7 +68,7 @@ TEST(Minute, JobsReloadParkingUptimeAndTheEnd) {
     EXPECT_TRUE(
         in_order(trace, {due(0, "tick every", first + 60), due(3, "patrol x", first + 60), "trylock failed.(no.4)\n",
                          "Warning: vgd_pipe is not exist. errno=2\n", "Info:calling VGDend\n"}));
-    EXPECT_THAT(trace, Not(HasSubstr("is queue-ed")));  // what waits already lapses
+    EXPECT_THAT(trace, Not(HasSubstr("is queue-ed")));  // a job that already waits is not queued again
     held.write("temp/go", "");
     EXPECT_EQ(holder.answer(), over);
     EXPECT_EQ(held.wait_exit(), 0);
@@ -79,8 +79,8 @@ TEST(Minute, JobsReloadParkingUptimeAndTheEnd) {
     EXPECT_EQ(idle.calls(), "tick two,tick two");
 }
 
-// It looks at the log once a second here; what it finds there is this machine's.
-TEST(SystemLog, IsWatchedWhileForwardingIsOn) {
+// Polls every second here. The log is that of the machine, if it has one.
+TEST(SystemLog, IsPolledOnlyWhileForwardingIsOn) {
     Suite suite;
     suite.settings("syslog_poll_interval = 1");
     suite.start();
