@@ -1,5 +1,5 @@
-// The event pipe's bytes: cutting into lines, classification, and what reaches the operators. No module is listed, so
-// follow-up commands are refused.
+// Bytes of the event pipe: they are split into lines, classified, and queued for the operators. The module list is
+// empty, so follow-up commands are refused.
 #include "comm/hmi_table.h"
 #include "event/event_pipe.h"
 #include "support.h"
@@ -13,15 +13,15 @@ void check_line(hmistruc& hmi, const std::string& line) {
     const bool monitoring =
         text.find_first_of("EWIDM") == 0 && text.find_first_not_of("0123456789", 1) == 5 && text[5] == ':';
     fuzz::require((eventtype_check(text.c_str()) == event_type::monitoring_message) == monitoring,
-                  "both readings find a message");
+                  "daemon and check agree on what is a message");
     if (monitoring && text.compare(0, 5, "I0199") == 0) return;  // would end the process
     do_eventmsg(line.c_str());
     char queued[message_size] = "";
     std::uint32_t when = 0;
-    const bool told = hmistruc_dequeue(hmi, queued, when) == 0;
-    fuzz::require(told == (monitoring && text.compare(3, 2, "11") != 0),
-                  "messages go to the operators, those with digits 11 apart");
-    fuzz::require(!told || text == queued, "the message arrives whole");
+    const bool was_queued = hmistruc_dequeue(hmi, queued, when) == 0;
+    fuzz::require(was_queued == (monitoring && text.compare(3, 2, "11") != 0),
+                  "operators get every message but those of code 11");
+    fuzz::require(!was_queued || text == queued, "operators get the whole message");
 }
 
 }  // namespace
@@ -34,10 +34,10 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     for (const char byte : fuzz::text_of(data, size)) {
         bytes += byte;
         const bool ended = byte == '\n' || bytes.size() == 1024;
-        fuzz::require(line.add(byte) == ended, "both readings end the line");
+        fuzz::require(line.add(byte) == ended, "daemon and check end the line at the same byte");
         if (ended) {
             bytes.pop_back();
-            fuzz::require(line.text() == std::string(bytes.c_str()), "both readings find the same line");
+            fuzz::require(line.text() == std::string(bytes.c_str()), "daemon and check see the same line");
             check_line(*hmi, line.text());
             bytes.clear();
         }

@@ -1,5 +1,5 @@
-// A connection's bytes: lines, login gate, dispatch and answers. The modules do nothing, and the word that would end
-// the process is not listed.
+// Bytes of a connection: lines, login, dispatch and answers. The modules do nothing, and the command that ends the
+// process is not listed.
 #include "comm/connection.h"
 #include "command/module_table.h"
 #include "support.h"
@@ -19,22 +19,23 @@ struct Operators : fuzz::Suite {
               "modcntl - x 0\ndebug - - 0\nquit - - 0\nlock - - 0\nunlock - - 0\nshow - - 0\nhello - - 0\n"
               "login - - 0\nipset - - 0\nsend - - 0\nres_data - - 0\nres_send - - 0\nunhandled - - 0\n");
         setenv("VGD_bin", "/bin", 1);
-        fuzz::require(hmistruc_init() == 0 && read_modules() == 0, "the tables can be made");
+        fuzz::require(hmistruc_init() == 0 && read_modules() == 0, "tables are allocated");
         std::memset(st->auth_hash, 'a', 64);
         std::memset(st->auth_salt, 's', 8);
-        st->udp_dest_port = st->qmxut_port = 9;  // nobody listens there
+        st->udp_dest_port = st->qmxut_port = 9;  // no program listens there
     }
 };
 
-// Serves one connection that sends text and then ends; what it is answered.
+// Serves one connection that sends text and then closes. Returns the answers.
 std::string conversation(const char* address, const std::string& text) {
     int ends[2];
-    fuzz::require(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0, "sockets can be had");
-    fuzz::require(send(ends[1], text.data(), text.size(), 0) == static_cast<ssize_t>(text.size()), "it fits");
+    fuzz::require(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0, "sockets are created");
+    fuzz::require(send(ends[1], text.data(), text.size(), 0) == static_cast<ssize_t>(text.size()),
+                  "the request fits the socket's buffer");
     shutdown(ends[1], SHUT_WR);
     std::string answers;
     std::thread reader([&] { answers = fuzz::read_to_end(ends[1]); });
-    struct sigaction action {};  // a module's alarm takes the place of the fuzzer's
+    struct sigaction action {};  // running a module replaces the fuzzer's alarm
     itimerval timer{};
     sigaction(SIGALRM, nullptr, &action);
     getitimer(ITIMER_REAL, &timer);
@@ -46,7 +47,7 @@ std::string conversation(const char* address, const std::string& text) {
     setitimer(ITIMER_REAL, &timer, nullptr);
     reader.join();
     close(ends[1]);
-    fuzz::require(hmi.flag == 0 && hmi.soc == -1 && hmi.resource_fd == -1, "everything is given back");
+    fuzz::require(hmi.flag == 0 && hmi.soc == -1 && hmi.resource_fd == -1, "the entry is free again");
     return answers;
 }
 
@@ -63,7 +64,8 @@ std::vector<std::string> requests(const std::string& text) {
 
 }  // namespace
 
-// The first byte chooses the client's address and the length of a field put before the rest, up to beyond a line's.
+// The first byte selects the client's address and the length of a word put before the rest, which can be longer than a
+// line.
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const Operators operators;
     if (size == 0) return 0;
@@ -73,16 +75,17 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string answers = conversation(local ? "127.0.0.1" : "192.0.2.1", text);
 
     const std::vector<std::string> lines = requests(text);
-    const bool quiet = std::any_of(lines.begin(), lines.end(),  // an address is taken once, without an answer
+    const bool quiet = std::any_of(lines.begin(), lines.end(),  // one ipset is accepted, without an answer
                                    [](const std::string& line) { return line.starts_with("ipset\t"); });
     std::size_t ended = 0;
     std::istringstream received(answers);
     for (std::string line; std::getline(received, line);) {
         for (const char* word : {"__over__ ", "__timeout__\r", "__busy__\r", "__unsupported__\r", "__unauth__ "})
             ended += line.starts_with(word) ? 1U : 0U;
-        fuzz::require(local || !line.starts_with("__over__ 0 "), "nothing is done before the login");
+        fuzz::require(local || !line.starts_with("__over__ 0 "), "no command runs before the login");
     }
-    fuzz::require(ended <= lines.size(), "no line has two answers");
-    fuzz::require(ended + (quiet ? 1U : 0U) >= lines.size() || answers.ends_with("Good-bye.\r\n"), "each line has one");
+    fuzz::require(ended <= lines.size(), "no line gets two answers");
+    fuzz::require(ended + (quiet ? 1U : 0U) >= lines.size() || answers.ends_with("Good-bye.\r\n"),
+                  "each line gets an answer");
     return 0;
 }

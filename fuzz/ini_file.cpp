@@ -1,4 +1,4 @@
-// INI files: single keys, and what the settings make of any values.
+// INI files: single keys, and the settings made of them.
 #include "util/ini_file.h"
 
 #include "sched/config.h"
@@ -16,7 +16,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
             const char* value = read_ini_file("sched.conf", section, key);
             fuzz::require(value == nullptr || (text.find(section) != text.npos && text.find(key) != text.npos &&
                                                text.find(value) != text.npos && std::strchr(value, '\n') == nullptr),
-                          "what is found stands in the file");
+                          "section, key and value are in the file");
         }
     st->port = 9980;
     st->bound_ip_address[0] = '\0';

@@ -1,4 +1,4 @@
-// The password file: valid as a whole or not at all.
+// The password file: hash and salt are used only when both are valid.
 #include "comm/login.h"
 #include "support.h"
 
@@ -13,6 +13,6 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     std::string salt;
     words >> hash >> salt;
     if (hash.size() != 64 || salt.size() != 8) hash = salt = "";
-    fuzz::require(hash == st->auth_hash && salt == st->auth_salt, "both readings find the same words");
+    fuzz::require(hash == st->auth_hash && salt == st->auth_salt, "daemon and check read the same hash and salt");
     return 0;
 }

@@ -1,4 +1,4 @@
-// Where there is no fuzzer: runs a target once over each file of a corpus.
+// Runs a fuzz target once on each file of a corpus, for builds without libFuzzer.
 #include "support.h"
 
 #include <iterator>
@@ -8,7 +8,7 @@ int main(int argc, char* argv[]) {
     for (const auto& entry : std::filesystem::directory_iterator(argc > 1 ? argv[1] : ".")) {
         std::ifstream file(entry.path(), std::ios::binary);
         std::vector<std::uint8_t> input{std::istreambuf_iterator<char>(file), {}};
-        input.shrink_to_fit();  // so that a sanitizer sees a byte read behind it
+        input.shrink_to_fit();  // so that a sanitizer reports a read beyond the end
         std::fprintf(stderr, "%s\n", entry.path().c_str());
         LLVMFuzzerTestOneInput(input.data(), input.size());
         count++;

@@ -1,5 +1,5 @@
-// What the fuzz targets share: a suite directory, the input as a file's pieces, and the end of a run that found
-// something. Every target reads its input a second time, in plain library terms, and compares.
+// What the fuzz targets share: a suite directory, the input as the lines of a file, and the end of a run that found a
+// fault. Where it can, a target computes the wanted result itself, with other library calls, and compares.
 #pragma once
 
 #include "sched/sched_status.h"
@@ -19,7 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
 namespace fuzz {
 
-// Ends the run when something that always holds does not; a fuzzer then keeps the input.
+// Ends the run when a condition that must always hold is false; a fuzzer then keeps the input.
 inline void require(bool holds, const char* what) {
     if (!holds) {
         std::fprintf(stderr, "does not hold: %s\n", what);
@@ -31,7 +31,7 @@ inline std::string_view text_of(const std::uint8_t* data, std::size_t size) {
     return {reinterpret_cast<const char*>(data), size};
 }
 
-// The pieces in which a file is read: up to a newline, which is left out, or max bytes; each is cut at its first NUL.
+// The lines that fgets reads: up to a newline, which is left out here, or max bytes; each ends at its first NUL.
 inline std::vector<std::string> pieces_of(std::string_view text, std::size_t max) {
     std::vector<std::string> pieces;
     while (!text.empty()) {
@@ -49,8 +49,8 @@ inline std::string read_to_end(int fd) {
     return all;
 }
 
-// A record as start-up makes it: all its directories one scratch directory, its trace on /dev/null. The signals stay
-// as they were, since the fuzzer needs its own.
+// The scheduler's record. All its directories are one scratch directory, and its trace goes to /dev/null. Signal mask
+// and alarm are restored for the fuzzer.
 struct Suite {
     Suite() {
         for (const char* name : {"bin", "config", "temp", "update", "data", "log", "PIPE"})
@@ -63,17 +63,17 @@ struct Suite {
         sigaction(SIGALRM, &alarm, nullptr);
         pthread_sigmask(SIG_SETMASK, &mask, nullptr);
         st->debug = 1;
-        require(std::freopen("/dev/null", "w", stdout) != nullptr, "/dev/null can be opened");
+        require(std::freopen("/dev/null", "w", stdout) != nullptr, "/dev/null is opened");
     }
     ~Suite() { std::filesystem::remove_all(dir); }
     Suite(const Suite&) = delete;
     Suite& operator=(const Suite&) = delete;
 
     void write(const std::string& name, std::string_view text) const {
-        require((std::ofstream(dir + "/" + name) << text).flush().good(), "the input can be written");
+        require((std::ofstream(dir + "/" + name) << text).flush().good(), "the input is written");
     }
 
-    char pattern[32] = "/dev/shm/sched-fuzz-XXXXXX";  // in memory: it is written anew for each input
+    char pattern[32] = "/dev/shm/sched-fuzz-XXXXXX";  // in memory, as it is written for each input
     const std::string dir = mkdtemp(pattern);
 };
 

@@ -1,4 +1,4 @@
-// Timer job files: the operator's dump of the table against one made by a second reading of the fields.
+// Timer job files: the answer to `debug timer` compared with one computed here from the text.
 #include "support.h"
 #include "timer/job_listing.h"
 #include "timer/job_table.h"
@@ -11,7 +11,7 @@ constexpr std::size_t widths[] = {minute_slots, hour_slots, mday_slots, month_sl
 
 long number(const std::string& text) { return std::strtol(text.c_str(), nullptr, 10); }
 
-// One digit for each slot, as the dump has it.
+// One digit for each slot, as in the answer.
 std::string slots_of(std::string list, std::size_t width) {
     std::string slots(width, '0');
     const long n = static_cast<long>(width);
@@ -32,7 +32,7 @@ std::string slots_of(std::string list, std::size_t width) {
     return slots;
 }
 
-// The line's five fields and its command; nothing when one is missing.
+// The five time fields of a line and its command; empty when one is missing.
 std::vector<std::string> fields_of(const std::string& line) {
     std::vector<std::string> fields;
     std::size_t start = 0;
@@ -52,7 +52,7 @@ std::string dump_of(std::string_view text) {
     for (const std::string& line : fuzz::pieces_of(text, 511)) {
         std::vector<std::string> fields = fields_of(line);
         if (line[0] == '#' || fields.empty() || count == job_max) continue;
-        if (fields[2] == "*")  // one star among the days decides nothing, two are every day
+        if (fields[2] == "*")  // with one "*" the other day field decides; two mean every day
             fields[2].clear();
         else if (fields[4] == "*")
             fields[4].clear();
@@ -72,10 +72,11 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     suite.write("timer_jobs", fuzz::text_of(data, size));
     timer_read_jobs();
     int ends[2];
-    fuzz::require(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0, "sockets can be had");
+    fuzz::require(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0, "sockets are created");
     show_timer_jobs(ends[0]);
     close(ends[0]);
-    fuzz::require(fuzz::read_to_end(ends[1]) == dump_of(fuzz::text_of(data, size)), "both readings give one table");
+    fuzz::require(fuzz::read_to_end(ends[1]) == dump_of(fuzz::text_of(data, size)),
+                  "daemon and check give the same table");
     close(ends[1]);
     return 0;
 }

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <thread>
 #include <unistd.h>
 
@@ -75,10 +76,13 @@ struct Scratch : testing::Test {
             all += line.substr(std::min(trace_prefix, line.size())) + "\n";
         return all;
     }
+    static void await(const std::string& what, const std::function<bool()>& condition) {
+        const deadline limit(20'000);
+        while (!condition() && limit.left_ms() > 0) usleep(1'000);
+        EXPECT_GT(limit.left_ms(), 0) << "waited in vain for: " << what;
+    }
     void await_trace(const char* text) const {
-        const std::int64_t deadline = monotonic_ms() + 20'000;
-        while (read("log/sched_log").find(text) == std::string::npos && monotonic_ms() < deadline) usleep(5'000);
-        EXPECT_LT(monotonic_ms(), deadline) << "not traced: " << text;
+        await(text, [&] { return read("log/sched_log").find(text) != std::string::npos; });
     }
     // Writes a module program in shell; $D is the suite directory.
     void program(const std::string& name, const std::string& script) const {

@@ -25,7 +25,7 @@ namespace e2e {
 
 namespace fs = std::filesystem;
 
-// Notes its call, then does what the test wants of this module and argument.
+// Notes the call, then runs the script that the test has set for this module and argument.
 static constexpr const char* suite_script = R"(name=${0##*/}
 echo "$name${1:+ $*}" >> "$VGD_temp/calls"
 [ -f "$VGD_temp/$name.$1" ] && . "$VGD_temp/$name.$1"
@@ -52,7 +52,7 @@ testing::AssertionResult in_order(const std::string& text, std::initializer_list
     for (const std::string& part : parts) {
         place = text.find(part, place);
         if (place == std::string::npos)
-            return testing::AssertionFailure() << "not there, or not in its place: \"" << part << "\"\n" << text;
+            return testing::AssertionFailure() << "missing, or in the wrong order: \"" << part << "\"\n" << text;
         place += part.size();
     }
     return testing::AssertionSuccess();
@@ -96,8 +96,8 @@ std::string of_process(pid_t pid, const std::string& command) {
 
 std::string sha256_hex(const std::string& text) { return shell("printf %s '" + text + "' | sha256sum").substr(0, 64); }
 
-// Below the range from which the system gives ports to clients, so that no other connection can sit there, and
-// from a part of it that is this process's own.
+// Below the range that the system gives to outgoing connections, so that none of them can use the port. Each process
+// searches a part of its own.
 int free_port() {
     static int next = 20000 + static_cast<int>(getpid() % 600) * 20;
     while (!with_address(bind, tcp_socket(), "0.0.0.0", ++next)) EXPECT_LT(next, 32768);
@@ -123,7 +123,7 @@ Client::Client(int port, const std::string& source, int receive_buffer) : fd_(tc
 
 Client::Client(const unique_fd& listener) {
     pollfd ready{listener.get(), POLLIN, 0};
-    EXPECT_EQ(poll(&ready, 1, static_cast<int>(patience.count())), 1) << "nobody connects";
+    EXPECT_EQ(poll(&ready, 1, static_cast<int>(patience.count())), 1) << "no connection";
     fd_.reset(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
 }
 
@@ -136,9 +136,9 @@ void Client::reset() {
 bool Client::more() {
     static std::array<char, 1 << 16> piece;
     pollfd ready{fd_.get(), POLLIN, 0};
-    EXPECT_EQ(poll(&ready, 1, static_cast<int>(patience.count())), 1) << "no more behind: " << buffer_;
+    EXPECT_EQ(poll(&ready, 1, static_cast<int>(patience.count())), 1) << "nothing more after: " << buffer_;
     const ssize_t got = recv(fd_.get(), piece.data(), piece.size(), MSG_DONTWAIT);
-    EXPECT_GE(got, 0) << strerror(errno) << " behind: " << buffer_;
+    EXPECT_GE(got, 0) << strerror(errno) << " after: " << buffer_;
     buffer_.append(piece.data(), static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
     return got > 0;
 }
@@ -149,7 +149,7 @@ std::string Client::answer() {
     for (std::size_t line = 0;;) {
         const std::size_t next = buffer_.find('\n', line) + 1;
         if (next == 0 && !more()) {
-            ADD_FAILURE() << "the connection ended behind: " << buffer_;
+            ADD_FAILURE() << "the connection ended after: " << buffer_;
             return std::exchange(buffer_, {});
         }
         if (next == 0) continue;
@@ -241,9 +241,9 @@ void Suite::launch(const strings& args) {
     argv.push_back(nullptr);
     pid = fork();
     if (pid != 0) return;
-    prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that dies takes its daemon along
+    prctl(PR_SET_PDEATHSIG, SIGKILL);  // the daemon ends with the test
     for (const int signal_number : {SIGHUP, SIGINT, SIGQUIT, SIGPIPE})
-        signal(signal_number, SIG_DFL);  // whatever runs the tests may ignore them
+        signal(signal_number, SIG_DFL);  // the parent of the tests may ignore them
     for (const auto& [name, value] : env) setenv(name.c_str(), value.c_str(), 1);
     for (int fd = 0; fd < 64; fd++) close(fd);
     for (const std::string& file : {"/dev/null"s, path("stdout"), path("stderr")})
@@ -255,7 +255,7 @@ void Suite::launch(const strings& args) {
 }
 
 void Suite::start(const strings& args) {
-    strings full = {"-p", std::to_string(port), "-N", "0"};  // what follows overrides these
+    strings full = {"-p", std::to_string(port), "-N", "0"};  // the arguments override these
     full.insert(full.end(), args.begin(), args.end());
     for (const char* trace : {"log/sched_log", "stdout"}) fs::remove(path(trace));  // of an earlier start
     launch(full);
@@ -283,7 +283,7 @@ void Suite::stop() {
     }
     std::error_code gone;
     if (fs::read_symlink(last, gone) == fs::canonical(SCHED_BINARY))
-        kill(scheduler(), SIGKILL);  // one that a supervisor has left
+        kill(scheduler(), SIGKILL);  // its supervisor has been killed
 }
 
 std::vector<Client> Suite::thirty_two() const {
@@ -296,7 +296,7 @@ std::vector<Client> Suite::thirty_two() const {
 }
 
 void Suite::event(std::string_view bytes) const {
-    // Opened for both, so that a daemon that has gone makes a failure and no test that hangs.
+    // Opened for reading too: without a daemon the test fails but does not hang.
     const unique_fd pipe(open(path("pipe").c_str(), O_RDWR | O_CLOEXEC));
     EXPECT_EQ(::write(pipe.get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
 }

@@ -1,5 +1,5 @@
-// Tools of the tests that run the real daemon: a suite directory with a scheduler in it, and clients that speak its
-// line protocol. Everything a test needs lives below one scratch directory and on loopback ports of its own.
+// Tools of the tests that run the real daemon: a suite directory with a scheduler, and clients of its line protocol.
+// Each test has its own scratch directory and its own ports on loopback.
 #pragma once
 
 #include "table.h"
@@ -38,32 +38,32 @@ inline const std::string goodbye = "Good-bye.\r\n";
 constexpr milliseconds patience = 60s;
 
 bool wait_until(const std::function<bool()>& condition, milliseconds deadline = patience);
-// Success when all parts stand in the text, one behind the other.
+// Success when the text holds all parts, in this order.
 testing::AssertionResult in_order(const std::string& text, std::initializer_list<std::string> parts);
 std::string repeated(int count, const std::string& text);
 // Every date of an answer as DATE, so that the rest can be compared byte for byte.
 std::string mask_dates(const std::string& text);
-// The answer to `status` that has these rows ("error korvo", behind confdate) and then these lines.
+// The answer to `status` with confdate, these rows ("error korvo"), and then these lines.
 std::string status_answer(const std::string& rows, const std::string& lines = "");
 std::string shell(const std::string& command);                  // what it prints
-std::string of_process(pid_t pid, const std::string& command);  // the same, run in its directory of /proc
+std::string of_process(pid_t pid, const std::string& command);  // the same, run in the process's directory of /proc
 std::string sha256_hex(const std::string& text);
 int free_port();
 unique_fd listen_on(int port, int backlog = 8);
 
-// One operator's connection. Reads end with a test failure and what has come so far when the deadline passes.
+// One operator's connection. A read that takes longer than `patience` fails the test.
 class Client {
 public:
     explicit Client(int port, const std::string& source = "127.0.0.1", int receive_buffer = 0);
-    explicit Client(const unique_fd& listener);  // the other side: takes over the next connection
+    explicit Client(const unique_fd& listener);  // the other side: accepts the next connection
 
     void send(std::string_view bytes) const { ::send(fd_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL); }
     void end_sending() const { shutdown(fd_.get(), SHUT_WR); }       // answers still arrive
-    void reset();                                                    // drops the connection the hard way
-    std::string answer();                                            // up to and with the line that ends an answer
-    std::string ask(std::string_view line);                          // sends the line with its CR and takes the answer
-    std::string ask(std::initializer_list<std::string_view> lines);  // one after the other, all answers
-    std::string rest();  // up to the orderly end of the connection; a reset fails the test
+    void reset();                                                    // closes with a TCP reset
+    std::string answer();                                            // up to and including the line that ends it
+    std::string ask(std::string_view line);                          // sends the line with a CR and returns the answer
+    std::string ask(std::initializer_list<std::string_view> lines);  // one after the other; all answers
+    std::string rest();  // up to the end of the connection; a reset fails the test
 
 private:
     bool more();  // false at the end
@@ -85,16 +85,16 @@ public:
     std::string read(const std::string& name) const;
     void settings(const std::string& line) const { write("config/sched.conf", "[sched]\n" + line + "\n"); }
 
-    // A module program written in shell, added to the module list. The suite has allmodcall, parts, prognosis, diag,
-    // devconf, confchg, analysis, qmx and ehello from the start, and all internal words: each of those modules notes
-    // its call and ends with 0, unless react() told what "module.argument" shall do besides.
+    // Adds a module program in shell and lists it. The list already has all internal words and allmodcall, parts,
+    // prognosis, diag, devconf, confchg, analysis, qmx and ehello. Those modules note their call, run the script that
+    // react() set for "module.argument", and exit with 0.
     void module(const std::string& name, const std::string& script, int timeout = 60) const;
     void listed(const std::string& line) const;
     void react(const std::string& what, const std::string& script) const { write("temp/" + what, script + "\n"); }
-    // The calls from the given number on, with commas: "parts status,diag status". Start-up makes three.
+    // The calls from this number on, with commas: "parts status,diag status". Start-up makes the first three.
     std::string calls(int from = 4) const;
 
-    // The daemon. start() returns when it accepts; run() when it has ended.
+    // The daemon. start() returns when it accepts connections, run() when it has ended.
     void start(const strings& args = {"-D"});
     int run(const strings& args) { return launch(args), wait_exit(); }
     int wait_exit();  // exit code, or 128 and the signal
@@ -102,14 +102,18 @@ public:
     pid_t scheduler() const { return std::atoi(read("log/sched.pid").c_str()); }
 
     Client client(const std::string& source = "127.0.0.1") const { return Client(port, source); }
-    std::vector<Client> thirty_two() const;    // clients, all of them admitted
-    void event(std::string_view bytes) const;  // written into the event pipe in one piece
+    std::vector<Client> thirty_two() const;    // clients, all served
+    void event(std::string_view bytes) const;  // written to the event pipe in one write
     std::string status(Client& client) const { return mask_dates(client.ask("status")); }
     strings events() const;  // the texts of the event log, all generations, oldest first
     void await_events(std::size_t count) const;
     std::string out() const { return read("stdout"); }
     std::string trace() const { return read("log/sched_log") + out(); }
-    void expect_trace(std::initializer_list<std::string> parts) const { EXPECT_TRUE(in_order(trace(), parts)); }
+    // Some lines are written after the answer, so this waits for them.
+    void expect_trace(std::initializer_list<std::string> parts) const {
+        wait_until([&] { return static_cast<bool>(in_order(trace(), parts)); }, 10s);
+        EXPECT_TRUE(in_order(trace(), parts));
+    }
     bool traced(const std::string& text) const { return trace().find(text) != std::string::npos; }
     void await_trace(const std::string& text, milliseconds deadline = patience) const;
 

@@ -58,6 +58,7 @@ TEST_F(Event, SystemLogIsForwardedWhenItHasChangedOrSomethingIsUnsent) {
         {"failed before", "S >$O", 1, StartsWith("command1:")},
         {"succeeds", "echo >do", 1, StartsWith("command1:")},
         {"nothing new", ":", 0, ""},
+        {"last byte unsent", "echo $(stat -c %i log) 3 >$O", 1, StartsWith("unsent event exists.(")},
         {"log replaced by its copy", "cp log new; mv new log", 1, StartsWith("event:" + log)},
         {"all is sent again", "S >$O", 0, ""},
     };
@@ -76,21 +77,17 @@ TEST_F(Event, SystemLogIsForwardedWhenItHasChangedOrSomethingIsUnsent) {
 
 // A module that finds no fault clears the mark, unless a report has come since the module was started.
 TEST_F(Event, ReportDuringTheRunKeepsTheMark) {
+    const auto five_minute_check = [] {
+        timer_state state{0, {}};
+        timer_pass(state, 300);
+    };
     struct {
         const char* name;
         status_mark sched_status::*mark;
         void (*ask)();
     } const questions[] = {
-        {"five-minute check of conf", &sched_status::conf,
-         [] {
-             timer_state state{0, {}};
-             timer_pass(state, 300);
-         }},
-        {"five-minute check of diag", &sched_status::diag,
-         [] {
-             timer_state state{0, {}};
-             timer_pass(state, 300);
-         }},
+        {"five-minute check of conf", &sched_status::conf, five_minute_check},
+        {"five-minute check of diag", &sched_status::diag, five_minute_check},
         {"message code 08", &sched_status::diag, [] { do_eventmsg("E0108:x"); }},
         {"message code 11", &sched_status::error, [] { do_eventmsg("E0111:x"); }},
         {"parts clear", &sched_status::error, [] { do_cont_command("parts\tclear"); }},
@@ -107,11 +104,11 @@ TEST_F(Event, ReportDuringTheRunKeepsTheMark) {
             mark.set = 1;
             in_threads(2, [&](int thread) {
                 if (thread == 0) return question.ask();
-                while (!fs::exists(path("asked"))) usleep(1'000);
+                await("a run of the module", [&] { return fs::exists(path("asked")); });
                 if (reported) set_and_stamp(mark);
                 fs::remove(path("asked"));
             });
-            EXPECT_EQ(mark.set, reported ? 1 : 0) << question.name;
+            ASSERT_EQ(mark.set, reported ? 1 : 0) << question.name;
             mark.set = 0;
         }
     }
