@@ -1,5 +1,5 @@
-// What may fail around the daemon. Each fault strikes one that runs, and looks at what is promised meanwhile;
-// afterwards operators are served as before, and no process or descriptor is left behind.
+// Faults in the daemon's environment. Each fault hits a running daemon and checks what still works; afterwards operators
+// are served as before, and no process or descriptor has leaked.
 #include "e2e/harness.h"
 
 #include <fcntl.h>
@@ -22,7 +22,7 @@ void nothing(Suite& /*suite*/) {}
 struct Fault {
     const char* name;
     void (*strike)(Suite& suite);
-    const char* script = "";                  // of a module: "rogue" has a second for it, "patient" a minute
+    const char* script = "";                  // of the modules "rogue", with a time-out of 1 s, and "patient", 60 s
     void (*arrange)(Suite& suite) = nothing;  // before the start
     strings args = {"-D"};
 };
@@ -34,7 +34,7 @@ void overruns(Suite& suite) {
     EXPECT_TRUE(wait_until([&] {
         return shell("for p in $(cat " + suite.path("temp/pids") + "); do grep -s '^State:.[^Z]' /proc/$p/status; done")
             .empty();
-    })) << "a process of the module lives on";
+    })) << "a process of the module is still alive";
 }
 
 void never_reads(Suite& suite) {
@@ -45,7 +45,7 @@ void never_reads(Suite& suite) {
     stalled.reset();
 }
 
-// Others do not notice one that sends a byte each second.
+// One client sends a byte each second; the others are served meanwhile.
 void sends_slowly(Suite& suite) {
     Client slow = suite.client();
     Client other = suite.client();
@@ -61,12 +61,12 @@ void sends_slowly(Suite& suite) {
 void knock_at_once(Suite& suite) {
     std::vector<Client> clients;
     for (int i = 0; i < 100; i++) clients.push_back(suite.client());
-    for (std::size_t i = 0; i < clients.size(); i++)  // the first come are served, the others sent away
+    for (std::size_t i = 0; i < clients.size(); i++)  // the first 32 are served, the others disconnected
         EXPECT_EQ(i < 32 ? suite.status(clients[i]) : clients[i].rest(), i < 32 ? status_answer("") : "");
 }
 
-// What a client has left behind costs nobody a place for long: bytes without an end of line, and lines that are not
-// carried out since nobody has logged in.
+// Unread bytes of clients that have left must not hold their connections: bytes without an end of line, and lines that
+// are refused before the login.
 void flood_and_leave(Suite& suite) {
     const auto threads = [&] { return of_process(suite.pid, "ls task | wc -l"); };
     const std::string idle = threads();
@@ -79,7 +79,7 @@ void flood_and_leave(Suite& suite) {
     EXPECT_TRUE(wait_until([&] { return threads() == idle; }, 10s));
 }
 
-// The process is stopped while it waits for the client, and continued: nothing is torn.
+// The process is stopped and continued while it waits in a write to the client: no byte is lost.
 void stop_and_continue(Suite& suite) {
     for (int round = 0; round < 4; round++) {  // a write that waits with nothing written yet loses nothing anyway
         Client client(suite.port, "127.0.0.1", 4096);
@@ -105,7 +105,7 @@ void reset_in_mid_command(Suite& suite) {
         streaming.reset();
         EXPECT_EQ(suite.client().ask("parts\tstatus"), over);
     }
-    EXPECT_TRUE(wait_until([&] { return suite.client().ask("lock") == over; }));  // nobody keeps it
+    EXPECT_TRUE(wait_until([&] { return suite.client().ask("lock") == over; }));  // no closed connection keeps it
 }
 
 void lose_log_directory(Suite& suite) {
@@ -121,7 +121,7 @@ void lose_log_directory(Suite& suite) {
     suite.await_trace("command:\"diag\" end. status=0\n");
 }
 
-// With and without somebody at the other end, who gets nothing.
+// Also when another process holds the FIFOs open: it gets no bytes.
 void logs_become_fifos(Suite& suite) {
     const std::string logs = "cd " + suite.path("log") + "; rm -f *log*; ";
     for (const bool held : {false, true}) {
@@ -141,12 +141,12 @@ void logs_become_fifos(Suite& suite) {
     }
 }
 
-// The mount is this process's own and goes with it.
+// The mount is visible in this process only, and ends with it.
 void small_log_disk(Suite& suite) {
     const std::string log = suite.path("log");
     if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
         mount("tmpfs", log.c_str(), "tmpfs", 0, "size=128k") != 0)
-        GTEST_SKIP() << "not permitted to mount a small disk";
+        GTEST_SKIP() << "mounting a small disk is not permitted";
 }
 
 void fill_log_disk(Suite& suite) {
@@ -164,7 +164,7 @@ void fill_log_disk(Suite& suite) {
     EXPECT_EQ(umount2(suite.path("log").c_str(), MNT_DETACH), 0);
 }
 
-// A pipe that takes the old one's place has no reader, which its writers learn at once; the old one is read on.
+// A pipe that replaces the old one has no reader, so opening it for writing fails; the old one is still read.
 void remake_pipe(Suite& suite) {
     const unique_fd held(open(suite.path("pipe").c_str(), O_WRONLY | O_CLOEXEC));
     fs::remove(suite.path("pipe"));
@@ -182,45 +182,45 @@ void use_all_descriptors(Suite& suite) {
     EXPECT_EQ(suite.status(clients[0]), status_answer(""));
     clients[0].send("parts\tstatus\r");
     suite.await_trace("Error:command:pipe fail(errno=24)\n");
-    EXPECT_EQ(suite.status(clients[0]), status_answer(""));  // and nothing for what could not be started
+    EXPECT_EQ(suite.status(clients[0]), status_answer(""));  // and no answer for the module that was not started
     clients.erase(clients.begin(), clients.end() - 5);
     for (Client& waiting : clients) EXPECT_EQ(waiting.ask("nosuch"), unsupported);
-    // The others have ended: a module needs three descriptors.
+    // A module needs three descriptors, so wait until the other connections have ended.
     EXPECT_TRUE(wait_until([&] { return std::stoi(of_process(suite.pid, "ls fd | wc -l")) < 13; }));
     for (Client& waiting : clients) EXPECT_EQ(waiting.ask("parts\tstatus"), over);
 }
 
-// Root is not limited, so the daemon runs as somebody who runs nothing else.
-std::string as_somebody() {
+// The process limit does not hold for root, so the daemon runs as a user that has no other process.
+std::string as_other_user() {
     const std::string id = std::to_string(100'000 + getpid());
     return "setpriv --reuid=" + id + " --regid=" + id +
            " --clear-groups --inh-caps=+dac_override --ambient-caps=+dac_override ";
 }
 
-std::string shell_as_somebody(const std::string& command) { return shell(as_somebody() + command + " 2>&1"); }
+std::string shell_as_other_user(const std::string& command) { return shell(as_other_user() + command + " 2>&1"); }
 
 void own_user(Suite& suite) {
-    suite.wrapper = {"sh", "-c", "exec " + as_somebody() + "\"$@\"", "sh"};
-    if (shell_as_somebody("echo permitted") != "permitted\n")
-        GTEST_SKIP() << "not permitted to run the daemon as somebody else";
+    suite.wrapper = {"sh", "-c", "exec " + as_other_user() + "\"$@\"", "sh"};
+    if (shell_as_other_user("echo permitted") != "permitted\n")
+        GTEST_SKIP() << "running the daemon as another user is not permitted";
 }
 
 void refuse_processes(Suite& suite) {
     const std::string limit = "prlimit --pid " + std::to_string(suite.pid) + " --nproc=";
     Client client = suite.client();
     EXPECT_EQ(suite.status(client), status_answer(""));
-    EXPECT_EQ(shell_as_somebody(limit + "0:"), "");
+    EXPECT_EQ(shell_as_other_user(limit + "0:"), "");
     client.send("parts\tstatus\r");
     suite.await_trace("Error:command:fork fails (errno=11)\n");
-    EXPECT_EQ(suite.status(client), status_answer(""));  // and nothing for what could not be started
+    EXPECT_EQ(suite.status(client), status_answer(""));  // and no answer for the module that was not started
     EXPECT_EQ(client.ask("quit"), goodbye);
     suite.await_trace(" is gone.\n");
-    suite.event("E0103:waits for somebody\n");
+    suite.event("E0103:waits for an operator\n");
     suite.await_events(1);
     EXPECT_EQ(suite.client().rest(), "");
     suite.await_trace("Error:comm:thread create fails.(11)");
-    EXPECT_EQ(shell_as_somebody(limit + "500:"), "");
-    EXPECT_THAT(suite.status(client = suite.client()), HasSubstr("DATE;E0103:waits for somebody\r\n"));
+    EXPECT_EQ(shell_as_other_user(limit + "500:"), "");
+    EXPECT_THAT(suite.status(client = suite.client()), HasSubstr("DATE;E0103:waits for an operator\r\n"));
 }
 
 void kill_supervisor(Suite& suite) {
@@ -284,8 +284,8 @@ TEST_P(Faults, ServesOn) {
 
 INSTANTIATE_TEST_SUITE_P(All, Faults, testing::ValuesIn(faults));
 
-// The daemon's clock runs twenty times as fast. It is set back by an hour, less three seconds: the sleep ends at three
-// seconds past a full minute, the first that came again. Then it is set forward by an hour.
+// The daemon's clock runs twenty times as fast. It is set back by an hour less three seconds, so that the sleep ends three
+// seconds after a full minute that comes a second time. Then it is set forward by an hour.
 TEST(Clock, SetBackAndForwardNoMinuteRunsTwiceOrIsSkipped) {
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
     GTEST_SKIP() << "the sanitizer's library and the one that fakes the clock cannot both come first";
@@ -313,11 +313,11 @@ TEST(Clock, SetBackAndForwardNoMinuteRunsTwiceOrIsSkipped) {
     };
     for (const char* clock : {"-3597 x20", "+3 x20"}) {
         EXPECT_TRUE(ran(minutes.size() + 2));
-        std::this_thread::sleep_for(700ms);  // into the loop's sleep, which three seconds later would be over
+        std::this_thread::sleep_for(700ms);  // the loop sleeps by then, for at most three seconds
         suite.write("temp/clock", clock);
     }
     EXPECT_TRUE(ran(minutes.size() + 2));
-    suite.event("I0199:end\n");  // orderly, so that the library takes away what it shares between processes
+    suite.event("I0199:end\n");  // an orderly end, so that libfaketime removes its shared memory
     EXPECT_EQ(suite.wait_exit(), 0);
     std::vector<long> steps;
     for (std::size_t i = 1; i < minutes.size(); i++)

@@ -38,6 +38,7 @@ TEST_F(Timer, FieldSetsItsSlotsAndStopsAtABadItem) {
     } cases[] = {
         {"ends at a blank", "5 x", {5}, ""},
         {"ends at a tab", "*/10\t7", {0, 10, 20}, ""},
+        {"star reaches the highest value", "*/23", {0, 23}, ""},
         {"step after one value", "5/2", {5}, ""},
         {"range with a step", "1-9/4", {1, 5, 9}, ""},
         {"second step", "1-5/2/3", {1, 3, 5}, ""},
