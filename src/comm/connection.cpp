@@ -68,6 +68,7 @@ void run_line(hmistruc& hmi, char* line) {
 void serve(hmistruc& hmi) {
     line_reader reader(hmi.soc);
     char line[line_max];
+    bool is_reachable = true;
     while (hmi.soc >= 0) {
         const int length = reader.read_line(line, line_max);
         if (length < 0) {
@@ -76,9 +77,9 @@ void serve(hmistruc& hmi) {
         if (length == line_max - 1) {
             refuse_overflow(hmi, line);
         } else if (!passes_login_gate(hmi, line)) {
-            if (!ask_for_login(hmi, line)) {
-                return;  // the client is gone and cannot log in, so its remaining lines could not be carried out
-            }
+            // A client that is gone may have left very many lines, so none is answered after the first failure. A
+            // login may still be among them, from a client that was asked before.
+            is_reachable = is_reachable && ask_for_login(hmi, line);
         } else {
             run_line(hmi, line);
         }

@@ -75,7 +75,3 @@ bool write_until(const deadline& end, int soc, std::string_view text) {
     }
     return true;
 }
-
-void reply_in_time(int soc, std::string_view text) {
-    static_cast<void>(write_until(deadline(reply_patience_ms), soc, text));
-}

@@ -8,7 +8,7 @@
 #include <string_view>
 
 constexpr std::size_t reply_size = 16384;         // bytes of one formatted reply, its NUL included
-constexpr std::int64_t reply_patience_ms = 5000;  // longest wait, under a lock, for a peer that does not read
+constexpr std::int64_t reply_patience_ms = 5000;  // longest wait for a peer under com_lock
 
 // The lines that end an answer.
 constexpr std::string_view busy_line = "__busy__\r\n";                // not carried out
@@ -45,9 +45,7 @@ private:
 };
 
 // Writes all of text to any stream socket. Waits for a peer that does not read, but only until end. Returns false when
-// not all could be written, with errno ETIMEDOUT when end has passed. The connection is then shut down, since the peer
-// would take the next text for the rest of this one. Takes no lock.
-[[nodiscard]] bool write_until(const deadline& end, int soc, std::string_view text);
-
-// The same for an answer under com_lock, with reply_patience_ms as the limit. A failure is not reported.
-void reply_in_time(int soc, std::string_view text);
+// not all could be written, with errno ETIMEDOUT when end has passed; the result may be ignored. The connection is then
+// shut down, since the peer would take the next text for the rest of this one. Takes no lock. Under com_lock, end is
+// reply_patience_ms away, for all writes together.
+bool write_until(const deadline& end, int soc, std::string_view text);

@@ -158,16 +158,15 @@ void wait_for_stray_children() {
     }
 }
 
-// Sends the terminating line. A peer that does not read loses its connection at the first write that takes too long, so
-// it delays the next module run only once.
-void reply_end(int soc, relay_end end, int status) {
+// Sends the terminating line.
+void reply_end(const deadline& patience, int soc, relay_end end, int status) {
     if (end == relay_end::timed_out) {
-        reply_in_time(soc, timeout_line);
+        write_until(patience, soc, timeout_line);
         return;
     }
     char over[64];
     const std::size_t length = format_text(over, over_format, (status >> 8) & 0xff, status & 0xff);
-    reply_in_time(soc, {over, length});
+    write_until(patience, soc, {over, length});
 }
 
 }  // namespace
@@ -201,15 +200,16 @@ int start_command(const char* path, int soc, unsigned timeout, char* const argv[
                  static_cast<int>(timeout), pid, to.hmi_error ? 1 : 0);
         killpg(pid, SIGKILL);
     }
+    const deadline patience(reply_patience_ms);  // for both writes together, since com_lock is held
     if (soc >= 0 && !to.hmi_error && !to.ends_with_lf) {
-        reply_in_time(soc, "\r\n");
+        write_until(patience, soc, "\r\n");
     }
     const int status = wait_for_child(pid);
     output.reset();
     null.reset();
     wait_for_stray_children();
     if (soc >= 0) {
-        reply_end(soc, end, status);
+        reply_end(patience, soc, end, status);
     }
     return status;
 }

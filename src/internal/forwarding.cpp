@@ -15,10 +15,12 @@
 
 namespace {
 
-// Accepts an address in any form of inet_aton, but no blank: inet_aton ignores text after a blank, and modules would
-// get that text as part of their client's address.
+// Accepts an address in any form of inet_aton, but no text after it: inet_aton ignores what follows a blank, and
+// modules would get it as part of their client's address.
 bool to_address(const char* text, in_addr& address) {
-    return std::strpbrk(text, " \f\v") == nullptr && inet_aton(text, &address) != 0;
+    constexpr char blanks[] = " \f\v";
+    const char* behind = text + std::strcspn(text, blanks);
+    return behind[std::strspn(behind, blanks)] == '\0' && inet_aton(text, &address) != 0;
 }
 
 // Checks the arguments of ipset. A failure here gets an answer; a restricted address, which is checked later, gets none.

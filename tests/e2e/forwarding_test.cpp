@@ -178,7 +178,7 @@ TEST(Forwarding, BadAddressesAndASecondOneAreRefused) {
         {"ipset\t10.0.0.1\t", "info:ipset \"10.0.0.1\"\n"},
         {"ipset\t300.1.1.1", "Error:inet_aton failed for \"300.1.1.1\", errno="},
         {"ipset\t10.1 $(id)", "Error:inet_aton failed for \"10.1 $(id)\", errno="},
-        {"ipset\t10.0.0.1\ripset\t10.0.0.2", "Error:ipset already received\n"},
+        {"ipset\t10.0.0.1 \ripset\t10.0.0.2", "Error:ipset already received\n"},
         {"ipset\t10.1\rsend\tx", "Error:udp_dest_addr(=\"nonsense\") failed to convert.\n"},
         {"res_data\tlong enough a line", "Error:res_data:ip_address(\"nonsense\") failed to convert.\n"},
     };

@@ -84,6 +84,19 @@ TEST(Login, RemoteClientRunsNothingBeforeTheRightResponseToItsOwnNonce) {
     EXPECT_EQ(earlier.ask("quit"), goodbye);
 }
 
+TEST(Login, WhatAClientSentBeforeItClosedIsCarriedOut) {
+    Suite suite;
+    suite.write("data/password", hash + " " + salt + "\n");
+    suite.start();
+    {
+        Client client = suite.client("127.0.0.2");
+        const std::string nonce = nonce_of(client.ask("status"));
+        client.send(repeated(5, "status\r") + login_line(nonce) + "\rparts\tstatus\r");
+    }
+    suite.await_trace("hmi(127.0.0.2) is gone.\n");
+    EXPECT_EQ(suite.calls(), "parts status");
+}
+
 TEST(Login, ClientBehindARelayMustLogInAndBeAllowed) {
     Suite suite;
     suite.write("data/password", hash + " " + salt + "\n");
