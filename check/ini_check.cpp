@@ -28,6 +28,7 @@ struct known_file {
 std::vector<std::string> receiver_sections() {
     constexpr int section_max = 100;
     std::vector<std::string> sections;
+    sections.reserve(section_max);
     for (int n = 0; n < section_max; ++n) {
         sections.push_back("[section " + std::to_string(n) + "]");
     }
@@ -168,7 +169,7 @@ private:
 
 void check_ini_files(const std::string& directory, report& to) {
     // The daemon's reader takes names of files in this directory; the one that it reads for us is in memory.
-    setenv("VGD_config", scratch_file::directory(), 1);
+    setenv("VGD_config", scratch_file::directory(), 1);  // NOLINT(concurrency-mt-unsafe): no threads here
     for (const known_file& known : known_files()) {
         const std::string path = directory + "/" + known.name;
         ini_file file(path, known, to);

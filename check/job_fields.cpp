@@ -46,7 +46,7 @@ std::string judge_item(const std::string& item, const time_field& field) {
     }
     const bool is_range = part[2].matched;
     for (const int i : {1, 2}) {
-        const std::string problem = part[i].matched ? judge_number(part[i], field) : "";
+        std::string problem = part[i].matched ? judge_number(part[i], field) : "";
         if (!problem.empty()) {
             return problem;
         }

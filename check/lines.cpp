@@ -1,7 +1,6 @@
 #include "lines.h"
 
 #include <cerrno>
-#include <cstring>
 #include <fstream>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -26,7 +25,8 @@ void judge_line(const std::string& path, int number, const std::string& line, st
                "longer than " + std::to_string(size - 1) + " characters: the rest is read as a further line");
     }
     for (std::size_t begin = 0; begin < line.size(); begin += size - 1) {
-        judge({number, line.substr(begin, size - 1).c_str()});
+        const std::string piece = line.substr(begin, size - 1);
+        judge({number, piece.substr(0, piece.find('\0'))});
     }
 }
 
@@ -34,7 +34,7 @@ void judge_line(const std::string& path, int number, const std::string& line, st
 std::string reason_against(const std::string& path) {
     struct stat info {};
     if (stat(path.c_str(), &info) != 0 || access(path.c_str(), R_OK) != 0) {
-        return std::strerror(errno);
+        return std::generic_category().message(errno);
     }
     return S_ISREG(info.st_mode) ? "" : "not a regular file";
 }
@@ -52,7 +52,7 @@ bool judge_lines(const std::string& path, std::size_t size, absence missing, rep
         file.open(path, std::ios::binary);
     }
     if (!file.is_open()) {
-        to.unreadable(path, reason.empty() ? std::strerror(errno) : reason);
+        to.unreadable(path, reason.empty() ? std::generic_category().message(errno) : reason);
         return false;
     }
     int number = 0;

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <map>
 #include <sys/stat.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace check {
@@ -23,7 +24,7 @@ namespace {
 std::string reason_against(const std::string& program) {
     struct stat info {};
     if (stat(program.c_str(), &info) != 0) {
-        return errno == ENOENT ? "does not exist" : std::strerror(errno);
+        return errno == ENOENT ? "does not exist" : std::generic_category().message(errno);
     }
     if (!S_ISREG(info.st_mode)) {
         return "is not a regular file";
@@ -124,6 +125,7 @@ bool check_modules(const std::string& bin, report& to) {
 
 std::vector<std::string> module_words() {
     std::vector<std::string> words;
+    words.reserve(static_cast<std::size_t>(mod_max));
     for (int i = 0; i < mod_max; ++i) {
         words.emplace_back(mod[i].name);
     }
