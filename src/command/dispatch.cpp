@@ -40,14 +40,14 @@ void refuse(const hmistruc* hmi, std::string_view answer) {
 // Returns the program of the command. Returns null, after a trace line and an answer to the HMI, when the command
 // cannot be run.
 const char* accept_command(const hmistruc* hmi, int fields, char* const argv[]) {
-    if (fields > argument_max) {
-        trprintf("Error:command:too many arguments (%d, max=%d) \"%s\"\n", fields, argument_max, argv[0]);
-        refuse(hmi, unsupported_line);
-        return nullptr;
-    }
     const char* entrypath = get_entrypath(argv[0]);
     if (entrypath == nullptr) {
         trprintf("Error:command:unsupported command \"%s\"\n", argv[0]);
+        refuse(hmi, unsupported_line);
+        return nullptr;
+    }
+    if (fields > argument_max) {
+        trprintf("Error:command:too many arguments (%d, max=%d) \"%s\"\n", fields, argument_max, argv[0]);
         refuse(hmi, unsupported_line);
         return nullptr;
     }

@@ -89,6 +89,8 @@ TEST_F(Command, MoreThanFifteenWordsAreRefused) {
     EXPECT_EQ(do_command(nullptr, "m\t1\t2\t3\t4\t5\t6\t7\t8\t9\t1\t2\t3\t4\t5", 1), 0);
     EXPECT_EQ(do_command(nullptr, "m\t1\t2\t3\t4\t5\t6\t7\t8\t9\t1\t2\t3\t4\t5\t6", 1), -1);
     EXPECT_THAT(trace(), HasSubstr("Error:command:too many arguments (16, max=15) \"m\"\n"));
+    EXPECT_EQ(do_command(nullptr, "x\t1\t2\t3\t4\t5\t6\t7\t8\t9\t1\t2\t3\t4\t5\t6", 1), -1);  // not listed
+    EXPECT_THAT(trace(), HasSubstr("Error:command:unsupported command \"x\"\n"));
     EXPECT_EQ(read("calls"), "14\n");
 }
 
