@@ -22,7 +22,7 @@ namespace {
 constinit posix_mutex jobs_lock;
 job_table jobs GUARDED_BY(jobs_lock);
 
-// The version of the job file that was read last. Timer thread only.
+// The version of the job file at the last read. Timer thread only.
 file_identity job_file;
 
 // Set once by the timer thread after its first read.
@@ -109,6 +109,7 @@ void read_job_file(job_reading& reading) {
     if (file == nullptr) {
         trprintf("Error:timer:timer_job %s cannot open.(errno=%d)\n", st->timer_jobs_path, errno);
         publish_jobs(reading.table);
+        job_file = {};  // so that the same file, when it is put back, is read again
         return;
     }
     const file_identity identity = open_file_identity(file.get());

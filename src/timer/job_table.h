@@ -36,7 +36,7 @@ struct job_table {
 // threads see the old or the new table, never a part.
 void timer_read_jobs();
 
-// Returns the version of the job file at the last read that could open it. Timer thread only.
+// Returns the version of the job file at the last read; all zeros when that could not open it. Timer thread only.
 const file_identity& jobs_identity();
 
 // Copies the table. Any thread.

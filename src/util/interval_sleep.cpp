@@ -33,10 +33,10 @@ std::int64_t multiple_shown(const past_sleep& sleep, std::int64_t interval) {
 }
 
 // The rule: each multiple that the wall clock shows while the loop sleeps is returned once.
-// - The clock runs normally or is set forward: the sleep ends just after a multiple, and that one is returned. A
-//   multiple that the clock skipped was not shown.
-// - The clock is set back: the sleep ends before the multiple it was meant for. The last multiple before its end counts as
-//   shown, unless it is longer ago than the sleep lasted. So a minute that comes again after an hour runs again.
+// - The clock runs normally or is set forward: the last multiple before the end of the sleep is returned, even if the
+//   clock skipped it: the sleep does not tell. Others that the clock skipped are not returned.
+// - The clock is set back: the sleep ends before the multiple it was meant for. The last multiple before its end counts
+//   as shown, unless it is longer ago than the sleep lasted. So a minute that comes again after an hour runs again.
 // - The clock is set back a little, to before the multiple returned last: that multiple comes again, but is not
 //   returned again.
 // - The clock is slowed down: the sleep may end a little early, and the loop sleeps for the rest.
