@@ -1,11 +1,13 @@
 #include "fleet_watch.h"
 
 #include "changes.h"
+#include "connection.h"
 #include "fleet_view.h"
 #include "many_hosts.h"
 #include "options.h"
 #include "screen.h"
 #include "signals.h"
+#include "spool.h"
 #include "watch_view.h"
 
 #include <algorithm>
@@ -87,6 +89,7 @@ void fleet_watch::ended(std::size_t host, const answer_end& end) {
     host_row& row = rows_[host];
     state.asking = false;
     status_report report = parse_status(std::exchange(state.answer, {}));
+    const bool is_back = end.how == ending::over && (!row.known || !row.trouble.empty());
     if (end.how == ending::over) {
         if (!drawing_ && !row.trouble.empty()) {
             print(host, {now_date(), "connected"});
@@ -99,7 +102,16 @@ void fleet_watch::ended(std::size_t host, const answer_end& end) {
     }
     row.known = true;
     news_ = true;
-    take_report(host, report);
+    if (is_back) {
+        // While there was no connection, a check of this user may have been given messages.
+        const spool kept(endpoint_of(chosen_.hosts[host]));
+        kept.hand_over_with(report, [&](const status_report& both) {
+            take_report(host, both);
+            return true;
+        });
+    } else {
+        take_report(host, report);
+    }
     const std::chrono::seconds interval(chosen_.interval);
     state.due =
         clock::now() + (end.how == ending::login_refused ? std::max(login_retry, interval) : interval);

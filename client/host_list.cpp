@@ -1,5 +1,7 @@
 #include "host_list.h"
 
+#include "connection.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
@@ -42,6 +44,10 @@ bool add_host(std::string_view entry, std::uint16_t port, std::vector<host_name>
 }
 
 }  // namespace
+
+endpoint endpoint_of(const host_name& host) {
+    return {host.name, host.port, "", 0};
+}
 
 bool add_hosts(std::string_view list, std::uint16_t port, std::vector<host_name>& hosts,
                std::string& problem) {

@@ -8,11 +8,16 @@
 
 namespace client {
 
+struct endpoint;
+
 struct host_name {
     std::string label;       // as the operator wrote it; marks what the host says
     std::string name;        // name or IPv4 address
     std::uint16_t port = 0;  // host byte order
 };
+
+// The same as an endpoint without a limit of time or an address of our own.
+endpoint endpoint_of(const host_name& host);
 
 // Adds the hosts of a comma-separated list; one that is there already is not added again. false when an entry is
 // not name[:port]; problem then says which. port is for entries without one.

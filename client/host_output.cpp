@@ -25,8 +25,8 @@ std::string with_prefix(const std::string& prefix, std::string_view text, bool& 
 }  // namespace
 
 host_output::host_output(const std::vector<host_name>& hosts, bool prefixed, bool in_order, writer write,
-                         reporter report)
-    : prefixed_(prefixed), in_order_(in_order), write_(std::move(write)), report_(std::move(report)) {
+                         end_listener ended)
+    : prefixed_(prefixed), in_order_(in_order), write_(std::move(write)), ended_(std::move(ended)) {
     for (const host_name& host : hosts) {
         lanes_.push_back({host.label, true, false, "", {}});
     }
@@ -58,11 +58,9 @@ void host_output::write_waiting(lane& from) {
     from.waiting.drain([this](std::string_view text) { write_(text); });
 }
 
-void host_output::finish(lane& from) {
-    write_waiting(from);
-    if (!from.problem.empty()) {
-        report_(from.label, from.problem);
-    }
+void host_output::finish(std::size_t host) {
+    write_waiting(lanes_[host]);
+    ended_(host, lanes_[host].problem);
 }
 
 void host_output::end(std::size_t host, const std::string& problem) {
@@ -73,10 +71,10 @@ void host_output::end(std::size_t host, const std::string& problem) {
     from.ended = true;
     from.problem = problem;
     if (!in_order_) {
-        return finish(from);
+        return finish(host);
     }
     while (first_ < lanes_.size() && lanes_[first_].ended) {
-        finish(lanes_[first_++]);
+        finish(first_++);
         if (first_ < lanes_.size()) {
             write_waiting(lanes_[first_]);
         }
@@ -90,7 +88,7 @@ void host_output::stop_ordering() {
     for (; first_ < lanes_.size(); ++first_) {
         lane& from = lanes_[first_];
         if (from.ended) {
-            finish(from);
+            finish(first_);
             continue;
         }
         write_waiting(from);

@@ -14,12 +14,12 @@ namespace client {
 class host_output {
 public:
     using writer = std::function<void(std::string_view text)>;
-    using reporter = std::function<void(const std::string& label, const std::string& problem)>;
+    using end_listener = std::function<void(std::size_t host, const std::string& problem)>;
 
     // prefixed: each line begins with the host's label. in_order: a host's output waits until those before it have
-    // ended. write takes the output, report what went wrong, in that order too.
+    // ended. write takes the output. ended is called when all of a host's is written; problem: as given to end().
     host_output(const std::vector<host_name>& hosts, bool prefixed, bool in_order, writer write,
-                reporter report);
+                end_listener ended);
 
     void add(std::size_t host, std::string_view text);
 
@@ -40,14 +40,14 @@ private:
 
     void write_complete_lines(lane& from, std::string_view text);
     void write_waiting(lane& from);
-    void finish(lane& from);
+    void finish(std::size_t host);
 
     std::vector<lane> lanes_;
     bool prefixed_;
     bool in_order_;
     std::size_t first_ = 0;  // in order: the host that writes without waiting
     writer write_;
-    reporter report_;
+    end_listener ended_;
 };
 
 }  // namespace client

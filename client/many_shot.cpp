@@ -1,10 +1,12 @@
 #include "many_shot.h"
 
+#include "connection.h"
 #include "host_output.h"
 #include "json.h"
 #include "many_hosts.h"
 #include "options.h"
 #include "signals.h"
+#include "spool.h"
 #include "text.h"
 #include "words.h"
 
@@ -13,9 +15,11 @@
 #include <climits>
 #include <csignal>
 #include <cstdio>
+#include <memory>
 #include <poll.h>
 #include <system_error>
 #include <unistd.h>
+#include <utility>
 
 namespace client {
 
@@ -40,19 +44,25 @@ private:
     struct host_state {
         printable_text filter;
         std::string kept;  // JSON is made of the whole answer
+        bool answered = false;
         bool ended = false;
+        std::unique_ptr<waiting_messages> waiting;  // what checks were given; forgotten when all is written
     };
 
+    std::string take_waiting(std::size_t host);
     void take(std::size_t host, std::string_view text);
     void ended(std::size_t host, const answer_end& end);
+    void written(std::size_t host, const std::string& problem);
     void interrupt();
     void write(std::string_view text);
 
     const settings& chosen_;
     const json_writer convert_;
+    const bool is_status_;
     const bool terminal_ = isatty(STDOUT_FILENO) == 1;
     signal_watch signals_;
     bool interrupted_ = false;
+    bool cut_ = false;  // an interrupt has dropped output
     int exit_code_ = 0;
     std::vector<host_state> states_;
     host_output output_;
@@ -62,13 +72,12 @@ private:
 many_shot::many_shot(const settings& chosen, json_writer convert)
     : chosen_(chosen),
       convert_(std::move(convert)),
+      is_status_(chosen.words[0] == "status"),
       states_(chosen.hosts.size()),
       output_(
           chosen.hosts, convert_ == nullptr, !chosen.as_it_comes,
           [this](std::string_view text) { write(text); },
-          [](const std::string& label, const std::string& problem) {
-              std::fprintf(stderr, "schedctl: %s: %s\n", label.c_str(), problem.c_str());
-          }),
+          [this](std::size_t host, const std::string& problem) { written(host, problem); }),
       hosts_(chosen.hosts, chosen, chosen.parallel,
              {[this](std::size_t host, std::string_view text) { take(host, text); },
               [this](std::size_t host, const answer_end& end) { ended(host, end); }}) {}
@@ -90,12 +99,35 @@ void many_shot::write(std::string_view text) {
         }
         text.remove_prefix(piece.size());
     }
+    cut_ = cut_ || !text.empty();
+}
+
+// The messages that checks of this user were given by the host, as lines of an answer.
+std::string many_shot::take_waiting(std::size_t host) {
+    if (!is_status_) {
+        return "";
+    }
+    states_[host].waiting = spool(endpoint_of(chosen_.hosts[host])).take();
+    return states_[host].waiting != nullptr ? status_lines(states_[host].waiting->report()) : "";
+}
+
+void many_shot::written(std::size_t host, const std::string& problem) {
+    host_state& state = states_[host];
+    if (state.waiting != nullptr && !cut_) {
+        state.waiting->forget();
+    }
+    state.waiting.reset();
+    if (!problem.empty()) {
+        std::fprintf(stderr, "schedctl: %s: %s\n", chosen_.hosts[host].label.c_str(), problem.c_str());
+    }
 }
 
 void many_shot::take(std::size_t host, std::string_view text) {
     host_state& state = states_[host];
     if (convert_ == nullptr) {
-        output_.add(host, terminal_ ? state.filter.clean(text) : text);
+        const std::string lines =
+            (std::exchange(state.answered, true) ? "" : take_waiting(host)) + std::string(text);
+        output_.add(host, terminal_ ? state.filter.clean(lines) : lines);
         return;
     }
     state.kept += text;
@@ -116,8 +148,8 @@ void many_shot::ended(std::size_t host, const answer_end& end) {
     if (convert_ != nullptr) {
         // Messages are handed over once: those of an answer that broke off are shown all the same.
         const bool answered = end.how == ending::over || !state.kept.empty();
-        output_.add(host,
-                    host_json(chosen_.hosts[host].label, answered ? convert_(state.kept) : "", problem));
+        output_.add(host, host_json(chosen_.hosts[host].label,
+                                    answered ? convert_(take_waiting(host) + state.kept) : "", problem));
         state.kept = std::string();
     }
     output_.end(host, problem);

@@ -1,6 +1,5 @@
 #include "spool.h"
 
-#include "file_lock.h"
 #include "state_path.h"
 
 #include <cstdio>
@@ -12,6 +11,8 @@ namespace client {
 
 namespace {
 
+constexpr std::chrono::seconds longest_turn{
+    1};  // one that holds the lock for longer waits for its own reader
 constexpr const char* totals_format = "totals %lu %lu %lu %lu\n";
 
 // The file is an answer of `status` without conditions, behind one line of totals: messages keep their bytes.
@@ -40,6 +41,17 @@ void message_totals::add(const status_report& report) {
         ++(m.text.starts_with('E') ? error : m.text.starts_with('W') ? warning : info);
     }
     lost += report.lost;
+}
+
+waiting_messages::waiting_messages(std::string path, std::unique_ptr<file_lock> lock)
+    : path_(std::move(path)), lock_(std::move(lock)), content_(read_spool(path_)) {}
+
+void waiting_messages::forget() {
+    content_.waiting = {};
+    std::string problem;
+    if (!write_spool(path_, content_, problem)) {
+        std::fprintf(stderr, "schedctl: %s; the messages will be shown again\n", problem.c_str());
+    }
 }
 
 spool::spool(const endpoint& of) {
@@ -79,21 +91,32 @@ bool spool::append(const status_report& report, spool_content& kept, std::string
     return write_spool(path_, kept, problem);
 }
 
-void spool::hand_over(const std::function<bool(const status_report&)>& show) const {
+std::unique_ptr<waiting_messages> spool::take() const {
     if (path_.empty() || std::ifstream(path_).fail()) {
-        show({});
-        return;
+        return nullptr;
     }
-    const file_lock lock(path_ + ".lock");
-    spool_content content = read_spool(path_);
-    const bool is_empty = content.waiting.messages.empty() && content.waiting.lost == 0;
-    if (!show(content.waiting) || is_empty) {
-        return;
+    auto lock = std::make_unique<file_lock>(path_ + ".lock", std::chrono::steady_clock::now() + longest_turn);
+    if (!lock->held()) {
+        return nullptr;
     }
-    content.waiting = {};
-    std::string problem;
-    if (!write_spool(path_, content, problem)) {
-        std::fprintf(stderr, "schedctl: %s; the messages will be shown again\n", problem.c_str());
+    auto waiting = std::make_unique<waiting_messages>(path_, std::move(lock));
+    const status_report& report = waiting->report();
+    return report.messages.empty() && report.lost == 0 ? nullptr : std::move(waiting);
+}
+
+void spool::hand_over(const std::function<bool(const status_report&)>& show) const {
+    hand_over_with({}, show);
+}
+
+void spool::hand_over_with(status_report newer, const std::function<bool(const status_report&)>& show) const {
+    const std::unique_ptr<waiting_messages> waiting = take();
+    if (waiting != nullptr) {
+        const status_report& first = waiting->report();
+        newer.messages.insert(newer.messages.begin(), first.messages.begin(), first.messages.end());
+        newer.lost += first.lost;
+    }
+    if (show(newer) && waiting != nullptr) {
+        waiting->forget();
     }
 }
 

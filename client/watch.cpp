@@ -31,7 +31,6 @@ public:
 
 private:
     bool look(answer_end& end);
-    void take_with_kept(status_report& report);
     void take(const status_report& report);
     bool pause();
     bool left_by_key() const;
@@ -54,9 +53,13 @@ bool watch::look(answer_end& end) {
         if (!drawing_ && answered_ && !shown_.trouble.empty()) {
             print_line({now_date(), "connected"});
         }
-        status_report report = parse_status(text);
+        const status_report report = parse_status(text);
         if (!answered_ || !shown_.trouble.empty()) {
-            take_with_kept(report);
+            // While there was no connection, a check of this user may have been given messages.
+            spool(chosen_.where).hand_over_with(report, [this](const status_report& both) {
+                take(both);
+                return true;
+            });
         } else {
             take(report);
         }
@@ -73,16 +76,6 @@ bool watch::look(answer_end& end) {
     }
     shown_.trouble = describe(end);
     return true;
-}
-
-// While there was no connection, a check of this user may have been given messages.
-void watch::take_with_kept(status_report& report) {
-    spool(chosen_.where).hand_over([&](const status_report& waiting) {
-        report.messages.insert(report.messages.begin(), waiting.messages.begin(), waiting.messages.end());
-        report.lost += waiting.lost;
-        take(report);
-        return true;
-    });
 }
 
 void watch::take(const status_report& report) {

@@ -25,8 +25,8 @@ protected:
         first.write("hosts", "# all\n" + names[0] + "  # the first\n\n \t" + names[1] + "\r\n" + names[0] + "\n");
         first.write("secret", "geheim\n");
         first.write("wrong", "falsch\n");
-        start = "cd " + first.path("") + "; A=" + names[0] + "; B=" + names[1] + "; N=" + names[2] +
-                "; setsid -w timeout -s INT ";
+        start = "cd " + first.path("") + "; export XDG_STATE_HOME=$PWD/state; A=" + names[0] + "; B=" + names[1] +
+                "; N=" + names[2] + "; setsid -w timeout -s INT ";
         end = " 2>errors; code=$?; { cat out errors; echo $code; } | sed \"s/$A/A/; s/$B/B/; s/$N/N/\"";
     }
 

@@ -57,8 +57,11 @@ TEST_F(ClientMonitoring, MessagesOfCollectorsAreHandedOnOnce) {
     } cases[] = {
         {"one command", SCHEDCTL_BINARY " --json status"},
         {"plain", SCHEDCTL_BINARY " status"},
+        {"one command for several", SCHEDCTL_BINARY " -H 127.0.0.1,localhost:1 status"},
+        {"JSON of several", SCHEDCTL_BINARY " -H localhost:1,127.0.0.1 --json status"},
         {"a session", "echo status | " SCHEDCTL_BINARY},
         {"the live view", "timeout -s INT 2 " SCHEDCTL_BINARY " watch"},
+        {"the live view of several", "timeout -s INT 2 " SCHEDCTL_BINARY " -H 127.0.0.1,localhost:1 watch"},
         {"the follower", "timeout -s INT 2 " SCHEDCTL_BINARY " watch --json"},
     };
     for (const auto& c : cases) {
