@@ -12,15 +12,11 @@
 
 namespace {
 
-// Waits until the socket takes bytes. Returns false on failure, with ETIMEDOUT when end has passed.
+// Waits until the socket takes bytes. Returns false on failure and when end has passed.
 bool becomes_writable(const deadline& end, int soc) {
     pollfd writable{soc, POLLOUT, 0};
     const int left = end.left_ms();
-    if (left == 0) {
-        errno = ETIMEDOUT;
-        return false;
-    }
-    return poll(&writable, 1, left) >= 0 || errno == EINTR;
+    return left > 0 && (poll(&writable, 1, left) >= 0 || errno == EINTR);
 }
 
 }  // namespace
@@ -67,9 +63,7 @@ bool write_until(const deadline& end, int soc, std::string_view text) {
         if (sent >= 0) {
             text.remove_prefix(static_cast<std::size_t>(sent));
         } else if (errno != EINTR && (errno != EAGAIN || !becomes_writable(end, soc))) {
-            const int error = errno;
             shutdown(soc, SHUT_RDWR);
-            errno = error;
             return false;
         }
     }

@@ -45,7 +45,7 @@ private:
 };
 
 // Writes all of text to any stream socket. Waits for a peer that does not read, but only until end. Returns false when
-// not all could be written, with errno ETIMEDOUT when end has passed; the result may be ignored. The connection is then
-// shut down, since the peer would take the next text for the rest of this one. Takes no lock. Under com_lock, end is
-// reply_patience_ms away, for all writes together.
+// not all could be written; the result may be ignored. The connection is then shut down, since the peer would take the
+// next text for the rest of this one. Takes no lock. Under com_lock, end is reply_patience_ms away, for all writes
+// together.
 bool write_until(const deadline& end, int soc, std::string_view text);

@@ -27,7 +27,8 @@ constexpr std::int64_t receiver_patience_ms = 10'000;  // for the connection and
 // A write to a receiver that has closed fails without a trace line. A receiver that stops reading would block this
 // connection for ever, so its stream is given up: the next writes fail at once.
 void put(int fd, std::string_view text) {
-    if (!write_until(deadline(receiver_patience_ms), fd, text) && errno == ETIMEDOUT) {
+    const deadline end(receiver_patience_ms);
+    if (!write_until(end, fd, text) && end.left_ms() == 0) {
         trprintf("Error:res_data:receiver does not read, stream given up after %d s\n",
                  static_cast<int>(receiver_patience_ms / 1000));
     }

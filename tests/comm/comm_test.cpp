@@ -108,7 +108,6 @@ TEST_F(Comm, WriteToAPeerThatDoesNotReadWaitsUntilItsDeadlineAndNoLonger) {
     while (send(mine.get(), filler.data(), filler.size(), MSG_DONTWAIT) > 0) {}
     const std::int64_t start = monotonic_ms();
     EXPECT_FALSE(write_until(deadline(50), mine.get(), "late"));
-    EXPECT_EQ(errno, ETIMEDOUT);
     EXPECT_GE(monotonic_ms() - start, 50);
     std::size_t length = 0;
     for (ssize_t got = 1; got > 0; length += static_cast<std::size_t>(got))
