@@ -1,4 +1,4 @@
-// The check of a configuration: each line that the daemon would drop or misread is found, and nothing else.
+// schedcheck: it finds each line that the daemon would drop or misread, and no other line.
 #include "check/job_runs.h"
 #include "e2e/harness.h"
 #include "timer/job_field.h"
@@ -28,8 +28,8 @@ result schedcheck(const Suite& suite, const std::string& arguments, const std::s
 
 constexpr const char* hash = "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef";
 
-// The lines of each file follow one another; a line without findings prepares the next one.
-TEST(Check, EveryLineOfABadConfiguration) {
+// The lines are added to their files in this order; a line without findings prepares the next one.
+TEST(Check, NamesEachBadLineAndNoGoodOne) {
     Suite suite;
     suite.write("bin/plain", "");
     suite.write("config/vgd_modules", "");
@@ -133,7 +133,7 @@ TEST(Check, EveryLineOfABadConfiguration) {
     EXPECT_EQ(got.code, 1);
 }
 
-TEST(Check, TablesThatAreFull) {
+TEST(Check, NamesLinesThatDoNotFitInATable) {
     Suite suite;
     suite.write("config/timer_jobs", repeated(31, "0 3 * * * m\n"));
     std::string list = "m parts - 0\n";
@@ -146,7 +146,7 @@ TEST(Check, TablesThatAreFull) {
                   suite.path("data/password:3: what follows the hash and the salt is ignored\n"));
 }
 
-TEST(Check, ShippedExamplesAreCleanAndTheirRunsArePrinted) {
+TEST(Check, ShippedExamplesAreCleanAndTheirNextRunsArePrinted) {
     Suite suite;
     const result clean =
         schedcheck(suite, "--next 2 --config " SCHED_EXAMPLES "/config", "VGD_bin=" SCHED_EXAMPLES "/bin");
@@ -158,7 +158,7 @@ TEST(Check, ShippedExamplesAreCleanAndTheirRunsArePrinted) {
                                         "[-0-9]+T04:00:00\\+0000: devconf check\n){2}"));
 }
 
-TEST(Check, WhatCannotBeRead) {
+TEST(Check, UnreadableFilesAndWrongUseEndWithAMessage) {
     Suite suite;
     mkdir(suite.path("empty").c_str(), 0700);
     suite.write("list", "");
@@ -173,11 +173,11 @@ TEST(Check, WhatCannotBeRead) {
         {"no directory named", "", "", 2, "--config"},
         {"no such directory", "--config " + suite.path("none"), "", 2, "none: No such file"},
         {"no lists", "--config " + suite.path("empty"), "", 2, "vgd_modules: No such file"},
-        {"a directory in a file's place", "--config " + suite.path("config"), "", 2, "pvo.ini: not a regular file"},
+        {"a directory in place of a file", "--config " + suite.path("config"), "", 2, "pvo.ini: not a regular file"},
         {"files by their variables", "--config " + suite.path("empty"),
          "VGD_modules_path=" + suite.path("list") + " VGD_timer_jobs_path=" + suite.path("list"), 0, ""},
         {"a directory from the environment", "", "VGD_config=" + suite.path("none"), 2, "none: No such file"},
-        {"a number that is none", "--next x", "VGD_config=" + suite.path("config"), 2, "--next"},
+        {"not a number", "--next x", "VGD_config=" + suite.path("config"), 2, "--next"},
     };
     for (const auto& c : cases) {
         const result got = schedcheck(suite, c.arguments, c.variables);
@@ -186,8 +186,8 @@ TEST(Check, WhatCannotBeRead) {
     }
 }
 
-// Local minutes that daylight saving leaves out do not come, and those that it repeats come twice.
-TEST(Check, NextRuns) {
+// A job does not run in local minutes that daylight saving time skips, and runs twice in those that it repeats.
+TEST(Check, NextRunsSkipAndRepeatMinutesWithDaylightSavingTime) {
     constexpr const char* berlin = "CET-1CEST,M3.5.0,M10.5.0/3";
     const struct {
         const char* name;

@@ -1,4 +1,4 @@
-// The operator's tools in pipes and scripts: output byte for byte, exit codes, JSON, the password file.
+// schedctl and schedpasswd in pipes and scripts: output byte for byte, exit codes, JSON, the password file.
 #include "e2e/harness.h"
 
 #include <gmock/gmock.h>
@@ -19,7 +19,7 @@ struct result {
     std::string err;
 };
 
-// A command line of the shell, without a terminal that could be asked for a password.
+// Runs a shell command without a terminal, so that no password can be typed.
 result run(const Suite& suite, const std::string& command, const std::string& input = "") {
     suite.write("in", input);
     const std::string full = "VGD_data=" + suite.path("data") + " SCHED_PORT=" + std::to_string(suite.port) +
@@ -53,7 +53,7 @@ esac
     Suite suite;
 };
 
-TEST_F(ClientPipe, ExitCodesAndMessages) {
+TEST_F(ClientPipe, ExitCodeAndMessageTellEachFailure) {
     suite.write("wrong", "falsch\n");
     suite.write("config/common.ini", "[sched]\nallowed_ip_address = 127.0.0.2, 10.0.0.0/8\n");
     ASSERT_EQ(run(suite, SCHEDPASSWD_BINARY " --stdin", "geheim\n").code, 0);
@@ -63,7 +63,7 @@ TEST_F(ClientPipe, ExitCodesAndMessages) {
         std::string arguments;
         int code;
         std::string out;
-        std::string err;  // a part of it; empty: nothing is said
+        std::string err;  // a part of it; empty: no message
     } cases[] = {
         {"parts status", 0, "", ""},
         {"odd exit 7", 7, "", ""},
@@ -82,7 +82,7 @@ TEST_F(ClientPipe, ExitCodesAndMessages) {
         {"-b 198.51.100.1 status", 205, "", "198.51.100.1: Cannot assign"},
         {"-b elsewhere status", 200, "", "schedctl: --bind: "},
         {"restart", 200, "", "restart wants the word sched"},
-        {"lock", 0, "", ""},  // and given back with the connection
+        {"lock", 0, "", ""},  // the end of the connection releases it
         {"unlock", 201, "", "not held"},
         {"quit", 0, "", ""},
         {"1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16", 200, "", "more than 15 words"},
@@ -128,8 +128,8 @@ TEST_F(ClientPipe, ExitCodesAndMessages) {
     EXPECT_EQ(suite.wait_exit(), 0);
 }
 
-// Output that resembles the scheduler's own words, line ends of all kinds, and pieces at awkward places.
-TEST_F(ClientPipe, OutputByteForByte) {
+// Output that looks like the end of an answer, line ends of all kinds, and pieces that split such words.
+TEST_F(ClientPipe, OutputIsThatOfTheModuleByteForByte) {
     suite.start();
     const struct {
         std::string arguments;
@@ -150,7 +150,7 @@ TEST_F(ClientPipe, OutputByteForByte) {
         EXPECT_EQ(got.code, 0) << got.err;
         EXPECT_TRUE(got.out == c.out) << c.arguments << " gave " << got.out.substr(0, 300);
     }
-    // Output comes while the module still runs, and a reader that goes away ends the client as it ends any filter.
+    // Output appears while the module still runs, and the client ends when its reader ends.
     const std::string go = suite.path("go");
     const std::string command = "SCHED_PORT=" + std::to_string(suite.port) + " " SCHEDCTL_BINARY " ";
     FILE* const pipe = popen((command + "odd wait " + go).c_str(), "re");
@@ -162,7 +162,7 @@ TEST_F(ClientPipe, OutputByteForByte) {
     EXPECT_EQ(shell(command + "odd many | head -n 1"), "1\n");
 }
 
-TEST_F(ClientPipe, CommandsFromAPipe) {
+TEST_F(ClientPipe, CommandsFromAPipeRunInOrderAndTheLastGivesTheExitCode) {
     suite.start();
     const result got = ctl(suite, "", "odd args 'a  b' \"c'd\" e\n\nodd 'open\nfly\nipset 300.1.1.1\nodd exit 4\n");
     EXPECT_EQ(got.code, 4);
@@ -174,8 +174,8 @@ TEST_F(ClientPipe, CommandsFromAPipe) {
     EXPECT_THAT(nobody.err, MatchesRegex("schedctl: no connection[^\n]*\n"));
 }
 
-// A closed descriptor is not given to the socket, where a module's output would be read as commands.
-TEST_F(ClientPipe, OutputThatCannotBeWritten) {
+// The socket must not get the number of a closed standard descriptor: output would go to the scheduler as commands.
+TEST_F(ClientPipe, OutputThatCannotBeWrittenIsReported) {
     ASSERT_EQ(run(suite, SCHEDPASSWD_BINARY " --stdin", "geheim\n").code, 0);
     suite.start();
     const std::string inject = SCHEDCTL_BINARY R"( odd text "parts\tclear\rx\n")";
@@ -202,7 +202,7 @@ TEST_F(ClientPipe, OutputThatCannotBeWritten) {
     EXPECT_EQ(suite.calls(), "parts status");
 }
 
-TEST_F(ClientPipe, Json) {
+TEST_F(ClientPipe, JsonHasEveryFieldAndIsValidForAnyText) {
     suite.listed("shown odd yes 0");
     suite.listed("spare odd yes 0");
     suite.write("config/timer_jobs", "0,59,60 3 1,31 2,12 * diag\tsay \"x\"\n62 23 * * 0,6 parts\n");
@@ -246,7 +246,7 @@ TEST_F(ClientPipe, Json) {
     Client holder = suite.client("127.0.0.9");
     holder.ask("hello\ta user=b login=c");
     ASSERT_EQ(holder.ask("lock"), "__over__ 0 0\r\n");
-    nlohmann::json shown;  // by then the connection of the status command has gone, sooner or later
+    nlohmann::json shown;  // until the connection of the earlier command has ended
     ASSERT_TRUE(wait_until([&] {
         shown = nlohmann::json::parse(ctl(suite, "-u me show ip --json").out)["connections"];
         return shown.size() == 2;
@@ -259,7 +259,7 @@ TEST_F(ClientPipe, Json) {
     EXPECT_EQ(shown[mine]["user"], "me");
 }
 
-TEST_F(ClientPipe, PasswordFileAndLogin) {
+TEST_F(ClientPipe, PasswordFileIsWrittenWholeAndOnlyItsPasswordLogsIn) {
     const std::string file = suite.path("data/password");
     ASSERT_EQ(run(suite, SCHEDPASSWD_BINARY " --stdin", " s\xc3\xa4lz\t\r\n").code, 0);
     const std::string first = suite.read("data/password");
@@ -277,10 +277,10 @@ TEST_F(ClientPipe, PasswordFileAndLogin) {
                  {"--check --stdin", "s\xc3\xa4lz\n", 1},
                  {"--check --stdin", "", 2},
                  {"--check --stdin", std::string(512, 'x') + "\r\n", 1},
-                 {"--check --stdin", std::string(513, 'x') + "\n", 2},  // more than can be typed
+                 {"--check --stdin", std::string(513, 'x') + "\n", 2},  // longer than can be typed
                  {"--check --stdin " + suite.path("config/vgd_modules"), "x\n", 2},
                  {"--stdin", "\n", 2},
-                 {"", "x\n", 2},  // no terminal to ask at
+                 {"", "x\n", 2},  // no terminal
                  {"--stdin " + suite.path("no/where"), "x\n", 2},
                  {"--stdin " + suite.path("link"), "x\n", 2},                        // a symbolic link is not replaced,
                  {"--check --stdin " + suite.path("link"), " s\xc3\xa4lz\t\n", 0}};  // but read

@@ -1,4 +1,4 @@
-// The operator's tools at a real pseudo-terminal: session, live view, password prompts.
+// schedctl and schedpasswd at a pseudo-terminal: session, live view, password prompts.
 #include "e2e/harness.h"
 
 #include <csignal>
@@ -50,9 +50,9 @@ public:
         return tcgetattr(fd_, &now) == 0 && (now.c_lflag & ECHO) != 0;
     }
 
-    // Keys that mean something only to a program that reads them one by one: it has switched the echo off by then.
+    // Types keys once the program reads single keys, which it does with the echo off.
     void press(const std::string& keys) const {
-        EXPECT_TRUE(wait_until([&] { return !echoes(); })) << "it does not wait for a key";
+        EXPECT_TRUE(wait_until([&] { return !echoes(); })) << "the program does not read single keys";
         type(keys);
     }
 
@@ -66,7 +66,7 @@ public:
         return shown_.find(text) != std::string::npos;
     }
 
-    // Waits for the text and returns what was shown up to and with it; at the end of the program all of the rest.
+    // Waits for the text and returns the output up to and including it; all of the output when the program has ended.
     std::string expect(const std::string& text) {
         std::size_t at = std::string::npos;
         const bool found = wait_until([&] {
@@ -95,7 +95,7 @@ public:
     }
 
 private:
-    // After a failure nothing is worth waiting for.
+    // After a failure no further wait makes sense.
     bool over() const { return ended_ || testing::Test::HasFailure(); }
 
     void read_more() {
@@ -124,7 +124,7 @@ split) printf 'm\303'; sleep 0.1; printf '\244r\n' ;;
 wait) echo begin; while [ ! -e "$2" ]; do sleep 0.02; done; yes | head -c 300000 ;;
 esac
 )");
-        suite.listed("oddity odd yes 60");  // the listing shows it, so it can be completed
+        suite.listed("oddity odd yes 60");  // listed words can be completed
         shell("printf 'geheim\\n' | " SCHEDPASSWD_BINARY " --stdin " + suite.path("data/password"));
         suite.start();
         prompt = "127.0.0.1:" + std::to_string(suite.port) + "> ";
@@ -134,8 +134,8 @@ esac
     std::string prompt;
 };
 
-TEST_F(ClientTerminal, Session) {
-    // More lines than the file may keep, and two sessions that end one after the other.
+TEST_F(ClientTerminal, SessionCompletesShowsControlCharactersAndKeepsItsHistory) {
+    // The file has more lines than are kept, and two sessions end one after the other.
     shell("mkdir -p " + suite.path("state/schedctl"));
     suite.write("state/schedctl/history", "_HiStOrY_V2_\n" + repeated(30000, "an\\040old\\040line\n"));
     Terminal other(suite, {SCHEDCTL_BINARY});
@@ -151,7 +151,7 @@ TEST_F(ClientTerminal, Session) {
     screen.expect("m\xc3\xa4r\r\n");
     screen.type("no such\n");
     screen.expect("[unsupported");
-    screen.press("modcntl oddity o\tff\n");  // "on" or "off": the key lists both
+    screen.press("modcntl oddity o\tff\n");  // the key lists "on" and "off"
     screen.expect("on  off");
     screen.expect(prompt);
     screen.type("oddity text x\n");
@@ -170,7 +170,7 @@ TEST_F(ClientTerminal, Session) {
 
     Terminal named(suite, {SCHEDCTL_BINARY, "-u", "otto"});
     named.expect("otto@" + prompt);
-    named.press("\x1b[A\x1b[A\n");  // the last line of the first session, behind that of the other
+    named.press("\x1b[A\x1b[A\n");  // the last line of the first session, before that of the other
     named.expect("user=otto");
     named.type("quit\n");
     EXPECT_EQ(named.wait_exit(), 0);
@@ -181,10 +181,10 @@ TEST_F(ClientTerminal, Session) {
     piped.expect("answer\r\n");
 }
 
-TEST_F(ClientTerminal, InterruptedWait) {
+TEST_F(ClientTerminal, InterruptEndsTheWaitAndTheSessionGoesOn) {
     Terminal screen(suite, {SCHEDCTL_BINARY});
     screen.expect(prompt);
-    // The answer that is given up comes while the next line is being typed, and is dropped.
+    // The rest of the answer arrives while the next line is typed, and is dropped.
     screen.type("odd wait " + suite.path("go1") + "\n");
     screen.expect("begin\r\n");
     screen.type("\x03");
@@ -195,7 +195,7 @@ TEST_F(ClientTerminal, InterruptedWait) {
     EXPECT_EQ(screen.expect("(the answer given up earlier is complete)").find("y\r\ny"), std::string::npos);
     screen.type("tus\n");
     screen.expect("confdate");
-    // Given up twice: the connection goes, and the session goes on with a new one.
+    // A second interrupt closes the connection, and the session goes on with a new one.
     screen.type("odd wait " + suite.path("go2") + "\n");
     screen.expect("begin\r\n");
     screen.type("\x03");
@@ -207,7 +207,7 @@ TEST_F(ClientTerminal, InterruptedWait) {
     screen.type("status\n");
     screen.expect("confdate");
     suite.write("go2", "");
-    // The scheduler goes away and comes back.
+    // The scheduler ends and is started again.
     screen.expect(prompt);
     suite.stop();
     screen.expect("(the scheduler closed the connection)");
@@ -218,8 +218,8 @@ TEST_F(ClientTerminal, InterruptedWait) {
     screen.expect("confdate");
 }
 
-// The scheduler is stopped, so connections are made and nothing answers.
-TEST_F(ClientTerminal, StalledScheduler) {
+// The scheduler is stopped by a signal: the kernel accepts connections, and no answer comes.
+TEST_F(ClientTerminal, StalledSchedulerEndsInATimeOut) {
     const pid_t frozen = suite.scheduler();
     kill(frozen, SIGSTOP);
     const auto start = std::chrono::steady_clock::now();
@@ -233,7 +233,7 @@ TEST_F(ClientTerminal, StalledScheduler) {
     session.type("quit\n");
     EXPECT_EQ(session.wait_exit(), 0);
 
-    // Signals that come all the time do not prolong a time-out.
+    // Signals that keep coming do not prolong a time-out.
     Terminal resized(suite, {SCHEDCTL_BINARY, "-t", "2"});
     resized.expect(prompt);
     resized.type("odd wait " + suite.path("never") + "\n");
@@ -245,12 +245,12 @@ TEST_F(ClientTerminal, StalledScheduler) {
     }));
 }
 
-TEST_F(ClientTerminal, Login) {
+TEST_F(ClientTerminal, PasswordsAreAskedAgainAndNeverShown) {
     Terminal screen(suite, {SCHEDCTL_BINARY});
     screen.expect(prompt);
     screen.type("ipset 10.0.0.5\nshow ip\n");
     std::string seen;
-    for (const char* given : {"\x03", "falsch\n"}) {  // given up, wrong
+    for (const char* given : {"\x03", "falsch\n"}) {  // interrupted, wrong
         seen += screen.expect("Password for 127.0.0.1: ");
         screen.press(given);
         seen += screen.expect("[login refused: ");
@@ -276,7 +276,7 @@ TEST_F(ClientTerminal, Login) {
     }
 }
 
-TEST_F(ClientTerminal, Watch) {
+TEST_F(ClientTerminal, WatchShowsChangesReconnectsAndRestoresTheTerminal) {
     Terminal screen(suite, {SCHEDCTL_BINARY, "watch", "-n", "1"});
     screen.expect("confdate ");
     suite.event("E0101:fan \x1b[31m 3 stopped\n");
@@ -295,7 +295,7 @@ TEST_F(ClientTerminal, Watch) {
     screen.expect("no connection");
     suite.start();
     while (screen.expect("Messages: 4").find("no connection") != std::string::npos) continue;
-    screen.press("typed\x1a");  // not shown; Ctrl-Z gives the terminal back, and here nothing stops the job
+    screen.press("typed\x1a");  // not shown; Ctrl-Z restores the terminal, and the job goes on here
     EXPECT_EQ(screen.expect("\x1b[?1049l").find("typed"), std::string::npos);
     screen.expect("\x1b[?1049h");
     screen.press("q");
@@ -304,7 +304,7 @@ TEST_F(ClientTerminal, Watch) {
     EXPECT_TRUE(screen.echoes());
     EXPECT_TRUE(in_order(rest, {"\x1b[?1049l", "E0101:fan \\x1b[31m 3 stopped\r\n"}));
 
-    Terminal plain(suite, {SCHEDCTL_BINARY, "watch", "-n", "1"}, "dumb");
+    Terminal plain(suite, {SCHEDCTL_BINARY, "-t", "2", "watch", "-n", "1"}, "dumb");
     plain.expect("condition confdate set\r\n");
     suite.event("E0102:one\n");
     std::string shown = plain.expect("message E0102:one\r\n");
@@ -312,7 +312,7 @@ TEST_F(ClientTerminal, Watch) {
     Client other = suite.client();
     other.ask("parts\tclear");
     shown = plain.expect("condition error cleared\r\n");
-    EXPECT_EQ(shown.find("confdate"), std::string::npos);  // what has not changed is not repeated
+    EXPECT_EQ(shown.find("confdate"), std::string::npos);  // only changes are shown
     const pid_t frozen = suite.scheduler();
     kill(frozen, SIGSTOP);
     plain.expect("disconnected: no answer in time");
@@ -324,7 +324,7 @@ TEST_F(ClientTerminal, Watch) {
     EXPECT_EQ(plain.wait_exit(), 0);
 }
 
-TEST_F(ClientTerminal, WatchOfSeveralHosts) {
+TEST_F(ClientTerminal, WatchOfSeveralHostsCountsSortsAndFilters) {
     Suite second;
     second.start();
     const std::string a = "127.0.0.1:" + std::to_string(suite.port);
