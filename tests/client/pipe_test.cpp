@@ -261,6 +261,8 @@ TEST_F(ClientPipe, JsonHasEveryFieldAndIsValidForAnyText) {
 
 TEST_F(ClientPipe, PasswordFileIsWrittenWholeAndOnlyItsPasswordLogsIn) {
     const std::string file = suite.path("data/password");
+    const uid_t owner = geteuid() == 0 ? 12345 : geteuid();
+    EXPECT_EQ(chown(suite.path("data").c_str(), owner, static_cast<gid_t>(-1)), 0);
     ASSERT_EQ(run(suite, SCHEDPASSWD_BINARY " --stdin", " s\xc3\xa4lz\t\r\n").code, 0);
     const std::string first = suite.read("data/password");
     ASSERT_THAT(first, testing::MatchesRegex("[0-9a-f]{64} [0-9A-Za-z]{8}\n"));
@@ -268,6 +270,7 @@ TEST_F(ClientPipe, PasswordFileIsWrittenWholeAndOnlyItsPasswordLogsIn) {
     struct stat info {};
     ASSERT_EQ(stat(file.c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 07777U, 0600U);
+    EXPECT_EQ(info.st_uid, owner);  // of the directory, although root wrote the file
 
     const struct {
         std::string arguments;

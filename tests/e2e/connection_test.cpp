@@ -1,5 +1,8 @@
 #include "e2e/harness.h"
 
+#include <netinet/tcp.h>
+#include <sys/syscall.h>
+
 namespace e2e {
 
 TEST(Connection, LinesAreCutJoinedAndAnsweredWhateverThePiecesAre) {
@@ -49,7 +52,7 @@ TEST(Connection, LinesAreCutJoinedAndAnsweredWhateverThePiecesAre) {
 TEST(Connection, QuitClosesOnlyItsOwnConnectionAndWithoutAReset) {
     Suite suite;
     suite.start();
-    for (int round = 0; round < 40; round++) {
+    for (int round = 0; round < 40 && !testing::Test::HasFailure(); round++) {
         Client leaving = suite.client();
         leaving.send("quit\r\nstatus\r\n");  // unread bytes must not turn the close into a reset
         Client coming = suite.client();
@@ -59,6 +62,31 @@ TEST(Connection, QuitClosesOnlyItsOwnConnectionAndWithoutAReset) {
     suite.expect_trace({"Info:hmi(127.0.0.1:", ") is coming\n", " is spawned for hmi(127.0.0.1)\n",
                         "close the HMI(127.0.0.1) by quit command.\n", "hmi(127.0.0.1) is gone.\n"});
     EXPECT_FALSE(suite.traced("Error:comm:shutdown"));
+}
+
+// Without TCP_NODELAY every second line of an answer waits 40 ms for an acknowledgement; without SO_KEEPALIVE the
+// operator of a dead host keeps its place.
+TEST(Connection, SocketsOfOperatorsSendAtOnceAndFindDeadHosts) {
+    Suite suite;
+    suite.start();
+    Client client = suite.client();
+    EXPECT_EQ(client.ask("nosuch"), unsupported);
+    const unique_fd daemon(static_cast<int>(syscall(SYS_pidfd_open, suite.pid, 0)));
+    int connections = 0;
+    for (int number = 3; number < 64; number++) {
+        const unique_fd socket(static_cast<int>(syscall(SYS_pidfd_getfd, daemon.get(), number, 0)));
+        sockaddr_in peer{};
+        socklen_t size = sizeof peer;
+        if (!socket || getpeername(socket.get(), reinterpret_cast<sockaddr*>(&peer), &size) != 0) continue;
+        connections++;
+        for (const auto& [level, option] : {std::pair{IPPROTO_TCP, TCP_NODELAY}, std::pair{SOL_SOCKET, SO_KEEPALIVE}}) {
+            int on = 0;
+            size = sizeof on;
+            EXPECT_EQ(getsockopt(socket.get(), level, option, &on, &size), 0);
+            EXPECT_EQ(on, 1) << option;
+        }
+    }
+    EXPECT_EQ(connections, 1);
 }
 
 // Commands that run after a module command, and the marks that they set and clear.

@@ -12,6 +12,7 @@
 namespace unit {
 
 struct Util : Scratch {
+    static int lowest_free_descriptor() { return unique_fd(dup(STDERR_FILENO)).get(); }
     static std::string iso_text(std::time_t when) {
         char text[iso_size];
         const int length = date2iso8601(when, text);
@@ -43,6 +44,7 @@ TEST_F(Util, IniReaderTakesTheFirstValueOfTheKeyInItsSection) {
         {"rest of a longer line is a comment", "[s]\nb=" + fill + "#a=2\n", {}},
         {"rest of a longer comment is a section", "#=" + fill + "[s]\na=2\n", "2"},
     };
+    const int free = lowest_free_descriptor();
     for (const auto& row : cases) {
         SCOPED_TRACE(row);
         write("config/t.ini", row.given);
@@ -50,6 +52,7 @@ TEST_F(Util, IniReaderTakesTheFirstValueOfTheKeyInItsSection) {
         EXPECT_EQ(value != nullptr ? std::optional<std::string>(value) : std::nullopt, row.wanted);
     }
     EXPECT_EQ(read_ini_file("missing.ini", "[s]", "a"), nullptr);
+    EXPECT_EQ(lowest_free_descriptor(), free);
 }
 
 TEST_F(Util, IniReadsOfSeveralThreadsDoNotMix) {
