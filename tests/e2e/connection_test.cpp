@@ -1,5 +1,6 @@
 #include "e2e/harness.h"
 
+#include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/syscall.h>
 
@@ -79,7 +80,8 @@ TEST(Connection, SocketsOfOperatorsSendAtOnceAndFindDeadHosts) {
         socklen_t size = sizeof peer;
         if (!socket || getpeername(socket.get(), reinterpret_cast<sockaddr*>(&peer), &size) != 0) continue;
         connections++;
-        for (const auto& [level, option] : {std::pair{IPPROTO_TCP, TCP_NODELAY}, std::pair{SOL_SOCKET, SO_KEEPALIVE}}) {
+        const std::pair<int, int> options[] = {{IPPROTO_TCP, TCP_NODELAY}, {SOL_SOCKET, SO_KEEPALIVE}};
+        for (const auto& [level, option] : options) {
             int on = 0;
             size = sizeof on;
             EXPECT_EQ(getsockopt(socket.get(), level, option, &on, &size), 0);
