@@ -171,7 +171,7 @@ TEST(Events, BurstOfSeveralWritersLosesNoLogLineAndIsCountedForEachOperator) {
     constexpr int lines = 2500;
     Suite suite;
     std::vector<Client> clients = start_with_a_slow_module(suite);
-    // The event thread waits for the module lock first: what is written meanwhile stays in the pipe.
+    // The event thread waits for the module lock before it reads on, so later lines stay in the pipe.
     suite.event("I0008:waits\n");
     std::vector<std::thread> threads;
     for (int writer = 0; writer < writers; writer++)

@@ -43,8 +43,8 @@ TEST(Forwarding, DatagramHasTheSourceAddressGivenAndItsTextIsCut) {
         const std::string& payload = row.wanted;
         EXPECT_EQ(client.ask("send\t" + row.given), over);
         std::string packet = datagram_to(raw, suite.port);
-        for (const std::size_t systems : {2, 3, 4, 5, 10, 11})  // length, identification and checksum
-            packet.at(systems) = '?';
+        for (const std::size_t position : {2, 3, 4, 5, 10, 11})  // the system sets length, identification and checksum
+            packet.at(position) = '?';
         EXPECT_EQ(packet, "\x45\0????\0\0\xff\x11??\x7f\0\0\x05\x7f\0\0\x01\0\0"s + two_bytes(suite.port) +
                               two_bytes(static_cast<int>(payload.size()) + 8) + "\0\0"s + payload);
         suite.await_trace("succeed to send data.(len=" + std::to_string(payload.size()) + ")\n");

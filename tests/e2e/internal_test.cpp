@@ -105,7 +105,8 @@ TEST(Internal, DumpShowsEachOperatorAndItsQueueFromTheOldestMessage) {
     const std::string queue = "q#0:SB:\"W0000:1\"\r\n   (DATE)\r\nq#1:SB:\"W0000:2\"\r\n   (DATE)\r\n";
     std::string full = "hmi#0 flag=1\r\n" + first + queue + "hmi#1 flag=1\r\n" + second + queue;
     for (int i = 2; i < 32; i++) full += "hmi#" + std::to_string(i) + " flag=0\r\n";
-    EXPECT_EQ(dump("") + dump("\tALL"), repeated(2, first + second + over));
+    EXPECT_EQ(dump(""), first + second + over);
+    EXPECT_EQ(dump("\tALL"), first + second + over);
     EXPECT_EQ(dump("\tall"), full + over);
     EXPECT_THAT(client.ask("debug\thmi"), HasSubstr("last_status=1970/01/01 00:00:00\r\n"));
     EXPECT_EQ(suite.status(client), status_answer("", "DATE;W0000:1\r\nDATE;W0000:2\r\n"));

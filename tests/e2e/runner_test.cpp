@@ -59,7 +59,7 @@ TEST(Runner, OutputArrivesByteForByteAndEachEndIsReported) {
                         " end. status=9\n"});
 }
 
-// With each limit of descriptors.
+// With a small, a usual and the highest limit of descriptors.
 TEST(Runner, ModuleInheritsNoDescriptorOfOursAndHasItsSignalsSessionAndEnvironment) {
     for (const unsigned long limit : {40UL, 1024UL, std::stoul(shell("ulimit -H -n"))}) {
         SCOPED_TRACE(limit);

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# completion.sh DIR SCHEDCTL: bash, zsh and fish offer what a line calls for, with the files of DIR, and the list that
-# these are made from has every option of schedctl.
+# completion.sh DIR SCHEDCTL: with the files of DIR, bash, zsh and fish offer the right words for a line, and the list
+# that these files are made from has every option of schedctl.
 # shellcheck disable=SC2317 # the functions of the shells are called by name
 set -euo pipefail
 files=$1 schedctl=$2
@@ -12,7 +12,7 @@ trap 'rm -rf "$dir"' EXIT
 cd "$dir"
 bad=0
 
-# A schedctl with two modules; it says on which port it was asked.
+# A schedctl with two modules, and with another one on port 9981.
 cat >schedctl <<'END'
 #!/bin/sh
 case "$*" in *'-p 9981'*) echo 'far on' ;; *) printf 'parts on\nslow off\n' ;; esac
@@ -28,7 +28,7 @@ of_bash() {
 of_fish() {
     fish -c "source $files/schedctl.fish; complete -C '$1'" | cut -f 1
 }
-# A zsh of its own on a terminal, whose completion prints what it would offer.
+# Runs zsh on a terminal; its completion prints what it offers.
 of_zsh() {
     cat >script <<'END'
 zmodload zsh/zpty
@@ -54,7 +54,7 @@ END
     zsh -f script "$files" "$1" | tr -d '\r' | sed '/<end>/,$d'
 }
 
-# offers LINE WANTED...: all three shells offer these for the line, and perhaps more.
+# offers LINE WANTED...: all three shells offer at least these words for the line.
 offers() {
     local line=$1 shell got word
     shift
@@ -76,7 +76,7 @@ offers 'schedctl debug hmi ' all
 offers 'schedctl show ' ip allowed_ip
 offers 'schedctl --password-file a' afile
 
-# Every option that the help shows is offered, those of the words that have some as well.
+# Every option of the help is offered, including those of single commands.
 for word in '' $("$schedctl" --help | sed -n '/^Subcommands:/,/^$/s/^  \([a-z]*\) .*/\1/p'); do
     for option in $("$schedctl" ${word:+$word} --help | sed -nE 's/^  (-[A-Za-z],)?(--[a-z-]+).*/\2/p'); do
         of_bash "schedctl ${word:+$word }$option" | grep -qxe "$option" || { echo "not in the list: $word $option"; bad=1; }

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# manual_examples.sh SCHED SCHEDCHECK SUITE PAGE...: what the manual pages show as files, events and conversations is what the
-# scheduler reads, does and answers. A display is marked by the comment before it: ".\" file: PATH", ".\" events",
+# manual_examples.sh SCHED SCHEDCHECK SUITE PAGE...: the scheduler reads the files, takes the events and gives the answers
+# that the manual pages show. A display is marked by the comment before it: ".\" file: PATH", ".\" events",
 # ".\" event_log" or ".\" conversation"; <TAB> in it stands for a tab.
 set -euo pipefail
 sched=$1 schedcheck=$2 suite=$3
@@ -10,7 +10,7 @@ dir=$(mktemp -d) pid=
 trap '[ -z "$pid" ] || kill "$pid" 2>/dev/null || true; rm -rf "$dir"' EXIT
 fail() { printf 'FAILED: %s\n' "$*"; exit 1; }
 
-# displays MARK: the marked displays of all pages, one behind the other.
+# displays MARK: the marked displays of all pages, in order.
 displays() {
     awk -v mark=".\\\\\" $1" '$0 == mark { on = 1; next } on && /^\.Ed/ { on = 0 }
         on && !/^\.Bd/ { gsub(/<TAB>/, "\t"); gsub(/\\e/, "\\"); print }' "${pages[@]}"
@@ -25,7 +25,7 @@ until_true() {
 }
 ended() { ! kill -0 "$pid"; }
 listening_or_ended() { grep -q 'accepting socket' trace || ended; }
-# alike: numbers differ from run to run.
+# alike: replaces numbers, which differ between runs.
 alike() { sed -E 's/-?[0-9]+/N/g'; }
 
 pages=("$@")
@@ -47,9 +47,9 @@ for ((try = 1; try <= 5; try++)); do
     until_true listening_or_ended
     ended || break
 done
-cat log/sched_log >>trace # what was traced before the options were read
+cat log/sched_log >>trace # the trace before the options were read
 
-# Files: each line that is data was taken, with nothing to complain about.
+# Files: the scheduler reads each line of data without an error.
 while IFS='=' read -r key value; do
     grep -qF "key=\"${key% }\" value=\"${value# }\"" trace || fail "setting $key"
 done < <(grep -h = config/sched.conf config/common.ini)
@@ -59,7 +59,7 @@ grep -q 'need auth hash' trace || fail 'password file'
 ! grep -E 'Warning:modules|Error:timer' trace || fail 'a line that is shown was not understood'
 "$schedcheck" || fail 'schedcheck finds fault with a file that is shown'
 
-# Events, before anybody is connected; then the conversations, on one connection as long as it lasts.
+# Events come before an operator connects; then the conversations, on one connection while it lasts.
 displays events >pipe
 logged() { [ "$(alike <log/event_log)" = "$(displays event_log | alike)" ]; }
 until_true logged

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# monitoring.sh EXAMPLES EXPOSITION: Prometheus and Icinga 2 take the files that are shipped for them, the alerts come
-# and go with the time series of their test, and no file asks for a metric that the source EXPOSITION does not have.
+# monitoring.sh EXAMPLES EXPOSITION: Prometheus and Icinga 2 accept the files shipped for them, the alerts start and end
+# as their test's time series say, and no file uses a metric that the source EXPOSITION does not have.
 set -euo pipefail
 examples=$1 exposition=$2
 for program in promtool icinga2 jq; do

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # sandbox.sh SCHED SUITE UNIT: the suite works under the essentials of the service's sandbox (read-only file system,
-# no privileges but the raw socket, none to be gained), and a module has no more than that.
+# no privilege but the raw socket, and no way to gain one), and a module has no more privileges.
 set -euo pipefail
 sched=$1 suite=$2 unit=$3
 
@@ -15,7 +15,7 @@ dir=$(mktemp -d) pid=
 trap '[ -z "$pid" ] || kill "$pid" 2>/dev/null || true; rm -rf "$dir"' EXIT
 cd "$dir"
 cp -r "$suite"/. .
-cp "$sched" sched # the build directory may be closed to others
+cp "$sched" sched # other users may not read the build directory
 mkdir -p data log temp update
 mkfifo pipe
 cat >bin/probe <<'X'
@@ -27,7 +27,7 @@ exit 0
 X
 chmod +x bin/probe
 echo 'probe probe yes 10' >>config/vgd_modules
-chmod 755 . && chown -R 65534 config data log temp update pipe # so that only the sandbox keeps it from writing
+chmod 755 . && chown -R 65534 config data log temp update pipe # so that only the sandbox prevents writing
 export VGD_bin=$dir/bin VGD_config=$dir/config VGD_data=$dir/data VGD_log=$dir/log VGD_temp=$dir/temp \
     VGD_update=$dir/update VGD_PIPE=$dir/pipe
 
@@ -43,7 +43,7 @@ start() {
     pid=$!
 }
 ended() { ! kill -0 "$pid" 2>/dev/null; }
-# ready: within 60 seconds. An instrumented build is slow.
+# ready: waits up to 60 seconds, as a build with sanitizers is slow.
 ready() {
     for ((i = 0; i < 600; i++)); do
         ! grep -q 'accepting socket' trace || return 0
@@ -54,7 +54,7 @@ ready() {
 }
 for ((try = 1; try <= 5; try++)); do
     start
-    ! ready || break # else the port was in use, or it will fail again
+    ! ready || break # otherwise the port was in use, or the next try fails again
 done
 ended && fail 'the scheduler ended'
 
@@ -67,7 +67,7 @@ for wanted in $'Uid:\t65534' $'NoNewPrivs:\t1' "CapEff:"$'\t'"$mask" "CapBnd:"$'
 done
 [[ $answer != *'wrote to the configuration'* ]] || fail 'the module wrote to the configuration'
 [[ $answer == *$'__over__ 0 0\n__over__ 0 0\nGood-bye.' ]] || fail "no datagram was sent: $answer"
-for module in allmodcall parts diag; do # 0: fine; 200: a condition is present
+for module in allmodcall parts diag; do # 0: no fault; 200: a fault is reported
     grep -qE "command:\"$module\" end. status=(0|200)$" trace || fail "the module $module failed"
 done
 echo 'I0199:end' >pipe

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# service.sh UNIT DROPIN: systemd understands the unit, alone and with the drop-in, and rates its exposure at 2.0 or
+# service.sh UNIT DROPIN: systemd accepts the unit, alone and with the drop-in, and rates its exposure at 2.0 or
 # less alone, at 3.5 or less with the drop-in.
 set -euo pipefail
 
@@ -7,7 +7,7 @@ command -v systemd-analyze >/dev/null || { echo 'skipped: systemd-analyze is mis
 dir=$(mktemp -d)
 trap 'rm -rf "$dir"' EXIT
 
-# check TENTHS: whatever verify prints is a complaint, also where it ends with 0.
+# check TENTHS: any output of verify is an error, even with exit code 0.
 check() {
     local complaints
     complaints=$(systemd-analyze verify --man=no "$dir/sched.service" 2>&1) || true

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# versions.sh SOURCES VERSION: the changelogs of project and package begin with the version that is built.
+# versions.sh SOURCES VERSION: the changelogs of project and package start with the version that is built.
 set -euo pipefail
 cd "$1"
 for newest in "$(sed -n 's/^## \[\([0-9.]*\)\].*/\1/p' CHANGELOG.md | head -n 1)" \

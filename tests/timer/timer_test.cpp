@@ -34,7 +34,7 @@ TEST_F(Timer, FieldSetsItsSlotsAndStopsAtABadItem) {
         const char* name;
         const char* field;  // of 24 slots
         std::vector<std::size_t> set;
-        std::string trace;  // behind "Error:timer:"
+        std::string trace;  // after "Error:timer:"
     } cases[] = {
         {"ends at a blank", "5 x", {5}, ""},
         {"ends at a tab", "*/10\t7", {0, 10, 20}, ""},
