@@ -1,6 +1,6 @@
-// What an event line can cost at the least when it is read byte by byte and both logs are opened for a line:
-// select, one-byte reads, and for every line stat, open, append and close of a trace file and of a log file.
-// Usage: event_reader PIPE TRACE LOG. It runs until it is ended by a signal.
+// The lowest cost of an event line that is read byte by byte, when both logs are opened for each line: select, one-byte
+// reads, and for every line stat, open, append and close of a trace file and of a log file.
+// Usage: event_reader PIPE TRACE LOG. It runs until a signal ends it.
 #define _GNU_SOURCE
 #include <fcntl.h>
 #include <stdio.h>
@@ -33,7 +33,7 @@ int main(int argc, char** argv) {
     if (fd < 0 || fcntl(fd, F_SETFL, 0) != 0 || open(argv[1], O_WRONLY | O_NONBLOCK | O_CLOEXEC) < 0) {
         return 1;
     }
-    // Constant text stands where a daemon has its time stamp and thread: the lines are as long as its own.
+    // Constant text in place of the daemon's time stamp and thread, so that the lines are equally long.
     char trace[2 * line_max] = "2026/01/01 00:00:00 thr:00000000 event:vgdmsg:\"";
     char log[2 * line_max] = "2026/01/01 00:00:00 : ";
     char line[line_max];

@@ -1,7 +1,7 @@
-// What a module command can cost at the least: a TCP server on the daemon's line protocol that starts one
-// program with posix_spawn for every line, relays its output with each LF as CR LF and ends with "__over__".
-// It keeps no log, no locks and no time-outs. "status" is answered at once: what a bare answer costs here.
-// Usage: limit_server PROGRAM. It prints the loopback port it listens on.
+// The lowest cost of a module command: a TCP server with the daemon's line protocol. It starts one program with
+// posix_spawn for every line, relays its output with each LF as CR LF and ends with "__over__".
+// It has no log, no locks and no time-outs. "status" is answered at once, which shows the cost of an empty answer.
+// Usage: limit_server PROGRAM. It prints the loopback port on which it listens.
 #define _GNU_SOURCE
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -32,7 +32,7 @@ static bool write_all(int fd, const char* data, size_t size) {
     return true;
 }
 
-// Ends with the pipe or when the peer is gone. The result: the output ended with a line feed, or was empty.
+// Returns at the end of the pipe or when the peer has closed: true when the output ended with a line feed or was empty.
 static bool relay(int from, int to) {
     char in[chunk_size];
     char out[2 * chunk_size];
@@ -69,7 +69,7 @@ static void run(int peer, char** arguments) {
     if (failed == 0 && !relay(ends[0], peer)) {
         write_all(peer, "\r\n", 2);
     }
-    close(ends[0]);  // before the wait: a program whose reader is gone ends by the closed pipe
+    close(ends[0]);  // before the wait, so that a program that still writes ends with SIGPIPE
     int status = 1 << 8;
     if (failed == 0) {
         waitpid(child, &status, 0);

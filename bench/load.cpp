@@ -1,4 +1,4 @@
-// The clients that measure. Each run prints one JSON object, or what failed on standard error.
+// The measuring clients. Each run prints one JSON object, or an error on standard error.
 //   load commands PORT SECONDS PAUSE_US LINE   sends LINE again and again, waiting for each answer
 //   load stream PORT BYTES                     one "stream" command, read as fast as its output comes
 //   load events PIPE SECONDS                   event lines of 64 bytes, until the reader has taken the last
@@ -49,7 +49,7 @@ bool is_terminator(std::string_view line) {
            line == "__unsupported__\r\n";
 }
 
-// Sends one line and reads to the end of its answer; the result is the answer's size in bytes.
+// Sends one line and reads to the end of its answer. Returns the answer's size in bytes.
 std::size_t exchange(int fd, std::string_view line) {
     static std::array<char, 262144> buffer;
     const std::string request = std::string(line) + "\r\n";
@@ -68,7 +68,7 @@ std::size_t exchange(int fd, std::string_view line) {
         const std::size_t kept = std::min<std::size_t>(size, 64);
         tail.append(buffer.data() + size - kept, kept);
         tail.erase(0, tail.size() > 64 ? tail.size() - 64 : 0);
-        // rfind gives npos when the answer is this line alone, and npos + 1 is its start.
+        // rfind returns npos when the answer is only this line, and npos + 1 is its start.
     } while (!tail.ends_with('\n') ||
              !is_terminator(std::string_view(tail).substr(tail.rfind('\n', tail.size() - 2) + 1)));
     return total;
@@ -76,7 +76,7 @@ std::size_t exchange(int fd, std::string_view line) {
 
 int run_commands(const char* port, double duration, long pause_us, std::string_view line) {
     const int fd = connect_to(port);
-    exchange(fd, line);  // the first one pays for page faults and cold caches on both sides
+    exchange(fd, line);  // not measured: page faults and cold caches slow the first one on both sides
     std::vector<double> times;
     const auto start = clock_type::now();
     auto before = start;

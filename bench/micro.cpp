@@ -1,4 +1,4 @@
-// The hot routines by themselves: what one call costs.
+// The cost of one call of each hot routine.
 #include "comm/hmi_table.h"
 #include "comm/line_reader.h"
 #include "sched/sched_status.h"
@@ -32,7 +32,7 @@ void parse_job_field(benchmark::State& state) {
 }
 BENCHMARK(parse_job_field)->DenseRange(0, 3);
 
-// With the files and their rotation: a stat, an open, a write and a close, twice that with a level word.
+// Includes the files and their rotation: a stat, an open, a write and a close, and the same again with a level word.
 void trace_one_line(benchmark::State& state) {
     const std::string_view level = state.range(0) != 0 ? "Info:" : "";
     state.SetLabel(level.empty() ? "trace only" : "both traces");
@@ -50,7 +50,7 @@ void enqueue_for_all(benchmark::State& state) {
         clients.push_back(client);
     }
     state.SetLabel(std::to_string(clients.size()) +
-                   (full ? " clients, rings full" : " clients, rings with room"));
+                   (full ? " clients, rings full" : " clients, rings not full"));
     for (auto _ : state) {
         hmistruc_all_enqueue(text.c_str());
         for (hmistruc* const client : clients) {

@@ -1,11 +1,11 @@
-// The module program of every load. The command word it is started under says what it does:
+// The module program of every load. Its command word selects what it does:
 //   oneline                   writes one line of 80 bytes
 //   stream BYTES              writes that many bytes as lines of 80
 //   sleep MS, brief MS        sleeps; "brief" has a time-out of one second
 //   mix BYTES EXIT SIGNAL MS  writes, sleeps, then raises the signal (when not 0) or exits with the code
 //   job NAME                  adds NAME as a line to the file "jobs" under VGD_data
-//   devconf                   tells a configuration date
-// Any other word does nothing. The exit code is 0 unless said otherwise, 3 when a write fails.
+//   devconf                   prints a configuration date
+// Any other word does nothing. The exit code is 3 when a write fails, else 0 except for mix.
 #define _GNU_SOURCE
 #include <fcntl.h>
 #include <signal.h>
@@ -24,7 +24,7 @@ static void write_lines(long bytes) {
         block[end - 1] = '\n';
     }
     for (long sent = 0; sent < bytes;) {
-        const long start = sent % line_size;  // goes on inside a line after a short write
+        const long start = sent % line_size;  // after a short write, continues inside a line
         const long room = block_size - start;
         const ssize_t done = write(1, block + start, (size_t)(bytes - sent < room ? bytes - sent : room));
         if (done <= 0) {
@@ -60,7 +60,8 @@ int main(int argc, char** argv) {
         write_lines(atol(argv[1]));
         sleep_ms(atol(argv[4]));
         if (atoi(argv[3]) != 0) {
-            signal(atoi(argv[3]), SIG_DFL);  // a shell in the background passes on SIGINT and SIGQUIT ignored
+            signal(atoi(argv[3]),
+                   SIG_DFL);  // a shell starts background programs with SIGINT and SIGQUIT ignored
             raise(atoi(argv[3]));
         }
         return atoi(argv[2]);

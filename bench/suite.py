@@ -1,4 +1,4 @@
-"""What bench, syscalls and soak share: the build, daemons in scratch suite directories, connections."""
+"""Shared by bench, syscalls and soak: the build, daemons in scratch suite directories, connections."""
 
 import contextlib
 import json
@@ -21,7 +21,7 @@ EXTERNAL = ("allmodcall parts prognosis diag devconf confchg analysis qmx ehello
             "nothing oneline stream sleep mix job")
 
 
-signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # so that what was started is ended then too
+signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # so that started processes are ended too
 
 
 def build(directory=ROOT / "build-bench"):
@@ -30,7 +30,7 @@ def build(directory=ROOT / "build-bench"):
             list(Path("/usr/lib").glob("**/libbenchmark.*"))):
         install("cmake", "g++", "ninja-build", "libbenchmark-dev")
     if shutil.which("ninja"):
-        os.environ.setdefault("CMAKE_GENERATOR", "Ninja")  # a tree that exists keeps its own
+        os.environ.setdefault("CMAKE_GENERATOR", "Ninja")  # an existing tree keeps its generator
     kind = ("-DCMAKE_BUILD_TYPE=RelWithDebInfo", "-DSCHED_BENCH=ON")
     subprocess.run(["cmake", "-S", ROOT, "-B", directory, *kind], check=True, stdout=subprocess.DEVNULL)
     jobs = f"-j{len(os.sched_getaffinity(0))}"
@@ -47,7 +47,7 @@ def install(*packages):
 
 
 def wait_for(condition, what, limit=60.0):
-    """Looks every 10 ms until the condition holds, and returns what it gave."""
+    """Checks every 10 ms until the condition is true, and returns its value."""
     end = time.monotonic() + limit
     while not (found := condition()):
         if time.monotonic() > end:
@@ -57,7 +57,7 @@ def wait_for(condition, what, limit=60.0):
 
 
 def stop(process):
-    """Ends a process of ours and waits for it."""
+    """Ends a process that we started and waits for it."""
     process.terminate()
     try:
         process.wait(10)
@@ -79,7 +79,7 @@ def free_port(address="127.0.0.1"):
 
 
 class Daemon:
-    """A scheduler without supervisor in a scratch suite directory; both go away together."""
+    """A scheduler without supervisor in a scratch suite directory; the directory is removed at its end."""
 
     def __init__(self, build_dir, module, jobs="", prefix=(), descriptors=1024, address="127.0.0.1"):
         self.dir, self.address = Path(tempfile.mkdtemp(prefix="sched-bench-")), address
@@ -131,7 +131,7 @@ class Daemon:
 
     def close(self):
         if self.pid not in (None, self.process.pid) and self.process.poll() is None:
-            os.kill(self.pid, signal.SIGTERM)  # under a tracer, which ends with it
+            os.kill(self.pid, signal.SIGTERM)  # under a tracer, which ends when the daemon does
         stop(self.process)
         shutil.rmtree(self.dir)
 
@@ -148,7 +148,7 @@ def status_field(path, field):
 
 
 class Hmi:
-    """One connection. An answer is the list of its lines, the terminating one last."""
+    """One connection. An answer is the list of its lines; the last one is the terminating line."""
 
     def __init__(self, port, timeout=120, address="127.0.0.1"):
         self.socket = socket.create_connection((address, port), timeout)

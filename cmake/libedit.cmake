@@ -1,5 +1,5 @@
-# libedit comes without a CMake package: the target sched_libedit stands for it where it is installed
-# (Debian: libedit-dev), and is absent elsewhere.
+# libedit has no CMake package. The target sched_libedit links it where it is installed (Debian: libedit-dev), and does
+# not exist elsewhere.
 find_path(LIBEDIT_INCLUDE_DIR histedit.h)
 find_library(LIBEDIT_LIBRARY edit)
 mark_as_advanced(LIBEDIT_INCLUDE_DIR LIBEDIT_LIBRARY)

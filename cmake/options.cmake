@@ -11,16 +11,16 @@ if(SCHED_WERROR)
 endif()
 
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
-  # The annotations in src/ name the lock of each table and routine; only clang can check them. Its -Wconversion
-  # minds signs too; g++ has that apart, and one set of rules is enough.
+  # Only clang can check the lock annotations in src/. Its -Wconversion also warns about signs, which g++ has as a
+  # separate option that we do not use; so it is off here too.
   target_compile_options(sched_options INTERFACE -Wthread-safety -Wmissing-prototypes -Wno-sign-conversion)
 else()
   target_compile_options(sched_options INTERFACE
     -Wlogical-op -Wduplicated-cond -Wduplicated-branches -Wmissing-declarations)
 endif()
 
-# A sanitizer has to see every object that is linked, so it is set for the whole tree and not through the target.
-# Fortified calls would hide from it the accesses that it is there to see; with a sanitizer they stay out.
+# A sanitizer must instrument every object that is linked, so it is set for the whole tree and not in the target.
+# Fortified calls would hide memory accesses from it, so they are off with a sanitizer.
 if(SCHED_SANITIZE)
   add_compile_options(-fsanitize=${SCHED_SANITIZE} -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${SCHED_SANITIZE})
@@ -32,8 +32,8 @@ else()
   target_compile_options(sched_options INTERFACE
     -fPIE -fstack-protector-strong
     $<${optimised}:-U_FORTIFY_SOURCE> $<${optimised}:-D_FORTIFY_SOURCE=2>)
-  # No -fstack-clash-protection: it touches every page of the connection threads' large buffers, which costs 32
-  # connections some 3 MB of memory; every buffer is of fixed size and filled by code that knows that size.
+  # No -fstack-clash-protection: it touches every page of the large buffers of the connection threads, about 3 MB for 32
+  # connections. It is not needed: every buffer has a fixed size and is filled by code that knows the size.
   target_link_options(sched_options INTERFACE
     $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-pie>
     LINKER:-z,relro LINKER:-z,now LINKER:-z,noexecstack)

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# What the scripts share; sourced, never run. Sets $root and $logs, and moves to $root.
+# Functions of all scripts; sourced, never run. Sets $root and $logs, and changes to $root.
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root" || exit 1
@@ -16,7 +16,7 @@ fail() {
 
 # ---- packages ------------------------------------------------------------------------------------------------------
 
-# can_be_root: sudo may ask for a password where one can be typed.
+# can_be_root: sudo may ask for a password only on a terminal.
 can_be_root() {
     [ "$(id -u)" -eq 0 ] || sudo -n true 2>/dev/null || { [ -t 0 ] && sudo -v 2>/dev/null; }
 }
@@ -34,7 +34,7 @@ apt_install() {
         install --yes --no-install-recommends "$@"
 }
 
-# The package lists may be absent or old; they are fetched only when the first try shows it.
+# The package lists may be missing or old; they are fetched only after a first try has failed.
 apt_install_fresh() {
     apt_install "$@" || { as_root apt-get -qq -o DPkg::Lock::Timeout=300 update && apt_install "$@"; }
 }
@@ -42,7 +42,7 @@ apt_install_fresh() {
 # need_packages NAME...: installs the Debian packages that are missing; silent when none is.
 need_packages() {
     local missing=() name
-    command -v dpkg-query >/dev/null || return 0 # not Debian: whatever is missing will be named by the build
+    command -v dpkg-query >/dev/null || return 0 # not Debian: the build will report what is missing
     for name in "$@"; do
         [ "$(dpkg-query -W -f='${db:Status-Status}' "$name" 2>/dev/null)" = installed ] || missing+=("$name")
     done
@@ -51,7 +51,7 @@ need_packages() {
     logged install "installing ${missing[*]}" apt_install_fresh "${missing[@]}"
 }
 
-# need_sanitizer_runtime: clang's sanitizers come in a package that is named after its version.
+# need_sanitizer_runtime: the package of clang's sanitizers has clang's version in its name.
 need_sanitizer_runtime() {
     need_packages clang
     ! echo 'int main() {}' | clang++ -fsanitize=address,undefined -x c++ -o /dev/null - 2>/dev/null || return 0
@@ -60,7 +60,7 @@ need_sanitizer_runtime() {
 
 # ---- building and testing ------------------------------------------------------------------------------------------
 
-# A new build tree uses ninja and ccache where they are; one that exists keeps its generator.
+# A new build tree uses ninja and ccache if they are installed; an existing one keeps its generator.
 use_fast_tools() {
     if command -v ninja >/dev/null; then
         export CMAKE_GENERATOR=${CMAKE_GENERATOR:-Ninja}
@@ -71,13 +71,13 @@ use_fast_tools() {
     export CMAKE_BUILD_PARALLEL_LEVEL=${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)}
 }
 
-# progress_in LOG: its last line that begins with a count as ninja's and make's do, else its last line.
+# progress_in LOG: the last line that begins with a count, as in the output of ninja and make, else the last line.
 progress_in() {
     { tail -n 50 "$1" | grep '^\[' || cat "$1"; } | tail -n 1
 }
 
-# show_progress LOG: how far it is, in place each second on a terminal, else each 20 seconds. It ends with the script,
-# whatever ends that.
+# show_progress LOG: shows the progress, each second in the same line on a terminal, else each 20 seconds. It ends with
+# the script, also when that is killed.
 show_progress() {
     local seconds=0
     while sleep 1 && kill -0 $$ 2>/dev/null; do
@@ -90,9 +90,9 @@ show_progress() {
     done
 }
 
-# logged NAME WHAT COMMAND...: says WHAT is done, shows that it goes on and how long it took. The output goes to
-# build-logs/NAME.log; its end is shown when the command fails, which ends the script. A function stops at its first
-# command that fails.
+# logged NAME WHAT COMMAND...: runs the command, and prints WHAT, its progress and its time. The output goes to
+# build-logs/NAME.log. When the command fails, the end of the log is shown and the script ends. A function stops at its
+# first command that fails.
 logged() {
     local name=$1 what=$2 log=$logs/$1.log started=$SECONDS status progress
     shift 2
@@ -134,7 +134,7 @@ build_preset() {
     logged "compile-$1" "compiling $1" cmake --build --preset "$@"
 }
 
-# summarise LOG: passes ctest's output on, and before its summary says why tests were skipped.
+# summarise LOG: prints the output of ctest, and before its summary the reasons of skipped tests.
 summarise() {
     awk -v log_file="$1" '
         /^[0-9]+% tests passed/ { in_summary = 1 }
@@ -151,12 +151,12 @@ summarise() {
         }'
 }
 
-# test_preset NAME: runs the tests of a built preset. Most of them wait for a daemon rather than compute, so more
-# of them run at once than there are processors.
+# test_preset NAME: runs the tests of a built preset. Most tests wait for a daemon and do not compute, so more of them
+# run at once than there are processors.
 test_preset() {
     local run=() tree=build-$1
     [ "$1" != release ] || tree=build
-    # ThreadSanitizer cannot place its shadow where the kernel spreads mappings over more than 28 bits.
+    # ThreadSanitizer cannot map its shadow memory when the kernel randomises addresses by more than 28 bits.
     if [ "$1" = tsan ] && [ "$(cat /proc/sys/vm/mmap_rnd_bits 2>/dev/null || echo 28)" -gt 28 ]; then
         run=(setarch -R)
     fi
