@@ -60,8 +60,8 @@ int main(int argc, char** argv) {
         write_lines(atol(argv[1]));
         sleep_ms(atol(argv[4]));
         if (atoi(argv[3]) != 0) {
-            signal(atoi(argv[3]),
-                   SIG_DFL);  // a shell starts background programs with SIGINT and SIGQUIT ignored
+            // A shell starts background programs with SIGINT and SIGQUIT ignored.
+            signal(atoi(argv[3]), SIG_DFL);
             raise(atoi(argv[3]));
         }
         return atoi(argv[2]);

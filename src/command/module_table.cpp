@@ -47,8 +47,7 @@ bool parse_entry(const char* line, int number) {
         trprintf("Warning:modules:invalid line. \"%s\"\n", line);
         return false;
     }
-    entry.timeout =
-        decimal_value(line + timeout_at);  // clamps a value that is too large for int; sscanf does not
+    entry.timeout = decimal_value(line + timeout_at);  // sscanf does not limit it to the range of int
     trprintf("Info:modules:%d \"%s\" \"%s\" \"%s\" %d\n", number, entry.name, entry.entrypath, entry.display,
              entry.timeout);
     entry.enabled = 1;

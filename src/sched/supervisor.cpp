@@ -95,8 +95,7 @@ pid_t create_sched() {
 void alive_check() {
     record_pid(st->alivechk_pid_path);
     if (const char* directory = std::getenv("VGD_temp"); directory != nullptr) {
-        [[maybe_unused]] const int moved =
-            chdir(directory);  // on failure modules run in the directory of our start
+        [[maybe_unused]] const int moved = chdir(directory);  // else modules run in our start directory
     }
     for (int attempt = 1; attempt <= start_max; ++attempt) {
         int status = 0;
