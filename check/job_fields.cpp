@@ -60,6 +60,10 @@ std::string judge_item(const std::string& item, const time_field& field) {
     return part[3].matched && part[1].matched && !is_range ? "the step after a single value is ignored" : "";
 }
 
+std::string finding_in(const time_field& field, const std::string& text, const std::string& problem) {
+    return std::string(field.name).append(" ").append(quoted(text)).append(": ").append(problem);
+}
+
 // Appends what is wrong with one field. What only the daemon objects to is told in its own words.
 void judge_field(const std::string& text, const time_field& field, std::vector<std::string>& findings) {
     const std::size_t before = findings.size();
@@ -67,7 +71,7 @@ void judge_field(const std::string& text, const time_field& field, std::vector<s
         const std::size_t end = std::min(text.find(',', begin), text.size());
         const std::string item = text.substr(begin, end - begin);
         if (const std::string problem = judge_item(item, field); !problem.empty()) {
-            findings.push_back(field.name + (" " + quoted(item)) + ": " + problem);
+            findings.push_back(finding_in(field, item, problem));
         }
         begin = end + 1;
     }
@@ -75,7 +79,7 @@ void judge_field(const std::string& text, const time_field& field, std::vector<s
     set_job_field(text.c_str(), slots, field.slots);
     const std::string trace = take_trace();
     if (!trace.empty() && findings.size() == before) {
-        findings.push_back(field.name + (" " + quoted(text)) + ": " + trace.substr(0, trace.find('\n')));
+        findings.push_back(finding_in(field, text, trace.substr(0, trace.find('\n'))));
     }
 }
 

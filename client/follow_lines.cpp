@@ -40,7 +40,7 @@ std::string line_of(const endpoint& of, bool prefix, level priority, const std::
     json value{{"time", time}, {"host", of.host}, {"port", of.port}, {"event", event}};
     value.update(more);
     const std::string text = value.dump(-1, ' ', true, json::error_handler_t::replace) + "\n";
-    return prefix ? "<" + std::to_string(priority) + ">" + text : text;
+    return prefix ? std::string("<").append(std::to_string(priority)).append(">").append(text) : text;
 }
 
 }  // namespace

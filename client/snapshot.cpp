@@ -127,7 +127,7 @@ bool write_state_file(const std::string& path, snapshot known, double good_until
 }
 
 std::optional<snapshot> followed_state(const endpoint& where) {
-    const std::string name = "/" + file_name_of(where) + ".json";
+    const std::string name = std::string("/").append(file_name_of(where)).append(".json");
     std::optional<snapshot> known = fresh_state(state_directory() + name);
     return known ? known : fresh_state(service_directory + name);
 }
