@@ -79,13 +79,14 @@ progress_in() {
 # show_progress LOG: shows the progress, each second in the same line on a terminal, else each 20 seconds. It ends with
 # the script, also when that is killed.
 show_progress() {
-    local seconds=0
+    local started=$SECONDS shown=0 seconds
     while sleep 1 && kill -0 $$ 2>/dev/null; do
-        seconds=$((seconds + 1))
+        seconds=$((SECONDS - started))
         if [ -t 1 ]; then
             printf '\r\033[K%.70s' "$(progress_in "$1")"
-        elif [ $((seconds % 20)) -eq 0 ]; then
+        elif [ $((seconds - shown)) -ge 20 ]; then
             printf '  %4d s  %.100s\n' "$seconds" "$(progress_in "$1")"
+            shown=$seconds
         fi
     done
 }
