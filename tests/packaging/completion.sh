@@ -66,12 +66,13 @@ offers() {
     done
 }
 
-offers 'schedctl ' watch status show parts slow
+offers 'schedctl ' watch metrics check status show parts slow
 offers 'schedctl -p 9981 ' status far
 offers 'schedctl --' --host --json
 offers 'schedctl modcntl ' parts slow
 offers 'schedctl -p 9981 modcntl ' far
 offers 'schedctl modcntl parts ' on off
+offers 'schedctl check -' -w --critical --timeout-state
 offers 'schedctl debug hmi ' all
 offers 'schedctl show ' ip allowed_ip
 offers 'schedctl --password-file a' afile
