@@ -45,14 +45,6 @@ answer_end conversation::run(const std::vector<std::string>& words, const sink& 
     return end;
 }
 
-answer_end conversation::resume(const sink& output) {
-    const answer_end end = receive(*late_, output);
-    if (!is_unfinished(end)) {
-        late_.reset();
-    }
-    return end;
-}
-
 answer_end conversation::take_leave(const sink& output) {
     if (!link_.is_open()) {
         return {ending::closed};
@@ -64,10 +56,6 @@ answer_end conversation::take_leave(const sink& output) {
     }
     link_.close();
     return end;
-}
-
-bool conversation::is_unfinished(const answer_end& end) const {
-    return end.how == ending::interrupted || (end.how == ending::silent && habit_ == on_silence::stay);
 }
 
 bool conversation::connect(answer_end& problem) {
@@ -159,7 +147,7 @@ answer_end conversation::exchange(const std::vector<std::string>& words, const s
         return end;
     }
     end = receive(parser, output);
-    if (is_unfinished(end)) {
+    if (end.how == ending::interrupted) {
         late_ = parser;
     }
     return end;

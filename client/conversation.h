@@ -16,13 +16,9 @@ namespace client {
 
 struct settings;
 
-// What to do when the scheduler is silent for too long. Messages are handed over once, so some keep the connection
-// for the answer that is still to come.
-enum class on_silence {
-    leave,  // close the connection
-    stay,   // report it and keep the connection: the answer can be waited for again
-    wait,   // never report it
-};
+// What to do when the scheduler is silent for too long. Messages are handed over once, so some wait for the answer
+// that is still to come.
+enum class on_silence { leave, wait };
 
 class conversation {
 public:
@@ -42,15 +38,9 @@ public:
     // An answer that nobody waits for any more is still to come.
     bool late() const { return late_.has_value(); }
 
-    // Waits again for that answer. Only while late().
-    answer_end resume(const sink& output);
-
     // Asks for the status and quits in one request, so that hardly any message can be queued in between for a
     // connection that will not ask again. Only while nothing is late; does nothing without a connection.
     answer_end take_leave(const sink& output);
-
-    // Seconds of silence that are too long, from now on.
-    void set_limit(unsigned seconds) { link_.set_timeout(seconds); }
 
     // Reads what has come while no command runs, and drops it. One line for the operator when the late answer
     // is complete or the connection is gone, else empty.
@@ -69,7 +59,6 @@ private:
     answer_end exchange_line(std::string_view line, const sink& output);
     answer_end receive(answer_parser& parser, const sink& output);
     answer_end lost();
-    bool is_unfinished(const answer_end& end) const;
 
     const settings& settings_;
     on_silence habit_;

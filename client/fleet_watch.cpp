@@ -87,6 +87,11 @@ void fleet_watch::take(std::size_t host, std::string_view text) {
 void fleet_watch::ended(std::size_t host, const answer_end& end) {
     host_state& state = states_[host];
     host_row& row = rows_[host];
+    if (end.how == ending::silent) {  // the answer, and the messages in it, may still come
+        row.known = true;
+        news_ = true;
+        return lose(host, describe(end));
+    }
     state.asking = false;
     status_report report = parse_status(std::exchange(state.answer, {}));
     const bool is_back = end.how == ending::over && (!row.known || !row.trouble.empty());

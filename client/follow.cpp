@@ -1,12 +1,9 @@
 #include "follow.h"
 
-#include "conversation.h"
-#include "follow_lines.h"
+#include "followed_host.h"
+#include "many_hosts.h"
 #include "options.h"
 #include "signals.h"
-#include "snapshot.h"
-#include "spool.h"
-#include "text.h"
 #include "visit.h"
 
 #include <algorithm>
@@ -15,29 +12,18 @@
 #include <cstdio>
 #include <poll.h>
 #include <unistd.h>
+#include <utility>
 
 namespace client {
 
 namespace {
 
-using steady = std::chrono::steady_clock;
+using clock = many_hosts::clock;
 
-constexpr unsigned usual_silence = 10;                // seconds, when the operator names none
+constexpr double usual_silence = 10;                  // seconds, when the operator names none
 constexpr std::chrono::seconds details_interval{15};  // connections, modules and jobs seldom change
-constexpr unsigned farewell_silence = 3;              // seconds
-
-settings with_limit(settings chosen, unsigned usual) {
-    if (chosen.where.timeout == 0) {
-        chosen.where.timeout = usual;
-    }
-    return chosen;
-}
-
-bool holds(const std::vector<condition>& all, const condition& one, bool with_date) {
-    return std::any_of(all.begin(), all.end(), [&](const condition& c) {
-        return c.name == one.name && (!with_date || c.since == one.since);
-    });
-}
+constexpr std::chrono::seconds refused_retry{60};     // a wrong password is not tried every two seconds
+constexpr std::chrono::seconds farewell_limit{3};
 
 class follower {
 public:
@@ -45,216 +31,229 @@ public:
     int run();
 
 private:
-    void look();
-    void answered();
-    void not_answered(const answer_end& end);
-    void emit_changes(const std::vector<condition>& now);
-    bool emit_messages(const status_report& report);
-    void take_messages(const status_report& report);
-    void emit(const std::string& line);
-    void save();
-    bool pause();
+    enum class question { none, status, detail };
+
+    struct host_state {
+        host_state(const host_name& of, bool level_prefix, followed_host::writer write)
+            : host(endpoint_of(of), level_prefix, std::move(write)) {}
+
+        followed_host host;
+        question asked = question::none;
+        std::string answer;  // as far as it has come
+        std::size_t next_detail = 0;
+        clock::time_point asked_at{};  // when the status was asked for
+        clock::time_point due{};       // when to ask for the status; during a silence, when to save again
+        clock::time_point details_due{};
+        bool refused = false;
+        bool parting = false;  // the last status was asked for
+        bool gone = false;     // nothing more comes
+    };
+
+    bool write(const std::string& line);
+    void ask(std::size_t number, question what);
+    clock::time_point ask_due();
+    void ended(std::size_t number, const answer_end& end);
+    void answered(std::size_t number, const std::string& answer);
+    void took_detail(std::size_t number, const answer_end& end, const std::string& answer);
+    void failed(std::size_t number, const answer_end& end, const std::string& answer);
+    void refused(std::size_t number, const answer_end& end);
+    void rest(host_state& state);
+    void save(host_state& state) const;
+    void part(std::size_t number);
     void leave();
 
-    const settings chosen_;
-    follow_lines lines_;
+    const settings& chosen_;
+    const std::vector<host_name> names_;
+    const std::chrono::seconds interval_;
     signal_watch signals_;
-    conversation talk_;
-    spool spool_;
-    std::string state_path_;
-    snapshot known_;
-    std::string answer_;          // of the status that was asked for, as far as it has come
-    bool details_late_ = false;   // the answer that is late is not the status
-    steady::time_point asked_{};  // when the status was asked for
-    steady::time_point details_due_{};
-    bool told_down_ = false;
-    bool save_failed_ = false;
-    bool reader_gone_ = false;
+    std::vector<std::unique_ptr<host_state>> states_;
     bool ending_ = false;
+    bool reader_gone_ = false;
+    bool leaving_ = false;
     int exit_code_ = 0;
+    many_hosts hosts_;
 };
 
+std::vector<host_name> names_of(const settings& chosen) {
+    const endpoint& one = chosen.where;
+    return chosen.hosts.empty() ? std::vector<host_name>{{one.host, one.host, one.port}} : chosen.hosts;
+}
+
 follower::follower(const settings& chosen)
-    : chosen_(with_limit(chosen, usual_silence)),
-      lines_(chosen_.where, chosen.level_prefix),
-      talk_(chosen_, &signals_, on_silence::stay),
-      spool_(chosen_.where),
-      state_path_(state_file_to_write(chosen_.where)) {
+    : chosen_(chosen),
+      names_(names_of(chosen)),
+      interval_(chosen.interval),
+      hosts_(names_, chosen, names_.size(),
+             {[this](std::size_t number, std::string_view text) { states_[number]->answer += text; },
+              [this](std::size_t number, const answer_end& end) { ended(number, end); }}) {
     signals_.watch_reader_of(STDOUT_FILENO);
     std::signal(SIGPIPE, SIG_IGN);
-    if (const std::optional<snapshot> before = followed_state(chosen_.where)) {
-        known_.totals = before->totals;  // counters go on across a restart of the follower
+    for (const host_name& name : names_) {
+        states_.push_back(std::make_unique<host_state>(
+            name, chosen.level_prefix, [this](const std::string& line) { return write(line); }));
     }
 }
 
 // One line with one write, so that it is out at once.
-void follower::emit(const std::string& line) {
-    if (!reader_gone_ && !write_all(STDOUT_FILENO, line)) {
-        reader_gone_ = true;
+bool follower::write(const std::string& line) {
+    reader_gone_ = reader_gone_ || !write_until_signal(line, signals_);
+    return !reader_gone_;
+}
+
+void follower::ask(std::size_t number, question what) {
+    host_state& state = *states_[number];
+    state.asked = what;
+    state.answer.clear();
+    state.due = clock::time_point::max();
+    if (what == question::status) {
+        state.asked_at = clock::now();
+        hosts_.ask(number, {"status"});
+    } else {
+        hosts_.ask(number, details()[state.next_detail].words);
     }
 }
 
-void follower::look() {
-    answer_end end;
-    if (details_late_) {
-        end = talk_.resume([](std::string_view) {});
-        details_late_ = talk_.late();
-        if (details_late_) {  // given up once more
-            return not_answered(end);
+// Returns when the next host is due.
+clock::time_point follower::ask_due() {
+    clock::time_point next = clock::time_point::max();
+    for (std::size_t number = 0; number < states_.size(); ++number) {
+        host_state& state = *states_[number];
+        if (state.due <= clock::now() && state.asked == question::none) {
+            ask(number, question::status);
+        } else if (state.due <= clock::now()) {
+            state.due = clock::now() + interval_;
+            save(state);
         }
+        next = std::min(next, state.due);
     }
-    const auto collect = [this](std::string_view part) { answer_ += part; };
-    if (talk_.late()) {
-        end = talk_.resume(collect);
+    return next;
+}
+
+void follower::ended(std::size_t number, const answer_end& end) {
+    host_state& state = *states_[number];
+    if (end.how == ending::silent) {  // the answer may still come
+        state.host.not_answered(end);
+        state.due = clock::now() + interval_;
+        return save(state);
+    }
+    const question asked = std::exchange(state.asked, question::none);
+    const std::string answer = std::exchange(state.answer, {});
+    if (leaving_) {
+        if (asked == question::status) {
+            state.host.take_messages(answer);
+        }
+        if (state.parting) {
+            state.gone = end.how != ending::over;  // then the scheduler closes the connection
+        } else {
+            part(number);
+        }
+    } else if (asked == question::status && end.how == ending::over) {
+        answered(number, answer);
+    } else if (asked == question::detail && end.how != ending::closed && end.how != ending::unsent) {
+        took_detail(number, end, answer);
     } else {
-        answer_.clear();
-        asked_ = steady::now();
-        end = talk_.run({"status"}, collect);
+        failed(number, end, asked == question::status ? answer : "");
     }
+}
+
+void follower::answered(std::size_t number, const std::string& answer) {
+    host_state& state = *states_[number];
+    const clock::time_point now = clock::now();
+    if (!state.host.known().up) {
+        state.details_due = now;
+    }
+    state.refused = false;
+    state.host.answered(answer, std::chrono::duration<double>(now - state.asked_at).count());
+    if (now < state.details_due) {
+        return rest(state);
+    }
+    state.details_due = now + details_interval;
+    state.next_detail = 0;
+    ask(number, question::detail);
+}
+
+void follower::took_detail(std::size_t number, const answer_end& end, const std::string& answer) {
+    host_state& state = *states_[number];
     if (end.how == ending::over) {
-        answered();
+        details()[state.next_detail].take(answer, state.host.known());
+    }
+    if (++state.next_detail < details().size()) {
+        ask(number, question::detail);
     } else {
-        not_answered(end);
+        rest(state);
     }
 }
 
-void follower::answered() {
-    known_.answer_seconds = std::chrono::duration<double>(steady::now() - asked_).count();
-    known_.answered = wall_clock();
-    if (!known_.up) {
-        known_.up = true;
-        known_.failure = 0;
-        known_.problem.clear();
-        told_down_ = false;
-        details_due_ = {};
-        emit(lines_.connected());
-        spool_.hand_over([this](const status_report& waiting) { return emit_messages(waiting); });
+// answer: of the status, as far as it came. Its messages have been handed over.
+void follower::failed(std::size_t number, const answer_end& end, const std::string& answer) {
+    host_state& state = *states_[number];
+    state.host.not_answered(end);
+    state.host.take_messages(answer);
+    rest(state);
+    if (end.how != ending::closed && end.how != ending::unsent) {
+        refused(number, end);
     }
-    const status_report report = parse_status(answer_);
-    emit_changes(report.conditions);
-    take_messages(report);
-    if (steady::now() >= details_due_) {
-        details_due_ = steady::now() + details_interval;
-        answer_end end;
-        ask_details(talk_, known_, end);
-        details_late_ = talk_.late();
-        ending_ = end.how == ending::interrupted;
-    }
-    known_.uptime_minutes = uptime_of(chosen_.where);
 }
 
-void follower::not_answered(const answer_end& end) {
-    if (end.how == ending::interrupted) {
-        ending_ = true;
-        return;
+void follower::refused(std::size_t number, const answer_end& end) {
+    host_state& state = *states_[number];
+    const bool is_one = chosen_.hosts.empty();
+    if (!std::exchange(state.refused, true)) {
+        const std::string label = is_one ? "" : names_[number].label + ": ";
+        std::fprintf(stderr, "schedctl: %s%s\n", label.c_str(), describe(end).c_str());
     }
-    known_.up = false;
-    known_.failure = exit_code_of(end);
-    known_.problem = describe(end);
-    if (!told_down_) {
-        told_down_ = true;
-        emit(lines_.disconnected(known_.problem));
-    }
-    if (end.how == ending::closed || end.how == ending::unsent) {
-        status_report cut = parse_status(answer_);  // what came before the end has been handed over
-        answer_.clear();
-        take_messages(cut);
-    } else if (end.how != ending::silent) {
-        std::fprintf(stderr, "schedctl: %s\n", known_.problem.c_str());
+    state.due = clock::now() + std::max(refused_retry, interval_);
+    if (is_one) {
         exit_code_ = exit_code_of(end);
         ending_ = true;
     }
 }
 
-void follower::emit_changes(const std::vector<condition>& now) {
-    for (const condition& c : now) {
-        if (!holds(known_.conditions, c, true)) {
-            emit(lines_.set(c));
-        }
-    }
-    for (const condition& c : known_.conditions) {
-        if (!holds(now, c, false)) {
-            emit(lines_.cleared(c));
-        }
-    }
-    known_.conditions = now;
-}
-
-// true when all of it was written.
-bool follower::emit_messages(const status_report& report) {
-    for (const message& m : report.messages) {
-        emit(lines_.received(m));
-    }
-    if (report.lost != 0) {
-        emit(lines_.lost(report.lost));
-    }
-    return !reader_gone_;
-}
-
-void follower::take_messages(const status_report& report) {
-    if (!emit_messages(report)) {
-        spool_content content;
-        std::string problem;
-        spool_.append(report, content, problem);
-    }
-    known_.totals.add(report);
-    known_.messages.insert(known_.messages.end(), report.messages.begin(), report.messages.end());
-    keep_newest(known_.messages);
+void follower::rest(host_state& state) {
+    state.due = state.asked_at + interval_;
+    save(state);
 }
 
 // A reader takes the file for fresh until the next one is due at the latest: an interval, a silence, and some delay.
-void follower::save() {
-    if (state_path_.empty()) {
-        return;
-    }
-    const double longest = 2.0 * chosen_.interval + chosen_.where.timeout + 2.0;
-    std::string problem;
-    if (!write_state_file(state_path_, known_, wall_clock() + longest, problem) && !save_failed_) {
-        save_failed_ = true;
-        std::fprintf(stderr, "schedctl: no state is kept: %s\n", problem.c_str());
-    }
-}
-
-// Waits until the next look is due; false when it is time to end.
-bool follower::pause() {
-    const steady::time_point due = asked_ + std::chrono::seconds(chosen_.interval);
-    for (;;) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(due - steady::now()).count();
-        if (left <= 0) {
-            return true;
-        }
-        pollfd ready{signals_.fd(), POLLIN, 0};
-        if (poll(&ready, 1, static_cast<int>(left)) > 0 && signals_.take()) {
-            return false;
-        }
-    }
+void follower::save(host_state& state) const {
+    const double silence = chosen_.where.timeout != 0 ? chosen_.where.timeout : usual_silence;
+    state.host.save(2.0 * chosen_.interval + silence + 2.0);
 }
 
 // What waits for this connection is fetched before it goes.
+void follower::part(std::size_t number) {
+    host_state& state = *states_[number];
+    state.parting = state.asked == question::none;
+    if (!hosts_.take_leave(number)) {
+        state.gone = true;
+    } else if (state.parting) {
+        state.asked = question::status;
+    }
+}
+
 void follower::leave() {
-    const auto collect = [this](std::string_view part) { answer_ += part; };
-    talk_.set_limit(farewell_silence);
-    if (details_late_) {
-        talk_.resume([](std::string_view) {});
-    } else if (talk_.late()) {
-        talk_.resume(collect);
-        take_messages(parse_status(answer_));
+    leaving_ = true;
+    for (std::size_t number = 0; number < states_.size(); ++number) {
+        part(number);
     }
-    answer_.clear();
-    if (!talk_.late()) {
-        talk_.take_leave(collect);
-        take_messages(parse_status(answer_));
+    const clock::time_point limit = clock::now() + farewell_limit;
+    const auto all_gone = [this] {
+        return std::all_of(states_.begin(), states_.end(), [](const auto& state) { return state->gone; });
+    };
+    while (!all_gone() && clock::now() < limit) {
+        hosts_.step({}, limit);
     }
-    if (!state_path_.empty()) {
-        unlink(state_path_.c_str());
+    for (const auto& state : states_) {
+        state->host.remove_state();
     }
 }
 
 int follower::run() {
-    do {
-        look();
-        save();
-    } while (!ending_ && !reader_gone_ && pause());
+    while (!ending_ && !reader_gone_) {
+        pollfd signal[] = {{signals_.fd(), POLLIN, 0}};
+        hosts_.step(signal, ask_due());
+        ending_ = ending_ || (signal[0].revents != 0 && signals_.take());
+    }
     leave();
     return exit_code_;
 }

@@ -5,6 +5,7 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <system_error>
@@ -15,6 +16,8 @@ namespace client {
 namespace {
 
 constexpr unsigned usual_limit = 10;  // seconds, when the operator names none
+constexpr int probe_seconds = 10;
+constexpr unsigned dead_milliseconds = 40000;
 constexpr std::size_t receive_size = 65536;
 
 std::string text_of(int error) {
@@ -40,7 +43,7 @@ int begin_connection(int fd, in_addr address, std::uint16_t port, const std::str
 
 }  // namespace
 
-void host_link::ask(const std::vector<std::string>& words) {
+void host_link::ask(const std::vector<std::string>& words, std::string_view more) {
     const bool is_open = state_ == state::idle;
     talk_.emplace(words, is_open ? "" : settings_.user, where_.name, password_);
     daemon_answers_ = is_answered_at_once(words[0]);
@@ -52,6 +55,7 @@ void host_link::ask(const std::vector<std::string>& words) {
     if (is_open) {
         state_ = state::talking;
         talk_->begin(requests_);
+        requests_ += more;
         send_requests();
         return;
     }
@@ -63,6 +67,13 @@ void host_link::ask(const std::vector<std::string>& words) {
     } else {
         connect_next();
     }
+}
+
+bool host_link::take_leave() {
+    if (state_ == state::idle) {
+        ask({"status"}, "quit\r");
+    }
+    return state_ == state::talking;
 }
 
 void host_link::take(lookup_result found) {
@@ -98,8 +109,12 @@ void host_link::connect_next() {
 }
 
 void host_link::connected() {
+    // A dead host must end a wait without a limit; the system of one that is only stalled still answers.
     const int on = 1;
-    setsockopt(fd_, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);  // a dead host must end a wait without a limit
+    setsockopt(fd_, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+    setsockopt(fd_, IPPROTO_TCP, TCP_KEEPIDLE, &probe_seconds, sizeof probe_seconds);
+    setsockopt(fd_, IPPROTO_TCP, TCP_KEEPINTVL, &probe_seconds, sizeof probe_seconds);
+    setsockopt(fd_, IPPROTO_TCP, TCP_USER_TIMEOUT, &dead_milliseconds, sizeof dead_milliseconds);
     state_ = state::talking;
     served_ = false;
     talk_->begin(requests_);
@@ -184,7 +199,8 @@ void host_link::receive(std::string& output) {
     if (!talk_->done()) {
         return send_requests();
     }
-    if (talk_->end().how != ending::over) {
+    const ending how = talk_->end().how;
+    if (how != ending::over && how != ending::timeout && how != ending::busy && how != ending::unsupported) {
         return give_up(talk_->end());
     }
     end_ = talk_->end();
@@ -200,7 +216,8 @@ void host_link::expire() {
     } else if (!requests_.empty()) {
         give_up({ending::unsent, text_of(ETIMEDOUT)});
     } else {
-        give_up({ending::silent});
+        end_ = answer_end(ending::silent);
+        deadline_ = clock::time_point::max();
     }
 }
 

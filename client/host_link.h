@@ -8,6 +8,7 @@
 #include <chrono>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace client {
@@ -25,8 +26,9 @@ public:
     host_link(const host_link&) = delete;
     host_link& operator=(const host_link&) = delete;
 
-    // Begins a command, over the connection that is open or a new one. No other may be under way.
-    void ask(const std::vector<std::string>& words);
+    // Begins a command, over the connection that is open or a new one. No other may be under way, nor be silent.
+    // more: sent behind it when the connection is open.
+    void ask(const std::vector<std::string>& words, std::string_view more = "");
 
     const std::string& name() const { return where_.name; }
 
@@ -39,7 +41,13 @@ public:
     short events() const;
     void ready(std::string& output);  // appends the output of the command
 
-    // When waiting is to be given up, and the giving up.
+    // Fetches the status and quits in one request, so that hardly any message can be queued in between for a
+    // connection that will not ask again. A command that is under way ends first; then call this again. false when
+    // there is no connection.
+    bool take_leave();
+
+    // When waiting is to be given up, and the giving up. Messages are handed over once, so silence is told but the
+    // connection is kept: the answer may still come, and then the command ends once more.
     clock::time_point deadline() const { return deadline_; }
     void expire();
 

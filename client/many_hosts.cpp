@@ -36,9 +36,9 @@ many_hosts::many_hosts(const std::vector<host_name>& hosts, const settings& chos
       parallel_(allowed_connections(std::min(parallel, hosts.size()), hosts.size())),
       told_(std::move(told)),
       asking_(hosts.size()) {
+    const bool can_log_in = !chosen.password_file.empty() || chosen.hosts.empty();
     for (const host_name& host : hosts) {
-        links_.push_back(
-            std::make_unique<host_link>(host, chosen, chosen.password_file.empty() ? nullptr : &password_));
+        links_.push_back(std::make_unique<host_link>(host, chosen, can_log_in ? &password_ : nullptr));
     }
 }
 
@@ -52,6 +52,18 @@ void many_hosts::close(std::size_t host) {
         asking_[host] = false;
         --active_;
     }
+}
+
+bool many_hosts::take_leave(std::size_t host) {
+    std::erase_if(queue_, [host](const question& q) { return q.host == host; });
+    const bool comes = links_[host]->take_leave();
+    if (!comes) {
+        close(host);
+    } else if (!asking_[host]) {
+        asking_[host] = true;
+        ++active_;
+    }
+    return comes;
 }
 
 // true when a command has ended at once.

@@ -21,11 +21,11 @@ public:
         std::function<void(std::size_t host, std::string_view text)>
             output;  // of the command, line ends are LF
         std::function<void(std::size_t host, const answer_end& end)>
-            ended;  // the command, or an idle connection
+            ended;  // the command, or an idle connection; after silence a command may end once more
     };
 
     // hosts and chosen must outlive this. At most `parallel` commands are under way at once. A login takes the
-    // password from chosen.password_file; without one it is refused. Raises the limit for descriptors as needed.
+    // password from chosen.password_file; without one it is refused when chosen names several hosts. Raises the limit for descriptors as needed.
     many_hosts(const std::vector<host_name>& hosts, const settings& chosen, std::size_t parallel,
                listener told);
 
@@ -33,6 +33,10 @@ public:
     // under way without a word.
     void ask(std::size_t host, std::vector<std::string> words);
     void close(std::size_t host);
+
+    // Fetches the status and quits as one command, when none is under way; else it is to be called again once that
+    // has ended. false when there is no connection, also in the middle of making one, which is given up.
+    bool take_leave(std::size_t host);
 
     // Commands are under way or wait for a place.
     bool is_asking() const { return active_ != 0 || !queue_.empty(); }

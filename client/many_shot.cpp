@@ -12,7 +12,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <memory>
@@ -82,23 +81,14 @@ many_shot::many_shot(const settings& chosen, json_writer convert)
              {[this](std::size_t host, std::string_view text) { take(host, text); },
               [this](std::size_t host, const answer_end& end) { ended(host, end); }}) {}
 
-// Never waits for the reader alone: a signal ends the waiting.
 void many_shot::write(std::string_view text) {
-    while (!text.empty() && !interrupted_) {
-        pollfd ready[] = {{STDOUT_FILENO, POLLOUT, 0}, {signals_.fd(), POLLIN, 0}};
-        if (poll(ready, 2, -1) < 0) {
-            continue;
-        }
-        if (ready[0].revents == 0) {
-            interrupted_ = signals_.take();
-            continue;
-        }
-        const std::string_view piece = text.substr(0, PIPE_BUF);  // what a pipe takes without waiting
-        if (!write_all(STDOUT_FILENO, piece)) {
-            throw std::system_error(errno, std::generic_category(), "cannot write");
-        }
-        text.remove_prefix(piece.size());
+    if (!interrupted_ && write_until_signal(text, signals_)) {
+        return;
     }
+    if (!interrupted_ && errno != EINTR) {
+        throw std::system_error(errno, std::generic_category(), "cannot write");
+    }
+    interrupted_ = true;
     cut_ = cut_ || !text.empty();
 }
 

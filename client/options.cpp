@@ -112,9 +112,6 @@ void name_hosts(const CLI::App& app, settings& chosen) {
     if (!chosen.hosts.empty() && !chosen.watch && chosen.words.empty()) {
         throw CLI::ValidationError("several hosts", "take a command or `watch`; all else is for one");
     }
-    if (!chosen.hosts.empty() && chosen.watch && chosen.json) {
-        throw CLI::ValidationError("--json", "with `watch` is for one host");
-    }
 }
 
 // CLI11 takes the arguments from the back of the list.

@@ -1,5 +1,9 @@
 #include "signals.h"
 
+#include "text.h"
+
+#include <cerrno>
+#include <climits>
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/signalfd.h>
@@ -90,6 +94,28 @@ bool signal_watch::take_signals() {
 
 bool signal_watch::resized() {
     return std::exchange(resized_, false);
+}
+
+bool write_until_signal(std::string_view text, signal_watch& signals) {
+    while (!text.empty()) {
+        pollfd ready[] = {{STDOUT_FILENO, POLLOUT, 0}, {signals.fd(), POLLIN, 0}};
+        if (poll(ready, 2, -1) < 0) {
+            continue;
+        }
+        if (ready[0].revents == 0) {
+            if (signals.take()) {
+                errno = EINTR;
+                return false;
+            }
+            continue;
+        }
+        const std::string_view piece = text.substr(0, PIPE_BUF);  // what a pipe takes without waiting
+        if (!write_all(STDOUT_FILENO, piece)) {
+            return false;
+        }
+        text.remove_prefix(piece.size());
+    }
+    return true;
 }
 
 signals_through::signals_through() {

@@ -4,6 +4,7 @@
 
 #include <csignal>
 #include <functional>
+#include <string_view>
 
 namespace client {
 
@@ -41,6 +42,9 @@ private:
     bool leaving_ = false;
     bool resized_ = false;
 };
+
+// Writes all to standard output. Its reader may be slow, so a signal ends the waiting: then false with errno EINTR.
+bool write_until_signal(std::string_view text, signal_watch& signals);
 
 // Lets the watched signals through in the usual way while a prompt handles them itself.
 class signals_through {

@@ -30,12 +30,26 @@ snapshot not_up(int failure, std::string problem) {
     return known;
 }
 
+// false when the conversation ended meanwhile; end then says how.
+bool ask_details(conversation& talk, snapshot& known, answer_end& end) {
+    for (const detail& one : details()) {
+        std::string text;
+        end = talk.run(one.words, [&text](std::string_view part) { text += part; });
+        if (end.how == ending::over) {
+            one.take(text, known);
+        } else if (end.how != ending::unsupported) {
+            return false;
+        }
+    }
+    return true;
+}
+
 // The answers of one visit: two of `status`, the second with the leave.
-status_report visit(conversation& talk, bool details, snapshot& known) {
+status_report visit(conversation& talk, bool with_details, snapshot& known) {
     answer_end end{ending::over};
     std::string first;
     std::string second;
-    if (!details || ask_details(talk, known, end)) {
+    if (!with_details || ask_details(talk, known, end)) {
         const steady::time_point begin = steady::now();
         end = talk.run({"status"}, [&first](std::string_view part) { first += part; });
         known.answer_seconds = std::chrono::duration<double>(steady::now() - begin).count();
@@ -57,7 +71,7 @@ status_report visit(conversation& talk, bool details, snapshot& known) {
 }
 
 // What the asking process does, from its first to its last moment.
-[[noreturn]] void ask_and_keep(const settings& chosen, bool details, const spool& kept, int result) {
+[[noreturn]] void ask_and_keep(const settings& chosen, bool with_details, const spool& kept, int result) {
     setsid();  // an engine that kills its check's process group does not kill this
     const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
@@ -68,7 +82,7 @@ status_report visit(conversation& talk, bool details, snapshot& known) {
     }
     snapshot known;
     conversation talk(chosen, nullptr, on_silence::wait);
-    const status_report report = visit(talk, details, known);
+    const status_report report = visit(talk, with_details, known);
     known.conditions = report.conditions;
     spool_content content;
     std::string problem;
@@ -105,7 +119,7 @@ std::string read_until(int fd, steady::time_point until) {
     }
 }
 
-snapshot ask(settings chosen, bool details) {
+snapshot ask(settings chosen, bool with_details) {
     const spool kept(chosen.where);
     std::string problem;
     if (!kept.usable(problem)) {
@@ -125,7 +139,7 @@ snapshot ask(settings chosen, bool details) {
     chosen.where.timeout = 0;
     const pid_t child = fork();
     if (child == 0) {
-        ask_and_keep(chosen, details, kept, ends[1]);
+        ask_and_keep(chosen, with_details, kept, ends[1]);
     }
     close(ends[1]);
     const std::string text = child > 0 ? read_until(ends[0], until) : "";
@@ -135,25 +149,21 @@ snapshot ask(settings chosen, bool details) {
 
 }  // namespace
 
-bool ask_details(conversation& talk, snapshot& known, answer_end& end) {
-    std::string text;
-    const auto answered = [&](std::vector<std::string> words) {
-        text.clear();
-        end = talk.run(words, [&text](std::string_view part) { text += part; });
-        return end.how == ending::over;
+const std::vector<detail>& details() {
+    static const std::vector<detail> all = {
+        {{"show", "ip"},
+         [](std::string_view answer, snapshot& known) {
+             const std::size_t rows = parse_show_ip(answer).size();
+             known.operators = rows > 0 ? rows - 1 : 0;
+         }},
+        {{"modcntl"},
+         [](std::string_view answer, snapshot& known) { known.modules = parse_modules(answer); }},
+        {{"debug", "timer"},
+         [](std::string_view answer, snapshot& known) {
+             known.timer_jobs = parse_timer_jobs(answer).size();
+         }},
     };
-    const auto gone = [&] { return end.how != ending::over && end.how != ending::unsupported; };
-    if (answered({"show", "ip"})) {
-        const std::size_t rows = parse_show_ip(text).size();
-        known.operators = rows > 0 ? rows - 1 : 0;
-    }
-    if (!gone() && answered({"modcntl"})) {
-        known.modules = parse_modules(text);
-    }
-    if (!gone() && answered({"debug", "timer"})) {
-        known.timer_jobs = parse_timer_jobs(text).size();
-    }
-    return !gone();
+    return all;
 }
 
 void keep_newest(std::vector<message>& messages) {
@@ -172,12 +182,12 @@ void report_unkept(const snapshot& known) {
     }
 }
 
-snapshot look_at(settings chosen, bool details) {
+snapshot look_at(settings chosen, bool with_details) {
     chosen.user.clear();  // a greeting runs a module, and may have to wait for another one
     if (std::optional<snapshot> known = followed_state(chosen.where)) {
         return *known;
     }
-    snapshot known = ask(chosen, details);
+    snapshot known = ask(chosen, with_details);
     known.uptime_minutes = uptime_of(chosen.where);
     return known;
 }

@@ -1,17 +1,24 @@
 // One visit to a scheduler that leaves nothing behind: what it was asked, and every message that it handed over.
 #pragma once
 
-#include "answer.h"
 #include "snapshot.h"
+
+#include <string>
+#include <string_view>
+#include <vector>
 
 namespace client {
 
-class conversation;
 struct settings;
 
-// What the answers say besides the status: connections, modules, timer jobs. A word that the scheduler does not
-// know leaves its part as it was. false when the conversation ended meanwhile; end then says how.
-bool ask_details(conversation& talk, snapshot& known, answer_end& end);
+// A command whose answer says something besides the status: connections, modules or timer jobs. A scheduler that does
+// not know it leaves that part as it was.
+struct detail {
+    std::vector<std::string> words;
+    void (*take)(std::string_view answer, snapshot& known);
+};
+
+const std::vector<detail>& details();
 
 // Leaves as many messages as a snapshot holds.
 void keep_newest(std::vector<message>& messages);
@@ -22,7 +29,7 @@ void report_unkept(const snapshot& known);
 // Looks at the scheduler: from a follower's state file when one is at work; else by asking. Then a process of its
 // own does the asking, waits for the answer however long that takes, and puts the messages into the spool: neither
 // the limit of this call (settings' time-out, 10 s without one) nor the end of this process loses any.
-// details: connections, modules, timer jobs as well.
-snapshot look_at(settings chosen, bool details);
+// with_details: connections, modules, timer jobs as well.
+snapshot look_at(settings chosen, bool with_details);
 
 }  // namespace client

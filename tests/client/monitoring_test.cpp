@@ -216,40 +216,71 @@ TEST_F(ClientMonitoring, ExporterAnswersOnlyForAValidTarget) {
     shell("kill " + server);
 }
 
-TEST_F(ClientMonitoring, FollowerWritesEachChangeAndServesTheChecks) {
-    shell(environment() + "{ sh -c 'echo $$ >" + suite.path("pid") + "; exec " SCHEDCTL_BINARY " watch --json -n 1 >" +
-          suite.path("lines") + "'; echo $? >" + suite.path("code") + "; } >/dev/null 2>&1 &");
-    const auto await = [&](const std::string& part) {
-        ASSERT_TRUE(wait_until([&] { return suite.read("lines").find(part) != std::string::npos; }))
+// Of one scheduler, and of two by one process.
+class Follower : public ClientMonitoring, public testing::WithParamInterface<bool> {
+protected:
+    void follow(const std::string& hosts) const {
+        shell(environment() + "{ sh -c 'echo $$ >" + suite.path("pid") + "; exec " SCHEDCTL_BINARY " " + hosts +
+              " -t 1 watch --json -n 1 >" + suite.path("lines") + "'; echo $? >" + suite.path("code") +
+              "; } >/dev/null 2>&1 &");
+    }
+
+    int told(const Suite& of, const std::string& part) const {
+        int count = 0;
+        std::istringstream lines(suite.read("lines"));
+        for (std::string line; std::getline(lines, line);) {
+            const json value = json::parse(line, nullptr, false);
+            EXPECT_TRUE(value.is_object() && value["host"] == "127.0.0.1" && mask_dates(value["time"]) == "DATE")
+                << line;
+            count += value["port"] == of.port ? occurrences(line, part) : 0;
+        }
+        return count;
+    }
+
+    void await(const Suite& of, const std::string& part, int count = 1) const {
+        ASSERT_TRUE(wait_until([&] { return told(of, part) == count; }))
             << part << " is not in " << suite.read("lines");
-    };
-    await("\"event\":\"disconnected\"");  // it may be started before the scheduler
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Hosts, Follower, testing::Bool(),
+                         [](const auto& hosts) { return hosts.param ? "Several" : "One"; });
+
+TEST_P(Follower, WritesEachChangeAndServesTheChecks) {
+    Suite second;
+    second.start();
+    follow(GetParam() ? "-H 127.0.0.1,127.0.0.1:" + std::to_string(second.port) : "");
+    await(suite, "\"event\":\"disconnected\"");  // it may be started before the scheduler
     suite.start();
-    await("\"event\":\"connected\"");
+    await(suite, "\"event\":\"connected\"");
     suite.event("E0101:fan \"3\" \xff\n");
-    await("\"event\":\"message\",\"code\":\"E0101\",\"severity\":\"error\",\"text\":\"E0101:fan \\\"3\\\" \\ufffd\"}");
-    await("\"event\":\"condition\",\"name\":\"error\",\"set\":true}");
+    await(suite,
+          "\"event\":\"message\",\"code\":\"E0101\",\"severity\":\"error\",\"text\":\"E0101:fan \\\"3\\\" \\ufffd\"}");
+    await(suite, "\"event\":\"condition\",\"name\":\"error\",\"set\":true}");
     const int before = connections();
     EXPECT_THAT(ctl("check"), AllOf(HasSubstr("CRITICAL"), HasSubstr("E0101:fan")));
     EXPECT_THAT(ctl("metrics"), HasSubstr("sched_messages_total{severity=\"error\"} 1\n"));
+    const pid_t stalled = suite.scheduler();
+    kill(stalled, SIGSTOP);  // its connection is kept, and what comes late is told
+    await(suite, "no answer in time");
+    suite.event("W0104:late\n");
+    second.event("W0104:second\n");
+    if (GetParam()) { await(second, "W0104:second"); }
+    kill(stalled, SIGCONT);
+    await(suite, "W0104:late");
     EXPECT_EQ(connections(), before);
     ctl("parts clear");
-    await("\"event\":\"condition\",\"name\":\"error\",\"set\":false}");
+    await(suite, "\"event\":\"condition\",\"name\":\"error\",\"set\":false}");
     suite.stop();
-    ASSERT_TRUE(wait_until([&] { return occurrences(suite.read("lines"), "disconnected") == 2; }));
+    await(suite, "disconnected", 3);
     EXPECT_THAT(ctl("check"), AllOf(HasSubstr("CRITICAL - no connection"), EndsWith("code 2\n")));
     suite.start();
-    ASSERT_TRUE(wait_until([&] { return occurrences(suite.read("lines"), "\"connected\"") == 2; }));
+    await(suite, "\"connected\"", 3);
     shell("kill " + suite.read("pid"));
     ASSERT_TRUE(wait_until([&] { return !suite.read("code").empty(); }));
     EXPECT_EQ(suite.read("code"), "0\n");
-    std::istringstream lines(suite.read("lines"));
-    for (std::string line; std::getline(lines, line);) {
-        const json value = json::parse(line, nullptr, false);
-        EXPECT_TRUE(value.is_object() && value["host"] == "127.0.0.1" && value["port"] == suite.port &&
-                    mask_dates(value["time"]) == "DATE")
-            << line;
-    }
+    EXPECT_EQ(told(second, "\"connected\""), GetParam() ? 1 : 0);
+    EXPECT_EQ(shell("ls " + suite.path("state/schedctl") + " | grep json"), "");
 }
 
 TEST_F(ClientMonitoring, FollowerEndsWithItsReader) {

@@ -1,0 +1,114 @@
+#include "followed_host.h"
+
+#include "visit.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <unistd.h>
+#include <utility>
+
+namespace client {
+
+namespace {
+
+bool holds(const std::vector<condition>& all, const condition& one, bool with_date) {
+    return std::any_of(all.begin(), all.end(), [&](const condition& c) {
+        return c.name == one.name && (!with_date || c.since == one.since);
+    });
+}
+
+}  // namespace
+
+followed_host::followed_host(endpoint where, bool level_prefix, writer write)
+    : where_(std::move(where)),
+      lines_(where_, level_prefix),
+      write_(std::move(write)),
+      spool_(where_),
+      state_path_(state_file_to_write(where_)) {
+    if (const std::optional<snapshot> before = followed_state(where_)) {
+        known_.totals = before->totals;  // counters go on across a restart of the follower
+    }
+}
+
+void followed_host::answered(std::string_view answer, double seconds) {
+    known_.answer_seconds = seconds;
+    known_.answered = wall_clock();
+    if (!known_.up) {
+        known_.up = true;
+        known_.failure = 0;
+        known_.problem.clear();
+        told_down_ = false;
+        write_(lines_.connected());
+        spool_.hand_over([this](const status_report& waiting) { return emit_messages(waiting); });
+    }
+    const status_report report = parse_status(answer);
+    emit_changes(report.conditions);
+    hand_on(report);
+    known_.uptime_minutes = uptime_of(where_);
+}
+
+void followed_host::not_answered(const answer_end& end) {
+    known_.up = false;
+    known_.failure = exit_code_of(end);
+    known_.problem = describe(end);
+    if (!std::exchange(told_down_, true)) {
+        write_(lines_.disconnected(known_.problem));
+    }
+}
+
+void followed_host::emit_changes(const std::vector<condition>& now) {
+    for (const condition& c : now) {
+        if (!holds(known_.conditions, c, true)) {
+            write_(lines_.set(c));
+        }
+    }
+    for (const condition& c : known_.conditions) {
+        if (!holds(now, c, false)) {
+            write_(lines_.cleared(c));
+        }
+    }
+    known_.conditions = now;
+}
+
+// true when all of it was written.
+bool followed_host::emit_messages(const status_report& report) {
+    bool written = true;
+    for (const message& m : report.messages) {
+        written = write_(lines_.received(m)) && written;
+    }
+    if (report.lost != 0) {
+        written = write_(lines_.lost(report.lost)) && written;
+    }
+    return written;
+}
+
+void followed_host::take_messages(std::string_view answer) {
+    hand_on(parse_status(answer));
+}
+
+void followed_host::hand_on(const status_report& report) {
+    if (!emit_messages(report)) {
+        spool_content content;
+        std::string problem;
+        spool_.append(report, content, problem);
+    }
+    known_.totals.add(report);
+    known_.messages.insert(known_.messages.end(), report.messages.begin(), report.messages.end());
+    keep_newest(known_.messages);
+}
+
+void followed_host::save(double seconds) {
+    std::string problem;
+    if (!state_path_.empty() && !write_state_file(state_path_, known_, wall_clock() + seconds, problem) &&
+        !std::exchange(save_failed_, true)) {
+        std::fprintf(stderr, "schedctl: no state is kept: %s\n", problem.c_str());
+    }
+}
+
+void followed_host::remove_state() const {
+    if (!state_path_.empty()) {
+        unlink(state_path_.c_str());
+    }
+}
+
+}  // namespace client
