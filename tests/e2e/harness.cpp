@@ -96,10 +96,15 @@ std::string of_process(pid_t pid, const std::string& command) {
 
 std::string sha256_hex(const std::string& text) { return shell("printf %s '" + text + "' | sha256sum").substr(0, 64); }
 
-// Below the range that the system gives to outgoing connections, so that none of them can use the port. Each process
-// searches a part of its own.
+// Ports lie below the range that the system gives to outgoing connections. Each process claims a block of twenty by
+// binding its first port, so that no test that runs at the same time takes a port that is to stay unused.
 int free_port() {
-    static int next = 20000 + static_cast<int>(getpid() % 600) * 20;
+    static const unique_fd claim = tcp_socket();
+    static int next = [] {
+        int block = static_cast<int>(getpid() % 600);
+        while (!with_address(bind, claim, "0.0.0.0", 20000 + block * 20)) block = (block + 1) % 600;
+        return 20000 + block * 20;
+    }();
     while (!with_address(bind, tcp_socket(), "0.0.0.0", ++next)) EXPECT_LT(next, 32768);
     return next;
 }

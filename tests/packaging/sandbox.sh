@@ -32,7 +32,7 @@ export VGD_bin=$dir/bin VGD_config=$dir/config VGD_data=$dir/data VGD_log=$dir/l
     VGD_update=$dir/update VGD_PIPE=$dir/pipe
 
 start() {
-    port=$((20000 + RANDOM % 12000))
+    port=$((10000 + RANDOM % 10000)) # the other tests use higher ones
     # shellcheck disable=SC2016
     unshare --mount --propagation private sh -c '
         for dir in config data log temp update; do mount --bind $dir $dir; done
