@@ -79,6 +79,10 @@ const char* why_closed(bool served) {
                  "not allowed";
 }
 
+const char* why_busy(std::string_view word) {
+    return word == "unlock" ? "the lock is not held here" : "switched off or locked";
+}
+
 std::string describe(const answer_end& end) {
     if (end.how == ending::over && end.signal != 0) {
         return "ended by signal " + std::to_string(end.signal);

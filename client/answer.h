@@ -54,6 +54,9 @@ int exit_code_of(const answer_end& end);
 // Why the scheduler has closed a connection; served: something had come over it before.
 const char* why_closed(bool served);
 
+// Why the scheduler is busy for a command that begins with this word.
+const char* why_busy(std::string_view word);
+
 // One line for the operator; empty for a command that succeeded.
 std::string describe(const answer_end& end);
 

@@ -1,31 +1,37 @@
 #include "changes.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace client {
 
 namespace {
 
-const condition* find(const std::vector<condition>& conditions, const std::string& name) {
-    const auto found = std::find_if(conditions.begin(), conditions.end(),
-                                    [&](const condition& c) { return c.name == name; });
-    return found != conditions.end() ? &*found : nullptr;
+bool names(const std::vector<condition>& conditions, const std::string& name) {
+    return std::any_of(conditions.begin(), conditions.end(),
+                       [&](const condition& c) { return c.name == name; });
 }
 
 }  // namespace
 
+condition_changes compare(const std::vector<condition>& before, const std::vector<condition>& now) {
+    condition_changes result;
+    std::copy_if(now.begin(), now.end(), std::back_inserter(result.set), [&](const condition& c) {
+        return std::find(before.begin(), before.end(), c) == before.end();
+    });
+    std::copy_if(before.begin(), before.end(), std::back_inserter(result.cleared),
+                 [&](const condition& c) { return !names(now, c.name); });
+    return result;
+}
+
 std::vector<message> changes(const std::vector<condition>& before, const status_report& report) {
     std::vector<message> lines;
-    for (const condition& c : report.conditions) {
-        const condition* known = find(before, c.name);
-        if (known == nullptr || *known != c) {
-            lines.push_back({c.since, "condition " + c.name + " set"});
-        }
+    const condition_changes conditions = compare(before, report.conditions);
+    for (const condition& c : conditions.set) {
+        lines.push_back({c.since, "condition " + c.name + " set"});
     }
-    for (const condition& c : before) {
-        if (find(report.conditions, c.name) == nullptr) {
-            lines.push_back({now_date(), "condition " + c.name + " cleared"});
-        }
+    for (const condition& c : conditions.cleared) {
+        lines.push_back({now_date(), "condition " + c.name + " cleared"});
     }
     for (const message& m : report.messages) {
         lines.push_back({m.date, "message " + m.text});

@@ -7,6 +7,13 @@
 
 namespace client {
 
+struct condition_changes {
+    std::vector<condition> set;  // also those that were set anew, at another time
+    std::vector<condition> cleared;
+};
+
+condition_changes compare(const std::vector<condition>& before, const std::vector<condition>& now);
+
 // Conditions that were set and cleared, messages and losses, each as a dated line. before: the conditions then.
 std::vector<message> changes(const std::vector<condition>& before, const status_report& report);
 

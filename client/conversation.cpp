@@ -36,7 +36,7 @@ answer_end conversation::run(const std::vector<std::string>& words, const sink& 
         end = ask(words, output);
     }
     if (end.how == ending::busy) {
-        end.reason = words[0] == "unlock" ? "the lock is not held here" : "switched off or locked";
+        end.reason = why_busy(words[0]);
     }
     // Stopped in the middle of several exchanges: what is still to come cannot be told apart.
     if ((end.how == ending::interrupted || end.how == ending::silent) && !late_) {
@@ -100,25 +100,15 @@ answer_end conversation::ask(const std::vector<std::string>& words, const sink& 
 }
 
 bool conversation::log_in(const answer_end& challenge, answer_end& problem) {
-    answer_end refused{ending::login_refused};
-    const std::string line = password_.answer(challenge, settings_.where.host, refused.reason);
+    std::string reason;
+    const std::string line = password_.answer(challenge, settings_.where.host, reason);
     if (line.empty()) {
-        problem = refused;
+        problem = {ending::login_refused, reason};
         return false;
     }
     limit_wait("login");
-    const answer_end end = exchange_line(line, discard);
-    if (end.how == ending::over && end.code == 0) {
-        return true;
-    }
-    problem = end;
-    if (end.how == ending::unsupported || end.how == ending::over) {
-        refused.reason =
-            end.how == ending::over ? "wrong password" : "the scheduler does not know the login command";
-        password_.forget();
-        problem = refused;
-    }
-    return false;
+    problem = password_.result_of(exchange_line(line, discard));
+    return problem.how == ending::over;
 }
 
 // Without a limit of the operator's own, only a module may be silent for long.

@@ -94,18 +94,16 @@ void dialogue::log_in(const answer_end& challenge, std::string& requests) {
 }
 
 void dialogue::login_answered(const answer_end& end, std::string& requests) {
-    if (end.how == ending::over && end.code == 0) {
-        logged_in_ = true;
-        return after_login_ == step::greeting ? say(step::greeting, requests) : say_command(requests);
+    const answer_end result = password_->result_of(end);
+    if (result.how != ending::over) {
+        return finish(result);
     }
-    answer_end refused{ending::login_refused, "wrong password"};
-    if (end.how == ending::unsupported) {
-        refused.reason = "the scheduler does not know the login command";
-    } else if (end.how != ending::over) {
-        return finish(end);
+    logged_in_ = true;
+    if (after_login_ == step::greeting) {
+        say(step::greeting, requests);
+    } else {
+        say_command(requests);
     }
-    password_->forget();
-    finish(refused);
 }
 
 void dialogue::lost(bool served) {
@@ -119,7 +117,7 @@ void dialogue::lost(bool served) {
 void dialogue::finish(answer_end end) {
     end_ = std::move(end);
     if (end_.how == ending::busy) {
-        end_.reason = words_[0] == "unlock" ? "the lock is not held here" : "switched off or locked";
+        end_.reason = why_busy(words_[0]);
     }
     done_ = true;
 }

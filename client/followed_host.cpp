@@ -1,23 +1,13 @@
 #include "followed_host.h"
 
+#include "changes.h"
 #include "visit.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <unistd.h>
 #include <utility>
 
 namespace client {
-
-namespace {
-
-bool holds(const std::vector<condition>& all, const condition& one, bool with_date) {
-    return std::any_of(all.begin(), all.end(), [&](const condition& c) {
-        return c.name == one.name && (!with_date || c.since == one.since);
-    });
-}
-
-}  // namespace
 
 followed_host::followed_host(endpoint where, bool level_prefix, writer write)
     : where_(std::move(where)),
@@ -57,15 +47,12 @@ void followed_host::not_answered(const answer_end& end) {
 }
 
 void followed_host::emit_changes(const std::vector<condition>& now) {
-    for (const condition& c : now) {
-        if (!holds(known_.conditions, c, true)) {
-            write_(lines_.set(c));
-        }
+    const condition_changes changed = compare(known_.conditions, now);
+    for (const condition& c : changed.set) {
+        write_(lines_.set(c));
     }
-    for (const condition& c : known_.conditions) {
-        if (!holds(now, c, false)) {
-            write_(lines_.cleared(c));
-        }
+    for (const condition& c : changed.cleared) {
+        write_(lines_.cleared(c));
     }
     known_.conditions = now;
 }

@@ -17,6 +17,18 @@ void password_source::forget() {
     known_ = false;
 }
 
+answer_end password_source::result_of(const answer_end& end) {
+    if (end.how != ending::over && end.how != ending::unsupported) {
+        return end;
+    }
+    if (end.how == ending::over && end.code == 0) {
+        return end;
+    }
+    forget();
+    return {ending::login_refused,
+            end.how == ending::over ? "wrong password" : "the scheduler does not know the login command"};
+}
+
 bool password_source::get_password(const std::string& host, std::string& problem) {
     if (file_.empty()) {
         const signals_through through;

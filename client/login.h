@@ -19,10 +19,12 @@ public:
     // The request line "login" for this challenge; empty when no password can be had, and problem says why.
     std::string answer(const answer_end& challenge, const std::string& host, std::string& problem);
 
-    // The password was refused: ask again next time.
-    void forget();
+    // What the answer to that request means: over when it was accepted, else why not. A password that was refused is
+    // forgotten and asked for again next time.
+    answer_end result_of(const answer_end& end);
 
 private:
+    void forget();
     bool get_password(const std::string& host, std::string& problem);
 
     std::string file_;  // empty: ask on the terminal

@@ -4,7 +4,7 @@
 #include "exposition.h"
 #include "metrics_server.h"
 #include "options.h"
-#include "state_path.h"
+#include "replace_file.h"
 #include "text.h"
 #include "visit.h"
 

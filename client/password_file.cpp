@@ -1,12 +1,10 @@
 #include "password_file.h"
 
-#include "text.h"
+#include "replace_file.h"
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
@@ -14,14 +12,6 @@
 namespace client {
 
 namespace {
-
-std::string directory_of(const std::string& path) {
-    const std::size_t slash = path.rfind('/');
-    if (slash == std::string::npos) {
-        return ".";
-    }
-    return slash == 0 ? "/" : path.substr(0, slash);
-}
 
 bool give_to_owner(int fd, const std::string& path) {
     struct stat owner {};
@@ -32,15 +22,6 @@ bool give_to_owner(int fd, const std::string& path) {
         return false;
     }
     return fchown(fd, owner.st_uid, owner.st_gid) == 0;
-}
-
-void sync_directory(const std::string& path) {
-    const int fd = open(directory_of(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) {
-        return;
-    }
-    fsync(fd);  // where it is refused, the file is in place all the same
-    close(fd);
 }
 
 }  // namespace
@@ -72,25 +53,8 @@ bool write_password_file(const std::string& path, const password_record& record,
         problem = path + ": is a symbolic link; name the file itself";
         return false;
     }
-    std::string temporary = path + ".XXXXXX";
-    const int fd = mkostemp(temporary.data(), O_CLOEXEC);  // with mode 0600
-    if (fd < 0) {
-        problem = directory_of(path) + ": " + std::generic_category().message(errno);
-        return false;
-    }
-    const bool written =
-        give_to_owner(fd, path) && write_all(fd, record.hash + " " + record.salt + "\n") && fsync(fd) == 0;
-    // Closing may set errno too.
-    const int write_error = errno;
-    // Some file systems report a full disk only here.
-    const bool closed = close(fd) == 0;
-    if (written && closed && std::rename(temporary.c_str(), path.c_str()) == 0) {
-        sync_directory(path);
-        return true;
-    }
-    problem = path + ": " + std::generic_category().message(written ? errno : write_error);
-    unlink(temporary.c_str());
-    return false;
+    return replace_file(path, record.hash + " " + record.salt + "\n", 0600, true, problem,
+                        [&](int fd) { return give_to_owner(fd, path); });
 }
 
 }  // namespace client

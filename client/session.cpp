@@ -7,14 +7,13 @@
 #include "report.h"
 #include "signals.h"
 #include "spool.h"
+#include "state_path.h"
 #include "text.h"
 #include "words.h"
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <iostream>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace client {
@@ -26,25 +25,6 @@ using word_list = std::vector<std::string>;
 // The words that may follow one of the scheduler's own.
 constexpr std::pair<const char*, const char*> following[] = {
     {"debug", "timer"}, {"debug", "hmi"}, {"restart", "sched"}, {"show", "ip"}, {"show", "allowed_ip"}};
-
-// $XDG_STATE_HOME/schedctl/history, its directories made when they are missing; empty when there is no home.
-std::string history_path() {
-    const char* state = std::getenv("XDG_STATE_HOME");
-    const char* home = std::getenv("HOME");
-    std::string path;
-    if (state != nullptr && state[0] == '/') {
-        path = state;
-    } else if (home != nullptr && home[0] == '/') {
-        path = std::string(home) + "/.local/state";
-    } else {
-        return "";
-    }
-    path += "/schedctl/";
-    for (std::size_t at = path.find('/', 1); at != std::string::npos; at = path.find('/', at + 1)) {
-        mkdir(path.substr(0, at).c_str(), 0700);
-    }
-    return path + "history";
-}
 
 class session {
 public:
@@ -173,8 +153,9 @@ int session::at_terminal() {
     load_modules();
     show_kept();
     const std::string place = chosen_.where.host + ":" + std::to_string(chosen_.where.port);
-    line_editor editor((chosen_.user.empty() ? place : chosen_.user + "@" + place) + "> ", history_path(),
-                       *signals_);
+    const std::string directory = state_directory();
+    line_editor editor((chosen_.user.empty() ? place : chosen_.user + "@" + place) + "> ",
+                       directory.empty() ? "" : directory + "/history", *signals_);
     editor.candidates = [this](const word_list& earlier) { return candidates(earlier); };
     editor.watched = [this] { return talk_.fd(); };
     editor.readable = [this] { return talk_.absorb(); };

@@ -1,6 +1,7 @@
 #include "snapshot.h"
 
 #include "connection.h"
+#include "replace_file.h"
 #include "state_path.h"
 
 #include <chrono>

@@ -1,5 +1,6 @@
 #include "spool.h"
 
+#include "replace_file.h"
 #include "state_path.h"
 
 #include <cstdio>
