@@ -80,7 +80,7 @@ offers 'schedctl --password-file a' afile
 # Every option of the help is offered, including those of single commands.
 for word in '' $("$schedctl" --help | sed -n '/^Subcommands:/,/^$/s/^  \([a-z]*\) .*/\1/p'); do
     for option in $("$schedctl" ${word:+$word} --help | sed -nE 's/^  (-[A-Za-z],)?(--[a-z-]+).*/\2/p'); do
-        of_bash "schedctl ${word:+$word }$option" | grep -qxe "$option" || { echo "not in the list: $word $option"; bad=1; }
+        of_bash "schedctl ${word:+$word }$option" | grep -xe "$option" >/dev/null || { echo "not in the list: $word $option"; bad=1; }
     done
 done
 exit "$bad"
