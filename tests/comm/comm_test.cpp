@@ -78,12 +78,15 @@ TEST_F(Comm, AReusedEntryHasNothingOfItsLastConnection) {
     for (int i = 0; i < hmi_max; ++i) ASSERT_EQ(hmistruc_get(), &st->hmi[i]);
     EXPECT_EQ(hmistruc_get(), nullptr);
     hmistruc& used = st->hmi[6];
-    used.nonce[0] = used.user[0] = 2;
+    used.nonce[0] = used.user[0] = used.ipset[0] = 2;
+    used.last_status = 2;
     used.locked = used.auth = used.lost = used.resource_fd = 2;
     hmistruc_put(used);
     EXPECT_EQ(hmistruc_get(), &used);
     EXPECT_STREQ(used.nonce, "");
     EXPECT_STREQ(used.user, "");
+    EXPECT_STREQ(used.ipset, "");
+    EXPECT_EQ(used.last_status, 0U);
     EXPECT_EQ(used.locked, 0);
     EXPECT_EQ(used.auth, 0);
     EXPECT_EQ(used.lost, 0);

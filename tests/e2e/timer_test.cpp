@@ -84,8 +84,12 @@ TEST(SystemLog, IsPolledOnlyWhileForwardingIsOn) {
     Suite suite;
     suite.settings("syslog_poll_interval = 1");
     suite.start();
+    suite.event("W0000:early\n");
     const auto watched = [&] { return suite.traced("/var/log/messages"); };
     EXPECT_FALSE(wait_until(watched, 2200ms));
+    const std::string status = suite.client().ask("status");
+    const std::string date = status.substr(status.find("\r\n") + 2, 19);  // of the message, not of the answer
+    EXPECT_GE(std::stol(shell("echo $(($(date +%s) - $(date +%s -d " + date + ")))")), 2);
     suite.write("config/pvo.ini", "[section 7]\nactive = yes\n");
     EXPECT_EQ(suite.client().ask("qmx\tsyslog\tenable\tnow"), over);
     EXPECT_TRUE(wait_until(watched));

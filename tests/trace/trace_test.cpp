@@ -2,6 +2,8 @@
 
 #include "unit_support.h"
 
+#include <sys/stat.h>
+
 namespace unit {
 
 struct Trace : Scratch {
@@ -52,6 +54,7 @@ TEST_F(Trace, ErrorTraceTakesExactlyTheLinesWithALevelWord) {
 }
 
 TEST_F(Trace, RotatesALogOnlyAboveTheThresholdAndLosesNoGeneration) {
+    umask(022);
     for (const std::string name : {"log/sched_log", "log/sched_logerr", "log/event_log"}) {
         write(name, std::string(262144, 'x'));
         log("Info");
@@ -65,6 +68,7 @@ TEST_F(Trace, RotatesALogOnlyAboveTheThresholdAndLosesNoGeneration) {
         EXPECT_EQ(read(name + ".1"), "zero") << name;
         EXPECT_EQ(read(name + ".2"), "") << name;
         EXPECT_EQ(read(name + ".3"), "two") << name;
+        EXPECT_EQ(shell("stat -c %a " + name), "644\n") << name;
     }
 }
 

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <fcntl.h>
 #include <optional>
+#include <sys/stat.h>
 
 namespace unit {
 
@@ -154,8 +155,12 @@ TEST_F(Util, OnlyRegularFilesAreOpenedAndNothingBlocks) {
 
 TEST_F(Util, PidFileReplacesLongerContentAndReportsFailure) {
     write("old.pid", std::string(100, '9'));
-    write_pidfile(path("old.pid").c_str());
-    EXPECT_EQ(read("old.pid"), std::to_string(getpid()));
+    umask(022);
+    for (const char* name : {"old.pid", "new.pid"}) {
+        write_pidfile(path(name).c_str());
+        EXPECT_EQ(read(name), std::to_string(getpid()));
+    }
+    EXPECT_EQ(shell("stat -c %a new.pid"), "644\n");
     EXPECT_EQ(write_pidfile(path("log").c_str()), -1);
     EXPECT_EQ(errno, EISDIR);
 }
