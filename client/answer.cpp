@@ -8,7 +8,7 @@ namespace client {
 
 namespace {
 
-// The shapes of a terminating line. One with fields goes on after its word, to `longest` bytes at most.
+// The forms of a terminating line. In a form with fields, the line goes on after the word, up to `longest` bytes.
 struct terminator {
     std::string_view word;
     ending how;
@@ -43,14 +43,14 @@ constexpr meaning meanings[] = {
 };
 static_assert(std::size(meanings) == static_cast<std::size_t>(ending::count_), "one meaning for each ending");
 
-// What follows the word; true only for the very line that these fields make.
+// Reads the fields after the word. Returns true only when formatting these fields gives exactly this line.
 bool read_fields(const std::string& line, answer_end& end) {
     if (end.how == ending::over) {
         int status = 0;
         if (std::sscanf(line.c_str(), "__over__ %3d %3d", &end.code, &status) != 2) {
             return false;
         }
-        end.signal = status & 0x7f;  // the eighth bit tells of a core dump
+        end.signal = status & 0x7f;  // without the bit for a core dump
         return line == "__over__ " + std::to_string(end.code) + " " + std::to_string(status) + "\r\n";
     }
     char nonce[128];
@@ -97,6 +97,7 @@ std::string describe(const answer_end& end) {
 std::size_t answer_parser::feed(std::string_view bytes, std::string& text) {
     std::size_t used = 0;
     while (used < bytes.size() && !done_) {
+        // Byte by byte only while the line may still be a terminating one; the rest of a line is taken whole.
         if (holding_) {
             held_ += bytes[used++];
             if (held_.back() == '\n' && is_end()) {
@@ -114,7 +115,7 @@ std::size_t answer_parser::feed(std::string_view bytes, std::string& text) {
     return used;
 }
 
-// Only the words for a finished command come after output; "Good-bye." answers nothing but `quit`.
+// After output only the words for a finished command are possible; "Good-bye." is the answer only to `quit`.
 bool answer_parser::expected(ending how) const {
     if (how == ending::over || how == ending::timeout) {
         return true;
@@ -122,6 +123,7 @@ bool answer_parser::expected(ending how) const {
     return first_line_ && (how != ending::goodbye || quitting_);
 }
 
+// True while the held bytes may still become a terminating line.
 bool answer_parser::may_end() const {
     for (const terminator& t : terminators) {
         if (!expected(t.how)) {

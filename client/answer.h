@@ -1,4 +1,4 @@
-// Finds the end of one command's answer in the bytes that the scheduler sends, and how the command ended.
+// Parses the answer to one command: where it ends in the bytes of the scheduler, and how the command ended.
 #pragma once
 
 #include <cstddef>
@@ -8,21 +8,21 @@
 
 namespace client {
 
-// How a command ended. The first six are the scheduler's own words, the others are ours.
+// How a command ended. The first six are terminating lines of the scheduler; the client detects the others itself.
 enum class ending {
     over,           // finished: code and signal are set
     timeout,        // the module overran its time-out and was killed
     busy,           // switched off, or locked
     unsupported,    // no such command
-    unauth,         // login wanted: nonce and salt are set
-    goodbye,        // the scheduler leaves the connection
-    closed,         // no connection, or it went away before the answer was complete; reason is set
-    unsent,         // connected, but the scheduler did not take the request; reason is set
-    invalid,        // words that make no request, so nothing was sent; reason is set
-    silent,         // nothing came for as long as we were told to wait
+    unauth,         // login required: nonce and salt are set
+    goodbye,        // the scheduler closes the connection
+    closed,         // no connection, or it was closed before the answer was complete; reason is set
+    unsent,         // connected, but the request could not be sent; reason is set
+    invalid,        // words that cannot be sent as a request, so nothing was sent; reason is set
+    silent,         // no byte came within the time-out
     interrupted,    // the operator stopped waiting
     login_refused,  // no password, or a wrong one
-    count_          // how many there are
+    count_          // number of endings
 };
 
 struct answer_end {
@@ -37,8 +37,8 @@ struct answer_end {
     std::string reason;
 };
 
-// Exit codes of schedctl itself. A module's own code passes through and a signal is 128 + its number (129 to
-// 192), so these begin at 200, where neither modules nor shells are usually found.
+// Exit codes of schedctl itself. A module's exit code is used unchanged, and a signal is 128 + its number (129 to
+// 192). So these begin at 200, which modules and shells rarely use.
 enum exit_code : int {
     exit_usage = 200,
     exit_busy = 201,
@@ -51,7 +51,7 @@ enum exit_code : int {
 
 int exit_code_of(const answer_end& end);
 
-// Why the scheduler has closed a connection; served: something had come over it before.
+// Returns the likely reason why the scheduler has closed a connection. served: bytes had come over it before.
 const char* why_closed(bool served);
 
 // Why the scheduler is busy for a command that begins with this word.
@@ -60,16 +60,16 @@ const char* why_busy(std::string_view word);
 // One line for the operator; empty for a command that succeeded.
 std::string describe(const answer_end& end);
 
-// Reads one answer. A module's output is a raw stream: a terminating word counts only as a whole line, and
-// the words that refuse a command only as its first line, since a command that was refused has no output.
+// Reads one answer. A module's output is a raw stream and may contain terminating words. So such a word counts only as
+// a whole line, and a word that refuses a command only as the first line: a refused command has no output.
 class answer_parser {
 public:
     // quitting: the command was `quit`, whose answer ends with "Good-bye.".
     explicit answer_parser(bool quitting = false) : quitting_(quitting) {}
 
-    // Appends the output found in bytes to text, CR LF turned into LF, and returns how many bytes were used:
-    // all of them, or those up to the end of the answer. Output is handed on at once; held back is only a
-    // line's beginning that may still become a terminating line, and a CR whose LF may follow.
+    // Appends the output found in bytes to text, with CR LF as LF. Returns how many bytes were used: all of them, or
+    // those up to the end of the answer. Only two things are held back: the start of a line that may become a
+    // terminating line, and a CR whose LF may follow.
     std::size_t feed(std::string_view bytes, std::string& text);
 
     bool done() const { return done_; }
@@ -84,8 +84,8 @@ private:
 
     bool quitting_;
     bool done_ = false;
-    bool holding_ = true;     // at the beginning of a line that may end the answer
-    bool first_line_ = true;  // nothing of the output seen yet
+    bool holding_ = true;     // at the start of a line that may end the answer
+    bool first_line_ = true;  // no output seen yet
     bool cr_ = false;         // a CR was held back
     std::string held_;
     answer_end end_;

@@ -1,4 +1,4 @@
-// What is new in a status since the one before.
+// The changes from one status to the next.
 #pragma once
 
 #include "report.h"

@@ -18,6 +18,7 @@ namespace {
 constexpr const char* state_names[] = {"OK", "WARNING", "CRITICAL", "UNKNOWN"};
 static_assert(std::size(state_names) == plugin_unknown + 1);
 
+// True when the list contains the condition or "all"; "none" matches nothing.
 bool names(const std::vector<std::string>& list, const char* condition_name) {
     return std::any_of(list.begin(), list.end(),
                        [&](const std::string& word) { return word == "all" || word == condition_name; });
@@ -30,6 +31,7 @@ int level_of(const settings& chosen, const char* name) {
     return names(chosen.monitoring.warning, name) ? plugin_warning : plugin_ok;
 }
 
+// A scheduler that cannot be reached is critical. A fault of this client or its configuration says nothing about it.
 int level_of_failure(const settings& chosen, int failure) {
     switch (failure) {
         case exit_silence:
@@ -41,13 +43,14 @@ int level_of_failure(const settings& chosen, int failure) {
     }
 }
 
-// A bar would begin the performance data.
+// Replaces line feeds and bars: a bar would begin the performance data.
 std::string one_line(const std::string& text) {
     std::string line = fit(text, std::numeric_limits<std::size_t>::max());
     std::replace(line.begin(), line.end(), '|', '/');
     return line;
 }
 
+// The performance data: for each condition its value and, in the field of its level, the threshold 0.
 std::string performance_of(const settings& chosen, const snapshot& known) {
     std::string text;
     for (const char* name : condition_names) {
@@ -63,6 +66,7 @@ std::string performance_of(const settings& chosen, const snapshot& known) {
     return text + rest;
 }
 
+// Returns the plugin state and sets the line to print.
 int judge(const settings& chosen, const snapshot& known, std::string& line) {
     if (!known.up) {
         line = one_line(known.problem);

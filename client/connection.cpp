@@ -17,7 +17,7 @@ namespace client {
 
 namespace {
 
-constexpr unsigned connect_timeout = 10;  // seconds, when the operator names none
+constexpr unsigned connect_timeout = 10;  // seconds, when the operator sets none
 constexpr std::size_t receive_size = 65536;
 
 bool bind_source(int fd, const std::string& source) {
@@ -40,13 +40,13 @@ connection::~connection() {
 }
 
 opened connection::open(std::string& error) {
-    // Once only: a view that is drawn must neither hang in the resolver nor be killed there.
+    // Looked up only once: while a view is drawn, the program must not hang in the resolver or be killed there.
     if (found_ == nullptr) {
         addrinfo hints{};
         hints.ai_family = AF_INET;
         hints.ai_socktype = SOCK_STREAM;
         const std::string port = std::to_string(where_.port);
-        const signals_through through;  // nothing else ends a slow resolver
+        const signals_through through;  // so that Ctrl-C can end a slow look-up
         const int result = getaddrinfo(where_.host.c_str(), port.c_str(), &hints, &found_);
         if (result != 0) {
             error = where_.host + ": " + gai_strerror(result);
@@ -83,15 +83,15 @@ opened connection::connect_to(const void* address, unsigned length, std::string&
     }
     const int on = 1;
     const timeval patience{connect_timeout, 0};
-    // A dead host must end a wait without a limit, and a stuck one a send.
+    // Without a time-out, only keep-alive ends the wait for a host that is down. The send time-out ends a blocked send.
     setsockopt(fd_, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
     setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
-    // Only connecting had to be watched; a send may block, and poll tells when there is something to receive.
+    // Only connecting needs a non-blocking socket: a send has its time-out, and a receive follows poll.
     fcntl(fd_, F_SETFL, fcntl(fd_, F_GETFL) & ~O_NONBLOCK);
     return opened::connected;
 }
 
-// Waits for a connection that is being made. problem: 0, or the error number of the failure.
+// Waits until connecting is complete. problem gets 0 or the error number of the failure.
 opened connection::finish_connecting(int& problem) {
     socklen_t size = sizeof problem;
     switch (wait_for(POLLOUT, where_.timeout != 0 ? where_.timeout : connect_timeout)) {
@@ -123,7 +123,7 @@ sent connection::send_line(std::string_view line, std::string& error) {
             return sent::closed;
         }
         if (n < 0 && errno != EINTR) {
-            // The send time-out is reported as EAGAIN, whose usual text would puzzle the operator.
+            // The send time-out is reported as EAGAIN, whose usual text would confuse the operator.
             error = std::generic_category().message(errno == EAGAIN ? ETIMEDOUT : errno);
             return sent::failed;
         }
@@ -143,14 +143,14 @@ wake connection::wait_for(short events, unsigned seconds) {
     const clock::time_point until = clock::now() + std::chrono::seconds(seconds);
     pollfd ready[] = {{fd_, events, 0}, {signals_ != nullptr ? signals_->fd() : -1, POLLIN, 0}};
     for (;;) {
-        // Only the time that is left: a window that is resized again and again must not prolong the wait.
+        // Waits only for the remaining time: a window that is resized repeatedly must not prolong the wait.
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - clock::now()).count();
         const int count = poll(ready, 2, seconds != 0 ? static_cast<int>(std::max<long>(left, 0)) : -1);
         if (count == 0) {
             return wake::silent;
         }
         if (count < 0) {
-            continue;  // only a signal that the process handles elsewhere
+            continue;  // interrupted by a signal that other code handles
         }
         if (signals_ != nullptr && ready[1].revents != 0 && signals_->take()) {
             return wake::stopped;

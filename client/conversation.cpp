@@ -24,7 +24,7 @@ answer_end conversation::run(const std::vector<std::string>& words, const sink& 
         return end;
     }
     if (late_) {
-        // Requests are answered in turn, so the answer given up earlier comes first.
+        // Requests are answered in their order, so the late answer comes first.
         const bool stopped = receive(*late_, discard).how == ending::interrupted;
         late_.reset();
         if (stopped) {
@@ -38,7 +38,7 @@ answer_end conversation::run(const std::vector<std::string>& words, const sink& 
     if (end.how == ending::busy) {
         end.reason = why_busy(words[0]);
     }
-    // Stopped in the middle of several exchanges: what is still to come cannot be told apart.
+    // Stopped between several exchanges: the client cannot tell which of the answers come later, so it disconnects.
     if ((end.how == ending::interrupted || end.how == ending::silent) && !late_) {
         link_.close();
     }
@@ -72,13 +72,14 @@ bool conversation::connect(answer_end& problem) {
     return false;
 }
 
-// Whether the scheduler has a module for the greeting does not matter here; whether it lets us in does. The
-// greeting may wait long for other modules, so a stalled scheduler is found by a word that is answered at once.
+// Sends the greeting. It does not matter whether the scheduler has a module for it, only whether the login succeeds.
+// The greeting may wait long for other modules. So a word that is answered at once is sent first, which detects a
+// stalled scheduler.
 bool conversation::greet(answer_end& problem) {
     const std::vector<std::string> both[] = {{"show"}, {"hello", settings_.user}};
     for (const std::vector<std::string>& words : both) {
         problem = ask(words, discard);
-        late_.reset();  // a connection without its greeting is not kept
+        late_.reset();  // the connection is closed, so no late answer can come
         if (problem.how == ending::login_refused || problem.how == ending::interrupted ||
             problem.how == ending::invalid || problem.how == ending::silent || !link_.is_open()) {
             link_.close();
@@ -88,13 +89,14 @@ bool conversation::greet(answer_end& problem) {
     return true;
 }
 
+// One exchange; when the scheduler requires a login, logs in and repeats it.
 answer_end conversation::ask(const std::vector<std::string>& words, const sink& output) {
     answer_end end = exchange(words, output);
     if (end.how == ending::unauth && log_in(end, end)) {
         end = exchange(words, output);
     }
     if (end.how == ending::unauth) {
-        end = {ending::login_refused, "the scheduler still wants a login"};
+        end = {ending::login_refused, "the scheduler still requires a login"};
     }
     return end;
 }
@@ -111,7 +113,7 @@ bool conversation::log_in(const answer_end& challenge, answer_end& problem) {
     return problem.how == ending::over;
 }
 
-// Without a limit of the operator's own, only a module may be silent for long.
+// Sets the time-out for the answer to word. Without a limit from the operator, only modules may take long.
 void conversation::limit_wait(std::string_view word) {
     if (settings_.where.timeout == 0 && habit_ != on_silence::wait) {
         link_.set_timeout(is_answered_at_once(word) ? answer_timeout : 0);
@@ -143,8 +145,8 @@ answer_end conversation::exchange(const std::vector<std::string>& words, const s
     return end;
 }
 
-// A successful "ipset" is answered by silence, so an empty line goes after it, whose answer always comes.
-// Whether the word is known is asked first: an unknown word is answered as the empty line is.
+// A successful "ipset" has no answer. So an empty line is sent after it, which always gets one. An unknown word gets
+// the same answer as an empty line, so the client first finds out whether "ipset" is known.
 answer_end conversation::exchange_ipset(const std::string& line, const sink& output) {
     answer_end end = exchange_line("ipset", discard);
     if (end.how != ending::over) {
@@ -155,6 +157,7 @@ answer_end conversation::exchange_ipset(const std::string& line, const sink& out
     }
     end = exchange_line("", output);
     if (end.how == ending::over) {
+        // ipset has failed and has an answer of its own; the one to the empty line follows.
         answer_parser of_empty_line;
         receive(of_empty_line, discard);
     } else if (end.how == ending::unsupported || end.how == ending::unauth) {
@@ -165,8 +168,8 @@ answer_end conversation::exchange_ipset(const std::string& line, const sink& out
     return end;
 }
 
-// "restart sched" is answered by the end of the connection. An empty line before it proves that we are served,
-// so that a refused connection is not taken for a restart.
+// The answer to "restart sched" is the end of the connection. The answer to an empty line before it proves that the
+// scheduler serves this connection, so that a refused connection is not taken for a restart.
 answer_end conversation::exchange_restart(const std::string& line, const sink& output) {
     answer_end end = exchange_line("", discard);
     if (end.how != ending::unsupported) {
@@ -178,7 +181,7 @@ answer_end conversation::exchange_restart(const std::string& line, const sink& o
     if (end.how == ending::closed) {
         end.how = ending::over;
     }
-    link_.close();  // whether one or two answers were due depends on the scheduler's module list
+    link_.close();  // the number of answers still to come depends on the scheduler's module list
     return end;
 }
 
@@ -203,6 +206,7 @@ answer_end conversation::receive(answer_parser& parser, const sink& output) {
     std::string text;
     for (;;) {
         text.clear();
+        // Bytes after the end of the answer stay in unread_ for the next one.
         unread_.erase(0, parser.feed(unread_, text));
         if (!text.empty()) {
             output(text);

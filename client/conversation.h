@@ -1,5 +1,5 @@
-// Commands and their answers over one connection, with the login and the commands that are answered by
-// silence.
+// Commands and their answers over one connection, with the login, and with the commands that have no answer on
+// success.
 #pragma once
 
 #include "answer.h"
@@ -22,20 +22,20 @@ enum class on_silence { leave, wait };
 
 class conversation {
 public:
-    // Takes output as it comes; line ends are LF.
+    // Gets the output in parts, as it comes; line ends are LF.
     using sink = std::function<void(std::string_view)>;
 
     // signals may be null; the others must outlive the conversation.
     conversation(const settings& chosen, signal_watch* signals, on_silence habit = on_silence::leave);
 
-    // Runs one command: connects when there is no connection, logs in when the scheduler wants it and then
-    // sends the command once more.
+    // Runs one command. Connects when there is no connection. When the scheduler requires a login, logs in and sends
+    // the command again.
     answer_end run(const std::vector<std::string>& words, const sink& output);
 
-    // The connection's descriptor, -1 without one: worth watching while no command runs.
+    // The connection's descriptor, -1 without one. Poll it while no command runs and call absorb when it is readable.
     int fd() const { return link_.fd(); }
 
-    // An answer that nobody waits for any more is still to come.
+    // True while an answer is outstanding that a run has given up.
     bool late() const { return late_.has_value(); }
 
     // Asks for the status and quits in one request, so that hardly any message can be queued in between for a

@@ -27,8 +27,9 @@ void dialogue::say_command(std::string& requests) {
     say(restarting_ ? step::probe : step::command, requests);
 }
 
-// "restart sched" is answered by the end of the connection. An empty line before it proves that we are served, so
-// that a refused connection is not taken for a restart.
+// Appends the request of a step. The answer to "restart sched" is the end of the connection. The answer to an empty
+// line before it proves that the scheduler serves this connection, so that a refused connection is not taken for a
+// restart.
 void dialogue::say(step next, std::string& requests) {
     at_ = next;
     const bool is_command = next == step::command;
@@ -47,7 +48,7 @@ void dialogue::say(step next, std::string& requests) {
 std::size_t dialogue::feed(std::string_view bytes, std::string& output, std::string& requests) {
     std::size_t used = 0;
     while (used < bytes.size() && !done_) {
-        std::string unwanted;
+        std::string unwanted;  // output of the greeting and of the probe is not for the caller
         used += parser_.feed(bytes.substr(used), at_ == step::command ? output : unwanted);
         if (parser_.done()) {
             answered(answer_end(parser_.end()), requests);
@@ -64,7 +65,7 @@ void dialogue::answered(const answer_end& end, std::string& requests) {
         return log_in(end, requests);
     }
     if (at_ == step::greeting) {
-        // Whether the scheduler has a module for the greeting does not matter here.
+        // It does not matter whether the scheduler has a module for the greeting.
         logged_in_ = false;
         say_command(requests);
     } else if (at_ == step::probe && end.how == ending::unsupported) {
@@ -75,7 +76,8 @@ void dialogue::answered(const answer_end& end, std::string& requests) {
 }
 
 void dialogue::log_in(const answer_end& challenge, std::string& requests) {
-    answer_end refused{ending::login_refused, "the scheduler still wants a login"};
+    answer_end refused{ending::login_refused, "the scheduler still requires a login"};
+    // A second challenge after a successful login: trying again could go on for ever.
     if (logged_in_) {
         return finish(refused);
     }
@@ -107,6 +109,7 @@ void dialogue::login_answered(const answer_end& end, std::string& requests) {
 }
 
 void dialogue::lost(bool served) {
+    // For a restart the end of the connection is the answer.
     if (at_ == step::command && restarting_) {
         finish({ending::over});
     } else {

@@ -1,5 +1,5 @@
-// One command over one connection as requests and answers, apart from how the bytes travel, with the greeting and
-// the login before it.
+// One command as requests and answers, with the greeting and the login before it. It has no connection of its own: the
+// caller sends and receives the bytes.
 #pragma once
 
 #include "answer.h"
@@ -15,18 +15,19 @@ class password_source;
 
 class dialogue {
 public:
-    // words: the command, not empty, such as join_words takes, and not "ipset", which may be answered by silence. user: greet with this name first; empty: do not.
-    // host: for the password's prompt. password may be null: a login is then refused. It must outlive the dialogue.
+    // words: the command, not empty and accepted by join_words, and not "ipset", which has no answer on success.
+    // user: the name for a greeting; empty: no greeting. host: for the prompt of the password. password may be null, a
+    // login then fails; it must outlive the dialogue.
     dialogue(std::vector<std::string> words, std::string user, std::string host, password_source* password);
 
-    // Appends what is to be sent first.
+    // Appends the first requests to send.
     void begin(std::string& requests);
 
-    // Takes bytes of the scheduler until the command is done and returns how many. Appends the command's output,
-    // line ends as LF, and what is to be sent next.
+    // Reads bytes of the scheduler until the command is done. Returns how many it used. Appends the command's output,
+    // with line ends as LF, and the next requests to send.
     std::size_t feed(std::string_view bytes, std::string& output, std::string& requests);
 
-    // The scheduler has closed the connection: the command is done. served: something had come over it.
+    // Call when the scheduler has closed the connection: the command is then done. served: bytes had come over it.
     void lost(bool served);
 
     bool done() const { return done_; }
@@ -49,7 +50,7 @@ private:
     bool restarting_;
     step at_ = step::command;
     step after_login_ = step::command;
-    bool logged_in_ = false;  // since the step that wanted it
+    bool logged_in_ = false;  // since the step that required it
     answer_parser parser_;
     bool done_ = false;
     answer_end end_;

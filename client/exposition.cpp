@@ -21,13 +21,14 @@ struct label {
     std::string value;
 };
 
-// As few digits as give the same number.
+// Formats a number with the fewest digits that give the same value.
 std::string number_text(double value) {
     char text[32];
     const auto [end, error] = std::to_chars(std::begin(text), std::end(text), value);
     return {text, error == std::errc() ? end : text};
 }
 
+// Escapes a label's value. A line feed cannot occur in a module's name; a blank keeps the line whole in any case.
 std::string escaped(const std::string& value) {
     std::string text;
     for (const char c : value) {
@@ -39,6 +40,7 @@ std::string escaped(const std::string& value) {
     return text;
 }
 
+// The text so far. Collectors require all samples of a family to follow its declaration.
 class page {
 public:
     explicit page(exposition format) : format_(format) {}
@@ -47,6 +49,7 @@ public:
     void family(const std::string& name, kind of, const char* unit, const char* help) {
         suffix_ = of == kind::counter ? "_total" : of == kind::info ? "_info" : "";
         sample_ = name + suffix_;
+        // OpenMetrics declares a family without the suffix of its samples, the Prometheus format with it.
         const std::string declared = format_ == exposition::openmetrics ? name : sample_;
         text_ += "# HELP " + declared + " " + help + "\n";
         if (of == kind::counter && format_ != exposition::common) {
@@ -56,7 +59,7 @@ public:
         } else if (of != kind::counter) {
             text_ += "# TYPE " + declared + " gauge\n";
         }
-        // The unit has to end the declared name.
+        // OpenMetrics requires the declared name to end with the unit.
         if (unit != nullptr && (of == kind::gauge || format_ == exposition::openmetrics)) {
             text_ += "# UNIT " + declared + " " + unit + "\n";
         }
@@ -81,6 +84,7 @@ private:
     std::string text_;
 };
 
+// Returns null for a condition that is not set.
 const condition* find(const snapshot& known, const std::string& name) {
     for (const condition& c : known.conditions) {
         if (c.name == name) {
@@ -161,6 +165,7 @@ std::string expose(const snapshot& known, exposition format) {
         out.family("sched_status_age_seconds", kind::gauge, "seconds", "Age of the newest status.");
         out.sample(std::max(0.0, wall_clock() - known.answered));
     }
+    // Old values of a scheduler that is down would look current, so they are left out.
     if (known.up) {
         out.family("sched_answer_seconds", kind::gauge, "seconds",
                    "How long the scheduler took for the status.");

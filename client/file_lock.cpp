@@ -11,7 +11,7 @@ namespace client {
 
 namespace {
 
-constexpr std::chrono::milliseconds retry_after{20};
+constexpr std::chrono::milliseconds retry_after{20};  // short against the seconds of a visit
 
 int open_lock(const std::string& path) {
     return open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
@@ -28,7 +28,7 @@ file_lock::file_lock(const std::string& path) : fd_(open_lock(path)) {
     }
 }
 
-// The system has no lock that is tried for a time.
+// flock has no time-out, so the lock is tried again and again.
 file_lock::file_lock(const std::string& path, std::chrono::steady_clock::time_point until)
     : fd_(open_lock(path)) {
     while (fd_ >= 0 && !held_) {

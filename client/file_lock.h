@@ -1,5 +1,5 @@
-// A lock between processes: a file that one of them holds locked. It ends with the last process that has it open,
-// so a child that was forked while it was held keeps it.
+// A lock between processes, made of a locked file. The lock lasts until the last process has closed the file, so a
+// child that was forked meanwhile keeps it too.
 #pragma once
 
 #include <chrono>
@@ -9,10 +9,10 @@ namespace client {
 
 class file_lock {
 public:
-    // Waits until the lock is had. Without the file, as when the disk is full, there is no lock.
+    // Waits until it has the lock. When the file cannot be created, as on a full disk, there is no lock.
     explicit file_lock(const std::string& path);
 
-    // Tries for so long; held() tells whether it succeeded.
+    // Tries until that time; held() then tells whether it has the lock.
     file_lock(const std::string& path, std::chrono::steady_clock::time_point until);
 
     ~file_lock();
@@ -21,7 +21,7 @@ public:
 
     bool held() const { return held_; }
 
-    // Whether the lock file is there or can be made; problem says why not.
+    // Returns true when the lock file exists or can be created; else problem gets the reason.
     static bool can_open(const std::string& path, std::string& problem);
 
 private:

@@ -11,8 +11,9 @@ namespace client {
 namespace {
 
 constexpr std::size_t shown_date = 19;    // without the zone
-constexpr std::size_t widest_label = 40;  // a longer one moves its own line only
+constexpr std::size_t widest_label = 40;  // a longer label shifts only its own line
 
+// From the worst to the best: the lines are sorted by it.
 enum class health { unreachable, error, condition, lost, well, unknown };
 
 struct described_row {
@@ -20,6 +21,7 @@ struct described_row {
     std::string text;
 };
 
+// "confdate" is a date that every status has, and not an alarm.
 bool is_alarm(const condition& c) {
     return c.name != "confdate";
 }
@@ -78,6 +80,7 @@ std::string line_of(const host_row& row, std::size_t label_width) {
     return line;
 }
 
+// True when text contains part, in upper or lower case.
 bool holds(std::string_view text, std::string_view part) {
     const auto is_same = [](unsigned char a, unsigned char b) { return std::tolower(a) == std::tolower(b); };
     return std::search(text.begin(), text.end(), part.begin(), part.end(), is_same) != text.end();
@@ -104,7 +107,7 @@ std::string heading(const std::array<std::size_t, 6>& counts, std::size_t hosts)
             text += ", " + std::to_string(counts[state]) + " " + names[state];
         }
     }
-    return text + "  " + now_date().substr(11, 8) + "  q leaves, arrows scroll, / filters";
+    return text + "  " + now_date().substr(11, 8) + "  q quits, arrows scroll, / filters";
 }
 
 }  // namespace
@@ -123,6 +126,7 @@ void draw_fleet(const std::vector<host_row>& rows, fleet_keys& keys) {
             lines.push_back(std::move(line));
         }
     }
+    // Stable, so that hosts of the same state stay in the operator's order.
     std::stable_sort(lines.begin(), lines.end(),
                      [](const described_row& a, const described_row& b) { return a.state < b.state; });
 
@@ -147,9 +151,9 @@ void fleet_keys::take(std::string_view keys) {
     }
 }
 
-// Carries out the first key and returns how many bytes it is.
+// Carries out the first key. Returns its number of bytes.
 std::size_t fleet_keys::take_one(std::string_view keys) {
-    constexpr std::size_t far = 1000000;
+    constexpr std::size_t far = 1000000;  // more lines than hosts; draw_fleet limits the position
     const struct {
         std::string_view bytes;
         std::size_t up;
@@ -177,7 +181,7 @@ std::size_t fleet_keys::take_one(std::string_view keys) {
 
 void fleet_keys::edit(char key) {
     constexpr char backspace = '\b';
-    constexpr char erase = '\177';
+    constexpr char erase = '\177';  // the Backspace key of most terminals
     constexpr char escape = '\033';
     if (key == '\n' || key == '\r' || key == escape) {
         editing = false;

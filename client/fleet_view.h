@@ -1,4 +1,4 @@
-// How the live view of many hosts looks: one line a host, the worst first.
+// Draws the live view of many hosts: one line for each host, the worst first.
 #pragma once
 
 #include "host_list.h"
@@ -10,27 +10,27 @@
 
 namespace client {
 
-// What is known of one host.
+// The state of one host.
 struct host_row {
     std::string label;
-    bool known = false;   // it has answered, or failed to
-    std::string trouble;  // why it is not reachable; empty while it is
-    std::string since;    // date since when there is trouble
+    bool known = false;   // it has answered or failed at least once
+    std::string trouble;  // why it cannot be reached; empty while it can
+    std::string since;    // date of the start of the trouble
     std::vector<condition> conditions;
     message newest;          // its text is empty before the first
-    unsigned long lost = 0;  // messages, since the view began
+    unsigned long lost = 0;  // messages lost since the view began
 };
 
-// What the keys have made of the view.
+// The state of the view that keys change.
 struct fleet_keys {
-    std::string filter;    // only hosts whose line holds this, in any case of letters
+    std::string filter;    // show only hosts whose line contains this, in upper or lower case
     bool editing = false;  // the filter is being typed
-    std::size_t top = 0;   // lines scrolled away
+    std::size_t top = 0;   // lines above the first one shown
     bool leaving = false;
 
-    std::size_t page = 20;  // lines that a page key moves: as many as are shown
+    std::size_t page = 20;  // lines that a page key moves; draw_fleet sets it to the number of lines shown
 
-    // Takes keys as the terminal sends them.
+    // Carries out keys, given as the bytes of the terminal.
     void take(std::string_view keys);
 
 private:
@@ -38,7 +38,7 @@ private:
     void edit(char key);
 };
 
-// Draws as many lines as fit. Corrects keys.top when it is behind the last host, and sets keys.page.
+// Draws as many lines as fit. Limits keys.top to the last host, and sets keys.page.
 void draw_fleet(const std::vector<host_row>& rows, fleet_keys& keys);
 
 }  // namespace client

@@ -34,9 +34,9 @@ public:
 
 private:
     struct host_state {
-        std::string answer;  // of the status that was asked for, as far as it has come
-        clock::time_point due{};
-        bool asking = false;
+        std::string answer;       // the part of the status that has come so far
+        clock::time_point due{};  // time of the next status request
+        bool asking = false;      // a request is running
     };
 
     void take(std::size_t host, std::string_view text);
@@ -55,11 +55,11 @@ private:
     screen screen_;
     std::vector<host_state> states_;
     std::vector<host_row> rows_;
-    std::deque<std::pair<std::size_t, message>> messages_;  // of a host, oldest first
+    std::deque<std::pair<std::size_t, message>> messages_;  // number of the host and message, oldest first
     fleet_keys keys_;
-    clock::time_point drawn_at_{};
-    bool news_ = false;         // what the hosts said is not drawn yet
-    bool key_pressed_ = false;  // or what the keys did
+    clock::time_point drawn_at_{};  // time of the last drawing
+    bool news_ = false;             // answers have come since the last drawing
+    bool key_pressed_ = false;      // keys have come since the last drawing
     many_hosts hosts_;
 };
 
@@ -101,14 +101,14 @@ void fleet_watch::ended(std::size_t host, const answer_end& end) {
         }
         row.trouble.clear();
     } else {
-        report.conditions =
-            row.conditions;  // of an answer that broke off only the messages are known for sure
+        // An incomplete answer may lack conditions, so the old ones are kept.
+        report.conditions = row.conditions;
         lose(host, end.how == ending::closed ? end.reason : describe(end));
     }
     row.known = true;
     news_ = true;
     if (is_back) {
-        // While there was no connection, a check of this user may have been given messages.
+        // Adds the messages that `check` or `metrics` of this user received while there was no connection.
         const spool kept(endpoint_of(chosen_.hosts[host]));
         kept.hand_over_with(report, [&](const status_report& both) {
             take_report(host, both);
@@ -124,6 +124,7 @@ void fleet_watch::ended(std::size_t host, const answer_end& end) {
 
 void fleet_watch::lose(std::size_t host, const std::string& reason) {
     host_row& row = rows_[host];
+    // Only the first failure is news; later ones keep its date.
     if (row.trouble.empty()) {
         row.since = now_date();
         if (!drawing_) {
@@ -136,6 +137,7 @@ void fleet_watch::lose(std::size_t host, const std::string& reason) {
 void fleet_watch::take_report(std::size_t host, const status_report& report) {
     host_row& row = rows_[host];
     if (!drawing_) {
+        // Without a terminal each change is printed at once, as in the watch of one host.
         for (const message& line : changes(row.conditions, report)) {
             print(host, line);
         }
@@ -155,7 +157,7 @@ void fleet_watch::print(std::size_t host, const message& line) {
     print_text(rows_[host].label + ": " + line.date + " " + line.text);
 }
 
-// Returns when the next host is due.
+// Asks every host that is due. Returns the time at which the next one is.
 clock::time_point fleet_watch::ask_due() {
     const clock::time_point now = clock::now();
     clock::time_point next = clock::time_point::max();
@@ -171,7 +173,7 @@ clock::time_point fleet_watch::ask_due() {
     return next;
 }
 
-// At once after a key, seldom enough when many answers come, and each second for the ages.
+// Draws at once after a key, at a limited rate while many answers come, and each second to update the ages.
 clock::time_point fleet_watch::draw_due() const {
     if (!drawing_) {
         return clock::time_point::max();
@@ -182,13 +184,14 @@ clock::time_point fleet_watch::draw_due() const {
     return drawn_at_ + (news_ ? std::chrono::milliseconds(200) : std::chrono::milliseconds(1000));
 }
 
-// One step of the hosts, the keyboard and signals; false when the operator leaves.
+// Handles one event of the hosts, the keyboard or signals. Returns false when the operator ends the view.
 bool fleet_watch::step(clock::time_point until) {
     pollfd ready[] = {{signals_.fd(), POLLIN, 0}, {screen_.keyboard(), POLLIN, 0}};
     hosts_.step(ready, until);
     if (ready[0].revents != 0 && signals_.take()) {
         return false;
     }
+    // A new size needs a new drawing at once, like a key.
     key_pressed_ = key_pressed_ || signals_.resized();
     if (ready[1].revents == 0) {
         return true;
@@ -200,7 +203,7 @@ bool fleet_watch::step(clock::time_point until) {
     return more && !keys_.leaving;
 }
 
-// Ctrl-Z: the shell gets its terminal as it was, and the picture comes back with the job.
+// Ctrl-Z: restores the terminal for the shell, and draws the view again when the job continues.
 void fleet_watch::suspend() {
     screen_.leave();
     {
@@ -224,6 +227,7 @@ int fleet_watch::run() {
         }
     }
     screen_.leave();
+    // The drawing vanishes with the alternate screen, and the scheduler will not send these messages again.
     if (drawing_) {
         for (const auto& [host, m] : messages_) {
             print(host, m);

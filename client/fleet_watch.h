@@ -5,7 +5,7 @@ namespace client {
 
 struct settings;
 
-// Runs until the operator leaves it and returns 0. A host that cannot be reached is tried again and again.
+// Runs until the operator ends it and returns 0. A host that cannot be reached is tried again at each interval.
 int run_fleet_watch(const settings& chosen);
 
 }  // namespace client

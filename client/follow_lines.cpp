@@ -23,6 +23,7 @@ level level_of(const message& what) {
     return what.text.starts_with('W') ? warning_level : info_level;
 }
 
+// Returns the code before the colon, such as "E0101"; empty when the text has none.
 std::string code_of(const std::string& text) {
     if (text.size() <= code_length || text[code_length] != ':') {
         return "";

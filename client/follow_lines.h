@@ -12,7 +12,7 @@ struct endpoint;
 
 class follow_lines {
 public:
-    // level_prefix: each line begins with its syslog priority, "<3>", as the journal and logger(1) take it.
+    // level_prefix: each line begins with its syslog priority, such as "<3>", for the journal and logger(1).
     follow_lines(const endpoint& of, bool level_prefix);
 
     std::string connected() const;
@@ -27,7 +27,7 @@ private:
     bool level_prefix_;
 };
 
-// "error", "warning" or "info", by the first letter of a message.
+// Returns "error", "warning" or "info", from the first letter of a message.
 const char* severity_of(const message& what);
 
 }  // namespace client

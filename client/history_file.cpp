@@ -14,7 +14,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr int lock_tries = 100;
+constexpr int lock_tries = 100;  // one second in all
 constexpr auto lock_pause = 10ms;
 
 struct closer {
@@ -22,7 +22,7 @@ struct closer {
 };
 using open_file = std::unique_ptr<std::FILE, closer>;
 
-// A session that was stopped in the middle of its end holds the lock, so the wait for it is bounded.
+// Waits for the lock for a limited time, because a session that is stopped (Ctrl-Z) while it ends keeps it.
 bool lock(int fd, int operation) {
     for (int i = 0; i < lock_tries; ++i) {
         if (flock(fd, operation | LOCK_NB) == 0) {
@@ -33,8 +33,9 @@ bool lock(int fd, int operation) {
     return false;
 }
 
-// The locked file; null when it cannot be used. Closing it gives the lock back.
+// Returns the locked file, or null when it cannot be used. Closing it releases the lock.
 open_file open_locked(const std::string& path, int flags, int operation) {
+    // O_NONBLOCK: a FIFO in place of the file must not block the session.
     const int fd = path.empty() ? -1 : open(path.c_str(), flags | O_CLOEXEC | O_NONBLOCK, 0600);
     if (fd < 0) {
         return nullptr;
@@ -64,10 +65,12 @@ void history_file::append(History* lines) const {
         return;
     }
     HistEvent event;
-    history(lines, &event, H_SAVE_FP, file.get());  // a new file gets its first line, which names the format
+    // libedit begins a new file with a line that names the format.
+    history(lines, &event, H_SAVE_FP, file.get());
     if (std::fflush(file.get()) != 0 || std::ftell(file.get()) <= longest_history_file) {
         return;
     }
+    // The file is written again under the same lock and name: another session may wait for the lock of this file.
     History* newest = history_init();
     history(newest, &event, H_SETSIZE, history_size);
     history(newest, &event, H_LOAD, path_.c_str());

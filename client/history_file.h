@@ -11,14 +11,14 @@ constexpr long longest_history_file = 256L * 1024;  // bytes; a longer file is t
 
 class history_file {
 public:
-    // path: empty: nothing is read or kept. A file that is missing, locked for long or no regular file counts as
-    // empty and is not written: a session works without its history.
+    // With an empty path nothing is read or written. A file that is missing, stays locked or is not a regular file
+    // counts as empty and is not written: the session then works without a history.
     explicit history_file(std::string path) : path_(std::move(path)) {}
 
     // Adds the file's newest lines to the history.
     void load(History* into) const;
 
-    // Appends the lines of the history, oldest first, behind what other sessions have written meanwhile.
+    // Appends the lines of the history, oldest first, after the lines that other sessions have written meanwhile.
     void append(History* lines) const;
 
 private:

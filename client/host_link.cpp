@@ -24,7 +24,7 @@ std::string text_of(int error) {
     return std::generic_category().message(error);
 }
 
-// An error number, 0 for none; EINPROGRESS when the connection is being made.
+// Starts connecting. Returns 0 when connected, EINPROGRESS while connecting goes on, else the error number.
 int begin_connection(int fd, in_addr address, std::uint16_t port, const std::string& source) {
     sockaddr_in end{};
     end.sin_family = AF_INET;
@@ -50,6 +50,7 @@ void host_link::ask(const std::vector<std::string>& words, std::string_view more
     requests_.clear();
     end_.reset();
     next_address_ = 0;
+    // This limit covers look-up, connecting and, for a command that the scheduler answers itself, the answer.
     deadline_ = clock::now() +
                 std::chrono::seconds(settings_.where.timeout != 0 ? settings_.where.timeout : usual_limit);
     if (is_open) {
@@ -59,6 +60,7 @@ void host_link::ask(const std::vector<std::string>& words, std::string_view more
         send_requests();
         return;
     }
+    // An address needs no look-up in another thread.
     if (addresses_.empty()) {
         addresses_ = name_lookup::numeric(where_.name);
     }
@@ -77,6 +79,7 @@ bool host_link::take_leave() {
 }
 
 void host_link::take(lookup_result found) {
+    // The command may have been given up before its look-up was done.
     if (state_ != state::resolving) {
         return;
     }
@@ -88,6 +91,7 @@ void host_link::take(lookup_result found) {
     }
 }
 
+// Tries the next address of the host, until one is connected or connecting. None left: the command has failed.
 void host_link::connect_next() {
     state_ = state::connecting;
     int problem = 0;
@@ -121,8 +125,8 @@ void host_link::connected() {
     send_requests();
 }
 
-// What the scheduler answers itself has one limit for the whole. A module may take its time, with a limit for
-// silence when the operator wants one; only a request has to go out in any case.
+// A command that the scheduler answers itself has one limit for all of it. A module has no limit, or the operator's
+// time-out for the time without a byte; sending a request is always limited.
 void host_link::set_deadline() {
     if (daemon_answers_) {
         return;
@@ -134,6 +138,7 @@ void host_link::set_deadline() {
     deadline_ = seconds != 0 ? clock::now() + std::chrono::seconds(seconds) : clock::time_point::max();
 }
 
+// Sends as much as the socket takes; the rest waits until it is writable.
 void host_link::send_requests() {
     while (!requests_.empty()) {
         const ssize_t n = send(fd_, requests_.data(), requests_.size(), MSG_NOSIGNAL);
@@ -141,7 +146,7 @@ void host_link::send_requests() {
             continue;
         }
         if (n < 0 && errno != EAGAIN) {
-            requests_.clear();  // reading tells what came before the end
+            requests_.clear();  // the peer has closed; read the bytes that came before
         }
         if (n < 0) {
             break;
@@ -179,11 +184,13 @@ void host_link::ready(std::string& output) {
 }
 
 void host_link::receive(std::string& output) {
+    // One receive for each event: other hosts must not wait for one that sends without a pause.
     char buffer[receive_size];
     const ssize_t n = recv(fd_, buffer, sizeof buffer, 0);
     if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
         return;
     }
+    // No command runs: bytes are not expected and are dropped, but a closed connection must be reported.
     if (state_ == state::idle) {
         if (n <= 0) {
             give_up({ending::closed, why_closed(true)});
@@ -208,9 +215,10 @@ void host_link::receive(std::string& output) {
     deadline_ = clock::time_point::max();
 }
 
+// Gives up at the deadline. The state tells what was waited for, and so the message.
 void host_link::expire() {
     if (state_ == state::resolving) {
-        give_up({ending::closed, "its name is not found in time"});
+        give_up({ending::closed, "its name was not found in time"});
     } else if (state_ == state::connecting) {
         give_up({ending::closed, text_of(ETIMEDOUT)});
     } else if (!requests_.empty()) {

@@ -1,4 +1,4 @@
-// One host of many: its connection, and the command that is under way there. Nothing here waits.
+// One host of many: its connection and the command that runs there. No function here waits.
 #pragma once
 
 #include "dialogue.h"
@@ -19,7 +19,7 @@ class host_link {
 public:
     using clock = std::chrono::steady_clock;
 
-    // All must outlive the link; password may be null.
+    // All arguments must outlive the link. password may be null; a login then fails.
     host_link(const host_name& where, const settings& chosen, password_source* password)
         : where_(where), settings_(chosen), password_(password) {}
     ~host_link() { close(); }
@@ -30,13 +30,13 @@ public:
     // more: sent behind it when the connection is open.
     void ask(const std::vector<std::string>& words, std::string_view more = "");
 
-    const std::string& name() const { return where_.name; }
+    const std::string& name() const { return where_.name; }  // the name to look up
 
-    // The addresses of the host have to be looked up for the command that was begun.
+    // True when the command needs the addresses of the host, which must be looked up.
     bool wants_addresses() const { return state_ == state::resolving; }
-    void take(lookup_result found);
+    void take(lookup_result found);  // the result of the look-up; ignored when the command was given up
 
-    // What to poll for: the descriptor, -1 for none, and the events.
+    // The descriptor to poll, -1 for none, and the events to poll for.
     int fd() const { return fd_; }
     short events() const;
     void ready(std::string& output);  // appends the output of the command
@@ -51,15 +51,17 @@ public:
     clock::time_point deadline() const { return deadline_; }
     void expire();
 
+    // For time in which the caller could not serve this host.
     void extend_deadline(clock::duration by) {
         if (deadline_ != clock::time_point::max()) {
             deadline_ += by;
         }
     }
 
-    // How the command ended, once; also told when the scheduler leaves a connection on which nothing is asked.
+    // Returns how the command ended, once. Also reports that the scheduler has closed a connection without a command.
     std::optional<answer_end> take_end();
 
+    // Closes the connection and drops a running command, which then has no end to report.
     void close();
 
 private:
@@ -78,12 +80,12 @@ private:
     password_source* password_;
     state state_ = state::closed;
     int fd_ = -1;
-    std::vector<in_addr> addresses_;  // kept once they are known
-    std::size_t next_address_ = 0;
-    std::optional<dialogue> talk_;
-    std::string requests_;         // not sent yet
-    bool served_ = false;          // something has come over this connection
-    bool daemon_answers_ = false;  // the command waits for no module
+    std::vector<in_addr> addresses_;  // kept for later connections
+    std::size_t next_address_ = 0;    // index of the address to try next
+    std::optional<dialogue> talk_;    // of the running or the last command
+    std::string requests_;            // not sent yet
+    bool served_ = false;             // bytes have come over this connection
+    bool daemon_answers_ = false;     // the scheduler answers the command itself, without a module
     clock::time_point deadline_ = clock::time_point::max();
     std::optional<answer_end> end_;
 };

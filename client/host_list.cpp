@@ -13,7 +13,7 @@ namespace client {
 
 namespace {
 
-constexpr std::string_view blanks = " \t\r";
+constexpr std::string_view blanks = " \t\r";  // CR: a file may have lines of CR LF
 
 std::string_view trimmed(std::string_view text) {
     const std::size_t first = text.find_first_not_of(blanks);
@@ -36,6 +36,7 @@ bool add_host(std::string_view entry, std::uint16_t port, std::vector<host_name>
         problem = "\"" + host.label + "\" is not name[:port]";
         return false;
     }
+    // A host that is named twice would get the command twice.
     const auto is_same = [&](const host_name& h) { return h.name == host.name && h.port == host.port; };
     if (std::none_of(hosts.begin(), hosts.end(), is_same)) {
         hosts.push_back(std::move(host));
@@ -71,7 +72,7 @@ bool add_hosts(std::string_view list, std::uint16_t port, std::vector<host_name>
 bool read_hosts(const std::string& file, std::uint16_t port, std::vector<host_name>& hosts,
                 std::string& problem) {
     std::ifstream opened;
-    errno = 0;
+    errno = 0;  // a stream does not store the reason of a failure
     if (file != "-") {
         opened.open(file);
     }
@@ -85,6 +86,7 @@ bool read_hosts(const std::string& file, std::uint16_t port, std::vector<host_na
             return false;
         }
     }
+    // At the end of a file errno may have an old value, so it counts only before the end.
     if (errno != 0 && !input.eof()) {
         problem = file + ": " + std::generic_category().message(errno);
         return false;

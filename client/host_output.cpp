@@ -6,7 +6,7 @@ namespace client {
 
 namespace {
 
-// Puts the prefix where a line begins.
+// Puts the prefix before each line.
 std::string with_prefix(const std::string& prefix, std::string_view text, bool& at_line_start) {
     std::string out;
     while (!text.empty()) {
@@ -44,6 +44,7 @@ void host_output::add(std::size_t host, std::string_view text) {
     }
 }
 
+// The start of an incomplete line waits, so that another host's output cannot get into the line.
 void host_output::write_complete_lines(lane& from, std::string_view text) {
     const std::size_t end = text.rfind('\n');
     const std::size_t complete = end == std::string_view::npos ? 0 : end + 1;
@@ -65,6 +66,7 @@ void host_output::finish(std::size_t host) {
 
 void host_output::end(std::size_t host, const std::string& problem) {
     lane& from = lanes_[host];
+    // The next host's output, or the error message, must begin a new line.
     if (!from.at_line_start) {
         add(host, "\n");
     }
@@ -73,6 +75,7 @@ void host_output::end(std::size_t host, const std::string& problem) {
     if (!in_order_) {
         return finish(host);
     }
+    // Writes all following hosts that have ended, then the output so far of the first one that has not.
     while (first_ < lanes_.size() && lanes_[first_].ended) {
         finish(first_++);
         if (first_ < lanes_.size()) {

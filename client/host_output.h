@@ -1,4 +1,4 @@
-// Standard output of many hosts: in their order or as it comes, never two of them in one line.
+// The output of many hosts on standard output, in the order of the hosts or as it comes. Lines of two hosts never mix.
 #pragma once
 
 #include "host_list.h"
@@ -16,17 +16,17 @@ public:
     using writer = std::function<void(std::string_view text)>;
     using end_listener = std::function<void(std::size_t host, const std::string& problem)>;
 
-    // prefixed: each line begins with the host's label. in_order: a host's output waits until those before it have
-    // ended. write takes the output. ended is called when all of a host's is written; problem: as given to end().
+    // prefixed: each line begins with the host's label. in_order: a host's output waits until all hosts before it have
+    // ended. write gets the output. ended is called when all output of a host is written; its problem is that of end().
     host_output(const std::vector<host_name>& hosts, bool prefixed, bool in_order, writer write,
                 end_listener ended);
 
     void add(std::size_t host, std::string_view text);
 
-    // The host says no more; problem: why not, empty for a command that succeeded.
+    // Call when a host's command has ended. problem: the error, empty for a command that succeeded.
     void end(std::size_t host, const std::string& problem);
 
-    // Writes what waits, and the rest as it comes.
+    // Writes all output that waits; later output is written as it comes.
     void stop_ordering();
 
 private:
@@ -45,7 +45,7 @@ private:
     std::vector<lane> lanes_;
     bool prefixed_;
     bool in_order_;
-    std::size_t first_ = 0;  // in order: the host that writes without waiting
+    std::size_t first_ = 0;  // in order: the host whose output is written at once
     writer write_;
     end_listener ended_;
 };

@@ -11,6 +11,7 @@ namespace {
 
 using json = nlohmann::ordered_json;
 
+// ASCII output and replaced bytes: messages may contain any bytes, and JSON must be UTF-8.
 std::string line_of(const json& value) {
     return value.dump(-1, ' ', true, json::error_handler_t::replace) + "\n";
 }
@@ -44,7 +45,7 @@ std::string modules_json(std::string_view answer) {
     return line_of(value);
 }
 
-// The scheduler answers a switch that it made with nothing, and one that it refused with a text.
+// The answer of `modcntl` is empty when the module was switched, and has a text when that was refused.
 std::string switch_json(const std::vector<std::string>& words, std::string_view answer) {
     if (!answer.empty()) {
         return line_of({{"error", answer.substr(0, answer.find('\n'))}});
@@ -82,6 +83,7 @@ json_writer json_writer_of(const std::vector<std::string>& words) {
     if (words[0] == "modcntl" && words.size() > 1) {
         return [words](std::string_view answer) { return switch_json(words, answer); };
     }
+    // An empty argument means any: the scheduler ignores further words.
     constexpr struct {
         std::string_view command;
         std::string_view argument;
@@ -100,6 +102,7 @@ json_writer json_writer_of(const std::vector<std::string>& words) {
     return nullptr;
 }
 
+// "error" comes before the members of the answer, which may be long or incomplete.
 std::string host_json(const std::string& host, const std::string& line, const std::string& error) {
     json value{{"host", host}};
     if (!error.empty()) {

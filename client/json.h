@@ -8,17 +8,17 @@
 
 namespace client {
 
-// Makes an answer's text into one line of JSON, pure ASCII, with its line feed. Bytes that are not UTF-8 become U+FFFD.
+// Converts an answer to one line of JSON in ASCII, with a line feed. Bytes that are not UTF-8 become U+FFFD.
 using json_writer = std::function<std::string(std::string_view answer)>;
 
-// The writer of a command's answer; empty for a command without a JSON form.
+// Returns the converter for a command's answer; empty for a command without a JSON form.
 json_writer json_writer_of(const std::vector<std::string>& words);
 
-// Such a line for one host of many, "host" first. line may be empty when nothing has come. error: what went wrong,
-// empty for a command that succeeded.
+// Returns such a line for one host of many, with "host" as the first member. line is empty when no answer has come.
+// error is empty for a command that succeeded.
 std::string host_json(const std::string& host, const std::string& line, const std::string& error);
 
-// What json_writer_of knows, for messages.
+// The commands that json_writer_of knows, for messages.
 inline constexpr const char* json_commands =
     "`status`, `modcntl`, `debug timer`, `show ip` or `show allowed_ip`";
 

@@ -33,7 +33,7 @@ line_editor::line_editor(const std::string& prompt, const std::string& history_p
     typed_ = history_init();
     HistEvent event;
     history(history_, &event, H_SETSIZE, history_size);
-    history(history_, &event, H_SETUNIQUE, 1);
+    history(history_, &event, H_SETUNIQUE, 1);  // no line twice in a row
     history(typed_, &event, H_SETSIZE, history_size);
     file_.load(history_);
     el_set(editor_, EL_CLIENTDATA, this);
@@ -41,13 +41,15 @@ line_editor::line_editor(const std::string& prompt, const std::string& history_p
     el_set(editor_, EL_EDITOR, "emacs");
     el_set(editor_, EL_HIST, history, history_);
     el_set(editor_, EL_GETCFN, next_char);
-    // The wide call keeps these texts as they are; the narrow one makes copies that nobody frees.
+    // The narrow call would make copies of these texts that are never freed.
     el_wset(editor_, EL_ADDFN, L"schedctl-complete", L"complete the word", complete);
     el_wset(editor_, EL_ADDFN, L"schedctl-interrupt", L"drop the line", interrupt);
     el_set(editor_, EL_BIND, "^I", "schedctl-complete", nullptr);
     el_set(editor_, EL_BIND, "^C", "schedctl-interrupt", nullptr);
+    // As in the shell.
     el_set(editor_, EL_BIND, "^R", "em-inc-search-prev", nullptr);
-    el_source(editor_, nullptr);  // the operator's own ~/.editrc
+    // Last, so that the operator's own ~/.editrc can change the bindings.
+    el_source(editor_, nullptr);
 }
 
 line_editor::~line_editor() {
@@ -74,7 +76,7 @@ line_editor::result line_editor::read(std::string& line) {
     }
     int length = 0;
     const char* text = el_gets(editor_, &length);
-    // The end of the line was made by our own key function, which libedit reports as the end of the input.
+    // libedit reports the end of the line that our own key function has made as the end of the input.
     if (interrupted_ && !signals_.leaving()) {
         return result::interrupted;
     }
@@ -93,7 +95,7 @@ line_editor::result line_editor::read(std::string& line) {
     return result::line;
 }
 
-// true when a key can be read, false when the wait was stopped by a signal.
+// Returns true when a key can be read, false when a signal stopped the wait.
 bool line_editor::wait_for_key() {
     for (;;) {
         pollfd ready[] = {
@@ -120,13 +122,13 @@ void line_editor::show_above(const std::string& text) {
     if (text.empty()) {
         return;
     }
-    // The prompt and what is typed are wiped from their row and drawn again below the text.
+    // The row with the prompt is cleared, and drawn again below the text.
     std::printf("\r\033[K(%s)\n", text.c_str());
     std::fflush(stdout);
     el_set(editor_, EL_REFRESH);
 }
 
-// libedit's own reader knows only the keyboard. A signal is handed on as if its key had been typed.
+// Replaces libedit's reader, which waits only for the keyboard. A signal is returned as if its key had been typed.
 int line_editor::next_char(EditLine* editor, wchar_t* wide) {
     line_editor& own = self(editor);
     std::mbstate_t state{};
@@ -136,7 +138,7 @@ int line_editor::next_char(EditLine* editor, wchar_t* wide) {
             if (own.signals_.leaving()) {
                 return 0;
             }
-            *wide = L'\003';
+            *wide = L'\003';  // Ctrl-C, bound to interrupt
             return 1;
         }
         const ssize_t n = ::read(STDIN_FILENO, &byte, 1);
@@ -182,7 +184,7 @@ unsigned char line_editor::complete(EditLine* editor, std::wint_t) {
     if (fitting.size() == 1) {
         rest += ' ';
     }
-    // Several words go on alike: add what they share. Only when nothing can be added are they listed.
+    // Several words match: adds their common part, or lists the words when they have none.
     if (!rest.empty()) {
         return el_insertstr(editor, rest.c_str()) == 0 ? CC_REFRESH : CC_ERROR;
     }

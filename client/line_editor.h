@@ -1,5 +1,4 @@
-// The line editor of the session: history, completion, and a prompt during which the connection is watched
-// too.
+// The line editor of the session: history, completion, and a prompt that also watches the connection.
 #pragma once
 
 #include "history_file.h"
@@ -18,18 +17,18 @@ class line_editor {
 public:
     enum class result { line, end_of_input, interrupted };
 
-    // One exists at a time. history_path: a file that is read now, and to which the destructor appends what has
-    // been typed; empty: history lives for the session.
+    // Only one may exist at a time. history_path: a file that is read now, and to which the destructor appends the
+    // typed lines; empty: the history is kept only for the session.
     line_editor(const std::string& prompt, const std::string& history_path, signal_watch& signals);
     ~line_editor();
     line_editor(const line_editor&) = delete;
     line_editor& operator=(const line_editor&) = delete;
 
-    // Words that may follow what is typed so far: given the words before the one at the cursor.
+    // Returns the words that may follow the words before the cursor.
     std::function<std::vector<std::string>(const std::vector<std::string>&)> candidates;
 
-    // While the operator types, `watched` gives a descriptor (-1 for none) and `readable` is called when
-    // bytes have come for it; a text that it returns is shown above the prompt.
+    // While the operator types, `watched` returns a descriptor to poll (-1 for none). `readable` is called when it is
+    // readable; the text that it returns is shown above the prompt.
     std::function<int()> watched;
     std::function<std::string()> readable;
 
@@ -50,7 +49,7 @@ private:
     history_file file_;
     signal_watch& signals_;
     EditLine* editor_;
-    History* history_;  // what the keys go through: earlier sessions and this one
+    History* history_;  // the lines that the arrow keys show: earlier sessions and this one
     History* typed_;    // this session only
     bool interrupted_ = false;
 };

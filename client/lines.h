@@ -1,4 +1,4 @@
-// Takes a text apart into lines.
+// Splits a text into lines.
 #pragma once
 
 #include <string>
@@ -6,7 +6,7 @@
 
 namespace client {
 
-// Calls read with each line of text, its line feed removed.
+// Calls read with each line of text, without its line feed.
 template <typename reader>
 void each_line(std::string_view text, reader read) {
     while (!text.empty()) {

@@ -10,7 +10,7 @@ namespace client {
 
 namespace {
 
-// The columns that hold a one, from the given value on: slot 0 of days and months never matches.
+// Returns the columns that contain a 1, from column first on: slot 0 of days and months never matches.
 std::vector<int> values_of(std::string_view digits, std::size_t first, std::size_t end) {
     std::vector<int> values;
     for (std::size_t i = first; i < digits.size() && i < end; i++) {
@@ -23,7 +23,7 @@ std::vector<int> values_of(std::string_view digits, std::size_t first, std::size
 
 void take_slots(std::string_view label, std::string_view digits, timer_job& job) {
     if (label == "minute") {
-        job.minutes = values_of(digits, 0, 60);  // the scheduler stores two more, which never come
+        job.minutes = values_of(digits, 0, 60);  // the scheduler stores two more, which never match
     } else if (label == "hour") {
         job.hours = values_of(digits, 0, 24);
     } else if (label == "mday") {
@@ -58,6 +58,7 @@ std::vector<timer_job> parse_timer_jobs(std::string_view answer) {
             jobs.push_back({line.substr(quote + 1, line.size() - quote - 2), {}, {}, {}, {}, {}});
             return;
         }
+        // The lines of slots follow the line of their job.
         const std::size_t equals = line.find('=');
         if (!jobs.empty() && equals != std::string::npos) {
             take_slots(std::string_view(line).substr(0, line.find_first_of(" =")),

@@ -1,4 +1,4 @@
-// What the scheduler lists: its modules, its timer jobs, the networks that may connect.
+// The listings of the scheduler: its modules, its timer jobs, the networks that may connect.
 #pragma once
 
 #include <string>
@@ -14,7 +14,7 @@ struct module_row {
 
 struct timer_job {
     std::string command;  // with its tabs
-    // The values at which the job may run; empty for the day field that leaves the decision to the other one.
+    // The values that match; empty for a day field when the other one decides.
     std::vector<int> minutes, hours, days, months, weekdays;
 };
 
@@ -23,7 +23,7 @@ struct network_row {
     int prefix = 0;       // bits of the mask
 };
 
-// Each takes the text of an answer and leaves out lines that it does not know.
+// Each parses the text of an answer and skips lines that it does not know.
 std::vector<module_row> parse_modules(std::string_view answer);    // of `modcntl`
 std::vector<timer_job> parse_timer_jobs(std::string_view answer);  // of `debug timer`
 std::vector<network_row> parse_networks(std::string_view answer);  // of `show allowed_ip`

@@ -31,10 +31,11 @@ answer_end password_source::result_of(const answer_end& end) {
 
 bool password_source::get_password(const std::string& host, std::string& problem) {
     if (file_.empty()) {
+        // Ctrl-C at the prompt must have its usual effect.
         const signals_through through;
         known_ = ask_password("Password for " + host + ": ", false, password_, problem);
     } else {
-        // The stream itself does not tell why it failed.
+        // A stream does not store the reason of a failure; errno may have it.
         errno = 0;
         std::ifstream file(file_);
         known_ = read_password(file, password_, problem);
@@ -48,7 +49,7 @@ std::string password_source::answer(const answer_end& challenge, const std::stri
     if (!known_ && !get_password(host, problem)) {
         return "";
     }
-    // A nonce of our own makes the response useless to one who has recorded an earlier login.
+    // With a new nonce from the client, no two responses are the same, so a recorded one is of no use.
     const std::string own_nonce = random_hex(32);
     const std::string response =
         sha256_hex(hash_text(challenge.salt, password_) + challenge.nonce + own_nonce);

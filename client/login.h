@@ -7,8 +7,8 @@
 
 namespace client {
 
-// Where the password comes from: a file, or the operator. Once given it is kept, since watching and sessions
-// log in again whenever the connection is made anew.
+// Gets the password from a file or from the operator. It is kept in memory, because `watch` and sessions log in again
+// at each new connection.
 class password_source {
 public:
     explicit password_source(std::string file) : file_(std::move(file)) {}
@@ -16,7 +16,8 @@ public:
     password_source(const password_source&) = delete;
     password_source& operator=(const password_source&) = delete;
 
-    // The request line "login" for this challenge; empty when no password can be had, and problem says why.
+    // Returns the request line "login" for this challenge. Empty when there is no password; problem then has the
+    // reason.
     std::string answer(const answer_end& challenge, const std::string& host, std::string& problem);
 
     // What the answer to that request means: over when it was accepted, else why not. A password that was refused is

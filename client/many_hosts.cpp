@@ -9,7 +9,7 @@ namespace client {
 
 namespace {
 
-constexpr std::size_t other_descriptors = 64;  // standard ones, files, the resolver's threads
+constexpr std::size_t other_descriptors = 64;  // for standard streams, files and the resolver's threads
 
 // How many of the wanted connections the limit for descriptors allows, once it is raised. The output of each host may
 // need one more for its file.
@@ -23,6 +23,7 @@ std::size_t allowed_connections(std::size_t wanted, std::size_t hosts) {
     if (setrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur == needed) {
         return wanted;
     }
+    // The limit stays too low. Half of it is for connections, half for the files with output that waits.
     getrlimit(RLIMIT_NOFILE, &limit);
     const std::size_t half = limit.rlim_cur / 2;
     return half > other_descriptors ? std::min(wanted, half - other_descriptors) : 1;
@@ -68,6 +69,7 @@ bool many_hosts::take_leave(std::size_t host) {
 
 // true when a command has ended at once.
 bool many_hosts::start_queued() {
+    // ended() may queue further commands, so the sum decides and not a count of ends.
     const std::size_t waiting = queue_.size() + active_;
     while (active_ < parallel_ && !queue_.empty()) {
         const question next = std::move(queue_.front());
@@ -84,7 +86,7 @@ bool many_hosts::start_queued() {
     return queue_.size() + active_ < waiting;
 }
 
-// Hands on what a host said, and that its command has ended.
+// Passes the output of a host, and the end of its command, to the listener.
 void many_hosts::collect(std::size_t host, std::string_view output) {
     if (!output.empty()) {
         told_.output(host, output);
@@ -121,6 +123,7 @@ void many_hosts::forgive_absence() {
 
 void many_hosts::step(std::span<pollfd> others, clock::time_point until) {
     forgive_absence();
+    // A command that has ended at once may be what the caller waits for, so poll must not wait.
     if (start_queued()) {
         until = clock::now();
     }
@@ -138,6 +141,7 @@ void many_hosts::step(std::span<pollfd> others, clock::time_point until) {
     for (std::size_t i = 0; i < polled_hosts_.size(); ++i) {
         host_link& link = *links_[polled_hosts_[i]];
         const pollfd& ready = polled_[others.size() + 1 + i];
+        // A callback may have closed this link since the poll; its descriptor is then another one or none.
         if (ready.revents != 0 && link.fd() == ready.fd) {
             output.clear();
             link.ready(output);
@@ -152,6 +156,7 @@ void many_hosts::step(std::span<pollfd> others, clock::time_point until) {
     }
 }
 
+// Polls the caller's descriptors first, then the one of the look-ups, then those of the hosts in polled_hosts_.
 void many_hosts::poll_links(std::span<const pollfd> others, clock::time_point until) {
     polled_.assign(others.begin(), others.end());
     polled_.push_back({names_.fd(), POLLIN, 0});
@@ -169,7 +174,7 @@ void many_hosts::poll_links(std::span<const pollfd> others, clock::time_point un
     }
     if (poll(polled_.data(), polled_.size(), wait) < 0) {
         for (pollfd& p : polled_) {
-            p.revents = 0;  // a signal, or no memory: the caller comes again
+            p.revents = 0;  // interrupted by a signal, or out of memory: the caller calls again
         }
     }
 }

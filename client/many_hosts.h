@@ -1,4 +1,4 @@
-// Asks many hosts side by side in one thread.
+// Runs commands on many hosts at the same time, in one thread.
 #pragma once
 
 #include "host_link.h"
@@ -16,7 +16,7 @@ class many_hosts {
 public:
     using clock = host_link::clock;
 
-    // What came from a host, known by its number in the list. They may call ask() and close().
+    // Gets the events of the hosts. host is the number in the list. Both functions may call ask() and close().
     struct listener {
         std::function<void(std::size_t host, std::string_view text)>
             output;  // of the command, line ends are LF
@@ -29,8 +29,8 @@ public:
     many_hosts(const std::vector<host_name>& hosts, const settings& chosen, std::size_t parallel,
                listener told);
 
-    // Asks as soon as there is a place. The connection stays open until close(), which gives up a command that is
-    // under way without a word.
+    // Starts a command as soon as fewer than `parallel` run. The connection stays open until close(), which gives up a
+    // running command without calling ended.
     void ask(std::size_t host, std::vector<std::string> words);
     void close(std::size_t host);
 
@@ -41,8 +41,8 @@ public:
     // Commands are under way or wait for a place.
     bool is_asking() const { return active_ != 0 || !queue_.empty(); }
 
-    // Waits until something happens, on the descriptors of `others` too (their revents are set), or until the given
-    // moment, and carries out what the hosts' connections are ready for.
+    // Waits for an event of the hosts or on the descriptors of `others` (whose revents are set), or until the given
+    // time. Then handles the events of the hosts.
     void step(std::span<pollfd> others, clock::time_point until);
 
 private:
@@ -61,13 +61,13 @@ private:
     std::size_t parallel_;
     listener told_;
     name_lookup names_;
-    std::vector<std::unique_ptr<host_link>> links_;
-    std::vector<bool> asking_;
-    std::deque<question> queue_;
-    std::size_t active_ = 0;
-    clock::time_point listened_ = clock::now();
-    std::vector<pollfd> polled_;
-    std::vector<std::size_t> polled_hosts_;
+    std::vector<std::unique_ptr<host_link>> links_;  // one for each host
+    std::vector<bool> asking_;                       // a command of this host runs
+    std::deque<question> queue_;                     // commands that wait for their start
+    std::size_t active_ = 0;                         // commands that run
+    clock::time_point listened_ = clock::now();      // when the hosts were last polled
+    std::vector<pollfd> polled_;                     // kept between calls, to allocate only once
+    std::vector<std::size_t> polled_hosts_;          // the hosts at the end of polled_
 };
 
 }  // namespace client

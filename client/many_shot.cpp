@@ -26,7 +26,7 @@ namespace {
 
 using clock = many_hosts::clock;
 
-constexpr auto json_order_limit = std::chrono::milliseconds(200);
+constexpr auto json_order_limit = std::chrono::milliseconds(200);  // JSON objects are in order for so long
 constexpr std::size_t longest_json_answer = 1 << 20;  // bytes; the largest status is about 140000
 
 int fail(const std::string& problem) {
@@ -42,10 +42,10 @@ public:
 private:
     struct host_state {
         printable_text filter;
-        std::string kept;  // JSON is made of the whole answer
+        std::string kept;  // the answer so far; JSON needs the whole of it
         bool answered = false;
         bool ended = false;
-        std::unique_ptr<waiting_messages> waiting;  // what checks were given; forgotten when all is written
+        std::unique_ptr<waiting_messages> waiting;  // stored messages; removed when all is written
     };
 
     std::string take_waiting(std::size_t host);
@@ -61,7 +61,7 @@ private:
     const bool terminal_ = isatty(STDOUT_FILENO) == 1;
     signal_watch signals_;
     bool interrupted_ = false;
-    bool cut_ = false;  // an interrupt has dropped output
+    bool cut_ = false;  // output was dropped after Ctrl-C
     int exit_code_ = 0;
     std::vector<host_state> states_;
     host_output output_;
@@ -92,7 +92,7 @@ void many_shot::write(std::string_view text) {
     cut_ = cut_ || !text.empty();
 }
 
-// The messages that checks of this user were given by the host, as lines of an answer.
+// Takes the messages of this host that `check` or `metrics` has stored for this user, as lines of an answer.
 std::string many_shot::take_waiting(std::size_t host) {
     if (!is_status_) {
         return "";
@@ -103,6 +103,7 @@ std::string many_shot::take_waiting(std::size_t host) {
 
 void many_shot::written(std::size_t host, const std::string& problem) {
     host_state& state = states_[host];
+    // Messages that were not written must stay in the spool.
     if (state.waiting != nullptr && !cut_) {
         state.waiting->forget();
     }
@@ -128,6 +129,7 @@ void many_shot::take(std::size_t host, std::string_view text) {
 
 void many_shot::ended(std::size_t host, const answer_end& end) {
     host_state& state = states_[host];
+    // A host that was given up may still report its end.
     if (state.ended) {
         return;
     }
@@ -136,7 +138,7 @@ void many_shot::ended(std::size_t host, const answer_end& end) {
     exit_code_ = std::max(exit_code_, exit_code_of(end));
     const std::string problem = describe(end);
     if (convert_ != nullptr) {
-        // Messages are handed over once: those of an answer that broke off are shown all the same.
+        // The scheduler sends each message only once, so those of an incomplete answer are shown too.
         const bool answered = end.how == ending::over || !state.kept.empty();
         output_.add(host, host_json(chosen_.hosts[host].label,
                                     answered ? convert_(take_waiting(host) + state.kept) : "", problem));
@@ -145,7 +147,7 @@ void many_shot::ended(std::size_t host, const answer_end& end) {
     output_.end(host, problem);
 }
 
-// Shows all that has come; the hosts that still work are given up.
+// Ctrl-C: writes all output that has come, and gives up the hosts that have not finished.
 void many_shot::interrupt() {
     interrupted_ = false;
     output_.stop_ordering();
@@ -163,7 +165,7 @@ int many_shot::run() {
     while (hosts_.is_asking()) {
         pollfd signal[] = {{signals_.fd(), POLLIN, 0}};
         hosts_.step(signal, in_order ? start + json_order_limit : clock::time_point::max());
-        // Each object names its host, so a host that is late need not hold back those behind it.
+        // Each object names its host, so the objects of other hosts need not wait long for a late one.
         if (in_order && clock::now() >= start + json_order_limit) {
             in_order = false;
             output_.stop_ordering();
@@ -184,8 +186,9 @@ int run_many_shot(const settings& chosen) {
     if (!join_words(chosen.words, line, problem)) {
         return fail(problem);
     }
+    // Its effect ends with the connection, which here is closed after the command.
     if (chosen.words[0] == "ipset") {
-        return fail("ipset acts on its own connection only, so it is for a session");
+        return fail("ipset affects only its own connection; use it in a session");
     }
     const json_writer convert = chosen.json ? json_writer_of(chosen.words) : nullptr;
     if (chosen.json && convert == nullptr) {

@@ -22,7 +22,8 @@ int fail(const std::string& problem) {
     return exit_usage;
 }
 
-// The textfile collector shows the type of each metric, which the form that both take cannot have.
+// A file is written in the Prometheus format, because the textfile collector needs the type of each metric and the
+// common format has none for counters.
 exposition format_of(const monitoring_settings& chosen) {
     if (chosen.format == "openmetrics") {
         return exposition::openmetrics;
@@ -38,6 +39,7 @@ int run_metrics(const settings& chosen) {
         return serve_metrics(chosen);
     }
     const snapshot known = look_at(chosen, true);
+    // Not a failure of the command: collectors need the metric sched_up 0.
     if (!known.up) {
         std::fprintf(stderr, "schedctl: %s\n", known.problem.c_str());
     }

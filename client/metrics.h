@@ -1,12 +1,12 @@
-// `metrics`: what is known of the scheduler as text for collectors.
+// `metrics`: prints or serves the metrics of the scheduler for collectors.
 #pragma once
 
 namespace client {
 
 struct settings;
 
-// Prints it, writes it into --output, or serves it at --listen. 0 when that succeeded, also when the scheduler is
-// not up, which is told as a metric.
+// Prints the metrics, writes them to --output, or serves them at --listen. Returns 0 when that succeeded. That includes
+// a scheduler that is not up, which the metric sched_up reports.
 int run_metrics(const settings& chosen);
 
 }  // namespace client

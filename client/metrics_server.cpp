@@ -1,6 +1,6 @@
-// cpp-httplib rather than libmicrohttpd: one class in the language of this client, with a pool of threads that bounds
-// the requests at once, time-outs, and header parsing; libmicrohttpd would leave the queue, the query and the answer
-// codes to code of ours. Debian keeps both.
+// Uses cpp-httplib, not libmicrohttpd: it is a C++ class with time-outs, header parsing, and a pool of threads that
+// limits the number of requests at once. With libmicrohttpd the queue, the query and the answer codes would need code
+// of our own. Debian maintains both.
 #include "metrics_server.h"
 
 #include "answer.h"
@@ -26,9 +26,9 @@ namespace client {
 
 namespace {
 
-constexpr std::size_t requests_at_once = 16;
-constexpr unsigned usual_limit = 9;    // seconds; collectors wait for ten
-constexpr unsigned request_limit = 2;  // seconds for a request to come
+constexpr std::size_t requests_at_once = 16;  // a request costs a thread and a process
+constexpr unsigned usual_limit = 9;           // seconds; collectors wait for ten
+constexpr unsigned request_limit = 2;         // seconds for receiving a request
 constexpr std::size_t longest_host = 255;
 constexpr std::size_t largest_answer = 1 << 20;
 
@@ -45,7 +45,8 @@ std::optional<int> port_in(const std::string& text) {
     return port >= 1 && port <= 65535 ? std::optional(port) : std::nullopt;
 }
 
-// "HOST:PORT" or "HOST"; the scheduler speaks IPv4 only.
+// Parses "HOST:PORT" or "HOST"; the scheduler supports only IPv4.
+// The host becomes an argument of a program, so it must not begin with "-" and may have only the characters of names.
 std::optional<address> target_in(const std::string& text, int usual_port) {
     const std::size_t colon = text.find(':');
     const std::string host = text.substr(0, colon);
@@ -57,7 +58,7 @@ std::optional<address> target_in(const std::string& text, int usual_port) {
     return is_name && port ? std::optional(address{host, *port}) : std::nullopt;
 }
 
-// "ADDRESS:PORT", ":PORT" or "PORT"; an IPv6 address stands in brackets.
+// Parses "ADDRESS:PORT", ":PORT" or "PORT"; an IPv6 address is in brackets.
 std::optional<address> listener_in(const std::string& text) {
     const std::size_t colon = text.rfind(':');
     const std::optional<int> port = port_in(colon == std::string::npos ? text : text.substr(colon + 1));
@@ -100,8 +101,8 @@ std::string read_all(int fd) {
     return text;
 }
 
-// This program once more for each target: what a target that hangs still holds then is not in this process, and the
-// process that waits for its messages cannot be one with threads. Empty when it failed.
+// Runs this program again for each target and returns its output, empty when it failed. So a target that hangs keeps no
+// resources of the server, and the process that waits for its messages is forked from one without threads.
 std::string output_of(std::vector<std::string> words) {
     std::vector<char*> argv;
     for (std::string& word : words) {
@@ -116,7 +117,7 @@ std::string output_of(std::vector<std::string> words) {
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
     posix_spawn_file_actions_addclosefrom_np(&actions,
-                                             STDERR_FILENO + 1);  // the library's sockets among them
+                                             STDERR_FILENO + 1);  // also the sockets of the library
     pid_t child = -1;
     const int problem = posix_spawn(&child, "/proc/self/exe", &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
@@ -146,7 +147,7 @@ public:
                 ? target_in(request.get_param_value("target"), chosen_.where.port)
                 : std::nullopt;
         if (!target) {
-            return refuse(response, 400, "wanted: /metrics?target=HOST:PORT");
+            return refuse(response, 400, "expected: /metrics?target=HOST:PORT");
         }
         if (!any_port_ && target->port != chosen_.where.port) {
             return refuse(response, 400, "only port " + std::to_string(chosen_.where.port) + " may be asked");
@@ -163,11 +164,12 @@ public:
 
 private:
     const settings& chosen_;
-    bool any_port_;  // else only the scheduler's: nobody elsewhere can search our network for open ports
+    // False: only the port of -p may be asked, so that other machines cannot search our network for open ports.
+    bool any_port_;
 };
 
 void reuse_address(int fd) {
-    const int on = 1;  // not the port as well: two servers would share the requests
+    const int on = 1;  // no SO_REUSEPORT, which the library would set: two servers would share the requests
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
 }
 
@@ -176,7 +178,7 @@ void reuse_address(int fd) {
 int serve_metrics(const settings& chosen) {
     const std::optional<address> where = listener_in(chosen.monitoring.listen);
     if (!where) {
-        std::fprintf(stderr, "schedctl: --listen: wanted ADDRESS:PORT, not %s\n",
+        std::fprintf(stderr, "schedctl: --listen: expected ADDRESS:PORT, not %s\n",
                      chosen.monitoring.listen.c_str());
         return exit_usage;
     }
@@ -186,7 +188,7 @@ int serve_metrics(const settings& chosen) {
     server.set_socket_options(reuse_address);
     server.set_keep_alive_max_count(1);  // an idle connection would hold one of the threads
     server.set_read_timeout(request_limit);
-    server.set_payload_max_length(0);
+    server.set_payload_max_length(0);  // a GET has no body
     server.Get("/metrics", [&collector](const httplib::Request& request, httplib::Response& response) {
         collector.answer(request, response);
     });

@@ -9,6 +9,7 @@ namespace client {
 
 namespace {
 
+// The words that -w and -c accept.
 std::vector<std::string> condition_words() {
     std::vector<std::string> words = {"all", "none"};
     words.insert(words.end(), std::begin(condition_names), std::end(condition_names));
@@ -16,14 +17,14 @@ std::vector<std::string> condition_words() {
 }
 
 void add_metrics(CLI::App& app, monitoring_settings& chosen) {
-    CLI::App* metrics = app.add_subcommand("metrics", "Print what is known of the scheduler for collectors");
+    CLI::App* metrics = app.add_subcommand("metrics", "Print the metrics of the scheduler for collectors");
     metrics->fallthrough();
     metrics->callback([&chosen] { chosen.metrics = true; });
     CLI::Option* output =
         metrics->add_option("-o,--output", chosen.output, "Replace this file, for the textfile collector");
     metrics->add_option("--listen", chosen.listen, "Serve /metrics?target=HOST:PORT at ADDRESS:PORT")
         ->excludes(output);
-    metrics->add_option("--format", chosen.format, "Form of the text; without it, one that both take")
+    metrics->add_option("--format", chosen.format, "Format of the text; default: one that is valid in both")
         ->check(CLI::IsMember({"prometheus", "openmetrics"}));
 }
 
@@ -34,11 +35,11 @@ void add_check(CLI::App& app, monitoring_settings& chosen) {
     const CLI::IsMember known(condition_words());
     check
         ->add_option("-w,--warning", chosen.warning,
-                     "Conditions that warn, separated by commas; or all, none")
+                     "Conditions that give a warning, separated by commas; or all, none")
         ->delimiter(',')
         ->check(known)
         ->capture_default_str();
-    check->add_option("-c,--critical", chosen.critical, "Conditions that are critical; they go before -w")
+    check->add_option("-c,--critical", chosen.critical, "Conditions that are critical; they override -w")
         ->delimiter(',')
         ->check(known)
         ->capture_default_str();

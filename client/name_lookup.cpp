@@ -15,7 +15,7 @@ namespace client {
 
 namespace {
 
-constexpr std::size_t most_threads = 16;
+constexpr std::size_t most_threads = 16;  // look-ups at once; more would only load the name server
 
 lookup_result look_up(std::size_t host, const std::string& name, int flags) {
     lookup_result result{host, {}, ""};
@@ -38,7 +38,7 @@ lookup_result look_up(std::size_t host, const std::string& name, int flags) {
 
 }  // namespace
 
-// Owned by the threads too, since they may outlive the object that started them.
+// The threads share the ownership, because they may live longer than the object that started them.
 struct name_lookup::shared_state {
     ~shared_state() {
         if (event >= 0) {
@@ -49,12 +49,12 @@ struct name_lookup::shared_state {
     void work();
 
     const int event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    std::mutex lock;  // guards what follows
+    std::mutex lock;  // guards the fields below
     std::condition_variable asked;
     std::deque<std::pair<std::size_t, std::string>> questions;
     std::vector<lookup_result> results;
     std::size_t threads = 0;
-    std::size_t waiting = 0;  // threads without a question
+    std::size_t waiting = 0;  // idle threads
     bool ending = false;
 };
 
@@ -69,6 +69,7 @@ void name_lookup::shared_state::work() {
         }
         const auto [host, name] = std::move(questions.front());
         questions.pop_front();
+        // The lock is not held during the look-up, which may take long.
         guard.unlock();
         lookup_result result = look_up(host, name, 0);
         guard.lock();
@@ -100,6 +101,7 @@ void name_lookup::ask(std::size_t host, const std::string& name) {
     if (state_->waiting >= state_->questions.size() || state_->threads == most_threads) {
         return;
     }
+    // When a further thread cannot be created, the existing ones answer the question later.
     try {
         std::thread([state = state_] { state->work(); }).detach();
         ++state_->threads;
@@ -115,6 +117,7 @@ int name_lookup::fd() const {
 }
 
 std::vector<lookup_result> name_lookup::take() {
+    // The event is reset before the results are taken, so that a later result makes it readable again.
     eventfd_t count = 0;
     eventfd_read(state_->event, &count);
     const std::lock_guard guard(state_->lock);

@@ -1,4 +1,4 @@
-// Looks up names in threads of its own, since the resolver cannot be asked without waiting.
+// Looks up names in separate threads, because the resolver can only be called blocking.
 #pragma once
 
 #include <memory>
@@ -9,7 +9,7 @@
 namespace client {
 
 struct lookup_result {
-    std::size_t host = 0;  // the number that the question had
+    std::size_t host = 0;  // the number that was passed to ask
     std::vector<in_addr> addresses;
     std::string problem;  // why there are none
 };
@@ -17,20 +17,20 @@ struct lookup_result {
 class name_lookup {
 public:
     name_lookup();
-    ~name_lookup();  // does not wait: a thread that the resolver holds ends with the process
+    ~name_lookup();  // does not wait: a thread that is blocked in the resolver ends with the process
     name_lookup(const name_lookup&) = delete;
     name_lookup& operator=(const name_lookup&) = delete;
 
-    // The address of a host that is given by its numbers; nothing for a name.
+    // Returns the address of a host that is given as an IPv4 address; nothing for a name.
     static std::vector<in_addr> numeric(const std::string& name);
 
-    // Begins a look-up. Throws std::system_error when no thread can be had for the first.
+    // Starts a look-up. Throws std::system_error when there is no thread yet and none can be created.
     void ask(std::size_t host, const std::string& name);
 
-    // Readable when results wait.
+    // A descriptor that is readable while results wait.
     int fd() const;
 
-    // Takes the results that have come.
+    // Returns the results that have come since the last call.
     std::vector<lookup_result> take();
 
 private:

@@ -41,6 +41,7 @@ int run_one_shot(const settings& chosen) {
             print(terminal ? filter.clean(text) : text);
         }
     };
+    // Messages that `check` or `metrics` has received come first. With JSON they become part of the one object.
     if (is_status && convert == nullptr) {
         output = kept_for_us.before(output);
     }
@@ -55,6 +56,7 @@ int run_one_shot(const settings& chosen) {
             print(convert(kept));
         }
     }
+    // A module that fails says why in its output; its exit code needs no message.
     const bool module_spoke = end.how == ending::over && end.signal == 0;
     if (!module_spoke && !describe(end).empty()) {
         std::fprintf(stderr, "schedctl: %s\n", describe(end).c_str());

@@ -1,4 +1,4 @@
-// One command from the shell, its answer to standard output, its result as exit code.
+// Runs one command from the shell: the answer goes to standard output, the result becomes the exit code.
 #pragma once
 
 namespace client {

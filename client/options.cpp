@@ -20,8 +20,9 @@ constexpr const char* description =
     "Operator's client of the scheduler.\n"
     "With command words it sends one command and streams the answer; without any it opens a session;\n"
     "with `watch` it shows the status live.\n"
-    "Options stand before the words of a module, and on either side of the words that the scheduler answers\n"
-    "itself. What follows `--` is sent as it is.";
+    "Options are given before the words of a module, and before or after the words that the scheduler "
+    "answers\n"
+    "itself. Words after `--` are sent unchanged.";
 
 constexpr const char* exit_codes =
     "Exit codes:\n"
@@ -37,7 +38,7 @@ constexpr const char* exit_codes =
     "A module may exit with a code of this list itself; for the client's own there is a message on standard\n"
     "error.";
 
-// The services entry `vgdsched`, else the scheduler's own default.
+// Returns the port of the services entry `vgdsched`, else the scheduler's default.
 std::uint16_t default_port() {
     addrinfo hints{};
     hints.ai_family = AF_INET;
@@ -51,7 +52,7 @@ std::uint16_t default_port() {
     return port;
 }
 
-// A value may have come from the environment; then its variable is to be blamed, not the option.
+// Returns the text of a usage error. For a value from the environment it names the variable, not the option.
 std::string failure(const CLI::App* app, const CLI::Error& problem) {
     std::string text = problem.what();
     for (const CLI::Option* option : app->get_options()) {
@@ -66,20 +67,20 @@ std::string failure(const CLI::App* app, const CLI::Error& problem) {
 
 void add_options(CLI::App& app, settings& chosen) {
     app.add_option("-H,--host", chosen.where.host,
-                   "Host of the scheduler, NAME[:PORT]; several with commas between")
+                   "Host of the scheduler, NAME[:PORT]; several separated by commas")
         ->envname("SCHED_HOST")
         ->capture_default_str();
     app.add_option("--hosts", chosen.hosts_file, "File with one host a line; - for standard input");
-    app.add_option("--parallel", chosen.parallel, "How many of several hosts are asked at once")
+    app.add_option("--parallel", chosen.parallel, "Number of hosts asked at once")
         ->check(CLI::Range(1, 10000))
         ->capture_default_str();
     app.add_flag("--as-it-comes", chosen.as_it_comes,
-                 "Output of several hosts as it comes, not in their order");
+                 "Output of several hosts as it comes, not in the order of the hosts");
     app.add_option("-p,--port", chosen.where.port, "TCP port")
         ->envname("SCHED_PORT")
         ->check(CLI::Range(1, 65535))
         ->capture_default_str();
-    app.add_option("-u,--user", chosen.user, "Name to greet the scheduler with")->envname("SCHED_USER");
+    app.add_option("-u,--user", chosen.user, "Name for a greeting to the scheduler")->envname("SCHED_USER");
     app.add_option("-t,--timeout", chosen.where.timeout, "Seconds of silence before giving up; 0: no limit")
         ->envname("SCHED_TIMEOUT")
         ->check(CLI::Range(0, 86400))
@@ -90,14 +91,14 @@ void add_options(CLI::App& app, settings& chosen) {
     app.add_flag("--json", chosen.json, std::string("Answer of ") + json_commands + " as JSON");
 }
 
-// Fills in the hosts when they are several or come from a file; a single NAME:PORT is taken apart.
+// Stores several hosts, or those of a file, in hosts; splits a single NAME:PORT.
 void name_hosts(const CLI::App& app, settings& chosen) {
     endpoint& where = chosen.where;
     std::string problem;
     if (!chosen.hosts_file.empty()) {
         const char* usual = std::getenv("SCHED_HOST");
         if (app.count("--host") != 0 && (usual == nullptr || where.host != usual)) {
-            throw CLI::ValidationError("--hosts", "takes the place of --host; give one of them");
+            throw CLI::ValidationError("--hosts", "cannot be used together with --host");
         }
         if (!read_hosts(chosen.hosts_file, where.port, chosen.hosts, problem)) {
             throw CLI::ValidationError("--hosts", problem);
@@ -110,17 +111,18 @@ void name_hosts(const CLI::App& app, settings& chosen) {
         chosen.hosts.clear();
     }
     if (!chosen.hosts.empty() && !chosen.watch && chosen.words.empty()) {
-        throw CLI::ValidationError("several hosts", "take a command or `watch`; all else is for one");
+        throw CLI::ValidationError("several hosts",
+                                   "need a command or `watch`; everything else works with one host only");
     }
 }
 
-// CLI11 takes the arguments from the back of the list.
+// CLI11 expects the arguments in reverse order.
 void parse_list(CLI::App& app, const std::vector<std::string>& arguments) {
     std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());
     app.parse(reversed);
 }
 
-// The client's option that this word would be in front of the command; null when it is none.
+// Returns the client's option that this word would be before the command; null when it is none.
 const CLI::Option* option_of(const CLI::App& app, const std::string& word) {
     if (word.starts_with("--")) {
         return app.get_option_no_throw(word.substr(0, word.find('=')));
@@ -129,6 +131,7 @@ const CLI::Option* option_of(const CLI::App& app, const std::string& word) {
         return nullptr;
     }
     const CLI::Option* option = app.get_option_no_throw(word.substr(0, 2));
+    // "-p9980": a value may follow a short option without a blank.
     const bool value_may_follow = option != nullptr && option->get_items_expected_max() > 0;
     return word.size() == 2 || value_may_follow ? option : nullptr;
 }
@@ -146,18 +149,19 @@ std::string joined(const std::vector<std::string>& words) {
     throw CLI::ValidationError(word + " " + why + "; to send it as a word: schedctl -- " + joined(words));
 }
 
-// A module gets all of its words, so an option among them is a mistake that would otherwise stay unseen: the
-// command would run on another host than the operator meant.
+// Refuses an option of the client among a module's words. It would be sent to the module, and the command would run on
+// another host than the operator meant, without a message.
 void refuse_swallowed(const CLI::App& app, const std::vector<std::string>& words) {
     for (const std::string& word : words) {
         if (option_of(app, word) != nullptr) {
-            refuse(word, "is an option of schedctl and stands before a module's words", words);
+            refuse(word, "is an option of schedctl and must be before a module's words", words);
         }
     }
 }
 
-// The scheduler's own words take no options, so the client's may follow them too. What is left that looks like
-// an option is a typing mistake, which the scheduler would pass over in silence.
+// Allows options of the client also after the scheduler's own words, which have no options themselves. Any other word
+// that looks like an option is a typing mistake and is refused, because the scheduler would ignore it without a
+// message.
 std::vector<std::string> parse_both_sides(CLI::App& app, const std::vector<std::string>& arguments) {
     for (CLI::App* subcommand : app.get_subcommands(nullptr)) {
         subcommand->disabled();  // `modcntl watch off` names a module
@@ -169,15 +173,15 @@ std::vector<std::string> parse_both_sides(CLI::App& app, const std::vector<std::
     for (const std::string& word : words) {
         const std::size_t name = word.find_first_not_of('-');
         if ((name == 1 || name == 2) && std::isalpha(static_cast<unsigned char>(word[name])) != 0) {
-            refuse(word, "is no option of schedctl", words);
+            refuse(word, "is not an option of schedctl", words);
         }
     }
     return words;
 }
 
-// The command words that stand before a "--".
+// Returns the command words before a "--".
 std::vector<std::string> parse_words(CLI::App& app, const std::vector<std::string>& arguments) {
-    app.prefix_command();  // stop at the first word that is no option and no subcommand
+    app.prefix_command();  // stop at the first word that is neither an option nor a subcommand
     parse_list(app, arguments);
     std::vector<std::string> words = app.remaining();
     if (words.empty()) {
@@ -193,7 +197,7 @@ std::vector<std::string> parse_words(CLI::App& app, const std::vector<std::strin
     return words;
 }
 
-// Help and version texts are output like any other.
+// Prints a help or version text. A failed write of it gives an exit code as for any other output.
 int finish(const CLI::App& app, const CLI::ParseError& problem) {
     const bool asked_for = app.exit(problem) == 0;
     const int usage = app.got_subcommand("check") ? static_cast<int>(plugin_unknown) : exit_usage;
@@ -213,7 +217,7 @@ std::optional<int> parse_options(int argc, char** argv, settings& chosen) {
     add_options(app, chosen);
     CLI::App* watch = app.add_subcommand("watch", "Show the status live until Ctrl-C");
     watch->fallthrough();  // the options above may follow the word
-    watch->add_option("-n,--interval", chosen.interval, "Seconds between two looks")
+    watch->add_option("-n,--interval", chosen.interval, "Seconds between two status requests")
         ->check(CLI::Range(1, 3600))
         ->capture_default_str();
     watch->add_flag("--level-prefix", chosen.level_prefix,

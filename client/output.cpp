@@ -23,7 +23,7 @@ void report_failure() {
 
 bool open_standard_streams() {
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-        // The lowest free number is taken, and those below are open by now.
+        // open returns the lowest free number, and the numbers below are open.
         if (fcntl(fd, F_GETFD) < 0 && open("/dev/null", O_RDONLY) != fd) {
             return false;
         }
@@ -32,7 +32,7 @@ bool open_standard_streams() {
 }
 
 bool flush_output() {
-    errno = EIO;  // the reason of an earlier failure is not kept by the stream
+    errno = EIO;  // the stream does not store the reason of an earlier failure
     if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) {
         return true;
     }

@@ -5,13 +5,12 @@
 
 namespace client {
 
-// Call first in main. A closed descriptor of 0, 1 and 2 would be given to the next socket or file, and output meant
-// for the operator would go there. Closed ones are opened on /dev/null for reading: input is empty, and writing still
-// fails. false when that is impossible.
+// Call first in main. If one of the descriptors 0, 1 and 2 is closed, the next socket or file would get its number, and
+// output for the operator would go there. So closed ones are opened on /dev/null for reading: input is empty, and
+// writing still fails. Returns false when that fails.
 bool open_standard_streams();
 
-// Writes out what the C streams hold back. false when standard output did not take all of it; standard error
-// has been told.
+// Flushes the C streams. Returns false, after a message on standard error, when standard output could not be written.
 bool flush_output();
 
 // Writes the text to standard output at once. When that fails, the program ends with exit_usage and a message.

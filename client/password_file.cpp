@@ -39,7 +39,7 @@ bool read_password_file(const std::string& path, password_record& record, std::s
     char salt[128] = "";
     if (std::sscanf(text, "%127s %127s", hash, salt) != 2 || std::strlen(hash) != 64 ||
         std::strlen(salt) != 8) {
-        problem = path + ": not a password file (the scheduler would ask nobody for a login)";
+        problem = path + ": not a password file (the scheduler would require no login)";
         return false;
     }
     record = {hash, salt};
@@ -47,7 +47,7 @@ bool read_password_file(const std::string& path, password_record& record, std::s
 }
 
 bool write_password_file(const std::string& path, const password_record& record, std::string& problem) {
-    // Following it would let the owner of the directory choose which file root overwrites.
+    // A symbolic link would let the owner of the directory choose which file root overwrites.
     struct stat info {};
     if (lstat(path.c_str(), &info) == 0 && S_ISLNK(info.st_mode)) {
         problem = path + ": is a symbolic link; name the file itself";

@@ -10,12 +10,12 @@ struct password_record {
     std::string salt;  // 8 letters or digits
 };
 
-// true when the file holds a record that the scheduler would accept; else problem says why not.
+// Returns true when the file contains a record that the scheduler would accept; else problem gets the reason.
 bool read_password_file(const std::string& path, password_record& record, std::string& problem);
 
-// Puts a new file in the old one's place in one step: the scheduler, starting at any moment, reads the old
-// one or the new one, never half of it. A symbolic link is refused. Mode 0600; root leaves it to the old file's owner, or to the
-// directory's, since a file that the scheduler may not read means no login at all.
+// Replaces the file in one step: a scheduler that starts at any moment reads the old file or the new one, never a part.
+// A symbolic link is refused. The mode is 0600. When root writes it, the file gets the owner of the old file, else of
+// the directory: a file that the scheduler cannot read would switch the login off.
 bool write_password_file(const std::string& path, const password_record& record, std::string& problem);
 
 }  // namespace client

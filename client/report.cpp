@@ -32,7 +32,7 @@ std::optional<std::time_t> seconds_of(const std::string& date) {
         (sign != '+' && sign != '-')) {
         return std::nullopt;
     }
-    // The date is local time of the scheduler, which is ahead of UTC by its offset, so the offset is taken off.
+    // The date is the scheduler's local time. It is ahead of UTC by the offset, so the offset is subtracted.
     t.tm_year -= 1900;
     t.tm_mon -= 1;
     const std::time_t offset = (hours * 60 + minutes) * 60;
@@ -49,6 +49,7 @@ std::string age_of(const std::string& date) {
     std::string text;
     int shown = 0;
     for (const auto& [seconds, sign] : units) {
+        // Starts at the largest unit that is not 0; an age below one second is "0s".
         if (shown == 2 || (shown == 0 && left < seconds && seconds > 1)) {
             continue;
         }
@@ -68,7 +69,7 @@ status_report parse_status(std::string_view answer) {
         char name[16];
         char date[32];
         unsigned long lost = 0;
-        // Messages first: their text is free and could look like the other two kinds.
+        // Messages are checked first, because their text may look like the other two kinds of lines.
         if (line.size() > date_length && line[date_length] == ';' &&
             seconds_of(line.substr(0, date_length))) {
             report.messages.push_back({line.substr(0, date_length), line.substr(date_length + 1)});
@@ -84,7 +85,7 @@ status_report parse_status(std::string_view answer) {
 std::vector<hmi_row> parse_show_ip(std::string_view answer) {
     std::vector<hmi_row> rows;
     each_line(answer, [&rows](const std::string& line) {
-        // The user's name is whatever a client sent, so it is what lies between two marks.
+        // The user's name may contain any text that a client sent, so it is all between the two marks.
         const std::size_t user = line.find(" user=");
         const std::size_t login = line.rfind(" login=");
         int day[6];

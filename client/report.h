@@ -1,4 +1,4 @@
-// What the answers of `status` and `show ip` say.
+// Parsing the answers of `status` and `show ip`.
 #pragma once
 
 #include <ctime>
@@ -21,9 +21,9 @@ struct message {
 };
 
 struct status_report {
-    std::vector<condition> conditions;  // in the scheduler's order; "confdate" is always there
+    std::vector<condition> conditions;  // in the scheduler's order; always includes "confdate"
     std::vector<message> messages;      // oldest first
-    unsigned long lost = 0;             // messages dropped because nobody collected them in time
+    unsigned long lost = 0;             // messages dropped because they were not fetched in time
 };
 
 struct hmi_row {
@@ -33,20 +33,20 @@ struct hmi_row {
     bool locked = false;
 };
 
-// Lines end with LF; lines of another form are passed over.
+// Lines end with LF; lines of any other form are skipped.
 status_report parse_status(std::string_view answer);
 std::vector<hmi_row> parse_show_ip(std::string_view answer);
 
-// The messages and the lost count as lines of an answer of `status`.
+// Returns the messages and the lost count as lines of an answer of `status`.
 std::string status_lines(const status_report& report);
 
-// This moment as such a date.
+// Returns the current time as such a date.
 std::string now_date();
 
-// Seconds since the epoch of a date as above.
+// Converts such a date to seconds since the epoch.
 std::optional<std::time_t> seconds_of(const std::string& date);
 
-// The two largest units of the time since then; "never" for the epoch.
+// Returns the age of a date in its two largest units; "never" for the epoch.
 std::string age_of(const std::string& date);
 
 }  // namespace client

@@ -17,6 +17,7 @@
 
 namespace {
 
+// Selects the mode; parse_options has refused combinations that make no sense.
 int run(const client::settings& chosen) {
     if (chosen.monitoring.metrics) {
         return client::run_metrics(chosen);
@@ -42,11 +43,13 @@ int main(int argc, char** argv) try {
     if (!client::open_standard_streams()) {
         return client::exit_usage;
     }
+    // The operator's locale tells which bytes are printable; numbers and dates stay independent of it.
     std::setlocale(LC_CTYPE, "");
     client::settings chosen;
     if (const std::optional<int> end = client::parse_options(argc, argv, chosen)) {
         return *end;
     }
+    // A command whose output was lost must not look successful.
     const int code = run(chosen);
     return client::flush_output() ? code : client::exit_usage;
 } catch (const std::exception& problem) {

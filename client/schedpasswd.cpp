@@ -15,6 +15,7 @@ constexpr int exit_wrong = 1;     // --check: another password
 constexpr int exit_trouble = 2;   // usage, no password, or the file cannot be used
 constexpr int exit_output = 200;  // done, but standard output could not be written
 
+// The arguments.
 struct request {
     std::string file;
     bool check = false;
@@ -30,6 +31,7 @@ int fail(const std::string& problem) {
     return exit_trouble;
 }
 
+// A new password is asked for twice, since a typing mistake would lock all operators out.
 bool get_password(const request& asked, std::string& password, std::string& problem) {
     if (!asked.from_input) {
         return client::ask_password(asked.check ? "Password: " : "New password: ", !asked.check, password,
@@ -49,7 +51,7 @@ int check(const request& asked) {
         return fail(problem);
     }
     const bool right = client::hash_text(record.salt, password) == record.hash;
-    client::wipe(password);
+    client::wipe(password);  // passwords stay in memory no longer than needed
     std::puts(right ? "The password is right." : "The password is wrong.");
     return right ? 0 : exit_wrong;
 }
@@ -80,14 +82,14 @@ int main(int argc, char** argv) try {
         return exit_output;
     }
     request asked;
-    CLI::App app("Writes the password file that makes the scheduler ask its clients for a login.",
+    CLI::App app("Writes the password file, with which the scheduler requires a login from its clients.",
                  "schedpasswd");
     app.footer(
         "Exit codes: 0 done, or the password is right; 1 the password is wrong (--check); 2 trouble; 200 "
         "the\n"
         "output could not be written.");
     app.set_version_flag("-V,--version", "schedpasswd " SCHED_VERSION, "Show the version and end");
-    app.add_option("FILE", asked.file, "Password file; $VGD_data/password when it is left out");
+    app.add_option("FILE", asked.file, "Password file; default: $VGD_data/password");
     app.add_flag("--check", asked.check, "Verify a password against the file instead of writing it");
     app.add_flag("--stdin", asked.from_input, "Read the password from one line of standard input");
     try {

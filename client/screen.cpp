@@ -16,15 +16,15 @@ bool can_draw() {
 }
 
 void screen::enter() {
-    // First the keyboard: a job in the background is stopped here, before it draws.
+    // The keyboard first: the system stops a background job here, before it draws.
     if (tcgetattr(STDIN_FILENO, &usual_) == 0) {
         termios keys = usual_;
         keys.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
-        keys.c_cc[VQUIT] = _POSIX_VDISABLE;  // would leave the terminal as it is now
+        keys.c_cc[VQUIT] = _POSIX_VDISABLE;  // it would end the program without restoring the terminal
         keyboard_ = tcsetattr(STDIN_FILENO, TCSADRAIN, &keys) == 0 ? STDIN_FILENO : -1;
     }
     entered_ = true;
-    write_all(STDOUT_FILENO, "\033[?1049h\033[?25l\033[2J");
+    write_all(STDOUT_FILENO, "\033[?1049h\033[?25l\033[2J");  // alternate screen, no cursor, cleared
 }
 
 void screen::leave() {
@@ -34,10 +34,11 @@ void screen::leave() {
     entered_ = false;
     write_all(STDOUT_FILENO, "\033[?25h\033[?1049l");
     if (keyboard_ >= 0) {
-        tcsetattr(keyboard_, TCSAFLUSH, &usual_);  // what was typed was not meant for the shell
+        tcsetattr(keyboard_, TCSAFLUSH, &usual_);  // drops unread keys, which were not meant for the shell
     }
 }
 
+// One read: poll has reported that there are bytes, so it does not block.
 bool screen::take_keys(std::string& keys) const {
     char piece[64];
     const ssize_t n = read(keyboard_, piece, sizeof piece);

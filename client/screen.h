@@ -1,4 +1,4 @@
-// The terminal while a picture is shown on it, and the lines of the picture.
+// The terminal while a live view is shown on it, and the lines of the view.
 #pragma once
 
 #include <cstddef>
@@ -7,10 +7,10 @@
 
 namespace client {
 
-// Standard output is a terminal that a picture can be drawn on.
+// Returns true when standard output is a terminal that can show a live view.
 bool can_draw();
 
-// The terminal while the picture is shown: its other screen, no cursor, keys read one by one without echo.
+// While it exists, the terminal shows its alternate screen without a cursor, and keys are read one by one without echo.
 class screen {
 public:
     screen() = default;
@@ -21,10 +21,10 @@ public:
     void enter();
     void leave();
 
-    // -1 when standard input is no terminal.
+    // The descriptor of the keyboard; -1 when standard input is not a terminal.
     int keyboard() const { return keyboard_; }
 
-    // Appends the keys that can be read; false when no more can come.
+    // Appends the keys that can be read. Returns false when no more can come.
     bool take_keys(std::string& keys) const;
 
 private:
@@ -38,14 +38,14 @@ constexpr const char* yellow = "\033[33m";
 constexpr const char* bold = "\033[1m";
 constexpr const char* plain = "";
 
-// One picture, from the top line down, cut to the size of the terminal.
+// One drawing of a view, from the top line down, cut to the size of the terminal.
 class canvas {
 public:
     canvas();
 
     std::size_t rows_left() const { return rows_ - used_; }
 
-    // A line of foreign text; dropped when no row is left.
+    // Adds a line of any text, made printable; dropped when no row is left.
     void line(const std::string& text, const char* colour);
 
     void show();

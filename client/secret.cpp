@@ -18,7 +18,7 @@ namespace {
 constexpr std::string_view alphanumeric = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
 constexpr int longest_password = 512;  // bytes
 
-// Up to 256 bytes come whole.
+// Reads at most 256 bytes, which the system returns all at once.
 void random_bytes(unsigned char* bytes, std::size_t count) {
     if (getrandom(bytes, count, 0) != static_cast<ssize_t>(count)) {
         throw std::system_error(errno, std::generic_category(), "no random bytes");
@@ -47,7 +47,7 @@ std::string sha256_hex(std::string_view text) {
 }
 
 std::string hash_text(std::string_view salt, std::string_view password) {
-    std::string joined = std::string(salt).append(password);
+    std::string joined = std::string(salt).append(password);  // wiped below, since it contains the password
     std::string text = sha256_hex(joined);
     wipe(joined);
     return text;
@@ -60,8 +60,7 @@ std::string random_hex(std::size_t bytes) {
 }
 
 std::string random_alphanumeric(std::size_t length) {
-    // Bytes beyond the last whole multiple of 62 would make the first characters likelier, so they are thrown
-    // again.
+    // Bytes above the last multiple of 62 are discarded, or they would make the first characters more likely.
     constexpr std::size_t fair = 256 / alphanumeric.size() * alphanumeric.size();
     std::string text;
     while (text.size() < length) {
@@ -75,8 +74,7 @@ std::string random_alphanumeric(std::size_t length) {
 }
 
 bool ask_password(const std::string& prompt, bool verify, std::string& password, std::string& problem) {
-    // libcrypto's prompt would fall back to standard input, where a script keeps what is meant for someone
-    // else.
+    // Without a terminal, libcrypto's prompt would read standard input, which a script uses for other data.
     const int terminal = open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC);
     if (terminal < 0) {
         problem = "no terminal to ask for the password";

@@ -54,13 +54,15 @@ answer_end session::run(const word_list& words) {
     const auto show = [&filter, terminal](std::string_view text) {
         print(terminal ? filter.clean(text) : text);
     };
+    // The scheduler answers in the order of the requests, so the answer given up earlier comes first.
     if (terminal && talk_.late()) {
         std::puts("(waiting for the answer given up earlier; Ctrl-C drops it)");
     }
-    // The answer is written without stdio, so what stdio holds back has to be out before it.
+    // The answer is written without stdio, so the buffer of stdio must be flushed before it.
     std::fflush(stdout);
     conversation::sink output = show;
     if (words[0] == "status") {
+        // Messages that `check` or `metrics` has received come first.
         output = spool(chosen_.where).before(show);
     }
     answer_end end = talk_.run(words, output);
@@ -77,7 +79,7 @@ answer_end session::run(const word_list& words) {
     return end;
 }
 
-// false when the session is over.
+// Returns false when the session is over.
 bool session::run_line(const std::string& line) {
     word_list words;
     if (!split_words(line, words)) {
@@ -91,13 +93,13 @@ bool session::run_line(const std::string& line) {
     const answer_end end = run(words);
     exit_code_ = exit_code_of(end);
     if (signals_ == nullptr && (end.how == ending::closed || end.how == ending::unsent)) {
-        return false;  // the lines of a script that follow would only say the same, or run without its lock
+        return false;  // the next lines of a script would also fail, or run without the lock that it held
     }
     return end.how != ending::goodbye && (signals_ == nullptr || !signals_->leaving());
 }
 
-// The words for completion. That the scheduler has no such listing is not worth a message; that it cannot be
-// reached is.
+// Loads the words for completion. There is a message when the scheduler cannot be reached, but not when it has no such
+// listing.
 void session::load_modules() {
     std::string listing;
     printable_text filter;
@@ -108,14 +110,14 @@ void session::load_modules() {
     }
     word_list fields;
     for (std::size_t at = 0, eol = 0; (eol = listing.find('\n', at)) != std::string::npos; at = eol + 1) {
-        // Rows have two fields, the name and on or off; anything else is no module.
+        // A row has two fields, the name and "on" or "off"; any other line is skipped.
         if (split_words(std::string_view(listing).substr(at, eol - at), fields) && fields.size() == 2) {
             modules_.push_back(fields[0]);
         }
     }
 }
 
-// Messages that a check was given for this user.
+// Shows messages that `check` or `metrics` has received for this user.
 void session::show_kept() const {
     spool(chosen_.where).hand_over([](const status_report& waiting) {
         return write_all(STDOUT_FILENO, printable_text().clean(status_lines(waiting)));

@@ -32,7 +32,7 @@ signal_watch::signal_watch(std::function<void()> suspend) : suspend_(std::move(s
     }
     sigprocmask(SIG_BLOCK, &set, &before_);
     fd_ = signal_fd_ = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
-    if (fd_ < 0) {  // then they had better act as usual than not at all
+    if (fd_ < 0) {  // without a descriptor, let the signals have their usual effect
         sigprocmask(SIG_SETMASK, &before_, nullptr);
     }
 }
@@ -45,13 +45,13 @@ signal_watch::~signal_watch() {
     sigprocmask(SIG_SETMASK, &before_, nullptr);
 }
 
-// One descriptor for both: those who wait need not know how many things are watched.
+// Makes one descriptor for signals and the reader, so that callers poll only one.
 void signal_watch::watch_reader_of(int descriptor) {
     const int both = epoll_create1(EPOLL_CLOEXEC);
     epoll_event signal_event{EPOLLIN, {}};
-    epoll_event reader_event{0, {}};  // that it has gone is told in any case
+    epoll_event reader_event{0, {}};  // the system always reports that the reader has closed
     if (both < 0 || epoll_ctl(both, EPOLL_CTL_ADD, signal_fd_, &signal_event) != 0 ||
-        epoll_ctl(both, EPOLL_CTL_ADD, descriptor, &reader_event) != 0) {  // a file has no reader to lose
+        epoll_ctl(both, EPOLL_CTL_ADD, descriptor, &reader_event) != 0) {  // fails for a file: no reader
         close(both);
         return;
     }
@@ -63,6 +63,7 @@ bool signal_watch::take() {
     bool stop = take_signals();
     pollfd reader{written_, 0, 0};
     if (written_ >= 0 && poll(&reader, 1, 0) > 0) {
+        // Removed, or the descriptor would stay readable for ever.
         epoll_ctl(fd_, EPOLL_CTL_DEL, written_, nullptr);
         written_ = -1;
         leaving_ = true;
@@ -75,7 +76,7 @@ bool signal_watch::take_signals() {
     bool stop = false;
     signalfd_siginfo info;
     while (read(signal_fd_, &info, sizeof info) == sizeof info) {
-        // A new size and a suspension are dealt with here; only the others end the wait.
+        // SIGWINCH and SIGTSTP are handled here; only the other signals end the wait.
         if (info.ssi_signo == SIGWINCH) {
             resized_ = true;
             continue;

@@ -1,5 +1,5 @@
-// Signals as readable events: the session and the live view wait for the network, the keyboard and signals at
-// once, and a signal that came a moment before the wait must not be lost.
+// Signals as readable events. The session and the live view wait for the network, the keyboard and signals at once, and
+// a signal that comes just before the wait must not be lost.
 #pragma once
 
 #include <csignal>
@@ -8,10 +8,10 @@
 
 namespace client {
 
-// Blocks SIGINT, SIGTERM, SIGHUP and SIGWINCH for its lifetime and makes them readable. One at a time.
+// Blocks SIGINT, SIGTERM, SIGHUP and SIGWINCH while it exists and makes them readable. Only one may exist at a time.
 class signal_watch {
 public:
-    // suspend: watches SIGTSTP too, and does this instead of stopping the process.
+    // suspend: watches SIGTSTP too, and calls this instead of stopping the process.
     explicit signal_watch(std::function<void()> suspend = nullptr);
     ~signal_watch();
     signal_watch(const signal_watch&) = delete;
@@ -19,16 +19,17 @@ public:
 
     int fd() const { return fd_; }
 
-    // The end of the reader of this pipe or socket is from now on a wish to leave, also while nothing is written.
+    // From now on, leaving() becomes true when the reader of this pipe or socket closes it, also while nothing is
+    // written.
     void watch_reader_of(int descriptor);
 
-    // Takes what has come. true when the operator wants the wait to end: SIGINT, or a wish to leave.
+    // Handles the signals that have come. Returns true when the wait must end: after SIGINT, or when leaving().
     bool take();
 
-    // SIGTERM or SIGHUP came, or the watched reader has gone.
+    // True after SIGTERM or SIGHUP, or when the watched reader has closed.
     bool leaving() const { return leaving_; }
 
-    // SIGWINCH came since the last call.
+    // True when SIGWINCH came since the last call.
     bool resized();
 
 private:
@@ -38,7 +39,7 @@ private:
 
     int fd_ = -1;
     int signal_fd_ = -1;
-    int written_ = -1;  // whose reader is watched
+    int written_ = -1;  // descriptor of the pipe whose reader is watched
     bool leaving_ = false;
     bool resized_ = false;
 };

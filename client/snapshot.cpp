@@ -16,10 +16,12 @@ namespace {
 
 using json = nlohmann::ordered_json;
 
+// Where the Debian package's services keep their state.
 constexpr const char* service_directory = "/run/sched-watch/";
 constexpr const char* service_data = "/var/lib/sched";
 constexpr std::uint16_t service_port = 9980;
 
+// Optional numbers that are not known are left out.
 json to_json(const snapshot& known) {
     const message_totals& t = known.totals;
     json value{{"up", known.up},
@@ -57,7 +59,7 @@ std::optional<unsigned long> number_in(const json& value, const char* name) {
     return value.contains(name) ? std::optional(value[name].get<unsigned long>()) : std::nullopt;
 }
 
-// Throws when a member is missing or of another type.
+// Throws when a member is missing or has the wrong type.
 snapshot from_json(const json& value) {
     snapshot known;
     known.up = value.at("up").get<bool>();
@@ -88,6 +90,7 @@ std::string text_of(const json& value) {
     return value.dump(-1, ' ', true, json::error_handler_t::replace) + "\n";
 }
 
+// Reads a state file; nothing when it is missing, damaged or too old.
 std::optional<snapshot> fresh_state(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     const std::string text{std::istreambuf_iterator<char>(file), {}};
@@ -121,6 +124,7 @@ std::string state_file_to_write(const endpoint& where) {
     return directory.empty() ? "" : directory + "/" + file_name_of(where) + ".json";
 }
 
+// Not durable: after a crash of the machine the follower writes a new one.
 bool write_state_file(const std::string& path, snapshot known, double good_until, std::string& problem) {
     json value = to_json(known);
     value["good_until"] = good_until;
@@ -134,6 +138,7 @@ std::optional<snapshot> followed_state(const endpoint& where) {
 }
 
 std::optional<unsigned long> uptime_of(const endpoint& where) {
+    // The uptime file is on the scheduler's host, and of several schedulers there only the service's is known.
     if (!where.host.starts_with("127.") && where.host != "localhost") {
         return std::nullopt;
     }

@@ -12,11 +12,12 @@ namespace client {
 
 namespace {
 
-constexpr std::chrono::seconds longest_turn{
-    1};  // one that holds the lock for longer waits for its own reader
+// A process that keeps the lock for longer waits for the reader of its output.
+constexpr std::chrono::seconds longest_turn{1};
 constexpr const char* totals_format = "totals %lu %lu %lu %lu\n";
 
-// The file is an answer of `status` without conditions, behind one line of totals: messages keep their bytes.
+// Reads the spool. The file has one line of totals, then an answer of `status` without conditions. This form keeps all
+// bytes of the messages.
 spool_content read_spool(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     const std::string text{std::istreambuf_iterator<char>(file), {}};
@@ -47,6 +48,7 @@ void message_totals::add(const status_report& report) {
 waiting_messages::waiting_messages(std::string path, std::unique_ptr<file_lock> lock)
     : path_(std::move(path)), lock_(std::move(lock)), content_(read_spool(path_)) {}
 
+// Called only after the messages were shown: in the worst case they are shown twice, but never lost.
 void waiting_messages::forget() {
     content_.waiting = {};
     std::string problem;
@@ -64,7 +66,7 @@ spool::spool(const endpoint& of) {
 
 bool spool::usable(std::string& problem) const {
     if (path_.empty()) {
-        problem = "no directory to keep messages in: set XDG_STATE_HOME";
+        problem = "no directory to store messages: set XDG_STATE_HOME";
         return false;
     }
     return file_lock::can_open(path_ + ".lock", problem);
@@ -74,6 +76,7 @@ bool spool::append(const status_report& report, spool_content& kept, std::string
     if (!usable(problem)) {
         return false;
     }
+    // Several checks may run at once. The lock is a separate file, because writing replaces the spool's own.
     const file_lock lock(path_ + ".lock");
     kept = read_spool(path_);
     if (report.messages.empty() && report.lost == 0) {

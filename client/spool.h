@@ -1,5 +1,5 @@
-// Messages that were received on behalf of an operator who is not there yet. The scheduler hands each message over
-// once; what a check or a collector of metrics was given waits here for the same user's next look at the status.
+// Stores messages for the operator. The scheduler sends each message only once. The messages that `check` or `metrics`
+// receives wait here for the same user's next `status`, session or `watch`.
 #pragma once
 
 #include "file_lock.h"
@@ -14,7 +14,7 @@ namespace client {
 
 struct endpoint;
 
-// How many messages have been received for a scheduler in all; they only grow.
+// The numbers of messages that a scheduler has sent in all; they only grow.
 struct message_totals {
     unsigned long error = 0;
     unsigned long warning = 0;
@@ -24,16 +24,17 @@ struct message_totals {
     void add(const status_report& report);
 };
 
-// What waits: `conditions` is not used. `lost` counts what the scheduler dropped and what did not fit here.
+// The stored messages; `conditions` is not used. `lost` counts messages that the scheduler or the spool has dropped.
 struct spool_content {
     status_report waiting;
     message_totals totals;
 };
 
-// What waits for one scheduler, locked against other processes: it is forgotten once it was shown, else it stays.
+// The stored messages of one scheduler, locked against other processes. Call forget when they were shown; otherwise
+// they stay in the spool.
 class waiting_messages {
 public:
-    // The lock must be held when this is made, and path is the file of the spool.
+    // path: the file of the spool. lock: its lock, which must be held.
     waiting_messages(std::string path, std::unique_ptr<file_lock> lock);
 
     const status_report& report() const { return content_.waiting; }
@@ -45,34 +46,35 @@ private:
     spool_content content_;
 };
 
-constexpr std::size_t most_spooled = 1000;  // messages; the oldest ones go first
+constexpr std::size_t most_spooled = 1000;  // messages; when it is full, the oldest are dropped
 
 class spool {
 public:
-    // of: the scheduler. One file of the user's state directory for each.
+    // of: the scheduler. Each has its own file in the user's state directory.
     explicit spool(const endpoint& of);
 
-    // true when messages can be kept; else problem says why not.
+    // Returns true when messages can be stored; else problem gets the reason.
     bool usable(std::string& problem) const;
 
-    // Adds the messages of a report; on the disk when this returns. kept: what the spool then holds. false with
-    // problem when they could not be kept.
+    // Adds the messages of a report. They are on the disk when this returns. kept gets the new content of the spool.
+    // Returns false, with problem, when they could not be stored.
     bool append(const status_report& report, spool_content& kept, std::string& problem) const;
 
-    // What waits; null when nothing does, or when another process has been showing it for a second.
+    // Returns the stored messages; null when there are none, or when another process has locked them for a second.
     std::unique_ptr<waiting_messages> take() const;
 
-    // Gives what waits to `show`, an empty report when nothing does, and forgets it when that returned true.
+    // Calls `show` with the stored messages (an empty report when there are none), and removes them when it returns
+    // true.
     void hand_over(const std::function<bool(const status_report&)>& show) const;
 
-    // The same with a newer report: what waits comes before its messages.
+    // The same with a newer report: the stored messages come before its messages.
     void hand_over_with(status_report newer, const std::function<bool(const status_report&)>& show) const;
 
-    // An output for the answer of `status` that writes what waits before the first part of the answer.
+    // Returns an output for the answer of `status` that writes the stored messages before the first part of the answer.
     std::function<void(std::string_view)> before(std::function<void(std::string_view)> output) const;
 
 private:
-    std::string path_;  // empty: there is no state directory
+    std::string path_;  // empty when there is no state directory
 };
 
 }  // namespace client

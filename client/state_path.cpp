@@ -12,12 +12,13 @@ namespace client {
 
 namespace {
 
+// Returns the variable's value if it is an absolute path, else an empty text: others must be ignored.
 std::string absolute_variable(const char* name) {
     const char* value = std::getenv(name);
     return value != nullptr && value[0] == '/' ? value : "";
 }
 
-// A monitoring engine may start us without HOME.
+// A monitoring engine may start the client without HOME; then the user database has it.
 std::string home_directory() {
     const std::string home = absolute_variable("HOME");
     if (!home.empty()) {
@@ -39,6 +40,7 @@ std::string state_directory() {
         path += "/.local/state";
     }
     path += "/schedctl";
+    // Creates each directory of the path; a failure shows when a file in it cannot be opened.
     for (std::size_t at = 0; at != std::string::npos;) {
         at = path.find('/', at + 1);
         mkdir(path.substr(0, at).c_str(), 0700);
@@ -48,6 +50,7 @@ std::string state_directory() {
 
 std::string file_name_of(const endpoint& where) {
     std::string name = where.host == "localhost" ? "127.0.0.1" : where.host;
+    // Host names are the same in upper and lower case, and a slash must not get into a file name.
     for (char& c : name) {
         const auto byte = static_cast<unsigned char>(c);
         c = std::isalnum(byte) != 0 || c == '.' || c == '-' ? static_cast<char>(std::tolower(byte)) : '_';

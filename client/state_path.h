@@ -7,11 +7,11 @@ namespace client {
 
 struct endpoint;
 
-// The user's own directory, $XDG_STATE_HOME/schedctl or ~/.local/state/schedctl, made with mode 0700 when it is
-// missing. Empty when the user has no home.
+// Returns the user's own directory, $XDG_STATE_HOME/schedctl or ~/.local/state/schedctl, and creates it with mode 0700
+// when it is missing. Empty when the user has no home directory.
 std::string state_directory();
 
-// "HOST:PORT" as part of a file name. localhost and 127.0.0.1 give the same one.
+// Returns "HOST:PORT" as part of a file name. localhost and 127.0.0.1 give the same one.
 std::string file_name_of(const endpoint& where);
 
 }  // namespace client

@@ -10,6 +10,7 @@ namespace client {
 
 namespace {
 
+// Special results of mbrtowc.
 constexpr std::size_t incomplete = static_cast<std::size_t>(-2);
 constexpr std::size_t invalid = static_cast<std::size_t>(-1);
 
@@ -41,6 +42,7 @@ std::string printable_text::clean(std::string_view bytes) {
         wchar_t wide = 0;
         std::mbstate_t state{};
         std::size_t length = std::mbrtowc(&wide, text.data() + at, text.size() - at, &state);
+        // The rest of the character comes with the next call.
         if (length == incomplete) {
             pending_ = text.substr(at);
             break;
@@ -56,7 +58,7 @@ std::string printable_text::clean(std::string_view bytes) {
     return out;
 }
 
-// A short write is no error: the rest is written by the next call.
+// A short write is not an error: the next call writes the rest.
 bool write_all(int fd, std::string_view bytes) {
     while (!bytes.empty()) {
         const ssize_t n = write(fd, bytes.data(), bytes.size());
@@ -70,7 +72,7 @@ bool write_all(int fd, std::string_view bytes) {
 
 std::string fit(std::string_view text, std::size_t columns) {
     std::string line = printable_text().clean(std::string(text) + '\n');
-    // The line feed made clean() give out a character that the text breaks off in; it is not part of the line.
+    // The added line feed made clean() write an incomplete last character; it is not part of the line.
     line.pop_back();
     std::size_t used = 0;
     std::size_t at = 0;
@@ -81,7 +83,7 @@ std::string fit(std::string_view text, std::size_t columns) {
         wchar_t wide = 0;
         std::mbstate_t state{};
         const std::size_t length = std::mbrtowc(&wide, line.data() + at, line.size() - at, &state);
-        // Columns are not characters: some take two, some none.
+        // A character may take two columns of the terminal, or none.
         const int width = wcwidth(wide);
         used += width > 0 ? static_cast<std::size_t>(width) : 0;
         if (used > columns) {

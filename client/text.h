@@ -1,4 +1,4 @@
-// Text on its way out. On a terminal, what modules and messages say must not steer it.
+// Text for output. Control characters in the texts of modules and messages must not control the terminal.
 #pragma once
 
 #include <string>
@@ -6,8 +6,8 @@
 
 namespace client {
 
-// Makes a stream printable: line feeds, tabs and printable characters of the locale pass, carriage returns
-// are dropped, any other byte becomes \xHH. A character that arrives in two pieces is put together again.
+// Makes a stream printable: line feeds, tabs and printable characters of the locale stay, carriage returns are dropped,
+// any other byte becomes \xHH. A character may be split between two calls.
 class printable_text {
 public:
     std::string clean(std::string_view bytes);
@@ -16,10 +16,10 @@ private:
     std::string pending_;
 };
 
-// Writes all bytes, however many calls it takes. false when the descriptor refuses them; errno says why.
+// Writes all bytes, with as many calls as needed. Returns false with errno when a write fails.
 bool write_all(int fd, std::string_view bytes);
 
-// One line of foreign text, printable and cut to so many columns of the terminal.
+// Returns one line of any text, made printable and cut to so many columns of the terminal.
 std::string fit(std::string_view text, std::size_t columns);
 
 }  // namespace client

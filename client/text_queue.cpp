@@ -16,9 +16,10 @@ namespace {
 constexpr std::size_t most_in_memory = 16384;  // bytes
 
 [[noreturn]] void fail(const std::string& what) {
-    throw std::system_error(errno, std::generic_category(), "cannot keep output that waits: " + what);
+    throw std::system_error(errno, std::generic_category(), "cannot store waiting output: " + what);
 }
 
+// Opens a temporary file and removes its name, so that it disappears with the process in any case.
 int open_nameless() {
     const char* directory = std::getenv("TMPDIR");
     std::string path = directory != nullptr && directory[0] == '/' ? directory : "/tmp";

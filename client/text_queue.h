@@ -1,4 +1,4 @@
-// Text that waits for its turn: a little in memory, more in a file without a name.
+// A queue of text: the first bytes are kept in memory, more of them in a temporary file without a name.
 #pragma once
 
 #include <functional>
@@ -15,17 +15,17 @@ public:
     text_queue& operator=(const text_queue&) = delete;
     text_queue(text_queue&& other) noexcept;
 
-    // Throws std::system_error when there is no place for it.
+    // Throws std::system_error when the temporary file cannot be written.
     void add(std::string_view text);
 
-    // Gives all of it to `take`, in the order in which it was added, and is empty then.
+    // Passes all text to `take`, in the order in which it was added. The queue is then empty.
     void drain(const std::function<void(std::string_view)>& take);
 
 private:
     void move_to_file();
 
     std::string memory_;
-    int file_ = -1;  // holds what came before memory_
+    int file_ = -1;  // contains the text that came before memory_
 };
 
 }  // namespace client

@@ -21,8 +21,9 @@ namespace {
 
 using steady = std::chrono::steady_clock;
 
-constexpr unsigned usual_limit = 10;  // seconds
+constexpr unsigned usual_limit = 10;  // seconds, when the operator sets none
 
+// A snapshot of a scheduler that could not be asked. failure: the client's exit code for the reason.
 snapshot not_up(int failure, std::string problem) {
     snapshot known;
     known.failure = failure;
@@ -62,7 +63,7 @@ status_report visit(conversation& talk, bool with_details, snapshot& known) {
         known.failure = exit_code_of(end);
         known.problem = describe(end);
     }
-    // Also of an answer that was cut off, the messages before its end have been handed over.
+    // The scheduler will not send the messages of an incomplete answer again, so they count too.
     status_report report = parse_status(first);
     const status_report late = parse_status(second);
     report.messages.insert(report.messages.end(), late.messages.begin(), late.messages.end());
@@ -75,8 +76,9 @@ status_report visit(conversation& talk, bool with_details, snapshot& known) {
     setsid();  // an engine that kills its check's process group does not kill this
     const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-        dup2(nothing, fd);  // who waits for the end of our output waits for the answer only
+        dup2(nothing, fd);  // a reader that waits for the end of our output must not wait for this process
     }
+    // This process must not end before it has stored the messages.
     for (const int signo : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) {
         std::signal(signo, SIG_IGN);
     }
@@ -86,6 +88,7 @@ status_report visit(conversation& talk, bool with_details, snapshot& known) {
     known.conditions = report.conditions;
     spool_content content;
     std::string problem;
+    // Messages that cannot be stored go to the caller, which prints them.
     if (!kept.append(report, content, problem)) {
         known.unkept = problem;
         content.waiting.messages = report.messages;
@@ -99,6 +102,7 @@ status_report visit(conversation& talk, bool with_details, snapshot& known) {
     _exit(0);
 }
 
+// Reads until the end of the pipe; an empty text when that has not come in time.
 std::string read_until(int fd, steady::time_point until) {
     std::string text;
     char piece[4096];
@@ -127,7 +131,7 @@ snapshot ask(settings chosen, bool with_details) {
     }
     const unsigned limit = chosen.where.timeout != 0 ? chosen.where.timeout : usual_limit;
     const steady::time_point until = steady::now() + std::chrono::seconds(limit);
-    // One visit at a time: two at once would both be given what happens meanwhile, and both would keep it.
+    // Only one visit at a time: the scheduler would send new messages to both, and both would store them.
     const file_lock turn(state_directory() + "/visit-" + file_name_of(chosen.where) + ".lock", until);
     if (!turn.held()) {
         return not_up(exit_silence, "an earlier visit still waits for the scheduler's answer");
@@ -136,7 +140,7 @@ snapshot ask(settings chosen, bool with_details) {
     if (pipe2(ends, O_CLOEXEC) != 0) {
         return not_up(exit_usage, std::generic_category().message(errno));
     }
-    chosen.where.timeout = 0;
+    chosen.where.timeout = 0;  // the child waits without limit; only this process gives up
     const pid_t child = fork();
     if (child == 0) {
         ask_and_keep(chosen, with_details, kept, ends[1]);
@@ -176,7 +180,7 @@ void report_unkept(const snapshot& known) {
     if (known.unkept.empty()) {
         return;
     }
-    std::fprintf(stderr, "schedctl: %s; messages that could not be kept:\n", known.unkept.c_str());
+    std::fprintf(stderr, "schedctl: %s; messages that could not be stored:\n", known.unkept.c_str());
     for (const message& m : known.messages) {
         std::fprintf(stderr, "%s;%s\n", m.date.c_str(), m.text.c_str());
     }

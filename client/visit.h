@@ -1,4 +1,4 @@
-// One visit to a scheduler that leaves nothing behind: what it was asked, and every message that it handed over.
+// One visit of `check` or `metrics` to a scheduler, which gets its state and stores all messages that it sends.
 #pragma once
 
 #include "snapshot.h"
@@ -20,10 +20,10 @@ struct detail {
 
 const std::vector<detail>& details();
 
-// Leaves as many messages as a snapshot holds.
+// Removes the oldest messages beyond the number that a snapshot may have.
 void keep_newest(std::vector<message>& messages);
 
-// Writes the messages that a look received and could not keep to standard error: the last place that is left.
+// Writes messages that could not be stored to standard error, so that they are not lost without a trace.
 void report_unkept(const snapshot& known);
 
 // Looks at the scheduler: from a follower's state file when one is at work; else by asking. Then a process of its

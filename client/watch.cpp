@@ -41,11 +41,11 @@ private:
     conversation talk_;
     bool drawing_;
     screen screen_;
-    bool answered_ = false;  // the scheduler has answered once: from now on its loss is waited out
+    bool answered_ = false;  // the scheduler has answered once: from now on a lost connection is made again
     watch_picture shown_;
 };
 
-// One look; false when there is no sense in another.
+// Asks for the status once. Returns false when asking again would be useless.
 bool watch::look(answer_end& end) {
     std::string text;
     end = talk_.run({"status"}, [&text](std::string_view part) { text += part; });
@@ -54,8 +54,9 @@ bool watch::look(answer_end& end) {
             print_line({now_date(), "connected"});
         }
         const status_report report = parse_status(text);
+        // True for the first answer, and for the first one after a lost connection.
         if (!answered_ || !shown_.trouble.empty()) {
-            // While there was no connection, a check of this user may have been given messages.
+            // Adds the messages that `check` or `metrics` of this user received while there was no connection.
             spool(chosen_.where).hand_over_with(report, [this](const status_report& both) {
                 take(both);
                 return true;
@@ -67,6 +68,7 @@ bool watch::look(answer_end& end) {
         shown_.trouble.clear();
         return true;
     }
+    // A lost connection may come back; a refused login or a wrong option will not change.
     const bool passing = end.how == ending::closed || end.how == ending::unsent || end.how == ending::silent;
     if (!answered_ || !passing) {
         return false;
@@ -94,8 +96,8 @@ void watch::take(const status_report& report) {
     }
 }
 
-// Waits until the next look is due; a drawn picture is brought up to date each second and when its size
-// changes. false when the operator leaves.
+// Waits until the next status request is due. A drawn view is updated each second and when its size changes. Returns
+// false when the operator ends the view.
 bool watch::pause() {
     using clock = std::chrono::steady_clock;
     const clock::time_point due = clock::now() + std::chrono::seconds(chosen_.interval);
@@ -108,6 +110,7 @@ bool watch::pause() {
             return true;
         }
         pollfd ready[] = {{signals_.fd(), POLLIN, 0}, {screen_.keyboard(), POLLIN, 0}};
+        // A drawing shows ages and the time of day, so it is updated each second.
         const auto limit = drawing_ ? std::min<decltype(left)>(left, 1000) : left;
         if (poll(ready, 2, static_cast<int>(limit)) <= 0) {
             continue;
@@ -123,7 +126,7 @@ bool watch::left_by_key() const {
     return !screen_.take_keys(keys) || keys.find('q') != std::string::npos;
 }
 
-// Ctrl-Z: the shell gets its terminal as it was, and the picture comes back with the job.
+// Ctrl-Z: restores the terminal for the shell, and draws the view again when the job continues.
 void watch::suspend() {
     screen_.leave();
     {
@@ -145,6 +148,7 @@ int watch::run() {
         going = look(end);
     }
     screen_.leave();
+    // The drawing vanishes with the alternate screen, and the scheduler will not send these messages again.
     if (drawing_) {
         for (const message& m : shown_.messages) {
             print_line(m);

@@ -5,7 +5,8 @@ namespace client {
 
 struct settings;
 
-// Runs until Ctrl-C (0), or until the scheduler cannot be asked at all; its loss in between is waited out.
+// Runs until Ctrl-C (returns 0), or until the first status request fails. When the connection is lost later, it waits
+// and connects again.
 int run_watch(const settings& chosen);
 
 }  // namespace client

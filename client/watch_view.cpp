@@ -27,10 +27,10 @@ const char* colour_of(const message& m) {
     return m.text.starts_with('W') ? yellow : plain;
 }
 
-// One row for each condition. Where the heading and one message would find no row below them, the last ones share a
-// row by their names.
+// Draws one row for each condition. When no row would be left for the heading and one message, the last conditions
+// share one row, with only their names.
 void draw_conditions(const std::vector<condition>& conditions, canvas& page) {
-    constexpr std::size_t rows_below = 2;
+    constexpr std::size_t rows_below = 2;  // the heading and one message
     const std::size_t free = page.rows_left() > rows_below ? page.rows_left() - rows_below : 0;
     const std::size_t single =
         conditions.size() <= free ? conditions.size() : std::max<std::size_t>(free, 1) - 1;
@@ -56,7 +56,7 @@ void draw_conditions(const std::vector<condition>& conditions, canvas& page) {
 
 void draw(const watch_picture& picture) {
     canvas page;
-    page.line(picture.title + "  " + now_date().substr(11, 8) + "  Ctrl-C leaves", bold);
+    page.line(picture.title + "  " + now_date().substr(11, 8) + "  Ctrl-C quits", bold);
     if (!picture.trouble.empty()) {
         page.line(picture.trouble + "; trying again", red);
     }
@@ -77,6 +77,7 @@ void print_line(const message& line) {
 
 void print_text(const std::string& text) {
     const bool terminal = isatty(STDOUT_FILENO) == 1;
+    // Not cut: an escape like \xHH makes four columns of a byte, so the limit is never reached.
     print((terminal ? fit(text, text.size() * 4) : text) + "\n");
 }
 

@@ -1,4 +1,4 @@
-// How the live view looks: a picture that is redrawn on a terminal, or one line for each change.
+// Shows the live view: drawn again and again on a terminal, else one line for each change.
 #pragma once
 
 #include "report.h"
@@ -9,7 +9,7 @@
 
 namespace client {
 
-constexpr std::size_t most_messages = 1000;  // kept for the view; the scheduler hands each over only once
+constexpr std::size_t most_messages = 1000;  // kept for the view, since the scheduler sends each only once
 
 struct watch_picture {
     std::string title;    // host and port
@@ -20,10 +20,10 @@ struct watch_picture {
 
 void draw(const watch_picture& picture);
 
-// Date and text as one line, at once.
+// Prints date and text as one line, at once.
 void print_line(const message& line);
 
-// One line of foreign text, at once.
+// Prints one line of any text, made printable on a terminal, at once.
 void print_text(const std::string& text);
 
 }  // namespace client

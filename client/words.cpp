@@ -16,8 +16,8 @@ bool is_answered_at_once(std::string_view word) {
 }
 
 bool split_words(std::string_view line, std::vector<std::string>& words) {
-    char quote = '\0';
-    bool inside = false;
+    char quote = '\0';    // the open quote, or NUL
+    bool inside = false;  // in a word; an empty pair of quotes is a word too
     words.clear();
     for (const char c : line) {
         if (quote == '\0' && (c == ' ' || c == '\t' || c == '\n')) {
@@ -43,7 +43,7 @@ bool join_words(const std::vector<std::string>& words, std::string& line, std::s
     // A tab separates words and a carriage return ends the line; the scheduler drops line feeds and NULs silently.
     for (const std::string& word : words) {
         if (word.find_first_of(std::string_view("\t\r\n\0", 4)) != std::string::npos) {
-            problem = "a word cannot hold a tab, a line end or a NUL";
+            problem = "a word cannot contain a tab, a line end or a NUL";
             return false;
         }
         if (&word != &words.front()) {
@@ -51,16 +51,16 @@ bool join_words(const std::vector<std::string>& words, std::string& line, std::s
         }
         line += word;
     }
-    // The scheduler has places for 15 fields, and takes a longer line for two.
+    // The scheduler refuses more than 15 fields, and reads a line that is too long as two.
     if (words.size() > most_words) {
         problem = "more than " + std::to_string(most_words) + " words";
     }
     if (line.size() > longest_line) {
         problem = "more than " + std::to_string(longest_line) + " characters";
     }
-    // Any other restart is answered by nothing at all, so the client would wait for ever.
+    // Any other restart has no answer, so the client would wait for ever.
     if (words[0] == "restart" && (words.size() == 1 || words[1] != "sched")) {
-        problem = "restart wants the word sched";
+        problem = "restart needs the word sched";
     }
     return problem.empty();
 }

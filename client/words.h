@@ -1,4 +1,4 @@
-// Command words: from what the operator types to a request line.
+// Command words: splitting typed text, and joining words to a request line.
 #pragma once
 
 #include <string>
@@ -7,14 +7,14 @@
 
 namespace client {
 
-// What the scheduler takes in one line; more would be refused or read as another command.
+// The limits of a request line; the scheduler would refuse a longer one or read its end as another command.
 constexpr std::size_t most_words = 15;
 constexpr std::size_t longest_line = 16382;
 
-// A word that the scheduler answers itself, when its module list says so. Every other word names a module.
+// A word that the scheduler answers itself, if its module list says so. Any other word is that of a module.
 struct internal_word {
     std::string_view word;
-    bool at_once;  // the answer waits for no module and for no other host
+    bool at_once;  // the answer never waits for a module or another host
 };
 
 constexpr internal_word internal_words[] = {
@@ -25,14 +25,14 @@ constexpr internal_word internal_words[] = {
 
 bool is_internal_word(std::string_view word);
 
-// true when no answer within seconds means that the scheduler itself is stalled.
+// Returns true for a word that is answered at once: without an answer after some seconds, the scheduler is stalled.
 bool is_answered_at_once(std::string_view word);
 
-// Cuts a typed line at blanks; '…' and "…" keep blanks in a word. false when a quote is left open.
+// Splits a typed line at blanks; '…' and "…" keep blanks in a word. Returns false when a quote is not closed.
 bool split_words(std::string_view line, std::vector<std::string>& words);
 
-// Joins the words, at least one, with TABs. false when they cannot be sent as one line, or would never be
-// answered; problem says why.
+// Joins the words, at least one, with TABs. Returns false when they cannot be sent as one line, or would never be
+// answered; problem gets the reason.
 bool join_words(const std::vector<std::string>& words, std::string& line, std::string& problem);
 
 }  // namespace client

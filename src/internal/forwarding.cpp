@@ -23,7 +23,8 @@ bool to_address(const char* text, in_addr& address) {
     return behind[std::strspn(behind, blanks)] == '\0' && inet_aton(text, &address) != 0;
 }
 
-// Checks the arguments of ipset. A failure here gets an answer; a restricted address, which is checked later, gets none.
+// Checks the arguments of ipset. A failure here gets an answer; a restricted address, which is checked later, gets
+// none.
 bool accept_ipset(const hmistruc& hmi, int argc, char* argv[], in_addr& address) {
     trprintf("info:ipset \"%s\"\n", argc > 1 ? argv[1] : "-");
     if (argc != 2) {

@@ -91,7 +91,7 @@ TEST_F(ManyHosts, WrongUseEndsWithAMessage) {
     const struct {
         const char* arguments;
         const char* message;
-    } cases[] = {{"-H $A,$B", "all else is for one"},
+    } cases[] = {{"-H $A,$B", "everything else works with one host only"},
                  {"-H $A,db:x status", "\"db:x\" is not name[:port]"},
                  {"-H , status", "no host is named"},
                  {"-H $A --hosts hosts status", "--host"},
@@ -99,8 +99,8 @@ TEST_F(ManyHosts, WrongUseEndsWithAMessage) {
                  {"--hosts absent status", "absent: No such file"},
                  {"--hosts bad status", "bad:2: \"db2:0\" is not"},
                  {"--hosts hosts --json code", "--json is for"},
-                 {"--hosts hosts ipset 10.1.1.1", "for a session"},
-                 {"--hosts hosts restart", "restart wants"}};
+                 {"--hosts hosts ipset 10.1.1.1", "use it in a session"},
+                 {"--hosts hosts restart", "restart needs"}};
     for (const auto& c : cases) {
         EXPECT_THAT(ctl(c.arguments), testing::AllOf(HasSubstr(c.message), EndsWith("\n200\n"))) << c.arguments;
     }
