@@ -57,7 +57,7 @@ const char* why_closed(bool served);
 // Why the scheduler is busy for a command that begins with this word.
 const char* why_busy(std::string_view word);
 
-// One line for the operator; empty for a command that succeeded.
+// Returns one line for the operator; empty for a command that succeeded.
 std::string describe(const answer_end& end);
 
 // Reads one answer. A module's output is a raw stream and may contain terminating words. So such a word counts only as

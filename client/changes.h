@@ -14,7 +14,8 @@ struct condition_changes {
 
 condition_changes compare(const std::vector<condition>& before, const std::vector<condition>& now);
 
-// Conditions that were set and cleared, messages and losses, each as a dated line. before: the conditions then.
+// Returns a dated line for each condition that was set or cleared, each message, and lost messages. before: the
+// conditions of the previous status.
 std::vector<message> changes(const std::vector<condition>& before, const status_report& report);
 
 }  // namespace client

@@ -38,12 +38,12 @@ public:
     // True while an answer is outstanding that a run has given up.
     bool late() const { return late_.has_value(); }
 
-    // Asks for the status and quits in one request, so that hardly any message can be queued in between for a
-    // connection that will not ask again. Only while nothing is late; does nothing without a connection.
+    // Sends `status` and `quit` together. Between two separate requests the scheduler could queue a message that this
+    // connection would never fetch. Call only while late() is false; does nothing without a connection.
     answer_end take_leave(const sink& output);
 
-    // Reads what has come while no command runs, and drops it. One line for the operator when the late answer
-    // is complete or the connection is gone, else empty.
+    // Reads and drops bytes that came while no command runs. Returns one line for the operator when the late answer is
+    // complete or the connection is closed, else an empty text.
     std::string absorb();
 
 private:

@@ -94,7 +94,7 @@ follower::follower(const settings& chosen)
     }
 }
 
-// One line with one write, so that it is out at once.
+// Writes one line with one write, so that the reader gets it at once.
 bool follower::write(const std::string& line) {
     reader_gone_ = reader_gone_ || !write_until_signal(line, signals_);
     return !reader_gone_;
@@ -214,13 +214,14 @@ void follower::rest(host_state& state) {
     save(state);
 }
 
-// A reader takes the file for fresh until the next one is due at the latest: an interval, a silence, and some delay.
+// Writes the state file. Readers use it until the next one must have been written: after an interval, a time-out and
+// some delay.
 void follower::save(host_state& state) const {
     const double silence = chosen_.where.timeout != 0 ? chosen_.where.timeout : usual_silence;
     state.host.save(2.0 * chosen_.interval + silence + 2.0);
 }
 
-// What waits for this connection is fetched before it goes.
+// Fetches the messages that wait for this connection before closing it.
 void follower::part(std::size_t number) {
     host_state& state = *states_[number];
     state.parting = state.asked == question::none;

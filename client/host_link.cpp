@@ -15,7 +15,7 @@ namespace client {
 
 namespace {
 
-constexpr unsigned usual_limit = 10;  // seconds, when the operator names none
+constexpr unsigned usual_limit = 10;  // seconds, when the operator sets none
 constexpr int probe_seconds = 10;
 constexpr unsigned dead_milliseconds = 40000;
 constexpr std::size_t receive_size = 65536;

@@ -46,8 +46,8 @@ public:
     // there is no connection.
     bool take_leave();
 
-    // When waiting is to be given up, and the giving up. Messages are handed over once, so silence is told but the
-    // connection is kept: the answer may still come, and then the command ends once more.
+    // The time at which to give up the command, and the function that does so. Messages are handed over once, so
+    // silence is told but the connection is kept: the answer may still come, and then the command ends once more.
     clock::time_point deadline() const { return deadline_; }
     void expire();
 

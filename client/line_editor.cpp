@@ -47,7 +47,7 @@ line_editor::line_editor(const std::string& prompt, const std::string& history_p
     el_set(editor_, EL_BIND, "^I", "schedctl-complete", nullptr);
     el_set(editor_, EL_BIND, "^C", "schedctl-interrupt", nullptr);
     // As in the shell.
-    el_set(editor_, EL_BIND, "^R", "em-inc-search-prev", nullptr);
+    el_set(editor_, EL_BIND, "^R", "em-inc-search-prev", nullptr);  // as in the shell
     // Last, so that the operator's own ~/.editrc can change the bindings.
     el_source(editor_, nullptr);
 }

@@ -67,7 +67,7 @@ bool many_hosts::take_leave(std::size_t host) {
     return comes;
 }
 
-// true when a command has ended at once.
+// Starts queued commands. Returns true when one of them has already ended.
 bool many_hosts::start_queued() {
     // ended() may queue further commands, so the sum decides and not a count of ends.
     const std::size_t waiting = queue_.size() + active_;

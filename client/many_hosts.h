@@ -24,8 +24,9 @@ public:
             ended;  // the command, or an idle connection; after silence a command may end once more
     };
 
-    // hosts and chosen must outlive this. At most `parallel` commands are under way at once. A login takes the
-    // password from chosen.password_file; without one it is refused when chosen names several hosts. Raises the limit for descriptors as needed.
+    // hosts and chosen must outlive this. At most `parallel` commands are under way at once. A login takes the password
+    // from chosen.password_file; without one it is refused when chosen names several hosts. Raises the limit for
+    // descriptors as needed.
     many_hosts(const std::vector<host_name>& hosts, const settings& chosen, std::size_t parallel,
                listener told);
 
@@ -38,7 +39,7 @@ public:
     // has ended. false when there is no connection, also in the middle of making one, which is given up.
     bool take_leave(std::size_t host);
 
-    // Commands are under way or wait for a place.
+    // True while commands run or wait for their start.
     bool is_asking() const { return active_ != 0 || !queue_.empty(); }
 
     // Waits for an event of the hosts or on the descriptors of `others` (whose revents are set), or until the given

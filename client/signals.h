@@ -47,7 +47,7 @@ private:
 // Writes all to standard output. Its reader may be slow, so a signal ends the waiting: then false with errno EINTR.
 bool write_until_signal(std::string_view text, signal_watch& signals);
 
-// Lets the watched signals through in the usual way while a prompt handles them itself.
+// While it exists, the watched signals have their usual effect, for a prompt that handles them itself.
 class signals_through {
 public:
     signals_through();

@@ -45,7 +45,7 @@ bool ask_details(conversation& talk, snapshot& known, answer_end& end) {
     return true;
 }
 
-// The answers of one visit: two of `status`, the second with the leave.
+// Carries out one visit and returns its report: of a first `status`, and of a second one that is sent with `quit`.
 status_report visit(conversation& talk, bool with_details, snapshot& known) {
     answer_end end{ending::over};
     std::string first;
@@ -71,9 +71,9 @@ status_report visit(conversation& talk, bool with_details, snapshot& known) {
     return report;
 }
 
-// What the asking process does, from its first to its last moment.
+// The whole work of the asking process.
 [[noreturn]] void ask_and_keep(const settings& chosen, bool with_details, const spool& kept, int result) {
-    setsid();  // an engine that kills its check's process group does not kill this
+    setsid();  // a monitoring engine may kill the process group of its check, but must not kill this process
     const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         dup2(nothing, fd);  // a reader that waits for the end of our output must not wait for this process
@@ -158,7 +158,7 @@ const std::vector<detail>& details() {
         {{"show", "ip"},
          [](std::string_view answer, snapshot& known) {
              const std::size_t rows = parse_show_ip(answer).size();
-             known.operators = rows > 0 ? rows - 1 : 0;
+             known.operators = rows > 0 ? rows - 1 : 0;  // without this connection
          }},
         {{"modcntl"},
          [](std::string_view answer, snapshot& known) { known.modules = parse_modules(answer); }},
@@ -187,7 +187,7 @@ void report_unkept(const snapshot& known) {
 }
 
 snapshot look_at(settings chosen, bool with_details) {
-    chosen.user.clear();  // a greeting runs a module, and may have to wait for another one
+    chosen.user.clear();  // no greeting: it runs a module, and might have to wait for another one
     if (std::optional<snapshot> known = followed_state(chosen.where)) {
         return *known;
     }
