@@ -80,7 +80,7 @@ const char* why_closed(bool served) {
 }
 
 const char* why_busy(std::string_view word) {
-    return word == "unlock" ? "the lock is not held here" : "switched off or locked";
+    return word == "unlock" ? "this connection does not hold the lock" : "switched off or locked";
 }
 
 std::string describe(const answer_end& end) {

@@ -88,7 +88,7 @@ void followed_host::save(double seconds) {
     std::string problem;
     if (!state_path_.empty() && !write_state_file(state_path_, known_, wall_clock() + seconds, problem) &&
         !std::exchange(save_failed_, true)) {
-        std::fprintf(stderr, "schedctl: no state is kept: %s\n", problem.c_str());
+        std::fprintf(stderr, "schedctl: the state file cannot be written: %s\n", problem.c_str());
     }
 }
 
