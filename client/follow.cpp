@@ -1,5 +1,6 @@
 #include "follow.h"
 
+#include "answer.h"
 #include "followed_host.h"
 #include "many_hosts.h"
 #include "options.h"
@@ -7,10 +8,12 @@
 #include "visit.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <poll.h>
+#include <system_error>
 #include <unistd.h>
 #include <utility>
 
@@ -96,8 +99,16 @@ follower::follower(const settings& chosen)
 
 // Writes one line with one write, so that the reader gets it at once.
 bool follower::write(const std::string& line) {
-    reader_gone_ = reader_gone_ || !write_until_signal(line, signals_);
-    return !reader_gone_;
+    if (reader_gone_ || write_until_signal(line, signals_)) {
+        return !reader_gone_;
+    }
+    reader_gone_ = true;
+    if (errno != EPIPE &&
+        errno != EINTR) {  // a full disk is a fault; a signal and a reader that goes are not
+        std::fprintf(stderr, "schedctl: cannot write: %s\n", std::generic_category().message(errno).c_str());
+        exit_code_ = exit_usage;
+    }
+    return false;
 }
 
 void follower::ask(std::size_t number, question what) {

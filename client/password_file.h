@@ -14,7 +14,7 @@ struct password_record {
 bool read_password_file(const std::string& path, password_record& record, std::string& problem);
 
 // Replaces the file in one step: a scheduler that starts at any moment reads the old file or the new one, never a part.
-// A symbolic link is refused. The mode is 0600. When root writes it, the file gets the owner of the old file, else of
+// A symbolic link, a device and a pipe are refused. The mode is 0600. When root writes it, the file gets the owner of the old file, else of
 // the directory: a file that the scheduler cannot read would switch the login off.
 bool write_password_file(const std::string& path, const password_record& record, std::string& problem);
 

@@ -35,6 +35,12 @@ std::string directory_of(const std::string& path) {
 
 bool replace_file(const std::string& path, std::string_view text, mode_t mode, bool durable,
                   std::string& problem, const std::function<bool(int fd)>& prepare) {
+    // The rename would put a file in the place of /dev/null, or of /dev/stdout, for everybody.
+    struct stat info {};
+    if (lstat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
+        problem = path + ": is not a regular file";
+        return false;
+    }
     std::string temporary = path + ".XXXXXX";
     const int fd = mkostemp(temporary.data(), O_CLOEXEC);
     if (fd < 0) {

@@ -7,7 +7,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <nlohmann/json.hpp>
 
 namespace client {
@@ -92,8 +91,7 @@ std::string text_of(const json& value) {
 
 // Reads a state file; nothing when it is missing, damaged or too old.
 std::optional<snapshot> fresh_state(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    const std::string text = read_file(path).value_or("");
     const json value = json::parse(text, nullptr, false);
     if (!value.is_object() || !value.contains("good_until") || !value["good_until"].is_number() ||
         value["good_until"].get<double>() < wall_clock()) {

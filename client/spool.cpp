@@ -4,8 +4,7 @@
 #include "state_path.h"
 
 #include <cstdio>
-#include <fstream>
-#include <iterator>
+#include <unistd.h>
 #include <utility>
 
 namespace client {
@@ -19,8 +18,7 @@ constexpr const char* totals_format = "totals %lu %lu %lu %lu\n";
 // Reads the spool. The file has one line of totals, then an answer of `status` without conditions. This form keeps all
 // bytes of the messages.
 spool_content read_spool(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    const std::string text = read_file(path).value_or("");
     spool_content content{parse_status(text), {}};
     message_totals& t = content.totals;
     if (std::sscanf(text.c_str(), totals_format, &t.error, &t.warning, &t.info, &t.lost) != 4) {
@@ -52,7 +50,8 @@ waiting_messages::waiting_messages(std::string path, std::unique_ptr<file_lock> 
 void waiting_messages::forget() {
     content_.waiting = {};
     std::string problem;
-    if (!write_spool(path_, content_, problem)) {
+    // On a full disk the file can still be removed. Then the counters start anew.
+    if (!write_spool(path_, content_, problem) && unlink(path_.c_str()) != 0) {
         std::fprintf(stderr, "schedctl: %s; the messages will be shown again\n", problem.c_str());
     }
 }
@@ -95,8 +94,12 @@ bool spool::append(const status_report& report, spool_content& kept, std::string
     return write_spool(path_, kept, problem);
 }
 
+message_totals spool::totals() const {
+    return read_spool(path_).totals;
+}
+
 std::unique_ptr<waiting_messages> spool::take() const {
-    if (path_.empty() || std::ifstream(path_).fail()) {
+    if (path_.empty() || !read_file(path_)) {
         return nullptr;
     }
     auto lock = std::make_unique<file_lock>(path_ + ".lock", std::chrono::steady_clock::now() + longest_turn);

@@ -60,6 +60,9 @@ public:
     // Returns false, with problem, when they could not be stored.
     bool append(const status_report& report, spool_content& kept, std::string& problem) const;
 
+    // Returns what has been counted so far, also while another process holds the lock.
+    message_totals totals() const;
+
     // Returns the stored messages; null when there are none, or when another process has locked them for a second.
     std::unique_ptr<waiting_messages> take() const;
 

@@ -3,7 +3,9 @@
 #include "connection.h"
 
 #include <cctype>
+#include <cerrno>
 #include <cstdlib>
+#include <fcntl.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -56,6 +58,23 @@ std::string file_name_of(const endpoint& where) {
         c = std::isalnum(byte) != 0 || c == '.' || c == '-' ? static_cast<char>(std::tolower(byte)) : '_';
     }
     return name + ":" + std::to_string(where.port);
+}
+
+std::optional<std::string> read_file(const std::string& path) {
+    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);  // a FIFO must not hold us
+    struct stat info {};
+    if (fd < 0 || fstat(fd, &info) != 0) {
+        close(fd);
+        return std::nullopt;
+    }
+    std::string text;
+    char piece[65536];
+    ssize_t n = -1;
+    while (S_ISREG(info.st_mode) && ((n = read(fd, piece, sizeof piece)) > 0 || (n < 0 && errno == EINTR))) {
+        text.append(piece, n > 0 ? static_cast<std::size_t>(n) : 0);
+    }
+    close(fd);
+    return n == 0 ? std::optional(text) : std::nullopt;
 }
 
 }  // namespace client

@@ -1,6 +1,7 @@
 // Where the client keeps what outlives it.
 #pragma once
 
+#include <optional>
 #include <string>
 
 namespace client {
@@ -13,5 +14,8 @@ std::string state_directory();
 
 // Returns "HOST:PORT" as part of a file name. localhost and 127.0.0.1 give the same one.
 std::string file_name_of(const endpoint& where);
+
+// The bytes of a regular file; nothing when it is another kind of file or cannot be read.
+std::optional<std::string> read_file(const std::string& path);
 
 }  // namespace client

@@ -192,6 +192,10 @@ snapshot look_at(settings chosen, bool with_details) {
         return *known;
     }
     snapshot known = ask(chosen, with_details);
+    if (!known.up) {
+        // A counter that falls to 0 and returns would look like growth.
+        known.totals = spool(chosen.where).totals();
+    }
     known.uptime_minutes = uptime_of(chosen.where);
     return known;
 }

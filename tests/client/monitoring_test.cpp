@@ -80,13 +80,17 @@ TEST_F(ClientMonitoring, MessagesThatACollectorReceivesReachTheOperatorOnce) {
 
 TEST_F(ClientMonitoring, TimedOutCheckLosesNoMessage) {
     suite.start();
+    raise("E0101:counted");
+    ctl("check");
     raise("E0101:while it hung");
+    const int before = connections();
     const pid_t frozen = suite.scheduler();
     kill(frozen, SIGSTOP);
     EXPECT_THAT(ctl("-t 1 check"), AllOf(HasSubstr("SCHED UNKNOWN - no answer in time"), EndsWith("code 3\n")));
     EXPECT_THAT(ctl("-t 1 check --timeout-state critical"), EndsWith("code 2\n"));
-    EXPECT_THAT(ctl("-t 1 metrics"), AllOf(HasSubstr("\nsched_up 0\n"), Not(HasSubstr("sched_condition"))));
-    EXPECT_EQ(connections(), 0);
+    EXPECT_THAT(ctl("-t 1 metrics"), AllOf(HasSubstr("\nsched_up 0\n"), HasSubstr("{severity=\"error\"} 1\n"),
+                                           Not(HasSubstr("sched_condition"))));
+    EXPECT_EQ(connections(), before);
     kill(frozen, SIGCONT);
     std::string shown;
     ASSERT_TRUE(wait_until([&] {
@@ -122,11 +126,15 @@ TEST_F(ClientMonitoring, SpoolIsBoundedAndCountsWhatItDrops) {
     EXPECT_EQ(content.totals.error, 1U);
     EXPECT_EQ(content.totals.lost, 3U);
     unsetenv("XDG_STATE_HOME");
-    // When messages cannot be stored, the scheduler is not asked.
     suite.start();
+    shell("mkdir " + suite.path("state/schedctl/spool-127.0.0.1:" + std::to_string(suite.port)));
+    raise("E0101:cannot be kept");
+    EXPECT_THAT(ctl("check"), AllOf(HasSubstr(";E0101:cannot be kept\n"), HasSubstr("CRITICAL"), EndsWith("code 2\n")));
+    const int before = connections();
+    // When messages cannot be stored, the scheduler is not asked.
     shell("rm -r " + suite.path("state") + "; touch " + suite.path("state"));
     EXPECT_THAT(ctl("check"), AllOf(HasSubstr("SCHED UNKNOWN - "), EndsWith("code 3\n")));
-    EXPECT_EQ(connections(), 0);
+    EXPECT_EQ(connections(), before);
 }
 
 TEST_F(ClientMonitoring, CheckStateFollowsTheConditionsAndThresholds) {
@@ -180,6 +188,8 @@ TEST_F(ClientMonitoring, MetricsAreCompleteAndWellFormed) {
                 AllOf(HasSubstr("# TYPE sched_messages_lost counter\nsched_messages_lost_total 0\n"),
                       EndsWith("# EOF\ncode 0\n")));
     EXPECT_THAT(ctl("metrics --output /no/where"), EndsWith("code 200\n"));
+    shell("mkfifo " + suite.path("fifo"));
+    EXPECT_THAT(ctl("metrics --output " + suite.path("fifo")), EndsWith("not a regular file\ncode 200\n"));
     if (shell("command -v promtool").empty()) { GTEST_SKIP() << "promtool is not installed"; }
     EXPECT_EQ(shell("promtool check metrics <" + file + " 2>&1"), "");
     EXPECT_EQ(ctl("metrics", "| promtool check metrics"), "code 0\n");

@@ -189,6 +189,7 @@ TEST_F(ClientPipe, OutputThatCannotBeWrittenIsReported) {
         {SCHEDCTL_BINARY " odd exit 3 <&- >&- 2>&-", 3, ""},
         {SCHEDCTL_BINARY " status >/dev/full", 200, "schedctl: cannot write: "},
         {SCHEDCTL_BINARY " watch >/dev/full", 200, "schedctl: cannot write: "},
+        {SCHEDCTL_BINARY " watch --json >/dev/full", 200, "schedctl: cannot write: "},
         {SCHEDCTL_BINARY " --help >/dev/full", 200, "schedctl: cannot write: "},
         {SCHEDPASSWD_BINARY " --version >&-", 200, "schedpasswd: cannot write: "},
         {SCHEDPASSWD_BINARY " --stdin --check >/dev/full", 200, "schedpasswd: cannot write: "},
@@ -285,9 +286,10 @@ TEST_F(ClientPipe, PasswordFileIsWrittenWholeAndOnlyItsPasswordLogsIn) {
                  {"--stdin", "\n", 2},
                  {"", "x\n", 2},  // no terminal
                  {"--stdin " + suite.path("no/where"), "x\n", 2},
+                 {"--stdin " + suite.path("fifo"), "x\n", 2},
                  {"--stdin " + suite.path("link"), "x\n", 2},                        // a symbolic link is not replaced,
                  {"--check --stdin " + suite.path("link"), " s\xc3\xa4lz\t\n", 0}};  // but read
-    shell("ln -s " + file + " " + suite.path("link"));
+    shell("ln -s " + file + " " + suite.path("link") + "; mkfifo " + suite.path("fifo"));
     for (const auto& c : cases)
         EXPECT_EQ(run(suite, SCHEDPASSWD_BINARY " " + c.arguments, c.input).code, c.code) << c.arguments;
     EXPECT_EQ(suite.read("data/password"), first);
