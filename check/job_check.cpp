@@ -94,7 +94,8 @@ private:
             add(line,
                 quoted(word) + " is not a module: the words of a command are separated by one tab each");
         } else {
-            add(line, quoted(word) + " is not a module; the nearest is " + nearest(word, module_words()));
+            const std::string known = nearest(word, module_words());
+            add(line, quoted(word) + " is not a module" + (known.empty() ? "" : "; the nearest is " + known));
         }
     }
 

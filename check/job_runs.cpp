@@ -9,11 +9,15 @@ namespace check {
 namespace {
 
 constexpr std::time_t minute = 60;
+constexpr int minutes_per_hour = 60;
 constexpr std::time_t horizon = (8 * 366 + 1) * 24 * 60 * minute;
 
 }  // namespace
 
 std::vector<std::time_t> next_runs(const job_record& job, std::time_t from, int count) {
+    if (std::count(job.minute, job.minute + minutes_per_hour, 0) == minutes_per_hour) {
+        return {};  // else each minute of eight years would be looked at
+    }
     job_record any_minute = job;
     std::fill(std::begin(any_minute.minute), std::end(any_minute.minute), 1);
     std::vector<std::time_t> runs;

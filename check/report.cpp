@@ -1,8 +1,10 @@
 #include "report.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <numeric>
+#include <system_error>
 
 namespace check {
 
@@ -36,7 +38,11 @@ void report::unreadable(const std::string& what, const std::string& reason) {
     unreadable_ = true;
 }
 
-int report::exit_code() const {
+int report::finish() {
+    errno = EIO;  // the reason of an earlier failure is not kept by the stream
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+        unreadable("standard output", std::generic_category().message(errno));
+    }
     if (unreadable_) {
         return exit_unreadable;
     }

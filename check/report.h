@@ -17,7 +17,8 @@ public:
     // A file that cannot be read, with the reason; printed on standard error.
     void unreadable(const std::string& what, const std::string& reason);
 
-    int exit_code() const;
+    // Writes out what add() has printed; a failure counts as a file that cannot be used. The exit code.
+    int finish();
 
 private:
     bool found_ = false;

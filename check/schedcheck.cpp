@@ -32,7 +32,7 @@ int check_all(const settings& chosen) {
     std::error_code problem;
     if (!std::filesystem::is_directory(chosen.config, problem)) {
         found.unreadable(chosen.config, problem ? problem.message() : "not a directory");
-        return found.exit_code();
+        return found.finish();
     }
     st = new sched_status{};  // lives as long as the process, as in the daemon
     copy_text(st->modules_path, chosen_path(chosen.config, "vgd_modules", "VGD_modules_path"));
@@ -49,7 +49,7 @@ int check_all(const settings& chosen) {
     } else {
         check::check_password(found);
     }
-    return found.exit_code();
+    return found.finish();
 }
 
 }  // namespace

@@ -184,6 +184,10 @@ TEST(Check, UnreadableFilesAndWrongUseEndWithAMessage) {
         EXPECT_EQ(got.code, c.code) << c.name;
         EXPECT_THAT(got.err, HasSubstr(c.error)) << c.name;
     }
+    suite.write("list", "a finding\n");
+    EXPECT_EQ(shell("VGD_modules_path=" + suite.path("list") + " VGD_timer_jobs_path=" + suite.path("list") +
+                    " " SCHEDCHECK_BINARY " --config " + suite.path("empty") + " 2>/dev/null >/dev/full; echo $?"),
+              "2\n");
 }
 
 // A job does not run in local minutes that daylight saving time skips, and runs twice in those that it repeats.
