@@ -72,7 +72,7 @@ std::string without_newline(const std::string& line) {
     return line.substr(0, line.find('\n'));
 }
 
-// The file whose key it is, when it is another one.
+// The other file that this key belongs to, if any.
 const known_file* owner_of(const std::string& key, const known_file& asked) {
     for (const known_file& file : known_files()) {
         const bool has = std::ranges::any_of(file.keys, [&key](const known_key& k) { return key == k.name; });
@@ -168,7 +168,7 @@ private:
 }  // namespace
 
 void check_ini_files(const std::string& directory, report& to) {
-    // The daemon's reader takes names of files in this directory; the one that it reads for us is in memory.
+    // The daemon's reader takes a file name below VGD_config; the file that it reads here is in memory.
     setenv("VGD_config", scratch_file::directory(), 1);  // NOLINT(concurrency-mt-unsafe): no threads here
     for (const known_file& known : known_files()) {
         const std::string path = directory + "/" + known.name;

@@ -64,7 +64,7 @@ std::string finding_in(const time_field& field, const std::string& text, const s
     return std::string(field.name).append(" ").append(quoted(text)).append(": ").append(problem);
 }
 
-// Appends what is wrong with one field. What only the daemon objects to is told in its own words.
+// Appends what is wrong with one field. A problem that only the daemon finds is reported with the daemon's own text.
 void judge_field(const std::string& text, const time_field& field, std::vector<std::string>& findings) {
     const std::size_t before = findings.size();
     for (std::size_t begin = 0; begin <= text.size();) {

@@ -30,7 +30,7 @@ void judge_line(const std::string& path, int number, const std::string& line, st
     }
 }
 
-// An empty text when path can be read as a file, else why not.
+// Returns an empty text when path can be read as a file, otherwise the reason.
 std::string reason_against(const std::string& path) {
     struct stat info {};
     if (stat(path.c_str(), &info) != 0 || access(path.c_str(), R_OK) != 0) {

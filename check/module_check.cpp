@@ -20,7 +20,7 @@ namespace check {
 
 namespace {
 
-// What stands between the daemon and a program; empty when it can be run.
+// The reason why the daemon cannot run a program; empty when it can.
 std::string reason_against(const std::string& program) {
     struct stat info {};
     if (stat(program.c_str(), &info) != 0) {

@@ -10,7 +10,7 @@ namespace check {
 
 namespace {
 
-// Levenshtein's distance: characters inserted, removed or replaced.
+// The Levenshtein distance: the number of characters to insert, remove or replace.
 std::size_t distance(std::string_view a, std::string_view b) {
     std::vector<std::size_t> row(b.size() + 1);
     std::iota(row.begin(), row.end(), std::size_t{0});

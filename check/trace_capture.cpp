@@ -1,5 +1,5 @@
-// This program links the daemon's parsers with the routines below in place of trace/trace.cpp: the parsers report to us
-// what they would report to the trace.
+// This program links the daemon's parsers with the routines below in place of trace/trace.cpp. The parsers' trace lines
+// then reach this program instead of the trace files.
 #include "trace_capture.h"
 
 #include "trace/trace.h"

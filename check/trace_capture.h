@@ -1,11 +1,11 @@
-// The trace of the daemon's parsers, kept for us instead of written to files.
+// Collects the trace lines of the daemon's parsers, which are not written to files here.
 #pragma once
 
 #include <string>
 
 namespace check {
 
-// What the parsers have traced since the last call: their lines, without time stamps.
+// Returns the lines that the parsers traced since the last call, without time stamps.
 std::string take_trace();
 
 }  // namespace check

@@ -1,9 +1,9 @@
 # shellcheck shell=sh
-# What the modules share; each reads it first. Not a module itself.
+# Functions and settings that all modules share; each module reads this file first. It is not a module.
 #
-# How the scheduler runs a module: words of the command as arguments, standard output to whoever asked, standard
-# input closed, standard error nowhere, the scheduler's environment. Exit code 0: nothing to report; 2: the condition
-# asked for is present (or, for "qmx syslog forwarding", run me again); anything else: failed.
+# The scheduler runs a module with the words of the command as arguments and with its own environment. Standard output
+# goes to the client that sent the command, standard input is closed, standard error goes to /dev/null. Exit code 0:
+# nothing to report; 2: the condition is present (for "qmx syslog forwarding": run the module again); any other: failed.
 
 # To run a module by hand, set these as the scheduler's start does.
 : "${VGD_config:?}" "${VGD_data:?}" "${VGD_log:?}" "${VGD_temp:?}" "${VGD_PIPE:?}"
