@@ -186,7 +186,7 @@ int serve_metrics(const settings& chosen) {
     httplib::Server server;
     server.new_task_queue = [] { return new httplib::ThreadPool(requests_at_once); };
     server.set_socket_options(reuse_address);
-    server.set_keep_alive_max_count(1);  // an idle connection would hold one of the threads
+    server.set_keep_alive_max_count(1);            // an idle connection would hold one of the threads
     server.set_keep_alive_timeout(request_limit);  // the wait for the first byte
     server.set_read_timeout(request_limit);
     server.set_payload_max_length(0);  // a GET has no body
