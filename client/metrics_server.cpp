@@ -20,8 +20,6 @@
 #include <unistd.h>
 #include <vector>
 
-extern char** environ;
-
 namespace client {
 
 namespace {
@@ -105,6 +103,7 @@ std::string read_all(int fd) {
 // resources of the server, and the process that waits for its messages is forked from one without threads.
 std::string output_of(std::vector<std::string> words) {
     std::vector<char*> argv;
+    argv.reserve(words.size() + 1);
     for (std::string& word : words) {
         argv.push_back(word.data());
     }

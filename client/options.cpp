@@ -169,7 +169,7 @@ std::vector<std::string> parse_both_sides(CLI::App& app, const std::vector<std::
     app.prefix_command(false);
     app.allow_extras();
     parse_list(app, arguments);
-    const std::vector<std::string> words = app.remaining();
+    std::vector<std::string> words = app.remaining();
     for (const std::string& word : words) {
         const std::size_t name = word.find_first_not_of('-');
         if ((name == 1 || name == 2) && std::isalpha(static_cast<unsigned char>(word[name])) != 0) {

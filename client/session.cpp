@@ -188,8 +188,9 @@ int session::from_pipe() {
     if (isatty(STDIN_FILENO) == 1) {
         std::fputs("schedctl: reading commands from the terminal, one a line; Ctrl-D ends\n", stderr);
     }
-    for (std::string line; std::getline(std::cin, line) && run_line(line);) {
-        continue;
+    bool going = true;
+    for (std::string line; going && std::getline(std::cin, line);) {
+        going = run_line(line);
     }
     return exit_code_;
 }

@@ -126,7 +126,8 @@ std::string state_file_to_write(const endpoint& where) {
 }
 
 // Not durable: after a crash of the machine the follower writes a new one.
-bool write_state_file(const std::string& path, snapshot known, double good_until, std::string& problem) {
+bool write_state_file(const std::string& path, const snapshot& known, double good_until,
+                      std::string& problem) {
     json value = to_json(known);
     value["good_until"] = good_until;
     return replace_file(path, text_of(value), 0644, false, problem);

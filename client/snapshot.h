@@ -46,7 +46,8 @@ std::string state_file_to_write(const endpoint& where);
 
 // Replaces the state file with a rename; every user may read it. good_until: seconds since the epoch; after that time
 // readers ignore the file, because its follower has ended.
-bool write_state_file(const std::string& path, snapshot known, double good_until, std::string& problem);
+bool write_state_file(const std::string& path, const snapshot& known, double good_until,
+                      std::string& problem);
 
 // Returns the state that the user's own follower or that of the service has written, if one is running.
 std::optional<snapshot> followed_state(const endpoint& where);

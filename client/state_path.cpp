@@ -22,7 +22,7 @@ std::string absolute_variable(const char* name) {
 
 // A monitoring engine may start the client without HOME; then the user database has it.
 std::string home_directory() {
-    const std::string home = absolute_variable("HOME");
+    std::string home = absolute_variable("HOME");
     if (!home.empty()) {
         return home;
     }
