@@ -8,10 +8,14 @@
 
 #include <gmock/gmock.h>
 
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <mutex>
 #include <thread>
 #include <unistd.h>
 
@@ -41,6 +45,34 @@ void in_threads(int count, Body body) {
     for (int i = 0; i < count; ++i) threads.emplace_back(body, i);
     for (std::thread& thread : threads) thread.join();
 }
+
+// Ends a test that hangs, and says so.
+class Watchdog {
+public:
+    ~Watchdog() {
+        {
+            const std::lock_guard guard(lock_);
+            ended_ = true;
+        }
+        end_.notify_one();
+        thread_.join();
+    }
+
+private:
+    void watch() {
+        const char* patience = std::getenv("TEST_PATIENCE");
+        const std::chrono::seconds limit(patience != nullptr ? std::atoi(patience) : 300);
+        std::unique_lock guard(lock_);
+        if (end_.wait_for(guard, limit, [this] { return ended_; })) return;
+        std::fputs("the test hangs\n", stderr);
+        std::abort();
+    }
+
+    std::mutex lock_;
+    std::condition_variable end_;
+    bool ended_ = false;
+    std::thread thread_{[this] { watch(); }};
+};
 
 // A suite directory and a record of the test's own. The record is never freed, so under a leak checker each test needs
 // a process of its own, as ctest runs them.
@@ -89,6 +121,7 @@ struct Scratch : testing::Test {
         write("bin/" + name, "#!/bin/sh\nD=" + dir + "\n" + script + "\n");
         fs::permissions(path("bin/" + name), fs::perms::owner_all);
     }
+    Watchdog watchdog;
     std::string name_template = testing::TempDir() + "sched-unit-XXXXXX";
     const std::string dir = mkdtemp(name_template.data());
 };

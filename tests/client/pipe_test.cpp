@@ -41,7 +41,7 @@ exit) exit $2 ;;
 signal) kill -$2 $$ ;;
 text) printf "$2" ;;
 drip) for piece in 'a_' '_o' '\n__ov' 'er__ 7\n' '__ti'; do printf "$piece"; sleep 0.05; done ;;
-wait) echo begin; while [ ! -e "$2" ]; do sleep 0.02; done; echo end ;;
+wait) echo begin; while [ -e "$0" ] && [ ! -e "$2" ]; do sleep 0.02; done; echo end ;;
 many) seq 300000 ;;
 late) sleep 1.5 ;;
 args) shift; printf '<%s>' "$@" ;;

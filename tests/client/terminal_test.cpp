@@ -121,7 +121,7 @@ protected:
         suite.module("odd", R"(case $1 in
 text) printf "$2" ;;
 split) printf 'm\303'; sleep 0.1; printf '\244r\n' ;;
-wait) echo begin; while [ ! -e "$2" ]; do sleep 0.02; done; yes | head -c 300000 ;;
+wait) echo begin; while [ -e "$0" ] && [ ! -e "$2" ]; do sleep 0.02; done; yes | head -c 300000 ;;
 esac
 )");
         suite.listed("oddity odd yes 60");  // listed words can be completed

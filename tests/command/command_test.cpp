@@ -44,6 +44,7 @@ TEST_F(Command, BadOrLongLineOfTheModuleListCostsOnlyItself) {
         {"empty", "", {}},
         {"no small letter first", "# p p p 1\n\nParts p p 1\n1p p p 1\n p p p 1\n\tp p p 1\n", {}},
         {"no newline", "a b c 1", {{"a", "b", "c", 1, true}}},
+        {"last letter", "z b c 1\n", {{"z", "b", "c", 1, true}}},
         {"time-outs beyond an int",
          "a b c 4294967297\nd b c -99999999999999999999\n",
          {{"a", "b", "c", 2147483647, true}, {"d", "b", "c", -2147483648, true}}},
@@ -62,9 +63,10 @@ TEST_F(Command, BadOrLongLineOfTheModuleListCostsOnlyItself) {
         EXPECT_EQ(entries(row.given), row.wanted);
     }
     EXPECT_THAT(trace(), HasSubstr("Warning:modules:invalid line. \"short a b\n"));
-    for (const char* change : {"rm config/vgd_modules", "mkfifo config/vgd_modules"}) {
+    for (const auto& [change, error] : {std::pair{"rm config/vgd_modules", 2}, {"mkfifo config/vgd_modules", 6}}) {
         shell(change);
         EXPECT_EQ(read_modules(), -1) << change;
+        EXPECT_THAT(trace(), EndsWith("Error:modules:open error.(errno=" + std::to_string(error) + ")\n")) << change;
     }
 }
 

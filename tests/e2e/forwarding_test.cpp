@@ -90,10 +90,10 @@ TEST(Forwarding, ResourceStreamArrivesWholeAndEndsWithItsConnection) {
     EXPECT_EQ(client.ask({"res_send", "res_data", "res_data\t0123456789abcdef"}), over + refused + refused);
     EXPECT_EQ(client.ask("res_data\t0123456789abcdefX"), over);
     Client receiver(listener);
-    EXPECT_EQ(client.ask({"res_data\tshort\tmore", "res_data\t", "res_data\tblanks \x01\xff"}), repeated(3, over));
+    EXPECT_EQ(client.ask({"res_data\tshort\tmore", "res_data\t", "res_data\tblanks \x01\xff\x7f"}), repeated(3, over));
     EXPECT_THAT(client.ask("debug\thmi"), Not(HasSubstr("resource_fd=-1")));
     EXPECT_EQ(client.ask({"res_data", "res_send\twhatever"}), refused + over);
-    EXPECT_EQ(receiver.rest(), "0123456789127000000001     X\nshort\n\nblanks \x01\xff\n");
+    EXPECT_EQ(receiver.rest(), "0123456789127000000001     X\nshort\n\nblanks \x01\xff\x7f\n");
 
     client.send("ipset\t10.0.0.5\r");
     const std::string line = "res_data\t2026/11/24 123456 cpu 1 percent";
@@ -110,7 +110,7 @@ TEST(Forwarding, ResourceStreamArrivesWholeAndEndsWithItsConnection) {
     suite.expect_trace({"res_send done\n", "Error:res_data:first line is too short.(len=16)\n",
                         "res_data:connecting to 127.0.0.1:" + std::to_string(port) + " ...\n",
                         "res_data(\"0123456789abcdefX\" len=17)\n", "res_data(\"\" len=0)\n",
-                        "res_data(\"blanks ..\" len=9)\n", "Error:res_data:connect error, errno=111\n"});
+                        "res_data(\"blanks ...\" len=10)\n", "Error:res_data:connect error, errno=111\n"});
 }
 
 // Stops and continues the process, which interrupts a system call that waits.
@@ -171,6 +171,8 @@ TEST(Forwarding, ReceiverThatDoesNotAcceptYetDelaysOnlyItsOwnConnection) {
     interrupt(suite);
     const Client takes_the_first(listener);
     EXPECT_EQ(client.answer(), over);
+    EXPECT_EQ(suite.client().ask("res_data\ta first line that waits in vain"), refused);
+    suite.expect_trace({"Error:res_data:connect error, errno=110\n"});
 }
 
 TEST(Forwarding, BadAddressesAndASecondOneAreRefused) {
@@ -186,6 +188,7 @@ TEST(Forwarding, BadAddressesAndASecondOneAreRefused) {
         {"ipset\t300.1.1.1", "Error:inet_aton failed for \"300.1.1.1\", errno="},
         {"ipset\t10.1 $(id)", "Error:inet_aton failed for \"10.1 $(id)\", errno="},
         {"ipset\t10.0.0.1 \ripset\t10.0.0.2", "Error:ipset already received\n"},
+        {"ipset\t10.1\rsend\tx", "sending \"x\" from 10.1 to nonsense:514\n"},
         {"ipset\t10.1\rsend\tx", "Error:udp_dest_addr(=\"nonsense\") failed to convert.\n"},
         {"res_data\tlong enough a line", "Error:res_data:ip_address(\"nonsense\") failed to convert.\n"},
     };

@@ -66,6 +66,7 @@ TEST(Login, RemoteClientRunsNothingBeforeTheRightResponseToItsOwnNonce) {
         {"empty client nonce", right + "\t" + nonce + "\t", "invalid length argument"},
         {"nonce of another connection", login_line(old_nonce).substr(6), "nonce mismatch"},
         {"upper case", upper + ends, "response mismatch"},
+        {"first character wrong", "x" + right.substr(1) + ends, "response mismatch"},
         {"last character wrong", right.substr(0, 63) + "x" + ends, "response mismatch"},
         {"nonces in the wrong order", sha256_hex(hash + cnonce + nonce) + ends, "response mismatch"},
     };

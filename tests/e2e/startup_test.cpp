@@ -62,8 +62,9 @@ TEST(Startup, ConfigurationIsTracedIntoTheFileAndTheRestToStandardOutput) {
         "port_no = 1\nanalysis_interval = 30s\nqmxut_port = x\n[x]\nudp_dest_port = "
         "9\n[sched]\nudp_dest_addr = y");
     suite.write("config/common.ini",
-                "[sched]\nallowed_ip_address = 10.0.0.0/8, 1.2.3.4\nbound_ip_address = 127.0.0.1\n");
+                "[sched]\nallowed_ip_address = 10.0.0.0/8, 1.2.3.4\nbound_ip_address = 127.100.100.100\n");
     suite.wrapper = {"sh", "-c", "exec \"$@\" <&- 2>&-", "sh"};
+    suite.env["VGD_timer_jobs_path"] = "/nonexistent/jobs";
     suite.start({"-D", "-t", "-9x", "-N", "2"});  // like -p, they override the file
     EXPECT_EQ(getpriority(PRIO_PROCESS, static_cast<id_t>(suite.pid)), std::min(getpriority(PRIO_PROCESS, 0) + 2, 19));
     EXPECT_EQ(of_process(suite.pid, "readlink fd/0 fd/2 cwd"), repeated(2, "/dev/null\n") + shell("pwd -P"));
@@ -74,7 +75,7 @@ TEST(Startup, ConfigurationIsTracedIntoTheFileAndTheRestToStandardOutput) {
 ini:file="sched.conf" section="[sched]" key="qmxut_port" value="x"
 ini:file="sched.conf" section="[sched]" key="port_no" value="1"
 ini:file="sched.conf" section="[sched]" key="analysis_interval" value="30s"
-ini:file="common.ini" section="[sched]" key="bound_ip_address" value="127.0.0.1"
+ini:file="common.ini" section="[sched]" key="bound_ip_address" value="127.100.100.100"
 ini:file="common.ini" section="[sched]" key="allowed_ip_address" value="10.0.0.0/8, 1.2.3.4"
 allowed ip address 0 = 10.0.0.0 mask ff000000
 allowed ip address 1 = 1.2.3.4 mask ffffffff
@@ -85,10 +86,11 @@ allowed ip address 1 = 1.2.3.4 mask ffffffff
                         "Info:modules:0 \"allmodcall\" \"allmodcall\" \"-\" 60\n", "read done. 23 entries found.\n",
                         " " + repeated(52, "*") + "\n", "Info:sched:started(pid=" + std::to_string(suite.pid) + ")\n",
                         "Info:sched:waiting vgdpipe ready\n", "Info:calling VGDstart\n",
-                        "command_buffer:\"allmodcall start\"\n", "binding to 127.0.0.1 (port " + port + ") ...\n",
+                        "command_buffer:\"allmodcall start\"\n", "binding to 127.100.100.100 (port " + port + ") ...\n",
                         "Info:comm:bind succeed. (port " + port + ")\n", "Info:sched:accepting socket = "});
     suite.expect_trace({"Info:event:pipe reader:fd=", "Info:event:dummy pipe writer:fd=",
                         "Info:event:vgd_pipe is ready now\n", "Info:event:pend time = -9\n"});
+    suite.await_trace("Error:timer:timer_job /nonexistent/jobs cannot open.(errno=2)\n");
     EXPECT_EQ(suite.calls(1), "allmodcall start,parts status,diag status");
     EXPECT_EQ(suite.read("stderr"), "");
 }
@@ -116,8 +118,10 @@ TEST(Startup, AllowedAddressesAreReadInOrderAndOthersAreRefused) {
         SCOPED_TRACE(c.name + ": "s + c.value);
         Suite suite;
         suite.write("config/common.ini", "[sched]\nbound_ip_address = none\nallowed_ip_address = " + c.value + "\n");
+        suite.settings("analysis_interval = 0");  // is no interval
         suite.start();
         EXPECT_THAT(suite.out(), HasSubstr("binding to 0.0.0.0 (port "));
+        suite.await_trace("Info:event:pend time = 60\n");
         EXPECT_EQ(suite.client().ask("show\tallowed_ip"), "### allowed IP addresses ###\r\n" + c.listing + over);
         Client other = suite.client("127.0.0.2");
         EXPECT_EQ(c.admits ? other.ask("nosuch") : other.rest(), c.admits ? unsupported : "");

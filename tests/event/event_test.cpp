@@ -26,6 +26,11 @@ TEST_F(Event, ForwardingIsOnExactlyWhenASectionOf0To99SaysYes) {
         EXPECT_EQ(syslog_enable_check(), 0);
         EXPECT_EQ(qmx_syslog_is_enable, row.wanted);
     }
+    for (const char* command : {"qmx\tsyslog\tenable", "qmx\tsyslog\tdisable\tx"}) {  // both look at the file again
+        qmx_syslog_is_enable = 0;
+        do_cont_command(command);
+        EXPECT_EQ(qmx_syslog_is_enable, 1) << command;
+    }
 }
 
 TEST_F(Event, SystemLogIsForwardedWhenItHasChangedOrSomethingIsUnsent) {
@@ -85,13 +90,14 @@ TEST_F(Event, ReportDuringTheRunKeepsTheMark) {
         const char* name;
         status_mark sched_status::*mark;
         void (*ask)();
+        bool stamps = false;  // the mark's date is that of the answer
     } const questions[] = {
         {"five-minute check of conf", &sched_status::conf, five_minute_check},
         {"five-minute check of diag", &sched_status::diag, five_minute_check},
         {"message code 08", &sched_status::diag, [] { do_eventmsg("E0108:x"); }},
         {"message code 11", &sched_status::error, [] { do_eventmsg("E0111:x"); }},
-        {"parts clear", &sched_status::error, [] { do_cont_command("parts\tclear"); }},
-        {"prognosis prevdel", &sched_status::prevent, [] { do_cont_command("prognosis\tprevdel"); }},
+        {"parts clear", &sched_status::error, [] { do_cont_command("parts\tclear"); }, true},
+        {"prognosis prevdel", &sched_status::prevent, [] { do_cont_command("prognosis\tprevdel"); }, true},
     };
     setenv("VGD_PLATFORM", "KT", 1);
     write("config/vgd_modules", "devconf m - 9\ndiag m - 9\nparts m - 9\n");
@@ -102,6 +108,7 @@ TEST_F(Event, ReportDuringTheRunKeepsTheMark) {
         for (const bool reported : {true, false}) {
             status_mark& mark = st->*question.mark;
             mark.set = 1;
+            mark.stamp.ticks = 0;
             in_threads(2, [&](int thread) {
                 if (thread == 0) return question.ask();
                 await("a run of the module", [&] { return fs::exists(path("asked")); });
@@ -109,6 +116,7 @@ TEST_F(Event, ReportDuringTheRunKeepsTheMark) {
                 fs::remove(path("asked"));
             });
             ASSERT_EQ(mark.set, reported ? 1 : 0) << question.name;
+            EXPECT_EQ(mark.stamp.ticks != 0, reported || question.stamps) << question.name;
             mark.set = 0;
         }
     }

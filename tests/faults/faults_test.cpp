@@ -265,7 +265,7 @@ const Fault faults[] = {
     {"NoProcessCanBeStarted", refuse_processes, "", own_user},
     {"SupervisorIsKilled",
      kill_supervisor,
-     "while [ ! -e \"$VGD_temp/go\" ]; do sleep 0.05; done; echo done",
+     "while [ -e \"$0\" ] && [ ! -e \"$VGD_temp/go\" ]; do sleep 0.05; done; echo done",
      nothing,
      {}},
 };

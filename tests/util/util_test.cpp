@@ -1,4 +1,5 @@
 #include "unit_support.h"
+#include "util/fair_mutex.h"
 #include "util/ini_file.h"
 #include "util/interval_sleep.h"
 #include "util/line.h"
@@ -9,6 +10,7 @@
 #include <fcntl.h>
 #include <optional>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 
 namespace unit {
 
@@ -258,6 +260,34 @@ TEST_F(Util, SleepEndsOncePerIntervalAndNotBeforeItsEnd) {
         EXPECT_LE(woken - before, interval + 5);
         before = woken;
     }
+}
+
+TEST_F(Util, FairMutexServesItsWaitersInTheirOrder) {
+    fair_mutex mutex;
+    mutex.lock();
+    std::string order;
+    std::vector<std::thread> waiters;
+    std::atomic<pid_t> waiting{0};
+    for (const char name : {'a', 'b', 'c'}) {
+        waiting = 0;
+        waiters.emplace_back([&, name] {
+            waiting = gettid();
+            mutex.lock();
+            order += name;
+            mutex.unlock();
+        });
+        await("a waiter", [&] {  // asleep, and not for a lock of the test
+            const std::string place = "/proc/self/task/" + std::to_string(waiting) + "/syscall";
+            std::ifstream file(place);
+            std::string call;
+            return waiting != 0 && file >> call && call == std::to_string(SYS_futex);
+        });
+    }
+    EXPECT_FALSE(mutex.try_lock());
+    mutex.unlock();
+    for (std::thread& waiter : waiters) waiter.join();
+    EXPECT_EQ(order, "abc");
+    EXPECT_TRUE(mutex.try_lock());
 }
 
 }  // namespace unit
