@@ -244,8 +244,10 @@ TEST_F(Timer, PassChecksMarksEveryFiveMinutesAndSeesEachChangeOfAFile) {
          HasSubstr("cannot open.(errno=6)\n"), true},
         {"the job file put back unchanged", 1060, "mv kept timer_jobs", "patrol padiag forwarding", "x ", testing::_,
          true},
+        {"job of a module with a longer name", 1070, "echo '* * * * * patrolx\ty' >timer_jobs", "patrol forwarding", "",
+         HasSubstr("timer:padiag is changed to be disabled\n"), false},
         {"jobs and switch removed", 1080, "rm pvo.ini; echo >timer_jobs; touch -d 2019-01-01 *", "forwarding", "",
-         HasSubstr("timer:padiag is changed to be disabled\n"), true},
+         HasSubstr("timer:patrol is changed to be disabled\n"), true},
     };
     for (const auto& step : steps) {
         SCOPED_TRACE(step.name);
