@@ -67,6 +67,7 @@ bool read_fields(const std::string& line, answer_end& end) {
 
 int exit_code_of(const answer_end& end) {
     if (end.how == ending::over) {
+        // As a shell reports a signal.
         return end.signal != 0 ? 128 + end.signal : end.code;
     }
     return meanings[static_cast<std::size_t>(end.how)].code;
@@ -152,6 +153,7 @@ bool answer_parser::is_end() {
 void answer_parser::release(std::string& text) {
     holding_ = false;
     const std::string line = std::move(held_);
+    // A string that was moved from has no defined content.
     held_.clear();
     put(line, text);
 }
@@ -167,6 +169,7 @@ void answer_parser::put(std::string_view part, std::string& text) {
         text += '\n';
     } else if (part.ends_with('\r')) {
         text.append(part, 0, part.size() - 1);
+        // The LF of this line end may come with the next part.
         cr_ = true;
     } else {
         text += part;

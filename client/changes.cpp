@@ -7,6 +7,7 @@ namespace client {
 
 namespace {
 
+// By name only: a condition with a new date was set again, and is not cleared.
 bool names(const std::vector<condition>& conditions, const std::string& name) {
     return std::any_of(conditions.begin(), conditions.end(),
                        [&](const condition& c) { return c.name == name; });
@@ -16,6 +17,7 @@ bool names(const std::vector<condition>& conditions, const std::string& name) {
 
 condition_changes compare(const std::vector<condition>& before, const std::vector<condition>& now) {
     condition_changes result;
+    // Name and date are compared: a new date means that the condition was set again.
     std::copy_if(now.begin(), now.end(), std::back_inserter(result.set), [&](const condition& c) {
         return std::find(before.begin(), before.end(), c) == before.end();
     });
@@ -31,6 +33,7 @@ std::vector<message> changes(const std::vector<condition>& before, const status_
         lines.push_back({c.since, "condition " + c.name + " set"});
     }
     for (const condition& c : conditions.cleared) {
+        // The answer has no date for a condition that it no longer lists.
         lines.push_back({now_date(), "condition " + c.name + " cleared"});
     }
     for (const message& m : report.messages) {

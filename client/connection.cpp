@@ -24,6 +24,7 @@ bool bind_source(int fd, const std::string& source) {
     sockaddr_in local{};
     local.sin_family = AF_INET;
     if (inet_pton(AF_INET, source.c_str(), &local.sin_addr) != 1) {
+        // inet_pton sets no errno for a text that is not an address.
         errno = EINVAL;
         return false;
     }
@@ -118,6 +119,7 @@ sent connection::send_line(std::string_view line, std::string& error) {
     const std::string bytes = std::string(line) + '\r';
     std::string_view rest = bytes;
     while (!rest.empty()) {
+        // No SIGPIPE: a closed connection is a result for the caller.
         const ssize_t n = send(fd_, rest.data(), rest.size(), MSG_NOSIGNAL);
         if (n < 0 && (errno == EPIPE || errno == ECONNRESET)) {
             return sent::closed;
@@ -141,6 +143,7 @@ wake connection::wait() {
 wake connection::wait_for(short events, unsigned seconds) {
     using clock = std::chrono::steady_clock;
     const clock::time_point until = clock::now() + std::chrono::seconds(seconds);
+    // poll ignores an entry with descriptor -1.
     pollfd ready[] = {{fd_, events, 0}, {signals_ != nullptr ? signals_->fd() : -1, POLLIN, 0}};
     for (;;) {
         // Waits only for the remaining time: a window that is resized repeatedly must not prolong the wait.
@@ -152,6 +155,7 @@ wake connection::wait_for(short events, unsigned seconds) {
         if (count < 0) {
             continue;  // interrupted by a signal that other code handles
         }
+        // Signals first, so that the operator can stop an answer that comes without a pause.
         if (signals_ != nullptr && ready[1].revents != 0 && signals_->take()) {
             return wake::stopped;
         }
@@ -167,6 +171,7 @@ std::string_view connection::receive() {
     do {
         n = recv(fd_, buffer_.data(), buffer_.size(), 0);
     } while (n < 0 && errno == EINTR);
+    // After an error, such as a reset, no more bytes come; it counts as the end of the connection.
     return {buffer_.data(), n > 0 ? static_cast<std::size_t>(n) : 0};
 }
 

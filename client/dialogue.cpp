@@ -37,6 +37,7 @@ void dialogue::say(step next, std::string& requests) {
     if (next == step::greeting) {
         requests += "hello\t" + user_;
     } else if (is_command) {
+        // Not read: join_words has accepted these words before.
         std::string problem;
         std::string line;
         join_words(words_, line, problem);
@@ -47,6 +48,7 @@ void dialogue::say(step next, std::string& requests) {
 
 std::size_t dialogue::feed(std::string_view bytes, std::string& output, std::string& requests) {
     std::size_t used = 0;
+    // One receive may bring the answers to several requests.
     while (used < bytes.size() && !done_) {
         std::string unwanted;  // output of the greeting and of the probe is not for the caller
         used += parser_.feed(bytes.substr(used), at_ == step::command ? output : unwanted);
@@ -66,6 +68,7 @@ void dialogue::answered(const answer_end& end, std::string& requests) {
     }
     if (at_ == step::greeting) {
         // It does not matter whether the scheduler has a module for the greeting.
+        // The command may require a login of its own.
         logged_in_ = false;
         say_command(requests);
     } else if (at_ == step::probe && end.how == ending::unsupported) {
@@ -101,6 +104,7 @@ void dialogue::login_answered(const answer_end& end, std::string& requests) {
         return finish(result);
     }
     logged_in_ = true;
+    // The request that required the login was not carried out.
     if (after_login_ == step::greeting) {
         say(step::greeting, requests);
     } else {

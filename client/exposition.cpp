@@ -23,6 +23,7 @@ struct label {
 
 // Formats a number with the fewest digits that give the same value.
 std::string number_text(double value) {
+    // A double has at most 24 characters. to_chars writes a decimal point in every locale.
     char text[32];
     const auto [end, error] = std::to_chars(std::begin(text), std::end(text), value);
     return {text, error == std::errc() ? end : text};
@@ -52,6 +53,7 @@ public:
         // OpenMetrics declares a family without the suffix of its samples, the Prometheus format with it.
         const std::string declared = format_ == exposition::openmetrics ? name : sample_;
         text_ += "# HELP " + declared + " " + help + "\n";
+        // The formats name the family of a counter differently. Without a type, one text is valid in both.
         if (of == kind::counter && format_ != exposition::common) {
             text_ += "# TYPE " + declared + " counter\n";
         } else if (of == kind::info && format_ == exposition::openmetrics) {
@@ -75,6 +77,7 @@ public:
         text_ += (labels.empty() ? " " : "} ") + number_text(value) + "\n";
     }
 
+    // OpenMetrics requires the last line; in the Prometheus format it is a comment.
     std::string finish() { return format_ == exposition::prometheus ? text_ : text_ + "# EOF\n"; }
 
 private:
@@ -99,10 +102,12 @@ double seconds_since_epoch(const condition& c) {
 }
 
 void expose_conditions(const snapshot& known, page& out) {
+    // Conditions that are not set have a sample too: alert rules need a value at all times.
     out.family("sched_condition", kind::gauge, nullptr, "Whether the condition is set.");
     for (const char* name : condition_names) {
         out.sample(find(known, name) != nullptr ? 1 : 0, {{"name", name}});
     }
+    // A time of 0 would look like a very old fault, so a condition that is not set has none.
     out.family("sched_condition_since_timestamp_seconds", kind::gauge, "seconds",
                "When the condition was set last; only while it is set.");
     for (const char* name : condition_names) {
@@ -130,6 +135,7 @@ void expose_messages(const message_totals& totals, page& out) {
 }
 
 void expose_details(const snapshot& known, page& out) {
+    // A number that could not be fetched is left out: 0 would be a wrong value.
     if (known.operators) {
         out.family("sched_connected_operators", kind::gauge, nullptr,
                    "Connections of operators and relays, without the one that collects.");
@@ -163,6 +169,7 @@ std::string expose(const snapshot& known, exposition format) {
     }
     if (known.answered > 0) {
         out.family("sched_status_age_seconds", kind::gauge, "seconds", "Age of the newest status.");
+        // The clock may have been set back since.
         out.sample(std::max(0.0, wall_clock() - known.answered));
     }
     // Old values of a scheduler that is down would look current, so they are left out.

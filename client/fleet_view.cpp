@@ -16,6 +16,7 @@ constexpr std::size_t widest_label = 40;  // a longer label shifts only its own 
 // From the worst to the best: the lines are sorted by it.
 enum class health { unreachable, error, condition, lost, well, unknown };
 
+// The text is made once for each drawing: the filter and the page both need it.
 struct described_row {
     health state;
     std::string text;
@@ -30,6 +31,7 @@ health health_of(const host_row& row) {
     if (!row.known) {
         return health::unknown;
     }
+    // The conditions of a host that cannot be reached may no longer hold.
     if (!row.trouble.empty()) {
         return health::unreachable;
     }
@@ -61,6 +63,7 @@ std::string state_text(const host_row& row) {
 
 std::string line_of(const host_row& row, std::size_t label_width) {
     constexpr std::size_t state_width = 20;
+    // A text that is too long is shown whole; it shifts the rest of its line.
     const auto padded = [](std::string text, std::size_t width) {
         text.resize(std::max(text.size(), width), ' ');
         return text + "  ";
@@ -101,12 +104,14 @@ const char* colour_of(health state) {
 
 std::string heading(const std::array<std::size_t, 6>& counts, std::size_t hosts) {
     std::string text = std::to_string(hosts) + " hosts";
+    // In the order of `health`.
     constexpr const char* names[] = {"down", "error", "condition", "lost", "ok", "asked"};
     for (std::size_t state = 0; state < counts.size(); ++state) {
         if (counts[state] != 0) {
             text += ", " + std::to_string(counts[state]) + " " + names[state];
         }
     }
+    // The time of day tells when the view was drawn.
     return text + "  " + now_date().substr(11, 8) + "  q quits, arrows scroll, / filters";
 }
 
@@ -121,6 +126,7 @@ void draw_fleet(const std::vector<host_row>& rows, fleet_keys& keys) {
     std::vector<described_row> lines;
     for (const host_row& row : rows) {
         described_row line{health_of(row), line_of(row, label_width)};
+        // The heading counts all hosts, also those that the filter hides.
         ++counts[static_cast<std::size_t>(line.state)];
         if (holds(line.text, keys.filter)) {
             lines.push_back(std::move(line));
@@ -138,6 +144,7 @@ void draw_fleet(const std::vector<host_row>& rows, fleet_keys& keys) {
             bold);
     }
     keys.page = page.rows_left();
+    // The filter may have made the list shorter since the last key.
     keys.top = std::min(keys.top, lines.size() > keys.page ? lines.size() - keys.page : 0);
     for (std::size_t i = keys.top; i < lines.size() && page.rows_left() != 0; ++i) {
         page.line(lines[i].text, colour_of(lines[i].state));
@@ -154,6 +161,7 @@ void fleet_keys::take(std::string_view keys) {
 // Carries out the first key. Returns its number of bytes.
 std::size_t fleet_keys::take_one(std::string_view keys) {
     constexpr std::size_t far = 1000000;  // more lines than hosts; draw_fleet limits the position
+    // Two forms of an arrow key: terminals in application mode send the one with O.
     const struct {
         std::string_view bytes;
         std::size_t up;

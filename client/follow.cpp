@@ -26,6 +26,7 @@ using clock = many_hosts::clock;
 constexpr double usual_silence = 10;                  // seconds, when the operator names none
 constexpr std::chrono::seconds details_interval{15};  // connections, modules and jobs seldom change
 constexpr std::chrono::seconds refused_retry{60};     // a wrong password is not tried every two seconds
+// A host that does not answer must not keep the program from ending.
 constexpr std::chrono::seconds farewell_limit{3};
 
 class follower {
@@ -74,6 +75,7 @@ private:
     bool reader_gone_ = false;
     bool leaving_ = false;
     int exit_code_ = 0;
+    // Last, because its callbacks use the members above.
     many_hosts hosts_;
 };
 
@@ -90,6 +92,7 @@ follower::follower(const settings& chosen)
              {[this](std::size_t number, std::string_view text) { states_[number]->answer += text; },
               [this](std::size_t number, const answer_end& end) { ended(number, end); }}) {
     signals_.watch_reader_of(STDOUT_FILENO);
+    // A closed output must be an error of write: its messages are then stored for the next reader.
     std::signal(SIGPIPE, SIG_IGN);
     for (const host_name& name : names_) {
         states_.push_back(std::make_unique<host_state>(
@@ -115,6 +118,7 @@ void follower::ask(std::size_t number, question what) {
     host_state& state = *states_[number];
     state.asked = what;
     state.answer.clear();
+    // Nothing is due while a command runs; its end sets the next time.
     state.due = clock::time_point::max();
     if (what == question::status) {
         state.asked_at = clock::now();
@@ -132,6 +136,7 @@ clock::time_point follower::ask_due() {
         if (state.due <= clock::now() && state.asked == question::none) {
             ask(number, question::status);
         } else if (state.due <= clock::now()) {
+            // A silent host: its state file must not become too old for its readers.
             state.due = clock::now() + interval_;
             save(state);
         }
@@ -170,6 +175,7 @@ void follower::ended(std::size_t number, const answer_end& end) {
 void follower::answered(std::size_t number, const std::string& answer) {
     host_state& state = *states_[number];
     const clock::time_point now = clock::now();
+    // The details may have changed during an outage.
     if (!state.host.known().up) {
         state.details_due = now;
     }
@@ -185,6 +191,7 @@ void follower::answered(std::size_t number, const std::string& answer) {
 
 void follower::took_detail(std::size_t number, const answer_end& end, const std::string& answer) {
     host_state& state = *states_[number];
+    // A detail that failed keeps its old value, and the next one is asked.
     if (end.how == ending::over) {
         details()[state.next_detail].take(answer, state.host.known());
     }
@@ -209,11 +216,13 @@ void follower::failed(std::size_t number, const answer_end& end, const std::stri
 void follower::refused(std::size_t number, const answer_end& end) {
     host_state& state = *states_[number];
     const bool is_one = chosen_.hosts.empty();
+    // Told once for each outage, though the login is tried again.
     if (!std::exchange(state.refused, true)) {
         const std::string label = is_one ? "" : names_[number].label + ": ";
         std::fprintf(stderr, "schedctl: %s%s\n", label.c_str(), describe(end).c_str());
     }
     state.due = clock::now() + std::max(refused_retry, interval_);
+    // With several hosts the others are still followed.
     if (is_one) {
         exit_code_ = exit_code_of(end);
         ending_ = true;
@@ -221,6 +230,7 @@ void follower::refused(std::size_t number, const answer_end& end) {
 }
 
 void follower::rest(host_state& state) {
+    // From the time of the request, so that a slow answer does not make the interval longer.
     state.due = state.asked_at + interval_;
     save(state);
 }

@@ -40,6 +40,7 @@ std::string line_of(const endpoint& of, bool prefix, level priority, const std::
                     const char* event, const json& more) {
     json value{{"time", time}, {"host", of.host}, {"port", of.port}, {"event", event}};
     value.update(more);
+    // Messages may contain any bytes, and JSON must be UTF-8.
     const std::string text = value.dump(-1, ' ', true, json::error_handler_t::replace) + "\n";
     return prefix ? std::string("<").append(std::to_string(priority)).append(">").append(text) : text;
 }
@@ -57,6 +58,7 @@ std::string follow_lines::disconnected(const std::string& reason) const {
 }
 
 std::string follow_lines::set(const condition& which) const {
+    // "confdate" is a date that every status has, and no fault.
     const level priority = which.name == "error"      ? error_level
                            : which.name == "confdate" ? info_level
                                                       : warning_level;

@@ -16,6 +16,7 @@ namespace client {
 namespace {
 
 constexpr unsigned usual_limit = 10;  // seconds, when the operator sets none
+// A silent connection is probed every 10 s; 40 s without an acknowledgement end it.
 constexpr int probe_seconds = 10;
 constexpr unsigned dead_milliseconds = 40000;
 constexpr std::size_t receive_size = 65536;
@@ -45,6 +46,7 @@ int begin_connection(int fd, in_addr address, std::uint16_t port, const std::str
 
 void host_link::ask(const std::vector<std::string>& words, std::string_view more) {
     const bool is_open = state_ == state::idle;
+    // The greeting is needed once for each connection.
     talk_.emplace(words, is_open ? "" : settings_.user, where_.name, password_);
     daemon_answers_ = is_answered_at_once(words[0]);
     requests_.clear();
@@ -160,6 +162,7 @@ short host_link::events() const {
     if (state_ == state::connecting) {
         return POLLOUT;
     }
+    // Reading goes on while a request waits, so that the two sides cannot block each other.
     return static_cast<short>(requests_.empty() ? POLLIN : POLLIN | POLLOUT);
 }
 

@@ -26,10 +26,12 @@ std::string_view trimmed(std::string_view text) {
 bool add_host(std::string_view entry, std::uint16_t port, std::vector<host_name>& hosts,
               std::string& problem) {
     host_name host{std::string(entry), std::string(entry.substr(0, entry.find(':'))), port};
+    // Two names in one line of a file would be looked up as one name.
     bool good = !host.name.empty() && entry.find_first_of(" \t,") == std::string_view::npos;
     if (const std::size_t colon = entry.find(':'); colon != std::string_view::npos) {
         const std::string_view digits = entry.substr(colon + 1);
         const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), host.port);
+        // from_chars stops at the first character that is no digit, so the end is checked too.
         good = good && error == std::errc() && end == digits.data() + digits.size() && host.port != 0;
     }
     if (!good) {
@@ -55,6 +57,7 @@ bool add_hosts(std::string_view list, std::uint16_t port, std::vector<host_name>
     for (;;) {
         const std::size_t comma = list.find(',');
         const std::string_view entry = trimmed(list.substr(0, comma));
+        // A script that joins names may leave a comma at the end; empty entries do no harm.
         if (!entry.empty() && !add_host(entry, port, hosts, problem)) {
             return false;
         }

@@ -7,6 +7,7 @@ namespace client {
 namespace {
 
 // Puts the prefix before each line.
+// at_line_start is kept between calls, as a part may end inside a line.
 std::string with_prefix(const std::string& prefix, std::string_view text, bool& at_line_start) {
     std::string out;
     while (!text.empty()) {
@@ -49,6 +50,7 @@ void host_output::write_complete_lines(lane& from, std::string_view text) {
     const std::size_t end = text.rfind('\n');
     const std::size_t complete = end == std::string_view::npos ? 0 : end + 1;
     if (complete != 0) {
+        // What waits is the start of the first of these lines.
         write_waiting(from);
         write_(text.substr(0, complete));
     }
@@ -61,6 +63,7 @@ void host_output::write_waiting(lane& from) {
 
 void host_output::finish(std::size_t host) {
     write_waiting(lanes_[host]);
+    // Last, so that an error message follows the output of its host.
     ended_(host, lanes_[host].problem);
 }
 
@@ -96,6 +99,7 @@ void host_output::stop_ordering() {
         }
         write_waiting(from);
         if (!from.at_line_start) {
+            // This host still runs, and the next output may be another host's.
             write_("\n");
             from.at_line_start = true;
         }

@@ -9,6 +9,7 @@ namespace client {
 
 namespace {
 
+// Members keep the order in which they are added.
 using json = nlohmann::ordered_json;
 
 // ASCII output and replaced bytes: messages may contain any bytes, and JSON must be UTF-8.
@@ -80,6 +81,7 @@ json_writer json_writer_of(const std::vector<std::string>& words) {
     if (words.empty()) {
         return nullptr;
     }
+    // With a name, `modcntl` switches a module; its answer then is no listing.
     if (words[0] == "modcntl" && words.size() > 1) {
         return [words](std::string_view answer) { return switch_json(words, answer); };
     }

@@ -40,6 +40,7 @@ void take_slots(std::string_view label, std::string_view digits, timer_job& job)
 std::vector<module_row> parse_modules(std::string_view answer) {
     std::vector<module_row> rows;
     each_line(answer, [&rows](const std::string& line) {
+        // From the end: the state is the last word, whatever the name contains.
         const std::size_t blank = line.rfind(' ');
         const std::string state = blank == std::string::npos ? "" : line.substr(blank + 1);
         if (state == "on" || state == "off") {
@@ -52,6 +53,7 @@ std::vector<module_row> parse_modules(std::string_view answer) {
 std::vector<timer_job> parse_timer_jobs(std::string_view answer) {
     std::vector<timer_job> jobs;
     each_line(answer, [&jobs](const std::string& line) {
+        // From the first quote to the end of the line: the command may contain quotes.
         const std::size_t quote = line.find('"');
         if (line.starts_with("job#") && quote != std::string::npos && line.back() == '"' &&
             line.size() > quote + 1) {
@@ -72,9 +74,11 @@ std::vector<network_row> parse_networks(std::string_view answer) {
     std::vector<network_row> rows;
     each_line(answer, [&rows](const std::string& line) {
         int number = 0;
+        // The longest IPv4 address has 15 characters.
         char address[16];
         unsigned mask = 0;
         if (std::sscanf(line.c_str(), "%d addr=%15s mask=%8x", &number, address, &mask) == 3) {
+            // The number of ones is the same in either byte order.
             rows.push_back({address, std::popcount(static_cast<std::uint32_t>(mask))});
         }
     });

@@ -18,10 +18,12 @@ std::vector<std::string> condition_words() {
 
 void add_metrics(CLI::App& app, monitoring_settings& chosen) {
     CLI::App* metrics = app.add_subcommand("metrics", "Print the metrics of the scheduler for collectors");
+    // General options, such as the host, may also follow the subcommand.
     metrics->fallthrough();
     metrics->callback([&chosen] { chosen.metrics = true; });
     CLI::Option* output =
         metrics->add_option("-o,--output", chosen.output, "Replace this file, for the textfile collector");
+    // --output writes a file once; --listen serves until it is stopped.
     metrics->add_option("--listen", chosen.listen, "Serve /metrics?target=HOST:PORT at ADDRESS:PORT")
         ->excludes(output);
     metrics->add_option("--format", chosen.format, "Format of the text; default: one that is valid in both")
@@ -32,6 +34,7 @@ void add_check(CLI::App& app, monitoring_settings& chosen) {
     CLI::App* check = app.add_subcommand("check", "Check the scheduler as a monitoring plugin");
     check->fallthrough();
     check->callback([&chosen] { chosen.check = true; });
+    // A misspelt condition would never match, so the check would miss the fault: refuse it.
     const CLI::IsMember known(condition_words());
     check
         ->add_option("-w,--warning", chosen.warning,
@@ -43,6 +46,7 @@ void add_check(CLI::App& app, monitoring_settings& chosen) {
         ->delimiter(',')
         ->check(known)
         ->capture_default_str();
+    // The names of the exit codes that all monitoring plugins share.
     const std::map<std::string, int> levels = {{"ok", plugin_ok},
                                                {"warning", plugin_warning},
                                                {"critical", plugin_critical},

@@ -28,7 +28,9 @@ int run_one_shot(const settings& chosen) {
         return fail(std::string("--json is for ") + json_commands);
     }
 
+    // Without a signal watch Ctrl-C ends the program as usual.
     conversation talk(chosen, nullptr);
+    // A terminal must not get control characters of a module; a pipe gets all bytes.
     printable_text filter;
     std::string kept;
     const bool terminal = isatty(STDOUT_FILENO) == 1;

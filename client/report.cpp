@@ -18,6 +18,7 @@ std::string now_date() {
     localtime_r(&now, &local);
     char text[32];
     const std::size_t length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S%z", &local);
+    // strftime writes the offset as +hhmm, the scheduler as +hh:mm.
     return std::string(text, length).insert(length - 2, 1, ':');
 }
 
@@ -26,6 +27,7 @@ std::optional<std::time_t> seconds_of(const std::string& date) {
     char sign = 0;
     int hours = 0;
     int minutes = 0;
+    // The length is checked because sscanf accepts fewer digits and ignores what follows.
     if (date.size() != date_length ||
         std::sscanf(date.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d%c%2d:%2d", &t.tm_year, &t.tm_mon, &t.tm_mday,
                     &t.tm_hour, &t.tm_min, &t.tm_sec, &sign, &hours, &minutes) != 9 ||
@@ -45,6 +47,7 @@ std::string age_of(const std::string& date) {
     if (then == 0) {
         return "never";
     }
+    // The scheduler's clock may be ahead of this one.
     long left = std::max(0L, static_cast<long>(std::time(nullptr) - then));
     std::string text;
     int shown = 0;
@@ -66,6 +69,7 @@ std::string age_of(const std::string& date) {
 status_report parse_status(std::string_view answer) {
     status_report report;
     each_line(answer, [&report](const std::string& line) {
+        // One byte more than the widths in the format, for the final zero.
         char name[16];
         char date[32];
         unsigned long lost = 0;
@@ -74,6 +78,7 @@ status_report parse_status(std::string_view answer) {
             seconds_of(line.substr(0, date_length))) {
             report.messages.push_back({line.substr(0, date_length), line.substr(date_length + 1)});
         } else if (std::sscanf(line.c_str(), "W0100: message queue overflow, %lu messages", &lost) == 1) {
+            // A sum, because stored messages and a new answer may each have such a line.
             report.lost += lost;
         } else if (std::sscanf(line.c_str(), "%15s %31s", name, date) == 2 && seconds_of(date)) {
             report.conditions.push_back({name, date});
@@ -95,6 +100,7 @@ std::vector<hmi_row> parse_show_ip(std::string_view answer) {
                         day + 4, day + 5) != 6) {
             return;
         }
+        // Six numbers of any value fit; they are not checked.
         char text[96];
         std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d", day[0], day[1], day[2], day[3],
                       day[4], day[5]);

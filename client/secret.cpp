@@ -81,6 +81,7 @@ bool ask_password(const std::string& prompt, bool verify, std::string& password,
         return false;
     }
     close(terminal);
+    // One byte more for the final zero.
     char typed[longest_password + 1];
     const int result = EVP_read_pw_string_min(typed, 0, longest_password, prompt.c_str(), verify ? 1 : 0);
     if (result == 0) {
@@ -88,6 +89,7 @@ bool ask_password(const std::string& prompt, bool verify, std::string& password,
     } else {
         problem = result == -1 && verify ? "the passwords differ" : "no password given";
     }
+    // On failure too, as it may contain a part of the password.
     OPENSSL_cleanse(typed, sizeof typed);
     return result == 0;
 }
@@ -97,6 +99,7 @@ bool read_password(std::istream& from, std::string& password, std::string& probl
         problem = errno != 0 ? std::generic_category().message(errno) : "no password";
         return false;
     }
+    // The line may come from a file with CR LF.
     if (password.ends_with('\r')) {
         password.pop_back();
     }
@@ -105,6 +108,7 @@ bool read_password(std::istream& from, std::string& password, std::string& probl
 }
 
 void wipe(std::string& text) {
+    // The compiler may leave out a memset of memory that is not read again.
     OPENSSL_cleanse(text.data(), text.size());
     text.clear();
 }

@@ -132,6 +132,7 @@ word_list session::candidates(const word_list& earlier) {
             words.emplace_back(known.word);
         }
         std::sort(words.begin(), words.end());
+        // A module may have the name of an internal command.
         words.erase(std::unique(words.begin(), words.end()), words.end());
     } else if (earlier[0] == "modcntl") {
         if (earlier.size() == 1) {
@@ -156,9 +157,11 @@ int session::at_terminal() {
     show_kept();
     const std::string place = chosen_.where.host + ":" + std::to_string(chosen_.where.port);
     const std::string directory = state_directory();
+    // Without a state directory the history is not stored.
     line_editor editor((chosen_.user.empty() ? place : chosen_.user + "@" + place) + "> ",
                        directory.empty() ? "" : directory + "/history", *signals_);
     editor.candidates = [this](const word_list& earlier) { return candidates(earlier); };
+    // The scheduler may close the connection while the operator types.
     editor.watched = [this] { return talk_.fd(); };
     editor.readable = [this] { return talk_.absorb(); };
     std::string line;
@@ -171,6 +174,7 @@ int session::at_terminal() {
             continue;
         }
         std::puts("quit");
+        // Behind a late answer, `quit` would have to wait for it.
         if (talk_.fd() >= 0 && !talk_.late() && !signals_->leaving()) {
             run({"quit"});
         }
@@ -180,6 +184,7 @@ int session::at_terminal() {
 }
 
 int session::from_pipe() {
+    // Standard output is no terminal here, so there is no prompt.
     if (isatty(STDIN_FILENO) == 1) {
         std::fputs("schedctl: reading commands from the terminal, one a line; Ctrl-D ends\n", stderr);
     }

@@ -85,6 +85,7 @@ snapshot from_json(const json& value) {
     return known;
 }
 
+// ASCII output and replaced bytes, because dump throws for text that is not UTF-8.
 std::string text_of(const json& value) {
     return value.dump(-1, ' ', true, json::error_handler_t::replace) + "\n";
 }
@@ -92,6 +93,7 @@ std::string text_of(const json& value) {
 // Reads a state file; nothing when it is missing, damaged or too old.
 std::optional<snapshot> fresh_state(const std::string& path) {
     const std::string text = read_file(path).value_or("");
+    // Without exceptions: a damaged file counts as none.
     const json value = json::parse(text, nullptr, false);
     if (!value.is_object() || !value.contains("good_until") || !value["good_until"].is_number() ||
         value["good_until"].get<double>() < wall_clock()) {
@@ -102,6 +104,7 @@ std::optional<snapshot> fresh_state(const std::string& path) {
 
 }  // namespace
 
+// Not the steady clock: other processes compare these times with their own.
 double wall_clock() {
     return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
 }
@@ -145,6 +148,7 @@ std::optional<unsigned long> uptime_of(const endpoint& where) {
     if (data == nullptr && where.port != service_port) {
         return std::nullopt;
     }
+    // A file that is missing or damaged is no error; the uptime is then not known.
     unsigned long minutes = 0;
     std::ifstream file(std::string(data != nullptr ? data : service_data) + "/up_time");
     return file >> minutes ? std::optional(minutes) : std::nullopt;

@@ -13,8 +13,10 @@ namespace client {
 
 namespace {
 
+// For each queue: a usual answer needs no file, and the answers of many hosts do not fill the memory.
 constexpr std::size_t most_in_memory = 16384;  // bytes
 
+// Throws, because incomplete output must not look like a complete answer.
 [[noreturn]] void fail(const std::string& what) {
     throw std::system_error(errno, std::generic_category(), "cannot store waiting output: " + what);
 }
@@ -22,12 +24,15 @@ constexpr std::size_t most_in_memory = 16384;  // bytes
 // Opens a temporary file and removes its name, so that it disappears with the process in any case.
 int open_nameless() {
     const char* directory = std::getenv("TMPDIR");
+    // A relative path would depend on the working directory, so it is ignored.
     std::string path = directory != nullptr && directory[0] == '/' ? directory : "/tmp";
     path += "/schedctl-XXXXXX";
+    // Only the owner may read the file: output can be confidential.
     const int file = mkostemp(path.data(), O_CLOEXEC);
     if (file < 0) {
         fail(path);
     }
+    // A failure leaves the file behind, but the queue works.
     unlink(path.c_str());
     return file;
 }
@@ -54,6 +59,7 @@ void text_queue::move_to_file() {
     if (file_ < 0) {
         file_ = open_nameless();
     }
+    // All of memory_ goes to the file, so that later text in memory always follows that of the file.
     if (!write_all(file_, memory_)) {
         fail("temporary file");
     }
@@ -62,6 +68,8 @@ void text_queue::move_to_file() {
 
 void text_queue::drain(const std::function<void(std::string_view)>& take) {
     if (file_ >= 0) {
+        // Writing has left the position at the end. The file is read in pieces, as it may be larger than the
+        // memory.
         lseek(file_, 0, SEEK_SET);
         std::string piece(most_in_memory, '\0');
         ssize_t n = 0;
