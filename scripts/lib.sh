@@ -16,6 +16,13 @@ fail() {
 
 # ---- packages ------------------------------------------------------------------------------------------------------
 
+# shellcheck disable=SC2034 # the scripts use them
+build_packages=(g++ cmake ninja-build libcli11-dev libcpp-httplib-dev pkgconf nlohmann-json3-dev libedit-dev libssl-dev)
+unit_test_packages=(libgtest-dev libgmock-dev)
+# shellcheck disable=SC2034
+test_packages=("${build_packages[@]}" "${unit_test_packages[@]}" rsyslog python3-croniter libfaketime curl mandoc systemd
+    zsh fish)
+
 # can_be_root: sudo may ask for a password only on a terminal.
 can_be_root() {
     [ "$(id -u)" -eq 0 ] || sudo -n true 2>/dev/null || { [ -t 0 ] && sudo -v 2>/dev/null; }
