@@ -7,6 +7,7 @@
 #include <map>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 using namespace e2e;
 
@@ -57,6 +58,11 @@ TEST(Check, NamesEachBadLineAndNoGoodOne) {
          "#" + std::string(1021, '-') + "x = 1",
          {"longer than 1022 characters: the rest is read as a further line",
           R"(unknown key "x"; the nearest known one is "port_no")"}},
+        {"sched.conf", "#" + std::string(1021, '-'), {}},
+        {"sched.conf",
+         "#" + std::string(1021, '-') + "#",
+         {"longer than 1022 characters: the rest is read as a further line"}},
+        {"sched.conf", "\033[31m = 1", {R"(unknown key "\x1b[31m"; the nearest known one is "port_no")"}},
         {"common.ini", "[sched]\r", {R"(unknown section "[sched]\r"; the nearest known one is "[sched]")"}},
         {"common.ini", "[sched]", {}},
         {"common.ini",
@@ -97,6 +103,7 @@ TEST(Check, NamesEachBadLineAndNoGoodOne) {
           R"(hour "24": 24 is out of range (0 to 23))", R"(day of the month "0": 0 is out of range (1 to 31))",
           R"(month "13": 13 is out of range (1 to 12))", R"(day of the week "7": 7 is out of range (0 to 6))",
           "the job never runs"}},
+        {"timer_jobs", "5-5 3 * * * parts", {}},
         {"timer_jobs",
          " 0 3 * * * parts",
          {"the blank at the start makes the minute empty and moves every field by one", "the job never runs",
@@ -144,6 +151,10 @@ TEST(Check, NamesLinesThatDoNotFitInATable) {
               suite.path("config/vgd_modules:101: dropped: the list holds at most 100 entries\n") +
                   suite.path("config/timer_jobs:31: dropped: the table holds at most 30 jobs\n") +
                   suite.path("data/password:3: what follows the hash and the salt is ignored\n"));
+    // 127 bytes are read: eight characters of the salt.
+    suite.write("data/password", hash + std::string(55, ' ') + "123456789\n");
+    EXPECT_THAT(schedcheck(suite, "--config " + suite.path("config")).out,
+                EndsWith("/password:1: what follows the hash and the salt is ignored\n"));
 }
 
 TEST(Check, ShippedExamplesAreCleanAndTheirNextRunsArePrinted) {
@@ -163,6 +174,9 @@ TEST(Check, UnreadableFilesAndWrongUseEndWithAMessage) {
     mkdir(suite.path("empty").c_str(), 0700);
     suite.write("list", "");
     mkdir(suite.path("config/pvo.ini").c_str(), 0700);
+    mkdir(suite.path("link").c_str(), 0700);
+    EXPECT_EQ(symlink("pvo.ini", suite.path("link/pvo.ini").c_str()), 0);
+    const std::string lists = "VGD_modules_path=" + suite.path("list") + " VGD_timer_jobs_path=" + suite.path("list");
     const struct {
         const char* name;
         std::string arguments;
@@ -174,8 +188,8 @@ TEST(Check, UnreadableFilesAndWrongUseEndWithAMessage) {
         {"no such directory", "--config " + suite.path("none"), "", 2, "none: No such file"},
         {"no lists", "--config " + suite.path("empty"), "", 2, "vgd_modules: No such file"},
         {"a directory in place of a file", "--config " + suite.path("config"), "", 2, "pvo.ini: not a regular file"},
-        {"files by their variables", "--config " + suite.path("empty"),
-         "VGD_modules_path=" + suite.path("list") + " VGD_timer_jobs_path=" + suite.path("list"), 0, ""},
+        {"a file that cannot be reached", "--config " + suite.path("link"), lists, 2, "pvo.ini: Too many levels"},
+        {"files by their variables", "--config " + suite.path("empty"), lists, 0, ""},
         {"a directory from the environment", "", "VGD_config=" + suite.path("none"), 2, "none: No such file"},
         {"not a number", "--next x", "VGD_config=" + suite.path("config"), 2, "--next"},
     };
@@ -185,9 +199,9 @@ TEST(Check, UnreadableFilesAndWrongUseEndWithAMessage) {
         EXPECT_THAT(got.err, HasSubstr(c.error)) << c.name;
     }
     suite.write("list", "a finding\n");
-    EXPECT_EQ(shell("VGD_modules_path=" + suite.path("list") + " VGD_timer_jobs_path=" + suite.path("list") +
-                    " " SCHEDCHECK_BINARY " --config " + suite.path("empty") + " 2>/dev/null >/dev/full; echo $?"),
-              "2\n");
+    EXPECT_EQ(
+        shell(lists + " " SCHEDCHECK_BINARY " --config " + suite.path("empty") + " 2>/dev/null >/dev/full; echo $?"),
+        "2\n");
 }
 
 // A job does not run in local minutes that daylight saving time skips, and runs twice in those that it repeats.
@@ -201,6 +215,7 @@ TEST(Check, NextRunsSkipAndRepeatMinutesWithDaylightSavingTime) {
         std::vector<std::time_t> runs;
     } cases[] = {
         {"not in the minute that has begun", "UTC", {"0", "0", "", "*", "*"}, 86400, {172800, 259200}},
+        {"the next hour's first minutes", "UTC", {"5", "3", "", "*", "*"}, 95400, {97500, 183900}},
         {"leap days, over a century without one",
          "UTC",
          {"5", "0", "29", "2", ""},

@@ -1,7 +1,10 @@
 // Metrics, checks and the follower: what they show, and that they take no message away from the operator.
+#include "changes.h"
 #include "connection.h"
 #include "e2e/harness.h"
+#include "snapshot.h"
 #include "spool.h"
+#include "state_path.h"
 
 #include <gmock/gmock.h>
 
@@ -10,6 +13,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <sys/stat.h>
+#include <thread>
 
 using namespace e2e;
 using nlohmann::json;
@@ -24,10 +28,10 @@ int occurrences(const std::string& text, const std::string& part) {
 
 class ClientMonitoring : public testing::Test {
 protected:
-    // What the client prints on both outputs, then "code" and its exit code.
+    // What the client prints on both outputs, then "code" and its exit code: 124 when it hangs.
     std::string ctl(const std::string& arguments, const std::string& filter = "") const {
-        return shell(environment() + "timeout 60 " SCHEDCTL_BINARY " " + arguments + " 2>&1 </dev/null " + filter +
-                     "; echo code $?");
+        return shell(environment() + "timeout " + limit + " " SCHEDCTL_BINARY " " + arguments + " 2>&1 </dev/null " +
+                     filter + "; echo code $?");
     }
 
     std::string environment() const {
@@ -46,6 +50,26 @@ protected:
         suite.await_events(before + 1);
     }
 
+    // The file that a follower writes anew with each look.
+    std::string state_file() const {
+        return suite.read("state/schedctl/127.0.0.1:" + std::to_string(suite.port) + ".json");
+    }
+
+    void await_look(const std::string& before) const {
+        ASSERT_TRUE(wait_until([&] { return state_file() != before && !state_file().empty(); }));
+    }
+
+    // Starts a follower, and returns after its first look. Its lines come through a second process, which is its
+    // reader. The next look is a minute away.
+    void follow_seldom() const {
+        const std::string before = state_file();
+        shell(environment() + "cd " + suite.path("") + "; rm -f ended; { { timeout " + limit +
+              " sh -c 'echo $$ >pid; exec " SCHEDCTL_BINARY " watch --json -n 60'; echo $? >code; } | " +
+              "sh -c 'echo $$ >reader; exec cat >lines'; echo >ended; } >/dev/null 2>&1 &");
+        await_look(before);
+    }
+
+    const std::string limit = std::to_string(patience / 1s);
     Suite suite;
 };
 
@@ -78,8 +102,19 @@ TEST_F(ClientMonitoring, MessagesThatACollectorReceivesReachTheOperatorOnce) {
     }
 }
 
-TEST_F(ClientMonitoring, TimedOutCheckLosesNoMessage) {
+TEST_F(ClientMonitoring, CheckThatIsCutShortLosesNoMessage) {
     suite.start();
+    int asked = 0;
+    const auto expect_once = [&](const std::string& text) {
+        std::string shown;
+        EXPECT_TRUE(wait_until([&] {
+            shown += ctl("status");
+            ++asked;
+            return shown.find(text) != std::string::npos;
+        })) << text;
+        EXPECT_EQ(occurrences(shown + ctl("status"), text), 1);
+        ++asked;
+    };
     raise("E0101:counted");
     ctl("check");
     raise("E0101:while it hung");
@@ -87,17 +122,31 @@ TEST_F(ClientMonitoring, TimedOutCheckLosesNoMessage) {
     const pid_t frozen = suite.scheduler();
     kill(frozen, SIGSTOP);
     EXPECT_THAT(ctl("-t 1 check"), AllOf(HasSubstr("SCHED UNKNOWN - no answer in time"), EndsWith("code 3\n")));
-    EXPECT_THAT(ctl("-t 1 check --timeout-state critical"), EndsWith("code 2\n"));
+    // While that visit waits, further ones do not connect, and wait no longer than they may.
+    ASSERT_THAT(ctl("-t 1 check --timeout-state critical"), EndsWith("code 2\n"));
     EXPECT_THAT(ctl("-t 1 metrics"), AllOf(HasSubstr("\nsched_up 0\n"), HasSubstr("{severity=\"error\"} 1\n"),
                                            Not(HasSubstr("sched_condition"))));
-    EXPECT_EQ(connections(), before);
     kill(frozen, SIGCONT);
+    expect_once("while it hung");
+    EXPECT_EQ(connections(), before + 1 + asked);
+    raise("E0101:when its caller was killed");
+    kill(frozen, SIGSTOP);
+    shell(environment() + "timeout -s KILL 2 " SCHEDCTL_BINARY " check");  // ends the process group
+    kill(frozen, SIGCONT);
+    expect_once("when its caller was killed");
+}
+
+TEST_F(ClientMonitoring, LossThatIsToldAtTheEndOfAVisitIsCounted) {
+    const unique_fd listener = listen_on(suite.port);
     std::string shown;
-    ASSERT_TRUE(wait_until([&] {
-        shown += ctl("status");
-        return shown.find("while it hung") != std::string::npos;
-    }));
-    EXPECT_EQ(occurrences(shown + ctl("status"), "while it hung"), 1);
+    std::thread check([&] { shown = ctl("check"); });
+    {
+        const Client scheduler(listener);
+        scheduler.send("__over__ 0 0\r\nW0100: message queue overflow, 3 messages were lost.\r\n__over__ 0 0\r\n" +
+                       goodbye);
+        check.join();
+    }
+    EXPECT_THAT(shown, HasSubstr(" lost=3c;"));
 }
 
 TEST_F(ClientMonitoring, SpoolIsBoundedAndCountsWhatItDrops) {
@@ -125,6 +174,17 @@ TEST_F(ClientMonitoring, SpoolIsBoundedAndCountsWhatItDrops) {
     EXPECT_TRUE(content.waiting.messages.empty());
     EXPECT_EQ(content.totals.error, 1U);
     EXPECT_EQ(content.totals.lost, 3U);
+    std::vector<std::thread> collectors(4);
+    for (std::thread& collector : collectors) {
+        collector = std::thread([&spool] {
+            client::spool_content seen;
+            std::string fault;
+            for (int i = 0; i < 25; ++i) { spool.append({{}, {{"2026-11-25T10:00:02+00:00", "I1:"}}, 0}, seen, fault); }
+        });
+    }
+    for (std::thread& collector : collectors) { collector.join(); }
+    ASSERT_TRUE(spool.append({}, content, problem)) << problem;
+    EXPECT_EQ(content.waiting.messages.size(), 100U);
     unsetenv("XDG_STATE_HOME");
     suite.start();
     shell("mkdir " + suite.path("state/schedctl/spool-127.0.0.1:" + std::to_string(suite.port)));
@@ -135,6 +195,46 @@ TEST_F(ClientMonitoring, SpoolIsBoundedAndCountsWhatItDrops) {
     shell("rm -r " + suite.path("state") + "; touch " + suite.path("state"));
     EXPECT_THAT(ctl("check"), AllOf(HasSubstr("SCHED UNKNOWN - "), EndsWith("code 3\n")));
     EXPECT_EQ(connections(), before);
+}
+
+TEST_F(ClientMonitoring, FollowersStateIsForAllReadersUntilItIsTooOld) {
+    setenv("XDG_STATE_HOME", suite.path("state").c_str(), 1);
+    client::endpoint where;
+    where.host = "127.0.0.1";
+    where.port = static_cast<std::uint16_t>(suite.port);
+    const std::string path = client::state_file_to_write(where);
+    std::string problem;
+    for (const double seconds : {-1.0, 600.0}) {
+        ASSERT_TRUE(client::write_state_file(path, {}, client::wall_clock() + seconds, problem)) << problem;
+        EXPECT_EQ(client::followed_state(where).has_value(), seconds > 0);
+    }
+    EXPECT_EQ(shell("stat -c %a " + path + " " + client::state_directory()), "644\n700\n");
+    unsetenv("XDG_STATE_HOME");
+}
+
+TEST_F(ClientMonitoring, ChangesTellWhatWasSetAgainAndWhatEndedNow) {
+    const std::string then = "2026-11-25T10:00:00+00:00";
+    const std::string later = "2026-11-25T10:00:02+00:00";
+    const std::vector<client::message> lines = client::changes({{"conf", then}, {"error", then}, {"prevent", then}},
+                                                               {{{"conf", then}, {"error", later}}, {}, 0});
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_EQ(lines[0].date + lines[0].text, later + "condition error set");
+    EXPECT_EQ(lines[1].text, "condition prevent cleared");
+    EXPECT_NE(lines[1].date, then);
+}
+
+// In namespaces of its own, where the service has run for an hour and nothing can be connected to.
+TEST_F(ClientMonitoring, UptimeOfTheServiceIsThatOfItsPortOnly) {
+    const std::string inside =
+        "unset VGD_data; unshare --user --map-root-user --mount --net sh -c '"
+        "mount -t tmpfs none /var/lib && mkdir /var/lib/sched && "
+        "echo 60 >/var/lib/sched/up_time && ";
+    if (shell(inside + "echo made' 2>/dev/null") != "made\n") { GTEST_SKIP() << "no namespaces here"; }
+    for (const int port : {9980, suite.port}) {
+        EXPECT_EQ(shell(environment() + inside + SCHEDCTL_BINARY " -p " + std::to_string(port) +
+                        " metrics 2>/dev/null | grep ^sched_uptime'"),
+                  port == 9980 ? "sched_uptime_seconds_total 3600\n" : "");
+    }
 }
 
 TEST_F(ClientMonitoring, CheckStateFollowsTheConditionsAndThresholds) {
@@ -168,6 +268,7 @@ TEST_F(ClientMonitoring, MetricsAreCompleteAndWellFormed) {
     suite.write("config/timer_jobs", "0 3 * * * diag\tstatus\n");
     suite.module("shown", "exit 0");
     suite.listed("other odd name 60");
+    suite.listed("a\\b\"c odd name 60");
     suite.start();
     ctl("modcntl other off");
     const Client operator_ = suite.client();
@@ -177,10 +278,10 @@ TEST_F(ClientMonitoring, MetricsAreCompleteAndWellFormed) {
     ASSERT_EQ(stat(file.c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 07777U, 0644U);
     const std::string written = suite.read("sched.prom");
-    for (const char* line :
-         {"sched_up 1", "# TYPE sched_messages_lost_total counter", "sched_messages_lost_total 0",
-          "sched_module_enabled{module=\"other\"} 0", "sched_timer_jobs 1", "sched_connected_operators 1",
-          "sched_uptime_seconds_total 86400", "sched_build_info{version=\"" SCHED_VERSION "\"} 1"}) {
+    for (const char* line : {"sched_up 1", "# TYPE sched_messages_lost_total counter", "sched_messages_lost_total 0",
+                             "sched_module_enabled{module=\"other\"} 0", R"(sched_module_enabled{module="a\\b\"c"} 1)",
+                             "sched_timer_jobs 1", "sched_connected_operators 1", "sched_uptime_seconds_total 86400",
+                             "sched_build_info{version=\"" SCHED_VERSION "\"} 1"}) {
         EXPECT_THAT(written, HasSubstr("\n"s + line + "\n"));
     }
     EXPECT_THAT(written, Not(HasSubstr("# EOF")));
@@ -188,6 +289,10 @@ TEST_F(ClientMonitoring, MetricsAreCompleteAndWellFormed) {
                 AllOf(HasSubstr("# TYPE sched_messages_lost counter\nsched_messages_lost_total 0\n"),
                       EndsWith("# EOF\ncode 0\n")));
     EXPECT_THAT(ctl("metrics --output /no/where"), EndsWith("code 200\n"));
+    EXPECT_THAT(shell(environment() + "trap '' XFSZ; ulimit -f 0; " SCHEDCTL_BINARY " metrics -o " + file + " 2>&1"),
+                EndsWith(": File too large\n"));
+    EXPECT_EQ(shell("cd " + suite.path("") + "; echo sched.prom*") + suite.read("sched.prom"),
+              "sched.prom\n" + written);
     shell("mkfifo " + suite.path("fifo"));
     EXPECT_THAT(ctl("metrics --output " + suite.path("fifo")), EndsWith("not a regular file\ncode 200\n"));
     if (shell("command -v promtool").empty()) { GTEST_SKIP() << "promtool is not installed"; }
@@ -198,9 +303,15 @@ TEST_F(ClientMonitoring, MetricsAreCompleteAndWellFormed) {
 TEST_F(ClientMonitoring, ExporterAnswersOnlyForAValidTarget) {
     suite.start();
     const std::string port = std::to_string(free_port());
-    const std::string server =
-        shell(environment() + SCHEDCTL_BINARY " metrics --listen :" + port + " >/dev/null 2>&1 & echo $!");
-    ASSERT_TRUE(wait_until([&] { return !shell("curl -s 127.0.0.1:" + port + "/metrics").empty(); }));
+    const struct running {
+        std::string pid;
+        ~running() { shell("kill " + pid); }
+    } server{shell(environment() + SCHEDCTL_BINARY " metrics --listen :" + port + " >/dev/null 2>&1 & printf %s $!")};
+    const std::string get = "curl -s -m " + limit + " -w '%{http_code}' ";
+    ASSERT_TRUE(
+        wait_until([&] { return shell(get + "127.0.0.1:" + port + "/metrics").find("400") != std::string::npos; }));
+    const auto descriptors = [&] { return occurrences(shell("ls /proc/" + server.pid + "/fd"), "\n"); };
+    const int open_before = descriptors();
     const std::string here = "127.0.0.1:" + std::to_string(suite.port);
     const struct {
         std::string request;
@@ -218,13 +329,12 @@ TEST_F(ClientMonitoring, ExporterAnswersOnlyForAValidTarget) {
         {"/other", "404"},
     };
     for (const auto& c : cases) {
-        EXPECT_THAT(shell("curl -s -w '%{http_code}' '127.0.0.1:" + port + c.request + "'"), HasSubstr(c.answer))
-            << c.request;
+        ASSERT_THAT(shell(get + "'127.0.0.1:" + port + c.request + "'"), HasSubstr(c.answer)) << c.request;
     }
     EXPECT_THAT(
         shell("curl -s -H 'Accept: application/openmetrics-text' '127.0.0.1:" + port + "/metrics?target=" + here + "'"),
         EndsWith("# EOF\n"));
-    shell("kill " + server);
+    EXPECT_TRUE(wait_until([&] { return descriptors() <= open_before; }));
 }
 
 // Of one scheduler, and of two by one process.
@@ -262,6 +372,8 @@ TEST_P(Follower, WritesEachChangeAndServesTheChecks) {
     second.start();
     follow(GetParam() ? "-H 127.0.0.1,127.0.0.1:" + std::to_string(second.port) : "");
     await(suite, "\"event\":\"disconnected\"");  // it may be started before the scheduler
+    for (int i = 0; i < 2; ++i) { await_look(state_file()); }
+    EXPECT_EQ(told(suite, "disconnected"), 1);
     suite.start();
     await(suite, "\"event\":\"connected\"");
     suite.event("E0101:fan \"3\" \xff\n");
@@ -302,6 +414,29 @@ TEST_F(ClientMonitoring, FollowerEndsWithItsReader) {
               "<5>\n");
     ASSERT_TRUE(wait_until([&] { return !suite.read("code").empty(); }));
     EXPECT_EQ(suite.read("code"), "0\n");
+}
+
+// The message waits at the scheduler for the look with which the follower ends.
+TEST_F(ClientMonitoring, FollowerThatEndsLosesNoMessage) {
+    suite.start();
+    for (const std::string ends : {"pid", "reader"}) {
+        SCOPED_TRACE(ends);
+        follow_seldom();
+        const std::size_t events = suite.events().size();
+        suite.event("E0101:when it ended by " + ends + "\n");
+        suite.await_events(events + 1);
+        shell("kill " + suite.read(ends));
+        ASSERT_TRUE(wait_until([&] { return !suite.read("ended").empty(); }));
+        EXPECT_EQ(suite.read("code"), "0\n");
+        const std::string shown = suite.read("lines") + ctl("status");
+        EXPECT_EQ(occurrences(shown, "when it ended by " + ends), 1) << shown;
+    }
+    raise("E0101:counted");
+    follow_seldom();
+    shell("kill -9 " + suite.read("pid"));  // its state file stays, and the next one counts on
+    follow_seldom();
+    EXPECT_THAT(ctl("metrics"), HasSubstr("sched_messages_total{severity=\"error\"} 1\n"));
+    shell("kill " + suite.read("pid"));
 }
 
 }  // namespace
