@@ -145,12 +145,9 @@ TEST_F(ClientMonitoring, LossThatIsToldAtTheEndOfAVisitIsCounted) {
     const unique_fd listener = listen_on(suite.port);
     std::string shown;
     std::thread check([&] { shown = ctl("check"); });
-    {
-        const Client scheduler(listener);
-        scheduler.send("__over__ 0 0\r\nW0100: message queue overflow, 3 messages were lost.\r\n__over__ 0 0\r\n" +
-                       goodbye);
-        check.join();
-    }
+    const Client scheduler(listener);
+    scheduler.send(over + "W0100: message queue overflow, 3 messages were lost.\r\n" + over + goodbye);
+    check.join();
     EXPECT_THAT(shown, HasSubstr(" lost=3c;"));
 }
 
@@ -179,14 +176,13 @@ TEST_F(ClientMonitoring, SpoolIsBoundedAndCountsWhatItDrops) {
     EXPECT_TRUE(content.waiting.messages.empty());
     EXPECT_EQ(content.totals.error, 1U);
     EXPECT_EQ(content.totals.lost, 3U);
-    std::vector<std::thread> collectors(4);
-    for (std::thread& collector : collectors) {
-        collector = std::thread([&spool] {
-            client::spool_content seen;
-            std::string fault;
-            for (int i = 0; i < 25; ++i) { spool.append({{}, {{"2026-11-25T10:00:02+00:00", "I1:"}}, 0}, seen, fault); }
-        });
-    }
+    const auto collect = [&spool] {
+        client::spool_content seen;
+        std::string fault;
+        for (int i = 0; i < 25; ++i) { spool.append({{}, {{"2026-11-25T10:00:02+00:00", "I1:"}}, 0}, seen, fault); }
+    };
+    std::vector<std::thread> collectors;
+    for (int i = 0; i < 4; ++i) { collectors.emplace_back(collect); }
     for (std::thread& collector : collectors) { collector.join(); }
     ASSERT_TRUE(spool.append({}, content, problem)) << problem;
     EXPECT_EQ(content.waiting.messages.size(), 100U);
