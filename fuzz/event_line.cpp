@@ -2,26 +2,22 @@
 // empty, so follow-up commands are refused.
 #include "comm/hmi_table.h"
 #include "event/event_pipe.h"
+#include "property/event_oracle.h"
 #include "support.h"
 
 namespace {
 
 void check_line(hmistruc& hmi, const std::string& line) {
-    std::string text = line;
-    for (const std::string prefix : {"ALL;", "MB;"})
-        if (text.starts_with(prefix)) text.erase(0, prefix.size());
-    const bool monitoring =
-        text.find_first_of("EWIDM") == 0 && text.find_first_not_of("0123456789", 1) == 5 && text[5] == ':';
-    fuzz::require((eventtype_check(text.c_str()) == event_type::monitoring_message) == monitoring,
+    const event_oracle wanted(line);
+    fuzz::require((eventtype_check(wanted.text.c_str()) == event_type::monitoring_message) == wanted.is_message,
                   "daemon and check agree on what is a message");
-    if (monitoring && text.compare(0, 5, "I0199") == 0) return;  // would end the process
+    if (wanted.ends_process) return;
     do_eventmsg(line.c_str());
     char queued[message_size] = "";
     std::uint32_t when = 0;
     const bool was_queued = hmistruc_dequeue(hmi, queued, when) == 0;
-    fuzz::require(was_queued == (monitoring && text.compare(3, 2, "11") != 0),
-                  "operators get every message but those of code 11");
-    fuzz::require(!was_queued || text == queued, "operators get the whole message");
+    fuzz::require(was_queued == wanted.is_queued, "operators get every message but those of code 11");
+    fuzz::require(!was_queued || wanted.text == queued, "operators get the whole message");
 }
 
 }  // namespace

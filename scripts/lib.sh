@@ -18,7 +18,7 @@ fail() {
 
 # shellcheck disable=SC2034 # the scripts use them
 build_packages=(g++ cmake ninja-build libcli11-dev libcpp-httplib-dev pkgconf nlohmann-json3-dev libedit-dev libssl-dev)
-unit_test_packages=(libgtest-dev libgmock-dev)
+unit_test_packages=(libgtest-dev libgmock-dev librapidcheck-dev)
 # shellcheck disable=SC2034
 test_packages=("${build_packages[@]}" "${unit_test_packages[@]}" rsyslog python3-croniter libfaketime curl mandoc systemd
     zsh fish)
