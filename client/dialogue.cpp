@@ -46,17 +46,13 @@ void dialogue::say(step next, std::string& requests) {
     requests += '\r';
 }
 
-std::size_t dialogue::feed(std::string_view bytes, std::string& output, std::string& requests) {
-    std::size_t used = 0;
-    // One receive may bring the answers to several requests.
-    while (used < bytes.size() && !done_) {
-        std::string unwanted;  // output of the greeting and of the probe is not for the caller
-        used += parser_.feed(bytes.substr(used), at_ == step::command ? output : unwanted);
-        if (parser_.done()) {
-            answered(answer_end(parser_.end()), requests);
-        }
+void dialogue::feed(std::string_view bytes, std::string& output, std::string& requests) {
+    std::string unwanted;  // output of the greeting and of the probe is not for the caller
+    parser_.feed(bytes, at_ == step::command ? output : unwanted);
+    // Each request waits for the answer to the one before, so bytes behind an answer belong to none.
+    if (parser_.done()) {
+        answered(answer_end(parser_.end()), requests);
     }
-    return used;
 }
 
 void dialogue::answered(const answer_end& end, std::string& requests) {

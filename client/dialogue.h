@@ -4,7 +4,6 @@
 
 #include "answer.h"
 
-#include <cstddef>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,9 +22,9 @@ public:
     // Appends the first requests to send.
     void begin(std::string& requests);
 
-    // Reads bytes of the scheduler until the command is done. Returns how many it used. Appends the command's output,
-    // with line ends as LF, and the next requests to send.
-    std::size_t feed(std::string_view bytes, std::string& output, std::string& requests);
+    // Reads bytes of the scheduler, while the command is not done. Appends the command's output, with line ends as LF,
+    // and the next request to send.
+    void feed(std::string_view bytes, std::string& output, std::string& requests);
 
     // Call when the scheduler has closed the connection: the command is then done. served: bytes had come over it.
     void lost(bool served);
