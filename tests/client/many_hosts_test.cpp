@@ -1,13 +1,23 @@
 // schedctl with several hosts: which hosts it asks, the order of their lines, and that a failing host does not hold up
 // the others.
 #include "e2e/harness.h"
+#include "host_link.h"
+#include "options.h"
 
+#include <arpa/inet.h>
 #include <csignal>
+#include <filesystem>
 #include <nlohmann/json.hpp>
+#include <poll.h>
 
 using namespace e2e;
 
 namespace {
+
+// For a message: GoogleTest would compare two long texts line by line, which takes gigabytes.
+std::string shortened(const std::string& text) {
+    return text.size() < 2000 ? text : text.substr(0, 1000) + "\n...\n" + text.substr(text.size() - 1000);
+}
 
 // Two schedulers, $A and $B, and an address without a scheduler, $N. The output shows them as A, B and N.
 class ManyHosts : public testing::Test {
@@ -17,6 +27,15 @@ protected:
         second.module("slow", "seq 100000; printf end");
         first.module("code", "exit 3");
         second.module("code", "exit 7");
+        const auto wait_for = [this](const char* name) {
+            return "while [ -e " + first.path("hosts") + " ] && [ ! -e " + first.path(name) + " ]; do sleep 0.02; done";
+        };
+        first.module("turn", "sleep 0.3; touch " + first.path("done"));
+        second.module("turn", "[ -e " + first.path("done") + " ]");
+        first.module("meet", wait_for("met"));
+        second.module("meet", "echo here; touch " + first.path("met") + "; " + wait_for("shown"));
+        first.module("fill", "seq 100000");
+        second.module("fill", wait_for("read") + "; echo late");
         for (Suite* suite : {&first, &second}) {
             shell("printf 'geheim\\n' | " SCHEDPASSWD_BINARY " --stdin " + suite->path("data/password"));
             suite->start();
@@ -26,8 +45,9 @@ protected:
         first.write("hosts", "# all\n" + names[0] + "  # the first\n\n \t" + names[1] + "\r\n" + names[0] + "\n");
         first.write("secret", "geheim\n");
         first.write("wrong", "falsch\n");
-        start = "cd " + first.path("") + "; export XDG_STATE_HOME=$PWD/state; A=" + names[0] + "; B=" + names[1] +
-                "; N=" + names[2] + "; setsid -w timeout -s INT ";
+        start = "cd " + first.path("") +
+                "; export XDG_STATE_HOME=$PWD/state TMPDIR=$PWD/tmp; ulimit -S -n 32; A=" + names[0] +
+                "; B=" + names[1] + "; N=" + names[2] + "; setsid -w timeout -s INT ";
         end = " 2>errors; code=$?; { cat out errors; echo $code; } | sed \"s/$A/A/; s/$B/B/; s/$N/N/\"";
     }
 
@@ -58,10 +78,16 @@ TEST_F(ManyHosts, EachHostIsAskedOnceAndTheFirstFailureIsTheExitCode) {
         {"standard input", "--hosts - show allowed_ip <hosts",
          "A: ### allowed IP addresses ###\nB: ### allowed IP addresses ###\n0\n"},
         {"one host", "-H $B --json status", "{" + calm + "0\n"},
-        {"one after the other", "-H $A,$B --parallel 1 code",
+        {"one after the other", "-H $A,$B --parallel 1 turn", "0\n"},
+        {"both at once, and the first ends", "-H $A,$B meet 2>&1 | { read -r b; echo \"$b\"; touch shown; cat; }",
+         "B: here\n0\n"},
+        {"the highest exit code", "-H $A,$B --parallel 1 code",
          "schedctl: A: exit code 3\nschedctl: B: exit code 7\n7\n"},
         {"in order, more than memory keeps", "-H $A,$B slow", "A: one\nA: two\n" + numbers + "0\n"},
         {"as it comes", "-H $A,$B --as-it-comes slow", numbers + "A: one\nA: two\n0\n"},
+        {"no host is late while the reader makes us wait",
+         "-t 3 -H $A,$B fill 2>&1 | { sleep 3.5; head -n 100000 | tail -n 1; touch read; cat; }",
+         "A: 100000\nB: late\n0\n"},
         {"no connection", "-H $N,$A status", "A: confdate  DATE\nschedctl: N: " + refused + "205\n"},
         {"no connection, JSON", "-H $A,$N --json status",
          R"({"host":"A",)" + calm + R"({"host":"N","error":"no connection: Connection refused"})" +
@@ -76,12 +102,20 @@ TEST_F(ManyHosts, EachHostIsAskedOnceAndTheFirstFailureIsTheExitCode) {
         {"login, wrong password", "-b 127.0.0.2 --password-file wrong --hosts hosts status",
          "schedctl: A: login refused: wrong password\nschedctl: B: login refused: wrong password\n204\n"},
         {"login", "-b 127.0.0.2 --password-file secret --hosts hosts lock", "0\n"},
+        {"login and name",
+         "-b 127.0.0.2 --password-file secret -u otto -H $A,$B show ip | grep -o '.*=127.0.0.2 .*otto'",
+         "A: ip=127.0.0.2 user=otto\nB: ip=127.0.0.2 user=otto\n0\n"},
         {"no command known", "-H $A,$B fly",
          "schedctl: A: unsupported: the scheduler does not know this command\n"
          "schedctl: B: unsupported: the scheduler does not know this command\n202\n"},
         {"end of service", "-H $A,$B restart sched", "0\n"},
     };
-    for (const auto& c : cases) { EXPECT_EQ(ctl(c.arguments), c.wanted) << c.name; }
+    shell("mkdir " + first.path("tmp"));
+    for (const auto& c : cases) {
+        const std::string got = ctl(c.arguments);
+        ASSERT_TRUE(got == c.wanted) << c.name << ":\n" << shortened(got) << "instead of:\n" << shortened(c.wanted);
+    }
+    EXPECT_EQ(shell("ls " + first.path("tmp")), "");
     EXPECT_EQ(first.wait_exit(), 0);
     EXPECT_EQ(second.wait_exit(), 0);
 }
@@ -99,11 +133,36 @@ TEST_F(ManyHosts, WrongUseEndsWithAMessage) {
                  {"--hosts absent status", "absent: No such file"},
                  {"--hosts bad status", "bad:2: \"db2:0\" is not"},
                  {"--hosts hosts --json code", "--json is for"},
+                 {"-H $B,$A fill", "cannot store waiting output: "},  // there is no $TMPDIR
                  {"--hosts hosts ipset 10.1.1.1", "use it in a session"},
                  {"--hosts hosts restart", "restart needs"}};
     for (const auto& c : cases) {
         EXPECT_THAT(ctl(c.arguments), testing::AllOf(HasSubstr(c.message), EndsWith("\n200\n"))) << c.arguments;
     }
+    first.write("read", "");  // ends the module of $B
+}
+
+TEST(HostLink, TriesEachIPv4AddressAndClosesThoseThatFail) {
+    const client::host_name where{"two", "two", static_cast<std::uint16_t>(free_port())};
+    const unique_fd listener = listen_on(where.port);  // of 127.0.0.1 only
+    const auto descriptors = [] {
+        const std::filesystem::directory_iterator all("/proc/self/fd");
+        return std::distance(begin(all), end(all));
+    };
+    const auto before = descriptors();
+    const client::settings chosen;
+    client::host_link link(where, chosen, nullptr);
+    link.ask({"status"});
+    link.take({0, {{inet_addr("127.0.0.2")}, {inet_addr("127.0.0.3")}, {inet_addr("127.0.0.1")}}, ""});
+    EXPECT_TRUE(wait_until([&] {
+        std::string output;
+        pollfd ready{link.fd(), link.events(), 0};
+        if (poll(&ready, 1, 10) > 0) { link.ready(output); }
+        return link.fd() < 0 || link.events() == POLLIN;  // connected, and the request is sent
+    }));
+    EXPECT_GE(link.fd(), 0);
+    EXPECT_EQ(descriptors(), before + 1);
+    EXPECT_TRUE(client::name_lookup::numeric("::1").empty());
 }
 
 // The scheduler delivers each message only once, so giving up on a stalled host must not lose those of the others.

@@ -1,5 +1,6 @@
 // schedctl and schedpasswd in pipes and scripts: output byte for byte, exit codes, JSON, the password file.
 #include "e2e/harness.h"
+#include "scripted_scheduler.h"
 
 #include <gmock/gmock.h>
 
@@ -19,12 +20,12 @@ struct result {
     std::string err;
 };
 
-// Runs a shell command without a terminal, so that no password can be typed.
+// Runs a shell command without a terminal, so that no password can be typed. One that hangs is killed: code 137.
 result run(const Suite& suite, const std::string& command, const std::string& input = "") {
     suite.write("in", input);
     const std::string full = "VGD_data=" + suite.path("data") + " SCHED_PORT=" + std::to_string(suite.port) +
-                             " exec setsid -w " + command + " <" + suite.path("in") + " >" + suite.path("o") + " 2>" +
-                             suite.path("e");
+                             " XDG_STATE_HOME=" + suite.path("state") + " exec setsid -w timeout -s KILL 30 " +
+                             command + " <" + suite.path("in") + " >" + suite.path("o") + " 2>" + suite.path("e");
     const int status = std::system(full.c_str());
     return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), suite.read("o"), suite.read("e")};
 }
@@ -87,6 +88,7 @@ TEST_F(ClientPipe, ExitCodeAndMessageTellEachFailure) {
         {"quit", 0, "", ""},
         {"1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16", 200, "", "more than 15 words"},
         {"\"odd$(printf '\\tx')\"", 200, "", "cannot contain a tab"},
+        {"\"odd$(printf '\\rparts')\"", 200, "", "a line end"},  // would be a second command
         {"--json lock", 200, "", "--json"},
         {"status -p " + nobody, 205, "", "Connection refused"},
         {"show -b127.0.0.3 ip", 205, "", "closed"},
@@ -151,14 +153,26 @@ TEST_F(ClientPipe, OutputIsThatOfTheModuleByteForByte) {
         EXPECT_TRUE(got.out == c.out) << c.arguments << " gave " << got.out.substr(0, 300);
     }
     // Output appears while the module still runs, and the client ends when its reader ends.
-    const std::string go = suite.path("go");
     const std::string command = "SCHED_PORT=" + std::to_string(suite.port) + " " SCHEDCTL_BINARY " ";
-    FILE* const pipe = popen((command + "odd wait " + go).c_str(), "re");
-    char line[32] = "";
-    EXPECT_STREQ(std::fgets(line, sizeof line, pipe), "begin\n");
-    suite.write("go", "");
-    EXPECT_STREQ(std::fgets(line, sizeof line, pipe), "end\n");
-    EXPECT_EQ(pclose(pipe), 0);
+    // The timer of the client's connection: 02 is that of keep-alive.
+    const std::string timer = "awk '$4 == \"01\" && $3 ~ /:'$(printf %04X " + std::to_string(suite.port) +
+                              ")'$/ { print substr($6, 1, 2) }' /proc/net/tcp";
+    suite.write("hosts", "127.0.0.1\n");
+    const struct {
+        const char* go;
+        std::string options;
+        std::string prefix;
+    } ways[] = {{"go1", "", ""}, {"go2", "--hosts " + suite.path("hosts"), "127.0.0.1: "}};
+    for (const auto& [go, options, prefix] : ways) {
+        FILE* const pipe = popen((command + options + " odd wait " + suite.path(go)).c_str(), "re");
+        char line[32] = "";
+        EXPECT_TRUE(std::fgets(line, sizeof line, pipe) != nullptr && line == prefix + "begin\n") << line;
+        EXPECT_TRUE(wait_until([&] { return shell(timer) == "02\n"; }, 10s))
+            << "a host that dies is waited for forever";
+        suite.write(go, "");
+        EXPECT_TRUE(std::fgets(line, sizeof line, pipe) != nullptr && line == prefix + "end\n") << line;
+        EXPECT_EQ(pclose(pipe), 0);
+    }
     EXPECT_EQ(shell(command + "odd many | head -n 1"), "1\n");
 }
 
@@ -169,9 +183,48 @@ TEST_F(ClientPipe, CommandsFromAPipeRunInOrderAndTheLastGivesTheExitCode) {
     EXPECT_EQ(got.out, "<a  b><c'd><e>\n");
     EXPECT_TRUE(in_order(got.err, {"quote", "unsupported", "exit code 4"}));
     EXPECT_EQ(ctl(suite, "", "quit\nodd exit 4\n").code, 0);
+    EXPECT_EQ(ctl(suite, "", "odd exit 4\nodd 'open\n").code, 200);
     const result nobody = ctl(suite, "-p " + std::to_string(free_port()), "status\nstatus\n");
     EXPECT_EQ(nobody.code, 205);
     EXPECT_THAT(nobody.err, MatchesRegex("schedctl: no connection[^\n]*\n"));
+}
+
+// What a scheduler does seldom: it closes in the middle of an answer or between two requests.
+TEST_F(ClientPipe, UnusualAnswersAndEndsAreTold) {
+    suite.write("secret", "geheim\n");
+    const std::string login = "--password-file " + suite.path("secret");
+    const std::string challenge = "__unauth__ 12345678 abcdefgh\r\n";
+    const struct {
+        const char* name;
+        std::string arguments;
+        std::vector<std::vector<Exchange>> script;
+        int code;
+        const char* shown;  // on both outputs
+    } cases[] = {
+        {"it ends between two requests", "ipset 10.0.0.5", {{{"ipset", over}}}, 205, "no connection: "},
+        {"a message while a collector leaves",
+         "check",
+         {{{"status", over}, {"status", "2026-11-25T10:00:00+00:00;E0101:late\r\n" + over}, {"quit", goodbye}}},
+         0,
+         "newest message: E0101:late"},
+        {"it ends in a line",
+         "-H 127.0.0.1,localhost --parallel 1 status",
+         {{{"status", "half"}}, {{"status", "whole\r\n" + over}}},
+         205,
+         "127.0.0.1: half\nlocalhost: whole\nschedctl: 127.0.0.1: no connection: the scheduler closed it\n"},
+        {"the login does not help",
+         login + " -H 127.0.0.1,localhost --parallel 1 status",
+         {{{"status", challenge}, {"login", over}, {"status", challenge}}, {{"status", over}}},
+         204,
+         "127.0.0.1: login refused: the scheduler still requires a login\n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const ScriptedScheduler scheduler(suite.port, c.script);
+        const result got = ctl(suite, c.arguments);
+        EXPECT_EQ(got.code, c.code);
+        EXPECT_THAT(got.out + got.err, HasSubstr(c.shown));
+    }
 }
 
 // The socket must not get the number of a closed standard descriptor: output would go to the scheduler as commands.
@@ -196,7 +249,7 @@ TEST_F(ClientPipe, OutputThatCannotBeWrittenIsReported) {
     };
     for (const auto& c : cases) {
         const result got = run(suite, "sh -c '" + c.command + "'", "geheim\n");
-        EXPECT_EQ(got.code, c.code) << c.command;
+        ASSERT_EQ(got.code, c.code) << c.command;
         EXPECT_THAT(got.err, StartsWith(c.err)) << c.command;
     }
     EXPECT_EQ(ctl(suite, "parts status").code, 0);

@@ -1,5 +1,6 @@
 // schedctl and schedpasswd at a pseudo-terminal: session, live view, password prompts.
 #include "e2e/harness.h"
+#include "scripted_scheduler.h"
 
 #include <csignal>
 #include <cstdio>
@@ -55,6 +56,8 @@ public:
         EXPECT_TRUE(wait_until([&] { return !echoes(); })) << "the program does not read single keys";
         type(keys);
     }
+
+    void get_signal(int number) const { kill(pid_, number); }
 
     void resize(unsigned short rows, unsigned short columns) const {
         const winsize size{rows, columns, 0, 0};
@@ -172,7 +175,8 @@ TEST_F(ClientTerminal, SessionCompletesShowsControlCharactersAndKeepsItsHistory)
     named.expect("otto@" + prompt);
     named.press("\x1b[A\x1b[A\n");  // the last line of the first session, before that of the other
     named.expect("user=otto");
-    named.type("quit\n");
+    named.expect(prompt);
+    named.get_signal(SIGTERM);
     EXPECT_EQ(named.wait_exit(), 0);
 
     Terminal piped(suite, {"/bin/sh", "-c", SCHEDCTL_BINARY " | cat"});
@@ -211,11 +215,30 @@ TEST_F(ClientTerminal, InterruptEndsTheWaitAndTheSessionGoesOn) {
     screen.expect(prompt);
     suite.stop();
     screen.expect("(the scheduler closed the connection)");
-    screen.type("status\n");
-    screen.expect("[no connection");
+    for (int i = 0; i < 2; i++) {
+        screen.type("status\n");
+        EXPECT_EQ(screen.expect("Connection refused]").find("closed"), std::string::npos);
+        screen.expect(prompt);
+    }
     suite.start();
     screen.type("status\n");
     screen.expect("confdate");
+}
+
+// Bytes that no request asked for, and a connection that is closed before the first answer.
+TEST_F(ClientTerminal, NewConnectionOfASessionOwesNothingToTheOldOne) {
+    const int port = free_port();
+    const ScriptedScheduler scheduler(
+        port, {{{"modcntl", over}, {"status", over + "left over"}}, {{"status", "new\r\n" + over}}, {}});
+    Terminal screen(suite, {SCHEDCTL_BINARY, "-p", std::to_string(port)});
+    screen.expect("> ");
+    screen.type("status\n");
+    screen.expect("(the scheduler closed the connection)");
+    screen.type("status\n");
+    EXPECT_EQ(screen.expect("new\r\n").find("left over"), std::string::npos);
+    screen.expect("(the scheduler closed the connection)");
+    screen.type("status\n");
+    screen.expect("its table of connections may be full");
 }
 
 // The scheduler is stopped by a signal: the kernel accepts connections, and no answer comes.
@@ -243,6 +266,14 @@ TEST_F(ClientTerminal, StalledSchedulerEndsInATimeOut) {
         resized.resize(rows = rows == 20 ? 21 : 20, 70);
         return resized.shows("[no answer in time]");
     }));
+    suite.write("never", "");
+    // An answer that was given up and does not come in time is not taken for that of the next command.
+    resized.type("odd wait " + suite.path("later") + "\n");
+    resized.expect("begin\r\n");
+    resized.type("\x03");
+    resized.expect("[stopped waiting]");
+    resized.type("status\n");
+    resized.expect("confdate");
 }
 
 TEST_F(ClientTerminal, PasswordsAreAskedAgainAndNeverShown) {
