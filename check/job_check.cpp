@@ -112,7 +112,7 @@ void print_runs(const std::string& file, const listed_job& job, int runs) {
         const std::tm local = local_time(t);
         char date[64];
         std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S%z", &local);
-        std::printf("%s:%d: runs at %s: %s\n", file.c_str(), job.line, date, command.c_str());
+        std::printf("%s:%d: runs at %s: %s\n", file.c_str(), job.line, date, printable(command).c_str());
     }
 }
 

@@ -18,17 +18,19 @@ constexpr std::size_t line_size = 1U << 20;  // the daemon reads no lines here: 
 
 void check_password(report& to) {
     const std::string file = std::string(environment("VGD_data")) + "/password";
-    std::size_t size = 0;
+    std::size_t before = 0;  // bytes of the earlier lines
     std::size_t words = 0;
     int ignored = 0;  // first line with text that is not read
     const auto judge = [&](const line_piece& line) {
-        size += line.text.size();
         std::istringstream text(line.text);
         std::string word;
         while (text >> word) {
             ++words;
-            ignored = ignored == 0 && (words > 2 || size > read_at_once) ? line.number : ignored;
+            const std::size_t end =
+                before + (text.eof() ? line.text.size() : static_cast<std::size_t>(text.tellg()));
+            ignored = ignored == 0 && (words > 2 || end > read_at_once) ? line.number : ignored;
         }
+        before += line.text.size();
     };
     if (!judge_lines(file, line_size, absence::allowed, to, judge)) {
         return;

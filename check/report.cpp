@@ -49,10 +49,9 @@ int report::finish() {
     return found_ ? exit_findings : exit_clean;
 }
 
-std::string quoted(std::string_view text) {
-    constexpr std::size_t shown_max = 100;
-    std::string result = "\"";
-    for (const char c : text.substr(0, shown_max)) {
+std::string printable(std::string_view text) {
+    std::string result;
+    for (const char c : text) {
         const auto byte = static_cast<unsigned char>(c);
         char escape[8];
         if (c == '\t') {
@@ -66,7 +65,12 @@ std::string quoted(std::string_view text) {
             result += c;
         }
     }
-    return result + (text.size() > shown_max ? "...\"" : "\"");
+    return result;
+}
+
+std::string quoted(std::string_view text) {
+    constexpr std::size_t shown_max = 100;
+    return "\"" + printable(text.substr(0, shown_max)) + (text.size() > shown_max ? "...\"" : "\"");
 }
 
 std::string nearest(std::string_view name, const std::vector<std::string>& known) {

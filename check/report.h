@@ -25,8 +25,10 @@ private:
     bool unreadable_ = false;
 };
 
-// Text of a configuration file in double quotes, at most 100 characters of it, control characters as escapes like \t
-// and \x1b.
+// Text of a configuration file with its control characters as escapes like \t and \x1b.
+std::string printable(std::string_view text);
+
+// The same in double quotes, and at most 100 characters of the text.
 std::string quoted(std::string_view text);
 
 // The known name with the fewest single-character changes from name, in quotes; "" when none is known.

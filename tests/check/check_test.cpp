@@ -152,6 +152,8 @@ TEST(Check, NamesLinesThatDoNotFitInATable) {
                   suite.path("config/timer_jobs:31: dropped: the table holds at most 30 jobs\n") +
                   suite.path("data/password:3: what follows the hash and the salt is ignored\n"));
     // 127 bytes are read: eight characters of the salt.
+    suite.write("data/password", hash + std::string(55, ' ') + "12345678\n");
+    EXPECT_THAT(schedcheck(suite, "--config " + suite.path("config")).out, Not(HasSubstr("password")));
     suite.write("data/password", hash + std::string(55, ' ') + "123456789\n");
     EXPECT_THAT(schedcheck(suite, "--config " + suite.path("config")).out,
                 EndsWith("/password:1: what follows the hash and the salt is ignored\n"));
@@ -167,6 +169,12 @@ TEST(Check, ShippedExamplesAreCleanAndTheirNextRunsArePrinted) {
     EXPECT_THAT(clean.out, MatchesRegex("(" + run + "[-0-9]+T[0-9]+:[0-9]0:00\\+0000: patrol check\n){2}(" + run +
                                         "[-0-9]+T03:30:00\\+0000: diag check\n){2}(" + run +
                                         "[-0-9]+T04:00:00\\+0000: devconf check\n){2}"));
+}
+
+TEST(Check, NextRunsCannotCommandTheTerminal) {
+    Suite suite;
+    suite.write("config/timer_jobs", "0 3 * * * true\t\x1b[2J\n");
+    EXPECT_THAT(schedcheck(suite, "--next 1 --config " + suite.path("config")).out, EndsWith(": true \\x1b[2J\n"));
 }
 
 TEST(Check, UnreadableFilesAndWrongUseEndWithAMessage) {
