@@ -70,7 +70,10 @@ std::string printable(std::string_view text) {
 
 std::string quoted(std::string_view text) {
     constexpr std::size_t shown_max = 100;
-    return "\"" + printable(text.substr(0, shown_max)) + (text.size() > shown_max ? "...\"" : "\"");
+    std::string result = "\"";
+    result += printable(text.substr(0, shown_max));
+    result += text.size() > shown_max ? "...\"" : "\"";
+    return result;
 }
 
 std::string nearest(std::string_view name, const std::vector<std::string>& known) {
