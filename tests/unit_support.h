@@ -59,11 +59,13 @@ public:
     }
 
 private:
+    static std::chrono::seconds patience() {
+        const char* seconds = std::getenv("TEST_PATIENCE");
+        return std::chrono::seconds(seconds != nullptr ? std::atoi(seconds) : 300);
+    }
     void watch() {
-        const char* patience = std::getenv("TEST_PATIENCE");
-        const std::chrono::seconds limit(patience != nullptr ? std::atoi(patience) : 300);
         std::unique_lock guard(lock_);
-        if (end_.wait_for(guard, limit, [this] { return ended_; })) return;
+        if (end_.wait_for(guard, limit_, [this] { return ended_; })) return;
         std::fputs("the test hangs\n", stderr);
         std::abort();
     }
@@ -71,6 +73,7 @@ private:
     std::mutex lock_;
     std::condition_variable end_;
     bool ended_ = false;
+    const std::chrono::seconds limit_ = patience();  // not read by the thread, because the test sets the environment
     std::thread thread_{[this] { watch(); }};
 };
 
