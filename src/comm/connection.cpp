@@ -104,10 +104,8 @@ void confirm_cleared(status_mark& mark, const char* command) {
     if (mark.set == 0) {
         return;
     }
-    mark_question question(mark);
-    if (do_command_with_buffer(command, nullptr, 0, &question) == 0) {
-        question.clear_mark();
-    }
+    mark_question question(mark, answer_effect::success_clears);
+    do_command_with_buffer(command, nullptr, 0, &question);
     get_tick(mark.stamp);
 }
 

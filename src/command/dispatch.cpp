@@ -78,6 +78,9 @@ int run_and_drain(const char* caller, hmistruc* hmi, const char* line, char* cap
     }
     const int status = do_command2(hmi, line, capture, capture_size);
     drain_delayed(caller);
+    if (question != nullptr) {
+        question->answered(status);
+    }
     return status;
 }
 

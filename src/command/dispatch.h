@@ -11,9 +11,6 @@ constexpr std::size_t command_line_size = 16384;  // bytes of a command line, it
 constexpr int argument_max = 15;                  // arguments of a command line
 constexpr int vector_size = argument_max + 1;     // with the null at the end
 
-constexpr int condition_status =
-    512;  // wait status of exit code 2: the modules' code for "condition present"
-
 // Empties the queue of parked commands and allocates the environment for module programs. Returns 0, or -1 when memory
 // is short. Start-up only, before any other thread.
 int init_command();
@@ -34,8 +31,8 @@ int do_command2(hmistruc* hmi, const char* line, char* capture, int capture_size
 
 // Runs a module command. With number 0 it waits for com_lock. With 1 to 30 (timer jobs) it never waits: while another
 // command runs, it parks the line (at most 299 characters), or drops it when that job already has a parked line.
-// question, or null, begins just before the command starts. Returns the wait status, or -1 when the command was
-// refused, parked or dropped. Any thread.
+// question, or null, begins just before the command starts, and gets its answer before another command can start.
+// Returns the wait status, or -1 when the command was refused, parked or dropped. Any thread.
 int do_command(hmistruc* hmi, const char* line, int number, mark_question* question = nullptr);
 
 // Waits for com_lock and runs a module command without an HMI. The output goes to buffer, or is dropped when that is

@@ -23,20 +23,13 @@ void clear(status_mark& mark) {
 }
 
 void recheck_diag(status_mark& mark) {
-    mark_question question(mark);
-    if (do_command(nullptr, "diag\tstatus", 0, &question) == 0) {
-        question.clear_mark();
-    }
+    mark_question question(mark, answer_effect::success_clears);
+    do_command(nullptr, "diag\tstatus", 0, &question);
 }
 
 void recheck_parts(status_mark& mark) {
-    char answer[answer_size];
-    mark_question question(mark);
-    if (do_command_with_buffer("parts\tstatus", answer, answer_size, &question) == condition_status) {
-        set_and_stamp(mark);
-    } else {
-        question.clear_mark();
-    }
+    mark_question question(mark, answer_effect::condition_sets_and_others_clear);
+    do_command_with_buffer("parts\tstatus", nullptr, 0, &question);
 }
 
 // The configuration was read again: gets its date from the module, and runs "confchg" when the date differs.

@@ -50,9 +50,8 @@ void wait_for_pipe() {
 }
 
 void mark_if_condition(status_mark& mark, const char* command) {
-    if (do_command_with_buffer(command, nullptr, 0) == condition_status) {
-        set_and_stamp(mark);
-    }
+    mark_question question(mark, answer_effect::condition_sets);
+    do_command_with_buffer(command, nullptr, 0, &question);
 }
 
 void accept_hmi(int listener) {

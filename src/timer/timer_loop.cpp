@@ -20,7 +20,6 @@ namespace {
 
 constexpr std::time_t minute = 60;
 constexpr std::time_t check_period = 300;  // seconds between two checks of raised conditions
-constexpr int answer_size = 100;           // bytes of a module's answer, which is not used
 
 // Makes searching the table and storing the result one step. Otherwise start-up could store a result from before a
 // reload, and nothing would correct it.
@@ -60,9 +59,9 @@ void recheck(status_mark& mark, const char* name, const char* command) {
     if (mark.set == 0) {
         return;
     }
-    char answer[answer_size];
-    mark_question question(mark);
-    if (do_command_with_buffer(command, answer, answer_size, &question) == 0 && question.clear_mark()) {
+    mark_question question(mark, answer_effect::success_clears);
+    do_command_with_buffer(command, nullptr, 0, &question);
+    if (question.has_cleared()) {
         trprintf("Warning:%s 0 status is cleared by patrol.\n", name);
     }
 }

@@ -17,11 +17,19 @@ void set_and_stamp(status_mark& mark) {
     mark.reports = mark.reports + 1;
 }
 
-bool mark_question::clear_mark() {
-    const mutex_guard guard(marks_lock);
-    if (mark_.reports != reports_) {
-        return false;
+void mark_question::answered(int status) {
+    if (effect_ != answer_effect::success_clears && status == condition_status) {
+        set_and_stamp(mark_);
+    } else if (effect_ == answer_effect::condition_sets_and_others_clear ||
+               (effect_ == answer_effect::success_clears && status == 0)) {
+        clear_mark();
     }
-    mark_.set = 0;
-    return true;
+}
+
+void mark_question::clear_mark() {
+    const mutex_guard guard(marks_lock);
+    if (mark_.reports == reports_) {
+        mark_.set = 0;
+        has_cleared_ = true;
+    }
 }

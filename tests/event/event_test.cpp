@@ -122,4 +122,19 @@ TEST_F(Event, ReportDuringTheRunKeepsTheMark) {
     }
 }
 
+// Of two questions the one that was asked later decides, however the threads that ask are scheduled.
+TEST_F(Event, AnswersTakeEffectInTheOrderOfTheRuns) {
+    write("config/vgd_modules", "parts m - 9\n");
+    ASSERT_EQ(read_modules(), 0);
+    program("m", "[ ! -e $D/first ] || exit 0; : >$D/first; sleep .02; exit 2");
+    for (int round = 0; round < 50; ++round) {
+        in_threads(2, [&](int thread) {
+            if (thread == 1) await("the first run", [&] { return fs::exists(path("first")); });
+            do_eventmsg("E0111:x");
+        });
+        ASSERT_EQ(st->error.set, 0) << "in round " << round;
+        fs::remove(path("first"));
+    }
+}
+
 }  // namespace unit
