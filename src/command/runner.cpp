@@ -200,16 +200,18 @@ int start_command(const char* path, int soc, unsigned timeout, char* const argv[
                  static_cast<int>(timeout), pid, to.hmi_error ? 1 : 0);
         killpg(pid, SIGKILL);
     }
-    const deadline patience(reply_patience_ms);  // for both writes together, since com_lock is held
+    const deadline patience(reply_patience_ms);
     if (soc >= 0 && !to.hmi_error && !to.ends_with_lf) {
         write_until(patience, soc, "\r\n");
     }
+    // For the other write, so that both together do not hold com_lock longer. The child's own time does not count.
+    const int patience_left = patience.left_ms();
     const int status = wait_for_child(pid);
     output.reset();
     null.reset();
     wait_for_stray_children();
     if (soc >= 0) {
-        reply_end(patience, soc, end, status);
+        reply_end(deadline(patience_left), soc, end, status);
     }
     return status;
 }

@@ -2,8 +2,10 @@
 #include "command/module_table.h"
 #include "command/runner.h"
 #include "unit_support.h"
+#include "util/unique_fd.h"
 
 #include <csignal>
+#include <sys/socket.h>
 #include <sys/time.h>
 #include <tuple>
 
@@ -107,6 +109,39 @@ TEST_F(Command, CaptureStopsAtItsSizeAndTheProgramRunsToItsEnd) {
         EXPECT_EQ(buffer, std::string(stored, '\0') + std::string(6001 - stored, '#'));
         EXPECT_TRUE(fs::remove(path("end"))) << "the program did not run to its end";
     }
+}
+
+// The connection has no space for the terminating line until after the program has ended.
+TEST_F(Command, TimeThatTheProgramTakesIsNotTakenFromAClientThatReadsLate) {
+    program("m", "echo x; exec >&-; sleep 5.2; : >$D/end");
+    char* argv[] = {const_cast<char*>("m"), nullptr};
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    const unique_fd mine(ends[0]);
+    const unique_fd peer(ends[1]);
+    std::string received(1 << 24, '\0');
+    std::size_t length = 0;
+    const auto receive = [&] {
+        const ssize_t got = recv(peer.get(), &received[length], received.size() - length, 0);
+        length += static_cast<std::size_t>(std::max<ssize_t>(got, 0));
+        return got > 0;
+    };
+    in_threads(2, [&](int thread) {
+        if (thread == 0) {
+            const mutex_guard guard(com_lock);
+            EXPECT_EQ(start_command(path("bin/m").c_str(), mine.get(), 9, argv, "", nullptr, 0), 0);
+            shutdown(mine.get(), SHUT_WR);
+            return;
+        }
+        EXPECT_TRUE(receive());
+        const std::string filler(65536, 'x');
+        while (send(mine.get(), filler.data(), filler.size(), MSG_DONTWAIT) > 0) {}
+        await("the end of the program", [&] { return fs::exists(path("end")); });
+        usleep(300'000);  // by then the terminating line waits
+        while (receive()) {}
+    });
+    received.resize(length);
+    EXPECT_THAT(received, EndsWith("x__over__ 0 0\r\n"));
 }
 
 TEST_F(Command, DelayedCommandsRunInSlotOrderBeforeTheNextOne) {
