@@ -2,6 +2,22 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <sys/sysmacros.h>
+
+namespace {
+
+// Linux gives the null device these numbers for good.
+bool is_null_device(const struct stat& info) {
+    return S_ISCHR(info.st_mode) && info.st_rdev == makedev(1, 3);
+}
+
+bool check_opened(int file, int flags) {
+    struct stat info {};
+    return fstat(file, &info) == 0 &&
+           (((flags & O_ACCMODE) == O_RDONLY && is_null_device(info)) || check_regular(info));
+}
+
+}  // namespace
 
 bool check_regular(const struct stat& info) {
     if (S_ISREG(info.st_mode)) {
@@ -15,8 +31,7 @@ unique_fd open_regular(const char* path, int flags, mode_t mode) {
     // O_NONBLOCK has no effect on a regular file. O_NOCTTY: a terminal must not become our controlling terminal before
     // it is refused.
     unique_fd file(open(path, flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, mode));
-    struct stat info {};
-    if (file && (fstat(file.get(), &info) != 0 || !check_regular(info))) {
+    if (file && !check_opened(file.get(), flags)) {
         const int error = errno;
         file.reset();
         errno = error;

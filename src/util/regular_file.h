@@ -1,4 +1,5 @@
-// Opening regular files only: a FIFO or a device in place of a file cannot block the daemon.
+// Opening regular files only: a FIFO or a device in place of a file cannot block the daemon. The null device may be read,
+// as an empty file.
 #pragma once
 
 #include "util/unique_fd.h"
@@ -12,7 +13,8 @@
 bool check_regular(const struct stat& info);
 
 // Opens path with flags and, for a file that is created, mode. Never waits for the other end of a FIFO or for a
-// device. Refuses anything but a regular file, so no byte is written to a FIFO.
+// device. Refuses anything but a regular file, so no byte is written to a FIFO; for reading only, takes the null device
+// too. The errno of a refusal is that of check_regular.
 // Returns the descriptor, or an empty one with errno. Any thread.
 unique_fd open_regular(const char* path, int flags, mode_t mode = 0);
 

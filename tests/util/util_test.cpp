@@ -128,7 +128,7 @@ TEST_F(Util, FirstLineIsCutToTheBuffer) {
 }
 
 TEST_F(Util, OnlyRegularFilesAreOpenedAndNothingBlocks) {
-    shell("ln -s /dev/zero zero; ln -s out link; mkfifo fifo read-fifo");
+    shell("ln -s /dev/zero zero; ln -s /dev/null null; ln -s out link; mkfifo fifo read-fifo");
     const unique_fd reader(open(path("read-fifo").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     const struct {
         const char* name;
@@ -143,6 +143,8 @@ TEST_F(Util, OnlyRegularFilesAreOpenedAndNothingBlocks) {
         {"FIFO, written", "fifo", O_WRONLY | O_CREAT, ENXIO},
         {"FIFO with a reader, written", "read-fifo", O_WRONLY, ENXIO},
         {"link to a device", "zero", O_RDONLY, ENXIO},
+        {"null device, read", "null", O_RDONLY, 0},
+        {"null device, written", "null", O_WRONLY | O_CREAT, ENXIO},
         {"directory", "log", O_RDONLY, EISDIR},
     };
     for (const auto& c : cases) {
