@@ -25,11 +25,11 @@ struct Command : Scratch {
         }
         return all;
     }
-    int run(const std::string& script, char* capture, int size) const {
+    int run(const std::string& script, char* capture, int size, unsigned timeout = 60) const {
         program("m", script);
         char* argv[] = {const_cast<char*>("m"), nullptr};
         const mutex_guard guard(com_lock);
-        const int status = start_command(path("bin/m").c_str(), -1, 1, argv, "", capture, size);
+        const int status = start_command(path("bin/m").c_str(), -1, timeout, argv, "", capture, size);
         sigset_t mask;
         struct sigaction action {};
         pthread_sigmask(SIG_BLOCK, nullptr, &mask);
@@ -100,7 +100,7 @@ TEST_F(Command, MoreThanFifteenWordsAreRefused) {
 }
 
 TEST_F(Command, CaptureStopsAtItsSizeAndTheProgramRunsToItsEnd) {
-    EXPECT_EQ(run("sleep 600 & sleep 600", nullptr, 0), 9);  // a time-out leaves the signals unchanged, too
+    EXPECT_EQ(run("sleep 600 & sleep 600", nullptr, 0, 1), 9);  // a time-out leaves the signals unchanged, too
     for (const std::size_t size : {1000U, 5000U, 0U, 6000U}) {
         const std::string script = "head -c 4000 /dev/zero; head -c 1000 /dev/zero; touch $D/end; exit 3";
         std::string buffer(6001, '#');
