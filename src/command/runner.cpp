@@ -73,7 +73,7 @@ struct relay {
     char* capture;
     std::size_t capture_size;
     std::size_t stored = 0;    // bytes in capture
-    bool ends_with_lf = true;  // the output sent so far ends with LF, or is empty
+    bool ends_with_lf = true;  // what was written to the socket so far ends with LF, or is empty
     bool hmi_error = false;    // a write to the socket failed, perhaps interrupted by the time-out
 };
 
@@ -99,13 +99,14 @@ std::size_t to_crlf(const char* from, std::size_t n, char* to) {
 
 void send_chunk(relay& to, const char* data, std::size_t n) {
     char converted[2 * chunk_size];
-    to.ends_with_lf = data[n - 1] == '\n';
     std::string_view rest(converted, to_crlf(data, n, converted));
     // A waiting write ends early when the process is stopped and continued; the rest is then written. Only the alarm
     // ends it for good.
     do {
         const ssize_t written = write(to.soc, rest.data(), rest.size());
-        if (written >= 0) {
+        if (written > 0) {
+            // The time-out may end the write in the middle of a line.
+            to.ends_with_lf = rest[static_cast<std::size_t>(written) - 1] == '\n';
             rest.remove_prefix(static_cast<std::size_t>(written));
         } else if (errno != EINTR || module_alarm::has_fired()) {
             trprintf("Error:write to socket failed.(errno=%d)\n", errno);
@@ -201,7 +202,8 @@ int start_command(const char* path, int soc, unsigned timeout, char* const argv[
         killpg(pid, SIGKILL);
     }
     const deadline patience(reply_patience_ms);
-    if (soc >= 0 && !to.hmi_error && !to.ends_with_lf) {
+    // Also after a write that only the time-out has ended.
+    if (soc >= 0 && end != relay_end::hmi_gone && !to.ends_with_lf) {
         write_until(patience, soc, "\r\n");
     }
     // For the other write, so that both together do not hold com_lock longer. The child's own time does not count.

@@ -144,6 +144,34 @@ TEST_F(Command, TimeThatTheProgramTakesIsNotTakenFromAClientThatReadsLate) {
     EXPECT_THAT(received, EndsWith("x__over__ 0 0\r\n"));
 }
 
+// The time-out ends a write, and the rest of the output is lost.
+TEST_F(Command, TimeOutInTheMiddleOfALineEndsTheLine) {
+    program("m", "exec yes 123456789");
+    char* argv[] = {const_cast<char*>("m"), nullptr};
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    const unique_fd mine(ends[0]);
+    const unique_fd peer(ends[1]);
+    const int small = 4096;
+    ASSERT_EQ(setsockopt(mine.get(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
+    std::string received(1 << 16, '\0');
+    std::size_t length = 0;
+    std::thread reader([&] {
+        await_trace("Error:command:timeout");
+        for (ssize_t got = 1; got > 0; length += static_cast<std::size_t>(got))
+            got = recv(peer.get(), &received[length], received.size() - length, 0);
+    });
+    {
+        const mutex_guard guard(com_lock);
+        // In the first thread, which gets the alarm.
+        EXPECT_EQ(start_command(path("bin/m").c_str(), mine.get(), 1, argv, "", nullptr, 0), 9);
+    }
+    shutdown(mine.get(), SHUT_WR);
+    reader.join();
+    received.resize(length);
+    EXPECT_THAT(received.substr(length - 30), EndsWith("\r\n__timeout__\r\n"));
+}
+
 TEST_F(Command, DelayedCommandsRunInSlotOrderBeforeTheNextOne) {
     ASSERT_EQ(entries("slow slow - 0\nnote note - 0\n").size(), 2U);
     program("note", "echo \"$1\" >>$D/calls");
