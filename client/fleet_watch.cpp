@@ -24,6 +24,7 @@ namespace {
 using clock = many_hosts::clock;
 
 constexpr std::chrono::seconds login_retry(60);     // a wrong password is not tried every two seconds
+constexpr std::chrono::seconds farewell_limit(1);   // a host that does not answer must not keep the view open
 constexpr std::size_t longest_answer = 1 << 20;     // bytes; the largest status is about 140000
 constexpr std::size_t most_fleet_messages = 10000;  // kept for the end of the view
 
@@ -37,11 +38,14 @@ private:
         std::string answer;       // the part of the status that has come so far
         clock::time_point due{};  // time of the next status request
         bool asking = false;      // a request is running
+        bool parting = false;     // the last status was asked for
     };
 
     void take(std::size_t host, std::string_view text);
     void ended(std::size_t host, const answer_end& end);
     void lose(std::size_t host, const std::string& reason);
+    void part(std::size_t host);
+    void leave();
     void take_report(std::size_t host, const status_report& report);
     void print(std::size_t host, const message& line);
     clock::time_point ask_due();
@@ -60,6 +64,7 @@ private:
     clock::time_point drawn_at_{};  // time of the last drawing
     bool news_ = false;             // answers have come since the last drawing
     bool key_pressed_ = false;      // keys have come since the last drawing
+    bool leaving_ = false;
     many_hosts hosts_;
 };
 
@@ -94,6 +99,11 @@ void fleet_watch::ended(std::size_t host, const answer_end& end) {
     }
     state.asking = false;
     status_report report = parse_status(std::exchange(state.answer, {}));
+    if (leaving_) {
+        report.conditions = row.conditions;  // only the messages matter now
+        take_report(host, report);
+        return state.parting ? hosts_.close(host) : part(host);
+    }
     const bool is_back = end.how == ending::over && (!row.known || !row.trouble.empty());
     if (end.how == ending::over) {
         if (!drawing_ && !row.trouble.empty()) {
@@ -132,6 +142,26 @@ void fleet_watch::lose(std::size_t host, const std::string& reason) {
         }
     }
     row.trouble = reason;
+}
+
+void fleet_watch::part(std::size_t host) {
+    states_[host].parting = hosts_.take_leave(host) == farewell::asked;
+}
+
+// Fetches what was queued for these connections since their last answers. Nobody can once they are closed. Another
+// signal ends the wait.
+void fleet_watch::leave() {
+    leaving_ = true;
+    for (std::size_t host = 0; host < states_.size(); ++host) {
+        part(host);
+    }
+    const clock::time_point limit = clock::now() + farewell_limit;
+    bool is_stopped = false;
+    while (hosts_.is_asking() && clock::now() < limit && !is_stopped) {
+        pollfd signal[] = {{signals_.fd(), POLLIN, 0}};
+        hosts_.step(signal, limit);
+        is_stopped = signal[0].revents != 0 && signals_.take();
+    }
 }
 
 void fleet_watch::take_report(std::size_t host, const status_report& report) {
@@ -226,6 +256,7 @@ int fleet_watch::run() {
             news_ = key_pressed_ = false;
         }
     }
+    leave();
     screen_.leave();
     // The drawing vanishes with the alternate screen, and the scheduler will not send these messages again.
     if (drawing_) {

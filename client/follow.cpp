@@ -245,11 +245,11 @@ void follower::save(host_state& state) const {
 // Fetches the messages that wait for this connection before closing it.
 void follower::part(std::size_t number) {
     host_state& state = *states_[number];
-    state.parting = state.asked == question::none;
-    if (!hosts_.take_leave(number)) {
-        state.gone = true;
-    } else if (state.parting) {
-        state.asked = question::status;
+    const farewell result = hosts_.take_leave(number);
+    state.gone = result == farewell::impossible;
+    state.parting = result == farewell::asked;
+    if (state.parting) {
+        state.asked = question::status;  // also when a question that has not been sent was given up
     }
 }
 
@@ -266,6 +266,9 @@ void follower::leave() {
         hosts_.step({}, limit);
     }
     for (const auto& state : states_) {
+        if (state->asked == question::status) {
+            state->host.take_messages(state->answer);  // as far as it has come
+        }
         state->host.remove_state();
     }
 }

@@ -73,11 +73,14 @@ void host_link::ask(const std::vector<std::string>& words, std::string_view more
     }
 }
 
-bool host_link::take_leave() {
+farewell host_link::take_leave() {
+    if (state_ == state::talking) {
+        return farewell::later;
+    }
     if (state_ == state::idle) {
         ask({"status"}, "quit\r");
     }
-    return state_ == state::talking;
+    return state_ == state::talking ? farewell::asked : farewell::impossible;
 }
 
 void host_link::take(lookup_result found) {

@@ -15,6 +15,8 @@ namespace client {
 
 struct settings;
 
+enum class farewell { asked, later, impossible };  // impossible without a connection
+
 class host_link {
 public:
     using clock = std::chrono::steady_clock;
@@ -42,9 +44,8 @@ public:
     void ready(std::string& output);  // appends the output of the command
 
     // Fetches the status and quits in one request, so that hardly any message can be queued in between for a
-    // connection that will not ask again. A command that is under way ends first; then call this again. false when
-    // there is no connection.
-    bool take_leave();
+    // connection that will not ask again. A command that is under way ends first; then call this again.
+    farewell take_leave();
 
     // The time at which to give up the command, and the function that does so. Messages are handed over once, so
     // silence is told but the connection is kept: the answer may still come, and then the command ends once more.

@@ -10,6 +10,7 @@ namespace client {
 namespace {
 
 constexpr std::size_t other_descriptors = 64;  // for standard streams, files and the resolver's threads
+constexpr std::chrono::seconds least_absence{1};
 
 // How many of the wanted connections the limit for descriptors allows, once it is raised. The output of each host may
 // need one more for its file.
@@ -55,16 +56,16 @@ void many_hosts::close(std::size_t host) {
     }
 }
 
-bool many_hosts::take_leave(std::size_t host) {
+farewell many_hosts::take_leave(std::size_t host) {
     std::erase_if(queue_, [host](const question& q) { return q.host == host; });
-    const bool comes = links_[host]->take_leave();
-    if (!comes) {
+    const farewell result = links_[host]->take_leave();
+    if (result == farewell::impossible) {
         close(host);
     } else if (!asking_[host]) {
         asking_[host] = true;
         ++active_;
     }
-    return comes;
+    return result;
 }
 
 // Starts queued commands. Returns true when one of them has already ended.
@@ -110,10 +111,11 @@ many_hosts::clock::time_point many_hosts::next_deadline() const {
     return first;
 }
 
-// While the reader of our own output keeps us waiting, no host is late.
+// While the reader of our own output keeps us waiting, or our process is stopped, no host is late.
 void many_hosts::forgive_absence() {
-    const clock::duration absence = clock::now() - listened_;
-    if (absence < std::chrono::seconds(1)) {
+    const clock::time_point now = clock::now();
+    const clock::duration absence = now - std::exchange(listened_, now);
+    if (absence < least_absence) {
         return;
     }
     for (const auto& link : links_) {
@@ -127,8 +129,11 @@ void many_hosts::step(std::span<pollfd> others, clock::time_point until) {
     if (start_queued()) {
         until = clock::now();
     }
-    poll_links(others, until);
+    const clock::time_point end = poll_links(others, until);
     std::copy_n(polled_.begin(), others.size(), others.begin());
+    if (clock::now() - end >= least_absence) {
+        forgive_absence();  // the process was stopped in poll
+    }
     listened_ = clock::now();
     if (polled_[others.size()].revents != 0) {
         for (lookup_result& found : names_.take()) {
@@ -156,8 +161,10 @@ void many_hosts::step(std::span<pollfd> others, clock::time_point until) {
     }
 }
 
-// Polls the caller's descriptors first, then the one of the look-ups, then those of the hosts in polled_hosts_.
-void many_hosts::poll_links(std::span<const pollfd> others, clock::time_point until) {
+// Polls the caller's descriptors first, then the one of the look-ups, then those of the hosts in polled_hosts_. Returns
+// the time until which it was to wait at most.
+many_hosts::clock::time_point many_hosts::poll_links(std::span<const pollfd> others,
+                                                     clock::time_point until) {
     polled_.assign(others.begin(), others.end());
     polled_.push_back({names_.fd(), POLLIN, 0});
     polled_hosts_.clear();
@@ -167,8 +174,9 @@ void many_hosts::poll_links(std::span<const pollfd> others, clock::time_point un
             polled_hosts_.push_back(host);
         }
     }
+    const clock::time_point end = std::min(until, next_deadline());
     int wait = -1;
-    if (const clock::time_point end = std::min(until, next_deadline()); end != clock::time_point::max()) {
+    if (end != clock::time_point::max()) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - clock::now()).count();
         wait = static_cast<int>(std::clamp<decltype(left)>(left, 0, 3600 * 1000));
     }
@@ -177,6 +185,7 @@ void many_hosts::poll_links(std::span<const pollfd> others, clock::time_point un
             p.revents = 0;  // interrupted by a signal, or out of memory: the caller calls again
         }
     }
+    return end;
 }
 
 }  // namespace client

@@ -35,9 +35,10 @@ public:
     void ask(std::size_t host, std::vector<std::string> words);
     void close(std::size_t host);
 
-    // Fetches the status and quits as one command, when none is under way; else it is to be called again once that
-    // has ended. false when there is no connection, also in the middle of making one, which is given up.
-    bool take_leave(std::size_t host);
+    // Fetches the status and quits as one command, when none is under way; else (later) it is to be called again once
+    // that has ended. A command that waits for its start is given up, and so is a connection that is being made
+    // (impossible).
+    farewell take_leave(std::size_t host);
 
     // True while commands run or wait for their start.
     bool is_asking() const { return active_ != 0 || !queue_.empty(); }
@@ -54,7 +55,7 @@ private:
 
     bool start_queued();
     void forgive_absence();
-    void poll_links(std::span<const pollfd> others, clock::time_point until);
+    clock::time_point poll_links(std::span<const pollfd> others, clock::time_point until);
     void collect(std::size_t host, std::string_view output);
     clock::time_point next_deadline() const;
 

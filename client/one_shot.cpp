@@ -28,27 +28,24 @@ int run_one_shot(const settings& chosen) {
         return fail(std::string("--json is for ") + json_commands);
     }
 
-    // Without a signal watch Ctrl-C ends the program as usual.
-    conversation talk(chosen, nullptr);
     // A terminal must not get control characters of a module; a pipe gets all bytes.
     printable_text filter;
     std::string kept;
     const bool terminal = isatty(STDOUT_FILENO) == 1;
     const bool is_status = chosen.words[0] == "status";
     const spool kept_for_us(chosen.where);
-    conversation::sink output = [&](std::string_view text) {
-        if (convert != nullptr) {
-            kept += text;
-        } else {
-            print(terminal ? filter.clean(text) : text);
-        }
+    const conversation::sink show = [&](std::string_view text) {
+        print(terminal ? filter.clean(text) : text);
     };
+    const conversation::sink keep = [&](std::string_view text) { kept += text; };
+    // Without a signal watch Ctrl-C ends the program as usual. The connection ends with this statement: while a pager
+    // holds up the output of `status`, the scheduler must not queue messages for it.
+    const answer_end end =
+        conversation(chosen, nullptr).run(chosen.words, is_status || convert != nullptr ? keep : show);
     // Messages that `check` or `metrics` has received come first. With JSON they become part of the one object.
-    if (is_status && convert == nullptr) {
-        output = kept_for_us.before(output);
-    }
-    const answer_end end = talk.run(chosen.words, output);
-    if (convert != nullptr && end.how == ending::over) {
+    if (convert == nullptr && !kept.empty()) {
+        kept_for_us.before(show)(kept);
+    } else if (convert != nullptr && end.how == ending::over) {
         if (is_status) {
             kept_for_us.hand_over([&](const status_report& waiting) {
                 print(convert(status_lines(waiting) + kept));

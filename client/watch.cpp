@@ -33,6 +33,7 @@ private:
     bool look(answer_end& end);
     void take(const status_report& report);
     bool pause();
+    void part();
     bool left_by_key() const;
     void suspend();
 
@@ -121,6 +122,17 @@ bool watch::pause() {
     }
 }
 
+// Fetches what was queued for this connection since the last answer. Nobody can once it is closed.
+void watch::part() {
+    std::string text;
+    const answer_end end = talk_.take_leave([&text](std::string_view more) { text += more; });
+    status_report report = parse_status(text);
+    if (end.how != ending::over) {
+        report.conditions = shown_.conditions;  // the answer lacks some
+    }
+    take(report);
+}
+
 bool watch::left_by_key() const {
     std::string keys;
     return !screen_.take_keys(keys) || keys.find('q') != std::string::npos;
@@ -146,6 +158,9 @@ int watch::run() {
     }
     while (going && pause()) {
         going = look(end);
+    }
+    if (going) {
+        part();
     }
     screen_.leave();
     // The drawing vanishes with the alternate screen, and the scheduler will not send these messages again.

@@ -193,4 +193,21 @@ TEST_F(ManyHosts, StalledHostNeitherDelaysNorLosesTheAnswersOfTheOthers) {
     kill(stalled, SIGCONT);
 }
 
+// The time in which the client itself was stopped is not that of the hosts.
+TEST_F(ManyHosts, StoppedClientGivesTheHostsTheirTime) {
+    const pid_t stalled = first.scheduler();
+    kill(stalled, SIGSTOP);
+    std::thread resume([&] {
+        EXPECT_TRUE(wait_until([&] { return !first.read("client").empty(); }));
+        usleep(500'000);
+        shell("kill -STOP " + first.read("client"));
+        kill(stalled, SIGCONT);
+        usleep(3'500'000);
+        shell("kill -CONT " + first.read("client"));
+    });
+    const std::string client = "sh -c 'echo $$ >client; exec " SCHEDCTL_BINARY " -u op -t 2 -H $0,$1 status' $A $B";
+    EXPECT_EQ(mask_dates(shell(start + "30 " + client + " >out" + end)), "A: confdate  DATE\nB: confdate  DATE\n0\n");
+    resume.join();
+}
+
 }  // namespace

@@ -10,6 +10,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <fcntl.h>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <sys/stat.h>
@@ -59,13 +60,18 @@ protected:
         ASSERT_TRUE(wait_until([&] { return state_file() != before && !state_file().empty(); }));
     }
 
-    // Starts a follower, and returns after its first look. Its lines come through a second process, which is its
-    // reader. The next look is a minute away.
+    // Starts a watch with a look each minute. Its lines come through a second process, which is its reader.
+    void follow(const std::string& hosts, const std::string& form = "--json") const {
+        shell(environment() + "cd " + suite.path("") + "; rm -f ended pid lines; { { timeout " + limit +
+              " sh -c 'echo $$ >pid; exec " SCHEDCTL_BINARY " " + hosts + " watch " + form +
+              " -n 60'; echo $? >code; } | sh -c 'echo $$ >reader; exec cat >lines'; echo >ended; } >/dev/null 2>&1 &");
+        ASSERT_TRUE(wait_until([&] { return !suite.read("pid").empty(); }));
+    }
+
+    // Returns after the first look.
     void follow_seldom() const {
         const std::string before = state_file();
-        shell(environment() + "cd " + suite.path("") + "; rm -f ended; { { timeout " + limit +
-              " sh -c 'echo $$ >pid; exec " SCHEDCTL_BINARY " watch --json -n 60'; echo $? >code; } | " +
-              "sh -c 'echo $$ >reader; exec cat >lines'; echo >ended; } >/dev/null 2>&1 &");
+        follow("");
         await_look(before);
     }
 
@@ -431,12 +437,61 @@ TEST_F(ClientMonitoring, FollowerThatEndsLosesNoMessage) {
         const std::string shown = suite.read("lines") + ctl("status");
         EXPECT_EQ(occurrences(shown, "when it ended by " + ends), 1) << shown;
     }
+    // It is stopped until its first answer has come together with the signal that ends it.
+    const pid_t frozen = suite.scheduler();
+    kill(frozen, SIGSTOP);
+    follow("");
+    usleep(300'000);
+    shell("kill -STOP " + suite.read("pid"));
+    const int before = connections();
+    kill(frozen, SIGCONT);
+    ASSERT_TRUE(wait_until([&] { return connections() > before; }));
+    usleep(300'000);
+    const std::size_t events = suite.events().size();
+    suite.event("E0101:while it was stopped\n");
+    suite.await_events(events + 1);
+    shell("kill -TERM " + suite.read("pid"));
+    end("pid", "CONT");
+    const std::string shown = suite.read("lines") + ctl("status");
+    EXPECT_EQ(occurrences(shown, "while it was stopped"), 1) << shown;
+
     raise("E0101:counted");
     follow_seldom();
     end("pid", "KILL");  // its state file stays, and the next one counts on
     follow_seldom();
     EXPECT_THAT(ctl("metrics"), HasSubstr("sched_messages_total{severity=\"error\"} 1\n"));
     end("pid");
+}
+
+TEST_F(ClientMonitoring, WatchThatEndsLosesNoMessage) {
+    suite.start();
+    for (const std::string& hosts : {std::string(), "-H 127.0.0.1:" + std::to_string(suite.port)}) {
+        SCOPED_TRACE(hosts);
+        follow(hosts, "");
+        ASSERT_TRUE(wait_until([&] { return occurrences(suite.read("lines"), "confdate set") == 1; }));
+        const std::size_t events = suite.events().size();
+        suite.event("E0101:between two looks" + hosts + "\n");
+        suite.await_events(events + 1);
+        end("pid");
+        EXPECT_EQ(suite.read("code"), "0\n");
+        const std::string shown = suite.read("lines") + ctl("status");
+        EXPECT_EQ(occurrences(shown, "between two looks" + hosts), 1) << shown;
+    }
+}
+
+// The connection of a status must not stay open, and collect messages, while a pager shows the answer.
+TEST_F(ClientMonitoring, StatusThatIsReadLateTakesNoFurtherMessage) {
+    suite.start();
+    for (int i = 0; i < 100; ++i) { raise("E0101:" + std::string(1000, 'x')); }
+    ASSERT_EQ(mkfifo(suite.path("pager").c_str(), 0600), 0);
+    const unique_fd pager(open(suite.path("pager").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    const int before = connections();
+    shell(environment() + "timeout " + limit + " " SCHEDCTL_BINARY " status >" + suite.path("pager") +
+          " 2>/dev/null &");
+    ASSERT_TRUE(wait_until([&] { return connections() > before; }));
+    ASSERT_TRUE(wait_until([&] { return traced(") is gone.") == connections(); }, 20s));
+    raise("E0110:while the pager waits");
+    EXPECT_EQ(occurrences(ctl("status"), "E0110:while the pager waits"), 1);
 }
 
 }  // namespace
