@@ -45,6 +45,14 @@ answer_end conversation::run(const std::vector<std::string>& words, const sink& 
     return end;
 }
 
+answer_end conversation::resume(const sink& output) {
+    const answer_end end = receive(*late_, output);
+    if (end.how != ending::interrupted && end.how != ending::silent) {
+        late_.reset();
+    }
+    return end;
+}
+
 answer_end conversation::take_leave(const sink& output) {
     if (!link_.is_open()) {
         return {ending::closed};
@@ -139,7 +147,7 @@ answer_end conversation::exchange(const std::vector<std::string>& words, const s
         return end;
     }
     end = receive(parser, output);
-    if (end.how == ending::interrupted) {
+    if (end.how == ending::interrupted || (end.how == ending::silent && habit_ == on_silence::resume)) {
         late_ = parser;
     }
     return end;

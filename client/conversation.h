@@ -17,8 +17,8 @@ namespace client {
 struct settings;
 
 // What to do when the scheduler is silent for too long. Messages are handed over once, so some wait for the answer
-// that is still to come.
-enum class on_silence { leave, wait };
+// that is still to come: at once, or later with resume().
+enum class on_silence { leave, wait, resume };
 
 class conversation {
 public:
@@ -31,6 +31,10 @@ public:
     // Runs one command. Connects when there is no connection. When the scheduler requires a login, logs in and sends
     // the command again.
     answer_end run(const std::vector<std::string>& words, const sink& output);
+
+    // Waits on for the answer that the last run has given up, and passes on what has not yet come of it. Call only
+    // while late() is true.
+    answer_end resume(const sink& output);
 
     // The connection's descriptor, -1 without one. Poll it while no command runs and call absorb when it is readable.
     int fd() const { return link_.fd(); }

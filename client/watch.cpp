@@ -24,7 +24,10 @@ namespace {
 class watch {
 public:
     explicit watch(const settings& chosen)
-        : chosen_(chosen), signals_([this] { suspend(); }), talk_(chosen, &signals_), drawing_(can_draw()) {
+        : chosen_(chosen),
+          signals_([this] { suspend(); }),
+          talk_(chosen, &signals_, on_silence::resume),
+          drawing_(can_draw()) {
         shown_.title = chosen.where.host + ":" + std::to_string(chosen.where.port);
     }
     int run();
@@ -40,21 +43,25 @@ private:
     const settings& chosen_;
     signal_watch signals_;
     conversation talk_;
+    std::string answer_;  // as far as it has come
     bool drawing_;
     screen screen_;
     bool answered_ = false;  // the scheduler has answered once: from now on a lost connection is made again
     watch_picture shown_;
 };
 
-// Asks for the status once. Returns false when asking again would be useless.
+// Asks for the status once, or waits on for an answer that is late. Returns false when asking again would be useless.
 bool watch::look(answer_end& end) {
-    std::string text;
-    end = talk_.run({"status"}, [&text](std::string_view part) { text += part; });
+    const conversation::sink keep = [this](std::string_view part) { answer_ += part; };
+    if (!talk_.late() || (end = talk_.resume(keep)).how == ending::unauth) {
+        answer_.clear();
+        end = talk_.run({"status"}, keep);
+    }
     if (end.how == ending::over) {
         if (!drawing_ && answered_ && !shown_.trouble.empty()) {
             print_line({now_date(), "connected"});
         }
-        const status_report report = parse_status(text);
+        const status_report report = parse_status(answer_);
         // True for the first answer, and for the first one after a lost connection.
         if (!answered_ || !shown_.trouble.empty()) {
             // Adds the messages that `check` or `metrics` of this user received while there was no connection.
@@ -122,8 +129,12 @@ bool watch::pause() {
     }
 }
 
-// Fetches what was queued for this connection since the last answer. Nobody can once it is closed.
+// Fetches what was queued for this connection since the last answer. Nobody can once it is closed. The operator does not
+// wait for a scheduler that is silent.
 void watch::part() {
+    if (talk_.late()) {
+        return;
+    }
     std::string text;
     const answer_end end = talk_.take_leave([&text](std::string_view more) { text += more; });
     status_report report = parse_status(text);

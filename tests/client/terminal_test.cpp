@@ -344,11 +344,17 @@ TEST_F(ClientTerminal, WatchShowsChangesReconnectsAndRestoresTheTerminal) {
     other.ask("parts\tclear");
     shown = plain.expect("condition error cleared\r\n");
     EXPECT_EQ(shown.find("confdate"), std::string::npos);  // only changes are shown
+    const std::size_t events = suite.events().size();
+    suite.event("W0104:queued\n");  // at the latest the answer that comes late brings it
+    suite.await_events(events + 1);
     const pid_t frozen = suite.scheduler();
     kill(frozen, SIGSTOP);
-    plain.expect("disconnected: no answer in time");
+    shown = plain.expect("disconnected: no answer in time");
     kill(frozen, SIGCONT);
-    plain.expect(" connected\r\n");
+    shown += plain.expect(" connected\r\n");
+    suite.event("I0110:next\n");
+    shown += plain.expect("message I0110:next\r\n");
+    EXPECT_THAT(shown, HasSubstr("message W0104:queued\r\n"));
     suite.stop();
     plain.expect("disconnected: ");
     plain.type("\x03");
