@@ -12,8 +12,8 @@ constinit posix_mutex marks_lock;
 
 void set_and_stamp(status_mark& mark) {
     const mutex_guard guard(marks_lock);
+    get_tick(mark.stamp);  // first, so that no reader sees the new condition with an old date
     mark.set = 1;
-    get_tick(mark.stamp);
     mark.reports = mark.reports + 1;
 }
 
