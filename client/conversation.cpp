@@ -46,7 +46,7 @@ answer_end conversation::run(const std::vector<std::string>& words, const sink& 
 }
 
 answer_end conversation::resume(const sink& output) {
-    const answer_end end = receive(*late_, output);
+    answer_end end = receive(*late_, output);
     if (end.how != ending::interrupted && end.how != ending::silent) {
         late_.reset();
     }
