@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <sys/resource.h>
+#include <utility>
 
 namespace client {
 
