@@ -1,7 +1,7 @@
 #include "ini_check.h"
 
+#include "config_lines.h"
 #include "ini_values.h"
-#include "lines.h"
 #include "util/ini_file.h"
 
 #include <algorithm>
@@ -15,7 +15,7 @@ namespace {
 
 struct known_key {
     const char* name;
-    value_judge judge;
+    value_validator validate;
 };
 
 struct known_file {
@@ -39,18 +39,18 @@ const std::vector<known_file>& known_files() {
     static const std::vector<known_file> files = {
         {"sched.conf",
          {"[sched]"},
-         {{"port_no", judge_port},
-          {"analysis_interval", judge_seconds},
-          {"syslog_poll_interval", judge_seconds},
-          {"udp_dest_addr", judge_address},
-          {"udp_dest_port", judge_port},
-          {"qmxut_port", judge_port}}},
+         {{"port_no", validate_port},
+          {"analysis_interval", validate_seconds},
+          {"syslog_poll_interval", validate_seconds},
+          {"udp_dest_addr", validate_address},
+          {"udp_dest_port", validate_port},
+          {"qmxut_port", validate_port}}},
         {"common.ini",
          {"[sched]"},
-         {{"bound_ip_address", judge_bound_address}, {"allowed_ip_address", judge_networks}}},
+         {{"bound_ip_address", validate_bound_address}, {"allowed_ip_address", validate_networks}}},
         {"pvo.ini",
          receiver_sections(),
-         {{"active", judge_switch}, {"address", judge_text}, {"port", judge_port}}},
+         {{"active", validate_switch}, {"address", validate_text}, {"port", validate_port}}},
     };
     return files;
 }
@@ -85,24 +85,24 @@ const known_file* owner_of(const std::string& key, const known_file& asked) {
 
 class ini_file {
 public:
-    ini_file(std::string path, const known_file& known, report& to)
+    ini_file(std::string path, const known_file& known, findings& to)
         : path_(std::move(path)), known_(known), to_(to) {}
 
-    void judge(const line_piece& line) {
+    void validate(const line_piece& line) {
         if (line.text[0] == '#' || line.text[0] == ';') {
             return;
         }
         if (line.text[0] == '[') {
-            judge_header(line);
+            validate_header(line);
         } else if (!is_blank(line.text)) {
-            judge_pair(line);
+            validate_pair(line);
         }
     }
 
 private:
     void add(const line_piece& line, const std::string& text) { to_.add(path_, line.number, text); }
 
-    void judge_header(const line_piece& line) {
+    void validate_header(const line_piece& line) {
         const auto opened = std::ranges::find_if(known_.sections, [&line](const std::string& header) {
             scratch().put(line.text + "\nkey=value");
             return read_ini_file(scratch().name().c_str(), header.c_str(), "key") != nullptr;
@@ -115,7 +115,7 @@ private:
         }
     }
 
-    void judge_pair(const line_piece& line) {
+    void validate_pair(const line_piece& line) {
         const std::string key = first_word(line.text);
         if (!inside_) {
             add(line,
@@ -140,7 +140,7 @@ private:
             add(line,
                 quoted(key) + " is not read: line " + std::to_string(first->second) + " sets it already");
         }
-        if (const std::string problem = known->judge(value); !problem.empty()) {
+        if (const std::string problem = known->validate(value); !problem.empty()) {
             add(line, key + ": " + problem);
         }
     }
@@ -159,7 +159,7 @@ private:
 
     std::string path_;
     const known_file& known_;
-    report& to_;
+    findings& to_;
     bool inside_ = false;
     std::string section_;
     std::map<std::pair<std::string, std::string>, int> first_line_;
@@ -167,14 +167,14 @@ private:
 
 }  // namespace
 
-void check_ini_files(const std::string& directory, report& to) {
+void check_ini_files(const std::string& directory, findings& to) {
     // The daemon's reader takes a file name below VGD_config; the file that it reads here is in memory.
     setenv("VGD_config", scratch_file::directory(), 1);  // NOLINT(concurrency-mt-unsafe): no threads here
     for (const known_file& known : known_files()) {
         const std::string path = directory + "/" + known.name;
         ini_file file(path, known, to);
-        judge_lines(path, ini_line_size, absence::allowed, to,
-                    [&file](const line_piece& line) { file.judge(line); });
+        validate_lines(path, ini_line_size, missing_file::allowed, to,
+                       [&file](const line_piece& line) { file.validate(line); });
     }
 }
 

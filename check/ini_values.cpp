@@ -1,13 +1,15 @@
 #include "ini_values.h"
 
-#include "report.h"
+#include "findings.h"
 #include "sched/sched_status.h"
 #include "util/line.h"
+#include "util/unique_fd.h"
 
 #include <arpa/inet.h>
+#include <cerrno>
 #include <climits>
-#include <cstdint>
 #include <regex>
+#include <sys/socket.h>
 
 namespace check {
 
@@ -17,7 +19,7 @@ constexpr std::size_t bound_address_max = 30;  // characters kept
 constexpr int port_max = 65535;
 constexpr int prefix_max = 32;
 
-std::string judge_number(const std::string& value, int low, int high) {
+std::string validate_number(const std::string& value, int low, int high) {
     static const std::regex form(R"(\s*[-+]?\d+\s*)");
     const int number = decimal_value(value.c_str());
     if (!std::regex_match(value, form)) {
@@ -35,47 +37,62 @@ bool is_address(const std::string& text) {
     return inet_pton(AF_INET, text.c_str(), &address) == 1;
 }
 
-std::string judge_network(const std::string& token) {
+// True when the system allows to listen on the address (network byte order) here. No port is taken from other programs.
+bool is_own_address(in_addr_t address) {
+    const unique_fd probe(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const sockaddr_in local{AF_INET, 0, {address}, {}};
+    return bind(probe.get(), reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0 ||
+           errno != EADDRNOTAVAIL;
+}
+
+// is_first: no entry of the list stands before it.
+std::string validate_network(const std::string& token, bool is_first) {
     const std::size_t slash = token.find('/');
     const std::string address = token.substr(0, slash);
     if (address.empty()) {
         return quoted(token) + " has no address and is skipped";
     }
+    if (inet_addr(address.c_str()) == INADDR_ANY) {
+        return is_first ? quoted(token) + " at the start of the list lets everyone in"
+                        : quoted(token) + " lets nobody in; it uses up an entry";
+    }
     if (!is_address(address)) {
         return quoted(address) + " is not an IPv4 address";
     }
-    if (inet_addr(address.c_str()) == INADDR_ANY) {
-        return quoted(token) + " ends the list: 0.0.0.0 marks an empty entry";
-    }
     const std::string problem =
-        slash == std::string::npos ? "" : judge_number(token.substr(slash + 1), 1, prefix_max);
+        slash == std::string::npos ? "" : validate_number(token.substr(slash + 1), 1, prefix_max);
     return problem.empty() ? "" : "prefix length " + problem + "; only the one address is let in";
 }
 
 }  // namespace
 
-std::string judge_port(const std::string& value) {
-    return judge_number(value, 1, port_max);
+std::string validate_port(const std::string& value) {
+    return validate_number(value, 1, port_max);
 }
 
-std::string judge_seconds(const std::string& value) {
-    return judge_number(value, 1, INT_MAX);
+std::string validate_seconds(const std::string& value) {
+    return validate_number(value, 1, INT_MAX);
 }
 
-std::string judge_address(const std::string& value) {
+std::string validate_address(const std::string& value) {
     // The scheduler's conversion ends at white space, too.
     return is_address(value.substr(0, value.find_last_not_of(" \t\r") + 1))
                ? ""
                : quoted(value) + " is not an IPv4 address";
 }
 
-std::string judge_bound_address(const std::string& value) {
-    return value.size() > bound_address_max
-               ? quoted(value) + " is cut to " + std::to_string(bound_address_max) + " characters"
-               : judge_address(value);
+std::string validate_bound_address(const std::string& value) {
+    if (value.size() > bound_address_max) {
+        return quoted(value) + " is cut to " + std::to_string(bound_address_max) + " characters";
+    }
+    std::string problem = validate_address(value);
+    if (problem.empty() && !is_own_address(inet_addr(value.c_str()))) {
+        problem = quoted(value) + " is not an address of this machine: the scheduler cannot listen on it";
+    }
+    return problem;
 }
 
-std::string judge_networks(const std::string& value) {
+std::string validate_networks(const std::string& value) {
     static const std::regex separators("[ ,\t]+");
     int count = 0;
     std::string problems;
@@ -84,8 +101,8 @@ std::string judge_networks(const std::string& value) {
         if (token->length() == 0) {
             continue;
         }
-        std::string problem = judge_network(*token);
-        if (problem.empty() && ++count > allowed_max) {
+        std::string problem = validate_network(*token, count == 0);
+        if (*token->first != '/' && ++count > allowed_max) {
             problem =
                 quoted(token->str()) + " is ignored: at most " + std::to_string(allowed_max) + " are kept";
         }
@@ -96,13 +113,13 @@ std::string judge_networks(const std::string& value) {
     return count == 0 && problems.empty() ? "an empty list lets everyone in" : problems;
 }
 
-std::string judge_switch(const std::string& value) {
+std::string validate_switch(const std::string& value) {
     return value == "yes" || value == "no"
                ? ""
                : quoted(value) + " is neither \"yes\" nor \"no\"; it is taken as no";
 }
 
-std::string judge_text(const std::string& value) {
+std::string validate_text(const std::string& value) {
     return value.find_first_not_of(" \t\r") == std::string::npos ? "the value is empty" : "";
 }
 

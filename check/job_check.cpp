@@ -2,9 +2,9 @@
 
 #include "command/dispatch.h"
 #include "command/module_table.h"
+#include "config_lines.h"
 #include "job_fields.h"
 #include "job_runs.h"
-#include "lines.h"
 #include "module_check.h"
 #include "sched/sched_status.h"
 #include "timer/job_table.h"
@@ -26,12 +26,13 @@ struct listed_job {
 
 class job_file {
 public:
-    job_file(bool has_modules, report& to) : file_(st->timer_jobs_path), has_modules_(has_modules), to_(to) {}
+    job_file(bool has_modules, findings& to)
+        : file_(st->timer_jobs_path), has_modules_(has_modules), to_(to) {}
 
     const std::string& file() const { return file_; }
     const std::vector<listed_job>& jobs() const { return jobs_; }
 
-    void judge(const line_piece& line) {
+    void validate(const line_piece& line) {
         scratch().put(line.text);
         copy_text(st->timer_jobs_path, scratch().path());
         timer_read_jobs();
@@ -43,29 +44,29 @@ public:
                           ? "an empty line is taken for a job that lacks its fields; begin it with #"
                           : "dropped: a field is missing, or a tab stands between two of the time fields");
         } else if (table.jmax == 1) {
-            judge_job(line, table.job[0]);
+            validate_job(line, table.job[0]);
         }
     }
 
 private:
     void add(const line_piece& line, const std::string& text) { to_.add(file_, line.number, text); }
 
-    void judge_job(const line_piece& line, const job_record& job) {
+    void validate_job(const line_piece& line, const job_record& job) {
         if (jobs_.size() == job_max) {
             add(line, "dropped: the table holds at most " + std::to_string(job_max) + " jobs");
             return;
         }
         jobs_.push_back({line.number, job});
-        for (const std::string& text : judge_fields(line.text)) {
+        for (const std::string& text : validate_fields(line.text)) {
             add(line, text);
         }
         if (next_runs(job, now_seconds(), 1).empty()) {
             add(line, "the job never runs");
         }
-        judge_command(line, job.command);
+        validate_command(line, job.command);
     }
 
-    void judge_command(const line_piece& line, const std::string& command) {
+    void validate_command(const line_piece& line, const std::string& command) {
         const std::string given = command_of(line.text);
         if (given.size() > command.size()) {
             add(line, "the command is cut to " + std::to_string(job_command_size - 1) + " characters");
@@ -74,16 +75,19 @@ private:
             last == ' ' || last == '\t' || last == '\r') {
             add(line, "the blank or control character at the end belongs to the command");
         }
+        if (("\t" + given + "\t").find("\t\t") != std::string::npos) {
+            add(line, "the command has an empty word: two tabs stand together, or one at its end");
+        }
         // The vector's last place is for the null behind the words.
         if (std::ranges::count(command, '\t') + 1 >= vector_size) {
             add(line, "the command has more than " + std::to_string(vector_size - 1) + " words");
         }
         if (has_modules_) {
-            judge_module(line, command.substr(0, command.find('\t')));
+            validate_module(line, command.substr(0, command.find('\t')));
         }
     }
 
-    void judge_module(const line_piece& line, const std::string& word) {
+    void validate_module(const line_piece& line, const std::string& word) {
         if (is_external(word.c_str()) != 0) {
             return;
         }
@@ -101,7 +105,7 @@ private:
 
     std::string file_;
     bool has_modules_;
-    report& to_;
+    findings& to_;
     std::vector<listed_job> jobs_;
 };
 
@@ -118,10 +122,10 @@ void print_runs(const std::string& file, const listed_job& job, int runs) {
 
 }  // namespace
 
-void check_jobs(bool has_modules, int runs, report& to) {
+void check_jobs(bool has_modules, int runs, findings& to) {
     job_file jobs(has_modules, to);
-    judge_lines(jobs.file(), job_line_size, absence::reported, to,
-                [&jobs](const line_piece& line) { jobs.judge(line); });
+    validate_lines(jobs.file(), job_line_size, missing_file::is_finding, to,
+                   [&jobs](const line_piece& line) { jobs.validate(line); });
     for (const listed_job& job : jobs.jobs()) {
         print_runs(jobs.file(), job, runs);
     }

@@ -1,10 +1,11 @@
 #include "job_fields.h"
 
-#include "report.h"
+#include "findings.h"
 #include "timer/job_field.h"
 #include "timer/job_table.h"
 #include "trace_capture.h"
 
+#include <cctype>
 #include <cstring>
 #include <regex>
 
@@ -26,7 +27,7 @@ constexpr time_field fields[] = {{"minute", 0, 59, minute_slots},
                                  {"day of the week", 0, 6, wday_slots}};
 
 // What is wrong with a number of an item; empty: nothing.
-std::string judge_number(const std::string& digits, const time_field& field) {
+std::string validate_number(const std::string& digits, const time_field& field) {
     const long value = std::strtol(digits.c_str(), nullptr, 10);
     if (value >= field.low && value <= field.high) {
         return "";
@@ -35,18 +36,23 @@ std::string judge_number(const std::string& digits, const time_field& field) {
            ")";
 }
 
-std::string judge_item(const std::string& item, const time_field& field) {
+std::string validate_item(const std::string& item, const time_field& field) {
     static const std::regex form(R"((?:\*|(\d{1,9})(?:-(\d{1,9}))?)(?:/(\d{1,9}))?)");
     std::smatch part;
     if (item.empty()) {
         return "an empty item is skipped";
     }
     if (!std::regex_match(item, part, form)) {
-        return "not a number, a range or *";
+        const bool is_name = std::isalpha(static_cast<unsigned char>(item[0])) != 0 &&
+                             item.find_first_of("0123456789/") == item.npos;
+        return std::string("not a number, a range or *") + (!is_name ? ""
+                                                            : field.slots == wday_slots
+                                                                ? "; it is read as 0, which is Sunday"
+                                                                : "; it is read as 0");
     }
     const bool is_range = part[2].matched;
     for (const int i : {1, 2}) {
-        std::string problem = part[i].matched ? judge_number(part[i], field) : "";
+        std::string problem = part[i].matched ? validate_number(part[i], field) : "";
         if (!problem.empty()) {
             return problem;
         }
@@ -65,12 +71,12 @@ std::string finding_in(const time_field& field, const std::string& text, const s
 }
 
 // Appends what is wrong with one field. A problem that only the daemon finds is reported with the daemon's own text.
-void judge_field(const std::string& text, const time_field& field, std::vector<std::string>& findings) {
+void validate_field(const std::string& text, const time_field& field, std::vector<std::string>& findings) {
     const std::size_t before = findings.size();
     for (std::size_t begin = 0; begin <= text.size();) {
         const std::size_t end = std::min(text.find(',', begin), text.size());
         const std::string item = text.substr(begin, end - begin);
-        if (const std::string problem = judge_item(item, field); !problem.empty()) {
+        if (const std::string problem = validate_item(item, field); !problem.empty()) {
             findings.push_back(finding_in(field, item, problem));
         }
         begin = end + 1;
@@ -85,14 +91,14 @@ void judge_field(const std::string& text, const time_field& field, std::vector<s
 
 }  // namespace
 
-std::vector<std::string> judge_fields(const std::string& line) {
+std::vector<std::string> validate_fields(const std::string& line) {
     if (line[0] == ' ' || line[0] == '\t') {
         return {"the blank at the start makes the minute empty and moves every field by one"};
     }
     std::vector<std::string> findings;
     const char* text = line.c_str();
     for (const time_field& field : fields) {
-        judge_field({text, std::strcspn(text, " \t\n\v\f\r")}, field, findings);
+        validate_field({text, std::strcspn(text, " \t\n\v\f\r")}, field, findings);
         text = next_word(text, 1);
     }
     return findings;

@@ -8,7 +8,7 @@ namespace check {
 
 // What is wrong with the five time fields of a line that the daemon takes as a job: items that it leaves out, and items
 // that it reads as something else than is written. One text each.
-std::vector<std::string> judge_fields(const std::string& line);
+std::vector<std::string> validate_fields(const std::string& line);
 
 // The sixth field of such a line: the rest of it, up to the newline.
 std::string command_of(const std::string& line);

@@ -1,10 +1,11 @@
 #include "module_check.h"
 
 #include "command/module_table.h"
+#include "config_lines.h"
 #include "internal/dispatcher.h"
-#include "lines.h"
 #include "sched/sched_status.h"
 #include "trace_capture.h"
+#include "util/platform.h"
 #include "util/text.h"
 
 #include <cerrno>
@@ -21,7 +22,7 @@ namespace check {
 namespace {
 
 // The reason why the daemon cannot run a program; empty when it can.
-std::string reason_against(const std::string& program) {
+std::string why_not_executable(const std::string& program) {
     struct stat info {};
     if (stat(program.c_str(), &info) != 0) {
         return errno == ENOENT ? "does not exist" : std::generic_category().message(errno);
@@ -41,9 +42,9 @@ const char* timeout_text(const std::string& line) {
 
 class module_list {
 public:
-    module_list(std::string bin, report& to) : file_(st->modules_path), bin_(std::move(bin)), to_(to) {}
+    module_list(std::string bin, findings& to) : file_(st->modules_path), bin_(std::move(bin)), to_(to) {}
 
-    void judge(const line_piece& line) {
+    void validate(const line_piece& line) {
         scratch().put(line.text);
         copy_text(st->modules_path, scratch().path());
         read_modules();
@@ -51,7 +52,7 @@ public:
         if (refused) {
             add(line, "dropped: not a word, a program, a display field and a time-out in seconds");
         } else if (mod_max == 1) {
-            judge_entry(line, mod[0]);
+            validate_entry(line, mod[0]);
         } else if (line.text[0] != '#' && !is_blank(line.text)) {
             add(line, "skipped: an entry begins with a letter from a to z in the first column");
         }
@@ -59,10 +60,31 @@ public:
 
     const std::string& file() const { return file_; }
 
+    // What the list as a whole lacks, once all its lines have been seen.
+    void finish() {
+        if (first_line_.empty()) {
+            to_.add(file_, 1, "the list has no entry: every command is refused");
+        } else if (const std::string missing = missing_words(); !missing.empty()) {
+            to_.add(file_, 1, "no entry for what the scheduler itself calls:" + missing);
+        }
+    }
+
 private:
+    std::string missing_words() const {
+        std::string missing;
+        for (const char* word : {"allmodcall", "parts", "prognosis", "diag", "devconf", "confchg", "analysis",
+                                 "qmx", "ehello"}) {
+            const bool is_called = word != std::string_view("prognosis") || is_prognosis_platform();
+            if (is_called && !first_line_.contains(word)) {
+                missing += std::string(" ") + word;
+            }
+        }
+        return missing;
+    }
+
     void add(const line_piece& line, const std::string& text) { to_.add(file_, line.number, text); }
 
-    void judge_entry(const line_piece& line, const module_entry& entry) {
+    void validate_entry(const line_piece& line, const module_entry& entry) {
         if (++entries_ > module_max) {
             add(line, "dropped: the list holds at most " + std::to_string(module_max) + " entries");
         }
@@ -71,7 +93,7 @@ private:
             add(line, quoted(entry.name) + " is never found: line " + std::to_string(known->second) +
                           " lists it already");
         }
-        judge_timeout(line, entry);
+        validate_timeout(line, entry);
         if (entry.entrypath[0] == '-') {
             if (!is_answered(entry.name)) {
                 add(line, quoted(entry.name) + " is no command that the scheduler answers itself");
@@ -79,13 +101,13 @@ private:
             return;
         }
         const std::string program = bin_ + "/" + entry.entrypath;
-        const std::string reason = bin_.empty() ? "" : reason_against(program);
+        const std::string reason = bin_.empty() ? "" : why_not_executable(program);
         if (!reason.empty()) {
             add(line, "program " + quoted(program) + " " + reason);
         }
     }
 
-    void judge_timeout(const line_piece& line, const module_entry& entry) {
+    void validate_timeout(const line_piece& line, const module_entry& entry) {
         const char* text = timeout_text(line.text);
         char* rest = nullptr;
         errno = 0;
@@ -104,19 +126,20 @@ private:
 
     std::string file_;
     std::string bin_;
-    report& to_;
+    findings& to_;
     int entries_ = 0;
     std::map<std::string, int> first_line_;
 };
 
 }  // namespace
 
-bool check_modules(const std::string& bin, report& to) {
+bool check_modules(const std::string& bin, findings& to) {
     module_list list(bin, to);
-    if (!judge_lines(list.file(), module_line_size, absence::reported, to,
-                     [&list](const line_piece& line) { list.judge(line); })) {
+    if (!validate_lines(list.file(), module_line_size, missing_file::is_finding, to,
+                        [&list](const line_piece& line) { list.validate(line); })) {
         return false;
     }
+    list.finish();
     copy_text(st->modules_path, list.file());
     const bool loaded = read_modules() == 0;
     take_trace();

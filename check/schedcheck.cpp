@@ -1,9 +1,9 @@
 // schedcheck: reads the scheduler's configuration with the scheduler's own parsers and says what is wrong in it.
+#include "findings.h"
 #include "ini_check.h"
 #include "job_check.h"
 #include "module_check.h"
 #include "password_check.h"
-#include "report.h"
 #include "sched/sched_status.h"
 #include "util/text.h"
 
@@ -18,7 +18,7 @@ constexpr int runs_max = 1000;
 
 struct settings {
     std::string config;
-    int runs = 0;  // of each job, to be printed
+    int runs = 0;  // number of next run times to print for each job
 };
 
 // The file in the directory, or the one that the variable names.
@@ -28,7 +28,7 @@ std::string chosen_path(const std::string& directory, const char* name, const ch
 }
 
 int check_all(const settings& chosen) {
-    check::report found;
+    check::findings found;
     std::error_code problem;
     if (!std::filesystem::is_directory(chosen.config, problem)) {
         found.unreadable(chosen.config, problem ? problem.message() : "not a directory");
@@ -40,12 +40,12 @@ int check_all(const settings& chosen) {
     check::check_ini_files(chosen.config, found);
     const std::string bin = environment("VGD_bin");
     if (bin.empty()) {
-        std::fputs("schedcheck: VGD_bin is not set; programs are not looked for\n", stderr);
+        std::fputs("schedcheck: VGD_bin is not set; the programs are not checked\n", stderr);
     }
     const bool has_modules = check::check_modules(bin, found);
     check::check_jobs(has_modules, chosen.runs, found);
     if (environment("VGD_data")[0] == '\0') {
-        std::fputs("schedcheck: VGD_data is not set; the password file is not looked at\n", stderr);
+        std::fputs("schedcheck: VGD_data is not set; the password file is not checked\n", stderr);
     } else {
         check::check_password(found);
     }
@@ -66,6 +66,10 @@ int main(int argc, char** argv) try {
     app.add_option("--next", chosen.runs, "Print the next N times at which each timer job runs")
         ->check(CLI::Range(1, runs_max))
         ->type_name("N");
+    app.set_version_flag("-V,--version", "schedcheck " SCHED_VERSION, "Show the version and end");
+    app.failure_message([](const CLI::App* tool, const CLI::Error& problem) {
+        return "schedcheck: " + CLI::FailureMessage::simple(tool, problem);
+    });
     app.footer("Exit codes: 0 nothing found, 1 findings, 2 a file cannot be read or wrong usage.");
     try {
         app.parse(argc, argv);

@@ -1,4 +1,4 @@
-#include "report.h"
+#include "findings.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -28,17 +28,17 @@ std::size_t distance(std::string_view a, std::string_view b) {
 
 }  // namespace
 
-void report::add(const std::string& file, int line, const std::string& text) {
+void findings::add(const std::string& file, int line, const std::string& text) {
     std::printf("%s:%d: %s\n", file.c_str(), line, text.c_str());
     found_ = true;
 }
 
-void report::unreadable(const std::string& what, const std::string& reason) {
+void findings::unreadable(const std::string& what, const std::string& reason) {
     std::fprintf(stderr, "schedcheck: %s: %s\n", what.c_str(), reason.c_str());
     unreadable_ = true;
 }
 
-int report::finish() {
+int findings::finish() {
     errno = EIO;  // the reason of an earlier failure is not kept by the stream
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
         unreadable("standard output", std::generic_category().message(errno));

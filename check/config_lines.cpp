@@ -1,4 +1,4 @@
-#include "lines.h"
+#include "config_lines.h"
 
 #include <cerrno>
 #include <fstream>
@@ -15,8 +15,8 @@ namespace {
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-void judge_line(const std::string& path, int number, const std::string& line, std::size_t size, report& to,
-                const std::function<void(const line_piece&)>& judge) {
+void validate_line(const std::string& path, int number, const std::string& line, std::size_t size,
+                   findings& to, const std::function<void(const line_piece&)>& validate) {
     if (line.find('\0') != std::string::npos) {
         to.add(path, number, "a NUL character: what follows it is not read");
     }
@@ -26,12 +26,12 @@ void judge_line(const std::string& path, int number, const std::string& line, st
     }
     for (std::size_t begin = 0; begin < line.size(); begin += size - 1) {
         const std::string piece = line.substr(begin, size - 1);
-        judge({number, piece.substr(0, piece.find('\0'))});
+        validate({number, piece.substr(0, piece.find('\0'))});
     }
 }
 
 // Returns an empty text when path can be read as a file, otherwise the reason.
-std::string reason_against(const std::string& path) {
+std::string why_unreadable(const std::string& path) {
     struct stat info {};
     if (stat(path.c_str(), &info) != 0 || access(path.c_str(), R_OK) != 0) {
         return std::generic_category().message(errno);
@@ -41,12 +41,12 @@ std::string reason_against(const std::string& path) {
 
 }  // namespace
 
-bool judge_lines(const std::string& path, std::size_t size, absence missing, report& to,
-                 const std::function<void(const line_piece&)>& judge) {
-    if (missing == absence::allowed && access(path.c_str(), F_OK) != 0 && errno == ENOENT) {
+bool validate_lines(const std::string& path, std::size_t size, missing_file missing, findings& to,
+                    const std::function<void(const line_piece&)>& validate) {
+    if (missing == missing_file::allowed && access(path.c_str(), F_OK) != 0 && errno == ENOENT) {
         return false;
     }
-    std::string reason = reason_against(path);
+    std::string reason = why_unreadable(path);
     std::ifstream file;
     if (reason.empty()) {
         file.open(path, std::ios::binary);
@@ -57,7 +57,7 @@ bool judge_lines(const std::string& path, std::size_t size, absence missing, rep
     }
     int number = 0;
     for (std::string line; std::getline(file, line);) {
-        judge_line(path, ++number, file.eof() ? line : line + "\n", size, to, judge);
+        validate_line(path, ++number, file.eof() ? line : line + "\n", size, to, validate);
     }
     return true;
 }

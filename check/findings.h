@@ -9,7 +9,7 @@ namespace check {
 
 enum exit_code : int { exit_clean = 0, exit_findings = 1, exit_unreadable = 2 };
 
-class report {
+class findings {
 public:
     // One finding: prints "file:line: text" on standard output.
     void add(const std::string& file, int line, const std::string& text);
