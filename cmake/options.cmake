@@ -1,6 +1,12 @@
 # The target sched_options: warnings, hardening, and paths that do not depend on the build machine.
 add_library(sched_options INTERFACE)
 
+# Where a pointer has 32 bits, time_t and off_t have 32 bits too unless these are set: the clock would end in 2038, and a
+# file of more than 2 GiB could not be opened. Set for the whole tree, because structures that contain a time must agree.
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  add_compile_definitions(_TIME_BITS=64 _FILE_OFFSET_BITS=64)
+endif()
+
 target_compile_options(sched_options INTERFACE
   -Wall -Wextra
   -Wshadow -Wconversion -Wformat=2 -Wcast-qual -Wcast-align -Wundef -Wvla
