@@ -103,6 +103,7 @@ class Daemon:
         try:
             wait_for(self.listens, "the daemon does not listen")
             self.pid = int((self.dir / "log/sched.pid").read_text())
+            wait_for(lambda: self.sockets() == 1, "the first connection does not end")
             resource.prlimit(self.pid, resource.RLIMIT_NOFILE, (descriptors, MOST_DESCRIPTORS))
             resource.prlimit(self.pid, resource.RLIMIT_CORE, (0, 0))  # for modules that end by a signal
         except BaseException:
@@ -122,6 +123,13 @@ class Daemon:
 
     def descriptors(self):
         return len(os.listdir(f"/proc/{self.pid}/fd"))
+
+    def sockets(self):
+        count = 0
+        for link in Path(f"/proc/{self.pid}/fd").iterdir():
+            with contextlib.suppress(OSError):  # closed meanwhile
+                count += os.readlink(link).startswith("socket:")
+        return count
 
     def threads(self):
         return set(map(int, os.listdir(f"/proc/{self.pid}/task")))

@@ -136,9 +136,21 @@ build_tree() {
     logged "compile-$tree" "compiling $tree" cmake --build "$tree" "$@"
 }
 
+# tree_of PRESET: its build tree.
+tree_of() {
+    [ "$1" = release ] && echo build || echo "build-$1"
+}
+
+# configure_preset NAME: a tree that was configured for make is configured anew, because the presets use ninja.
+configure_preset() {
+    local fresh=()
+    ! grep -qs '^CMAKE_GENERATOR:INTERNAL=Unix Makefiles' "$(tree_of "$1")/CMakeCache.txt" || fresh=(--fresh)
+    logged "configure-$1" "configuring $1" cmake "${fresh[@]}" --preset "$1"
+}
+
 # build_preset NAME [BUILD-ARGUMENT...]: the same with one of CMakePresets.json.
 build_preset() {
-    logged "configure-$1" "configuring $1" cmake --preset "$1"
+    configure_preset "$1"
     logged "compile-$1" "compiling $1" cmake --build --preset "$@"
 }
 
@@ -162,8 +174,8 @@ summarise() {
 # test_preset NAME: runs the tests of a built preset. Most tests wait for a daemon and do not compute, so more of them
 # run at once than there are processors.
 test_preset() {
-    local run=() tree=build-$1
-    [ "$1" != release ] || tree=build
+    local run=() tree
+    tree=$(tree_of "$1")
     # ThreadSanitizer cannot map its shadow memory when the kernel randomises addresses by more than 28 bits.
     if [ "$1" = tsan ] && [ "$(cat /proc/sys/vm/mmap_rnd_bits 2>/dev/null || echo 28)" -gt 28 ]; then
         run=(setarch -R)

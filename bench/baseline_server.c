@@ -1,7 +1,7 @@
 // The lowest cost of a module command: a TCP server with the daemon's line protocol. It starts one program with
 // posix_spawn for every line, relays its output with each LF as CR LF and ends with "__over__".
 // It has no log, no locks and no time-outs. "status" is answered at once, which shows the cost of an empty answer.
-// Usage: limit_server PROGRAM. It prints the loopback port on which it listens.
+// Usage: baseline_server PROGRAM. It prints the loopback port on which it listens.
 #define _GNU_SOURCE
 #include <arpa/inet.h>
 #include <fcntl.h>
