@@ -7,7 +7,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <iostream>
+#include <string_view>
 
 namespace {
 
@@ -21,6 +23,24 @@ struct request {
     bool check = false;
     bool from_input = false;
 };
+
+// The password file of the scheduler that these directories belong to: VGD_data of the environment, else of the installed
+// service's settings, as root has no such variable in a shell. Empty when neither has it.
+std::string default_file() {
+    std::string data;
+    if (const char* variable = std::getenv("VGD_data"); variable != nullptr) {
+        data = variable;
+    }
+    constexpr std::string_view key = "VGD_data=";
+    std::ifstream settings(data.empty() ? SCHED_DEFAULTS : "/dev/null");
+    for (std::string line; std::getline(settings, line);) {
+        if (line.starts_with(key)) {
+            data = line.substr(key.size());
+            std::erase(data, '"');
+        }
+    }
+    return data.empty() ? "" : data + "/password";
+}
 
 int finish(int code) {
     return client::flush_output() ? code : exit_output;
@@ -89,7 +109,8 @@ int main(int argc, char** argv) try {
         "the\n"
         "output could not be written.");
     app.set_version_flag("-V,--version", "schedpasswd " SCHED_VERSION, "Show the version and end");
-    app.add_option("FILE", asked.file, "Password file; default: $VGD_data/password");
+    app.add_option("FILE", asked.file,
+                   "Password file; default: that of $VGD_data, else of the installed service");
     app.add_flag("--check", asked.check, "Verify a password against the file instead of writing it");
     app.add_flag("--stdin", asked.from_input, "Read the password from one line of standard input");
     try {
@@ -97,12 +118,12 @@ int main(int argc, char** argv) try {
     } catch (const CLI::ParseError& problem) {
         return app.exit(problem) != 0 ? exit_trouble : finish(0);
     }
-    const char* data = std::getenv("VGD_data");
-    if (asked.file.empty() && data != nullptr && data[0] != '\0') {
-        asked.file = std::string(data) + "/password";
+    if (asked.file.empty()) {
+        asked.file = default_file();
     }
     if (asked.file.empty()) {
-        return fail("no FILE, and VGD_data is not set");
+        return fail("VGD_data is set neither here nor in " SCHED_DEFAULTS
+                    "; name the file: schedpasswd DIRECTORY/password");
     }
     return finish(asked.check ? check(asked) : set(asked));
 } catch (const std::exception& problem) {

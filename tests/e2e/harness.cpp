@@ -191,6 +191,7 @@ Suite::Suite() {
     }
     env["VGD_PIPE"] = path("pipe");
     EXPECT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
+    setenv("XDG_STATE_HOME", path("state").c_str(), 1);  // what the client stores does not go to the user's own files
     // A detached scheduler has its standard error on /dev/null, so reports go into files.
     for (const char* options : {"ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"})
         env[options] = shell("printf %s \"$"s + options + "\"") + ":log_path=" + path("sanitizer");
