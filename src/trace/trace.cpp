@@ -67,7 +67,7 @@ int append_line(const char* name, const char* line) {
 }  // namespace
 
 unsigned thread_id() {
-    return static_cast<unsigned>(std::uintptr_t(pthread_self()));
+    return static_cast<unsigned>(pthread_self());
 }
 
 int trinit(const char* path) {
