@@ -1,4 +1,4 @@
-// What a line of the event pipe means, computed independently of the daemon's code: for the fuzzer and the property test.
+// What a line of the event pipe means, found in another way than the daemon's: for the fuzzer and the property test.
 #pragma once
 
 #include <string>
