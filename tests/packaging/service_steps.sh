@@ -17,7 +17,7 @@ export VGD_log=$dir/log VGD_data=$dir/data VGD_PIPE=$dir/pipe
 alone_beside() {
     local wanted=$1 what=$2 status=0
     shift 2
-    "$@" "$dir/sched" 60 &
+    "$@" "$dir/sched" 600 &
     pid=$!
     for ((i = 0; i < 100; i++)); do
         [ "$(cat "/proc/$pid/comm")" != sched ] || break
