@@ -21,7 +21,7 @@ build_packages=(g++ cmake ninja-build libcli11-dev libcpp-httplib-dev pkgconf nl
 unit_test_packages=(libgtest-dev libgmock-dev librapidcheck-dev)
 # shellcheck disable=SC2034
 test_packages=("${build_packages[@]}" "${unit_test_packages[@]}" rsyslog python3-croniter libfaketime curl mandoc systemd
-    zsh fish)
+    zsh fish jq openipmi freeipmi-tools mdadm shellcheck)
 
 # can_be_root: sudo may ask for a password only on a terminal.
 can_be_root() {

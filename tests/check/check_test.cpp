@@ -209,10 +209,10 @@ TEST(Check, NamesLinesThatDoNotFitInATable) {
                 EndsWith("/password:1: what follows the hash and the salt is ignored\n"));
 }
 
-TEST(Check, ShippedExamplesAreCleanAndTheirNextRunsArePrinted) {
+TEST(Check, ShippedConfigurationIsCleanAndItsNextRunsArePrinted) {
     Suite suite;
     const result clean =
-        schedcheck(suite, "--next 2 --config " SCHED_EXAMPLES "/config", "VGD_bin=" SCHED_EXAMPLES "/bin");
+        schedcheck(suite, "--next 2 --config " SCHED_SOURCES "/config", "VGD_bin=" SCHED_SOURCES "/modules");
     EXPECT_EQ(clean.code, 0);
     EXPECT_EQ(clean.err, "");
     const std::string run = "[^\n]*/timer_jobs:[0-9]+: runs at ";

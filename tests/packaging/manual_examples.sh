@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# manual_examples.sh SCHED SCHEDCHECK SUITE PAGE...: the scheduler reads the files, takes the events and gives the answers
+# manual_examples.sh SCHED SCHEDCHECK MODULES PAGE...: the scheduler reads the files, takes the events and gives the answers
 # that the manual pages show. A display is marked by the comment before it: ".\" file: PATH", ".\" events",
 # ".\" event_log" or ".\" conversation"; <TAB> in it stands for a tab.
 set -euo pipefail
-sched=$1 schedcheck=$2 suite=$3
+sched=$1 schedcheck=$2 modules=$3
 shift 3
 
 dir=$(mktemp -d) pid=
@@ -30,7 +30,7 @@ alike() { sed -E 's/-?[0-9]+/N/g'; }
 
 pages=("$@")
 cd "$dir"
-cp -r "$suite/bin" bin
+cp -r "$modules" bin
 mkdir config data log temp update
 for file in config/{sched.conf,common.ini,pvo.ini,vgd_modules,timer_jobs} data/password bin/{space,ehello,slow}; do
     displays "file: $file" >"$file"

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# sandbox.sh SCHED SUITE UNIT: the suite works under the essentials of the service's sandbox (read-only file system,
+# sandbox.sh SCHED MODULES CONFIG UNIT: the suite works under the essentials of the service's sandbox (read-only file system,
 # no privilege but the raw socket, and no way to gain one), and a module has no more privileges.
 set -euo pipefail
-sched=$1 suite=$2 unit=$3
+sched=$1 modules=$2 config=$3 unit=$4
 
 skip() { printf 'skipped: %s\n' "$*"; exit 77; }
 fail() { printf 'FAILED: %s\n' "$*"; cat trace; exit 1; }
@@ -14,7 +14,8 @@ capability=$(sed -n 's/^AmbientCapabilities=CAP_//p' "$unit" | tr '[:upper:]' '[
 dir=$(mktemp -d) pid=
 trap '[ -z "$pid" ] || kill "$pid" 2>/dev/null || true; rm -rf "$dir"' EXIT
 cd "$dir"
-cp -r "$suite"/. .
+cp -r "$modules" bin
+cp -r "$config" config
 cp "$sched" sched # other users may not read the build directory
 mkdir -p data log temp update
 mkfifo pipe

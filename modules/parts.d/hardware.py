@@ -1,0 +1,354 @@
+"""What the checks share: the collected answers, the sensors in them, and the lines that a check prints.
+
+An answer may lack any field, and a field may have any type: what is not understood is no value, never an alarm.
+parts sets SCHED_HARDWARE (the answers), PARTS_KNOWN (keys found the last time) and PARTS_STATE (a directory).
+"""
+
+import json
+import math
+import os
+import re
+
+ANSWERS = os.environ.get("SCHED_HARDWARE", "/run/sched-hardware")
+GOOD_SIDE = 0.05  # of the limit: how far a value must return before its condition counts as gone
+# Readings outside are no measurement: -128 and 127 degrees, 65535 turns and the like mean that nothing is connected.
+SANE = {"temperature": (-60, 126.5), "fan": (0, 60000), "voltage": (-500, 500), "power": (0, 1e6)}
+UNITS = {"temperature": "degrees Celsius", "fan": "turns a minute", "voltage": "V", "power": ""}
+
+
+# ---- what a check prints --------------------------------------------------------------------------------------------
+
+def text(value, longest=80):
+    """A value as printable text."""
+    return re.sub(r"[^ -~]+|\s+", " ", str(value)).strip()[:longest] if isinstance(value, (str, int, float)) else ""
+
+
+def finding(severity, key, *words):
+    print(f"{severity}\t{text(key, 200)}\t{text(' '.join(words), 400)}")
+
+
+def fault(key, *words):
+    """Broken: an error event, and "parts status" tells it."""
+    finding("fault", key, *words)
+
+
+def wear(key, *words):
+    """Works, but not as it should: a warning, and "parts prevstatus" tells it."""
+    finding("wear", key, *words)
+
+
+def seen(count, what):
+    """How many the check looked at; of equal names parts adds them up."""
+    finding("seen", what, str(count))
+
+
+# ---- values ---------------------------------------------------------------------------------------------------------
+
+def number(value):
+    """The number that a value is or, as a text, begins with; None when it is none."""
+    if isinstance(value, str):
+        found = re.match(r"\s*([-+]?\d[\d,]*(?:\.\d+)?)(?![\w.])", value)
+        value = float(found.group(1).replace(",", "")) if found and len(found.group(1)) < 40 else None
+    if isinstance(value, bool) or not isinstance(value, (int, float)):
+        return None
+    try:
+        value = float(value)
+    except OverflowError:
+        return None
+    return value if math.isfinite(value) and abs(value) < 1e15 else None
+
+
+def whole(value):
+    value = number(value)
+    return int(value) if value is not None and value == int(value) else None
+
+
+def count(value):
+    """A number of sectors or errors. More than 32 bits, or all of them set, are packed or not maintained."""
+    value = whole(value)
+    return value if value is not None and 0 <= value < 0xFFFFFFFF else None
+
+
+def at(value, *names):
+    """The field below these names; None when there is none."""
+    for name in names:
+        value = value.get(name) if isinstance(value, dict) else None
+    return value
+
+
+def listed(value):
+    return [item for item in value if isinstance(item, dict)] if isinstance(value, list) else []
+
+
+def shown(value):
+    return f"{value:.2f}".rstrip("0").rstrip(".")
+
+
+# ---- answers --------------------------------------------------------------------------------------------------------
+
+def read(name):
+    try:
+        with open(os.path.join(ANSWERS, name), encoding="utf-8", errors="replace") as file:
+            return file.read()
+    except OSError:
+        return ""
+
+
+def files(directory, suffix):
+    """Names of the answers in a directory, sorted."""
+    try:
+        return sorted(name for name in os.listdir(os.path.join(ANSWERS, directory)) if name.endswith(suffix))
+    except OSError:
+        return []
+
+
+def answer(name):
+    """A JSON answer; None when it cannot be read."""
+    try:
+        return json.loads(read(name))
+    except (ValueError, RecursionError):
+        return None
+
+
+def kernel(name="kernel.txt"):
+    """Files of the kernel by path."""
+    return dict(line.split("\t", 1) for line in read(name).splitlines() if "\t" in line)
+
+
+def known():
+    """The keys that were found the last time."""
+    try:
+        with open(os.environ.get("PARTS_KNOWN", "/dev/null"), encoding="utf-8", errors="replace") as file:
+            return {line.split("\t")[1] for line in file if line.count("\t") >= 2}
+    except OSError:
+        return set()
+
+
+# ---- sensors --------------------------------------------------------------------------------------------------------
+
+class Sensor:
+    """One sensor. limits: by name (uc, unc, lnc, lc for upper and lower, critical and not). level: the BMC's own
+    judgement, "crit", "warn" or ""; None where the limits have to tell."""
+
+    def __init__(self, key, name, kind, value, limits, level=None, events=(), unit=""):
+        self.key, self.name, self.kind, self.level, self.events, self.unit = key, name, kind, level, events, unit
+        lowest, highest = SANE.get(kind, (-1e12, 1e12))
+        self.value = value if value is not None and lowest <= value <= highest else None
+        self.absurd = value is not None and self.value is None
+        self.broken, self.has_limits, self.state_known = False, False, False
+        # A limit of 0 is one that nobody set.
+        self.limits = {which: limit for which, limit in limits.items() if limit}
+
+    def beyond(self, which):
+        limit = self.limits.get(which)
+        if self.value is None or limit is None:
+            return False
+        return self.value >= limit if which[0] == "u" else self.value < limit or (
+            self.level is not None and self.value <= limit)
+
+    def back(self, which):
+        """Whether the value is clearly on the good side of the limit."""
+        limit = self.limits.get(which)
+        if self.value is None or limit is None:
+            return True
+        margin = abs(limit) * GOOD_SIDE
+        return self.value <= limit - margin if which[0] == "u" else self.value >= limit + margin
+
+    def violated(self, level):
+        """The name of the limit that the value is beyond at this level ("crit", "warn"); "" when it is none."""
+        names = ("uc", "lc", "unr", "lnr") if level == "crit" else ("unc", "lnc")
+        return next((name for name in names if self.beyond(name)), "")
+
+
+TYPES = {
+    "temperatures": ("temperature",),
+    "fans": ("fan", "cooling device"),
+    "voltages": ("voltage",),
+    "power": ("power supply", "power unit", "current"),
+    "memory": ("memory",),
+    "disks": ("drive slot", "drive bay", "drive slot / bay", "drive slot (bay)"),
+}
+KINDS = {"temperature": "temperature", "fan": "fan", "voltage": "voltage"}
+COLUMNS = ["id", "name", "type", "state", "reading", "units", "event"]
+LIMIT_COLUMNS = {"upper nr": "unr", "upper c": "uc", "upper nc": "unc", "lower nc": "lnc", "lower c": "lc",
+                 "lower nr": "lnr"}
+
+
+def rows(name, columns):
+    """Rows of a CSV answer as dictionaries, and the number of lines that are none. The last column may hold commas."""
+    found, bad = [], 0
+    for line in read(name).splitlines():
+        fields = [field.strip() for field in line.split(",")]
+        if fields[0].lower() == "id":
+            columns = [field.lower() for field in fields]
+        elif len(fields) < len(columns) or not fields[0].isdigit():
+            bad += bool(line.strip())
+        else:
+            fields[len(columns) - 1:] = [",".join(fields[len(columns) - 1:])]
+            found.append(dict(zip(columns, fields)))
+    return found, bad
+
+
+def of_bmc(suffix=""):
+    """The BMC's sensors by key."""
+    sensors = {}
+    for row in rows("ipmi-sensors.csv" + suffix, COLUMNS)[0]:
+        name = text(row.get("name", "")) or "sensor"
+        key = f"ipmi:{name}" if f"ipmi:{name}" not in sensors else f"ipmi:{name}:{row['id']}"
+        kind = row.get("type", "").lower()
+        level = {"critical": "crit", "warning": "warn"}.get(row.get("state", "").lower(), "")
+        limits = {short: number(row[column]) for column, short in LIMIT_COLUMNS.items() if column in row}
+        events = re.findall(r"'([^']*)'", row.get("event", "")) or [row.get("event", "")]
+        sensors[key] = Sensor(key, name, KINDS.get(kind, kind), number(row.get("reading", "")), limits, level, events,
+                              text(row.get("units", "")))
+        sensors[key].has_limits = any(column in row for column in LIMIT_COLUMNS)
+        sensors[key].state_known = row.get("state", "").lower() in ("nominal", "warning", "critical")
+    return sensors
+
+
+def of_kernel(suffix=""):
+    """The sensors of the kernel's drivers, by key: as lm-sensors scales them or, without it, from /sys."""
+    chips = answer("sensors.json" + suffix)
+    if isinstance(chips, dict) and any(isinstance(chip, dict) for chip in chips.values()):
+        features = [(f"{chip}/{label}", f"{chip} {label}", 1, values)
+                    for chip, content in chips.items() if isinstance(content, dict)
+                    for label, values in content.items() if isinstance(values, dict)]
+    else:
+        features = features_of_sys(kernel("kernel.txt" + suffix))
+    sensors = {}
+    for key, name, scale, values in features:
+        for item, value in values.items():
+            found = re.fullmatch(r"(temp|fan|in)(\d+)_input", str(item))
+            value = number(value)
+            if found and value is not None:
+                kind = {"temp": "temperature", "fan": "fan", "in": "voltage"}[found.group(1)]
+                scaled = scale if kind != "fan" else 1
+                key, limits = f"hwmon:{text(key, 120)}", limits_of(found.group(1) + found.group(2), values, scaled)
+                sensors[key] = Sensor(key, text(name), kind, value / scaled, limits)
+                sensors[key].broken = kind == "fan" and number(values.get(f"fan{found.group(2)}_fault")) == 1
+    return sensors
+
+
+def features_of_sys(files):
+    features = {}
+    for path, value in files.items():
+        found = re.fullmatch(r"/sys/class/hwmon/(hwmon\d+)/(temp|fan|in)(\d+)_(\w+)", path)
+        if found:
+            chip, what = found.group(1), found.group(2) + found.group(3)
+            features.setdefault((chip, what), {})[f"{what}_{found.group(4)}"] = value
+    return [(f"{files.get(f'/sys/class/hwmon/{chip}/name', chip)}-{chip}/{what}",
+             f"{files.get(f'/sys/class/hwmon/{chip}/name', chip)} {values.get(f'{what}_label', what)}", 1000, values)
+            for (chip, what), values in features.items()]
+
+
+def limits_of(what, values, scale):
+    """Only limits that makers set on purpose: chips of mainboards hold anything in those of fans' alarms and voltages."""
+    wanted = {"uc": "crit", "lc": "lcrit"}
+    if what.startswith("temp"):
+        wanted["unc"] = "max"
+    elif what.startswith("fan"):
+        wanted = {"lc": "min"}
+    limits = {which: number(values.get(f"{what}_{limit}")) for which, limit in wanted.items()}
+    # Drivers tell 0 or less, or what no part would survive, where the chip has no limit.
+    return {which: limit / scale for which, limit in limits.items() if limit is not None and limit > 0}
+
+
+ADVICE = {
+    "temperature": "check fans, filters and the air's way",
+    "fan": "check that it turns and replace it",
+    "voltage": "check the power supply and the board",
+    "power": "check the load and the supply",
+}
+
+
+def judge_reading(sensor, before, told):
+    """A value beyond a limit counts when the last collection saw it too, and until it is clearly back."""
+    advice = ADVICE.get(sensor.kind, "see the maker's manual")
+    value = f"{sensor.name}: {shown(sensor.value)} {UNITS.get(sensor.kind) or sensor.unit}".strip()
+    for level, say in (("crit", fault), ("warn", wear)):
+        key = f"{sensor.kind}:{sensor.key}:{level}"
+        which = sensor.violated(level)
+        if sensor.level is not None:
+            bad = sensor.level == level and (bool(which) or not sensor.has_limits)
+            was_bad = before is not None and before.value is not None and before.level in ("crit", level)
+        else:
+            bad = bool(which)
+            was_bad = before is not None and bool(before.violated(level) or before.violated("crit"))
+        if not bad and key in told:
+            names = ("uc", "lc") if level == "crit" else ("unc", "lnc")
+            which = next((name for name in names if not sensor.back(name)), "")
+            bad = was_bad = bool(which)
+        if bad and was_bad:
+            limit = f"{'' if level == 'warn' else 'critical '}limit {shown(sensor.limits[which])}" if which else \
+                f"{'critical' if level == 'crit' else 'warning'} for the BMC"
+            say(key, f"{value}, {limit}; {advice}")
+            return
+
+
+NOT_THERE = re.compile(r"absent|not present|removed|not installed|\bempty\b|no presence", re.I)
+
+
+def present(sensor):
+    return any("presence detected" in event.lower() for event in sensor.events)
+
+
+def judge_events(sensor, check, gone):
+    """A sensor without a reading tells events. An empty slot and what the BMC does not know are no fault; gone: the
+    part was there in an earlier collection."""
+    events = [event for event in map(text, sensor.events) if event and event not in ("OK", "N/A")]
+    lost = [event for event in events if re.search(r"redundancy lost", event, re.I)]
+    key, what = f"{check}:{sensor.key}", f"{sensor.name}: {', '.join(events)}"
+    if lost:
+        fault(f"{key}:redundancy", f"{what}; find the part that is missing or without power")
+    elif gone:
+        fault(f"{key}:absent", f"{sensor.name}: was there before and is absent now; put it back, or clear this")
+    elif not events or any(map(NOT_THERE.search, events)) or any("Threshold" in event for event in events):
+        return
+    elif sensor.level == "crit":
+        fault(f"{key}:crit", f"{what}; see the BMC's log")
+    elif sensor.level == "warn":
+        wear(f"{key}:warn", f"{what}; see the BMC's log")
+
+
+def parts_there(check, sensors):
+    """Names of the power supplies that were present in any collection before this one."""
+    path = os.path.join(os.environ.get("PARTS_STATE", ""), check + ".there")
+    there = set()
+    try:
+        with open(path, encoding="utf-8") as file:
+            there = set(file.read().splitlines())
+    except OSError:
+        pass
+    now = there | {sensor.key for sensor in sensors if present(sensor)}
+    if now != there and os.environ.get("PARTS_STATE"):
+        with open(path + ".new", "w", encoding="utf-8") as file:
+            file.write("".join(sorted(key + "\n" for key in now)))
+        os.replace(path + ".new", path)
+    return there
+
+
+def sensors(check, of_type=None):
+    """The whole check of a kind of sensors. of_type: tells whether a BMC's sensor type belongs to the check."""
+    of_type = of_type or (lambda kind: kind in TYPES[check])
+    told = known()
+    now, before = of_bmc(), of_bmc(".1")
+    mine = [sensor for sensor in now.values() if of_type(sensor.kind)]
+    was_there = parts_there(check, mine) if check == "power" else set()
+    for sensor in mine:
+        last = before.get(sensor.key)
+        if sensor.value is not None:
+            judge_reading(sensor, last, told)
+        elif not sensor.absurd:
+            gone = sensor.key in was_there and last is not None and not any(
+                present(answer) or not answer.state_known for answer in (sensor, last))
+            judge_events(sensor, check, gone)
+    now, before = of_kernel(), of_kernel(".1")
+    kind = {"temperatures": "temperature", "fans": "fan", "voltages": "voltage"}.get(check)
+    of_board = [sensor for sensor in now.values() if sensor.kind == kind]
+    for sensor in of_board:
+        last = before.get(sensor.key)
+        if sensor.broken and last is not None and last.broken:
+            fault(f"fan:{sensor.key}:fault", f"{sensor.name}: the chip reports a broken fan; replace it")
+        elif sensor.value is not None:
+            judge_reading(sensor, last, told)
+    seen(sum(sensor.value is not None or sensor.level is not None for sensor in mine + of_board), check)

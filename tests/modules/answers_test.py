@@ -1,0 +1,191 @@
+#!/usr/bin/python3
+"""answers_test.py MODULES: the checks find in recorded answers of the tools what answers.toml says, and nothing else.
+
+The tools are programs of the same names that print the recorded answer; collect and the checks are the real ones.
+"""
+
+import json
+import os
+import pathlib
+import shutil
+import subprocess
+import sys
+import tempfile
+import tomllib
+
+HERE = pathlib.Path(__file__).resolve().parent
+MODULES = pathlib.Path(sys.argv[1]).resolve()
+CHECKS = {
+    "smartctl": ["smart"],
+    "ipmi-sensors": ["temperatures", "fans", "voltages", "power", "memory", "disks", "bmc"],
+    "ipmi-sel": ["bmc"],
+    "ras-mc-ctl": ["memory"],
+    "mdadm": ["arrays"],
+    "sensors": ["temperatures", "fans", "voltages"],
+}
+# Prints the answer of the present collection and ends as a recorded smartctl says it did.
+SMARTCTL = """#!/bin/sh
+case "$*" in *--scan-open*) exec cat "{dir}/scan" ;; esac
+for name; do :; done
+[ -e "{dir}/now/${{name##*/}}" ] || exit 1
+cat "{dir}/now/${{name##*/}}"
+exit "$(cat "{dir}/now/${{name##*/}}.exit" 2>/dev/null || echo 0)"
+"""
+
+
+def collections(tool, names):
+    """How many collections show all that these answers can tell: a limit counts after two."""
+    files = [path.name for path in (HERE / "answers" / tool).iterdir()]
+    return max([2] + [3 for name in names for file in files if file.startswith(f"{name}.") and file[len(name) + 1].isdigit()])
+
+
+def recorded(tool, name, collection):
+    """The answer that is valid in a collection: that of the latest number up to it."""
+    suffix = ".json" if tool == "smartctl" else ""
+    for number in range(collection, 0, -1):
+        path = HERE / "answers" / tool / (name + (f".{number}" if number > 1 else "") + suffix)
+        if path.exists():
+            return path
+    sys.exit(f"no answer {tool}/{name}")
+
+
+class Machine:
+    """Directories, tools and the commands of a trial."""
+
+    def __init__(self, directory):
+        self.dir = pathlib.Path(directory)
+        for name in ("bin", "now", "root/sys", "root/proc", "state"):
+            (self.dir / name).mkdir(parents=True)
+        self.known = self.dir / "known"
+        # Of the other tools there are none here, so that an answer has only one source.
+        self.env = {"PATH": f"{self.dir}/bin:{self.dir}/base", "PARTS_ROOT": f"{self.dir}/root",
+                    "SCHED_HARDWARE": f"{self.dir}/run", "SCHED_HARDWARE_STATE": f"{self.dir}/hardware-state",
+                    "PARTS_STATE": f"{self.dir}/state", "PARTS_KNOWN": str(self.known),
+                    "PYTHONPYCACHEPREFIX": os.environ["PYTHONPYCACHEPREFIX"]}
+        (self.dir / "base").mkdir()
+        for name in ("cat", "sh"):
+            (self.dir / "base" / name).symlink_to(shutil.which(name))
+
+    def tool(self, name, text):
+        path = self.dir / "bin" / name
+        path.write_text(text)
+        path.chmod(0o755)
+
+    def run(self, *command):
+        process = subprocess.run([str(word) for word in command], env=self.env, capture_output=True, text=True)
+        if process.returncode != 0 or process.stderr:
+            sys.exit(f"FAILED: {command} ended with {process.returncode}: {process.stderr}")
+        return process.stdout
+
+    def collect(self, tool):
+        self.run(MODULES / "collect", "disks" if tool == "smartctl" else "sensors")
+
+    def judge(self, tool):
+        lines = "".join(self.run(MODULES / "parts.d" / check) for check in CHECKS[tool]).splitlines()
+        found = [line.split("\t") for line in lines if not line.startswith("seen\t")]
+        self.known.write_text("".join("\t".join(line) + "\n" for line in found))
+        return found
+
+
+def try_tool(tool, name):
+    """The findings of the last of the collections."""
+    with tempfile.TemporaryDirectory() as directory:
+        machine = Machine(directory)
+        silent = {"ras-mc-ctl": '--summary' if name != "summary" else '--error-count'}.get(tool, "-no-")
+        if tool == "mdadm":
+            (machine.dir / "root/sys/block/md0/md").mkdir(parents=True)
+        machine.tool(tool, f'#!/bin/sh\ncase "$*" in *{silent}*) exit 1 ;; esac\ncat "{machine.dir}/now/answer"\n')
+        last = collections(tool, [name])
+        for collection in range(1, last + 1):
+            shutil.copy(recorded(tool, name, collection), machine.dir / "now/answer")
+            machine.collect(tool)
+            if last > 2 or collection == last:  # what was found before matters only when the answer changes
+                found = machine.judge(tool)
+        return found
+
+
+def try_disks(names):
+    """All disks at once: what one of them answers must not change what is found on another."""
+    with tempfile.TemporaryDirectory() as directory:
+        machine = Machine(directory)
+        machine.tool("smartctl", SMARTCTL.format(dir=machine.dir))
+        devices = []
+        for name in names:
+            kind = "megaraid,4" if name == "megaraid" else "sat"
+            devices.append({"name": f"/dev/{name}", "type": kind, "protocol": "ATA"})
+        devices += [{"name": "/dev/closed", "type": "sat", "open_error": "No such device"}, {}, "x", {"name": "-x"}]
+        (machine.dir / "scan").write_text(json.dumps({"devices": devices}))
+        for collection in range(1, collections("smartctl", names) + 1):
+            for name in names:
+                path = recorded("smartctl", name, collection)
+                shutil.copy(path, machine.dir / "now" / name)
+                try:
+                    code = int(json.loads(path.read_text())["smartctl"]["exit_status"]) & 255
+                except (ValueError, TypeError, KeyError):
+                    code = 0
+                (machine.dir / "now" / f"{name}.exit").write_text(str(code))
+            machine.collect("smartctl")
+            found = machine.judge("smartctl")
+        return {name: of_disk(name, machine.dir / "run/smart", found) for name in names}
+
+
+def of_disk(name, answers, found):
+    """Findings of one disk: those with its serial number, or with its file's name where there is none."""
+    ids = {f"{name}-sat", f"/dev/{name}"}
+    try:
+        ids.add(str(json.loads(recorded("smartctl", name, 1).read_text())["serial_number"]))
+    except (ValueError, TypeError, KeyError):
+        pass
+    return [line for line in found if any(f":{word}:" in line[1] for word in ids)]
+
+
+def what(tool, key):
+    """The key without the tool's or the disk's own name."""
+    parts = key.split(":")
+    if tool == "smartctl":
+        return ":".join(parts[2:])
+    if tool == "ipmi-sel":
+        return parts[1]
+    if tool == "ipmi-sensors":
+        return key.removeprefix("bmc:ipmi-s") and key.replace(":ipmi:", ":").replace("bmc:ipmi-sensors", "ipmi-sensors")
+    return key.split(":", 1)[1].removeprefix("hwmon:")
+
+
+def matches(wanted, got):
+    """The key may hold colons and blanks, so any of them may be the one that ends it."""
+    words = wanted.split(": ")
+    return any(got.startswith(": ".join(words[:i]) + ": ") and ": ".join(words[i:]) in got
+               for i in range(1, len(words) + 1))
+
+
+def complaints(tool, name, wanted, found):
+    lines = [f"{severity} {what(tool, key)}: {text}" for severity, key, text in found]
+    rest = list(lines)
+    for line in wanted:
+        hit = next((got for got in rest if matches(line, got)), None)
+        if hit is None:
+            yield f"{tool}/{name}: wanted \"{line}\", but found: {lines or 'nothing'}"
+        else:
+            rest.remove(hit)
+    for line in rest:
+        yield f"{tool}/{name}: not wanted: \"{line}\""
+
+
+def main():
+    table = tomllib.loads((HERE / "answers.toml").read_text())
+    bad, answers = [], 0
+    for tool, cases in table.items():
+        results = try_disks(list(cases)) if tool == "smartctl" else {name: try_tool(tool, name) for name in cases}
+        for name, wanted in cases.items():
+            bad += complaints(tool, name, wanted, results[name])
+            answers += 1
+        kept = {path.name.removesuffix(".json").split(".")[0] for path in (HERE / "answers" / tool).iterdir()}
+        bad += [f"{tool}/{name}: not in the table" for name in kept - set(cases)]
+    print("\n".join(bad) or f"{answers} recorded answers")
+    sys.exit(bool(bad))
+
+
+if __name__ == "__main__":
+    with tempfile.TemporaryDirectory() as cache:
+        os.environ["PYTHONPYCACHEPREFIX"] = cache
+        main()
