@@ -65,8 +65,7 @@ void run_line(hmistruc& hmi, char* line) {
     do_internal(hmi, line);
 }
 
-void serve(hmistruc& hmi) {
-    line_reader reader(hmi.soc);
+void serve(hmistruc& hmi, line_reader& reader) {
     char line[line_max];
     bool is_reachable = true;
     while (hmi.soc >= 0) {
@@ -129,6 +128,9 @@ void do_cont_command(std::string_view line) {
 
 void hmi_main(hmistruc& hmi) {
     auth_check(hmi);
-    serve(hmi);
+    line_reader reader(hmi.soc);
+    hmi.lines = &reader;
+    serve(hmi, reader);
+    hmi.lines = nullptr;
     end_connection(hmi);
 }
