@@ -33,7 +33,7 @@ cmdq_entry cmdq[cmdq_slots] GUARDED_BY(queue_lock);
 // com_lock is held here, so the wait for a peer that does not read is limited.
 void refuse(const hmistruc* hmi, std::string_view answer) {
     if (hmi != nullptr) {
-        write_until(deadline(reply_patience_ms), hmi->soc, answer);
+        reply_until(deadline(reply_patience_ms), hmi->soc, answer);
     }
 }
 
