@@ -53,6 +53,12 @@ void create_record() {
     }
 }
 
+// Modules learn from REMOTEHOST who has sent the command. One that our starter had in its environment, as some shells set
+// it, would show a client for the scheduler's own commands.
+void forget_remote_host() {
+    unsetenv("REMOTEHOST");
+}
+
 // Builds the path of a file in the directory that an environment variable names.
 void build_path(char (&path)[path_size], const char* variable, const char* file) {
     format_text(path, "%s/%s", environment(variable), file);
@@ -137,6 +143,7 @@ void print_version() {
 
 void init_sched() {
     check_environment();
+    forget_remote_host();
     create_record();
     build_paths();
     st->port = service_port();
