@@ -6,7 +6,7 @@
 #include "job_runs.h"
 #include "lines.h"
 #include "module_check.h"
-#include "sched/sched_status.h"
+#include "state/sched_status.h"
 #include "timer/job_table.h"
 #include "trace_capture.h"
 #include "util/clock.h"

@@ -3,7 +3,7 @@
 #include "command/module_table.h"
 #include "internal/dispatcher.h"
 #include "lines.h"
-#include "sched/sched_status.h"
+#include "state/sched_status.h"
 #include "trace_capture.h"
 #include "util/text.h"
 

@@ -4,7 +4,7 @@
 #include "module_check.h"
 #include "password_check.h"
 #include "report.h"
-#include "sched/sched_status.h"
+#include "state/sched_status.h"
 #include "util/text.h"
 
 #include <CLI/CLI.hpp>

@@ -1,7 +1,7 @@
 // The table of connected HMIs, each with its message ring.
 #pragma once
 
-#include "sched/sched_status.h"
+#include "state/sched_status.h"
 #include "util/text.h"
 
 #include <cstdint>

@@ -1,7 +1,7 @@
 #include "event/syslog_switch.h"
 
 #include "command/dispatch.h"
-#include "sched/sched_status.h"
+#include "state/sched_status.h"
 #include "util/ini_file.h"
 #include "util/mutex.h"
 #include "util/regular_file.h"

@@ -1,7 +1,7 @@
 #include "event/syslog_watcher.h"
 
 #include "event/syslog_switch.h"
-#include "sched/sched_status.h"
+#include "state/sched_status.h"
 #include "trace/trace.h"
 #include "util/interval_sleep.h"
 #include "util/regular_file.h"

@@ -5,7 +5,7 @@
 #include "command/dispatch.h"
 #include "command/module_table.h"
 #include "event/syslog_switch.h"
-#include "sched/sched_status.h"
+#include "state/sched_status.h"
 #include "trace/trace.h"
 #include "util/line.h"
 #include "util/text.h"

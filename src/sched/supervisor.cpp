@@ -1,7 +1,7 @@
 #include "sched/supervisor.h"
 
 #include "sched/main_loop.h"
-#include "sched/sched_status.h"
+#include "state/sched_status.h"
 #include "trace/trace.h"
 
 #include <cerrno>

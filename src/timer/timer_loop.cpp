@@ -2,14 +2,14 @@
 
 #include "command/dispatch.h"
 #include "event/syslog_switch.h"
-#include "sched/sched_status.h"
-#include "sched/vgd_end.h"
+#include "process/vgd_end.h"
+#include "state/mark_question.h"
+#include "state/sched_status.h"
 #include "timer/job_table.h"
 #include "timer/uptime.h"
 #include "trace/trace.h"
 #include "util/clock.h"
 #include "util/interval_sleep.h"
-#include "util/mark_question.h"
 #include "util/mutex.h"
 
 #include <cerrno>

@@ -1,6 +1,6 @@
 #include "trace/trace.h"
 
-#include "sched/sched_status.h"
+#include "state/sched_status.h"
 #include "util/clock.h"
 #include "util/mutex.h"
 #include "util/regular_file.h"

@@ -1,10 +1,10 @@
-#include "comm/listener.h"
+#include "server/listener.h"
 
 #include "comm/address_restriction.h"
-#include "comm/connection.h"
 #include "comm/disconnect.h"
 #include "comm/reply.h"
-#include "sched/vgd_end.h"
+#include "process/vgd_end.h"
+#include "server/connection.h"
 #include "trace/trace.h"
 #include "util/clock.h"
 

@@ -1,4 +1,4 @@
-#include "comm/connection.h"
+#include "server/connection.h"
 
 #include "comm/disconnect.h"
 #include "comm/login.h"
@@ -8,10 +8,10 @@
 #include "event/syslog_switch.h"
 #include "internal/dispatcher.h"
 #include "internal/operator_lock.h"
+#include "state/mark_question.h"
+#include "state/platform.h"
 #include "trace/trace.h"
 #include "util/clock.h"
-#include "util/mark_question.h"
-#include "util/platform.h"
 #include "util/text.h"
 #include "util/unique_fd.h"
 
