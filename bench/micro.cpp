@@ -1,8 +1,8 @@
 // The cost of one call of each hot routine.
 #include "comm/hmi_table.h"
 #include "comm/line_reader.h"
-#include "sched/sched_status.h"
 #include "sha256/sha256.h"
+#include "state/sched_status.h"
 #include "timer/job_field.h"
 #include "trace/trace.h"
 #include "util/text.h"

@@ -1,7 +1,7 @@
 #include "ini_values.h"
 
 #include "findings.h"
-#include "sched/sched_status.h"
+#include "state/sched_status.h"
 #include "util/line.h"
 #include "util/unique_fd.h"
 

@@ -6,7 +6,7 @@
 #include "job_fields.h"
 #include "job_runs.h"
 #include "module_check.h"
-#include "sched/sched_status.h"
+#include "state/sched_status.h"
 #include "timer/job_table.h"
 #include "trace_capture.h"
 #include "util/clock.h"

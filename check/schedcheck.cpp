@@ -4,7 +4,7 @@
 #include "job_check.h"
 #include "module_check.h"
 #include "password_check.h"
-#include "sched/sched_status.h"
+#include "state/sched_status.h"
 #include "util/text.h"
 
 #include <CLI/CLI.hpp>

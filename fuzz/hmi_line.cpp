@@ -1,7 +1,7 @@
 // Bytes of a connection: lines, login, dispatch and answers. The modules do nothing, and the command that ends the
 // process is not listed.
-#include "comm/connection.h"
 #include "command/module_table.h"
+#include "server/connection.h"
 #include "support.h"
 
 #include <cstring>

@@ -2,8 +2,8 @@
 // fault. Where it can, a target computes the wanted result itself, with other library calls, and compares.
 #pragma once
 
-#include "sched/sched_status.h"
 #include "sched/startup.h"
+#include "state/sched_status.h"
 
 #include <algorithm>
 #include <csignal>

@@ -1,8 +1,8 @@
 #include "sched/config.h"
 #include "sched/main_loop.h"
-#include "sched/sched_status.h"
 #include "sched/startup.h"
 #include "sched/supervisor.h"
+#include "state/sched_status.h"
 #include "trace/trace.h"
 #include "util/descriptors.h"
 

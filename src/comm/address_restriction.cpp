@@ -1,6 +1,6 @@
 #include "comm/address_restriction.h"
 
-#include "sched/sched_status.h"
+#include "state/sched_status.h"
 #include "trace/trace.h"
 
 #include <arpa/inet.h>

@@ -13,6 +13,7 @@ namespace {
 
 void reset_entry(hmistruc& entry) REQUIRES(st->hmistruc_lock) {
     entry.flag = 1;
+    entry.receives = 1;
     entry.remote[0] = '\0';  // or listings would show the former client until the new address is stored
     entry.tid = 0;
     entry.in = 0;
@@ -26,6 +27,12 @@ void reset_entry(hmistruc& entry) REQUIRES(st->hmistruc_lock) {
     std::memset(entry.nonce, 0, sizeof entry.nonce);
     std::memset(entry.ipset, 0, sizeof entry.ipset);
     entry.resource_fd = -1;
+    entry.lines = nullptr;
+}
+
+void free_entry(hmistruc& entry) REQUIRES(st->hmistruc_lock) {
+    entry.flag = 0;
+    entry.receives = 0;
 }
 
 void move_ring(hmistruc& from, hmistruc& to) REQUIRES(st->hmistruc_lock) {
@@ -78,21 +85,21 @@ hmistruc* hmistruc_get() {
 
 int hmistruc_put(hmistruc& entry) {
     const mutex_guard guard(st->hmistruc_lock);
-    entry.flag = 0;
+    free_entry(entry);
     return 0;
 }
 
 void hmistruc_put_unserved(hmistruc& entry) {
     const mutex_guard guard(st->hmistruc_lock);
-    entry.flag = 0;
+    free_entry(entry);
     if (active_hmi_is_only(-1) != 0) {
-        move_ring(entry, *st->dummy_hmi);  // the dummy is empty: it gets no messages while an entry is in use
+        move_ring(entry, *st->dummy_hmi);  // the dummy is empty: it gets no messages while an entry receives
     }
 }
 
 int active_hmi_is_only(int index) {
     for (int i = 0; i < hmi_max; ++i) {
-        if (i != index && st->hmi[i].flag != 0) {
+        if (i != index && st->hmi[i].receives != 0) {
             return 0;
         }
     }
@@ -122,7 +129,7 @@ int hmistruc_all_enqueue(const char* text) {
     const mutex_guard guard(st->hmistruc_lock);
     bool anyone = false;
     for (int i = 0; i < hmi_max; ++i) {
-        if (st->hmi[i].flag != 0) {
+        if (st->hmi[i].receives != 0) {
             hmistruc_enqueue(st->hmi[i], message);
             anyone = true;
         }
@@ -133,9 +140,12 @@ int hmistruc_all_enqueue(const char* text) {
     return 0;
 }
 
-int hmistruc_dequeue(hmistruc& entry, char (&text)[message_size], std::uint32_t& qtime) {
+int hmistruc_dequeue(hmistruc& entry, char (&text)[message_size], std::uint32_t& qtime, next_look next) {
     const mutex_guard guard(st->hmistruc_lock);
     if (entry.in == entry.out) {
+        if (next == next_look::never) {
+            entry.receives = 0;
+        }
         return -1;
     }
     const message_slot& slot = entry.queue[entry.out];

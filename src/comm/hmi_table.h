@@ -1,7 +1,7 @@
 // The table of connected HMIs, each with its message ring.
 #pragma once
 
-#include "sched/sched_status.h"
+#include "state/sched_status.h"
 #include "util/text.h"
 
 #include <cstdint>
@@ -21,6 +21,8 @@ constexpr int auth_none = 0;      // no login required
 constexpr int auth_required = 1;  // required and not yet done
 constexpr int auth_done = 2;
 
+class line_reader;
+
 struct message_slot {
     char buf[message_size];  // text, then NUL bytes to the end
     std::uint32_t qtime;     // seconds since the epoch: when it was queued
@@ -30,7 +32,7 @@ constexpr int next_slot(int slot) {
     return (slot + 1) % ring_slots;
 }
 
-// One connection. hmistruc_lock guards the ring and flag. Only the connection thread writes the texts, under that
+// One connection. hmistruc_lock guards the ring, flag and receives. Only the connection thread writes the texts, under that
 // lock: it reads them without the lock, dumps read them with it. The other fields belong to the connection thread;
 // those that dumps also read are relaxed.
 struct hmistruc {
@@ -51,6 +53,8 @@ struct hmistruc {
     char nonce[nonce_size];              // login challenge, empty when none
     char ipset[ipset_size];              // address given by ipset, empty when none
     relaxed<int> resource_fd;            // resource connection, -1 when none
+    std::uint8_t receives;               // 1 while it gets messages: in use, and not after its last look
+    line_reader* lines;                  // what the client has sent; null while no thread serves it
 };
 
 // Creates the table and the dummy entry in st. Returns 0, or -1 when memory is short. Start-up only.
@@ -59,26 +63,31 @@ int hmistruc_init();
 // Allocates the zero-filled ring of an entry that is all zeros. Returns 0, or -1 when memory is short.
 int hmistruc_setup(hmistruc& entry);
 
-// Takes a free entry and resets it. When no other entry is in use, it gets the dummy's messages. Null when all
-// entries are in use. Takes hmistruc_lock. Main thread only.
+// Takes a free entry and resets it. When no other entry receives, it gets the dummy's messages. Null when all entries
+// are in use. Takes hmistruc_lock. Main thread only.
 hmistruc* hmistruc_get();
 
 // Frees an entry. Takes hmistruc_lock. Returns 0.
 int hmistruc_put(hmistruc& entry);
 
-// Frees an entry whose connection could not be served. When no other entry is in use, all its messages move back to
-// the dummy's ring, in their order. Takes hmistruc_lock. Main thread only.
+// Frees an entry whose connection could not be served. When no other entry receives, all its messages move back to the
+// dummy's ring, in their order. Takes hmistruc_lock. Main thread only.
 void hmistruc_put_unserved(hmistruc& entry);
 
 // Puts a text, cut at 1023 characters, into one ring. When the ring is full, the text is dropped and counted as lost.
 void hmistruc_enqueue(hmistruc& entry, std::string_view text) REQUIRES(st->hmistruc_lock);
 
-// Puts a text into the ring of every HMI. When no HMI is connected, texts that begin with E or W go to the dummy.
+// Puts a text into the ring of every entry that receives. When none does, texts that begin with E or W go to the dummy.
 // Takes hmistruc_lock. Event thread. Returns 0.
 int hmistruc_all_enqueue(const char* text);
 
-// Takes the oldest message. Returns 0, or -1 when there is none. Takes hmistruc_lock.
-int hmistruc_dequeue(hmistruc& entry, char (&text)[message_size], std::uint32_t& qtime);
+enum class next_look { follows, never };
+
+// Takes the oldest message. Returns 0, or -1 when there is none. With next_look::never, a look that finds none is the
+// entry's last one, so the entry receives no more: later messages go to the others, or wait for the next connection.
+// Takes hmistruc_lock.
+int hmistruc_dequeue(hmistruc& entry, char (&text)[message_size], std::uint32_t& qtime,
+                     next_look next = next_look::follows);
 
 // Returns the count of lost messages and resets it to 0. Takes hmistruc_lock.
 int hmistruc_lostcount(hmistruc& entry);
@@ -86,7 +95,7 @@ int hmistruc_lostcount(hmistruc& entry);
 // Returns the first entry in use with that thread id, or null. Takes hmistruc_lock. Nothing calls it at present.
 hmistruc* hmistruc_get_hmi_by_tid(std::uint32_t tid);
 
-// Returns 1 when no entry is in use, not counting the one with this index; else 0.
+// Returns 1 when no entry receives, not counting the one with this index; else 0.
 int active_hmi_is_only(int index) REQUIRES(st->hmistruc_lock);
 
 // Moves the dummy's ring into an entry.

@@ -1,5 +1,6 @@
 #include "comm/line_reader.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <sys/socket.h>
 
@@ -26,4 +27,36 @@ bool line_reader::fill() {
     next_ = 0;
     end_ = got > 0 ? static_cast<std::size_t>(got) : 0;
     return got > 0;
+}
+
+bool line_reader::is_next_line(std::string_view text) {
+    if (std::find(received_ + next_, received_ + end_, '\r') == received_ + end_) {
+        add_arrived();
+    }
+    std::size_t matched = 0;
+    for (std::size_t i = next_; i < end_; ++i) {
+        const char byte = received_[i];
+        if (byte == '\r') {
+            return matched == text.size();
+        }
+        if (byte == '\0' || byte == '\n') {
+            continue;
+        }
+        if (matched == text.size() || byte != text[matched]) {
+            return false;
+        }
+        ++matched;
+    }
+    return false;
+}
+
+// Receives what has arrived, as far as it fits behind the bytes not yet taken. An end is seen again by fill.
+void line_reader::add_arrived() {
+    std::copy(received_ + next_, received_ + end_, received_);
+    end_ -= next_;
+    next_ = 0;
+    if (end_ < sizeof received_) {
+        const ssize_t got = recv(soc_, received_ + end_, sizeof received_ - end_, MSG_DONTWAIT);
+        end_ += got > 0 ? static_cast<std::size_t>(got) : 0;
+    }
 }

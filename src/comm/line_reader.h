@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string_view>
 
 constexpr int line_max = 16384;  // bytes of a request line, its NUL included
 
@@ -16,8 +17,12 @@ public:
     // was read. The text always ends with NUL. Waits without limit.
     int read_line(char* buf, int size);
 
+    // Returns true when the next line has already arrived whole and is this text. Takes nothing and never waits.
+    bool is_next_line(std::string_view text);
+
 private:
     bool fill();
+    void add_arrived();
 
     int soc_;
     std::size_t next_ = 0;  // first byte not yet taken

@@ -9,8 +9,11 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
+
+thread_local bool answer_failed = false;
 
 // Waits until the socket takes bytes. Returns false on failure and when end has passed.
 bool becomes_writable(const deadline& end, int soc) {
@@ -27,10 +30,15 @@ bool reply_text(int soc, std::string_view text) {
         if (written >= 0) {
             text.remove_prefix(static_cast<std::size_t>(written));  // a signal can end the write early
         } else if (errno != EINTR) {
+            answer_failed = true;
             return false;
         }
     }
     return true;
+}
+
+bool has_answer_failed() {
+    return std::exchange(answer_failed, false);
 }
 
 bool reply(int soc, const char* format, ...) {
@@ -68,4 +76,10 @@ bool write_until(const deadline& end, int soc, std::string_view text) {
         }
     }
     return true;
+}
+
+void reply_until(const deadline& end, int soc, std::string_view text) {
+    if (!write_until(end, soc, text)) {
+        answer_failed = true;
+    }
 }

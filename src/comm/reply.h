@@ -44,8 +44,15 @@ private:
     int soc_;
 };
 
+// Returns true when an answer to the calling thread's client could not be written since the last call. Each client has a
+// thread of its own. Its connection's thread only.
+bool has_answer_failed();
+
 // Writes all of text to any stream socket. Waits for a peer that does not read, but only until end. Returns false when
 // not all could be written; the result may be ignored. The connection is then shut down, since the peer would take the
 // next text for the rest of this one. Takes no lock. Under com_lock, end is reply_patience_ms away, for all writes
 // together.
 bool write_until(const deadline& end, int soc, std::string_view text);
+
+// The same for an answer to the calling thread's client, or its end; see has_answer_failed.
+void reply_until(const deadline& end, int soc, std::string_view text);

@@ -1,6 +1,6 @@
 #include "command/child.h"
 
-#include "sched/sched_status.h"
+#include "state/sched_status.h"
 #include "util/descriptors.h"
 #include "util/text.h"
 

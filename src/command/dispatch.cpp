@@ -14,15 +14,15 @@
 
 namespace {
 
-constexpr int cmdq_slots = 31;                  // numbers 1 to 30; slot 0 is never used
-constexpr std::size_t delayed_line_size = 300;  // bytes of a delayed command line, its NUL included
-constexpr std::size_t remote_host_size = 64;    // bytes of "REMOTEHOST=address", the NUL included
-constexpr int default_timeout = 60;             // seconds
+constexpr int cmdq_slots = 31;                 // numbers 1 to 30; slot 0 is never used
+constexpr std::size_t parked_line_size = 300;  // bytes of a parked command line, its NUL included
+constexpr std::size_t remote_host_size = 64;   // bytes of "REMOTEHOST=address", the NUL included
+constexpr int default_timeout = 60;            // seconds
 
 // A timer job's command that waits until the running command ends.
 struct cmdq_entry {
     std::uint8_t queued;  // 1 while line waits
-    char line[delayed_line_size];
+    char line[parked_line_size];
 };
 
 constinit posix_mutex queue_lock;
@@ -33,7 +33,7 @@ cmdq_entry cmdq[cmdq_slots] GUARDED_BY(queue_lock);
 // com_lock is held here, so the wait for a peer that does not read is limited.
 void refuse(const hmistruc* hmi, std::string_view answer) {
     if (hmi != nullptr) {
-        write_until(deadline(reply_patience_ms), hmi->soc, answer);
+        reply_until(deadline(reply_patience_ms), hmi->soc, answer);
     }
 }
 
@@ -60,7 +60,7 @@ const char* accept_command(const hmistruc* hmi, int fields, char* const argv[]) 
 }
 
 // Runs the commands that timer jobs parked meanwhile, in the order of their numbers.
-void drain_delayed(const char* caller) REQUIRES(com_lock) {
+void run_parked(const char* caller) REQUIRES(com_lock) {
     const mutex_guard guard(queue_lock);
     for (int number = 1; number < cmdq_slots; ++number) {
         if (cmdq[number].queued != 0) {
@@ -71,13 +71,13 @@ void drain_delayed(const char* caller) REQUIRES(com_lock) {
     }
 }
 
-int run_and_drain(const char* caller, hmistruc* hmi, const char* line, char* capture, int capture_size,
-                  mark_question* question) REQUIRES(com_lock) {
+int run_with_parked(const char* caller, hmistruc* hmi, const char* line, char* capture, int capture_size,
+                    mark_question* question) REQUIRES(com_lock) {
     if (question != nullptr) {
         question->begin();
     }
     const int status = do_command2(hmi, line, capture, capture_size);
-    drain_delayed(caller);
+    run_parked(caller);
     if (question != nullptr) {
         question->answered(status);
     }
@@ -169,7 +169,7 @@ int do_command(hmistruc* hmi, const char* line, int number, mark_question* quest
         park(line, number);
         return -1;
     }
-    const int status = run_and_drain("command1", hmi, line, nullptr, 0, question);
+    const int status = run_with_parked("command1", hmi, line, nullptr, 0, question);
     com_lock.unlock();
     return status;
 }
@@ -177,11 +177,11 @@ int do_command(hmistruc* hmi, const char* line, int number, mark_question* quest
 int do_command_with_buffer(const char* line, char* buffer, int size, mark_question* question) {
     trprintf("command_buffer:\"%s\"\n", line);
     const mutex_guard guard(com_lock);
-    return run_and_drain("command_buffer", nullptr, line, buffer, size, question);
+    return run_with_parked("command_buffer", nullptr, line, buffer, size, question);
 }
 
 void do_last_command(const char* line) {
     trprintf("command_buffer:\"%s\"\n", line);
     com_lock.lock();
-    run_and_drain("command_buffer", nullptr, line, nullptr, 0, nullptr);
+    run_with_parked("command_buffer", nullptr, line, nullptr, 0, nullptr);
 }

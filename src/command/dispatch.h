@@ -3,7 +3,7 @@
 
 #include "comm/hmi_table.h"
 #include "command/com_lock.h"
-#include "util/mark_question.h"
+#include "state/mark_question.h"
 
 #include <cstddef>
 

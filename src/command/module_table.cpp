@@ -1,7 +1,7 @@
 #include "command/module_table.h"
 
 #include "comm/reply.h"
-#include "sched/sched_status.h"
+#include "state/sched_status.h"
 #include "trace/trace.h"
 #include "util/line.h"
 #include "util/regular_file.h"

@@ -162,12 +162,12 @@ void wait_for_stray_children() {
 // Sends the terminating line.
 void reply_end(const deadline& patience, int soc, relay_end end, int status) {
     if (end == relay_end::timed_out) {
-        write_until(patience, soc, timeout_line);
+        reply_until(patience, soc, timeout_line);
         return;
     }
     char over[64];
     const std::size_t length = format_text(over, over_format, (status >> 8) & 0xff, status & 0xff);
-    write_until(patience, soc, {over, length});
+    reply_until(patience, soc, {over, length});
 }
 
 }  // namespace
@@ -204,7 +204,7 @@ int start_command(const char* path, int soc, unsigned timeout, char* const argv[
     const deadline patience(reply_patience_ms);
     // Also after a write that only the time-out has ended.
     if (soc >= 0 && end != relay_end::hmi_gone && !to.ends_with_lf) {
-        write_until(patience, soc, "\r\n");
+        reply_until(patience, soc, "\r\n");
     }
     // For the other write, so that both together do not hold com_lock longer. The child's own time does not count.
     const int patience_left = patience.left_ms();

@@ -1,11 +1,11 @@
 #include "event/event_effects.h"
 
 #include "command/dispatch.h"
-#include "sched/sched_status.h"
+#include "state/mark_question.h"
+#include "state/sched_status.h"
 #include "trace/trace.h"
 #include "util/clock.h"
 #include "util/line.h"
-#include "util/mark_question.h"
 
 #include <string_view>
 

@@ -2,8 +2,8 @@
 
 #include "comm/hmi_table.h"
 #include "event/event_effects.h"
-#include "sched/sched_status.h"
-#include "sched/vgd_end.h"
+#include "process/vgd_end.h"
+#include "state/sched_status.h"
 #include "trace/trace.h"
 
 #include <cctype>

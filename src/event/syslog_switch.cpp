@@ -1,10 +1,13 @@
 #include "event/syslog_switch.h"
 
 #include "command/dispatch.h"
+#include "state/sched_status.h"
 #include "util/ini_file.h"
 #include "util/mutex.h"
+#include "util/regular_file.h"
 #include "util/text.h"
 
+#include <cerrno>
 #include <cstring>
 
 relaxed<int> qmx_syslog_is_enable;
@@ -28,11 +31,19 @@ bool is_any_section_active() {
 
 }  // namespace
 
-int syslog_enable_check() {
+bool update_forwarding_switch() {
     // Makes reading and storing one step. Otherwise a caller that read the old file could store its result last.
     static constinit posix_mutex checking;
     const mutex_guard guard(checking);
+    if (open_regular_for_reading(st->pvo_ini_path) == nullptr && errno != ENOENT) {
+        return false;
+    }
     qmx_syslog_is_enable = is_any_section_active() ? 1 : 0;
+    return true;
+}
+
+int syslog_enable_check() {
+    update_forwarding_switch();
     return 0;
 }
 

@@ -1,7 +1,7 @@
 #include "event/syslog_watcher.h"
 
 #include "event/syslog_switch.h"
-#include "sched/sched_status.h"
+#include "state/sched_status.h"
 #include "trace/trace.h"
 #include "util/interval_sleep.h"
 #include "util/regular_file.h"
@@ -15,14 +15,14 @@ namespace {
 constexpr char system_log_path[] = "/var/log/messages";
 
 // Reads the position of the forwarding module in the log. Returns false, after a trace line, when the file has none.
-bool read_offsetfile(long& inode, long& offset) {
+bool read_offsetfile(long long& inode, long long& offset) {
     const unique_file file = open_regular_for_reading(st->qmx_syslog_offset_path);
     if (file == nullptr) {
         trprintf("read_offsetfile() fopen error, errno=%d\n", errno);
         return false;
     }
     errno = 0;
-    if (std::fscanf(file.get(), "%ld %ld", &inode, &offset) != 2) {
+    if (std::fscanf(file.get(), "%lld %lld", &inode, &offset) != 2) {
         trprintf("read_offsetfile() fscanf error, errno=%d\n", errno);
         return false;
     }
@@ -30,8 +30,8 @@ bool read_offsetfile(long& inode, long& offset) {
 }
 
 void forward_what_is_unsent(const struct stat& log) {
-    long inode = 0;
-    long offset = 0;
+    long long inode = 0;
+    long long offset = 0;
     if (!read_offsetfile(inode, offset)) {
         return;
     }

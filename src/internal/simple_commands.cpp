@@ -4,7 +4,7 @@
 #include "comm/reply.h"
 #include "command/dispatch.h"
 #include "command/module_table.h"
-#include "sched/vgd_end.h"
+#include "process/vgd_end.h"
 #include "trace/trace.h"
 
 #include <cstring>

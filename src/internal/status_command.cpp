@@ -1,6 +1,8 @@
 #include "internal/status_command.h"
 
+#include "comm/line_reader.h"
 #include "comm/reply.h"
+#include "command/module_table.h"
 #include "util/clock.h"
 
 namespace {
@@ -22,11 +24,19 @@ void write_row(int soc, const char* label, const status_mark& mark) {
     reply(soc, "%-9s %s\r\n", label, date);
 }
 
+// A client that has sent quit behind this status never looks into its ring again. A message that came for it between
+// the two would be lost.
+next_look look_after(const hmistruc& hmi) {
+    const bool quits = hmi.lines != nullptr && hmi.lines->is_next_line("quit") && is_internal("quit") != 0;
+    return quits ? next_look::never : next_look::follows;
+}
+
 void write_messages(hmistruc& hmi) {
+    const next_look next = look_after(hmi);
     char text[message_size];
     char date[iso_size];
     std::uint32_t qtime = 0;
-    while (hmistruc_dequeue(hmi, text, qtime) == 0) {
+    while (hmistruc_dequeue(hmi, text, qtime, next) == 0) {
         date2iso8601(qtime, date);
         reply(hmi.soc, "%s;%s\r\n", date, text);
     }

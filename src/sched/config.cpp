@@ -1,6 +1,6 @@
 #include "sched/config.h"
 
-#include "sched/sched_status.h"
+#include "state/sched_status.h"
 #include "trace/trace.h"
 #include "util/ini_file.h"
 #include "util/line.h"

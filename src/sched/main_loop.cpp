@@ -1,17 +1,17 @@
 #include "sched/main_loop.h"
 
-#include "comm/listener.h"
 #include "command/dispatch.h"
 #include "event/event_pipe.h"
 #include "event/syslog_watcher.h"
-#include "sched/sched_status.h"
-#include "sched/vgd_end.h"
+#include "process/vgd_end.h"
+#include "server/listener.h"
+#include "state/mark_question.h"
+#include "state/platform.h"
+#include "state/sched_status.h"
 #include "timer/job_table.h"
 #include "timer/timer_loop.h"
 #include "trace/trace.h"
-#include "util/mark_question.h"
 #include "util/pid_file.h"
-#include "util/platform.h"
 
 #include <cerrno>
 #include <pthread.h>

@@ -5,7 +5,7 @@
 #include "command/dispatch.h"
 #include "command/module_table.h"
 #include "event/syslog_switch.h"
-#include "sched/sched_status.h"
+#include "state/sched_status.h"
 #include "trace/trace.h"
 #include "util/line.h"
 #include "util/text.h"
@@ -51,6 +51,12 @@ void create_record() {
         std::fprintf(stderr, "Error:sched:cannot allocate memory(errno=%d)\n", errno);
         fail();
     }
+}
+
+// Modules learn from REMOTEHOST who has sent the command. One that our starter had in its environment, as some shells set
+// it, would show a client for the scheduler's own commands.
+void forget_remote_host() {
+    unsetenv("REMOTEHOST");
 }
 
 // Builds the path of a file in the directory that an environment variable names.
@@ -137,6 +143,7 @@ void print_version() {
 
 void init_sched() {
     check_environment();
+    forget_remote_host();
     create_record();
     build_paths();
     st->port = service_port();

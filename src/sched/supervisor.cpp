@@ -1,16 +1,18 @@
 #include "sched/supervisor.h"
 
 #include "sched/main_loop.h"
-#include "sched/sched_status.h"
+#include "state/sched_status.h"
 #include "trace/trace.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -58,6 +60,18 @@ bool wait_for_sched(pid_t pid, int& status) {
     return true;
 }
 
+// Opens the event pipe, so that what stands in it outlives a scheduler: when the last descriptor of a pipe is closed, the
+// kernel drops its content. It is never read here. Opened for both directions it waits for nobody. Returns an empty
+// descriptor for a missing pipe, one that we may not open, and anything but a FIFO: the scheduler traces why it has none.
+unique_fd open_event_pipe() {
+    unique_fd pipe(open(st->pipe_path, O_RDWR | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat info {};
+    if (pipe && (fstat(pipe.get(), &info) != 0 || !S_ISFIFO(info.st_mode))) {
+        pipe.reset();
+    }
+    return pipe;
+}
+
 // Detaches from the terminal. The scheduler's descriptors 0 to 2 are opened on /dev/null, so that no pipe or socket
 // gets their numbers.
 void detach() {
@@ -79,13 +93,14 @@ void detach() {
 
 }  // namespace
 
-pid_t create_sched() {
+pid_t create_sched(unique_fd& event_pipe) {
     const pid_t pid = fork();
     if (pid < 0) {
         trprintf("Error: fork failed. errno=%d\n", errno);
         std::exit(1);
     }
     if (pid == 0) {
+        event_pipe.reset();  // the scheduler opens the pipe itself
         detach();
         sched_main();
     }
@@ -97,9 +112,15 @@ void alive_check() {
     if (const char* directory = std::getenv("VGD_temp"); directory != nullptr) {
         [[maybe_unused]] const int moved = chdir(directory);  // else modules run in our start directory
     }
+    unique_fd event_pipe;
     for (int attempt = 1; attempt <= start_max; ++attempt) {
+        // Opened again, because the FIFO may have been replaced. The old one stays open meanwhile: if it is the same, it
+        // keeps its content.
+        if (unique_fd opened = open_event_pipe()) {
+            event_pipe = std::move(opened);
+        }
         int status = 0;
-        if (!wait_for_sched(create_sched(), status)) {
+        if (!wait_for_sched(create_sched(event_pipe), status)) {
             break;
         }
         end_if_final(status);

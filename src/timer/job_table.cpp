@@ -1,6 +1,6 @@
 #include "timer/job_table.h"
 
-#include "sched/sched_status.h"
+#include "state/sched_status.h"
 #include "timer/job_field.h"
 #include "trace/trace.h"
 #include "util/clock.h"

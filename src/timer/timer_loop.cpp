@@ -2,14 +2,14 @@
 
 #include "command/dispatch.h"
 #include "event/syslog_switch.h"
-#include "sched/sched_status.h"
-#include "sched/vgd_end.h"
+#include "process/vgd_end.h"
+#include "state/mark_question.h"
+#include "state/sched_status.h"
 #include "timer/job_table.h"
 #include "timer/uptime.h"
 #include "trace/trace.h"
 #include "util/clock.h"
 #include "util/interval_sleep.h"
-#include "util/mark_question.h"
 #include "util/mutex.h"
 
 #include <cerrno>
@@ -78,15 +78,29 @@ void recheck_conditions(timer_state& state, std::time_t t) {
     state.last_check = t;
 }
 
+// A changed file that cannot be read is tried again in each pass: making it readable does not change what identity_of
+// compares.
 void check_forwarding_switch(timer_state& state) {
     struct stat info {};
-    if (st->pvo_ini_path[0] == '\0' || stat(st->pvo_ini_path, &info) != 0 ||
-        identity_of(info) == state.pvo_ini) {
+    if (st->pvo_ini_path[0] == '\0' || stat(st->pvo_ini_path, &info) != 0) {
         return;
     }
-    trprintf("timer:pvo.ini is changed. mtime=%u\n", static_cast<unsigned>(info.st_mtime));
-    syslog_enable_check();
+    const auto trace_change = [&info] {
+        trprintf("timer:pvo.ini is changed. mtime=%u\n", static_cast<unsigned>(info.st_mtime));
+    };
+    const bool is_changed = identity_of(info) != state.pvo_ini;
+    if (!is_changed && !state.is_pvo_ini_unread) {
+        return;
+    }
+    if (is_changed) {
+        trace_change();
+    }
+    const bool was_read = update_forwarding_switch();
+    if (was_read && !is_changed) {
+        trace_change();
+    }
     state.pvo_ini = identity_of(info);
+    state.is_pvo_ini_unread = !was_read;
 }
 
 }  // namespace

@@ -9,8 +9,9 @@ struct status_mark;
 
 // The state that the loop keeps between passes.
 struct timer_state {
-    std::time_t last_check;  // last five-minute check; before the first, the start of the thread
-    file_identity pvo_ini;   // version of pvo.ini that was seen last
+    std::time_t last_check;          // last five-minute check; before the first, the start of the thread
+    file_identity pvo_ini;           // version of pvo.ini that was seen last
+    bool is_pvo_ini_unread = false;  // that version could not be read
 };
 
 // Sets the mark when the command of a timer job begins with name. Main thread, at start-up.

@@ -1,6 +1,6 @@
 #include "timer/uptime.h"
 
-#include "sched/sched_status.h"
+#include "state/sched_status.h"
 #include "trace/trace.h"
 #include "util/clock.h"
 #include "util/line.h"

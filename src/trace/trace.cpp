@@ -1,6 +1,6 @@
 #include "trace/trace.h"
 
-#include "sched/sched_status.h"
+#include "state/sched_status.h"
 #include "util/clock.h"
 #include "util/mutex.h"
 #include "util/regular_file.h"
@@ -42,6 +42,16 @@ bool is_level_line(const char* line) {
                        [line](const char* word) { return std::strstr(line, word) != nullptr; });
 }
 
+// Removes the beginning of a line that a full disk cut, or the next line would follow it without a newline. Only while it
+// is the end of the file: supervisor and scheduler write the same trace.
+void take_back(int file, off_t written) {
+    struct stat info {};
+    const off_t end = lseek(file, 0, SEEK_CUR);
+    if (end >= written && fstat(file, &info) == 0 && info.st_size == end) {
+        [[maybe_unused]] const int result = ftruncate(file, end - written);  // else the piece stays
+    }
+}
+
 // When the file cannot be written, the line is lost; there is no fallback. Anything but a regular file is neither
 // written nor rotated. Rotation needs stat anyway, so this check costs no further system call. O_NONBLOCK covers a
 // FIFO that replaces the file after that stat.
@@ -60,7 +70,11 @@ int append_line(const char* name, const char* line) {
         return -1;
     }
     // One write, so that lines of supervisor and scheduler never mix.
-    [[maybe_unused]] const ssize_t written = write(file.get(), line, std::strlen(line));
+    const std::size_t length = std::strlen(line);
+    const ssize_t written = write(file.get(), line, length);
+    if (written > 0 && static_cast<std::size_t>(written) < length) {
+        take_back(file.get(), written);
+    }
     return 0;
 }
 

@@ -1,12 +1,19 @@
 // Time: stamps and ISO 8601 text. All safe from any thread.
 #pragma once
 
-#include "util/status_mark.h"
+#include "util/relaxed.h"
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+
+// A time stamp, filled by get_tick. The two fields are read and written one at a time; no code needs both of them from
+// the same moment.
+struct tick_stamp {
+    relaxed<std::time_t> time;    // seconds since the epoch
+    relaxed<std::clock_t> ticks;  // elapsed real time in clock ticks, as times() returns it
+};
 
 constexpr std::size_t iso_size = 32;  // bytes for an ISO 8601 text; 25 characters for years up to 9999
 

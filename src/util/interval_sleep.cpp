@@ -18,7 +18,7 @@ std::int64_t wall_ms() {
 // A relative sleep, so that a clock set back by hours cannot prolong it by hours.
 past_sleep sleep_for(std::int64_t ms, std::int64_t now) {
     const std::int64_t start = monotonic_ms();
-    const std::timespec left{ms / 1000, ms % 1000 * 1'000'000};
+    const std::timespec left{ms / 1000, static_cast<long>(ms % 1000) * 1'000'000};
     nanosleep(&left, nullptr);
     return {now, wall_ms(), std::max(ms, monotonic_ms() - start)};
 }

@@ -11,7 +11,7 @@ struct past_sleep {
     std::int64_t lasted;  // its length by the monotonic clock, at least the length asked for
 };
 
-// Returns the multiple of interval (milliseconds) that the wall clock showed during the sleep, or -1.
+// Returns the last multiple of interval (milliseconds) that the wall clock showed during the sleep, or -1.
 std::int64_t multiple_shown(const past_sleep& sleep, std::int64_t interval);
 
 // The sleep of a loop that runs once each interval. Used by one thread.

@@ -10,8 +10,8 @@
 
 constexpr std::size_t path_size = 4096;  // bytes of a path, its NUL included
 
-// Returns the value of an environment variable, or an empty text when it is not set. No code changes the environment,
-// so any thread may call it.
+// Returns the value of an environment variable, or an empty text when it is not set. Nothing changes the environment once
+// there are threads, so any thread may call it.
 inline const char* environment(const char* name) {
     const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): see above
     return value != nullptr ? value : "";

@@ -1,3 +1,4 @@
+#include "comm/line_reader.h"
 #include "comm/reply.h"
 #include "unit_support.h"
 #include "util/clock.h"
@@ -7,12 +8,14 @@
 
 namespace unit {
 
+using namespace std::string_literals;
+
 struct Comm : Scratch {
     // The oldest message of a ring, or "-".
-    static std::string next(hmistruc& entry) {
+    static std::string next(hmistruc& entry, next_look look = next_look::follows) {
         char text[message_size];
         std::uint32_t qtime = 0;
-        if (hmistruc_dequeue(entry, text, qtime) != 0) return "-";
+        if (hmistruc_dequeue(entry, text, qtime, look) != 0) return "-";
         const std::string message = text;  // nothing of an earlier message may follow it
         EXPECT_EQ(std::string(text, sizeof text), message + std::string(sizeof text - message.size(), '\0'));
         return message + (qtime == 12345 ? "@12345" : "");
@@ -72,6 +75,68 @@ TEST_F(Comm, MessagesOfAnUnservedConnectionWaitForTheNext) {
     for (const char* message : {"E0", "E1", "E2", "E3", "E4", "E5", "-"}) EXPECT_EQ(next(served), message);
     hmistruc_put(served);
     EXPECT_EQ(next(*hmistruc_get()), "-");
+}
+
+TEST_F(Comm, NoMessageIsQueuedForAConnectionAfterItsLastLook) {
+    hmistruc& leaving = *hmistruc_get();
+    hmistruc& other = *hmistruc_get();
+    broadcast(0, 1);
+    EXPECT_EQ(next(leaving, next_look::never), "E0");  // not the last look, as it finds a message
+    broadcast(1, 2);
+    for (const char* message : {"E1", "-"}) EXPECT_EQ(next(leaving, next_look::never), message);
+    broadcast(2, 3);
+    hmistruc_put(other);
+    broadcast(3, 4);  // waits, although the place of the leaving connection is still taken
+    hmistruc& first = *hmistruc_get();
+    EXPECT_EQ(&first, &other);
+    for (const char* message : {"E3", "-"}) EXPECT_EQ(next(first), message);
+    EXPECT_EQ(next(leaving), "-");
+    hmistruc_put(leaving);
+    broadcast(4, 5);
+    EXPECT_EQ(next(*hmistruc_get()), "-");
+    EXPECT_EQ(next(first), "E4");
+}
+
+// The line behind the present one, looked at before it is read. The client's bytes come in pieces.
+TEST_F(Comm, NextLineIsKnownWhenItHasArrivedWhole) {
+    const std::string most(4092, 'x');
+    const struct {
+        const char* name;
+        std::string first, then;  // what is sent before the line is read, and before the look
+        bool wanted;
+    } cases[] = {
+        {"in one piece", "status\rquit\r", "", true},
+        {"LF and NUL between", "status\r\nqu\0it\n\r\n"s, "", true},
+        {"rest comes later", "status\rqu", "it\r", true},
+        {"comes later", "status\r", "quit\rmore", true},
+        {"across the end of the buffer", most + "\rquit\r", "", true},
+        {"nothing", "status\r", "", false},
+        {"no end of line", "status\r", "quit", false},
+        {"an argument", "status\r", "quit\tnow\r", false},
+        {"longer word", "status\rquits\r", "", false},
+        {"shorter word", "status\rqui\r", "", false},
+        {"not the next line", "status\rstatus\rquit\r", "", false},
+        {"empty line before", "status\r\rquit\r", "", false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        int ends[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+        const unique_fd mine(ends[0]);
+        const unique_fd peer(ends[1]);
+        line_reader reader(mine.get());
+        char line[line_max];
+        send(peer.get(), c.first.data(), c.first.size(), 0);
+        EXPECT_EQ(reader.read_line(line, line_max), static_cast<int>(c.first.find('\r')));
+        send(peer.get(), c.then.data(), c.then.size(), 0);
+        EXPECT_EQ(reader.is_next_line("quit"), c.wanted);
+        shutdown(peer.get(), SHUT_WR);
+        std::string rest;  // nothing was taken
+        for (int length = 0; (length = reader.read_line(line, line_max)) >= 0;) rest += line + "\r"s;
+        std::string sent = c.first + c.then;
+        std::erase_if(sent, [](char byte) { return byte == '\n' || byte == '\0'; });
+        EXPECT_EQ(rest, sent.substr(sent.find('\r') + 1) + (sent.back() == '\r' ? "" : "\r"));
+    }
 }
 
 TEST_F(Comm, AReusedEntryHasNothingOfItsLastConnection) {

@@ -71,7 +71,7 @@ TEST(Connection, QuitClosesOnlyItsOwnConnectionAndWithoutAReset) {
 }
 
 // Without TCP_NODELAY every second line of an answer waits 40 ms for an acknowledgement, and what is corked waits 200 ms;
-// without SO_KEEPALIVE the operator of a dead host keeps its place.
+// without keep-alive of two minutes the operator of a dead host keeps its place.
 TEST(Connection, SocketsOfOperatorsSendAtOnceAndFindDeadHosts) {
     Suite suite;
     suite.start();
@@ -87,7 +87,11 @@ TEST(Connection, SocketsOfOperatorsSendAtOnceAndFindDeadHosts) {
         connections++;
         const struct {
             int level, option, value;
-        } options[] = {{IPPROTO_TCP, TCP_NODELAY, 1}, {IPPROTO_TCP, TCP_CORK, 0}, {SOL_SOCKET, SO_KEEPALIVE, 1}};
+        } options[] = {
+            {IPPROTO_TCP, TCP_NODELAY, 1},      {IPPROTO_TCP, TCP_CORK, 0},       {SOL_SOCKET, SO_KEEPALIVE, 1},
+            {IPPROTO_TCP, TCP_KEEPIDLE, 60},    {IPPROTO_TCP, TCP_KEEPINTVL, 15}, {IPPROTO_TCP, TCP_KEEPCNT, 4},
+            {IPPROTO_TCP, TCP_USER_TIMEOUT, 0},  // it would end a client that does not read for a while
+        };
         for (const auto& wanted : options) {
             int value = -1;
             size = sizeof value;
@@ -96,6 +100,43 @@ TEST(Connection, SocketsOfOperatorsSendAtOnceAndFindDeadHosts) {
         }
     }
     EXPECT_EQ(connections, 1);
+}
+
+// It may have sent its lines without waiting for answers. But it may have left very many.
+TEST(Connection, ClientThatIsGoneIsServedForAHundredLinesOrTenSeconds) {
+    Suite suite;
+    suite.module("slow", "sleep 3.5");
+    suite.write("data/password", std::string(64, 'h') + " saltSALT");
+    suite.start();
+    const struct {
+        const char* line;
+        const char* source;
+        int sent;
+        const char* traced;  // for each line that is carried out
+        int carried_out;     // after the first answer that failed; -1: all were
+    } cases[] = {
+        {"few", "127.0.0.1", 40, "Warning:comm:unsupported(\"few\")\n", -1},
+        {"refused", "127.0.0.2", 40, "auth required (command=refused, hmi=127.0.0.2)\n", -1},
+        {"many", "127.0.0.3", 1000, "auth required (command=many, hmi=127.0.0.3)\n", 100},
+        {"hello\tmany", "127.0.0.1", 1000, "Info:hello login:many\n", 100},
+        {"slow", "127.0.0.1", 1000, "command:\"slow\" \n", 3},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.line);
+        const std::size_t before = suite.out().size();
+        const std::string end = "hmi("s + c.source + ") is gone.\n";
+        const std::string dropped = "hmi("s + c.source + ") is gone, " + std::to_string(c.carried_out) +
+                                    " lines carried out after it, the rest dropped\n";
+        Client client = suite.client(c.source);
+        client.send(repeated(c.sent, c.line + "\r"s));
+        client.reset();
+        EXPECT_TRUE(wait_until([&] { return suite.out().find(end, before) != std::string::npos; }));
+        const std::string trace = suite.out().substr(before);
+        int lines = 0;
+        for (std::size_t at = 0; (at = trace.find(c.traced, at)) != std::string::npos; at++) lines++;
+        EXPECT_EQ(trace.find("Warning:comm:" + dropped) != std::string::npos, c.carried_out >= 0) << trace;
+        EXPECT_TRUE(c.carried_out < 0 ? lines == c.sent : lines > c.carried_out && lines < 900) << lines;
+    }
 }
 
 // Commands that run after a module command, and the marks that they set and clear.

@@ -202,6 +202,31 @@ TEST(Events, BurstOfSeveralWritersLosesNoLogLineAndIsCountedForEachOperator) {
                   status_answer("", kept + "W0100: message queue overflow, " + lost + " messages were lost.\r\n"));
 }
 
+// One operator after the other asks for the status and quits, both in one packet, while messages arrive.
+TEST(Events, EachMessageReachesExactlyOneOfOperatorsThatAskAndQuitInTurn) {
+    Suite suite;
+    suite.start();
+    std::string raised;
+    std::string received;
+    const auto ask = [&] {
+        Client client = suite.client();
+        client.send("status\rquit\r");
+        std::istringstream answer(client.rest());
+        for (std::string line; std::getline(answer, line);)
+            if (const std::size_t text = line.find(";E1000:"); text != line.npos)
+                received += line.substr(text + 1, line.size() - text - 2) + "\n";
+    };
+    for (std::size_t sent = 0; sent < 3000; sent += 100) {  // a queue holds 127
+        std::string lines;
+        for (std::size_t i = sent; i < sent + 100; i++) lines += "E1000:" + std::to_string(i) + "\n";
+        suite.event(lines);
+        raised += lines;
+        while (suite.events().size() < sent + 100) ask();
+        ask();  // what waited
+    }
+    EXPECT_TRUE(received == raised) << received.size() << " of " << raised.size() << " bytes";
+}
+
 // Commands that already wait for the module lock may still run before the end, but none after it.
 TEST(Events, EndMessageStopsTheModulesOnceAndLast) {
     Suite suite;

@@ -69,6 +69,8 @@ TEST(Runner, ModuleInheritsNoDescriptorOfOursAndHasItsSignalsSessionAndEnvironme
             std::filesystem::create_symlink("/usr/bin/"s + program, suite.path("bin/"s + program));
             suite.listed(program + " "s + program + " - 60");
         }
+        suite.env["REMOTEHOST"] = "192.0.2.1";  // of our starter; the scheduler's own runs have none
+        suite.react("parts.status", "echo \"${REMOTEHOST-none}\" > \"$VGD_temp/remote\"");
         suite.module("ids", "echo $$; cut -d' ' -f5-7 /proc/$$/stat");
         suite.start(limit == 40 ? strings{"-D", "-d", "W"} : strings{"-D"});
         std::vector<Client> others;
@@ -86,6 +88,7 @@ TEST(Runner, ModuleInheritsNoDescriptorOfOursAndHasItsSignalsSessionAndEnvironme
         const std::string ids = client.ask("ids");  // leader of its group and session, without a terminal
         const std::string pid = ids.substr(0, ids.find('\r'));
         EXPECT_EQ(ids, pid + "\r\n" + pid + " " + pid + " 0\r\n" + over);
+        EXPECT_EQ(suite.read("temp/remote"), "none\n");
         const std::string environment = client.ask("env");
         for (const std::string& entry : {"REMOTEHOST=127.0.0.2\r\n"s, "VGD_bin=" + suite.path("bin") + "\r\n"})
             EXPECT_THAT(environment, HasSubstr(entry));

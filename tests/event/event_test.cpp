@@ -1,11 +1,11 @@
-#include "comm/connection.h"
 #include "command/module_table.h"
 #include "event/event_pipe.h"
 #include "event/syslog_switch.h"
 #include "event/syslog_watcher.h"
+#include "server/connection.h"
+#include "state/mark_question.h"
 #include "timer/timer_loop.h"
 #include "unit_support.h"
-#include "util/mark_question.h"
 
 namespace unit {
 

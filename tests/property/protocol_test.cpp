@@ -1,10 +1,10 @@
 // Random conversations in random pieces, against a model of the line protocol. Finds bytes that are lost where pieces
 // meet, lines that are split or cut wrongly, missing or wrong answers, commands that run without a login, and what a
 // connection leaves to the next one.
-#include "comm/connection.h"
 #include "command/module_table.h"
 #include "internal/operator_lock.h"
 #include "property.h"
+#include "server/connection.h"
 #include "util/unique_fd.h"
 
 #include <arpa/inet.h>

@@ -13,6 +13,7 @@ using Step = std::tuple<std::string, std::size_t, int, std::string, std::size_t>
 struct Ring {
     std::deque<std::string> messages;
     int lost = 0;
+    bool receives = true;
 
     void add(const std::string& text) {
         if (messages.size() == 127) {
@@ -34,29 +35,35 @@ struct Rings {
             if (hmis[i]) all.push_back(i);
         return all;
     }
+    bool anyone_receives() const {
+        return std::any_of(std::begin(hmis), std::end(hmis), [](const auto& hmi) { return hmi && hmi->receives; });
+    }
     void broadcast(const std::string& begin, std::size_t length) {
         std::string text = begin + std::to_string(++sent);
         text.resize(std::max(text.size(), length), '.');
         hmistruc_all_enqueue(text.c_str());
-        for (const int i : in_use()) hmis[i]->add(text);
-        if (in_use().empty() && (begin == "E" || begin == "W")) waiting.add(text);
+        for (const int i : in_use())
+            if (hmis[i]->receives) hmis[i]->add(text);
+        if (!anyone_receives() && (begin == "E" || begin == "W")) waiting.add(text);
     }
     void connect() {
         const auto free = std::find(std::begin(hmis), std::end(hmis), std::nullopt);
         const hmistruc* entry = hmistruc_get();
         RC_ASSERT(entry == (free == std::end(hmis) ? nullptr : &st->hmi[free - hmis]));
-        if (entry != nullptr) *free = in_use().empty() ? std::exchange(waiting, {}) : Ring{};
+        if (entry != nullptr) *free = anyone_receives() ? Ring{} : std::exchange(waiting, {});
     }
     void leave(int i, bool served) {
         served ? static_cast<void>(hmistruc_put(st->hmi[i])) : hmistruc_put_unserved(st->hmi[i]);
-        const Ring left = *std::exchange(hmis[i], std::nullopt);
-        if (!served && in_use().empty()) waiting = left;
+        Ring left = *std::exchange(hmis[i], std::nullopt);
+        left.receives = true;
+        if (!served && !anyone_receives()) waiting = left;
     }
-    void read(int i) {
+    void read(int i, next_look next = next_look::follows) {
         char text[message_size] = "";
         std::uint32_t queued = 0;
-        const bool found = hmistruc_dequeue(st->hmi[i], text, queued) == 0;
+        const bool found = hmistruc_dequeue(st->hmi[i], text, queued, next) == 0;
         RC_ASSERT(found == !hmis[i]->messages.empty());
+        if (!found && next == next_look::never) hmis[i]->receives = false;
         if (!found) return;
         RC_ASSERT(std::string(text, strnlen(text, sizeof text)) == hmis[i]->messages.front());
         hmis[i]->messages.pop_front();
@@ -73,6 +80,7 @@ struct Rings {
         if (all.empty()) return;
         const int i = all[hmi % all.size()];
         if (act == "read") return read(i);
+        if (act == "read last") return read(i, next_look::never);
         if (act == "count lost") return count_lost(i);
         leave(i, act == "leave");
     }
@@ -93,7 +101,7 @@ struct Rings {
 
 struct CommProperty : Scratch {
     static void clear(hmistruc& entry) {
-        entry.flag = 0;
+        entry.flag = entry.receives = 0;
         entry.in = entry.out = entry.lost = 0;
         std::memset(entry.queue, 0, ring_slots * sizeof(message_slot));
     }
@@ -103,7 +111,7 @@ TEST_F(CommProperty, RingsHoldWhatQueuesHold) {
     const auto steps = rc::gen::scale(
         4, rc::gen::container<std::vector<Step>>(rc::gen::tuple(
                rc::gen::element<std::string>("broadcast", "read", "connect", "broadcast", "read", "connect",
-                                             "broadcast", "leave", "leave unserved", "count lost"),
+                                             "broadcast", "leave", "leave unserved", "count lost", "read last"),
                rc::gen::inRange<std::size_t>(0, 4), rc::gen::element(1, 2, 1, 2, 1, 2, 1, 2, 40, 126, 127),
                rc::gen::element<std::string>("E", "W", "E", "W", "I", "D", "M", "e", ""),
                rc::gen::element<std::size_t>(0, 0, 0, 0, 0, 1022, 1023, 1024))));

@@ -268,4 +268,45 @@ TEST_F(Timer, PassChecksMarksEveryFiveMinutesAndSeesEachChangeOfAFile) {
     }
 }
 
+// Reading fails for a user without the right to; as root the test becomes such a user meanwhile.
+TEST_F(Timer, ForwardingKeepsItsStateWhileItsFileCannotBeReadAndSeesWhenItCan) {
+    const bool is_root = geteuid() == 0;
+    write("pipe", "");
+    fs::permissions(dir, fs::perms(0711));
+    fs::permissions(path("log"), fs::perms::all);
+    fs::permissions(path("data"), fs::perms::all);
+    const std::string changed = "timer:pvo.ini is changed. mtime=1577836800\n";
+    timer_state state{1'000'000'000, {}};
+    qmx_syslog_is_enable = 0;
+    // The steps follow one another: each changes the file, makes two passes and asks for the switch to be read.
+    const struct {
+        const char* name;
+        const char* change;
+        int enabled;
+        std::string trace;  // of both passes
+    } steps[] = {
+        {"readable", "echo '[section 1]\nactive = yes' >pvo.ini", 1, changed},
+        {"changed and unreadable", "echo '[section 1]\nactive = no' >pvo.ini; chmod 0 pvo.ini", 1, changed},
+        {"still unreadable", ":", 1, ""},
+        {"made readable", "chmod 644 pvo.ini", 0, changed},
+        {"changed again", "echo '[section 1]\nactive = yes' >pvo.ini", 1, changed},
+        {"made unreadable", "chmod 0 pvo.ini", 1, ""},
+        {"removed", "rm pvo.ini", 0, ""},
+        {"a directory", "mkdir pvo.ini", 0, changed},
+        {"a file again", "rmdir pvo.ini; echo '[section 1]\nactive = yes' >pvo.ini", 1, changed},
+    };
+    for (const auto& step : steps) {
+        SCOPED_TRACE(step.name);
+        shell(std::string("cd config; ") + step.change + "; touch -c -d 2020-01-01T00:00Z pvo.ini");
+        trace();
+        EXPECT_TRUE(!is_root || seteuid(65534) == 0);
+        timer_pass(state, 1'000'000'000);
+        timer_pass(state, 1'000'000'060);
+        syslog_enable_check();  // as after a command of an operator
+        EXPECT_TRUE(!is_root || seteuid(0) == 0);
+        EXPECT_EQ(qmx_syslog_is_enable, step.enabled);
+        EXPECT_EQ(trace(), step.trace);
+    }
+}
+
 }  // namespace unit

@@ -2,6 +2,7 @@
 
 #include "unit_support.h"
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 namespace unit {
@@ -89,6 +90,25 @@ TEST_F(Trace, GoesOnWithoutADirectoryOrRotationAndKeepsErrno) {
     fs::remove_all(path("log/sched_log.3"));
     trprintf("b\n");
     EXPECT_EQ(trace(), "b\n");
+}
+
+// The limit of the file size stands for a full disk: the write that reaches it is cut.
+TEST_F(Trace, LineThatAFullDiskCutsIsTakenBack) {
+    for (const std::string name : {"log/sched_log", "log/sched_logerr", "log/event_log"}) {
+        SCOPED_TRACE(name);
+        for (const char* file : {"log/sched_log", "log/sched_logerr", "log/event_log"}) fs::remove(path(file));
+        write(name, std::string(10'000, 'x') + "\n");  // only this one reaches the limit
+        rlimit old{};
+        getrlimit(RLIMIT_FSIZE, &old);
+        const rlimit full{10'001 + 20, old.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &full);
+        log("Info:lost");
+        setrlimit(RLIMIT_FSIZE, &old);
+        EXPECT_EQ(read(name).size(), 10'001U);
+        log("Info:kept");
+        EXPECT_EQ(read(name).find("Info:lost"), std::string::npos);
+        EXPECT_THAT(read(name).substr(10'000), StartsWith("\n20"));
+    }
 }
 
 TEST_F(Trace, LinesOfSeveralThreadsStayWholeAcrossRotations) {

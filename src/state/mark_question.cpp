@@ -1,4 +1,4 @@
-#include "util/mark_question.h"
+#include "state/mark_question.h"
 
 #include "util/clock.h"
 #include "util/mutex.h"

@@ -1,10 +1,10 @@
-#include "comm/listener.h"
+#include "server/listener.h"
 
 #include "comm/address_restriction.h"
-#include "comm/connection.h"
 #include "comm/disconnect.h"
 #include "comm/reply.h"
-#include "sched/vgd_end.h"
+#include "process/vgd_end.h"
+#include "server/connection.h"
 #include "trace/trace.h"
 #include "util/clock.h"
 
@@ -65,6 +65,25 @@ bool is_allowed(std::uint32_t address) {
     return true;
 }
 
+// An answer is written line by line. With delayed sending, every second line would wait for an acknowledgement.
+// The keep-alive options find a dead host after two minutes, not after the system's two hours: until then it takes alarms
+// and may hold the operators' lock. There is no TCP_USER_TIMEOUT: it would also end a client that lives but does not read
+// for a while. An option that cannot be set keeps the system's value.
+void set_tcp_options(int soc) {
+    constexpr struct {
+        int option;
+        int value;
+    } options[] = {
+        {TCP_NODELAY, 1},
+        {TCP_KEEPIDLE, 60},   // seconds without a packet before the first probe
+        {TCP_KEEPINTVL, 15},  // seconds between probes
+        {TCP_KEEPCNT, 4},     // probes without an answer
+    };
+    for (const auto& row : options) {
+        setsockopt(soc, IPPROTO_TCP, row.option, &row.value, sizeof row.value);
+    }
+}
+
 void* hmi_thread(void* entry) {
     hmi_main(*static_cast<hmistruc*>(entry));
     return nullptr;
@@ -118,9 +137,7 @@ void arrive_new_hmi(int soc, const sockaddr_in& peer) {
         close_connection(soc);
         return;
     }
-    // An answer is written line by line. With delayed sending, every second line would wait for an acknowledgement.
-    const int on = 1;
-    setsockopt(soc, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    set_tcp_options(soc);
     entry->peer = peer;
     hmistruc_set_text(entry->remote, remote);
     entry->soc = soc;

@@ -1,7 +1,7 @@
 // Reporting a condition, and what a module's answer does to its mark.
 #pragma once
 
-#include "util/status_mark.h"
+#include "state/status_mark.h"
 
 #include <cstdint>
 

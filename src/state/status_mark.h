@@ -1,17 +1,10 @@
-// A time stamp, and a reported condition with its time stamp.
+// A reported condition with its time stamp.
 #pragma once
 
+#include "util/clock.h"
 #include "util/relaxed.h"
 
 #include <cstdint>
-#include <ctime>
-
-// A time stamp, filled by get_tick. The two fields are read and written one at a time; no code needs both of them from
-// the same moment.
-struct tick_stamp {
-    relaxed<std::time_t> time;    // seconds since the epoch
-    relaxed<std::clock_t> ticks;  // elapsed real time in clock ticks, as times() returns it
-};
 
 // One reported condition. The main, event, timer and HMI threads write it, all threads read it, without a lock.
 struct status_mark {

@@ -1,4 +1,4 @@
-#include "comm/connection.h"
+#include "server/connection.h"
 
 #include "comm/disconnect.h"
 #include "comm/login.h"
@@ -8,15 +8,15 @@
 #include "event/syslog_switch.h"
 #include "internal/dispatcher.h"
 #include "internal/operator_lock.h"
+#include "state/mark_question.h"
+#include "state/platform.h"
 #include "trace/trace.h"
 #include "util/clock.h"
-#include "util/mark_question.h"
-#include "util/platform.h"
 #include "util/text.h"
 #include "util/unique_fd.h"
 
-#include <cerrno>
 #include <cstring>
+#include <optional>
 
 static_assert(line_max == command_line_size, "what a connection reads, the dispatch takes whole");
 
@@ -33,11 +33,9 @@ void refuse_overflow(const hmistruc& hmi, const char* line) {
     reply_text(hmi.soc, busy_line);
 }
 
-// Returns false when the client is gone.
-bool ask_for_login(const hmistruc& hmi, const char* line) {
-    const bool asked = reply(hmi.soc, unauth_format, hmi.nonce, st->auth_salt);
+void ask_for_login(const hmistruc& hmi, const char* line) {
+    reply(hmi.soc, unauth_format, hmi.nonce, st->auth_salt);
     trprintf("auth required (command=%s, hmi=%s)\n", line, hmi.remote);
-    return asked;
 }
 
 void run_line(hmistruc& hmi, char* line) {
@@ -65,23 +63,50 @@ void run_line(hmistruc& hmi, char* line) {
     do_internal(hmi, line);
 }
 
-void serve(hmistruc& hmi) {
-    line_reader reader(hmi.soc);
+void carry_out(hmistruc& hmi, char* line, int length) {
+    if (length == line_max - 1) {
+        refuse_overflow(hmi, line);
+    } else if (!passes_login_gate(hmi, line)) {
+        ask_for_login(hmi, line);
+    } else {
+        run_line(hmi, line);
+    }
+}
+
+// A client that is gone. It may have sent its lines without waiting for the answers, so they are still carried out. But
+// it may have left very many, so there is a limit, and its place is soon free.
+class gone_client {
+public:
+    // Called before a line is carried out. Returns false when it must be dropped, and then traces that.
+    bool may_leave_a_line(const hmistruc& hmi) {
+        if (lines_ < lines_max && patience_.left_ms() > 0) {
+            ++lines_;
+            return true;
+        }
+        trprintf("Warning:comm:hmi(%s) is gone, %d lines carried out after it, the rest dropped\n",
+                 hmi.remote, lines_);
+        return false;
+    }
+
+private:
+    static constexpr int lines_max = 100;
+    static constexpr std::int64_t patience_ms = 10'000;
+
+    int lines_ = 0;
+    deadline patience_{patience_ms};
+};
+
+void serve(hmistruc& hmi, line_reader& reader) {
     char line[line_max];
-    bool is_reachable = true;
+    std::optional<gone_client> gone;  // from the first answer on that could not be written
     while (hmi.soc >= 0) {
         const int length = reader.read_line(line, line_max);
-        if (length < 0) {
+        if (length < 0 || (gone && !gone->may_leave_a_line(hmi))) {
             return;
         }
-        if (length == line_max - 1) {
-            refuse_overflow(hmi, line);
-        } else if (!passes_login_gate(hmi, line)) {
-            // A client that is gone may have left very many lines, so none is answered after the first failure. A
-            // login may still be among them, from a client that was asked before.
-            is_reachable = is_reachable && ask_for_login(hmi, line);
-        } else {
-            run_line(hmi, line);
+        carry_out(hmi, line, length);
+        if (has_answer_failed() && !gone) {
+            gone.emplace();
         }
     }
 }
@@ -129,6 +154,9 @@ void do_cont_command(std::string_view line) {
 
 void hmi_main(hmistruc& hmi) {
     auth_check(hmi);
-    serve(hmi);
+    line_reader reader(hmi.soc);
+    hmi.lines = &reader;
+    serve(hmi, reader);
+    hmi.lines = nullptr;
     end_connection(hmi);
 }

@@ -1,4 +1,4 @@
-#include "util/platform.h"
+#include "state/platform.h"
 
 #include "util/text.h"
 

@@ -1,9 +1,9 @@
 // The record of settings and status. There is one; st points to it.
 #pragma once
 
+#include "state/status_mark.h"
 #include "util/mutex.h"
 #include "util/relaxed.h"
-#include "util/status_mark.h"
 #include "util/text.h"
 
 #include <cstdint>
@@ -49,7 +49,7 @@ struct sched_status {
     relaxed<std::int32_t> pipe_ready;  // 1 once the event thread has tried to open the pipe; main polls it
     relaxed<std::uint32_t> uptime;     // minutes counted; written and read by the timer thread
 
-    // ---- status marks; util/status_mark.h names writers and readers
+    // ---- status marks; state/status_mark.h names writers and readers
     status_mark confdate;  // configuration date; reported whether set or not
     status_mark error;     // hardware error
     status_mark prevent;   // prognosis

@@ -1,4 +1,4 @@
-#include "sched/vgd_end.h"
+#include "process/vgd_end.h"
 
 #include "command/dispatch.h"
 #include "trace/trace.h"

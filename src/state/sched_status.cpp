@@ -1,4 +1,4 @@
-#include "sched/sched_status.h"
+#include "state/sched_status.h"
 
 sched_status* st = nullptr;
 int no_alive = 0;
