@@ -30,104 +30,156 @@ result schedcheck(const Suite& suite, const std::string& arguments, const std::s
 constexpr const char* hash = "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef";
 
 // The lines are added to their files in this order; a line without findings prepares the next one.
+const struct {
+    std::string file;
+    std::string line;
+    strings findings;
+} judged_lines[] = {
+    {"sched.conf", "port_no = 1", {R"("port_no = 1" stands before any section and is not read)"}},
+    {"sched.conf", "[shced]", {R"(unknown section "[shced]"; the nearest known one is "[sched]")"}},
+    {"sched.conf", "port_no = 1", {R"("port_no = 1" is in the section "[shced]", which is not read)"}},
+    {"sched.conf", "[sched]", {}},
+    {"sched.conf", "prot_no = 9", {R"(unknown key "prot_no"; the nearest known one is "port_no")"}},
+    {"sched.conf", "port_no = 99x", {R"(port_no: "99x" is not a number; it is read as 99)"}},
+    {"sched.conf", "port_no = 9980", {R"("port_no" is not read: line 6 sets it already)"}},
+    {"sched.conf", "analysis_interval=", {R"("analysis_interval" has no value; the line is skipped)"}},
+    {"sched.conf", "analysis_interval = 0", {R"(analysis_interval: "0" is out of range (1 to 2147483647))"}},
+    {"sched.conf", "udp_dest_port = 70000", {R"(udp_dest_port: "70000" is out of range (1 to 65535))"}},
+    {"sched.conf", "udp_dest_addr = loghost", {R"(udp_dest_addr: "loghost" is not an IPv4 address)"}},
+    {"sched.conf", "qmxut_port = +65535 ", {}},
+    {"sched.conf",
+     "syslog_poll_interval = 2147483648",
+     {R"(syslog_poll_interval: "2147483648" is out of range (1 to 2147483647))"}},
+    {"sched.conf", " \t", {}},
+    {"sched.conf", ";port_no = 0", {}},
+    {"sched.conf", " # note", {"a comment begins in the first column; this line is read as a setting"}},
+    {"sched.conf", " ;note", {"a comment begins in the first column; this line is read as a setting"}},
+    {"sched.conf",
+     std::string(100, 'k') + " = 1",
+     {"unknown key \"" + std::string(100, 'k') + R"("; the nearest known one is "port_no")"}},
+    {"sched.conf",
+     std::string(101, 'k') + " = 1",
+     {"unknown key \"" + std::string(100, 'k') + R"(..."; the nearest known one is "port_no")"}},
+    {"sched.conf",
+     "\x7f\0 = 1"s,
+     {"a NUL character: what follows it is not read", R"(unknown key "\x7f"; the nearest known one is "port_no")"}},
+    {"sched.conf",
+     "allowed_ip_address = 10.0.0.1",
+     {R"("allowed_ip_address" is not read from here; it belongs in common.ini)"}},
+    {"sched.conf",
+     "#" + std::string(1021, '-') + "x = 1",
+     {"longer than 1022 characters: the rest is read as a further line",
+      R"(unknown key "x"; the nearest known one is "port_no")"}},
+    {"sched.conf", "#" + std::string(1021, '-'), {}},
+    {"sched.conf",
+     "#" + std::string(1021, '-') + "#",
+     {"longer than 1022 characters: the rest is read as a further line"}},
+    {"sched.conf", "\033[31m = 1", {R"(unknown key "\x1b[31m"; the nearest known one is "port_no")"}},
+    {"common.ini", "[sched]\r", {R"(unknown section "[sched]\r"; the nearest known one is "[sched]")"}},
+    {"common.ini", "[sched]", {}},
+    {"common.ini",
+     "bound_ip_address = 127.0.0.1                      ",
+     {"bound_ip_address: \"127.0.0.1                      \" is cut to 30 characters"}},
+    {"common.ini",
+     "allowed_ip_address = 10.0.0.0/33, /24 10.1 0.0.0.0",
+     {R"(allowed_ip_address: prefix length "33" is out of range (1 to 32); only the one address is let in; )"
+      R"("/24" has no address and is skipped; "10.1" is not an IPv4 address; )"
+      R"("0.0.0.0" ends the list: 0.0.0.0 marks an empty entry)"}},
+    {"common.ini",
+     "allowed_ip_address = 1.1.1.1/32\t2.2.2.2/1 3.3.3.3,4.4.4.4 5.5.5.5 6.6.6.6 7.7.7.7 8.8.8.8 9.9.9.9 10.1.1.1 "
+     "11.1.1.1",
+     {R"("allowed_ip_address" is not read: line 4 sets it already)",
+      R"(allowed_ip_address: "11.1.1.1" is ignored: at most 10 are kept)"}},
+    {"common.ini",
+     "allowed_ip_address = 10.0.0.0/0 , ,",
+     {R"("allowed_ip_address" is not read: line 4 sets it already)",
+      R"(allowed_ip_address: prefix length "0" is out of range (1 to 32); only the one address is let in)"}},
+    {"common.ini",
+     "allowed_ip_address = ,",
+     {R"("allowed_ip_address" is not read: line 4 sets it already)",
+      "allowed_ip_address: an empty list lets everyone in"}},
+    {"common.ini",
+     "bound_ip_address = 127.0.0.1                     ",
+     {R"("bound_ip_address" is not read: line 3 sets it already)"}},
+    {"pvo.ini", "[section 100]", {R"(unknown section "[section 100]"; the nearest known one is "[section 10]")"}},
+    {"pvo.ini", "[section 99]", {}},
+    {"pvo.ini", "active = Yes", {R"(active: "Yes" is neither "yes" nor "no"; it is taken as no)"}},
+    {"pvo.ini", "address = ", {"address: the value is empty"}},
+    {"pvo.ini", "port = 65535", {}},
+    {"pvo.ini", "[section 0]", {}},
+    {"pvo.ini", "active = no", {}},
+    {"pvo.ini", "port = 65536", {R"(port: "65536" is out of range (1 to 65535))"}},
+    {"pvo.ini", "[section 1]", {}},
+    {"pvo.ini", "active = yes", {}},
+    {"pvo.ini", "port = 0", {R"(port: "0" is out of range (1 to 65535))"}},
+    {"pvo.ini", "active = no", {R"("active" is not read: line 10 sets it already)"}},
+    {"vgd_modules", "parts parts yes 30", {}},
+    {"vgd_modules", "Parts parts yes 30", {"skipped: an entry begins with a letter from a to z in the first column"}},
+    {"vgd_modules", "diag diag yes", {"dropped: not a word, a program, a display field and a time-out in seconds"}},
+    {"vgd_modules",
+     "parts diag yes 30s # slow",
+     {R"("parts" is never found: line 1 lists it already)", R"(time-out "30s" is read as 30)",
+      R"(ignored after the time-out: " # slow")"}},
+    {"vgd_modules",
+     "gone gone - -1",
+     {R"(time-out "-1" is out of range (0 to 2147483647))", R"(program "@/gone" does not exist)"}},
+    {"vgd_modules", "plain plain - 0", {R"(program "@/plain" is not executable)"}},
+    {"vgd_modules", "folder . - 2147483647 \r", {R"(program "@/." is not a regular file)"}},
+    {"vgd_modules",
+     "inside plain/x - 2147483648",
+     {R"(time-out "2147483648" is out of range (0 to 2147483647))", R"(program "@/plain/x" Not a directory)"}},
+    {"vgd_modules",
+     "parts parts yes 99999999999999999999",
+     {R"("parts" is never found: line 1 lists it already)",
+      R"(time-out "99999999999999999999" is out of range (0 to 2147483647))"}},
+    {"vgd_modules", "lock - - 0", {}},
+    {"vgd_modules", "lcok - - 0", {R"("lcok" is no command that the scheduler answers itself)"}},
+    {"timer_jobs", "", {"an empty line is taken for a job that lacks its fields; begin it with #"}},
+    {"timer_jobs", "0 3 *\t* * parts", {"dropped: a field is missing, or a tab stands between two of the time fields"}},
+    {"timer_jobs", "0 3 31 2 * parts", {"the job never runs"}},
+    {"timer_jobs",
+     "62,5/2,x,,3-1,*/0 24 0 13 7 parts",
+     {R"(minute "62": 62 is out of range (0 to 59))", R"(minute "5/2": the step after a single value is ignored)",
+      R"(minute "x": not a number, a range or *)", R"(minute "": an empty item is skipped)",
+      R"(minute "3-1": the range is empty)", R"(minute "*/0": a step of 0 ends the field)",
+      R"(hour "24": 24 is out of range (0 to 23))", R"(day of the month "0": 0 is out of range (1 to 31))",
+      R"(month "13": 13 is out of range (1 to 12))", R"(day of the week "7": 7 is out of range (0 to 6))",
+      "the job never runs"}},
+    {"timer_jobs", "5-5 3 * * * parts", {}},
+    {"timer_jobs", "59,1-9/4 23,*/7 31,1 12 6 parts", {}},
+    {"timer_jobs", "0-70 0 1 1 0 parts", {R"(minute "0-70": 70 is out of range (0 to 59))", "the job never runs"}},
+    {"timer_jobs", "0 3 * * * parts" + repeated(14, "\tx"), {}},
+    {"timer_jobs", "0 3 * * * parts\t" + std::string(293, 'x'), {}},
+    {"timer_jobs",
+     "0 3 * * * parts ",
+     {"the blank or control character at the end belongs to the command",
+      R"("parts " is not a module: the words of a command are separated by one tab each)"}},
+    {"timer_jobs",
+     " 0 3 * * * parts",
+     {"the blank at the start makes the minute empty and moves every field by one", "the job never runs",
+      R"("* parts" is not a module; the nearest is "parts")"}},
+    {"timer_jobs",
+     "0 3 * * * parts status",
+     {R"("parts status" is not a module: the words of a command are separated by one tab each)"}},
+    {"timer_jobs", "0 3 * * * lock", {R"("lock" is answered by the scheduler itself; a job cannot run it)"}},
+    {"timer_jobs", "0 3 * * * part\ts", {R"("part" is not a module; the nearest is "parts")"}},
+    {"timer_jobs", "0 3 * * * parts\tstatus\r", {"the blank or control character at the end belongs to the command"}},
+    {"timer_jobs", "0 3 * * * parts" + repeated(15, "\tx"), {"the command has more than 15 words"}},
+    {"timer_jobs", "0 3 * * * parts\t" + std::string(294, 'x'), {"the command is cut to 299 characters"}},
+};
+
 TEST(Check, NamesEachBadLineAndNoGoodOne) {
     Suite suite;
     suite.write("bin/plain", "");
     suite.write("config/vgd_modules", "");
-    const struct {
-        std::string file;
-        std::string line;
-        strings findings;
-    } cases[] = {
-        {"sched.conf", "port_no = 1", {R"("port_no = 1" stands before any section and is not read)"}},
-        {"sched.conf", "[shced]", {R"(unknown section "[shced]"; the nearest known one is "[sched]")"}},
-        {"sched.conf", "port_no = 1", {R"("port_no = 1" is in the section "[shced]", which is not read)"}},
-        {"sched.conf", "[sched]", {}},
-        {"sched.conf", "prot_no = 9", {R"(unknown key "prot_no"; the nearest known one is "port_no")"}},
-        {"sched.conf", "port_no = 99x", {R"(port_no: "99x" is not a number; it is read as 99)"}},
-        {"sched.conf", "port_no = 9980", {R"("port_no" is not read: line 6 sets it already)"}},
-        {"sched.conf", "analysis_interval=", {R"("analysis_interval" has no value; the line is skipped)"}},
-        {"sched.conf", "analysis_interval = 0", {R"(analysis_interval: "0" is out of range (1 to 2147483647))"}},
-        {"sched.conf", "udp_dest_port = 70000", {R"(udp_dest_port: "70000" is out of range (1 to 65535))"}},
-        {"sched.conf", "udp_dest_addr = loghost", {R"(udp_dest_addr: "loghost" is not an IPv4 address)"}},
-        {"sched.conf", " # note", {"a comment begins in the first column; this line is read as a setting"}},
-        {"sched.conf",
-         "allowed_ip_address = 10.0.0.1",
-         {R"("allowed_ip_address" is not read from here; it belongs in common.ini)"}},
-        {"sched.conf",
-         "#" + std::string(1021, '-') + "x = 1",
-         {"longer than 1022 characters: the rest is read as a further line",
-          R"(unknown key "x"; the nearest known one is "port_no")"}},
-        {"sched.conf", "#" + std::string(1021, '-'), {}},
-        {"sched.conf",
-         "#" + std::string(1021, '-') + "#",
-         {"longer than 1022 characters: the rest is read as a further line"}},
-        {"sched.conf", "\033[31m = 1", {R"(unknown key "\x1b[31m"; the nearest known one is "port_no")"}},
-        {"common.ini", "[sched]\r", {R"(unknown section "[sched]\r"; the nearest known one is "[sched]")"}},
-        {"common.ini", "[sched]", {}},
-        {"common.ini",
-         "bound_ip_address = 127.0.0.1                      ",
-         {"bound_ip_address: \"127.0.0.1                      \" is cut to 30 characters"}},
-        {"common.ini",
-         "allowed_ip_address = 10.0.0.0/33, /24 10.1 0.0.0.0",
-         {R"(allowed_ip_address: prefix length "33" is out of range (1 to 32); only the one address is let in; )"
-          R"("/24" has no address and is skipped; "10.1" is not an IPv4 address; )"
-          R"("0.0.0.0" ends the list: 0.0.0.0 marks an empty entry)"}},
-        {"pvo.ini", "[section 100]", {R"(unknown section "[section 100]"; the nearest known one is "[section 10]")"}},
-        {"pvo.ini", "[section 99]", {}},
-        {"pvo.ini", "active = Yes", {R"(active: "Yes" is neither "yes" nor "no"; it is taken as no)"}},
-        {"pvo.ini", "address = ", {"address: the value is empty"}},
-        {"vgd_modules", "parts parts yes 30", {}},
-        {"vgd_modules",
-         "Parts parts yes 30",
-         {"skipped: an entry begins with a letter from a to z in the first column"}},
-        {"vgd_modules", "diag diag yes", {"dropped: not a word, a program, a display field and a time-out in seconds"}},
-        {"vgd_modules",
-         "parts diag yes 30s # slow",
-         {R"("parts" is never found: line 1 lists it already)", R"(time-out "30s" is read as 30)",
-          R"(ignored after the time-out: " # slow")"}},
-        {"vgd_modules", "gone gone - -1", {R"(time-out "-1" is out of range (0 to 2147483647))", "GONE"}},
-        {"vgd_modules", "plain plain - 0", {"PLAIN"}},
-        {"vgd_modules", "lock - - 0", {}},
-        {"vgd_modules", "lcok - - 0", {R"("lcok" is no command that the scheduler answers itself)"}},
-        {"timer_jobs", "", {"an empty line is taken for a job that lacks its fields; begin it with #"}},
-        {"timer_jobs",
-         "0 3 *\t* * parts",
-         {"dropped: a field is missing, or a tab stands between two of the time fields"}},
-        {"timer_jobs", "0 3 31 2 * parts", {"the job never runs"}},
-        {"timer_jobs",
-         "62,5/2,x,,3-1,*/0 24 0 13 7 parts",
-         {R"(minute "62": 62 is out of range (0 to 59))", R"(minute "5/2": the step after a single value is ignored)",
-          R"(minute "x": not a number, a range or *)", R"(minute "": an empty item is skipped)",
-          R"(minute "3-1": the range is empty)", R"(minute "*/0": a step of 0 ends the field)",
-          R"(hour "24": 24 is out of range (0 to 23))", R"(day of the month "0": 0 is out of range (1 to 31))",
-          R"(month "13": 13 is out of range (1 to 12))", R"(day of the week "7": 7 is out of range (0 to 6))",
-          "the job never runs"}},
-        {"timer_jobs", "5-5 3 * * * parts", {}},
-        {"timer_jobs",
-         " 0 3 * * * parts",
-         {"the blank at the start makes the minute empty and moves every field by one", "the job never runs",
-          R"("* parts" is not a module; the nearest is "parts")"}},
-        {"timer_jobs",
-         "0 3 * * * parts status",
-         {R"("parts status" is not a module: the words of a command are separated by one tab each)"}},
-        {"timer_jobs", "0 3 * * * lock", {R"("lock" is answered by the scheduler itself; a job cannot run it)"}},
-        {"timer_jobs", "0 3 * * * part\ts", {R"("part" is not a module; the nearest is "parts")"}},
-        {"timer_jobs",
-         "0 3 * * * parts\tstatus\r",
-         {"the blank or control character at the end belongs to the command"}},
-        {"timer_jobs", "0 3 * * * parts" + repeated(15, "\tx"), {"the command has more than 15 words"}},
-        {"timer_jobs", "0 3 * * * parts\t" + std::string(294, 'x'), {"the command is cut to 299 characters"}},
-    };
     std::map<std::string, int> lines;
     std::string wanted;
-    for (const auto& c : cases) {
+    for (const auto& c : judged_lines) {
         const std::string file = "config/" + c.file;
         suite.write(file, (lines[c.file]++ == 0 ? "" : suite.read(file)) + c.line + "\n");
         for (std::string finding : c.findings) {
-            finding = finding == "GONE"    ? "program \"" + suite.path("bin/gone") + "\" does not exist"
-                      : finding == "PLAIN" ? "program \"" + suite.path("bin/plain") + "\" is not executable"
-                                           : finding;
+            if (const std::size_t at = finding.find('@'); at != std::string::npos)
+                finding.replace(at, 1, suite.path("bin"));
             wanted += suite.path(file) + ":" + std::to_string(lines[c.file]) + ": " + finding + "\n";
         }
     }
@@ -154,9 +206,12 @@ TEST(Check, NamesLinesThatDoNotFitInATable) {
     // 127 bytes are read: eight characters of the salt.
     suite.write("data/password", hash + std::string(55, ' ') + "12345678\n");
     EXPECT_THAT(schedcheck(suite, "--config " + suite.path("config")).out, Not(HasSubstr("password")));
-    suite.write("data/password", hash + std::string(55, ' ') + "123456789\n");
-    EXPECT_THAT(schedcheck(suite, "--config " + suite.path("config")).out,
-                EndsWith("/password:1: what follows the hash and the salt is ignored\n"));
+    for (const char blank : {' ', '\n'}) {
+        suite.write("data/password", std::string(hash) + blank + std::string(54, ' ') + "123456789\n");
+        EXPECT_THAT(schedcheck(suite, "--config " + suite.path("config")).out,
+                    EndsWith((blank == ' ' ? "/password:1"s : "/password:2"s) +
+                             ": what follows the hash and the salt is ignored\n"));
+    }
 }
 
 TEST(Check, ShippedExamplesAreCleanAndTheirNextRunsArePrinted) {

@@ -4,7 +4,7 @@
 
 namespace e2e {
 
-TEST(Supervisor, DetachesTheSchedulerAndStartsItAgainCleanAfterItsDeath) {
+TEST(E2eSupervisor, DetachesTheSchedulerAndStartsItAgainCleanAfterItsDeath) {
     Suite suite;
     suite.start({});
     pid_t scheduler = suite.scheduler();
@@ -50,7 +50,7 @@ TEST(Supervisor, DetachesTheSchedulerAndStartsItAgainCleanAfterItsDeath) {
     EXPECT_EQ(suite.read("stderr"), "");
 }
 
-TEST(Supervisor, DoesNotRetryWhenTheAddressCannotBeBound) {
+TEST(E2eSupervisor, DoesNotRetryWhenTheAddressCannotBeBound) {
     const std::string stopped = "alive_check:vgd scheduler abnormally terminated";
     const struct {
         const char* name;
@@ -81,7 +81,7 @@ TEST(Supervisor, DoesNotRetryWhenTheAddressCannotBeBound) {
     }
 }
 
-TEST(Supervisor, EndsWithAnOrderlySchedulerButDoesNotTakeItDownWhenKilled) {
+TEST(E2eSupervisor, EndsWithAnOrderlySchedulerButDoesNotTakeItDownWhenKilled) {
     Suite suite;
     suite.start({});
     suite.event("I0199:end\n");
