@@ -70,6 +70,7 @@ TEST(E2eStartup, ConfigurationIsTracedIntoTheFileAndTheRestToStandardOutput) {
     suite.start({"-D", "-t", "-9x", "-N", "2"});  // like -p, they override the file
     EXPECT_EQ(getpriority(PRIO_PROCESS, static_cast<id_t>(suite.pid)), std::min(getpriority(PRIO_PROCESS, 0) + 2, 19));
     EXPECT_EQ(of_process(suite.pid, "readlink fd/0 fd/2 cwd"), repeated(2, "/dev/null\n") + shell("pwd -P"));
+    EXPECT_EQ(of_process(suite.pid, "readlink fd/* | grep -c null"), "2\n");
     EXPECT_EQ(suite.read("log/sched.pid"), std::to_string(suite.pid));
     EXPECT_EQ(suite.read("log/alivechk.pid"), "");
     EXPECT_EQ(shell("sed -E 's,^[0-9/]{10} [0-9:]{8} thr:[0-9a-f]{8} ,,' " + suite.path("log/sched_log")),

@@ -81,6 +81,14 @@ TEST_F(Timer, FieldSetsItsSlotsAndStopsAtABadItem) {
     }
 }
 
+TEST_F(Timer, FieldEndsAtEachBlank) {
+    for (const char blank : {' ', '\t', '\n', '\v', '\f', '\r'}) {
+        std::uint8_t slots[24] = {};
+        set_job_field(("5" + std::string(1, blank) + ",7").c_str(), slots, 24);
+        EXPECT_EQ(numbers(slots), std::vector<std::size_t>{5}) << static_cast<int>(blank);
+    }
+}
+
 TEST_F(Timer, BadOrLongLineCostsOnlyItself) {
     load("7 7 7 7 3 good\n");
     const job_record good = table.job[0];
