@@ -1,5 +1,5 @@
 // What the fuzz targets share: a suite directory, the input as the lines of a file, and the end of a run that found a
-// fault. Where it can, a target computes the wanted result itself, with other library calls, and compares.
+// fault.
 #pragma once
 
 #include "sched/startup.h"
@@ -29,17 +29,6 @@ inline void require(bool holds, const char* what) {
 
 inline std::string_view text_of(const std::uint8_t* data, std::size_t size) {
     return {reinterpret_cast<const char*>(data), size};
-}
-
-// The lines that fgets reads: up to a newline, which is left out here, or max bytes; each ends at its first NUL.
-inline std::vector<std::string> pieces_of(std::string_view text, std::size_t max) {
-    std::vector<std::string> pieces;
-    while (!text.empty()) {
-        const std::size_t end = std::min({text.find('\n'), max, text.size()});
-        pieces.emplace_back(std::string(text.substr(0, end)).c_str());
-        text.remove_prefix(end < max && end < text.size() ? end + 1 : end);
-    }
-    return pieces;
 }
 
 inline std::string read_to_end(int fd) {

@@ -6,7 +6,7 @@
 
 namespace e2e {
 
-TEST(Connection, LinesAreCutJoinedAndAnsweredWhateverThePiecesAre) {
+TEST(E2eConnection, LinesAreCutJoinedAndAnsweredWhateverThePiecesAre) {
     Suite suite;
     suite.module("args", "printf '<%s>' \"$@\"; echo");
     suite.listed("mystery - - 0");
@@ -50,7 +50,7 @@ TEST(Connection, LinesAreCutJoinedAndAnsweredWhateverThePiecesAre) {
                         "Warning:comm:unsupported(\"nosuch x", "Error:comm:line overflow (max=16384 soc="});
 }
 
-TEST(Connection, QuitClosesOnlyItsOwnConnectionAndWithoutAReset) {
+TEST(E2eConnection, QuitClosesOnlyItsOwnConnectionAndWithoutAReset) {
     Suite suite;
     suite.start();
     const auto mapped = [&] { return std::stoi(of_process(suite.pid, "wc -l <maps")); };
@@ -72,7 +72,7 @@ TEST(Connection, QuitClosesOnlyItsOwnConnectionAndWithoutAReset) {
 
 // Without TCP_NODELAY every second line of an answer waits 40 ms for an acknowledgement, and what is corked waits 200 ms;
 // without keep-alive of two minutes the operator of a dead host keeps its place.
-TEST(Connection, SocketsOfOperatorsSendAtOnceAndFindDeadHosts) {
+TEST(E2eConnection, SocketsOfOperatorsSendAtOnceAndFindDeadHosts) {
     Suite suite;
     suite.start();
     Client client = suite.client();
@@ -103,7 +103,7 @@ TEST(Connection, SocketsOfOperatorsSendAtOnceAndFindDeadHosts) {
 }
 
 // It may have sent its lines without waiting for answers. But it may have left very many.
-TEST(Connection, ClientThatIsGoneIsServedForAHundredLinesOrTenSeconds) {
+TEST(E2eConnection, ClientThatIsGoneIsServedForAHundredLinesOrTenSeconds) {
     Suite suite;
     suite.module("slow", "sleep 3.5");
     suite.write("data/password", std::string(64, 'h') + " saltSALT");
@@ -140,7 +140,7 @@ TEST(Connection, ClientThatIsGoneIsServedForAHundredLinesOrTenSeconds) {
 }
 
 // Commands that run after a module command, and the marks that they set and clear.
-TEST(Connection, FollowUpCommandsDependOnThePlatformAndTheMarks) {
+TEST(E2eConnection, FollowUpCommandsDependOnThePlatformAndTheMarks) {
     for (const std::string platform : {"KT", "ZW", "kt", "KTX", ""}) {
         SCOPED_TRACE(platform);
         const bool prognosis = platform == "KT" || platform == "ZW";

@@ -7,7 +7,7 @@ namespace e2e {
 // A message as the answer to `status` shows it.
 static std::string delivered(const std::string& text) { return "DATE;" + text + "\r\n"; }
 
-TEST(Events, OnlyWholeMessagesAreLoggedAndErrorsAndWarningsWaitForTheFirstOperator) {
+TEST(E2eEvents, OnlyWholeMessagesAreLoggedAndErrorsAndWarningsWaitForTheFirstOperator) {
     Suite suite;
     suite.start();
     for (const char* ignored : {"MB;ALL;E0101:x", "ALL;ALL;E0101:x", "all;E0101:x", "ALL;", "", "e0101:x", "X0101:x",
@@ -45,7 +45,7 @@ TEST(Events, OnlyWholeMessagesAreLoggedAndErrorsAndWarningsWaitForTheFirstOperat
                         "event:vgdmsg:\"D9999:a b\r\"\n", "event:extract from dummy out=0 in=5 lost=0\n"});
 }
 
-TEST(Events, LongLinesAreCutForOperatorsAndLogsAndPiecesOfALineAreJoined) {
+TEST(E2eEvents, LongLinesAreCutForOperatorsAndLogsAndPiecesOfALineAreJoined) {
     Suite suite;
     suite.start();
     Client client = suite.client();
@@ -80,7 +80,7 @@ TEST(Events, LongLinesAreCutForOperatorsAndLogsAndPiecesOfALineAreJoined) {
     EXPECT_EQ(suite.status(client), status_answer("error", delivered("E0401:half") + delivered("E0401:whole")));
 }
 
-TEST(Events, EachCodeSetsItsMarksAndRunsItsModules) {
+TEST(E2eEvents, EachCodeSetsItsMarksAndRunsItsModules) {
     Suite suite;
     suite.env["TZ"] = "UTC";
     suite.start();
@@ -139,7 +139,7 @@ TEST(Events, EachCodeSetsItsMarksAndRunsItsModules) {
 }
 
 // The date is local time of the given moment, but its offset is the present one.
-TEST(Events, ConfigurationDateIsLocalTimeWithThePresentOffset) {
+TEST(E2eEvents, ConfigurationDateIsLocalTimeWithThePresentOffset) {
     for (const std::string zone : {"UTC", "Asia/Tokyo", "America/St_Johns", "Asia/Kathmandu"}) {
         Suite suite;
         suite.env["TZ"] = zone;
@@ -169,7 +169,7 @@ static std::vector<Client> start_with_a_slow_module(Suite& suite) {
     return clients;
 }
 
-TEST(Events, BurstOfSeveralWritersLosesNoLogLineAndIsCountedForEachOperator) {
+TEST(E2eEvents, BurstOfSeveralWritersLosesNoLogLineAndIsCountedForEachOperator) {
     constexpr int writers = 4;
     constexpr int lines = 2500;
     Suite suite;
@@ -203,7 +203,7 @@ TEST(Events, BurstOfSeveralWritersLosesNoLogLineAndIsCountedForEachOperator) {
 }
 
 // One operator after the other asks for the status and quits, both in one packet, while messages arrive.
-TEST(Events, EachMessageReachesExactlyOneOfOperatorsThatAskAndQuitInTurn) {
+TEST(E2eEvent, EachMessageReachesExactlyOneOfOperatorsThatAskAndQuitInTurn) {
     Suite suite;
     suite.start();
     std::string raised;
@@ -228,7 +228,7 @@ TEST(Events, EachMessageReachesExactlyOneOfOperatorsThatAskAndQuitInTurn) {
 }
 
 // Commands that already wait for the module lock may still run before the end, but none after it.
-TEST(Events, EndMessageStopsTheModulesOnceAndLast) {
+TEST(E2eEvents, EndMessageStopsTheModulesOnceAndLast) {
     Suite suite;
     std::vector<Client> clients = start_with_a_slow_module(suite);
     suite.event("ALL;I0199:stop\nE0101:never read\n");

@@ -21,7 +21,7 @@ static std::string datagram_to(const unique_fd& raw_socket, int port) {
     return text;
 }
 
-TEST(Forwarding, DatagramHasTheSourceAddressGivenAndItsTextIsCut) {
+TEST(E2eForwarding, DatagramHasTheSourceAddressGivenAndItsTextIsCut) {
     if (geteuid() != 0) GTEST_SKIP() << "raw sockets need root";
     Suite suite;
     suite.settings("udp_dest_port = " + std::to_string(suite.port));
@@ -54,7 +54,7 @@ TEST(Forwarding, DatagramHasTheSourceAddressGivenAndItsTextIsCut) {
          "ipset done.\n", "sending \"hello\" from 127.0.0.5 to 127.0.0.1:"});
 }
 
-TEST(Forwarding, ReachesASystemLogDaemon) {
+TEST(E2eForwarding, ReachesASystemLogDaemon) {
     if (geteuid() != 0 || access("/usr/sbin/rsyslogd", X_OK) != 0)
         GTEST_SKIP() << "needs root, for raw sockets, and rsyslogd (Debian package rsyslog)";
     Suite suite;
@@ -80,7 +80,7 @@ template(name="line" type="string" string="%fromhost-ip% %syslogtag%%msg%\n")
     EXPECT_TRUE(wait_until([&] { return suite.read("data/pid").empty(); }));
 }
 
-TEST(Forwarding, ResourceStreamArrivesWholeAndEndsWithItsConnection) {
+TEST(E2eForwarding, ResourceStreamArrivesWholeAndEndsWithItsConnection) {
     Suite suite;
     const int port = free_port();
     unique_fd listener = listen_on(port);
@@ -121,7 +121,7 @@ static void interrupt(const Suite& suite) {
     std::this_thread::sleep_for(50ms);
 }
 
-TEST(Forwarding, StreamToASlowReceiverSurvivesInterruptionsAndIsGivenUpInTheEnd) {
+TEST(E2eForwarding, StreamToASlowReceiverSurvivesInterruptionsAndIsGivenUpInTheEnd) {
     Suite suite;
     const int port = free_port();
     const unique_fd listener = listen_on(port);
@@ -157,7 +157,7 @@ TEST(Forwarding, StreamToASlowReceiverSurvivesInterruptionsAndIsGivenUpInTheEnd)
     }
 }
 
-TEST(Forwarding, ReceiverThatDoesNotAcceptYetDelaysOnlyItsOwnConnection) {
+TEST(E2eForwarding, ReceiverThatDoesNotAcceptYetDelaysOnlyItsOwnConnection) {
     Suite suite;
     const int port = free_port();
     const unique_fd listener = listen_on(port, 0);
@@ -175,7 +175,7 @@ TEST(Forwarding, ReceiverThatDoesNotAcceptYetDelaysOnlyItsOwnConnection) {
     suite.expect_trace({"Error:res_data:connect error, errno=110\n"});
 }
 
-TEST(Forwarding, BadAddressesAndASecondOneAreRefused) {
+TEST(E2eForwarding, BadAddressesAndASecondOneAreRefused) {
     Suite suite;
     suite.settings("udp_dest_addr = nonsense");
     suite.start();

@@ -292,6 +292,20 @@ void Suite::stop() {
         kill(scheduler(), SIGKILL);  // its supervisor has been killed
 }
 
+std::string Suite::fake_clock(const std::string& clock) {
+    if (const std::string sanitizer = SCHED_SANITIZE; !sanitizer.empty())
+        return "the sanitizer (" + sanitizer + ") and the library that fakes the clock both want to come first";
+    const std::string library = shell("ls /usr/lib/*/faketime/libfaketimeMT.so.1 2>/dev/null");
+    if (library.empty()) return "libfaketime is not installed";
+    env["LD_PRELOAD"] = library.substr(0, library.find('\n'));
+    env["FAKETIME_TIMESTAMP_FILE"] = path("temp/clock");
+    env["FAKETIME_NO_CACHE"] = "1";
+    env["FAKETIME_DONT_FAKE_MONOTONIC"] = "1";
+    env["TZ"] = "UTC";
+    write("temp/clock", clock);
+    return "";
+}
+
 std::vector<Client> Suite::thirty_two() const {
     std::vector<Client> clients;
     for (int i = 0; i < 32; i++) {

@@ -119,6 +119,10 @@ public:
     bool traced(const std::string& text) const { return trace().find(text) != std::string::npos; }
     void await_trace(const std::string& text, milliseconds deadline = patience) const;
 
+    // Gives the daemon a clock of its own: "+0 x20" runs twenty times as fast, "@2024-01-01 10:00:05 x5" from a moment on
+    // (UTC). Writing the file temp/clock sets it. Returns why that is not possible, or an empty text.
+    std::string fake_clock(const std::string& clock);
+
     std::map<std::string, std::string> env;  // of the daemon, besides the test's own
     strings wrapper;                         // a command put before the daemon's
     unsigned long descriptors = 0;           // RLIMIT_NOFILE of the daemon when not 0

@@ -4,7 +4,7 @@ namespace e2e {
 
 static const std::string ruler = "       " + repeated(6, "0123456789") + "012\r\n";
 
-TEST(Internal, CommandsAnswerByteForByte) {
+TEST(E2eInternal, CommandsAnswerByteForByte) {
     Suite suite;
     suite.listed("alpha parts + 60\nbeta - shown 0");
     suite.listed("alpha diag + 60");  // never run, as the first has its name, but listed
@@ -60,7 +60,7 @@ TEST(Internal, CommandsAnswerByteForByte) {
                         "Info:hello login:an-operator-of-\n", "command1:\"ehello\"(from 127.0.0.1) no.0\n"});
 }
 
-TEST(Internal, LockHasOneHolderAndIsFreedWhenTheHolderDisconnects) {
+TEST(E2eInternal, LockHasOneHolderAndIsFreedWhenTheHolderDisconnects) {
     Suite suite;
     suite.start();
     Client first = suite.client();
@@ -87,7 +87,7 @@ TEST(Internal, LockHasOneHolderAndIsFreedWhenTheHolderDisconnects) {
         suite.await_trace(" "s + end + " from 127.0.0.1\n");
 }
 
-TEST(Internal, DumpShowsEachOperatorAndItsQueueFromTheOldestMessage) {
+TEST(E2eInternal, DumpShowsEachOperatorAndItsQueueFromTheOldestMessage) {
     Suite suite;
     suite.env["TZ"] = "UTC";
     suite.start();

@@ -18,7 +18,7 @@ static std::string login_line(const std::string& nonce) {
     return "login\t" + sha256_hex(hash + nonce + cnonce) + "\t" + nonce + "\t" + cnonce;
 }
 
-TEST(Login, ExactlyAValidPasswordFileRequiresTheLogin) {
+TEST(E2eLogin, ExactlyAValidPasswordFileRequiresTheLogin) {
     const std::string both = hash + " " + salt;
     const Row<std::string, bool> cases[] = {
         {"no newline", both, true},
@@ -43,7 +43,7 @@ TEST(Login, ExactlyAValidPasswordFileRequiresTheLogin) {
     }
 }
 
-TEST(Login, RemoteClientRunsNothingBeforeTheRightResponseToItsOwnNonce) {
+TEST(E2eLogin, RemoteClientRunsNothingBeforeTheRightResponseToItsOwnNonce) {
     Suite suite;
     suite.write("data/password", hash + " " + salt + "\n");
     suite.start();
@@ -85,7 +85,7 @@ TEST(Login, RemoteClientRunsNothingBeforeTheRightResponseToItsOwnNonce) {
     EXPECT_EQ(earlier.ask("quit"), goodbye);
 }
 
-TEST(Login, WhatAClientSentBeforeItClosedIsCarriedOut) {
+TEST(E2eLogin, WhatAClientSentBeforeItClosedIsCarriedOut) {
     Suite suite;
     suite.write("data/password", hash + " " + salt + "\n");
     suite.start();
@@ -98,7 +98,7 @@ TEST(Login, WhatAClientSentBeforeItClosedIsCarriedOut) {
     EXPECT_EQ(suite.calls(), "parts status");
 }
 
-TEST(Login, ClientBehindARelayMustLogInAndBeAllowed) {
+TEST(E2eLogin, ClientBehindARelayMustLogInAndBeAllowed) {
     Suite suite;
     suite.write("data/password", hash + " " + salt + "\n");
     suite.write("config/common.ini", "[sched]\nallowed_ip_address = 10.1.0.0/16\n");

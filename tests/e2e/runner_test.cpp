@@ -6,7 +6,7 @@
 
 namespace e2e {
 
-TEST(Runner, OutputArrivesByteForByteAndEachEndIsReported) {
+TEST(E2eRunner, OutputArrivesByteForByteAndEachEndIsReported) {
     Suite suite;
     const std::string timeout = "__timeout__\r\n";
     const std::string text = "0123456789 abcdefghijklmnopqrstuvwxyz, a line of no great length";
@@ -60,7 +60,7 @@ TEST(Runner, OutputArrivesByteForByteAndEachEndIsReported) {
 }
 
 // With a small, a usual and the highest limit of descriptors.
-TEST(Runner, ModuleInheritsNoDescriptorOfOursAndHasItsSignalsSessionAndEnvironment) {
+TEST(E2eRunner, ModuleInheritsNoDescriptorOfOursAndHasItsSignalsSessionAndEnvironment) {
     for (const unsigned long limit : {40UL, 1024UL, std::stoul(shell("ulimit -H -n"))}) {
         SCOPED_TRACE(limit);
         Suite suite;
@@ -72,6 +72,7 @@ TEST(Runner, ModuleInheritsNoDescriptorOfOursAndHasItsSignalsSessionAndEnvironme
         suite.env["REMOTEHOST"] = "192.0.2.1";  // of our starter; the scheduler's own runs have none
         suite.react("parts.status", "echo \"${REMOTEHOST-none}\" > \"$VGD_temp/remote\"");
         suite.module("ids", "echo $$; cut -d' ' -f5-7 /proc/$$/stat");
+        suite.env["REMOTEHOST2"] = "ours";
         suite.start(limit == 40 ? strings{"-D", "-d", "W"} : strings{"-D"});
         std::vector<Client> others;
         for (int i = 0; i < 20; i++) others.push_back(suite.client());
@@ -90,14 +91,15 @@ TEST(Runner, ModuleInheritsNoDescriptorOfOursAndHasItsSignalsSessionAndEnvironme
         EXPECT_EQ(ids, pid + "\r\n" + pid + " " + pid + " 0\r\n" + over);
         EXPECT_EQ(suite.read("temp/remote"), "none\n");
         const std::string environment = client.ask("env");
-        for (const std::string& entry : {"REMOTEHOST=127.0.0.2\r\n"s, "VGD_bin=" + suite.path("bin") + "\r\n"})
+        for (const std::string& entry :
+             {"REMOTEHOST=127.0.0.2\r\n"s, "REMOTEHOST2=ours\r\n"s, "VGD_bin=" + suite.path("bin") + "\r\n"})
             EXPECT_THAT(environment, HasSubstr(entry));
         for (const char* entry : {"LD_PRELOAD=watchmalloc.so.1\r\n", "MALLOC_DEBUG=WATCH,RW\r\n"})
             EXPECT_EQ(environment.find(entry) != std::string::npos, limit == 40) << entry;
     }
 }
 
-TEST(Runner, ModulesOfThirtyTwoClientsNeverRunAtTheSameTime) {
+TEST(E2eRunner, ModulesOfThirtyTwoClientsNeverRunAtTheSameTime) {
     Suite suite;
     suite.module("turn", "cd \"$VGD_temp\"; echo begin >> turns; sleep 0.02; echo end >> turns; echo \"$1\"");
     suite.start();
@@ -109,7 +111,7 @@ TEST(Runner, ModulesOfThirtyTwoClientsNeverRunAtTheSameTime) {
 }
 
 // One client has many commands in its socket; another one waits for one command of the first at most.
-TEST(Runner, ClientWithManyCommandsDoesNotDelayAnother) {
+TEST(E2eRunner, ClientWithManyCommandsDoesNotDelayAnother) {
     Suite suite;
     suite.module("flood", "sleep 0.02");
     suite.module("other", "");

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <thread>
 
 namespace e2e {
 
@@ -17,7 +18,7 @@ static std::string missing(const strings& names) {
     return text + "VGD scheduler failed.\n";
 }
 
-TEST(Startup, VersionAndErrorsEndTheProgramWithTheirCodeAndText) {
+TEST(E2eStartup, VersionAndErrorsEndTheProgramWithTheirCodeAndText) {
     const struct {
         const char* name;
         strings args, unset;
@@ -26,6 +27,7 @@ TEST(Startup, VersionAndErrorsEndTheProgramWithTheirCodeAndText) {
         bool traces;
     } cases[] = {
         {"version without environment", {"-v"}, required, 0, version, "", false},
+        {"no argument and no environment", {}, required, 1, "", missing(required), false},
         {"version first", {"-v", "-D"}, {}, 0, version, "", false},
         {"version, other letter", {"-V"}, {}, 0, version, "", true},
         {"version after another option", {"-p", "-1", "-v"}, {}, 0, version, "", true},
@@ -56,7 +58,7 @@ TEST(Startup, VersionAndErrorsEndTheProgramWithTheirCodeAndText) {
     }
 }
 
-TEST(Startup, ConfigurationIsTracedIntoTheFileAndTheRestToStandardOutput) {
+TEST(E2eStartup, ConfigurationIsTracedIntoTheFileAndTheRestToStandardOutput) {
     Suite suite;
     suite.settings(
         "port_no = 1\nanalysis_interval = 30s\nqmxut_port = x\n[x]\nudp_dest_port = "
@@ -68,6 +70,7 @@ TEST(Startup, ConfigurationIsTracedIntoTheFileAndTheRestToStandardOutput) {
     suite.start({"-D", "-t", "-9x", "-N", "2"});  // like -p, they override the file
     EXPECT_EQ(getpriority(PRIO_PROCESS, static_cast<id_t>(suite.pid)), std::min(getpriority(PRIO_PROCESS, 0) + 2, 19));
     EXPECT_EQ(of_process(suite.pid, "readlink fd/0 fd/2 cwd"), repeated(2, "/dev/null\n") + shell("pwd -P"));
+    EXPECT_EQ(of_process(suite.pid, "readlink fd/* | grep -c null"), "2\n");
     EXPECT_EQ(suite.read("log/sched.pid"), std::to_string(suite.pid));
     EXPECT_EQ(suite.read("log/alivechk.pid"), "");
     EXPECT_EQ(shell("sed -E 's,^[0-9/]{10} [0-9:]{8} thr:[0-9a-f]{8} ,,' " + suite.path("log/sched_log")),
@@ -95,7 +98,7 @@ allowed ip address 1 = 1.2.3.4 mask ffffffff
     EXPECT_EQ(suite.read("stderr"), "");
 }
 
-TEST(Startup, AllowedAddressesAreReadInOrderAndOthersAreRefused) {
+TEST(E2eStartup, AllowedAddressesAreReadInOrderAndOthersAreRefused) {
     const struct {
         const char* name;
         std::string value, listing;
@@ -120,17 +123,22 @@ TEST(Startup, AllowedAddressesAreReadInOrderAndOthersAreRefused) {
         suite.write("config/common.ini", "[sched]\nbound_ip_address = none\nallowed_ip_address = " + c.value + "\n");
         suite.settings("analysis_interval = 0");  // is no interval
         suite.start();
+        const auto descriptors = [&] { return of_process(suite.pid, "ls fd | wc -l"); };
+        const std::string before = descriptors();
         EXPECT_THAT(suite.out(), HasSubstr("binding to 0.0.0.0 (port "));
         suite.await_trace("Info:event:pend time = 60\n");
         EXPECT_EQ(suite.client().ask("show\tallowed_ip"), "### allowed IP addresses ###\r\n" + c.listing + over);
         Client other = suite.client("127.0.0.2");
         EXPECT_EQ(c.admits ? other.ask("nosuch") : other.rest(), c.admits ? unsupported : "");
+        if (!c.admits) EXPECT_TRUE(wait_until([&] { return descriptors() == before; }, 5s));
         EXPECT_NE(suite.traced("Warning:address is not allowed to"), c.admits);
+        EXPECT_EQ(suite.traced("hmi 0200007f matched to 0300007f(mask fffffffe)\n"),
+                  c.value.starts_with("127.0.0.3/31"));
     }
 }
 
 // Also when another process holds the FIFO open: it gets no bytes.
-TEST(Startup, GoesOnWithAFifoInPlaceOfAFile) {
+TEST(E2eStartup, GoesOnWithAFifoInPlaceOfAFile) {
     const struct {
         std::string file;
         strings args;
@@ -164,8 +172,24 @@ TEST(Startup, GoesOnWithAFifoInPlaceOfAFile) {
     }
 }
 
+// What is written to it arrives, without a busy loop at its end.
+TEST(E2eStartup, ReadsAnOrdinaryFileInPlaceOfTheEventPipe) {
+    Suite suite;
+    shell("rm " + suite.path("pipe") + "; echo E0101:first >" + suite.path("pipe"));
+    suite.start();
+    suite.await_events(1);
+    const auto ticks = [&] {
+        return std::stol(of_process(suite.pid, "echo $(($(cut -d' ' -f14,15 stat | tr ' ' +)))"));
+    };
+    const long before = ticks();
+    std::this_thread::sleep_for(1s);
+    EXPECT_LT(ticks() - before, 20);
+    shell("echo E0102:second >>" + suite.path("pipe"));
+    suite.await_events(2);
+}
+
 // A launcher that reads a pipe to its end gets that end while the daemon runs.
-TEST(Startup, KeepsNoOtherDescriptorOfItsParent) {
+TEST(E2eStartup, KeepsNoOtherDescriptorOfItsParent) {
     for (const strings& args : {strings{"-D"}, strings{}}) {
         Suite suite;
         const std::string fifo = suite.path("temp/inherited");
@@ -179,7 +203,7 @@ TEST(Startup, KeepsNoOtherDescriptorOfItsParent) {
     }
 }
 
-TEST(Startup, GoesOnWithoutAnEventPipeAndWithBlockedSignals) {
+TEST(E2eStartup, GoesOnWithoutAnEventPipeAndWithBlockedSignals) {
     Suite suite;
     suite.env["VGD_PIPE"] = suite.path("stdout/pipe");  // another error than "no such file", which would end the daemon
     suite.start();

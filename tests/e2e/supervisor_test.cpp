@@ -7,7 +7,7 @@
 
 namespace e2e {
 
-TEST(Supervisor, DetachesTheSchedulerAndStartsItAgainCleanAfterItsDeath) {
+TEST(E2eSupervisor, DetachesTheSchedulerAndStartsItAgainCleanAfterItsDeath) {
     Suite suite;
     suite.start({});
     pid_t scheduler = suite.scheduler();
@@ -55,7 +55,7 @@ TEST(Supervisor, DetachesTheSchedulerAndStartsItAgainCleanAfterItsDeath) {
 
 // Each writer opens the pipe for its line, as modules do, and would fail without a reader. What stands in the pipe waits
 // for the next scheduler; a kill loses the line that is being read or carried out.
-TEST(Supervisor, KillOfTheSchedulerLosesAtMostOneLineOfTheEventPipe) {
+TEST(E2eSupervisor, KillOfTheSchedulerLosesAtMostOneLineOfTheEventPipe) {
     constexpr int kills = 2;
     Suite suite;
     suite.start({});
@@ -99,7 +99,7 @@ TEST(Supervisor, KillOfTheSchedulerLosesAtMostOneLineOfTheEventPipe) {
     EXPECT_LE(missing, kills) << "of " << sent;
 }
 
-TEST(Supervisor, DoesNotRetryWhenTheAddressCannotBeBound) {
+TEST(E2eSupervisor, DoesNotRetryWhenTheAddressCannotBeBound) {
     const std::string stopped = "alive_check:vgd scheduler abnormally terminated";
     const struct {
         const char* name;
@@ -130,7 +130,7 @@ TEST(Supervisor, DoesNotRetryWhenTheAddressCannotBeBound) {
     }
 }
 
-TEST(Supervisor, EndsWithAnOrderlySchedulerButDoesNotTakeItDownWhenKilled) {
+TEST(E2eSupervisor, EndsWithAnOrderlySchedulerButDoesNotTakeItDownWhenKilled) {
     Suite suite;
     suite.start({});
     suite.event("I0199:end\n");

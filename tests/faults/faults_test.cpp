@@ -123,28 +123,6 @@ void lose_log_directory(Suite& suite) {
     suite.await_trace("command:\"diag\" end. status=0\n");
 }
 
-// Also when another process holds the FIFOs open: it gets no bytes.
-void logs_become_fifos(Suite& suite) {
-    const std::string logs = "cd " + suite.path("log") + "; rm -f *log*; ";
-    for (const bool held : {false, true}) {
-        EXPECT_EQ(shell("cd " + suite.path("log") + "; for log in sched_log sched_logerr event_log; do " +
-                        "mkfifo fifo && mv -f fifo $log; done 2>&1"),
-                  "");  // in one step each, since the daemon still writes
-        std::vector<unique_fd> other_ends;
-        for (const char* name : {"log/sched_log", "log/sched_logerr", "log/event_log"})
-            if (held) other_ends.emplace_back(open(suite.path(name).c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
-        Client client = suite.client();
-        EXPECT_EQ(client.ask("parts\tstatus"), over);
-        for (const char* text : {"E0103:first\n", "E0103:second\n"}) suite.event(text);
-        EXPECT_TRUE(wait_until([&] { return suite.status(client).find("second") != std::string::npos; }));
-        char byte;
-        for (const unique_fd& other_end : other_ends) EXPECT_EQ(read(other_end.get(), &byte, 1), -1);
-        EXPECT_EQ(shell(logs), "");
-        EXPECT_EQ(client.ask("diag\tlogged"), over);
-        suite.await_trace("command:\"diag\" end. status=0\n");
-    }
-}
-
 // The mount is visible in this process only, and ends with it.
 void small_log_disk(Suite& suite) {
     const std::string log = suite.path("log");
@@ -258,7 +236,6 @@ const Fault faults[] = {
     {"StoppedAndContinuedInAWrite", stop_and_continue, "head -c 3000000 /dev/zero | tr '\\0' '\\n'"},
     {"ConnectionsResetInMidCommand", reset_in_mid_command, "sleep 0.2; exec yes 'for ever and ever'"},
     {"LogDirectoryGoesAndComesBack", lose_log_directory, "", nothing, traced_to_files},
-    {"LogsBecomeFifos", logs_become_fifos, "", nothing, traced_to_files},
     {"LogDiskIsFull", fill_log_disk, "", small_log_disk, traced_to_files},
     {"EventPipeIsRemade", remake_pipe},
     {"NoDescriptorIsLeft", use_all_descriptors, "", [](Suite& suite) { suite.descriptors = 16; }},
@@ -270,9 +247,9 @@ const Fault faults[] = {
      {}},
 };
 
-class Faults : public testing::TestWithParam<Fault> {};
+class E2eFaults : public testing::TestWithParam<Fault> {};
 
-TEST_P(Faults, ServesOn) {
+TEST_P(E2eFaults, ServesOn) {
     Suite suite;
     suite.module("rogue", "echo $$ >> \"$VGD_temp/pids\"\n"s + GetParam().script, 1);
     suite.listed("patient rogue - 60");
@@ -291,22 +268,13 @@ TEST_P(Faults, ServesOn) {
     EXPECT_EQ(of_process(scheduler, "cat task/*/children"), "");
 }
 
-INSTANTIATE_TEST_SUITE_P(All, Faults, testing::ValuesIn(faults));
+INSTANTIATE_TEST_SUITE_P(All, E2eFaults, testing::ValuesIn(faults));
 
 // The daemon's clock runs twenty times as fast. It is set back by an hour less three seconds, so that the sleep ends three
 // seconds after a full minute that comes a second time. Then it is set forward by an hour.
-TEST(Clock, SetBackAndForwardNoMinuteRunsTwiceOrIsSkipped) {
-    if (const std::string sanitizer = SCHED_SANITIZE; !sanitizer.empty())
-        GTEST_SKIP() << "the sanitizer (" << sanitizer
-                     << ") and the library that fakes the clock both want to come first";
-    const std::string library = shell("ls /usr/lib/*/faketime/libfaketimeMT.so.1 2>/dev/null");
-    if (library.empty()) GTEST_SKIP() << "libfaketime is not installed";
+TEST(E2eClock, SetBackAndForwardNoMinuteRunsTwiceOrIsSkipped) {
     Suite suite;
-    suite.env["LD_PRELOAD"] = library.substr(0, library.find('\n'));
-    suite.env["FAKETIME_TIMESTAMP_FILE"] = suite.path("temp/clock");
-    suite.env["FAKETIME_NO_CACHE"] = "1";
-    suite.env["FAKETIME_DONT_FAKE_MONOTONIC"] = "1";
-    suite.write("temp/clock", "+0 x20");
+    if (const std::string reason = suite.fake_clock("+0 x20"); !reason.empty()) GTEST_SKIP() << reason;
     suite.write("config/timer_jobs", "* * * * * parts\ttick\n");
     suite.start();
     std::vector<long> minutes;
@@ -332,6 +300,18 @@ TEST(Clock, SetBackAndForwardNoMinuteRunsTwiceOrIsSkipped) {
     for (std::size_t i = 1; i < minutes.size(); i++)
         if (const long step = minutes[i] - minutes[i - 1]; step != 1) steps.push_back(step);
     EXPECT_THAT(steps, testing::ElementsAre(-59, 61)) << testing::PrintToString(minutes);
+}
+
+// Its clock runs so fast that the three seconds between two starts pass at once.
+TEST(E2eClock, SupervisorGivesUpAfterAHundredStarts) {
+    Suite suite;
+    if (const std::string reason = suite.fake_clock("+0 x1000"); !reason.empty()) GTEST_SKIP() << reason;
+    suite.write("bin/allmodcall", "#!/bin/sh\nkill -9 $PPID\n");
+    EXPECT_EQ(suite.run({"-p", std::to_string(suite.port), "-N", "0"}), 1);
+    EXPECT_EQ(
+        shell("cat " + suite.path("log/sched_log") + "* | grep -c 'alive_check:waitpid(pid=[0-9]*) returns 0x9('"),
+        "100\n");
+    EXPECT_TRUE(suite.traced("alive_check:giveup to start sched, too many retries(max=100)\n"));
 }
 
 }  // namespace

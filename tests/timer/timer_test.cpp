@@ -1,12 +1,15 @@
 #include "command/module_table.h"
 #include "event/syslog_switch.h"
 #include "timer/job_field.h"
+#include "timer/job_listing.h"
 #include "timer/job_table.h"
 #include "timer/timer_loop.h"
 #include "timer/uptime.h"
 #include "unit_support.h"
+#include "util/unique_fd.h"
 
 #include <optional>
+#include <sys/socket.h>
 
 namespace unit {
 
@@ -78,6 +81,14 @@ TEST_F(Timer, FieldSetsItsSlotsAndStopsAtABadItem) {
     }
 }
 
+TEST_F(Timer, FieldEndsAtEachBlank) {
+    for (const char blank : {' ', '\t', '\n', '\v', '\f', '\r'}) {
+        std::uint8_t slots[24] = {};
+        set_job_field(("5" + std::string(1, blank) + ",7").c_str(), slots, 24);
+        EXPECT_EQ(numbers(slots), std::vector<std::size_t>{5}) << static_cast<int>(blank);
+    }
+}
+
 TEST_F(Timer, BadOrLongLineCostsOnlyItself) {
     load("7 7 7 7 3 good\n");
     const job_record good = table.job[0];
@@ -133,6 +144,30 @@ TEST_F(Timer, TableIsFullAfterThirtyJobsAndEmptyWithoutItsFile) {
     timer_read_jobs();
     EXPECT_THAT(trace(), HasSubstr(path("config/timer_jobs") + " cannot open.(errno=2)\n"));
     EXPECT_EQ(is_available_on_timer("patrol"), 0);
+}
+
+TEST_F(Timer, ListingShowsTheSlotsOfEachJob) {
+    load("1 2 3 4 5 first\n0-3 */23 31 12 6 second\tx\n");
+    const auto row = [](const std::string& label, std::size_t width, const std::vector<std::size_t>& set) {
+        std::string digits(width, '0');
+        for (const std::size_t slot : set) digits[slot] = '1';
+        return label + digits + "\r\n";
+    };
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    const unique_fd mine(ends[0]);
+    const unique_fd peer(ends[1]);
+    show_timer_jobs(mine.get());
+    char text[2000] = "";
+    EXPECT_GT(recv(peer.get(), text, sizeof text - 1, 0), 0);
+    EXPECT_EQ(text,
+              "Timer Jobs (jmax=2)\r\n       012345678901234567890123456789012345678901234567890123456789012\r\n"
+              "job#0 \"first\"\r\n" +
+                  row("wday  =", wday_slots, {5}) + row("month =", month_slots, {4}) + row("mday  =", mday_slots, {3}) +
+                  row("hour  =", hour_slots, {2}) + row("minute=", minute_slots, {1}) + "job#1 \"second\tx\"\r\n" +
+                  row("wday  =", wday_slots, {6}) + row("month =", month_slots, {12}) +
+                  row("mday  =", mday_slots, {31}) + row("hour  =", hour_slots, {0, 23}) +
+                  row("minute=", minute_slots, {0, 1, 2, 3}));
 }
 
 // The due minutes of a leap year, without "*/s" in days and months, which starts from 1 in the other cron.
@@ -240,10 +275,10 @@ TEST_F(Timer, PassChecksMarksEveryFiveMinutesAndSeesEachChangeOfAFile) {
          "echo '* * * * * patrol\tx\n0 0 31 2 * padiag' >new; touch -r timer_jobs new; mv new timer_jobs; "
          "echo '[section 7]\nactive =yes' >new; touch -r pvo.ini new; mv new pvo.ini",
          "patrol padiag forwarding", "x ", testing::_, true},
-        {"a FIFO in place of the job file", 1050, "mv timer_jobs kept; mkfifo timer_jobs", "forwarding", "",
-         HasSubstr("cannot open.(errno=6)\n"), true},
-        {"the job file put back unchanged", 1060, "mv kept timer_jobs", "patrol padiag forwarding", "x ", testing::_,
-         true},
+        {"a directory in place of the job file", 1050, "mv timer_jobs kept; mkdir timer_jobs", "forwarding", "",
+         HasSubstr("cannot open.(errno=21)\n"), true},
+        {"the job file put back unchanged", 1060, "rmdir timer_jobs; mv kept timer_jobs", "patrol padiag forwarding",
+         "x ", testing::_, true},
         {"job of a module with a longer name", 1070, "echo '* * * * * patrolx\ty' >timer_jobs", "patrol forwarding", "",
          HasSubstr("timer:padiag is changed to be disabled\n"), false},
         {"jobs and switch removed", 1080, "rm pvo.ini; echo >timer_jobs; touch -d 2019-01-01 *", "forwarding", "",

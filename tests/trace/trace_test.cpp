@@ -1,7 +1,9 @@
 #include "trace/trace.h"
 
 #include "unit_support.h"
+#include "util/unique_fd.h"
 
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
@@ -90,6 +92,12 @@ TEST_F(Trace, GoesOnWithoutADirectoryOrRotationAndKeepsErrno) {
     fs::remove_all(path("log/sched_log.3"));
     trprintf("b\n");
     EXPECT_EQ(trace(), "b\n");
+    shell("mkfifo log/event_log");  // gets no line, and nobody waits for its reader
+    EXPECT_EQ(event_log("lost"), -1);
+    const unique_fd reader(open(path("log/event_log").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    EXPECT_EQ(event_log("lost"), -1);
+    char byte;
+    EXPECT_EQ(::read(reader.get(), &byte, 1), 0);
 }
 
 // The limit of the file size stands for a full disk: the write that reaches it is cut.

@@ -3,60 +3,36 @@
 #include "util/ini_file.h"
 #include "util/interval_sleep.h"
 #include "util/line.h"
+#include "util/mark_question.h"
 #include "util/pid_file.h"
 #include "util/regular_file.h"
 
 #include <atomic>
 #include <fcntl.h>
-#include <optional>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/times.h>
+
+static std::atomic<bool> holds_reports{false};
+static std::atomic<bool> is_report_held{false};
+
+// Takes the place of the system's call, which a report makes under its lock, so that it can be held there.
+extern "C" std::clock_t times(tms*) noexcept {
+    is_report_held = holds_reports.load();
+    while (holds_reports) usleep(1'000);
+    is_report_held = false;
+    return static_cast<std::clock_t>(monotonic_ms() / 10);
+}
 
 namespace unit {
 
 struct Util : Scratch {
-    static int lowest_free_descriptor() { return unique_fd(dup(STDERR_FILENO)).get(); }
     static std::string iso_text(std::time_t when) {
         char text[iso_size];
         const int length = date2iso8601(when, text);
         return {text, static_cast<std::size_t>(length)};
     }
 };
-
-TEST_F(Util, IniReaderTakesTheFirstValueOfTheKeyInItsSection) {
-    const std::string fill = pattern(1020);  // with two characters before it, as long as a line can be
-    const Row<std::string, std::optional<std::string>> cases[] = {
-        {"other section before", "[other]\na = 1\n[s]\na = 2\n", "2"},
-        {"other section only", "a=1\n[other]\na=1\n", {}},
-        {"first of two", "[s]\na=1\na=2\n", "1"},
-        {"section in two parts, no newline at the end", "[s]\nb=1\n[x]\na=2\n[s]\n[s]\na=3", "3"},
-        {"section name not exact", "[s] \na=1\n [s]\na=2\n[s]\r\na=3\n[S]\na=4\n", {}},
-        {"text after the section name", "[s]\nA=1\naa=2\n[s]x\na=3", {}},
-        {"key not exact", "[s]\nA=1\naa=2\n", {}},
-        {"comments and lines without a key", "[s]\n #a\n#a=1\n;a=2\n\n=== \na=3\n", "3"},
-        {"blanks after the value", "[s]\na=5  \n", "5  "},
-        {"tab before and after the equals sign", "[s]\na\t=\t5000\n", "\t5000"},
-        {"separators around the key, and in the value", "[s]\n\t =a  == b = c ;d\n", "b = c ;d"},
-        {"tab as value", "[s]\na=\t\n", "\t"},
-        {"CR LF", "[s]\na=1\r\n", "1\r"},
-        {"lines without a value are skipped", "[s]\na\na=\na \na=1\n", "1"},
-        {"empty value", "[s]\na =\na=1\n", ""},
-        {"longest line", "[s]\na=" + fill + "\n", fill},
-        {"rest of a longer line is a line of its own", "[s]\nb=" + fill + "a=2\n", "2"},
-        {"value of a longer line is cut", "[s]\na=" + fill + "a=more\n", fill},
-        {"rest of a longer line is a comment", "[s]\nb=" + fill + "#a=2\n", {}},
-        {"rest of a longer comment is a section", "#=" + fill + "[s]\na=2\n", "2"},
-    };
-    const int free = lowest_free_descriptor();
-    for (const auto& row : cases) {
-        SCOPED_TRACE(row);
-        write("config/t.ini", row.given);
-        const char* value = read_ini_file("t.ini", "[s]", "a");
-        EXPECT_EQ(value != nullptr ? std::optional<std::string>(value) : std::nullopt, row.wanted);
-    }
-    EXPECT_EQ(read_ini_file("missing.ini", "[s]", "a"), nullptr);
-    EXPECT_EQ(lowest_free_descriptor(), free);
-}
 
 TEST_F(Util, IniReadsOfSeveralThreadsDoNotMix) {
     const std::string values[] = {std::string(1000, 'a'), std::string(1000, 'b'), std::string(1000, 'c')};
@@ -270,6 +246,7 @@ TEST_F(Util, FairMutexServesItsWaitersInTheirOrder) {
     std::string order;
     std::vector<std::thread> waiters;
     std::atomic<pid_t> waiting{0};
+    std::atomic<int> served{0};
     for (const char name : {'a', 'b', 'c'}) {
         waiting = 0;
         waiters.emplace_back([&, name] {
@@ -277,6 +254,7 @@ TEST_F(Util, FairMutexServesItsWaitersInTheirOrder) {
             mutex.lock();
             order += name;
             mutex.unlock();
+            ++served;
         });
         await("a waiter", [&] {  // asleep, and not for a lock of the test
             const std::string place = "/proc/self/task/" + std::to_string(waiting) + "/syscall";
@@ -287,9 +265,27 @@ TEST_F(Util, FairMutexServesItsWaitersInTheirOrder) {
     }
     EXPECT_FALSE(mutex.try_lock());
     mutex.unlock();
+    await("every waiter", [&] { return served == 3; });
+    if (HasFailure()) std::_Exit(1);  // a waiter that never gets the lock cannot be joined
     for (std::thread& waiter : waiters) waiter.join();
     EXPECT_EQ(order, "abc");
     EXPECT_TRUE(mutex.try_lock());
+}
+
+TEST_F(Util, ClearThatMeetsAReportWaitsForItAndKeepsTheMark) {
+    status_mark mark{};
+    mark_question question(mark, answer_effect::success_clears);
+    question.begin();
+    holds_reports = true;
+    std::thread report([&] { set_and_stamp(mark); });
+    await("the report", [] { return is_report_held.load(); });
+    std::thread clear([&] { question.answered(0); });
+    usleep(50'000);  // by then the clear waits
+    holds_reports = false;
+    report.join();
+    clear.join();
+    EXPECT_FALSE(question.has_cleared());
+    EXPECT_EQ(mark.set, 1);
 }
 
 }  // namespace unit
