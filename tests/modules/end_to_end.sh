@@ -24,6 +24,9 @@ export PATH=$dir/tools:$PATH
 for tool in sensors ipmi-sensors ipmi-sel ras-mc-ctl mdadm lsblk dmidecode; do
     printf '#!/bin/sh\nexit 1\n' >"tools/$tool"
 done
+# One that hangs is ended, and the others go on.
+printf '#!/bin/sh\nsleep 600\n' >tools/sensors
+export TOOL_LIMIT=3
 cat >tools/smartctl <<'X'
 #!/bin/sh
 case "$*" in
@@ -60,6 +63,7 @@ until_true() {
 shows() { ask status >shown; grep -q "$1" shown; }
 shows_not() { ! shows "$1"; }
 
+grep -q '^sensors: failed: ended after 3 s' collected || fail "a tool that hangs: $(cat collected)"
 ask parts status >answer || fail "a good disk: $(cat answer)"
 grep -q 'nothing to report, looked at .*1 disks' answer || fail "a good disk: $(cat answer)"
 ask patrol check >/dev/null
