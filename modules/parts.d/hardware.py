@@ -13,7 +13,7 @@ ANSWERS = os.environ.get("SCHED_HARDWARE", "/run/sched-hardware")
 GOOD_SIDE = 0.05  # of the limit: how far a value must return before its condition counts as gone
 # Readings outside are no measurement: -128 and 127 degrees, 65535 turns and the like mean that nothing is connected.
 SANE = {"temperature": (-60, 126.5), "fan": (0, 60000), "voltage": (-500, 500), "power": (0, 1e6)}
-UNITS = {"temperature": "degrees Celsius", "fan": "turns a minute", "voltage": "V", "power": ""}
+UNITS = {"C": "degrees Celsius", "RPM": "turns a minute"}
 
 
 # ---- what a check prints --------------------------------------------------------------------------------------------
@@ -229,6 +229,11 @@ def of_kernel(suffix=""):
     return sensors
 
 
+def of_kernel_readable():
+    """Whether lm-sensors' answer, where there is one, can be read or /sys has the same values."""
+    return not read("sensors.json").strip() or isinstance(answer("sensors.json"), dict) or bool(of_kernel())
+
+
 def features_of_sys(files):
     features = {}
     for path, value in files.items():
@@ -264,7 +269,8 @@ ADVICE = {
 def judge_reading(sensor, before, told):
     """A value beyond a limit counts when the last collection saw it too, and until it is clearly back."""
     advice = ADVICE.get(sensor.kind, "see the maker's manual")
-    value = f"{sensor.name}: {shown(sensor.value)} {UNITS.get(sensor.kind) or sensor.unit}".strip()
+    unit = sensor.unit or {"temperature": "C", "fan": "RPM", "voltage": "V"}.get(sensor.kind, "")
+    value = f"{sensor.name}: {shown(sensor.value)} {UNITS.get(unit, unit)}".strip()
     for level, say in (("crit", fault), ("warn", wear)):
         key = f"{sensor.kind}:{sensor.key}:{level}"
         which = sensor.violated(level)
