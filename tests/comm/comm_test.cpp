@@ -63,6 +63,7 @@ TEST_F(Comm, ErrorsAndWarningsWaitForTheFirstConnectionOnly) {
 }
 
 TEST_F(Comm, MessagesOfAnUnservedConnectionWaitForTheNext) {
+    st->dummy_hmi->in = st->dummy_hmi->out = 126;  // so that they lie across the end of the ring
     broadcast(0, 2);
     hmistruc& unserved = *hmistruc_get();
     broadcast(2, 4);

@@ -284,8 +284,10 @@ int Suite::wait_exit() {
 void Suite::stop() {
     const std::string last = "/proc/" + read("log/sched.pid") + "/exe";
     if (pid > 0) {
+        const std::string id = std::to_string(pid);
         kill(pid, SIGTERM);
         wait_exit();
+        if (env.contains("FAKETIME_NO_CACHE")) shell("rm -f /dev/shm/*faketime_s*_" + id);  // left by the library
     }
     std::error_code gone;
     if (fs::read_symlink(last, gone) == fs::canonical(SCHED_BINARY))

