@@ -3,9 +3,9 @@
 #include "command/module_table.h"
 #include "config_lines.h"
 #include "internal/dispatcher.h"
+#include "state/platform.h"
 #include "state/sched_status.h"
 #include "trace_capture.h"
-#include "state/platform.h"
 #include "util/text.h"
 
 #include <cerrno>

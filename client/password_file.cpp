@@ -1,6 +1,6 @@
 #include "password_file.h"
 
-#include "replace_file.h"
+#include "mail/replace_file.h"
 
 #include <cerrno>
 #include <cstdio>

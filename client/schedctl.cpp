@@ -1,15 +1,12 @@
 // schedctl: the operator's client of the scheduler.
-#include "answer.h"
-#include "check.h"
-#include "fleet_watch.h"
-#include "follow.h"
-#include "many_shot.h"
-#include "metrics.h"
-#include "one_shot.h"
-#include "options.h"
-#include "output.h"
-#include "session.h"
-#include "watch.h"
+#include "monitor/check.h"
+#include "monitor/metrics.h"
+#include "options/options.h"
+#include "protocol/answer.h"
+#include "run/command.h"
+#include "run/session.h"
+#include "term/output.h"
+#include "watch/watch.h"
 
 #include <clocale>
 #include <cstdio>
@@ -17,7 +14,7 @@
 
 namespace {
 
-// Selects the mode; parse_options has refused combinations that make no sense.
+// Selects the mode; parse_options has refused combinations that make no sense. Each mode starts its agent.
 int run(const client::settings& chosen) {
     if (chosen.monitoring.metrics) {
         return client::run_metrics(chosen);
@@ -25,16 +22,13 @@ int run(const client::settings& chosen) {
     if (chosen.monitoring.check) {
         return client::run_check(chosen);
     }
-    if (chosen.watch && chosen.json) {
+    if (chosen.follow) {
         return client::run_follow(chosen);
     }
     if (chosen.watch) {
-        return chosen.hosts.empty() ? client::run_watch(chosen) : client::run_fleet_watch(chosen);
+        return client::run_watch(chosen);
     }
-    if (!chosen.hosts.empty()) {
-        return client::run_many_shot(chosen);
-    }
-    return chosen.words.empty() ? client::run_session(chosen) : client::run_one_shot(chosen);
+    return chosen.words.empty() ? client::run_session(chosen) : client::run_command(chosen);
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // schedpasswd: writes or checks the scheduler's password file.
-#include "output.h"
 #include "password_file.h"
-#include "secret.h"
+#include "protocol/secret.h"
+#include "term/output.h"
 
 #include <CLI/CLI.hpp>
 #include <cerrno>

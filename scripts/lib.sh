@@ -17,11 +17,11 @@ fail() {
 # ---- packages ------------------------------------------------------------------------------------------------------
 
 # shellcheck disable=SC2034 # the scripts use them
-build_packages=(g++ cmake ninja-build libcli11-dev libcpp-httplib-dev pkgconf nlohmann-json3-dev libedit-dev libssl-dev)
+build_packages=(g++ cmake ninja-build libcli11-dev libmicrohttpd-dev pkgconf nlohmann-json3-dev libedit-dev libssl-dev)
 unit_test_packages=(libgtest-dev libgmock-dev librapidcheck-dev)
 # shellcheck disable=SC2034
-test_packages=("${build_packages[@]}" "${unit_test_packages[@]}" rsyslog python3-croniter libfaketime curl mandoc systemd
-    zsh fish jq openipmi freeipmi-tools mdadm shellcheck)
+test_packages=("${build_packages[@]}" "${unit_test_packages[@]}" rsyslog python3-croniter
+    python3-prometheus-client libfaketime curl mandoc systemd zsh fish jq openipmi freeipmi-tools mdadm shellcheck)
 
 # can_be_root: sudo may ask for a password only on a terminal.
 can_be_root() {

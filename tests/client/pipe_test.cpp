@@ -34,7 +34,7 @@ result ctl(const Suite& suite, const std::string& arguments, const std::string& 
     return run(suite, SCHEDCTL_BINARY " " + arguments, input);
 }
 
-class ClientPipe : public testing::Test {
+class E2eClientPipe : public testing::Test {
 protected:
     void SetUp() override {
         suite.module("odd", R"(case $1 in
@@ -54,10 +54,10 @@ esac
     Suite suite;
 };
 
-TEST_F(ClientPipe, ExitCodeAndMessageTellEachFailure) {
-    suite.write("wrong", "falsch\n");
+TEST_F(E2eClientPipe, ExitCodeAndMessageTellEachFailure) {
+    suite.write("wrong", "wrong\n");
     suite.write("config/common.ini", "[sched]\nallowed_ip_address = 127.0.0.2, 10.0.0.0/8\n");
-    ASSERT_EQ(run(suite, SCHEDPASSWD_BINARY " --stdin", "geheim\n").code, 0);
+    ASSERT_EQ(run(suite, SCHEDPASSWD_BINARY " --stdin", "secret\n").code, 0);
     suite.start();
     const std::string nobody = std::to_string(free_port());
     const struct {
@@ -106,7 +106,7 @@ TEST_F(ClientPipe, ExitCodeAndMessageTellEachFailure) {
         {"odd args -x -5 - -- -p", 0, "<-x><-5><-><-p>\n", ""},
         {"watch -n 5 status", 200, "", "status"},
         {"status --version", 0, "schedctl " SCHED_VERSION "\n", ""},
-        {"-u 'a\tb' status", 200, "", "cannot be sent: a word cannot contain a tab"},
+        {"-u 'a\tb' status", 200, "", "--user: a word cannot contain a tab"},
         {"-V", 0, "schedctl " SCHED_VERSION "\n", ""},
         {"-p 99999 status", 200, "", "port"},
         {"-p " + nobody + " status", 205, "", "Connection refused"},
@@ -125,13 +125,16 @@ TEST_F(ClientPipe, ExitCodeAndMessageTellEachFailure) {
         EXPECT_EQ(mask_dates(got.out), c.out);
         EXPECT_TRUE(c.err.empty() ? got.err.empty() : got.err.find(c.err) != std::string::npos) << got.err;
     }
-    EXPECT_THAT(run(suite, "env SCHED_TIMEOUT=abc " SCHEDCTL_BINARY " status").err,
-                HasSubstr("schedctl: SCHED_TIMEOUT: "));
+    for (const std::string name : {"SCHED_TIMEOUT", "SCHED_PORT", "SCHED_HOST"}) {
+        const result got = run(suite, "env " + name + "=1:x " SCHEDCTL_BINARY " status");
+        EXPECT_EQ(got.code, 200);
+        EXPECT_THAT(got.err, StartsWith("schedctl: " + name + ": "));
+    }
     EXPECT_EQ(suite.wait_exit(), 0);
 }
 
 // Output that looks like the end of an answer, line ends of all kinds, and pieces that split such words.
-TEST_F(ClientPipe, OutputIsThatOfTheModuleByteForByte) {
+TEST_F(E2eClientPipe, OutputIsThatOfTheModuleByteForByte) {
     suite.start();
     const struct {
         std::string arguments;
@@ -176,7 +179,7 @@ TEST_F(ClientPipe, OutputIsThatOfTheModuleByteForByte) {
     EXPECT_EQ(shell(command + "odd many | head -n 1"), "1\n");
 }
 
-TEST_F(ClientPipe, CommandsFromAPipeRunInOrderAndTheLastGivesTheExitCode) {
+TEST_F(E2eClientPipe, CommandsFromAPipeRunInOrderAndTheLastGivesTheExitCode) {
     suite.start();
     const result got = ctl(suite, "", "odd args 'a  b' \"c'd\" e\n\nodd 'open\nfly\nipset 300.1.1.1\nodd exit 4\n");
     EXPECT_EQ(got.code, 4);
@@ -186,35 +189,42 @@ TEST_F(ClientPipe, CommandsFromAPipeRunInOrderAndTheLastGivesTheExitCode) {
     EXPECT_EQ(ctl(suite, "", "odd exit 4\nodd 'open\n").code, 200);
     const result nobody = ctl(suite, "-p " + std::to_string(free_port()), "status\nstatus\n");
     EXPECT_EQ(nobody.code, 205);
-    EXPECT_THAT(nobody.err, MatchesRegex("schedctl: no connection[^\n]*\n"));
+    EXPECT_THAT(nobody.err, MatchesRegex("schedctl: 127.0.0.1:[0-9]+: no connection[^\n]*\n"));
 }
 
 // What a scheduler does seldom: it closes in the middle of an answer or between two requests.
-TEST_F(ClientPipe, UnusualAnswersAndEndsAreTold) {
-    suite.write("secret", "geheim\n");
+TEST_F(E2eClientPipe, ReportsUnexpectedAnswers) {
+    suite.write("secret", "secret\n");
     const std::string login = "--password-file " + suite.path("secret");
     const std::string challenge = "__unauth__ 12345678 abcdefgh\r\n";
+    const std::string date = "confdate  2026-11-25T10:00:00+00:00";
+    const std::string status = date + "\r\n" + over;
     const struct {
         const char* name;
         std::string arguments;
         std::vector<std::vector<Exchange>> script;
         int code;
-        const char* shown;  // on both outputs
+        std::string shown;  // on both outputs
     } cases[] = {
         {"it ends between two requests", "ipset 10.0.0.5", {{{"ipset", over}}}, 205, "no connection: "},
         {"a message while a collector leaves",
          "check",
-         {{{"status", over}, {"status", "2026-11-25T10:00:00+00:00;E0101:late\r\n" + over}, {"quit", goodbye}}},
+         {{{"status", status}, {"status", "2026-11-25T10:00:00+00:00;E0101:late\r\n" + status}, {"quit", goodbye}}},
          0,
          "newest message: E0101:late"},
         {"it ends in a line",
          "-H 127.0.0.1,127.1 --parallel 1 status",
-         {{{"status", "half"}}, {{"status", "whole\r\n" + over}}},
+         {{{"status", "half"}}, {{"status", status}}},
          205,
-         "127.0.0.1: half\n127.1: whole\nschedctl: 127.0.0.1: no connection: the scheduler closed it\n"},
+         "127.0.0.1: half\n127.1: " + date + "\nschedctl: 127.0.0.1: no connection: the scheduler closed it\n"},
+        {"an answer that is no status",
+         "status",
+         {{{"status", "whole\r\n" + over}}},
+         205,
+         "whole\nschedctl: unusable answer: it is no status\n"},
         {"the login does not help",
          login + " -H 127.0.0.1,127.1 --parallel 1 status",
-         {{{"status", challenge}, {"login", over}, {"status", challenge}}, {{"status", over}}},
+         {{{"status", challenge}, {"login", over}, {"status", challenge}}, {{"status", status}}},
          204,
          "127.0.0.1: login refused: the scheduler still requires a login\n"},
     };
@@ -228,8 +238,8 @@ TEST_F(ClientPipe, UnusualAnswersAndEndsAreTold) {
 }
 
 // The socket must not get the number of a closed standard descriptor: output would go to the scheduler as commands.
-TEST_F(ClientPipe, OutputThatCannotBeWrittenIsReported) {
-    ASSERT_EQ(run(suite, SCHEDPASSWD_BINARY " --stdin", "geheim\n").code, 0);
+TEST_F(E2eClientPipe, OutputThatCannotBeWrittenIsReported) {
+    ASSERT_EQ(run(suite, SCHEDPASSWD_BINARY " --stdin", "secret\n").code, 0);
     suite.start();
     const std::string inject = SCHEDCTL_BINARY R"( odd text "parts\tclear\rx\n")";
     const struct {
@@ -248,7 +258,7 @@ TEST_F(ClientPipe, OutputThatCannotBeWrittenIsReported) {
         {SCHEDPASSWD_BINARY " --stdin --check >/dev/full", 200, "schedpasswd: cannot write: "},
     };
     for (const auto& c : cases) {
-        const result got = run(suite, "sh -c '" + c.command + "'", "geheim\n");
+        const result got = run(suite, "sh -c '" + c.command + "'", "secret\n");
         ASSERT_EQ(got.code, c.code) << c.command;
         EXPECT_THAT(got.err, StartsWith(c.err)) << c.command;
     }
@@ -256,7 +266,7 @@ TEST_F(ClientPipe, OutputThatCannotBeWrittenIsReported) {
     EXPECT_EQ(suite.calls(), "parts status");
 }
 
-TEST_F(ClientPipe, JsonHasEveryFieldAndIsValidForAnyText) {
+TEST_F(E2eClientPipe, JsonHasEveryFieldAndIsValidForAnyText) {
     suite.listed("shown odd yes 0");
     suite.listed("spare odd yes 0");
     suite.write("config/timer_jobs", "0,59,60 3 1,31 2,12 * diag\tsay \"x\"\n62 23 * * 0,6 parts\n");
@@ -313,7 +323,7 @@ TEST_F(ClientPipe, JsonHasEveryFieldAndIsValidForAnyText) {
     EXPECT_EQ(shown[mine]["user"], "me");
 }
 
-TEST_F(ClientPipe, PasswordFileIsWrittenWholeAndOnlyItsPasswordLogsIn) {
+TEST_F(E2eClientPipe, PasswordFileIsWrittenWholeAndOnlyItsPasswordLogsIn) {
     const std::string file = suite.path("data/password");
     const uid_t owner = geteuid() == 0 ? 12345 : geteuid();
     EXPECT_EQ(chown(suite.path("data").c_str(), owner, static_cast<gid_t>(-1)), 0);

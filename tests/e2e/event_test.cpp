@@ -7,7 +7,7 @@ namespace e2e {
 // A message as the answer to `status` shows it.
 static std::string delivered(const std::string& text) { return "DATE;" + text + "\r\n"; }
 
-TEST(E2eEvents, OnlyWholeMessagesAreLoggedAndErrorsAndWarningsWaitForTheFirstOperator) {
+TEST(E2eEvent, OnlyWholeMessagesAreLoggedAndErrorsAndWarningsWaitForTheFirstOperator) {
     Suite suite;
     suite.start();
     for (const char* ignored :
@@ -46,7 +46,7 @@ TEST(E2eEvents, OnlyWholeMessagesAreLoggedAndErrorsAndWarningsWaitForTheFirstOpe
                         "event:vgdmsg:\"D9999:a b\r\"\n", "event:extract from dummy out=0 in=5 lost=0\n"});
 }
 
-TEST(E2eEvents, LongLinesAreCutForOperatorsAndLogsAndPiecesOfALineAreJoined) {
+TEST(E2eEvent, LongLinesAreCutForOperatorsAndLogsAndPiecesOfALineAreJoined) {
     Suite suite;
     suite.start();
     Client client = suite.client();
@@ -81,7 +81,7 @@ TEST(E2eEvents, LongLinesAreCutForOperatorsAndLogsAndPiecesOfALineAreJoined) {
     EXPECT_EQ(suite.status(client), status_answer("error", delivered("E0401:half") + delivered("E0401:whole")));
 }
 
-TEST(E2eEvents, EachCodeSetsItsMarksAndRunsItsModules) {
+TEST(E2eEvent, EachCodeSetsItsMarksAndRunsItsModules) {
     Suite suite;
     suite.env["TZ"] = "UTC";
     suite.start();
@@ -140,7 +140,7 @@ TEST(E2eEvents, EachCodeSetsItsMarksAndRunsItsModules) {
 }
 
 // The date is local time of the given moment, but its offset is the present one.
-TEST(E2eEvents, ConfigurationDateIsLocalTimeWithThePresentOffset) {
+TEST(E2eEvent, ConfigurationDateIsLocalTimeWithThePresentOffset) {
     for (const std::string zone : {"UTC", "Asia/Tokyo", "America/St_Johns", "Asia/Kathmandu"}) {
         Suite suite;
         suite.env["TZ"] = zone;
@@ -170,7 +170,7 @@ static std::vector<Client> start_with_a_slow_module(Suite& suite) {
     return clients;
 }
 
-TEST(E2eEvents, BurstOfSeveralWritersLosesNoLogLineAndIsCountedForEachOperator) {
+TEST(E2eEvent, BurstOfSeveralWritersLosesNoLogLineAndIsCountedForEachOperator) {
     constexpr int writers = 4;
     constexpr int lines = 2500;
     Suite suite;
@@ -229,7 +229,7 @@ TEST(E2eEvent, EachMessageReachesExactlyOneOfOperatorsThatAskAndQuitInTurn) {
 }
 
 // Commands that already wait for the module lock may still run before the end, but none after it.
-TEST(E2eEvents, EndMessageStopsTheModulesOnceAndLast) {
+TEST(E2eEvent, EndMessageStopsTheModulesOnceAndLast) {
     Suite suite;
     std::vector<Client> clients = start_with_a_slow_module(suite);
     suite.event("ALL;I0199:stop\nE0101:never read\n");

@@ -184,6 +184,7 @@ std::string Client::rest() {
 // ---- Suite -----------------------------------------------------------------------------------------------------
 
 Suite::Suite() {
+    for (const int number : {SIGINT, SIGHUP}) signal(number, SIG_DFL);  // clients keep what the parent ignores
     EXPECT_NE(mkdtemp(dir_.data()), nullptr) << dir_;
     for (const char* name : {"bin", "config", "temp", "update", "data", "log"}) {
         fs::create_directory(path(name));

@@ -32,7 +32,8 @@ alone_beside() {
 alone_beside 1 'a scheduler of its own user' env
 alone_beside 0 'a scheduler in other directories' env VGD_log=/l VGD_data=/d VGD_PIPE=/p
 if [ "$(id -u)" -eq 0 ]; then
-    as() { setpriv --reuid="$1" --clear-groups "${@:2}"; }
+    # exec: the process in the background must be this one, and end with it.
+    as() { exec setpriv --reuid="$1" --clear-groups "${@:2}"; }
     alone_beside 0 'a process of a user who only calls it sched' as 65534
     chown 65533 "$dir/log"
     alone_beside 1 "a scheduler of the service's user" as 65533

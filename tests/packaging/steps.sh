@@ -108,6 +108,7 @@ wanted=$(sort -k 4 <<X
 750 990 990 /run/sched/temp
 750 990 990 /var/lib/sched
 750 990 990 /var/lib/sched/update
+2770 0 990 /var/lib/schedctl
 750 990 990 /var/log/sched
 X
 )

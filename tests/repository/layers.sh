@@ -27,6 +27,7 @@ pairs | awk '
     !row_of($1) { complain("no row for the folder of " $1) }
     row_of($2) > row_of($1) { complain($1 " (row " row_of($1) ") includes " $2 " (row " row_of($2) ")") }
     END { exit bad }' "$page" - || failed=1
+# shellcheck disable=SC2016 # backquotes of the page
 while read -r component; do
     folder=${component%%/*}
     [ ! -d "$folder" ] || [ -e "$component.h" ] || [ -e "$component.cpp" ] ||

@@ -1,9 +1,9 @@
+#include "state/mark_question.h"
 #include "unit_support.h"
 #include "util/fair_mutex.h"
 #include "util/ini_file.h"
 #include "util/interval_sleep.h"
 #include "util/line.h"
-#include "util/mark_question.h"
 #include "util/pid_file.h"
 #include "util/regular_file.h"
 

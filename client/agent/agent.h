@@ -1,0 +1,133 @@
+// The agent of one process: it owns the connections and the mailbox. Every message that a scheduler hands over is in
+// the mailbox before anybody sees it, and every connection ends with a last `status`.
+#pragma once
+
+#include "agent/status_answer.h"
+#include "mail/held_connection.h"
+#include "mail/mailbox.h"
+#include "net/host_pool.h"
+
+#include <deque>
+#include <memory>
+#include <optional>
+
+namespace client {
+
+// What becomes of the messages that earlier processes have left in the mailbox.
+enum class stored_messages {
+    left,       // they stay where they are (module commands, `show`)
+    looked_at,  // they are part of the answer of `status`, and stay (`check`, `metrics`)
+    taken,      // the first `status` of each connection has them first; shown() removes them
+};
+
+struct agent_options {
+    connect_options connect;
+    std::size_t parallel = 64;  // commands under way at once
+    // False: a person waits for the answer, so messages that cannot be stored are handed to the listener without a
+    // number. True: nothing is asked without room for the answer; the command ends with outcome::no_room.
+    bool must_store = false;
+    stored_messages stored = stored_messages::left;
+    mail_kind kind = mail_kind::operators;
+};
+
+// Gets the events of the hosts. host is the number in the list. All may call any function of the agent except step()
+// and finish().
+struct agent_listener {
+    // Output of a command that is not `status`; line ends are LF. request: what ask() has returned.
+    std::function<void(std::size_t host, std::uint32_t request, std::string_view text)> output;
+    // The answer of `status`, complete or as far as it came; before the ended() of that command. Also what the last
+    // `status` of a connection has brought; then `last` is set.
+    std::function<void(std::size_t host, status_answer& answer)> status;
+    // The end of a command. request 0: an idle connection was closed by the scheduler.
+    std::function<void(std::size_t host, std::uint32_t request, const command_result& end)> ended;
+    // The command was not answered within its limit. It is still under way; ended() comes later, or never.
+    std::function<void(std::size_t host, std::uint32_t request)> late;
+    // close() is done: the last status is stored. waiting: messages of this scheduler that nobody has been shown.
+    // held: a command is still under way, so the last status comes later; the agent waits for it.
+    std::function<void(std::size_t host, std::size_t waiting, bool held)> closed;
+    // The scheduler requires a login and there is no password yet. Answer with password(), at once or later.
+    std::function<void(std::size_t host)> password_needed;
+};
+
+class agent {
+public:
+    using clock = host_pool::clock;
+
+    // hosts: may grow with add(). Raises the limit for descriptors as needed.
+    agent(std::vector<host_name> hosts, agent_options how, agent_listener events);
+
+    std::size_t add(host_name host);
+    const host_name& host(std::size_t number) const { return pool_.host(number); }
+
+    // Queues a command, over the connection that is open or a new one; commands of one host run one after the other.
+    // words: not empty, accepted by join_words. request: its number for the events; not 0, not used before.
+    void ask(std::size_t host, std::uint32_t request, std::vector<std::string> words);
+
+    // Drops a command that has not been sent: ended() comes with outcome::interrupted. Else does nothing.
+    void cancel(std::size_t host, std::uint32_t request);
+
+    // Drops commands that have not been sent, without ended(); then, behind the one under way, `status` and `quit` in
+    // one packet. closed() follows. The next ask() makes a new connection.
+    void close(std::size_t host);
+
+    // These messages were written to the operator's output: they leave the mailbox.
+    void shown(const std::vector<std::uint64_t>& ids);
+
+    // Hands the messages in the mailbox to the listener, without a connection.
+    void fetch_stored(std::size_t host);
+
+    // The operator's answer to password_needed; nothing: he has none, the login is refused.
+    void password(std::size_t host, std::optional<std::string> text);
+
+    // Waits for an event of the hosts or on the descriptors of `others` (whose revents are set), or until that time.
+    void step(std::span<pollfd> others, clock::time_point until);
+
+    // For the end of the process: leaves what nobody was shown to others, closes all connections and stores what comes,
+    // however long that takes. on_left: called when the first is done.
+    void finish(const std::function<void()>& on_left = nullptr);
+
+private:
+    struct command {
+        std::uint32_t request;
+        std::vector<std::string> words;
+    };
+
+    struct host_state {
+        std::string key;
+        std::deque<command> queue;  // the first is under way when `asking`
+        bool asking = false;
+        bool closing = false;       // close() was called; the last status is not stored yet
+        bool final_asked = false;   // it is under way
+        bool has_answered = false;  // a `status` was answered over this connection
+        std::string status_text;    // as far as it has come
+        clock::time_point asked_at{};
+        clock::time_point wait_until{};  // for an older connection that another process holds
+        std::unique_ptr<held_connection> held;
+    };
+
+    void add_state(const host_name& host);
+    void start_next(std::size_t host);
+    bool waits_for_older(host_state& state);
+    void on_output(std::size_t host, std::string_view text, bool of_status);
+    void on_ended(std::size_t host, command_result end);
+    void on_late(std::size_t host);
+    void on_closed(std::size_t host);
+    bool deliver_status(std::size_t host, bool complete, bool last);
+    void add_stored(std::size_t host, status_answer& answer);
+    void store_messages(std::size_t host, status_answer& answer);
+    void hold(std::size_t host);
+    void remember_login(std::size_t host);
+
+    const agent_options how_;
+    const agent_listener listener_;
+    mailbox mailbox_;
+    std::vector<std::unique_ptr<host_state>> states_;
+    std::vector<std::size_t> waiting_;  // hosts whose next command waits for an older connection
+    host_pool pool_;                    // last: its callbacks use the members above
+};
+
+// For a process that is left with an agent: neither the terminal nor a monitoring engine that kills the process group of
+// its check may end it before it has stored the messages. Nobody may wait for the end of its output.
+void detach();
+
+}  // namespace client

@@ -1,0 +1,38 @@
+// The answer of `status`, as the agent hands it on.
+#pragma once
+
+#include "mail/box.h"
+#include "protocol/status.h"
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace client {
+
+// One line without its line end. id: the number of the message in the mailbox; 0 for a line that is no message, or one
+// that could not be stored. The line that counts lost messages has a number too.
+struct status_line {
+    std::uint64_t id = 0;
+    std::string text;
+};
+
+struct status_answer {
+    std::vector<status_line> lines;  // the messages that were stored before come first, then the answer
+    std::size_t stored = 0;          // number of lines that were stored before
+    bool complete = false;           // false: the answer broke off, or there is none (fetch_stored)
+    bool last = false;               // of the last `status` before the connection ends
+    double seconds = 0;              // that the scheduler took for it
+    message_totals totals;           // of this scheduler, as the mailbox has counted them
+    std::string unstored;            // why the new messages could not be stored; empty when they are
+    std::string notice;              // for the operator, such as who holds messages; lines end with LF
+};
+
+// All lines as the text of an answer of `status`.
+std::string text_of(const status_answer& answer);
+
+// Their meaning: conditions of the scheduler, messages and lost count of all lines.
+status_report report_of(const status_answer& answer);
+
+}  // namespace client

@@ -1,0 +1,92 @@
+// The box of one scheduler, below state_directory(): `mail/NAME:PORT.1.box`. It has its counters and the messages that
+// nobody has been shown yet.
+//
+// The first line has the counters; each further line is a record of fixed columns. Only the first byte of a record ('+'
+// waits, '-' was shown) and its owner change later, so showing needs no room on the disk:
+//
+//     +00000000000000000042 o 4711.5f3a9c01    2026-11-24T23:34:11+00:00;E0101:fan 3 stopped
+#pragma once
+
+#include "mail/state_file.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace client {
+
+struct status_report;
+
+// They only grow.
+struct message_totals {
+    unsigned long error = 0;
+    unsigned long warning = 0;
+    unsigned long info = 0;
+    unsigned long lost = 0;  // dropped by the scheduler or by the mailbox
+
+    void add(const status_report& report);
+};
+
+struct counter_row {
+    unsigned long long next_id = 1;
+    message_totals totals;
+    bool login = false;   // the last connection had to log in: the password is asked for before connecting
+    std::string address;  // of the last messages, dotted
+};
+
+// Returns the counters of one scheduler; zeros before its first message. Needs no lock.
+counter_row counters_of(const std::string& key);
+
+// The paths of the boxes of this scheduler that exist. There is more than one only when one cannot be used.
+std::vector<std::string> boxes_of(const std::string& key);
+
+// Returns the keys of all schedulers with a box.
+std::vector<std::string> keys_of_boxes();
+
+class box {
+public:
+    struct record {
+        std::size_t offset = 0;
+        bool waits = false;
+        std::uint64_t id = 0;
+        char kind = 'o';    // what left it: 'o' an operator's process, 'f' a follower
+        std::string owner;  // the process that shows it, as the mailbox names it
+        std::string text;
+    };
+
+    // Reads the text of a box. Lines that are no records are left where they are.
+    explicit box(std::string_view text);
+
+    // The box of this scheduler for writing: the first that can be locked and read, or a new one. Nothing, with the
+    // reason in problem, when there is none.
+    static std::optional<box> open(const std::string& key, std::string& problem);
+    // The same for a box that exists. Nothing when it cannot be locked within lock_timeout.
+    static std::optional<box> open_path(const std::string& path, std::string& problem);
+
+    counter_row& counters() { return counters_; }
+    std::vector<record>& records() { return records_; }
+    bool has_garbage() const { return has_garbage_; }
+
+    // Each writes at once; false with errno.
+    bool append(
+        std::vector<record> more);  // numbers them; the oldest beyond max_messages are dropped and counted
+    bool set_owner(record& of, const std::string& owner);
+    bool remove(record& shown);
+    bool write_counters();
+    void clean();  // cuts off what was shown
+
+private:
+    std::vector<record*> oldest_beyond(std::size_t added);
+    record count_as_lost(const std::vector<record*>& dropped);
+
+    state_file file_;
+    counter_row counters_;
+    std::vector<record> records_;  // those that wait and those that were shown, in the order of the file
+    std::size_t size_ = 0;
+    bool has_garbage_ = false;
+    bool ends_in_a_line_ = false;  // the last line has no line end
+};
+
+}  // namespace client

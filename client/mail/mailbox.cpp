@@ -1,0 +1,271 @@
+#include "mail/mailbox.h"
+
+#include "mail/state_path.h"
+#include "protocol/limits.h"
+#include "protocol/status.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <map>
+#include <system_error>
+#include <thread>
+#include <unistd.h>
+#include <utility>
+
+namespace client {
+
+namespace {
+
+std::string error_text(int error) {
+    return std::generic_category().message(error);
+}
+
+constexpr int max_names = 100;
+
+// True for what name_own() makes: digits, a dot, eight hexadecimal digits.
+bool is_name(const std::string& text) {
+    const std::size_t dot = text.find_first_not_of("0123456789");
+    return dot != 0 && dot != std::string::npos && text[dot] == '.' && text.size() == dot + 9 &&
+           text.find_first_not_of("0123456789abcdef", dot + 1) == std::string::npos;
+}
+
+}  // namespace
+
+mailbox::~mailbox() {
+    if (own_.is_open()) {
+        own_.remove();
+    }
+}
+
+// Calls make with names for a file by which others know that this process lives, until it returns true. Sets name_.
+bool mailbox::name_own(const std::function<bool(const std::string& path)>& make, std::string& problem) {
+    const std::string live = state_subdirectory("live");
+    if (live.empty()) {
+        problem = "no directory to store messages: set XDG_STATE_HOME";
+        return false;
+    }
+    // The parent is the process that people see. The time makes the name one that no earlier process has had.
+    const pid_t pid = getppid() > 1 ? getppid() : getpid();
+    auto now = std::chrono::system_clock::now().time_since_epoch() / std::chrono::microseconds(1);
+    for (int tries = 0; tries < max_names; ++tries, ++now) {
+        char name[32];
+        std::snprintf(name, sizeof name, "%d.%08x", static_cast<int>(pid % 10'000'000),
+                      static_cast<unsigned>(now));
+        if (make(live + name)) {
+            name_ = name;
+            return true;
+        }
+        if (errno != EEXIST) {
+            break;
+        }
+    }
+    problem = live + ": " + error_text(errno);
+    return false;
+}
+
+bool mailbox::open_own(std::string& problem) {
+    const auto make = [this](const std::string& path) {
+        own_ = state_file(path, state_file::access::create_new);
+        errno =
+            own_.is_open() ? EEXIST : own_.error();  // a new file that another took for one of a dead process
+        return own_.is_open() && own_.lock();
+    };
+    if (!own_.is_open() && !name_own(make, problem)) {
+        own_ = state_file();
+    } else {
+        remove_dead();
+    }
+    return own_.is_open();
+}
+
+// Removes the files of processes that were killed.
+void mailbox::remove_dead() {
+    if (std::exchange(is_clean_, true)) {
+        return;
+    }
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::directory_iterator(state_directory() + "/live", ignored)) {
+        is_alive(entry.path().filename());  // leaves other files alone
+    }
+}
+
+std::optional<std::string> mailbox::reserve(std::size_t answers) {
+    std::string problem;
+    if (!open_own(problem)) {
+        return problem;
+    }
+    const std::size_t wanted = answers * room_per_answer;
+    if (wanted > reserved_) {
+        if (!own_.reserve(wanted)) {
+            return own_.path() + ": " + error_text(errno);
+        }
+        reserved_ = wanted;
+    }
+    return std::nullopt;
+}
+
+std::vector<std::uint64_t> mailbox::store(const std::string& key, const std::string& address,
+                                          const std::vector<std::string>& lines, message_totals& totals,
+                                          std::string& problem) {
+    totals = counters_of(key).totals;
+    std::optional<box> to = open_own(problem) ? box::open(key, problem) : std::nullopt;
+    if (!to) {
+        return {};
+    }
+    std::string text;
+    std::vector<box::record> records;
+    for (const std::string& line : lines) {
+        text += line + "\n";
+        records.push_back({0, true, 0, kind_ == mail_kind::followers ? 'f' : 'o', shows_ ? name_ : "", line});
+    }
+    counter_row& counters = to->counters();
+    counters.totals.add(parse_status(text));
+    counters.address = address.empty() ? counters.address : address;
+    bool is_stored = to->append(records);
+    if (!is_stored && errno == ENOSPC && reserved_ != 0) {
+        // The disk is full: now the reserved room is needed.
+        own_.truncate(0);
+        reserved_ = 0;
+        is_stored = to->append(records);
+    }
+    if (!is_stored) {
+        problem = "the box of " + key + ": " + error_text(errno);
+        return {};
+    }
+    has_some_ = has_some_ || shows_;
+    to->clean();
+    totals = counters.totals;
+    std::vector<std::uint64_t> ids;
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        ids.push_back(counters.next_id - lines.size() + i);
+    }
+    return ids;
+}
+
+bool mailbox::is_alive(const std::string& owner) {
+    if (!is_name(owner)) {
+        return false;
+    }
+    state_file file(state_directory() + "/live/" + owner, state_file::access::update);
+    if (!file.is_open()) {
+        return false;
+    }
+    if (!file.lock()) {
+        return true;
+    }
+    file.remove();  // of a process that was killed
+    return false;
+}
+
+// True for what no other living process shows, of a kind that this process shows.
+bool mailbox::is_for_us(const box::record& r) {
+    const bool is_wanted = kind_ == mail_kind::operators || r.kind == 'f';
+    return r.waits && is_wanted && (r.owner.empty() || r.owner == name_ || !is_alive(r.owner));
+}
+
+std::vector<stored_message> mailbox::take(const std::string& key) {
+    std::vector<stored_message> taken;
+    std::string problem;
+    for (const std::string& path : boxes_of(key)) {
+        std::optional<box> from = open_own(problem) ? box::open_path(path, problem) : std::nullopt;
+        if (!from || from->has_garbage()) {
+            problems_.push_back(from ? path + ": has lines that are no messages" : problem);
+        }
+        if (!from) {
+            continue;
+        }
+        for (box::record& r : from->records()) {
+            if (is_for_us(r) && r.owner != name_) {
+                from->set_owner(r, name_);
+                has_some_ = true;
+                taken.push_back({r.id, r.text});
+            }
+        }
+    }
+    return taken;
+}
+
+std::vector<stored_message> mailbox::look(const std::string& key) {
+    std::vector<stored_message> found;
+    for (const std::string& path : boxes_of(key)) {
+        box from(read_file(path).value_or(""));
+        for (const box::record& r : from.records()) {
+            if (is_for_us(r)) {
+                found.push_back({r.id, r.text});
+            }
+        }
+    }
+    return found;
+}
+
+void mailbox::shown(const std::string& key, const std::vector<std::uint64_t>& ids) {
+    for (const std::string& path : boxes_of(key)) {
+        std::string problem;
+        std::optional<box> from = box::open_path(path, problem);
+        if (!from) {
+            continue;
+        }
+        for (box::record& r : from->records()) {
+            if (r.waits && r.owner == name_ && std::find(ids.begin(), ids.end(), r.id) != ids.end()) {
+                from->remove(r);
+            }
+        }
+        from->clean();
+    }
+}
+
+// Under another name: the owner of the records does not live any more.
+void mailbox::leave() {
+    std::string problem;  // then the messages wait for the end of this process
+    if (has_some_ && name_own([this](const std::string& path) { return own_.move_to(path); }, problem)) {
+        has_some_ = false;
+    }
+}
+
+std::string mailbox::notice(const std::string& key, const std::string& address) {
+    std::string text;
+    const auto say = [&text](std::size_t count, const std::string& what) {
+        text += std::to_string(count) + (count == 1 ? " message " : " messages ") + what + "\n";
+    };
+    std::map<std::string, std::size_t> held;
+    // A process that is about to show its messages is not meant.
+    for (int look = 0; look < 2 && (look == 0 || !held.empty()); ++look) {
+        std::this_thread::sleep_for(look == 0 ? std::chrono::milliseconds(0) : held_briefly);
+        held.clear();
+        for (const std::string& path : boxes_of(key)) {
+            box from(read_file(path).value_or(""));
+            for (const box::record& r : from.records()) {
+                if (r.waits && !r.owner.empty() && r.owner != name_ && is_alive(r.owner)) {
+                    ++held[r.owner.substr(0, r.owner.find('.'))];
+                }
+            }
+        }
+    }
+    for (const auto& [pid, count] : held) {
+        say(count, "held by process " + pid + ", which has not shown them yet");
+    }
+    const std::string port = key.substr(key.rfind(':'));
+    for (const std::string& name : address.empty() ? std::vector<std::string>() : keys_of_boxes()) {
+        if (name != key && name.ends_with(port) && counters_of(name).address == address &&
+            waiting(name) != 0) {
+            say(waiting(name), "under the name " + name + "; schedctl -H " + name + " status shows them");
+        }
+    }
+    for (const std::string& problem : std::exchange(problems_, {})) {
+        text += problem + "\n";
+    }
+    return text;
+}
+
+void mailbox::remember_login(const std::string& key, bool needed) {
+    std::string problem;
+    if (std::optional<box> of = box::open(key, problem)) {
+        of->counters().login = needed;
+        of->write_counters();  // a failure only means that the password is asked for later
+    }
+}
+
+}  // namespace client

@@ -1,0 +1,87 @@
+// The mailbox: messages that were received and not shown yet. The scheduler hands each message over once; from then on
+// the mailbox is its only owner. It consists of one box for each scheduler (mail/box.h), which all processes of a user,
+// or of the package's group, share.
+//
+// A record in a box belongs to the process that shows it. A process is known by a file of its own, `live/PID.TIME`, which it
+// keeps locked; it also reserves room on the disk. When the process ends, in whatever way, the lock ends, and its records
+// are anybody's. Boxes are locked only for moments.
+#pragma once
+
+#include "mail/box.h"
+#include "mail/state_file.h"
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace client {
+
+// What a follower leaves is for the next follower first: its readers are programs. Operators get it too.
+enum class mail_kind { operators, followers };
+
+struct stored_message {
+    std::uint64_t id = 0;  // grows; the order of the messages of one scheduler
+    std::string text;      // the line of the answer of `status`
+};
+
+class mailbox {
+public:
+    // shows: this process shows what it stores. Else that is anybody's at once.
+    mailbox(mail_kind kind, bool shows) : kind_(kind), shows_(shows) {}
+    ~mailbox();
+    mailbox(const mailbox&) = delete;
+    mailbox& operator=(const mailbox&) = delete;
+
+    // Makes sure that so many answers of `status` can be stored. Call before connecting. Returns the reason when not.
+    std::optional<std::string> reserve(std::size_t answers);
+
+    // Stores the messages of one answer: lines with messages and lost counts. They survive the end of the process.
+    // address: of the scheduler, dotted; empty when it is not known. totals gets the new numbers of the scheduler.
+    // Returns the numbers of the lines; nothing, with the reason in problem, when they could not be stored.
+    std::vector<std::uint64_t> store(const std::string& key, const std::string& address,
+                                     const std::vector<std::string>& lines, message_totals& totals,
+                                     std::string& problem);
+
+    // Takes what other processes have left for this scheduler, oldest first. It stays on the disk until it is shown, and
+    // others do not get it before leave() or the end of this process.
+    std::vector<stored_message> take(const std::string& key);
+
+    // The same without taking it, with what this process has stored.
+    std::vector<stored_message> look(const std::string& key);
+
+    // These messages, stored or taken by this process, were shown.
+    void shown(const std::string& key, const std::vector<std::uint64_t>& ids);
+
+    // Number of messages that wait for this scheduler and are not another living process's.
+    std::size_t waiting(const std::string& key) { return look(key).size(); }
+
+    // Lines for the operator: messages that a living process holds, messages under another name of the same address,
+    // files that cannot be read. Empty when there is nothing to say.
+    std::string notice(const std::string& key, const std::string& address);
+
+    // Gives everything that was stored or taken and not shown to others.
+    void leave();
+
+    // Whether the last connection to this scheduler had to log in.
+    static void remember_login(const std::string& key, bool needed);
+
+private:
+    bool name_own(const std::function<bool(const std::string& path)>& make, std::string& problem);
+    bool open_own(std::string& problem);
+    void remove_dead();
+    bool is_for_us(const box::record& r);
+    bool is_alive(const std::string& owner);
+
+    const mail_kind kind_;
+    const bool shows_;
+    bool has_some_ = false;  // records may belong to this process
+    state_file own_;
+    bool is_clean_ = false;              // remove_dead() was called
+    std::string name_;                   // of own_, without the directory
+    std::size_t reserved_ = 0;           // bytes
+    std::vector<std::string> problems_;  // files that cannot be read
+};
+
+}  // namespace client

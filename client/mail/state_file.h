@@ -1,0 +1,49 @@
+// A file of the state directory, which several processes and, in a shared directory, several users write: only a
+// regular file, no link is followed.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <sys/types.h>
+
+namespace client {
+
+class state_file {
+public:
+    enum class access { read, update, create, create_new };
+
+    state_file() = default;
+    // A file that is created has the mode 0660 in a shared directory, else 0600, whatever the umask is.
+    state_file(std::string path, access how);
+    ~state_file();
+    state_file(state_file&& other) noexcept;
+    state_file& operator=(state_file&& other) noexcept;
+
+    bool is_open() const { return fd_ >= 0; }
+    int error() const { return error_; }  // errno of the constructor when it is not open
+    const std::string& path() const { return path_; }
+
+    // Locks the file against other processes; tries until that time, at least once. Also false when it was removed
+    // meanwhile. The lock ends with this object.
+    bool lock(std::chrono::steady_clock::time_point until = {});
+
+    std::string read() const;
+    bool write_at(std::uint64_t offset, std::string_view bytes) const;  // false with errno
+    bool reserve(std::uint64_t size) const;                             // the same
+    bool truncate(std::uint64_t size) const;
+    void remove();                          // only while it is locked
+    bool move_to(const std::string& path);  // false with errno when that exists
+
+private:
+    std::string path_;
+    int fd_ = -1;
+    int error_ = 0;
+};
+
+// The bytes of a regular file, no link followed; nothing when it is another kind of file or cannot be read.
+std::optional<std::string> read_file(const std::string& path);
+
+}  // namespace client

@@ -1,0 +1,120 @@
+#include "monitor/check.h"
+
+#include "monitor/collect.h"
+#include "options/options.h"
+#include "protocol/condition_names.h"
+#include "term/text.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <limits>
+#include <system_error>
+#include <unistd.h>
+
+namespace client {
+
+namespace {
+
+constexpr const char* state_names[] = {"OK", "WARNING", "CRITICAL", "UNKNOWN"};
+static_assert(std::size(state_names) == plugin_unknown + 1);
+
+// True when the list contains the condition or "all"; "none" matches nothing.
+bool names(const std::vector<std::string>& list, const char* condition_name) {
+    return std::any_of(list.begin(), list.end(),
+                       [&](const std::string& word) { return word == "all" || word == condition_name; });
+}
+
+int level_of(const settings& chosen, const char* name) {
+    if (names(chosen.monitoring.critical, name)) {
+        return plugin_critical;
+    }
+    return names(chosen.monitoring.warning, name) ? plugin_warning : plugin_ok;
+}
+
+// A scheduler that cannot be reached is critical. A fault of this client or its configuration says nothing about it.
+int level_of_failure(const settings& chosen, int failure) {
+    switch (failure) {
+        case exit_silence:
+            return chosen.monitoring.timeout_level;
+        case exit_connection:
+            return plugin_critical;
+        default:
+            return plugin_unknown;
+    }
+}
+
+// Replaces line feeds and bars: a bar would begin the performance data.
+std::string one_line(const std::string& text) {
+    std::string line = fit(text, std::numeric_limits<std::size_t>::max());
+    std::replace(line.begin(), line.end(), '|', '/');
+    return line;
+}
+
+// The performance data: for each condition its value and, in the field of its level, the threshold 0.
+std::string performance_of(const settings& chosen, const snapshot& known) {
+    std::string text;
+    for (const char* name : condition_names) {
+        const bool is_set = std::any_of(known.conditions.begin(), known.conditions.end(),
+                                        [&](const condition& c) { return c.name == name; });
+        const int level = level_of(chosen, name);
+        text += std::string(name) + (is_set ? "=1;" : "=0;") + (level == plugin_warning ? "0;" : ";") +
+                (level == plugin_critical ? "0;" : ";") + "0;1 ";
+    }
+    char rest[96];
+    std::snprintf(rest, sizeof rest, "answer_time=%.6fs;;;0 lost=%luc;;;0", known.answer_seconds,
+                  known.totals.lost);
+    return text + rest;
+}
+
+// Returns the plugin state and sets the line to print.
+int judge(const settings& chosen, const snapshot& known, std::string& line) {
+    if (!known.up) {
+        line = one_line(known.problem);
+        return level_of_failure(chosen, known.failure);
+    }
+    int worst = plugin_ok;
+    for (const char* name : condition_names) {
+        for (const condition& c : known.conditions) {
+            if (c.name == name) {
+                line += (line.empty() ? "" : ", ") + c.name + " since " + c.since;
+                worst = std::max(worst, level_of(chosen, name));
+            }
+        }
+    }
+    if (line.empty()) {
+        line = "no condition is set";
+    }
+    if (!known.messages.empty()) {
+        line += "; newest message: " + one_line(known.messages.back().text);
+    }
+    // A bar in any line but the first would make performance data of all that follows.
+    line += chosen.several ? "" : " | " + performance_of(chosen, known);
+    return worst;
+}
+
+// As in other plugins for many things: a fault that is known comes before one that is not.
+int worst_of(int first, int second) {
+    constexpr int ranks[] = {0, 2, 3, 1};
+    return ranks[first] < ranks[second] ? second : first;
+}
+
+}  // namespace
+
+int run_check(const settings& chosen) try {
+    const std::vector<snapshot> known = collect(chosen, false);
+    std::string lines;
+    int worst = plugin_ok;
+    for (std::size_t host = 0; host < known.size(); ++host) {
+        std::string line;
+        const int state = judge(chosen, known[host], line);
+        worst = worst_of(worst, state);
+        lines += std::string("SCHED ") + state_names[state] + " - " +
+                 (chosen.several ? chosen.hosts[host].label + ": " : "") + line + "\n";
+    }
+    return write_all(STDOUT_FILENO, lines) ? worst : plugin_unknown;
+} catch (const std::system_error& problem) {
+    std::printf("SCHED UNKNOWN - %s\n", one_line(problem.what()).c_str());
+    return plugin_unknown;
+}
+
+}  // namespace client

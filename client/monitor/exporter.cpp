@@ -1,0 +1,395 @@
+#include "monitor/exporter.h"
+
+#include "monitor/collect.h"
+#include "monitor/exposition.h"
+#include "monitor/http_server.h"
+#include "options/options.h"
+#include "protocol/limits.h"
+#include "term/signals.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdio>
+#include <deque>
+#include <limits>
+#include <netdb.h>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <poll.h>
+#include <string>
+#include <sys/socket.h>
+#include <system_error>
+#include <unistd.h>
+#include <unordered_map>
+#include <vector>
+
+namespace client {
+
+namespace {
+
+using clock = agent::clock;
+
+constexpr std::size_t longest_target = 255 + 6;  // a name and a port
+
+constexpr const char* ending_text = "the exporter ends\n";
+constexpr const char* landing_page =
+    "<!DOCTYPE html><html lang=\"en\"><head><title>sched exporter</title></head><body><h1>sched "
+    "exporter</h1><ul>"
+    "<li>/metrics?target=HOST:PORT: the metrics of a scheduler</li>"
+    "<li><a href=\"/metrics\">/metrics</a>: of this exporter</li>"
+    "<li><a href=\"/targets\">/targets</a>: the hosts file, for the discovery over HTTP</li>"
+    "<li><a href=\"/-/healthy\">/-/healthy</a></li></ul></body></html>\n";
+
+struct listen_address {
+    std::string host;
+    std::string port;
+};
+
+// Parses "ADDRESS:PORT", ":PORT" or "PORT"; an IPv6 address is in brackets.
+listen_address address_in(const std::string& text) {
+    const std::size_t colon = text.rfind(':');
+    listen_address where{colon == std::string::npos ? "" : text.substr(0, colon),
+                         colon == std::string::npos ? text : text.substr(colon + 1)};
+    if (where.host.starts_with('[') && where.host.ends_with(']')) {
+        where.host = where.host.substr(1, where.host.size() - 2);
+    }
+    where.host = where.host.empty() ? "127.0.0.1" : where.host;
+    return where;
+}
+
+bool is_loopback(const std::string& host) {
+    return host.starts_with("127.") || host == "::1" || host == "localhost";
+}
+
+// Returns a listening socket; -1 with problem when there is none.
+int listen_at(const listen_address& where, std::string& problem) {
+    addrinfo hints{};
+    hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    std::uint16_t port = 0;
+    const char* port_end = where.port.data() + where.port.size();
+    const auto [end, fault] = std::from_chars(where.port.data(), port_end, port);
+    if (fault != std::errc() || end != port_end || port == 0) {
+        problem = "expected ADDRESS:PORT";
+        return -1;
+    }
+    if (const int error = getaddrinfo(where.host.c_str(), where.port.c_str(), &hints, &found); error != 0) {
+        problem = gai_strerror(error);
+        return -1;
+    }
+    const int fd = socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    const int on = 1;  // a new server may start while connections of the last one are closing
+    const bool good = fd >= 0 && setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == 0 &&
+                      bind(fd, found->ai_addr, found->ai_addrlen) == 0 && listen(fd, SOMAXCONN) == 0;
+    problem = std::generic_category().message(errno);
+    freeaddrinfo(found);
+    if (good || fd < 0) {
+        return fd;
+    }
+    close(fd);
+    return -1;
+}
+
+class exporter {
+public:
+    exporter(const settings& chosen, bool any_port, int listener);
+
+    // Serves until a signal. Returns the exit code.
+    int run();
+
+private:
+    // One scheduler; its index is its number at the agent.
+    struct target {
+        std::optional<collection> work;  // while it is being asked
+        clock::time_point begin;         // of that
+        std::vector<http_request*> waiting;
+    };
+
+    struct deadline {
+        clock::time_point begin;
+        std::size_t number;
+    };
+
+    agent_listener events();
+    void output(std::size_t number, std::string_view text);
+    void status(std::size_t number, const status_answer& answer);
+    void handle(http_request& request);
+    std::optional<std::size_t> target_of(const http_request& request, std::string& problem);
+    void scrape(http_request& request, std::size_t number);
+    void ask(std::size_t number);
+    void ended(std::size_t number, const command_result& end);
+    void reply(target& of, const snapshot& known);
+    void reply_silent(std::size_t number);
+    clock::time_point give_up_silent();
+    void end();
+    void metrics_of_this(http_request& request);
+    std::string discovery() const;
+
+    const settings& chosen_;
+    const bool any_port_;  // false: only -p may be asked, so that nobody searches our network for open ports
+    const std::chrono::seconds limit_;
+    std::deque<target> targets_;
+    std::unordered_map<std::string, std::size_t> numbers_;  // by key_of
+    std::deque<deadline> deadlines_;                        // oldest first
+    bool ending_ = false;
+    unsigned long errors_ = 0;
+    std::uint32_t last_request_ = 0;
+    agent agent_;  // before the server, which may have half of the descriptors that it gets
+    http_server server_;
+};
+
+// Without several hosts, the one of the settings is no list: any target may be asked.
+std::vector<host_name> hosts_of(const settings& chosen) {
+    return chosen.several ? chosen.hosts : std::vector<host_name>();
+}
+
+agent_options exporting(const settings& chosen) {
+    agent_options how = collecting(chosen, stored_messages::left);
+    how.parallel = std::numeric_limits<std::size_t>::max();  // a silent scheduler must not delay another
+    return how;
+}
+
+exposition format_for(const http_request& request) {
+    const bool strict = request.accept.find("application/openmetrics-text") != std::string::npos;
+    return strict ? exposition::openmetrics : exposition::prometheus;
+}
+
+exporter::exporter(const settings& chosen, bool any_port, int listener)
+    : chosen_(chosen),
+      any_port_(any_port),
+      limit_(chosen.connect.timeout != 0 ? std::chrono::seconds(chosen.connect.timeout) : scrape_timeout),
+      targets_(hosts_of(chosen).size()),
+      agent_(hosts_of(chosen), exporting(chosen), events()),
+      server_(listener, limit_ + http_lifetime, [this](http_request& request) { handle(request); }) {
+    for (std::size_t number = 0; number < targets_.size(); ++number) {
+        numbers_.emplace(key_of(agent_.host(number)), number);
+    }
+}
+
+agent_listener exporter::events() {
+    return {
+        [this](std::size_t number, std::uint32_t, std::string_view text) { output(number, text); },
+        [this](std::size_t number, const status_answer& answer) { status(number, answer); },
+        [this](std::size_t number, std::uint32_t, const command_result& end) { ended(number, end); },
+        [](std::size_t, std::uint32_t) {},  // the requests have got their answer before
+        [](std::size_t, std::size_t, bool) {},
+        [this](std::size_t number) { agent_.password(number, std::nullopt); },
+    };
+}
+
+void exporter::output(std::size_t number, std::string_view text) {
+    if (targets_[number].work) {
+        targets_[number].work->output(text);
+    }
+}
+
+void exporter::status(std::size_t number, const status_answer& answer) {
+    report_unstored(answer);
+    if (targets_[number].work) {
+        targets_[number].work->status(answer);
+    }
+}
+
+void exporter::handle(http_request& request) {
+    if (ending_) {
+        server_.answer(request, {.status = 503, .text = ending_text});
+    } else if (request.path == "/") {
+        server_.answer(request, {.type = "text/html; charset=utf-8", .text = landing_page});
+    } else if (request.path == "/-/healthy") {
+        server_.answer(request, {.text = "OK\n"});
+    } else if (request.path == "/targets") {
+        server_.answer(request, {.type = "application/json", .text = discovery()});
+    } else if (request.path != "/metrics") {
+        server_.answer(request, {.status = 404, .text = "not found\n"});
+    } else if (request.targets.empty()) {
+        metrics_of_this(request);
+    } else {
+        std::string problem;
+        if (const std::optional<std::size_t> number = target_of(request, problem)) {
+            scrape(request, *number);
+        } else {
+            server_.answer(request, {.status = 400, .text = problem + "\n"});
+        }
+    }
+}
+
+// Returns the number of the target; nothing, with the reason in problem, when it may not be asked.
+std::optional<std::size_t> exporter::target_of(const http_request& request, std::string& problem) {
+    std::vector<host_name> hosts;
+    const std::string& text = request.targets.front();
+    constexpr const char* allowed = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-_:";
+    if (request.targets.size() != 1 || text.size() > longest_target ||
+        text.find_first_not_of(allowed) != std::string::npos || text.starts_with('-') ||
+        !add_hosts(text, chosen_.port, hosts, problem)) {
+        problem = "expected: /metrics?target=HOST:PORT";
+        return std::nullopt;
+    }
+    const auto known = numbers_.find(key_of(hosts.front()));
+    if (known != numbers_.end()) {
+        return known->second;
+    }
+    if (chosen_.several) {
+        problem = "only targets of the hosts file may be asked";
+    } else if (!any_port_ && hosts.front().port != chosen_.port) {
+        problem = "only port " + std::to_string(chosen_.port) + " may be asked";
+    } else if (targets_.size() == max_targets) {
+        problem = "too many targets";
+    } else {
+        targets_.emplace_back();
+        const std::size_t number = agent_.add(hosts.front());
+        numbers_.emplace(key_of(hosts.front()), number);
+        return number;
+    }
+    return std::nullopt;
+}
+
+void exporter::scrape(http_request& request, std::size_t number) {
+    target& of = targets_[number];
+    of.waiting.push_back(&request);
+    if (const std::optional<snapshot> followed = followed_state(agent_.host(number))) {
+        reply(of, *followed);
+    } else if (!of.work) {
+        ask(number);
+    } else if (of.begin + limit_ <= clock::now()) {
+        reply_silent(number);
+    }
+}
+
+void exporter::ask(std::size_t number) {
+    target& of = targets_[number];
+    of.work.emplace(true);
+    of.begin = clock::now();
+    deadlines_.push_back({of.begin, number});
+    agent_.ask(number, ++last_request_, of.work->words());
+}
+
+void exporter::ended(std::size_t number, const command_result& end) {
+    target& of = targets_[number];
+    if (!of.work) {
+        return;  // an idle connection was closed, or the exporter ends
+    }
+    if (of.work->ended(end)) {
+        agent_.ask(number, ++last_request_, of.work->words());
+        return;
+    }
+    of.work->complete(agent_.host(number));
+    const snapshot known = std::move(of.work->known);
+    of.work.reset();
+    reply(of, known);
+    agent_.close(number);
+}
+
+// Answers all requests that wait for this target.
+void exporter::reply(target& of, const snapshot& known) {
+    for (http_request* request : std::exchange(of.waiting, {})) {
+        if (is_own_fault(known)) {
+            ++errors_;
+            server_.answer(*request, {.status = 500, .text = known.problem + "\n"});
+        } else {
+            const exposition format = format_for(*request);
+            server_.answer(*request, {.type = media_type_of(format), .text = expose(known, format)});
+        }
+    }
+}
+
+void exporter::reply_silent(std::size_t number) {
+    collection silent(false);
+    silent.ended(outcome::no_answer);
+    silent.complete(agent_.host(number));
+    reply(targets_[number], silent.known);
+}
+
+// Returns when to call it again.
+clock::time_point exporter::give_up_silent() {
+    const clock::time_point now = clock::now();
+    for (; !deadlines_.empty(); deadlines_.pop_front()) {
+        const deadline& oldest = deadlines_.front();
+        const target& of = targets_[oldest.number];
+        if (!of.work || of.begin != oldest.begin) {
+            continue;  // it has answered
+        }
+        if (oldest.begin + limit_ > now) {
+            return oldest.begin + limit_;
+        }
+        reply_silent(oldest.number);
+    }
+    return clock::time_point::max();
+}
+
+int exporter::run() {
+    signal_watch signals;
+    pollfd others[] = {{server_.fd(), POLLIN, 0}, {signals.fd(), POLLIN, 0}};
+    for (;;) {
+        // Before the server's step, which sends the answers.
+        const clock::time_point silent = give_up_silent();
+        agent_.step(others, std::min(server_.step(), silent));
+        if (others[1].revents != 0 && signals.take()) {
+            end();
+            return 0;
+        }
+    }
+}
+
+// A process of its own closes the connections and waits for the silent schedulers, which may have handed us messages.
+void exporter::end() {
+    ending_ = true;
+    for (target& of : targets_) {
+        for (http_request* request : std::exchange(of.waiting, {})) {
+            server_.answer(*request, {.status = 503, .text = ending_text});
+        }
+        of.work.reset();  // nothing more is asked: that would be a new connection
+    }
+    server_.step();
+    server_.stop();
+    if (fork() > 0) {
+        _exit(0);
+    }
+    detach();
+    agent_.finish();
+}
+
+void exporter::metrics_of_this(http_request& request) {
+    const exposition format = format_for(request);
+    const auto silent =
+        std::count_if(targets_.begin(), targets_.end(), [](const target& of) { return of.work.has_value(); });
+    server_.answer(request, {.type = media_type_of(format),
+                             .text = expose_exporter(
+                                 {errors_, targets_.size(), static_cast<std::size_t>(silent)}, format)});
+}
+
+// The hosts file in the form of Prometheus' discovery over HTTP.
+std::string exporter::discovery() const {
+    using json = nlohmann::ordered_json;
+    json list = json::array();
+    for (const host_name& host : hosts_of(chosen_)) {
+        json labels = json::object();
+        for (std::size_t at = 0; at < host.tags.size();) {
+            const std::size_t end = std::min(host.tags.find_first_of(" \t", at), host.tags.size());
+            const std::string tag = host.tags.substr(at, end - at);
+            const std::size_t equals = tag.find('=');
+            if (equals != std::string::npos && equals != 0) {
+                labels[tag.substr(0, equals)] = tag.substr(equals + 1);
+            }
+            at = end + 1;
+        }
+        list.push_back({{"targets", {host.name + ":" + std::to_string(host.port)}}, {"labels", labels}});
+    }
+    return list.dump(-1, ' ', true, json::error_handler_t::replace) + "\n";
+}
+
+}  // namespace
+
+int serve_metrics(const settings& chosen) {
+    const listen_address where = address_in(chosen.monitoring.listen);
+    std::string problem;
+    const int listener = listen_at(where, problem);
+    if (listener < 0) {
+        std::fprintf(stderr, "schedctl: cannot listen at %s: %s\n", chosen.monitoring.listen.c_str(),
+                     problem.c_str());
+        return exit_usage;
+    }
+    return exporter(chosen, is_loopback(where.host), listener).run();
+}
+
+}  // namespace client

@@ -1,0 +1,167 @@
+// Uses libmicrohttpd, not cpp-httplib: it bounds the memory of a connection and runs in a loop of ours, where the other
+// has a thread for each request and stores a header line of any length. Debian maintains both.
+#include "monitor/http_server.h"
+
+#include "protocol/limits.h"
+
+#include <algorithm>
+#include <memory>
+#include <microhttpd.h>
+#include <stdexcept>
+#include <string_view>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <utility>
+
+namespace client {
+
+namespace {
+
+MHD_Result queue(MHD_Connection* connection, const http_reply& reply) {
+    // The library takes a pointer to bytes that it only reads.
+    MHD_Response* response = MHD_create_response_from_buffer(
+        reply.text.size(), const_cast<char*>(reply.text.data()), MHD_RESPMEM_MUST_COPY);
+    if (response == nullptr) {
+        return MHD_NO;  // no memory: the connection is closed
+    }
+    MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, reply.type.c_str());
+    MHD_add_response_header(response, MHD_HTTP_HEADER_CONNECTION, "close");
+    if (reply.status == MHD_HTTP_METHOD_NOT_ALLOWED) {
+        MHD_add_response_header(response, MHD_HTTP_HEADER_ALLOW, "GET, HEAD");
+    }
+    const MHD_Result queued = MHD_queue_response(connection, reply.status, response);
+    MHD_destroy_response(response);
+    return queued;
+}
+
+std::string header(MHD_Connection* connection, const char* name) {
+    const char* value = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, name);
+    return value != nullptr ? value : "";
+}
+
+MHD_Result add_target(void* targets, MHD_ValueKind, const char* key, std::size_t key_size, const char* value,
+                      std::size_t size) {
+    if (std::string_view(key, key_size) == "target") {
+        static_cast<std::vector<std::string>*>(targets)->emplace_back(value != nullptr ? value : "", size);
+    }
+    return MHD_YES;
+}
+
+// Why the request is refused before its body is read; nothing for one that the handler gets.
+std::optional<http_reply> refusal(MHD_Connection* connection, std::string_view method) {
+    if (method != MHD_HTTP_METHOD_GET && method != MHD_HTTP_METHOD_HEAD) {
+        return http_reply{.status = MHD_HTTP_METHOD_NOT_ALLOWED, .text = "only GET and HEAD\n"};
+    }
+    const std::string length = header(connection, MHD_HTTP_HEADER_CONTENT_LENGTH);
+    if ((!length.empty() && length != "0") ||
+        !header(connection, MHD_HTTP_HEADER_TRANSFER_ENCODING).empty()) {
+        return http_reply{.status = MHD_HTTP_CONTENT_TOO_LARGE, .text = "a body is not accepted\n"};
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+struct http_server::callbacks {
+    // Called when the headers are complete, when the request is, and again after a suspension.
+    static MHD_Result request(void* self, MHD_Connection* connection, const char* url, const char* method,
+                              const char*, const char*, std::size_t* upload_size, void** context) {
+        auto& server = *static_cast<http_server*>(self);
+        if (*context == nullptr) {
+            auto request = std::make_unique<http_request>();
+            request->path = url;
+            request->accept = header(connection, MHD_HTTP_HEADER_ACCEPT);
+            request->connection = connection;
+            MHD_get_connection_values_n(connection, MHD_GET_ARGUMENT_KIND, add_target, &request->targets);
+            *context = request.release();  // until completed()
+            const std::optional<http_reply> refused = refusal(connection, method);
+            return refused ? queue(connection, *refused) : MHD_YES;
+        }
+        auto& request = *static_cast<http_request*>(*context);
+        *upload_size = 0;
+        if (!request.reply) {
+            server.handler_(request);
+        }
+        if (!request.reply) {
+            request.suspended = true;
+            MHD_suspend_connection(connection);
+            return MHD_YES;
+        }
+        return queue(connection, *request.reply);
+    }
+
+    static void completed(void*, MHD_Connection*, void** context, MHD_RequestTerminationCode) {
+        delete static_cast<http_request*>(*context);
+        *context = nullptr;
+    }
+
+    static void connection(void* self, MHD_Connection* connection, void** context,
+                           MHD_ConnectionNotificationCode code) {
+        auto& server = *static_cast<http_server*>(self);
+        if (code == MHD_CONNECTION_NOTIFY_STARTED) {
+            server.open_[++server.last_number_] = {clock::now() + server.lifetime_, connection};
+            *context = reinterpret_cast<void*>(server.last_number_);
+        } else {
+            server.open_.erase(reinterpret_cast<std::size_t>(*context));
+        }
+    }
+};
+
+http_server::http_server(int listener, std::chrono::seconds lifetime,
+                         std::function<void(http_request&)> handler)
+    : lifetime_(lifetime), handler_(std::move(handler)) {
+    rlimit files{};
+    getrlimit(RLIMIT_NOFILE, &files);
+    // At most half of the descriptors, so that the others are left for what the requests ask for.
+    const auto limit = static_cast<unsigned>(std::min<rlim_t>(max_http_connections, files.rlim_cur / 2));
+    daemon_ = MHD_start_daemon(MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME, 0, nullptr, nullptr,
+                               &callbacks::request, this,                        //
+                               MHD_OPTION_LISTEN_SOCKET, listener,               //
+                               MHD_OPTION_CONNECTION_MEMORY_LIMIT, http_memory,  //
+                               MHD_OPTION_CONNECTION_LIMIT, limit,               //
+                               MHD_OPTION_STRICT_FOR_CLIENT, 1,                  //
+                               MHD_OPTION_NOTIFY_COMPLETED, &callbacks::completed, this,
+                               MHD_OPTION_NOTIFY_CONNECTION, &callbacks::connection, this, MHD_OPTION_END);
+    if (daemon_ == nullptr) {
+        throw std::runtime_error("the HTTP server cannot be started");
+    }
+    fd_ = MHD_get_daemon_info(daemon_, MHD_DAEMON_INFO_EPOLL_FD)->epoll_fd;
+}
+
+void http_server::stop() {
+    if (daemon_ != nullptr) {
+        MHD_stop_daemon(std::exchange(daemon_, nullptr));
+    }
+}
+
+http_server::clock::time_point http_server::step() {
+    end_old_connections();
+    MHD_run(daemon_);
+    MHD_UNSIGNED_LONG_LONG wait = 0;
+    clock::time_point next = open_.empty() ? clock::time_point::max() : open_.begin()->second.end;
+    if (MHD_get_timeout(daemon_, &wait) == MHD_YES) {
+        next = std::min(next, clock::now() + std::chrono::milliseconds(wait));
+    }
+    return next;
+}
+
+// The library's own time-out begins again with each byte, so one byte a second would keep a connection for hours.
+void http_server::end_old_connections() {
+    const clock::time_point now = clock::now();
+    while (!open_.empty() && open_.begin()->second.end <= now) {
+        shutdown(MHD_get_connection_info(open_.begin()->second.connection, MHD_CONNECTION_INFO_CONNECTION_FD)
+                     ->connect_fd,
+                 SHUT_RDWR);
+        open_.erase(open_.begin());
+    }
+}
+
+void http_server::answer(http_request& request, http_reply reply) {
+    request.reply = std::move(reply);
+    if (request.suspended) {
+        request.suspended = false;
+        MHD_resume_connection(request.connection);
+    }
+}
+
+}  // namespace client

@@ -1,0 +1,72 @@
+// An HTTP server inside another event loop. Each connection has bounded memory, gets one answer, and ends at a fixed
+// time, so a sender costs no more than that whatever it sends and however slowly.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+struct MHD_Connection;
+struct MHD_Daemon;
+
+namespace client {
+
+struct http_reply {
+    unsigned status = 200;
+    std::string type = "text/plain; charset=utf-8";
+    std::string text;
+};
+
+struct http_request {
+    std::string path;
+    std::vector<std::string> targets;  // the values of "target" in the query, decoded
+    std::string accept;                // media types that the client wants; empty: any
+    std::optional<http_reply> reply;   // set by http_server::answer
+
+    MHD_Connection* connection = nullptr;
+    bool suspended = false;
+};
+
+class http_server {
+public:
+    using clock = std::chrono::steady_clock;
+
+    // listener: a listening socket, which the server closes. lifetime: of a connection. handler is called once for each
+    // well-formed GET or HEAD; answer() may be called in it or later. Throws std::runtime_error.
+    http_server(int listener, std::chrono::seconds lifetime, std::function<void(http_request&)> handler);
+    ~http_server() { stop(); }
+    http_server(const http_server&) = delete;
+    http_server& operator=(const http_server&) = delete;
+
+    int fd() const { return fd_; }  // readable when step() has work
+
+    // Serves what has come. Returns the time at which to call it again at the latest.
+    clock::time_point step();
+
+    // The next step() sends it.
+    void answer(http_request& request, http_reply reply);
+
+    // Closes the listener and all connections. All requests must have been answered.
+    void stop();
+
+private:
+    struct callbacks;  // called by the library
+    struct open_connection {
+        clock::time_point end;
+        MHD_Connection* connection;
+    };
+
+    void end_old_connections();
+
+    const std::chrono::seconds lifetime_;
+    const std::function<void(http_request&)> handler_;
+    std::map<std::size_t, open_connection> open_;  // by number; the oldest first
+    std::size_t last_number_ = 0;
+    MHD_Daemon* daemon_ = nullptr;
+    int fd_ = -1;
+};
+
+}  // namespace client

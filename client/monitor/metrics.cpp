@@ -1,0 +1,61 @@
+#include "monitor/metrics.h"
+
+#include "mail/replace_file.h"
+#include "monitor/collect.h"
+#include "monitor/exporter.h"
+#include "monitor/exposition.h"
+#include "options/options.h"
+#include "term/text.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <system_error>
+#include <unistd.h>
+
+namespace client {
+
+namespace {
+
+int fail(const std::string& problem) {
+    std::fprintf(stderr, "schedctl: %s\n", problem.c_str());
+    return exit_usage;
+}
+
+// A file is written in the Prometheus format, because the textfile collector needs the type of each metric and the
+// common format has none for counters.
+exposition format_of(const monitoring_settings& chosen) {
+    if (chosen.format == "openmetrics") {
+        return exposition::openmetrics;
+    }
+    return chosen.format == "prometheus" || !chosen.output.empty() ? exposition::prometheus
+                                                                   : exposition::common;
+}
+
+}  // namespace
+
+int run_metrics(const settings& chosen) {
+    if (!chosen.monitoring.listen.empty()) {
+        return serve_metrics(chosen);
+    }
+    const snapshot known = collect(chosen, true).front();
+    if (!known.up) {
+        std::fprintf(stderr, "schedctl: %s\n", known.problem.c_str());
+    }
+    const exposition format = format_of(chosen.monitoring);
+    const std::string& path = chosen.monitoring.output;
+    std::string problem;
+    // The collector reads the file for ever, so it must say when its contents stop being true.
+    if (!path.empty() && !replace_file(path, expose(known, format, true), 0644, true, problem)) {
+        return fail(problem);
+    }
+    if (is_own_fault(known)) {
+        return exit_usage;
+    }
+    // A scheduler that is down is no failure of the command: collectors need the metric sched_up 0.
+    if (path.empty() && !write_all(STDOUT_FILENO, expose(known, format))) {
+        return fail(std::string("cannot write: ") + std::generic_category().message(errno));
+    }
+    return 0;
+}
+
+}  // namespace client

@@ -1,0 +1,287 @@
+#include "net/host_link.h"
+
+#include "protocol/limits.h"
+#include "protocol/login.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace client {
+
+namespace {
+
+std::string text_of(int error) {
+    return std::generic_category().message(error);
+}
+
+// Starts connecting. Returns 0 when connected, EINPROGRESS while connecting goes on, else the error number.
+int begin_connection(int fd, in_addr address, std::uint16_t port, const std::string& source) {
+    sockaddr_in end{};
+    end.sin_family = AF_INET;
+    if (!source.empty()) {
+        if (inet_pton(AF_INET, source.c_str(), &end.sin_addr) != 1) {
+            return EINVAL;
+        }
+        if (bind(fd, reinterpret_cast<const sockaddr*>(&end), sizeof end) != 0) {
+            return errno;
+        }
+    }
+    end.sin_addr = address;
+    end.sin_port = htons(port);
+    return connect(fd, reinterpret_cast<const sockaddr*>(&end), sizeof end) == 0 ? 0 : errno;
+}
+
+// A dead host must end a wait without a limit; the system of one that is only stalled still answers. A failure is
+// ignored: the wait then lasts longer.
+void detect_dead_peer(int fd) {
+    const int on = 1;
+    const auto probe = static_cast<int>(probe_interval.count());
+    const auto dead = static_cast<unsigned>(std::chrono::milliseconds(dead_peer_timeout).count());
+    setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+    setsockopt(fd, IPPROTO_TCP, TCP_KEEPIDLE, &probe, sizeof probe);
+    setsockopt(fd, IPPROTO_TCP, TCP_KEEPINTVL, &probe, sizeof probe);
+    setsockopt(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &dead, sizeof dead);
+}
+
+}  // namespace
+
+std::string host_link::address() const {
+    if (addresses_.empty()) {
+        return "";
+    }
+    char text[INET_ADDRSTRLEN] = "";
+    inet_ntop(AF_INET, &addresses_[next_address_ > 0 ? next_address_ - 1 : 0], text, sizeof text);
+    return text;
+}
+
+std::chrono::seconds host_link::limit() const {
+    return how_.timeout != 0 ? std::chrono::seconds(how_.timeout) : default_timeout;
+}
+
+void host_link::ask(std::vector<std::string> words) {
+    // The greeting is needed once for each connection.
+    talk_.emplace(std::move(words), is_open() ? "" : how_.user, passwords_);
+    requests_.clear();
+    end_.reset();
+    late_ = false;
+    took_long_ = false;
+    // This limit covers look-up, connecting and, for a command that the scheduler answers itself, the answer.
+    deadline_ = clock::now() + limit();
+    if (state_ == state::idle) {
+        state_ = state::talking;
+        talk_->begin(requests_);
+        return send_requests();
+    }
+    next_address_ = 0;
+    // An address needs no look-up in another thread.
+    if (addresses_.empty()) {
+        addresses_ = name_lookup::numeric(where_.name);
+    }
+    if (addresses_.empty()) {
+        state_ = state::resolving;
+    } else {
+        connect_next();
+    }
+}
+
+void host_link::on_resolved(lookup_result found) {
+    if (state_ != state::resolving) {
+        return;
+    }
+    addresses_ = std::move(found.addresses);
+    if (addresses_.empty()) {
+        fail({outcome::closed, where_.name + ": " + found.problem});
+    } else {
+        connect_next();
+    }
+}
+
+// Tries the next address of the host, until one is connected or connecting. None left: the command has failed.
+void host_link::connect_next() {
+    state_ = state::connecting;
+    int problem = 0;
+    while (next_address_ < addresses_.size()) {
+        close_descriptor();
+        connecting_at_ = clock::now();
+        fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        problem =
+            fd_ < 0 ? errno : begin_connection(fd_, addresses_[next_address_], where_.port, how_.source);
+        ++next_address_;
+        if (problem == 0) {
+            return on_connected();
+        }
+        if (problem == EINPROGRESS) {
+            return;
+        }
+    }
+    const bool is_source = problem == EADDRNOTAVAIL && !how_.source.empty();
+    fail({outcome::closed, (is_source ? how_.source + ": " : "") + text_of(problem)});
+}
+
+void host_link::on_connected() {
+    detect_dead_peer(fd_);
+    state_ = state::talking;
+    connected_at_ = clock::now();
+    received_any_ = needed_login_ = false;
+    talk_->begin(requests_);
+    send_requests();
+}
+
+// A command that the scheduler answers itself has one limit for all of it. A module has no limit, or the operator's
+// time-out for the time without a byte; sending a request is always limited.
+void host_link::set_deadline() {
+    if (late_) {
+        return;
+    }
+    const bool takes_long = talk_->may_take_long();
+    if (talk_->needs_password()) {
+        deadline_ = clock::time_point::max();
+    } else if (takes_long) {
+        std::chrono::seconds silence = how_.timeout != 0 ? limit() : module_silence_;
+        if (silence.count() == 0 && !requests_.empty()) {
+            silence = default_timeout;
+        }
+        deadline_ = silence.count() != 0 ? clock::now() + silence : clock::time_point::max();
+    } else if (took_long_ || deadline_ == clock::time_point::max()) {
+        deadline_ = clock::now() + limit();  // behind a greeting or the operator's typing of a password
+    }
+    took_long_ = takes_long;
+}
+
+// Sends as much as the socket takes; the rest waits until it is writable.
+void host_link::send_requests() {
+    while (!requests_.empty()) {
+        const ssize_t n = send(fd_, requests_.data(), requests_.size(), MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0 && errno != EAGAIN) {
+            requests_.clear();  // the peer has closed; read the bytes that came before
+        }
+        if (n < 0) {
+            break;
+        }
+        requests_.erase(0, static_cast<std::size_t>(n));
+    }
+    set_deadline();
+}
+
+void host_link::log_in(const std::string& no_password) {
+    talk_->log_in(no_password, requests_);
+    if (talk_->done()) {
+        return fail(talk_->end());
+    }
+    send_requests();
+}
+
+short host_link::events() const {
+    if (state_ == state::connecting) {
+        return POLLOUT;
+    }
+    // Reading goes on while a request waits, so that the two sides cannot block each other.
+    return static_cast<short>(requests_.empty() ? POLLIN : POLLIN | POLLOUT);
+}
+
+void host_link::on_ready(exchange::output& received) {
+    if (state_ == state::connecting) {
+        return finish_connecting();
+    }
+    if (!requests_.empty()) {
+        send_requests();
+    }
+    // One receive for each event: other hosts must not wait for one that sends without a pause.
+    char buffer[receive_size];
+    const ssize_t n = recv(fd_, buffer, sizeof buffer, 0);
+    if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
+        return;
+    }
+    if (n > 0 && state_ == state::talking) {
+        return on_received({buffer, static_cast<std::size_t>(n)}, received);
+    }
+    // No command runs: bytes are not expected and are dropped, but a closed connection must be reported.
+    if (n <= 0 && state_ == state::idle) {
+        fail({outcome::closed, why_closed(true)});
+    } else if (n <= 0) {
+        talk_->lost(received_any_);
+        fail(talk_->end());
+    }
+}
+
+void host_link::finish_connecting() {
+    int problem = 0;
+    socklen_t size = sizeof problem;
+    getsockopt(fd_, SOL_SOCKET, SO_ERROR, &problem, &size);
+    if (problem == 0) {
+        on_connected();
+    } else if (next_address_ < addresses_.size()) {
+        connect_next();
+    } else {
+        fail({outcome::closed, text_of(problem)});
+    }
+}
+
+void host_link::on_received(std::string_view bytes, exchange::output& received) {
+    received_any_ = true;
+    talk_->feed(bytes, received, requests_);
+    needed_login_ = needed_login_ || talk_->needed_login();
+    if (!talk_->done()) {
+        return send_requests();
+    }
+    const outcome how = talk_->end().how;
+    const bool goes_on = how == outcome::over || how == outcome::module_timeout || how == outcome::busy ||
+                         how == outcome::unsupported;
+    if (!goes_on) {
+        return fail(talk_->end());
+    }
+    end_ = talk_->end();
+    state_ = state::idle;
+    late_ = false;
+    deadline_ = clock::time_point::max();
+}
+
+// The state tells what was waited for, and so the message.
+void host_link::expire() {
+    if (state_ == state::resolving) {
+        fail({outcome::closed, where_.name + ": the name was not found in time"});
+    } else if (state_ == state::connecting) {
+        fail({outcome::closed, text_of(ETIMEDOUT)});
+    } else if (!requests_.empty()) {
+        fail({outcome::unsent, text_of(ETIMEDOUT)});
+    } else {
+        late_ = true;
+        deadline_ = clock::time_point::max();
+    }
+}
+
+std::optional<command_result> host_link::take_end() {
+    return std::exchange(end_, std::nullopt);
+}
+
+void host_link::fail(command_result end) {
+    if (state_ == state::connecting) {
+        addresses_.clear();  // the name may have another one by the next command
+    }
+    drop();
+    end_ = std::move(end);
+}
+
+void host_link::close_descriptor() {
+    if (fd_ >= 0) {
+        close(fd_);
+    }
+    fd_ = -1;
+}
+
+void host_link::drop() {
+    close_descriptor();
+    state_ = state::closed;
+    late_ = false;
+    deadline_ = clock::time_point::max();
+}
+
+}  // namespace client

@@ -1,0 +1,337 @@
+#include "options/options.h"
+
+#include "options/completion.h"
+#include "options/module_list.h"
+#include "protocol/answer.h"
+#include "protocol/words.h"
+#include "term/output.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cctype>
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+#include <netdb.h>
+#include <set>
+
+namespace client {
+
+namespace {
+
+constexpr const char* description =
+    "Operator's client of the scheduler.\n"
+    "With command words it sends one command and streams the answer; without any it opens a session;\n"
+    "with `watch` it shows the status live, with `follow` it writes it for programs.\n"
+    "Options are given before the words of a module, and before or after the words that the scheduler "
+    "answers\n"
+    "itself. Words after `--` are sent unchanged.";
+
+constexpr const char* exit_codes =
+    "Exit codes:\n"
+    "  0-255  the module's own exit code\n"
+    "  128+N  signal N ended the module\n"
+    "  200    wrong usage, or the client itself failed: writing the output, computing the login\n"
+    "  201    busy: the module is switched off, or the lock is held (unlock: not held)\n"
+    "  202    unsupported: the scheduler does not know the command\n"
+    "  203    the module overran its time-out and was killed\n"
+    "  204    login refused\n"
+    "  205    no connection, or it was closed before the answer was complete\n"
+    "  206    no answer within --timeout\n"
+    "A module may exit with a code of this list itself; for the client's own there is a message on standard\n"
+    "error.";
+
+// Returns the port of the services entry `vgdsched`, else the scheduler's default.
+std::uint16_t default_port() {
+    addrinfo hints{};
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    if (getaddrinfo(nullptr, "vgdsched", &hints, &found) != 0) {
+        return 9980;
+    }
+    const std::uint16_t port = ntohs(reinterpret_cast<const sockaddr_in*>(found->ai_addr)->sin_port);
+    freeaddrinfo(found);
+    return port;
+}
+
+// What the command line has besides the settings.
+struct command_line {
+    std::string hosts = "127.0.0.1";  // of -H
+    bool list = false;
+    CLI::App* watch = nullptr;
+    CLI::App* follow = nullptr;
+};
+
+void add_options(CLI::App& app, command_line& typed, settings& chosen) {
+    app.add_option("-H,--host", typed.hosts,
+                   "Host of the scheduler, NAME[:PORT]; several separated by commas; else SCHED_HOST")
+        ->type_name("HOST")
+        ->capture_default_str();
+    app.add_option("--hosts", chosen.hosts_file, "File with one host a line; - for standard input")
+        ->type_name("FILE");
+    app.add_flag("--list", typed.list, "Print the hosts, one a line, and end");
+    app.add_option("--parallel", chosen.parallel, "Number of hosts asked at once")
+        ->check(CLI::Range(1, 10000))
+        ->capture_default_str();
+    app.add_flag("--as-it-comes", chosen.as_it_comes,
+                 "Lines of several hosts as they come, not together for each host");
+    app.add_option("-p,--port", chosen.port, "TCP port; else SCHED_PORT")
+        ->check(CLI::Range(1, 65535))
+        ->capture_default_str();
+    app.add_option("-u,--user", chosen.connect.user,
+                   "Name that other operators see with `show ip`; else SCHED_USER");
+    app.add_option("-t,--timeout", chosen.connect.timeout,
+                   "Seconds without a byte before giving up; 0: the usual limits; else SCHED_TIMEOUT")
+        ->check(CLI::Range(0, 86400))
+        ->capture_default_str();
+    app.add_option("-b,--bind", chosen.connect.source, "Local IPv4 address to connect from")
+        ->check(CLI::ValidIPV4);
+    app.add_option("--password-file", chosen.connect.password_file, "File whose first line is the password")
+        ->type_name("FILE");
+    app.add_flag("--json", chosen.json, std::string("Answer of ") + json_commands + " as JSON");
+}
+
+CLI::App* add_live_command(CLI::App& app, const std::string& word, const std::string& help,
+                           settings& chosen) {
+    CLI::App* command = app.add_subcommand(word, help);
+    command->fallthrough();  // the options above may follow the word
+    command->add_option("-n,--interval", chosen.interval, "Seconds between two status requests")
+        ->check(CLI::Range(1, 3600))
+        ->capture_default_str();
+    command->add_flag("--level-prefix", chosen.level_prefix,
+                      "Begin each line of JSON with its priority, \"<3>\"");
+    return command;
+}
+
+void add_commands(CLI::App& app, command_line& typed, settings& chosen) {
+    typed.watch = add_live_command(app, "watch", "Show the status live until Ctrl-C", chosen);
+    typed.follow = add_live_command(app, "follow", "Write each message and change as a line of JSON", chosen);
+    add_monitoring_commands(app, chosen.monitoring);
+}
+
+// Returns the value of a variable; null when the option is given, or the variable is not set or empty.
+const char* from_environment(const CLI::App& app, const char* option, const char* variable) {
+    const char* const value = std::getenv(variable);
+    return app.count(option) == 0 && value != nullptr && value[0] != '\0' ? value : nullptr;
+}
+
+// The libraries' own way does not refuse a wrong number in every version: the default would be used without a message.
+template <typename number>
+void read_number(const CLI::App& app, const char* option, const char* variable, long first, long last,
+                 number& chosen) {
+    const char* const value = from_environment(app, option, variable);
+    if (value == nullptr) {
+        return;
+    }
+    const char* const end = value + std::strlen(value);
+    long read = 0;
+    const auto [stop, error] = std::from_chars(value, end, read);
+    if (error != std::errc() || stop != end || read < first || read > last) {
+        throw CLI::ValidationError(variable, std::string(value) + " is not a number from " +
+                                                 std::to_string(first) + " to " + std::to_string(last));
+    }
+    chosen = static_cast<number>(read);
+}
+
+// Completes the settings from the environment, and names the hosts.
+void read_environment(const CLI::App& app, const command_line& typed, settings& chosen) {
+    read_number(app, "--port", "SCHED_PORT", 1, 65535, chosen.port);
+    read_number(app, "--timeout", "SCHED_TIMEOUT", 0, 86400, chosen.connect.timeout);
+    if (const char* const user = from_environment(app, "--user", "SCHED_USER")) {
+        chosen.connect.user = user;
+    }
+    std::string greeting;
+    if (const auto wrong = join_words({"hello", chosen.connect.user}, greeting)) {
+        throw CLI::ValidationError("--user", *wrong);
+    }
+    std::string problem;
+    if (!chosen.hosts_file.empty()) {
+        if (app.count("--host") != 0) {
+            throw CLI::ValidationError("--hosts", "cannot be used together with --host");
+        }
+        if (!read_hosts(chosen.hosts_file, chosen.port, chosen.hosts, problem)) {
+            throw CLI::ValidationError("--hosts", problem);
+        }
+    } else {
+        const char* const usual = from_environment(app, "--host", "SCHED_HOST");
+        if (!add_hosts(usual != nullptr ? usual : typed.hosts, chosen.port, chosen.hosts, problem)) {
+            throw CLI::ValidationError(usual != nullptr ? "SCHED_HOST" : "--host", problem);
+        }
+    }
+    chosen.several = chosen.hosts.size() > 1 || !chosen.hosts_file.empty();
+}
+
+// Refuses what makes no sense together.
+void check_settings(const command_line& typed, const settings& chosen) {
+    const monitoring_settings& monitoring = chosen.monitoring;
+    const bool has_command =
+        chosen.watch || chosen.follow || monitoring.metrics || monitoring.check || typed.list;
+    if (has_command && !chosen.words.empty()) {
+        throw CLI::ExtrasError(chosen.words);
+    }
+    if (chosen.json && chosen.words.empty() && !chosen.follow) {
+        throw CLI::RequiresError("--json", json_commands);
+    }
+    const bool for_one = monitoring.metrics ? monitoring.listen.empty() : !has_command;
+    if (chosen.several && chosen.words.empty() && for_one) {
+        throw CLI::ValidationError(
+            "several hosts",
+            "need a command, `watch`, `follow` or `check`; everything else works with one host only");
+    }
+}
+
+// CLI11 expects the arguments in reverse order.
+void parse_list(CLI::App& app, const std::vector<std::string>& arguments) {
+    std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());
+    app.parse(reversed);
+}
+
+// Returns the client's option that this word would be before the command; null when it is none.
+const CLI::Option* option_of(const CLI::App& app, const std::string& word) {
+    if (word.starts_with("--")) {
+        return app.get_option_no_throw(word.substr(0, word.find('=')));
+    }
+    if (word.size() < 2 || word[0] != '-') {
+        return nullptr;
+    }
+    const CLI::Option* option = app.get_option_no_throw(word.substr(0, 2));
+    // "-p9980": a value may follow a short option without a blank.
+    const bool value_may_follow = option != nullptr && option->get_items_expected_max() > 0;
+    return word.size() == 2 || value_may_follow ? option : nullptr;
+}
+
+std::string joined(const std::vector<std::string>& words) {
+    std::string text;
+    for (const std::string& word : words) {
+        text += (text.empty() ? "" : " ") + word;
+    }
+    return text;
+}
+
+[[noreturn]] void refuse(const std::string& word, const std::string& why,
+                         const std::vector<std::string>& words) {
+    throw CLI::ValidationError(word + " " + why + "; to send it as a word: schedctl -- " + joined(words));
+}
+
+// Refuses an option of the client among a module's words. It would be sent to the module, and the command would run on
+// another host than the operator meant, without a message.
+void refuse_swallowed(const CLI::App& app, const std::vector<std::string>& words) {
+    for (const std::string& word : words) {
+        if (option_of(app, word) != nullptr) {
+            refuse(word, "is an option of schedctl and must be before a module's words", words);
+        }
+    }
+}
+
+// Allows options of the client also after the scheduler's own words, which have no options themselves. Any other word
+// that looks like an option is a typing mistake and is refused, because the scheduler would ignore it without a
+// message.
+std::vector<std::string> parse_both_sides(CLI::App& app, const std::vector<std::string>& arguments) {
+    for (CLI::App* subcommand : app.get_subcommands(nullptr)) {
+        subcommand->disabled();  // `modcntl watch off` names a module
+    }
+    app.prefix_command(false);
+    app.allow_extras();
+    parse_list(app, arguments);
+    std::vector<std::string> words = app.remaining();
+    for (const std::string& word : words) {
+        const std::size_t name = word.find_first_not_of('-');
+        if ((name == 1 || name == 2) && std::isalpha(static_cast<unsigned char>(word[name])) != 0) {
+            refuse(word, "is not an option of schedctl", words);
+        }
+    }
+    return words;
+}
+
+// Returns the command words before a "--".
+std::vector<std::string> parse_words(CLI::App& app, const std::vector<std::string>& arguments) {
+    app.prefix_command();  // stop at the first word that is neither an option nor a subcommand
+    parse_list(app, arguments);
+    std::vector<std::string> words = app.remaining();
+    if (words.empty()) {
+        return words;
+    }
+    if (words.front().starts_with("-")) {
+        throw CLI::ExtrasError(words);
+    }
+    if (is_internal_word(words.front())) {
+        return parse_both_sides(app, arguments);
+    }
+    refuse_swallowed(app, words);
+    return words;
+}
+
+std::string usage_error(const CLI::App*, const CLI::Error& problem) {
+    return "schedctl: " + std::string(problem.what()) + "\nRun with --help for more information.\n";
+}
+
+// Prints a help or version text. A failed write of it gives an exit code as for any other output.
+int finish(const CLI::App& app, const CLI::ParseError& problem) {
+    const bool asked_for = app.exit(problem) == 0;
+    const int usage = app.got_subcommand("check") ? static_cast<int>(plugin_unknown) : exit_usage;
+    return asked_for && flush_output() ? 0 : usage;
+}
+
+// The modules of the hosts that these options name, as far as they are known.
+std::vector<std::string> modules_for(CLI::App& app, const command_line& typed, settings& chosen,
+                                     const std::vector<std::string>& options) {
+    try {
+        parse_list(app, options);
+        read_environment(app, typed, chosen);
+    } catch (const CLI::ParseError&) {
+        return {};  // while a line is typed, it may be wrong
+    }
+    std::set<std::string> names;
+    for (const host_name& host : chosen.hosts) {
+        const std::vector<std::string> of_host = kept_modules(host);
+        names.insert(of_host.begin(), of_host.end());
+    }
+    return {names.begin(), names.end()};
+}
+
+int print_hosts(const settings& chosen) {
+    for (const host_name& host : chosen.hosts) {
+        std::puts(host.label.c_str());
+    }
+    return flush_output() ? 0 : exit_usage;
+}
+
+}  // namespace
+
+std::optional<int> parse_options(int argc, char** argv, settings& chosen) {
+    chosen.port = default_port();
+    command_line typed;
+    CLI::App app(description, "schedctl");
+    app.footer(exit_codes);
+    app.failure_message(usage_error);
+    app.set_version_flag("-V,--version", "schedctl " SCHED_VERSION, "Show the version and end");
+    app.get_formatter()->label("SUBCOMMAND", "WORD... | COMMAND");
+    add_options(app, typed, chosen);
+    add_commands(app, typed, chosen);
+    const std::vector<std::string> arguments(argv + 1, argv + argc);
+    if (!arguments.empty() && arguments[0] == "--complete") {
+        print_completions(app, {arguments.begin() + 1, arguments.end()},
+                          [&](const std::vector<std::string>& options) {
+                              return modules_for(app, typed, chosen, options);
+                          });
+        return flush_output() ? 0 : exit_usage;
+    }
+    const auto mark = std::find(arguments.begin(), arguments.end(), "--");
+    try {
+        chosen.words = parse_words(app, {arguments.begin(), mark});
+        chosen.follow = typed.follow->parsed() || (typed.watch->parsed() && chosen.json);
+        chosen.watch = typed.watch->parsed() && !chosen.follow;
+        if (mark != arguments.end()) {
+            chosen.words.insert(chosen.words.end(), mark + 1, arguments.end());
+        }
+        read_environment(app, typed, chosen);
+        check_settings(typed, chosen);
+    } catch (const CLI::ParseError& problem) {
+        return finish(app, problem);
+    }
+    return typed.list ? std::optional(print_hosts(chosen)) : std::nullopt;
+}
+
+}  // namespace client

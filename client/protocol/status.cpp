@@ -1,0 +1,124 @@
+#include "protocol/status.h"
+
+#include "term/each_line.h"
+
+#include <cstdio>
+
+namespace client {
+
+namespace {
+
+constexpr std::size_t date_length = 25;  // 2026-11-16T15:47:03+00:00
+
+}  // namespace
+
+std::string now_date() {
+    const std::time_t now = std::time(nullptr);
+    std::tm local{};
+    localtime_r(&now, &local);
+    char text[32];
+    const std::size_t length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S%z", &local);
+    // strftime writes the offset as +hhmm, the scheduler as +hh:mm.
+    return std::string(text, length).insert(length - 2, 1, ':');
+}
+
+std::optional<std::time_t> seconds_of(const std::string& date) {
+    std::tm t{};
+    char sign = 0;
+    int hours = 0;
+    int minutes = 0;
+    // The length is checked because sscanf accepts fewer digits and ignores what follows.
+    if (date.size() != date_length ||
+        std::sscanf(date.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d%c%2d:%2d", &t.tm_year, &t.tm_mon, &t.tm_mday,
+                    &t.tm_hour, &t.tm_min, &t.tm_sec, &sign, &hours, &minutes) != 9 ||
+        (sign != '+' && sign != '-')) {
+        return std::nullopt;
+    }
+    // The date is the scheduler's local time. It is ahead of UTC by the offset, so the offset is subtracted.
+    t.tm_year -= 1900;
+    t.tm_mon -= 1;
+    const std::time_t offset = (hours * 60 + minutes) * 60;
+    return timegm(&t) - (sign == '+' ? offset : -offset);
+}
+
+std::string age_of(const std::string& date) {
+    constexpr std::pair<long, char> units[] = {{86400, 'd'}, {3600, 'h'}, {60, 'm'}, {1, 's'}};
+    const std::time_t then = seconds_of(date).value_or(0);
+    if (then == 0) {
+        return "never";
+    }
+    // The scheduler's clock may be ahead of this one.
+    long left = std::max(0L, static_cast<long>(std::time(nullptr) - then));
+    std::string text;
+    int shown = 0;
+    for (const auto& [seconds, sign] : units) {
+        // Starts at the largest unit that is not 0; an age below one second is "0s".
+        if (shown == 2 || (shown == 0 && left < seconds && seconds > 1)) {
+            continue;
+        }
+        if (shown++ != 0) {
+            text += ' ';
+        }
+        text += std::to_string(left / seconds);
+        text += sign;
+        left %= seconds;
+    }
+    return text;
+}
+
+status_report parse_status(std::string_view answer) {
+    status_report report;
+    each_line(answer, [&report](const std::string& line) {
+        // One byte more than the widths in the format, for the final zero.
+        char name[16];
+        char date[32];
+        unsigned long lost = 0;
+        // Messages are checked first, because their text may look like the other two kinds of lines.
+        if (line.size() > date_length && line[date_length] == ';' &&
+            seconds_of(line.substr(0, date_length))) {
+            report.messages.push_back({line.substr(0, date_length), line.substr(date_length + 1)});
+        } else if (std::sscanf(line.c_str(), "W0100: message queue overflow, %lu messages", &lost) == 1) {
+            // A sum, because stored messages and a new answer may each have such a line.
+            report.lost += lost;
+        } else if (std::sscanf(line.c_str(), "%15s %31s", name, date) == 2 && seconds_of(date)) {
+            report.conditions.push_back({name, date});
+        }
+    });
+    return report;
+}
+
+std::vector<hmi_row> parse_show_ip(std::string_view answer) {
+    std::vector<hmi_row> rows;
+    each_line(answer, [&rows](const std::string& line) {
+        // The user's name may contain any text that a client sent, so it is all between the two marks.
+        const std::size_t user = line.find(" user=");
+        const std::size_t login = line.rfind(" login=");
+        int day[6];
+        if (!line.starts_with("ip=") || user == std::string::npos || login == std::string::npos ||
+            login < user + 6 ||
+            std::sscanf(line.c_str() + login, " login=%d/%d/%d %d:%d:%d", day, day + 1, day + 2, day + 3,
+                        day + 4, day + 5) != 6) {
+            return;
+        }
+        // Six numbers of any value fit; they are not checked.
+        char text[96];
+        std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d", day[0], day[1], day[2], day[3],
+                      day[4], day[5]);
+        rows.push_back({line.substr(3, user - 3), line.substr(user + 6, login - user - 6), text,
+                        line.ends_with(" locked=1")});
+    });
+    return rows;
+}
+
+status_line_kind kind_of(const std::string& line) {
+    const status_report report = parse_status(line + "\n");
+    if (!report.messages.empty()) {
+        return status_line_kind::message;
+    }
+    if (report.lost != 0) {
+        return status_line_kind::lost;
+    }
+    return report.conditions.empty() ? status_line_kind::unknown : status_line_kind::condition;
+}
+
+}  // namespace client

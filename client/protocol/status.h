@@ -1,0 +1,54 @@
+// Parsing the answers of `status` and `show ip`.
+#pragma once
+
+#include <ctime>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace client {
+
+struct condition {
+    std::string name;
+    std::string since;  // ISO 8601 with zone offset, as the scheduler writes it
+    bool operator==(const condition&) const = default;
+};
+
+struct message {
+    std::string date;  // as above
+    std::string text;
+};
+
+struct status_report {
+    std::vector<condition> conditions;  // in the scheduler's order; always includes "confdate"
+    std::vector<message> messages;      // oldest first
+    unsigned long lost = 0;             // messages dropped because they were not fetched in time
+};
+
+struct hmi_row {
+    std::string ip;
+    std::string user;
+    std::string login;  // scheduler's local time, "YYYY-MM-DDTHH:MM:SS"
+    bool locked = false;
+};
+
+enum class status_line_kind { condition, message, lost, unknown };
+
+// The kind of one line of an answer of `status`, without its line end.
+status_line_kind kind_of(const std::string& line);
+
+// Lines end with LF; lines of any other form are skipped.
+status_report parse_status(std::string_view answer);
+std::vector<hmi_row> parse_show_ip(std::string_view answer);
+
+// Returns the current time as such a date.
+std::string now_date();
+
+// Converts such a date to seconds since the epoch.
+std::optional<std::time_t> seconds_of(const std::string& date);
+
+// Returns the age of a date in its two largest units; "never" for the epoch.
+std::string age_of(const std::string& date);
+
+}  // namespace client

@@ -1,0 +1,129 @@
+#include "protocol/words.h"
+
+#include <algorithm>
+#include <iterator>
+#include <set>
+
+namespace client {
+
+namespace {
+
+constexpr daemon_word table[] = {
+    {"status", true, "conditions and messages", {}},
+    {"modcntl", true, "list the modules, or switch one", {"MODULE on", "MODULE off"}},
+    {"debug", true, "tables of the scheduler", {"timer", "hmi all"}},
+    {"quit", true, "end the connection", {}},
+    {"restart", true, "restart the scheduler", {"sched"}},
+    {"lock", true, "take the lock of the operators", {}},
+    {"unlock", true, "give the lock back", {}},
+    {"show", true, "connections, or allowed networks", {"ip", "allowed_ip"}},
+    {"hello", false, "greet with a name", {}},
+    {"login", true, "log in by hand", {}},
+    {"ipset", true, "speak for another address", {}},
+    {"send", true, "forward a line to the log host", {}},
+    {"res_data", false, "forward resource data", {}},
+    {"res_send", true, "forward resource data", {}},
+};
+
+const daemon_word* find(std::string_view word) {
+    const daemon_word* const found = std::find_if(std::begin(table), std::end(table),
+                                                  [word](const daemon_word& w) { return w.word == word; });
+    return found != std::end(table) ? found : nullptr;
+}
+
+// Returns the word of this form that follows the earlier words; empty when they do not fit it.
+std::string next_word(std::string_view form, const std::vector<std::string>& earlier) {
+    std::vector<std::string> words;
+    split_words(form, words);
+    if (words.size() < earlier.size()) {
+        return "";
+    }
+    for (std::size_t i = 1; i < earlier.size(); ++i) {
+        if (words[i - 1] != "MODULE" && words[i - 1] != earlier[i]) {
+            return "";
+        }
+    }
+    return words[earlier.size() - 1];
+}
+
+}  // namespace
+
+std::span<const daemon_word> daemon_words() {
+    return table;
+}
+
+bool is_internal_word(std::string_view word) {
+    return find(word) != nullptr;
+}
+
+bool is_answered_at_once(std::string_view word) {
+    const daemon_word* const known = find(word);
+    return known != nullptr && known->at_once;
+}
+
+std::vector<std::string> words_after(const std::vector<std::string>& earlier,
+                                     const std::vector<std::string>& modules) {
+    std::set<std::string> words;  // a module may have the name of an internal word
+    if (earlier.empty()) {
+        words.insert(modules.begin(), modules.end());
+        for (const daemon_word& known : table) {
+            words.emplace(known.word);
+        }
+    } else if (const daemon_word* const known = find(earlier[0])) {
+        for (const std::string_view form : known->forms) {
+            words.insert(next_word(form, earlier));
+        }
+        if (words.erase("MODULE") != 0) {
+            words.insert(modules.begin(), modules.end());
+        }
+        words.erase("");
+    }
+    return {words.begin(), words.end()};
+}
+
+bool split_words(std::string_view line, std::vector<std::string>& words) {
+    char quote = '\0';    // the open quote, or NUL
+    bool inside = false;  // in a word; an empty pair of quotes is a word too
+    words.clear();
+    for (const char c : line) {
+        if (quote == '\0' && (c == ' ' || c == '\t' || c == '\n')) {
+            inside = false;
+            continue;
+        }
+        if (!inside) {
+            words.emplace_back();
+        }
+        inside = true;
+        if (quote == '\0' ? c == '\'' || c == '"' : c == quote) {
+            quote = quote == '\0' ? c : '\0';
+        } else {
+            words.back() += c;
+        }
+    }
+    return quote == '\0';
+}
+
+std::optional<std::string> join_words(const std::vector<std::string>& words, std::string& line) {
+    line.clear();
+    // A tab separates words and a carriage return ends the line; the scheduler drops line feeds and NULs silently.
+    for (const std::string& word : words) {
+        if (word.find_first_of(std::string_view("\t\r\n\0", 4)) != std::string::npos) {
+            return "a word cannot contain a tab, a line end or a NUL";
+        }
+        line += (&word != &words.front() ? "\t" : "") + word;
+    }
+    // The scheduler refuses more than 15 fields, and reads a line that is too long as two.
+    if (words.size() > most_words) {
+        return "more than " + std::to_string(most_words) + " words";
+    }
+    if (line.size() > longest_line) {
+        return "more than " + std::to_string(longest_line) + " characters";
+    }
+    // Any other restart has no answer, so the client would wait for ever.
+    if (words[0] == "restart" && (words.size() == 1 || words[1] != "sched")) {
+        return "restart needs the word sched";
+    }
+    return std::nullopt;
+}
+
+}  // namespace client

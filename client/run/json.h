@@ -1,0 +1,21 @@
+// Answers as JSON for scripts.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace client {
+
+// Converts an answer to one line of JSON in ASCII, with a line feed. Bytes that are not UTF-8 become U+FFFD.
+using json_writer = std::function<std::string(std::string_view answer)>;
+
+// Returns the converter for a command's answer; empty for a command without a JSON form.
+json_writer json_writer_of(const std::vector<std::string>& words);
+
+// Returns such a line for one host of many, with "host" as the first member. line is empty when no answer has come.
+// error is empty for a command that succeeded.
+std::string host_json(const std::string& host, const std::string& line, const std::string& error);
+
+}  // namespace client

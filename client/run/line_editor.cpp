@@ -1,0 +1,215 @@
+#include "run/line_editor.h"
+
+#include "protocol/words.h"
+#include "term/signals.h"
+
+#include <csignal>
+#include <cstdio>
+#include <cwchar>
+#include <poll.h>
+#include <unistd.h>
+
+namespace client {
+
+namespace {
+
+std::string common_prefix(const std::vector<std::string>& words) {
+    std::string common = words.front();
+    for (const std::string& word : words) {
+        std::size_t same = 0;
+        while (same < common.size() && same < word.size() && common[same] == word[same]) {
+            ++same;
+        }
+        common.resize(same);
+    }
+    return common;
+}
+
+}  // namespace
+
+line_editor::line_editor(const std::string& prompt, const std::string& history_path, signal_watch& signals)
+    : prompt_(prompt), file_(history_path), signals_(signals) {
+    editor_ = el_init("schedctl", stdin, stdout, stderr);
+    history_ = history_init();
+    typed_ = history_init();
+    HistEvent event;
+    history(history_, &event, H_SETSIZE, history_size);
+    history(history_, &event, H_SETUNIQUE, 1);  // no line twice in a row
+    history(typed_, &event, H_SETSIZE, history_size);
+    file_.load(history_);
+    el_set(editor_, EL_CLIENTDATA, this);
+    el_set(editor_, EL_PROMPT, prompt_of);
+    el_set(editor_, EL_EDITOR, "emacs");
+    el_set(editor_, EL_HIST, history, history_);
+    el_set(editor_, EL_GETCFN, next_char);
+    // The narrow call would make copies of these texts that are never freed.
+    el_wset(editor_, EL_ADDFN, L"schedctl-complete", L"complete the word", complete);
+    el_wset(editor_, EL_ADDFN, L"schedctl-interrupt", L"drop the line", interrupt);
+    el_set(editor_, EL_BIND, "^I", "schedctl-complete", nullptr);
+    el_set(editor_, EL_BIND, "^C", "schedctl-interrupt", nullptr);
+    el_set(editor_, EL_BIND, "^R", "em-inc-search-prev", nullptr);  // as in the shell
+    // Last, so that the operator's own ~/.editrc can change the bindings.
+    el_source(editor_, nullptr);
+}
+
+line_editor::~line_editor() {
+    file_.append(typed_);
+    history_end(typed_);
+    history_end(history_);
+    el_end(editor_);
+}
+
+line_editor& line_editor::self(EditLine* editor) {
+    void* data = nullptr;
+    el_get(editor, EL_CLIENTDATA, &data);
+    return *static_cast<line_editor*>(data);
+}
+
+char* line_editor::prompt_of(EditLine* editor) {
+    return self(editor).prompt_.data();
+}
+
+line_editor::result line_editor::read(std::string& line) {
+    interrupted_ = false;
+    if (signals_.resized()) {
+        el_resize(editor_);
+    }
+    int length = 0;
+    reading_ = true;
+    const char* text = el_gets(editor_, &length);
+    reading_ = false;
+    // interrupt() ends the line with CC_EOF, which el_gets reports like the end of the input.
+    if (interrupted_ && !signals_.leaving()) {
+        return result::interrupted;
+    }
+    if (text == nullptr || length <= 0) {
+        return result::end_of_input;
+    }
+    line.assign(text, static_cast<std::size_t>(length));
+    if (line.ends_with('\n')) {
+        line.pop_back();
+    }
+    HistEvent event;
+    if (line.find_first_not_of(" \t") != std::string::npos) {
+        history(history_, &event, H_ENTER, line.c_str());
+        history(typed_, &event, H_ENTER, line.c_str());
+    }
+    return result::line;
+}
+
+// Returns true when a key can be read, false when a signal stopped the wait.
+bool line_editor::wait_for_key() {
+    for (;;) {
+        pollfd ready[] = {
+            {STDIN_FILENO, POLLIN, 0}, {signals_.fd(), POLLIN, 0}, {watched ? watched() : -1, POLLIN, 0}};
+        if (poll(ready, 3, -1) < 0) {
+            continue;
+        }
+        if (ready[1].revents != 0 && signals_.take()) {
+            return false;
+        }
+        if (signals_.resized()) {
+            el_resize(editor_);
+        }
+        if (ready[2].revents != 0) {
+            show_above(readable());
+        }
+        if (ready[0].revents != 0) {
+            return true;
+        }
+    }
+}
+
+void line_editor::show_above(const std::string& text) {
+    if (text.empty()) {
+        return;
+    }
+    // The row with the prompt is cleared, and drawn again below the text.
+    std::printf("\r\033[K(%s)\n", text.c_str());
+    std::fflush(stdout);
+    el_set(editor_, EL_REFRESH);
+}
+
+void line_editor::suspend() {
+    if (reading_) {
+        el_set(editor_, EL_PREP_TERM, 0);
+    }
+    {
+        const signals_through through;
+        std::raise(SIGTSTP);
+    }
+    if (reading_) {
+        el_set(editor_, EL_PREP_TERM, 1);
+        el_set(editor_, EL_REFRESH);
+    }
+}
+
+// Replaces libedit's reader, which waits only for the keyboard. A signal is returned as if its key had been typed.
+int line_editor::next_char(EditLine* editor, wchar_t* wide) {
+    line_editor& own = self(editor);
+    std::mbstate_t state{};
+    for (;;) {
+        char byte = 0;
+        if (!own.wait_for_key()) {
+            if (own.signals_.leaving()) {
+                return 0;
+            }
+            *wide = L'\003';  // Ctrl-C, bound to interrupt
+            return 1;
+        }
+        const ssize_t n = ::read(STDIN_FILENO, &byte, 1);
+        if (n <= 0) {
+            return static_cast<int>(n);
+        }
+        const std::size_t length = std::mbrtowc(wide, &byte, 1, &state);
+        if (length == 0 || length == 1) {
+            return 1;
+        }
+        // A character may come in several bytes; state keeps the first ones.
+        if (length == static_cast<std::size_t>(-1)) {
+            state = {};  // not of this locale: dropped
+        }
+    }
+}
+
+unsigned char line_editor::interrupt(EditLine* editor, std::wint_t) {
+    self(editor).interrupted_ = true;
+    std::fputs("^C\n", stdout);
+    return CC_EOF;
+}
+
+unsigned char line_editor::complete(EditLine* editor, std::wint_t) {
+    line_editor& own = self(editor);
+    const LineInfo* info = el_line(editor);
+    const std::string before(info->buffer, static_cast<std::size_t>(info->cursor - info->buffer));
+    const std::size_t start = before.find_last_of(" \t") + 1;
+    const std::string typed = before.substr(start);
+    std::vector<std::string> earlier;
+    split_words(std::string_view(before).substr(0, start), earlier);
+
+    std::vector<std::string> fitting;
+    for (const std::string& word : own.candidates(earlier)) {
+        if (word.starts_with(typed)) {
+            fitting.push_back(word);
+        }
+    }
+    if (fitting.empty()) {
+        return CC_ERROR;
+    }
+    std::string rest = common_prefix(fitting).substr(typed.size());
+    if (fitting.size() == 1) {
+        rest += ' ';
+    }
+    // Inserts what the matching words have in common beyond the typed text; lists them when that is nothing.
+    if (!rest.empty()) {
+        return el_insertstr(editor, rest.c_str()) == 0 ? CC_REFRESH : CC_ERROR;
+    }
+    std::fputs("\n", stdout);
+    for (const std::string& word : fitting) {
+        std::printf("%s  ", word.c_str());
+    }
+    std::fputs("\n", stdout);
+    return CC_REDISPLAY;
+}
+
+}  // namespace client

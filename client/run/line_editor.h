@@ -1,0 +1,61 @@
+// The line editor of the session: history, completion, and a prompt that also watches the connection.
+#pragma once
+
+#include "run/history_file.h"
+
+#include <cwchar>
+#include <functional>
+#include <histedit.h>
+#include <string>
+#include <vector>
+
+namespace client {
+
+class signal_watch;
+
+class line_editor {
+public:
+    enum class result { line, end_of_input, interrupted };
+
+    // Only one may exist at a time. history_path: a file that is read now, and to which the destructor appends the
+    // typed lines; empty: the history is kept only for the session.
+    line_editor(const std::string& prompt, const std::string& history_path, signal_watch& signals);
+    ~line_editor();
+    line_editor(const line_editor&) = delete;
+    line_editor& operator=(const line_editor&) = delete;
+
+    // Returns the words that may follow the words before the cursor.
+    std::function<std::vector<std::string>(const std::vector<std::string>&)> candidates;
+
+    // While the operator types, `watched` returns a descriptor to poll (-1 for none). `readable` is called when it is
+    // readable; the text that it returns is shown above the prompt.
+    std::function<int()> watched;
+    std::function<std::string()> readable;
+
+    // Reads one line without its line feed and puts it into the history.
+    result read(std::string& line);
+
+    // Stops the process as Ctrl-Z usually does. When it continues, the terminal is set up and the prompt drawn again.
+    void suspend();
+
+private:
+    static char* prompt_of(EditLine* editor);
+    static int next_char(EditLine* editor, wchar_t* wide);
+    static unsigned char complete(EditLine* editor, std::wint_t key);
+    static unsigned char interrupt(EditLine* editor, std::wint_t key);
+    static line_editor& self(EditLine* editor);
+
+    bool wait_for_key();
+    void show_above(const std::string& text);
+
+    std::string prompt_;
+    history_file file_;
+    signal_watch& signals_;
+    EditLine* editor_;
+    History* history_;  // the lines that the arrow keys show: earlier sessions and this one
+    History* typed_;    // this session only
+    bool reading_ = false;
+    bool interrupted_ = false;
+};
+
+}  // namespace client

@@ -1,0 +1,374 @@
+#include "run/runner.h"
+
+#include "mail/box.h"
+#include "options/module_list.h"
+#include "protocol/limits.h"
+#include "protocol/secret.h"
+#include "protocol/words.h"
+#include "term/each_line.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+#include <utility>
+
+namespace client {
+
+namespace {
+
+agent_options options_for(const settings& chosen, bool shows_messages) {
+    agent_options how;
+    how.connect = chosen.connect;
+    how.parallel = chosen.parallel;
+    how.stored = shows_messages ? stored_messages::taken : stored_messages::left;
+    return how;
+}
+
+host_output::order order_for(const settings& chosen) {
+    if (chosen.hosts.size() == 1) {
+        return host_output::order::stream;
+    }
+    return chosen.as_it_comes ? host_output::order::by_line : host_output::order::by_host;
+}
+
+bool has_terminal() {
+    const int terminal = open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC);
+    return terminal >= 0 && close(terminal) == 0;
+}
+
+}  // namespace
+
+command_runner::command_runner(const settings& chosen, manner how)
+    : chosen_(chosen),
+      how_(std::move(how)),
+      terminal_(isatty(STDOUT_FILENO) == 1),
+      agent_(
+          chosen.hosts, options_for(chosen, !how_.once || chosen.words[0] == "status"),
+          {.output = [this](std::size_t host, std::uint32_t request,
+                            std::string_view text) { take_output(host, request, text); },
+           .status = [this](std::size_t host, status_answer& answer) { take_status(host, answer); },
+           .ended = [this](std::size_t host, std::uint32_t request,
+                           const command_result& end) { take_end(host, request, end); },
+           .late =
+               [this](std::size_t host, std::uint32_t request) {
+                   if (states_[host].request == request) {
+                       give_up(host, outcome::no_answer);
+                   }
+               },
+           .closed = [this](std::size_t host, std::size_t waiting, bool) { states_[host].waiting = waiting; },
+           .password_needed =
+               [this](std::size_t host) {
+                   if (chosen_.hosts.size() > 1 || states_[host].request == 0 || !ask_for_password()) {
+                       agent_.password(host, std::nullopt);
+                   }
+               }}),
+      signals_(how_.suspend),
+      states_(chosen.hosts.size()),
+      output_(chosen.hosts, chosen.several && how_.convert == nullptr, order_for(chosen),
+              {.shown = [this](const std::vector<std::uint64_t>& ids) { agent_.shown(ids); },
+               .ended = [this](std::size_t host) { written(host); }}) {}
+
+int command_runner::run(const std::vector<std::string>& words) {
+    words_ = words;
+    exit_code_ = 0;
+    running_ += states_.size();  // output that a signal has left behind may still wait
+    for (std::size_t host = 0; host < states_.size(); ++host) {
+        start(host);
+    }
+    wait();
+    return exit_code_;
+}
+
+void command_runner::start(std::size_t host) {
+    host_state& state = states_[host];
+    state.answered = false;
+    state.kept.clear();
+    state.ids.clear();
+    state.filter = printable_text();
+    std::string line;
+    if (const std::optional<std::string> problem = join_words(words_, line)) {
+        return finish_host(host, {outcome::invalid, *problem});
+    }
+    // Whoever gives no password must not take messages by a connection that is then refused.
+    if (states_.size() == 1 && !password_given_ && chosen_.connect.password_file.empty() &&
+        counters_of(key_of(chosen_.hosts[0])).login && has_terminal() && !ask_for_password()) {
+        return finish_host(host, {outcome::login_refused, password_problem_});
+    }
+    state.request = agent_.ask(host, words_);
+}
+
+void command_runner::show_stored() {
+    words_ = {"status"};
+    ++running_;
+    states_[0].end = {outcome::over};
+    states_[0].fetching = true;
+    agent_.fetch_stored(0);
+    wait();
+}
+
+// Waits until the output of all hosts is written.
+void command_runner::wait() {
+    std::fflush(stdout);  // the output goes past its buffer
+    const clock::time_point order_end = clock::now() + order_limit;
+    bool in_order = states_.size() > 1;
+    while (running_ > 0) {
+        if (!step(in_order ? order_end : clock::time_point::max())) {
+            interrupt();
+            break;
+        }
+        if (in_order && clock::now() >= order_end) {
+            in_order = false;
+            output_.stop_ordering();
+        }
+    }
+    std::fflush(stdout);
+}
+
+// Returns false when a signal ends the wait.
+bool command_runner::step(clock::time_point until) {
+    output_.write_some();
+    pollfd others[] = {{signals_.fd(), POLLIN, 0}, {output_.is_waiting() ? STDOUT_FILENO : -1, POLLOUT, 0}};
+    // A module of one host has to wait for a slow reader; with several, the ends of the others must be seen.
+    if (states_.size() == 1 && output_.waiting_bytes() > max_answer) {
+        poll(others, std::size(others), -1);
+    } else if (running_ > 0) {
+        agent_.step(others, until);
+    }
+    output_.write_some();
+    return others[0].revents == 0 || !signals_.take();
+}
+
+// A signal: gives up all commands, and writes what has come as long as the reader takes it.
+void command_runner::interrupt() {
+    output_.stop_ordering();
+    for (std::size_t host = 0; host < states_.size(); ++host) {
+        if (states_[host].request != 0 || std::exchange(states_[host].fetching, false)) {
+            give_up(host, outcome::interrupted);
+        }
+    }
+    pollfd ready{STDOUT_FILENO, POLLOUT, 0};
+    output_.write_some();
+    while (output_.is_waiting() && poll(&ready, 1, static_cast<int>(order_limit.count())) > 0) {
+        output_.write_some();
+    }
+    exit_code_ = 128 + (signals_.leaving() ? SIGTERM : SIGINT);
+}
+
+// Its answer, when it comes, belongs to no command.
+void command_runner::give_up(std::size_t host, outcome how) {
+    if (const std::uint32_t request = states_[host].request; request != 0) {
+        given_up_.push_back({request, words_[0] == "status"});
+        if (how == outcome::interrupted) {
+            agent_.cancel(host, request);
+        }
+    }
+    finish_host(host, {how});
+}
+
+// Returns false, with password_problem_, when there is none.
+bool command_runner::ask_for_password() {
+    std::fflush(stdout);
+    const signals_through through;  // Ctrl-C at the prompt must have its usual effect
+    std::string password;
+    password_problem_.clear();
+    if (!ask_password("Password for " + chosen_.hosts[0].name + ": ", false, password, password_problem_)) {
+        return false;
+    }
+    password_given_ = true;
+    agent_.password(0, password);
+    wipe(password);
+    return true;
+}
+
+void command_runner::take_output(std::size_t host, std::uint32_t request, std::string_view text) {
+    host_state& state = states_[host];
+    if (state.request != request) {
+        return;
+    }
+    if (how_.convert != nullptr || words_[0] == "modcntl") {
+        state.kept += text;
+    }
+    if (how_.convert == nullptr) {
+        output_.add(host, terminal_ ? state.filter.clean(text) : text);
+    }
+}
+
+void command_runner::take_status(std::size_t host, status_answer& answer) {
+    host_state& state = states_[host];
+    report_trouble(host, answer);
+    if (answer.last) {
+        return;  // its messages wait in the mailbox
+    }
+    if (state.fetching && !answer.complete && answer.lines.size() == answer.stored) {
+        state.fetching = false;
+        show(host, answer);
+        return write_answer(host);
+    }
+    const bool late =
+        std::any_of(given_up_.begin(), given_up_.end(), [](const given_up& g) { return g.of_status; });
+    if (state.request == 0 || late) {
+        unshown_.insert(unshown_.end(), answer.lines.begin(), answer.lines.end());
+        std::erase_if(unshown_, [](const status_line& line) { return line.id == 0; });
+        return;
+    }
+    state.answered = true;
+    std::erase_if(unshown_, [&answer](const status_line& old) {
+        return std::any_of(answer.lines.begin(), answer.lines.end(),
+                           [&old](const status_line& line) { return line.id == old.id; });
+    });
+    answer.lines.insert(answer.lines.begin(), unshown_.begin(), unshown_.end());
+    unshown_.clear();
+    show(host, answer);
+}
+
+void command_runner::show(std::size_t host, const status_answer& answer) {
+    host_state& state = states_[host];
+    for (const status_line& line : answer.lines) {
+        const std::string text = line.text + "\n";
+        if (how_.convert != nullptr) {
+            state.kept += text;
+        } else {
+            output_.add(host, terminal_ ? state.filter.clean(text) : text);
+        }
+        if (line.id != 0 && how_.convert != nullptr) {
+            state.ids.push_back(line.id);
+        } else if (line.id != 0) {
+            output_.mark(host, line.id);
+        }
+    }
+}
+
+// What the operator must know of an answer besides its lines. Messages that are neither shown nor stored are written
+// here, because the scheduler does not send them again.
+void command_runner::report_trouble(std::size_t host, const status_answer& answer) const {
+    const std::string label = label_of(host, false);
+    each_line(answer.notice, [&label](const std::string& line) {
+        std::fprintf(stderr, "schedctl: %s%s\n", label.c_str(), line.c_str());
+    });
+    if (answer.unstored.empty()) {
+        return;
+    }
+    std::fprintf(stderr, "schedctl: %scannot store messages: %s\n", label.c_str(), answer.unstored.c_str());
+    const bool shown = !answer.last && (states_[host].request != 0 || states_[host].fetching);
+    for (const status_line& line : answer.lines) {
+        if (!shown && line.id == 0 && parse_status(line.text).conditions.empty()) {
+            std::fprintf(stderr, "%s%s\n", label.c_str(), printable_text().clean(line.text).c_str());
+        }
+    }
+}
+
+void command_runner::take_end(std::size_t host, std::uint32_t request, const command_result& end) {
+    if (states_[host].request == request && request != 0) {
+        command_result known = end;
+        if (end.how == outcome::login_refused && !password_problem_.empty()) {
+            known.reason = std::exchange(password_problem_, "");
+        }
+        return finish_host(host, known);
+    }
+    const std::size_t dropped =
+        std::erase_if(given_up_, [request](const given_up& g) { return g.request == request; });
+    if (request == 0 || end.how == outcome::closed) {
+        note_ = "the scheduler closed the connection";
+    } else if (dropped != 0 && running_ == 0 && end.how != outcome::interrupted) {
+        note_ = "the answer given up earlier is complete";
+    }
+}
+
+void command_runner::finish_host(std::size_t host, const command_result& end) {
+    host_state& state = states_[host];
+    state.request = 0;
+    state.end = end;
+    // A command that is still under way is left to finish().
+    if (how_.once && end.how != outcome::no_answer && end.how != outcome::interrupted) {
+        agent_.close(host);
+    }
+    // Without an answer of the scheduler, at least the messages that were stored before are shown. One object of JSON
+    // would look like a status.
+    const bool fetch = words_[0] == "status" && end.how != outcome::over && end.how != outcome::interrupted &&
+                       !state.answered && (how_.convert == nullptr || chosen_.several);
+    if (fetch) {
+        state.fetching = true;
+        return agent_.fetch_stored(host);
+    }
+    write_answer(host);
+}
+
+void command_runner::write_answer(std::size_t host) {
+    host_state& state = states_[host];
+    const bool over = state.end.how == outcome::over;
+    if (how_.convert != nullptr && (over || chosen_.several)) {
+        const std::string object = over || !state.kept.empty() ? how_.convert(state.kept) : "";
+        output_.add(host, chosen_.several ? host_json(chosen_.hosts[host].label, object, describe(state.end))
+                                          : object);
+        for (const std::uint64_t id : state.ids) {
+            output_.mark(host, id);
+        }
+    }
+    if (words_ == std::vector<std::string>{"modcntl"} && over) {
+        keep_modules(chosen_.hosts[host], state.kept);
+    }
+    state.kept = std::string();
+    exit_code_ = std::max(exit_code_, exit_code_of(state.end));
+    output_.end(host);
+}
+
+void command_runner::written(std::size_t host) {
+    --running_;
+    const command_result& end = states_[host].end;
+    const std::string text = describe(end);
+    // A module that fails says why in its output; its exit code needs no message.
+    const bool module_spoke = how_.once && !chosen_.several && end.how == outcome::over && end.signal == 0;
+    if (text.empty() || module_spoke) {
+        return;
+    }
+    if (how_.at_terminal) {
+        std::printf("[%s]\n", text.c_str());
+        return;
+    }
+    const bool of_connection =
+        end.how == outcome::closed || end.how == outcome::unsent || end.how == outcome::no_answer;
+    std::fprintf(stderr, "schedctl: %s%s\n", label_of(host, of_connection).c_str(), text.c_str());
+}
+
+// Returns what stands before a line about this host: its label with several hosts; else, when asked for, its port too.
+std::string command_runner::label_of(std::size_t host, bool with_port) const {
+    const host_name& named = chosen_.hosts[host];
+    if (chosen_.several) {
+        return named.label + ": ";
+    }
+    return with_port ? named.name + ":" + std::to_string(named.port) + ": " : "";
+}
+
+std::string command_runner::absorb() {
+    agent_.step({}, clock::now());
+    return take_note();
+}
+
+int command_runner::finish(int code) {
+    pollfd others[] = {{signals_.fd(), POLLIN, 0}};
+    agent_.finish(others);
+    if (isatty(STDERR_FILENO) == 1 && !(how_.once && words_[0] == "status")) {
+        report_waiting();
+    }
+    return code;
+}
+
+void command_runner::report_waiting() const {
+    std::size_t sum = 0;
+    std::string names;
+    for (std::size_t host = 0; host < states_.size(); ++host) {
+        if (states_[host].waiting != 0) {
+            sum += states_[host].waiting;
+            names += (names.empty() ? " of " : ", ") + chosen_.hosts[host].label;
+        }
+    }
+    if (sum != 0) {
+        std::fprintf(stderr, "%zu new message%s%s; schedctl status shows %s\n", sum, sum == 1 ? "" : "s",
+                     chosen_.several ? names.c_str() : "", sum == 1 ? "it" : "them");
+    }
+}
+
+}  // namespace client

@@ -1,0 +1,110 @@
+// Runs commands on the hosts, one after the other, and writes their answers: the common part of a single command and
+// of both kinds of session. A message leaves the mailbox when its line has been written.
+#pragma once
+
+#include "agent/agent_client.h"
+#include "options/options.h"
+#include "run/host_output.h"
+#include "run/json.h"
+#include "term/signals.h"
+#include "term/text.h"
+
+#include <deque>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace client {
+
+class command_runner {
+public:
+    struct manner {
+        bool once = false;                   // a single command: each connection is closed behind it
+        bool at_terminal = false;            // a session at a terminal
+        json_writer convert = {};            // the form of the answers; empty: as they come
+        std::function<void()> suspend = {};  // see signal_watch
+    };
+
+    command_runner(const settings& chosen, manner how);
+
+    // Runs a command on all hosts. Returns its exit code, when its output is written or the operator has given it up.
+    // Throws std::system_error when the output cannot be written.
+    int run(const std::vector<std::string>& words);
+
+    // Shows the messages in the mailbox of the first host.
+    void show_stored();
+
+    // How the last command has ended on the first host.
+    const command_result& last() const { return states_[0].end; }
+
+    // For a caller that waits for something else: the descriptor to poll, and the function to call when it is readable.
+    // Returns take_note().
+    int fd() const { return agent_.fd(); }
+    std::string absorb();
+
+    // What has happened besides the commands, as a line for the operator; mostly empty.
+    std::string take_note() { return std::exchange(note_, {}); }
+
+    // Number of commands that the operator does not wait for any more, whose end has not come.
+    std::size_t given_up_count() const { return given_up_.size(); }
+
+    signal_watch& signals() { return signals_; }
+
+    // Closes the connections, and tells the operator at a terminal which messages wait. Returns the code.
+    int finish(int code);
+
+private:
+    using clock = agent_client::clock;
+
+    struct host_state {
+        std::uint32_t request = 0;  // under way; 0 for none
+        bool answered = false;      // the answer of `status` has come
+        bool fetching = false;      // the messages in the mailbox are asked for
+        command_result end;
+        std::string kept;                // the answer, for JSON and for the list of modules
+        std::vector<std::uint64_t> ids;  // of the messages in it
+        printable_text filter;
+        std::size_t waiting = 0;  // messages that nobody was shown, when the connection was closed
+    };
+    struct given_up {
+        std::uint32_t request;
+        bool of_status;
+    };
+
+    void wait();
+    bool step(clock::time_point until);
+    void interrupt();
+    void start(std::size_t host);
+    bool ask_for_password();
+    void take_output(std::size_t host, std::uint32_t request, std::string_view text);
+    void take_status(std::size_t host, status_answer& answer);
+    void show(std::size_t host, const status_answer& answer);
+    void report_trouble(std::size_t host, const status_answer& answer) const;
+    void take_end(std::size_t host, std::uint32_t request, const command_result& end);
+    void give_up(std::size_t host, outcome how);
+    void finish_host(std::size_t host, const command_result& end);
+    void write_answer(std::size_t host);
+    void written(std::size_t host);
+    void report_waiting() const;
+    std::string label_of(std::size_t host, bool with_port) const;
+
+    const settings& chosen_;
+    const manner how_;
+    const bool terminal_;  // standard output
+    agent_client agent_;
+    signal_watch signals_;
+    std::vector<host_state> states_;
+    host_output output_;
+    std::vector<std::string> words_;  // of the last command
+    std::size_t running_ = 0;         // hosts whose output is not written
+    int exit_code_ = 0;               // the largest of the hosts
+    bool password_given_ = false;
+    std::string password_problem_;  // why there is no password
+    std::deque<given_up>
+        given_up_;  // commands that the operator does not wait for any more, of the first host
+    std::vector<status_line> unshown_;  // messages of their answers
+    std::string note_;                  // for take_note()
+};
+
+}  // namespace client

@@ -1,0 +1,186 @@
+#include "run/session.h"
+
+#include "mail/state_path.h"
+#include "options/module_list.h"
+#include "options/options.h"
+#include "protocol/words.h"
+#include "run/line_editor.h"
+#include "run/runner.h"
+
+#include <cstdio>
+#include <iostream>
+#include <memory>
+#include <unistd.h>
+
+namespace client {
+
+namespace {
+
+using word_list = std::vector<std::string>;
+
+// The session's own words.
+constexpr daemon_word own_words[] = {{"help", true, "this list", {}}, {"exit", true, "end the session", {}}};
+
+bool ends_session(const std::string& word) {
+    return word == "quit" || word == "exit";
+}
+
+class session {
+public:
+    session(const settings& chosen, bool at_terminal)
+        : chosen_(chosen),
+          terminal_(at_terminal),
+          runner_(chosen, {.at_terminal = at_terminal, .suspend = suspend_for(at_terminal)}) {}
+    int at_terminal();
+    int from_pipe();
+
+private:
+    std::function<void()> suspend_for(bool at_terminal);
+    bool run_line(const std::string& line);
+    bool run(const word_list& words);
+    void run_at_terminal(const word_list& words);
+    word_list candidates(const word_list& earlier) const;
+    void print_help() const;
+
+    const settings& chosen_;
+    const bool terminal_;
+    std::unique_ptr<line_editor> editor_;
+    command_runner runner_;
+    int exit_code_ = 0;
+};
+
+std::function<void()> session::suspend_for(bool at_terminal) {
+    if (!at_terminal) {
+        return nullptr;
+    }
+    return [this] {
+        if (editor_ != nullptr) {
+            editor_->suspend();
+        }
+    };
+}
+
+// Returns false when the session is over.
+bool session::run_line(const std::string& line) {
+    word_list words;
+    if (!split_words(line, words)) {
+        std::fputs("schedctl: a quote is not closed\n", stderr);
+        exit_code_ = exit_usage;
+        return true;
+    }
+    if (words.empty()) {
+        return true;
+    }
+    if (ends_session(words[0])) {
+        exit_code_ = 0;
+        return false;
+    }
+    if (words[0] == "help" || words[0] == "?") {
+        print_help();
+        exit_code_ = 0;
+        return true;
+    }
+    return run(words);
+}
+
+bool session::run(const word_list& words) {
+    if (terminal_) {
+        run_at_terminal(words);
+        return !runner_.signals().leaving();
+    }
+    exit_code_ = runner_.run(words);
+    // The next lines of a script would also fail, or run without the lock that it held.
+    const outcome how = runner_.last().how;
+    return how != outcome::closed && how != outcome::unsent && how != outcome::interrupted;
+}
+
+void session::run_at_terminal(const word_list& words) {
+    const std::size_t before = runner_.given_up_count();
+    // The scheduler answers in the order of the requests, so the answer given up earlier comes first.
+    if (before != 0) {
+        std::puts("(waiting for the answer given up earlier; Ctrl-C takes this command back)");
+    }
+    runner_.run(words);
+    if (runner_.given_up_count() > before) {
+        std::puts(before == 0 ? "(its answer, when it comes, will be dropped)" : "(it was not sent)");
+    }
+    if (const std::string note = runner_.take_note(); !note.empty()) {
+        std::printf("(%s)\n", note.c_str());
+    }
+}
+
+void session::print_help() const {
+    for (const auto& words : {daemon_words(), std::span<const daemon_word>(own_words)}) {
+        for (const daemon_word& known : words) {
+            std::printf("  %-10.*s%.*s\n", static_cast<int>(known.word.size()), known.word.data(),
+                        static_cast<int>(known.help.size()), known.help.data());
+        }
+    }
+    std::puts("All other words are modules; modcntl lists them. quit, exit and Ctrl-D end the session.");
+    std::fflush(stdout);
+}
+
+word_list session::candidates(const word_list& earlier) const {
+    word_list words = words_after(earlier, kept_modules(chosen_.hosts[0]));
+    for (const daemon_word& own : own_words) {
+        if (earlier.empty()) {
+            words.emplace_back(own.word);
+        }
+    }
+    return words;
+}
+
+int session::at_terminal() {
+    std::puts("(Tab completes, help lists the words, quit or Ctrl-D leaves)");
+    runner_.show_stored();
+    const host_name& host = chosen_.hosts[0];
+    const std::string place = host.name + ":" + std::to_string(host.port);
+    const std::string& user = chosen_.connect.user;
+    // Without a directory the history is not stored.
+    const std::string directory = private_directory();
+    editor_ =
+        std::make_unique<line_editor>((user.empty() ? place : user + "@" + place) + "> ",
+                                      directory.empty() ? "" : directory + "/history", runner_.signals());
+    editor_->candidates = [this](const word_list& earlier) { return candidates(earlier); };
+    // A late answer may come, or the scheduler may close the connection, while the operator types.
+    editor_->watched = [this] { return runner_.fd(); };
+    editor_->readable = [this] { return runner_.absorb(); };
+    std::string line;
+    for (bool going = true; going;) {
+        const line_editor::result got = editor_->read(line);
+        if (got == line_editor::result::line) {
+            going = run_line(line);
+        } else if (got == line_editor::result::end_of_input) {
+            std::puts("quit");
+            going = false;
+        }
+    }
+    editor_.reset();
+    return runner_.finish(0);
+}
+
+int session::from_pipe() {
+    // Standard output is no terminal here, so there is no prompt.
+    if (isatty(STDIN_FILENO) == 1) {
+        std::fputs("schedctl: reading commands from the terminal, one a line; Ctrl-D ends\n", stderr);
+    }
+    const auto read_line = [](std::string& line) {
+        const signals_through through;  // a signal ends the wait for the next line as usual
+        return static_cast<bool>(std::getline(std::cin, line));
+    };
+    bool going = true;
+    for (std::string line; going && read_line(line);) {
+        going = run_line(line);
+    }
+    return runner_.finish(exit_code_);
+}
+
+}  // namespace
+
+int run_session(const settings& chosen) {
+    const bool terminal = isatty(STDIN_FILENO) == 1 && isatty(STDOUT_FILENO) == 1;
+    session all(chosen, terminal);
+    return terminal ? all.at_terminal() : all.from_pipe();
+}
+
+}  // namespace client

@@ -1,0 +1,98 @@
+#include "term/text.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cwchar>
+#include <cwctype>
+#include <unistd.h>
+
+namespace client {
+
+namespace {
+
+// Special results of mbrtowc.
+constexpr std::size_t incomplete = static_cast<std::size_t>(-2);
+constexpr std::size_t invalid = static_cast<std::size_t>(-1);
+
+std::string escaped(std::string_view bytes) {
+    std::string out;
+    for (const char c : bytes) {
+        char code[8];
+        std::snprintf(code, sizeof code, "\\x%02x", static_cast<unsigned char>(c));
+        out += code;
+    }
+    return out;
+}
+
+}  // namespace
+
+std::string printable_text::clean(std::string_view bytes) {
+    const std::string text = pending_ + std::string(bytes);
+    pending_.clear();
+    std::string out;
+    for (std::size_t at = 0; at < text.size();) {
+        const char c = text[at];
+        if (c == '\n' || c == '\t' || c == '\r' || (c >= ' ' && c <= '~')) {
+            if (c != '\r') {
+                out += c;
+            }
+            ++at;
+            continue;
+        }
+        wchar_t wide = 0;
+        std::mbstate_t state{};
+        std::size_t length = std::mbrtowc(&wide, text.data() + at, text.size() - at, &state);
+        // The rest of the character comes with the next call.
+        if (length == incomplete) {
+            pending_ = text.substr(at);
+            break;
+        }
+        const bool shown =
+            length != invalid && length != 0 && std::iswprint(static_cast<std::wint_t>(wide)) != 0;
+        if (!shown && (length == invalid || length == 0)) {
+            length = 1;
+        }
+        out += shown ? text.substr(at, length) : escaped(std::string_view(text).substr(at, length));
+        at += length;
+    }
+    return out;
+}
+
+// A short write is not an error: the next call writes the rest.
+bool write_all(int fd, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t n = write(fd, bytes.data(), bytes.size());
+        if (n < 0 && errno != EINTR) {
+            return false;
+        }
+        bytes.remove_prefix(n > 0 ? static_cast<std::size_t>(n) : 0);
+    }
+    return true;
+}
+
+std::string fit(std::string_view text, std::size_t columns) {
+    std::string line = printable_text().clean(std::string(text) + '\n');
+    // The added line feed made clean() write an incomplete last character; it is not part of the line.
+    line.pop_back();
+    std::size_t used = 0;
+    std::size_t at = 0;
+    while (at < line.size()) {
+        if (line[at] == '\t' || line[at] == '\n') {
+            line[at] = ' ';
+        }
+        wchar_t wide = 0;
+        std::mbstate_t state{};
+        const std::size_t length = std::mbrtowc(&wide, line.data() + at, line.size() - at, &state);
+        // A character may take two columns of the terminal, or none.
+        const int width = wcwidth(wide);
+        used += width > 0 ? static_cast<std::size_t>(width) : 0;
+        if (used > columns) {
+            break;
+        }
+        at += length;
+    }
+    line.resize(at);
+    return line;
+}
+
+}  // namespace client

@@ -1,0 +1,74 @@
+#include "watch/events.h"
+
+#include <algorithm>
+#include <cctype>
+
+namespace client {
+
+namespace {
+
+using json = nlohmann::ordered_json;
+
+// Returns the code before the colon, such as "E0101"; empty when the text has none.
+std::string code_of(const std::string& text) {
+    constexpr std::size_t length = 5;
+    const auto is_digit = [](unsigned char c) { return std::isdigit(c) != 0; };
+    const bool has_code = text.size() > length && text[length] == ':' &&
+                          std::all_of(text.begin() + 1, text.begin() + length, is_digit);
+    return has_code ? text.substr(0, length) : "";
+}
+
+level level_of(const std::string& text) {
+    return text.starts_with('E') ? error_level : text.starts_with('W') ? warning_level : info_level;
+}
+
+const char* severity_of(level priority) {
+    return priority == error_level ? "error" : priority == warning_level ? "warning" : "info";
+}
+
+}  // namespace
+
+event connected_event() {
+    return {notice_level, now_date(), "connected", "connected", json::object()};
+}
+
+event failed_event(const command_result& why) {
+    const std::string reason = describe(why);
+    const bool is_silent = why.how == outcome::no_answer;  // then the connection is still there
+    return {error_level, now_date(), is_silent ? "no answer" : "disconnected: " + reason, "disconnected",
+            json{{"reason", reason}}};
+}
+
+event set_event(const condition& which) {
+    const level priority = !is_alarm(which)        ? info_level
+                           : which.name == "error" ? error_level
+                                                   : warning_level;
+    return {priority, which.since, "condition " + which.name + " set", "condition",
+            json{{"name", which.name}, {"set", true}}};
+}
+
+// The answer has no date for a condition that it no longer lists.
+event cleared_event(const condition& which) {
+    return {notice_level, now_date(), "condition " + which.name + " cleared", "condition",
+            json{{"name", which.name}, {"set", false}}};
+}
+
+event received_event(const received_message& what) {
+    const message& m = what.what;
+    if (what.lost != 0) {
+        return {warning_level, m.date, m.text, "lost", json{{"count", what.lost}}};
+    }
+    const level priority = level_of(m.text);
+    return {priority, m.date, "message " + m.text, "message",
+            json{{"code", code_of(m.text)}, {"severity", severity_of(priority)}, {"text", m.text}}};
+}
+
+std::string json_line(const event& what, const host_name& host, bool level_prefix) {
+    json value{{"time", what.date}, {"host", host.name}, {"port", host.port}, {"event", what.name}};
+    value.update(what.more);
+    // Messages may contain any bytes, and JSON must be UTF-8.
+    const std::string text = value.dump(-1, ' ', true, json::error_handler_t::replace) + "\n";
+    return level_prefix ? "<" + std::to_string(what.priority) + ">" + text : text;
+}
+
+}  // namespace client

@@ -1,0 +1,132 @@
+#include "watch/snapshot.h"
+
+#include "mail/replace_file.h"
+#include "mail/state_file.h"
+#include "mail/state_path.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <ctime>
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+// The library knows no optional values; one that is not known is null.
+template <>
+struct nlohmann::adl_serializer<std::optional<unsigned long>> {
+    static void to_json(json& value, const std::optional<unsigned long>& number) {
+        value = number ? json(*number) : json();
+    }
+    static void from_json(const json& value, std::optional<unsigned long>& number) {
+        number = value.is_null() ? std::nullopt : std::optional(value.get<unsigned long>());
+    }
+};
+
+namespace client {
+
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(condition, name, since)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(message, date, text)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(module_row, name, on)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(message_totals, error, warning, info, lost)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(snapshot, up, failure, problem, answered, answer_seconds, conditions,
+                                   messages, unkept, totals, operators, timer_jobs, uptime_minutes, modules)
+
+namespace {
+
+using nlohmann::json;
+
+// Where the Debian package's services keep their state.
+constexpr const char* service_directory = "/run/sched-watch/";
+constexpr const char* service_data = "/var/lib/sched";
+constexpr std::uint16_t service_port = 9980;
+
+// ASCII output and replaced bytes, because dump throws for text that is not UTF-8.
+std::string text_of(const json& value) {
+    return value.dump(-1, ' ', true, json::error_handler_t::replace) + "\n";
+}
+
+// Seconds since the start of the machine, also of those that it slept: steps of the wall clock do not move it.
+double boot_clock() {
+    timespec now{};
+    clock_gettime(CLOCK_BOOTTIME, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+// Differs after each start of the machine, when the clock above begins anew.
+std::string boot_id() {
+    std::string id = read_file("/proc/sys/kernel/random/boot_id").value_or("");
+    id.resize(id.find_last_not_of('\n') + 1);
+    return id;
+}
+
+// Reads a state file; nothing when it is missing, damaged or too old.
+std::optional<snapshot> fresh_state(const std::string& path) try {
+    const json value = json::parse(read_file(path).value_or(""));
+    const double age = boot_clock() - value.at("written").get<double>();
+    if (value.at("boot") != boot_id() || age < 0 || age > 2 * value.at("interval").get<double>()) {
+        return std::nullopt;
+    }
+    return value.get<snapshot>();
+} catch (const json::exception&) {
+    return std::nullopt;
+}
+
+}  // namespace
+
+void keep_newest(std::vector<message>& messages) {
+    if (messages.size() > messages_in_snapshot) {
+        messages.erase(messages.begin(), messages.end() - messages_in_snapshot);
+    }
+}
+
+// Not the steady clock: other processes compare these times with their own.
+double wall_clock() {
+    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
+std::string snapshot_text(const snapshot& known) {
+    return text_of(json(known));
+}
+
+std::optional<snapshot> read_snapshot(std::string_view text) try {
+    return json::parse(text).get<snapshot>();
+} catch (const json::exception&) {
+    return std::nullopt;
+}
+
+std::string state_file_to_write(const host_name& host) {
+    const char* runtime = std::getenv("RUNTIME_DIRECTORY");
+    const std::string directory = runtime != nullptr ? runtime : state_directory();
+    return directory.empty() ? "" : directory + "/" + key_of(host) + ".json";
+}
+
+// Not durable: after a crash of the machine the follower writes a new one.
+bool write_state_file(const std::string& path, const snapshot& known, double interval, std::string& problem) {
+    json value(known);
+    value["boot"] = boot_id();
+    value["written"] = boot_clock();
+    value["interval"] = interval;
+    return replace_file(path, text_of(value), 0644, false, problem);
+}
+
+std::optional<snapshot> followed_state(const host_name& host) {
+    const std::string name = std::string("/").append(key_of(host)).append(".json");
+    std::optional<snapshot> known = fresh_state(state_directory() + name);
+    return known ? known : fresh_state(service_directory + name);
+}
+
+std::optional<unsigned long> uptime_of(const host_name& host) {
+    // The uptime file is on the scheduler's host, and of several schedulers there only the service's is known.
+    if (!host.name.starts_with("127.") && host.name != "localhost") {
+        return std::nullopt;
+    }
+    const char* data = std::getenv("VGD_data");
+    if (data == nullptr && host.port != service_port) {
+        return std::nullopt;
+    }
+    // A file that is missing or damaged is no error; the uptime is then not known.
+    unsigned long minutes = 0;
+    std::ifstream file(std::string(data != nullptr ? data : service_data) + "/up_time");
+    return file >> minutes ? std::optional(minutes) : std::nullopt;
+}
+
+}  // namespace client

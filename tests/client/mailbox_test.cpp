@@ -1,0 +1,362 @@
+// The mailbox against a model of who holds which message, the end of an answer against a second parser, and the meaning
+// of its lines. rapidcheck prints the seed, and for a failure the smallest input.
+#include "mail/mailbox.h"
+
+#include "mail/state_path.h"
+#include "protocol/answer.h"
+#include "protocol/limits.h"
+#include "protocol/status.h"
+
+#include <gmock/gmock.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <rapidcheck.h>
+#include <regex>
+#include <sstream>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace client {
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::string_literals;
+using strings = std::vector<std::string>;
+
+const std::string hosts[] = {"127.0.0.1:9980", "db1:9981"};
+const std::string date = "2026-01-31T12:00:00+00:00;";
+
+strings texts(const std::vector<stored_message>& messages) {
+    strings result;
+    for (const stored_message& m : messages) result.push_back(m.text);
+    return result;
+}
+
+class Mailbox : public testing::Test {
+protected:
+    Mailbox() {
+        EXPECT_NE(mkdtemp(directory.data()), nullptr);
+        setenv("XDG_STATE_HOME", directory.c_str(), 1);
+        signal(SIGXFSZ, SIG_IGN);  // a write beyond the limit of limit_files() fails instead
+    }
+    ~Mailbox() override {
+        limit_files(RLIM_INFINITY);
+        fs::remove_all(directory);
+    }
+    static void limit_files(rlim_t bytes) {
+        rlimit limit{};
+        getrlimit(RLIMIT_FSIZE, &limit);
+        limit.rlim_cur = std::min(bytes, limit.rlim_max);
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    // What is on the disk can be changed in its place also when the disk is full.
+    std::uintmax_t largest_file() const {
+        std::uintmax_t size = 0;
+        if (!fs::exists(path(""))) return size;
+        for (const auto& entry : fs::recursive_directory_iterator(path("")))
+            if (entry.is_regular_file()) size = std::max(size, entry.file_size());
+        return size;
+    }
+    std::string path(const std::string& name) const { return directory + "/schedctl/" + name; }
+    static std::vector<std::uint64_t> store(mailbox& in, const std::string& key, const strings& lines) {
+        message_totals totals;
+        std::string problem;
+        const std::vector<std::uint64_t> ids = in.store(key, "127.0.0.1", lines, totals, problem);
+        EXPECT_EQ(ids.empty() && !lines.empty(), !problem.empty()) << problem;
+        return ids;
+    }
+    std::string directory = testing::TempDir() + "sched-mail-XXXXXX";
+};
+
+// A message of the model, and the window that holds it; -1: it waits in the box of its scheduler.
+struct Letter {
+    std::string key, text;
+    std::uint64_t id;
+    bool is_followers;
+    int holder;
+};
+
+// Windows that live beside each other; the last one is a follower. Messages are in the order of their arrival.
+struct Post {
+    std::unique_ptr<mailbox> windows[3];
+    std::vector<Letter> letters;
+    int sent = 0;
+
+    static bool follows(int window) { return window == 2; }
+    static mail_kind kind_of(int window) { return follows(window) ? mail_kind::followers : mail_kind::operators; }
+    strings waiting(const std::string& key, int window) const {
+        strings result;
+        for (const Letter& l : letters)
+            if (l.key == key && l.holder == -1 && (l.is_followers || !follows(window))) result.push_back(l.text);
+        return result;
+    }
+    mailbox& open(int window) {
+        if (!windows[window]) windows[window] = std::make_unique<mailbox>(kind_of(window), true);
+        return *windows[window];
+    }
+    strings next_lines(std::size_t count) {
+        strings lines;
+        for (std::size_t i = 0; i < count; ++i)
+            lines.push_back(date + "W0104:" + std::to_string(++sent) + std::string(i % 3 * 50, 'x'));
+        return lines;
+    }
+    void receive(mailbox& by, int window, int holder, const std::string& key, std::size_t count, bool full) {
+        const strings lines = next_lines(count);
+        message_totals totals;
+        std::string problem;
+        const auto ids = by.store(key, "", lines, totals, problem);
+        RC_ASSERT(ids.size() == count || (full && ids.empty() && !problem.empty()));
+        for (std::size_t i = 0; i < ids.size(); ++i)
+            letters.push_back({key, lines[i], ids[i], follows(window), holder});
+    }
+    // As `status` does: the waiting messages come first, and the first `count` of them can be shown.
+    void take(int window, const std::string& key, std::size_t count) {
+        mailbox reader(kind_of(window), true);
+        std::vector<stored_message> taken = reader.take(key);
+        RC_ASSERT(texts(taken) == waiting(key, window));
+        taken.resize(std::min(count, taken.size()));
+        std::vector<std::uint64_t> ids;
+        for (const stored_message& m : taken) {
+            ids.push_back(m.id);
+            std::erase_if(letters, [&](const Letter& l) { return l.text == m.text; });
+        }
+        reader.shown(key, ids);
+    }
+    void show(int window, const std::string& key, std::size_t count) {
+        std::vector<std::uint64_t> ids;
+        for (const Letter& l : letters)
+            if (l.holder == window && l.key == key && ids.size() < count) ids.push_back(l.id);
+        open(window).shown(key, ids);
+        std::erase_if(letters, [&](const Letter& l) {
+            return l.holder == window && l.key == key && std::count(ids.begin(), ids.end(), l.id) != 0;
+        });
+    }
+    void end(int window) {
+        windows[window].reset();
+        for (Letter& l : letters) l.holder = l.holder == window ? -1 : l.holder;
+    }
+    // Another process, which is killed behind its last message.
+    void be_killed(int window, const std::string& key, std::size_t count) {
+        const pid_t child = fork();
+        if (child == 0) {
+            mailbox own(kind_of(window), true);
+            receive(own, window, -1, key, count, false);
+            raise(SIGKILL);
+        }
+        waitpid(child, nullptr, 0);
+        for (const std::string& text : next_lines(count)) letters.push_back({key, text, 0, follows(window), -1});
+    }
+};
+
+using Step = std::tuple<std::string, int, int, std::size_t, unsigned>;
+
+TEST_F(Mailbox, EveryMessageIsHeldByOneUntilItIsShown) {
+    const auto steps = rc::gen::container<std::vector<Step>>(
+        rc::gen::tuple(rc::gen::element<std::string>("receive", "show", "end", "take", "receive", "full disk",
+                                                     "end on a full disk", "kill"),
+                       rc::gen::inRange(0, 3), rc::gen::inRange(0, 2), rc::gen::inRange<std::size_t>(0, 8),
+                       rc::gen::inRange(0U, 300U)));
+    const bool holds = rc::check("every message is held by one until it is shown", [&] {
+        fs::remove_all(path(""));
+        Post post;
+        for (const auto& [act, window, host, count, room] : *steps) {
+            const std::string& key = hosts[host];
+            if (act == "receive") post.receive(post.open(window), window, window, key, count, false);
+            if (act.ends_with("full disk")) limit_files(largest_file() + room);
+            if (act == "full disk") post.receive(post.open(window), window, window, key, count, true);
+            if (act == "show") post.show(window, key, count);
+            if (act.starts_with("end")) post.end(window);
+            limit_files(RLIM_INFINITY);
+            if (act == "kill") post.be_killed(window, key, count);
+            if (act == "take") post.take(window, key, count);
+            RC_ASSERT(texts(mailbox(Post::kind_of(window), true).look(key)) == post.waiting(key, window));
+        }
+        for (const int window : {0, 1, 2}) post.end(window);
+        for (const std::string& key : hosts) post.take(0, key, post.letters.size());
+        RC_ASSERT(post.letters.empty());
+        for (const auto& entry : fs::recursive_directory_iterator(path("")))
+            RC_ASSERT(entry.is_directory() || (entry.path().extension() == ".box" && entry.file_size() < 150));
+    });
+    EXPECT_TRUE(holds);
+}
+
+TEST_F(Mailbox, NewestThousandStayAndTheOthersAreCounted) {
+    const auto lines = [](int from, int to) {
+        strings result;
+        for (int i = from; i < to; ++i) result.push_back(date + "W0104:" + std::to_string(i));
+        return result;
+    };
+    {
+        mailbox window(mail_kind::operators, true);
+        for (int i = 0; i < 1300; i += 100) store(window, hosts[0], lines(i, i + 100));
+        EXPECT_LE(window.waiting(hosts[0]), max_messages);
+    }
+    mailbox(mail_kind::operators, true).look(hosts[0]);
+    {
+        mailbox window(mail_kind::operators, true);
+        store(window, hosts[0], lines(1300, 1700));
+        store(window, hosts[1], lines(0, 1));
+    }
+    mailbox reader(mail_kind::operators, true);
+    strings kept = texts(reader.take(hosts[0]));
+    EXPECT_LE(kept.size(), max_messages);
+    EXPECT_EQ(reader.look(hosts[1]).size(), 1U);
+    unsigned long lost = 0;
+    for (const std::string& line : kept) lost += parse_status(line).lost;
+    std::erase_if(kept, [](const std::string& line) { return parse_status(line).lost != 0; });
+    EXPECT_GE(kept.size(), max_messages - 10);
+    EXPECT_EQ(kept, lines(1700 - static_cast<int>(kept.size()), 1700));
+    EXPECT_EQ(lost, 1700 - kept.size());
+    EXPECT_EQ(counters_of(hosts[0]).totals.lost, lost);
+    EXPECT_EQ(counters_of(hosts[0]).totals.warning, 1700U);
+}
+
+TEST_F(Mailbox, WhatAnotherProcessHoldsStaysWithIt) {
+    store(*std::make_unique<mailbox>(mail_kind::operators, true), hosts[0], {date + "E0101:fan 3"});
+    mailbox holder(mail_kind::operators, true);
+    const auto held = holder.take(hosts[0]);
+    ASSERT_EQ(held.size(), 1U);
+    mailbox other(mail_kind::operators, true);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(other.take(hosts[0]).empty());
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 3 * lock_timeout);
+    EXPECT_THAT(other.notice(hosts[0], "127.0.0.1"), testing::HasSubstr("held by"));
+    store(*std::make_unique<mailbox>(mail_kind::operators, true), hosts[0], {date + "E0101:fan 4"});
+    holder.shown(hosts[0], {held[0].id});
+    EXPECT_EQ(texts(other.take(hosts[0])), strings{date + "E0101:fan 4"});
+}
+
+TEST_F(Mailbox, FullDiskIsReportedBeforeAnythingIsReceived) {
+    mailbox box(mail_kind::operators, true);
+    limit_files(room_per_answer * 2);
+    EXPECT_EQ(box.reserve(1), std::nullopt);
+    EXPECT_EQ(store(box, hosts[0], strings(127, date + std::string(1023, 'x'))).size(), 127U);
+    const std::optional<std::string> problem = box.reserve(3);
+    EXPECT_THAT(problem.value_or(""), testing::HasSubstr("too large"));
+    EXPECT_EQ(box.waiting(hosts[0]), 127U);
+    EXPECT_EQ(box.reserve(1), std::nullopt);
+}
+
+// Files that the mailbox has not written, under names that it uses, and lines in its own files.
+TEST_F(Mailbox, WhatIsNoMailIsLeftAndReported) {
+    store(*std::make_unique<mailbox>(mail_kind::operators, true), hosts[0], {date + "E0101:fan 3"});
+    const std::string box = path("mail/" + hosts[0] + ".1.box");
+    const std::string garbage = "no record\n+\xff\n+0000000000000000000";
+    std::ofstream(box, std::ios::binary | std::ios::app) << garbage;
+    std::ofstream(directory + "/letter") << *read_file(box);
+    mkfifo(path("mail/" + hosts[1] + ".1.box").c_str(), 0600);
+    fs::create_symlink(directory + "/letter", path("mail/" + hosts[1] + ".2.box"));
+    fs::create_directory(path("mail/" + hosts[1] + ".3.box"));
+    std::ofstream(path("mail/" + hosts[1] + ".4.box")) << "the file of another program\n";
+    std::string notice;
+    {
+        mailbox reader(mail_kind::operators, true);
+        const auto taken = reader.take(hosts[0]);
+        EXPECT_EQ(texts(taken), strings{date + "E0101:fan 3"});
+        EXPECT_TRUE(reader.take(hosts[1]).empty());
+        EXPECT_EQ(store(reader, hosts[0], {date + "E0101:fan 5"}).size(), 1U);
+        EXPECT_EQ(store(reader, hosts[1], {date + "E0101:fan 4"}).size(), 1U);
+        notice = reader.notice(hosts[0], "127.0.0.1");
+        reader.shown(hosts[0], {taken.empty() ? 0 : taken[0].id});
+    }
+    for (const char* name :
+         {"127.0.0.1:9980.1.box", "db1:9981.1.box", "db1:9981.2.box", "db1:9981.3.box", "db1:9981.4.box"})
+        EXPECT_THAT(notice, testing::HasSubstr(name));
+    EXPECT_THAT(*read_file(box), testing::HasSubstr(garbage));
+    EXPECT_EQ(*read_file(path("mail/" + hosts[1] + ".4.box")), "the file of another program\n");
+    EXPECT_EQ(texts(mailbox(mail_kind::operators, true).take(hosts[0])), strings{date + "E0101:fan 5"});
+    EXPECT_EQ(texts(mailbox(mail_kind::operators, true).take(hosts[1])), strings{date + "E0101:fan 4"});
+}
+
+// ---- the end of an answer --------------------------------------------------------------------------------------
+
+// The answers of modules and of the scheduler, cut at any place, against a reader of whole lines.
+struct Reading {
+    std::string text;
+    std::string end;  // the terminating line
+    std::size_t used = 0;
+};
+
+Reading read_whole(const std::string& bytes) {
+    static const std::regex challenge(R"(__unauth__ [^\s\x00]{1,127} [^\s\x00]{1,127}\r\n)");
+    Reading result;
+    for (std::size_t at = 0, end = 0; (end = bytes.find('\n', at)) != std::string::npos; at = end + 1) {
+        const std::string line = bytes.substr(at, end + 1 - at);
+        const auto is = [&line](std::initializer_list<const char*> words) {
+            return std::any_of(words.begin(), words.end(), [&](const char* w) { return line == w + "\r\n"s; });
+        };
+        if (is({"__over__ 0 0", "__over__ 255 0", "__over__ 0 134", "__timeout__"}) ||
+            (at == 0 && (is({"__busy__", "__unsupported__"}) || std::regex_match(line, challenge)))) {
+            result.end = line;
+            result.used = end + 1;
+            break;
+        }
+        result.text += line.ends_with("\r\n") ? line.substr(0, line.size() - 2) + "\n" : line;
+    }
+    return result;
+}
+
+TEST(Answer, EndsAtItsTerminatingLineWhereverItIsCut) {
+    const auto pieces = rc::gen::container<strings>(rc::gen::element(
+        "a"s, "\r\n"s, "\n"s, "\r"s, "__over__ 0 0"s, "__over__ 255 0"s, "__over__ 0 134"s, "__over__ "s,
+        "__over__ 01 2"s, "__over__ 1 2 3"s, "__timeout__"s, " x"s, "__busy__"s, "__unsupported__"s, "__unauth__ a b"s,
+        "__unauth__ a"s, "Good-bye."s, "\0\x01\xff"s, std::string(300, 'y')));
+    const bool holds = rc::check("an answer ends at its terminating line, wherever it is cut", [&] {
+        std::string bytes;
+        for (const std::string& piece : *pieces) bytes += piece;
+        bytes += "\r\n__over__ 0 0\r\nnext";
+        const Reading wanted = read_whole(bytes);
+        answer_parser parser;
+        std::string text;
+        std::size_t used = 0;
+        while (used < bytes.size() && !parser.done()) {
+            const std::size_t size = *rc::gen::inRange<std::size_t>(1, 20);
+            used += parser.feed(std::string_view(bytes).substr(used, size), text);
+        }
+        RC_ASSERT(parser.done());
+        RC_ASSERT(text == wanted.text);
+        RC_ASSERT(used == wanted.used);
+        RC_ASSERT((parser.end().how == outcome::over) == wanted.end.starts_with("__over__"));
+        RC_ASSERT(parser.end().signal == (wanted.end.ends_with(" 134\r\n") ? 6 : 0));
+        RC_ASSERT(parser.end().code == (wanted.end.starts_with("__over__ 255") ? 255 : 0));
+    });
+    EXPECT_TRUE(holds);
+}
+
+// Lines of all forms in any order: what was made of known parts has exactly these parts.
+TEST(Status, ReportHasEveryLineAndAgainGivesThem) {
+    const auto texts = rc::gen::container<strings>(rc::gen::element(
+        "E0101:fan 3"s, "conf  2026-01-31T12:00:00+00:00"s, "W0100: message queue overflow, 3 messages were lost."s,
+        "I0199:2026-01-31T12:00:00+00:00;x"s, ""s, "a;b"s));
+    const bool holds = rc::check("a report has every line", [&] {
+        std::string answer = "confdate  2026-01-31T12:00:00+00:00\n";
+        unsigned long lost = 0;
+        const strings messages = *texts;
+        for (const std::string& text : messages) {
+            const unsigned long more = *rc::gen::inRange(0UL, 3UL);
+            answer += date + text + "\n" + (more != 0 ? "no form\n" : "");
+            if (more != 0)
+                answer += "W0100: message queue overflow, " + std::to_string(more) + " messages were lost.\n";
+            lost += more;
+        }
+        const status_report report = parse_status(answer);
+        RC_ASSERT(report.lost == lost);
+        RC_ASSERT(report.conditions.size() == 1U);
+        RC_ASSERT(report.conditions[0].since + ";" == date);
+        RC_ASSERT(report.messages.size() == messages.size());
+        for (std::size_t i = 0; i < messages.size(); ++i) RC_ASSERT(report.messages[i].text == messages[i]);
+    });
+    EXPECT_TRUE(holds);
+}
+
+}  // namespace
+
+}  // namespace client

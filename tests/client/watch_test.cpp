@@ -1,0 +1,460 @@
+// `watch` and `follow`: what they show of each change, and that no message is lost when they end.
+#include "agent/status_answer.h"
+#include "e2e/harness.h"
+#include "terminal.h"
+#include "watch/changes.h"
+#include "watch/events.h"
+#include "watch/snapshot.h"
+
+#include <gmock/gmock.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+using namespace e2e;
+using nlohmann::json;
+
+namespace {
+
+const std::string then = "2026-11-25T10:00:00+00:00";
+const std::string later = "2026-11-25T10:00:02+00:00";
+
+int occurrences(const std::string& text, const std::string& part) {
+    int count = 0;
+    for (std::size_t at = 0; (at = text.find(part, at)) != std::string::npos; ++at) { ++count; }
+    return count;
+}
+
+TEST(WatchChanges, AnAnswerTellsWhatWasSetAgainWhatEndedAndWhatBrokeOff) {
+    const std::vector<client::condition> before = {{"conf", then}, {"error", then}, {"prevent", then}};
+    client::status_answer answer;
+    answer.lines = {{7, then + ";E0101:conf " + later}, {8, "W0100: message queue overflow, 3 messages were lost."}};
+    for (const auto& [name, date] : {std::pair("conf", then), {"error", later}}) {
+        answer.lines.push_back({0, name + (" " + date)});
+    }
+    for (const bool complete : {true, false}) {
+        SCOPED_TRACE(complete);
+        answer.complete = complete;
+        const client::status_update update = client::update_of(before, answer);
+        ASSERT_EQ(update.messages.size(), 2U);
+        EXPECT_EQ(update.messages[0].what.text, "E0101:conf " + later);
+        EXPECT_EQ(update.messages[0].id, 7U);
+        EXPECT_EQ(update.messages[1].lost, 3U);
+        EXPECT_EQ(update.messages[1].id, 8U);
+        EXPECT_EQ(update.conditions.size(), complete ? 2U : 3U);
+        ASSERT_EQ(update.changes.set.size(), complete ? 1U : 0U);
+        ASSERT_EQ(update.changes.cleared.size(), complete ? 1U : 0U);
+        if (complete) {
+            EXPECT_EQ(update.changes.set[0], (client::condition{"error", later}));
+            EXPECT_EQ(update.changes.cleared[0].name, "prevent");
+        }
+    }
+}
+
+TEST(WatchEvents, LinesHaveTheirPriorityAndMembers) {
+    using namespace client;
+    const host_name host{"DB1", "db1", 9981, ""};
+    const struct {
+        event what;
+        const char* start;
+        const char* members;
+        const char* text;
+    } cases[] = {
+        {connected_event(), "<5>", R"("event":"connected"})", "connected"},
+        {failed_event({outcome::closed, "why"}), "<3>", R"("reason":"no connection: why"})",
+         "disconnected: no connection: why"},
+        {failed_event(outcome::no_answer), "<3>", R"("event":"disconnected","reason":"no answer in time"})",
+         "no answer"},
+        {set_event({"error", then}), "<3>", R"("name":"error","set":true})", "condition error set"},
+        {set_event({"conf", then}), "<4>", R"("name":"conf","set":true})", "condition conf set"},
+        {set_event({"patrol", then}), "<6>", R"("name":"patrol","set":true})", "condition patrol set"},
+        {cleared_event({"error", then}), "<5>", R"("name":"error","set":false})", "condition error cleared"},
+        {received_event({1, {then, "E0101:a \"\xff"}}), "<3>",
+         R"("code":"E0101","severity":"error","text":"E0101:a \"\ufffd"})", "message E0101:a \"\xff"},
+        {received_event({1, {then, "W12:a"}}), "<4>", R"("code":"","severity":"warning","text":"W12:a"})",
+         "message W12:a"},
+        {received_event({1, {then, "I0110:a"}}), "<6>", R"("code":"I0110","severity":"info")", "message I0110:a"},
+        {received_event({1, {then, "3 messages were lost"}, 3}), "<4>", R"("event":"lost","count":3})",
+         "3 messages were lost"},
+    };
+    for (const auto& c : cases) {
+        const std::string line = json_line(c.what, host, true);
+        EXPECT_THAT(line, testing::AllOf(StartsWith(c.start), HasSubstr(c.members))) << c.text;
+        EXPECT_THAT(line, HasSubstr(R"("host":"db1","port":9981,)"));
+        EXPECT_EQ(c.what.text, c.text);
+        EXPECT_EQ("<" + std::to_string(c.what.priority) + ">" + json_line(c.what, host, false), line);
+    }
+}
+
+TEST(WatchStateFile, IsBelievedForTwiceItsIntervalAndUntilTheMachineRestarts) {
+    Suite scratch;
+    setenv("XDG_STATE_HOME", scratch.path("state").c_str(), 1);
+    const client::host_name host{"db1", "db1", 9980, ""};
+    const std::string path = client::state_file_to_write(host);
+    std::string problem;
+    client::snapshot state;
+    state.up = true;
+    state.timer_jobs = 3;
+    state.messages = {{then, "E0101:fan"}};
+    ASSERT_TRUE(client::write_state_file(path, state, 600, problem)) << problem;
+    const std::string name = "state/schedctl/" + std::filesystem::path(path).filename().string();
+    const json written = json::parse(scratch.read(name));
+    const std::optional<client::snapshot> read = client::followed_state(host);
+    ASSERT_TRUE(read.has_value());
+    EXPECT_TRUE(read->up && read->timer_jobs == 3U && !read->operators && read->messages[0].text == "E0101:fan");
+    const double now = written["written"];
+    const struct {
+        const char* name;
+        json change;
+        bool believed;
+    } cases[] = {
+        {"within two intervals", {{"written", now - 1100}}, true},
+        {"after two intervals", {{"written", now - 1201}}, false},
+        {"of a clock that began anew", {{"written", now + 100}}, false},
+        {"of another start of the machine", {{"boot", "5c2d"}}, false},
+        {"of an older version", {{"boot", nullptr}}, false},
+        {"without a part", {{"totals", nullptr}}, false},
+    };
+    for (const auto& c : cases) {
+        json changed = written;
+        changed.update(c.change);
+        scratch.write(name, changed.dump());
+        EXPECT_EQ(client::followed_state(host).has_value(), c.believed) << c.name;
+    }
+    scratch.write(name, written.dump().substr(1));
+    EXPECT_FALSE(client::followed_state(host).has_value());
+    unsetenv("XDG_STATE_HOME");
+}
+
+class E2eWatch : public testing::Test {
+protected:
+    std::string environment() const {
+        return "export VGD_data=" + suite.path("data") + " XDG_STATE_HOME=" + suite.path("state") +
+               " SCHED_PORT=" + std::to_string(suite.port) + "; ";
+    }
+
+    std::string ctl(const std::string& arguments) const {
+        return shell(environment() + "{ timeout " + std::to_string(patience / 1s) + " " SCHEDCTL_BINARY " " +
+                     arguments + "; } 2>&1 </dev/null");
+    }
+
+    // Returns when the scheduler has queued it for its connections.
+    void raise(const std::string& text, const Suite* of = nullptr) const {
+        const Suite& at = of != nullptr ? *of : suite;
+        const std::size_t before = at.events().size();
+        at.event(text + "\n");
+        at.await_events(before + 1);
+    }
+
+    // Starts it with the files pid, reader (its pid), lines, code, and ended when both processes have ended.
+    void run(const std::string& arguments) const {
+        shell(environment() + "cd " + suite.path("") +
+              "; rm -f ended pid lines; { { sh -c 'echo $$ >pid; exec " SCHEDCTL_BINARY " " + arguments +
+              "'; echo $? >code; } 2>errors | sh -c 'echo $$ >reader; exec cat >lines'; "
+              "echo >ended; } >/dev/null 2>&1 &");
+        ASSERT_TRUE(wait_until([&] { return !suite.read("pid").empty() && !suite.read("reader").empty(); }));
+    }
+
+    int shown(const std::string& part, int port = 0) const {
+        int count = 0;
+        std::istringstream lines(suite.read("lines"));
+        for (std::string line; std::getline(lines, line);) {
+            const bool is_of = port == 0 || line.find("\"port\":" + std::to_string(port)) != std::string::npos;
+            count += is_of ? occurrences(line, part) : 0;
+        }
+        return count;
+    }
+
+    void await(const std::string& part, int count = 1, int port = 0) const {
+        ASSERT_TRUE(wait_until([&] { return shown(part, port) == count; }))
+            << count << " times \"" << part << "\" is not in:\n"
+            << suite.read("lines") << suite.read("errors");
+    }
+
+    void end(const std::string& which, const std::string& signal = "TERM") const {
+        shell("kill -" + signal + " " + suite.read(which));
+        ASSERT_TRUE(wait_until([&] { return !suite.read("ended").empty(); }));
+    }
+
+    std::string state_file() const {
+        return suite.read("state/schedctl/127.0.0.1:" + std::to_string(suite.port) + ".json");
+    }
+
+    Suite suite;
+};
+
+// Of one scheduler, and of two by one process.
+class E2eFollower : public E2eWatch, public testing::WithParamInterface<bool> {};
+
+INSTANTIATE_TEST_SUITE_P(Hosts, E2eFollower, testing::Bool(),
+                         [](const auto& hosts) { return hosts.param ? "Several" : "One"; });
+
+TEST_P(E2eFollower, WritesEachChangeAndServesTheChecks) {
+    Suite second;
+    second.start();
+    run((GetParam() ? "-H 127.0.0.1,127.0.0.1:" + std::to_string(second.port) : "") + " -t 1 follow -n 1");
+    for (int i = 1; i <= 2; ++i) {  // it may be started before the scheduler, and sees it come and go
+        SCOPED_TRACE(i);
+        const std::string number = std::to_string(i);
+        await("\"disconnected\"", 2 * i - 1, suite.port);
+        suite.start();
+        await("\"connected\"", 2 * i - 1, suite.port);
+        raise("E0101:fan " + number);
+        await("\"text\":\"E0101:fan " + number, 1, suite.port);
+        await("\"name\":\"error\",\"set\":true}", i, suite.port);
+        EXPECT_THAT(ctl("check"), testing::AllOf(HasSubstr("CRITICAL"), HasSubstr("E0101:fan " + number)));
+        EXPECT_THAT(ctl("metrics"), HasSubstr("sched_messages_total{severity=\"error\"} " + number + "\n"));
+        const int before = occurrences(suite.trace(), ") is coming");
+        const pid_t stalled = suite.scheduler();
+        kill(stalled, SIGSTOP);  // its connection is kept, and what comes late is written
+        await("no answer in time", i, suite.port);
+        suite.event("W0104:late " + number + "\n");
+        raise("W0104:second " + number, &second);
+        await("W0104:second " + number, GetParam() ? 1 : 0, second.port);
+        EXPECT_THAT(ctl("check"), HasSubstr("no answer in time"));
+        kill(stalled, SIGCONT);
+        await("W0104:late " + number, 1, suite.port);
+        await("\"connected\"", 2 * i, suite.port);
+        EXPECT_EQ(occurrences(suite.trace(), ") is coming"), before);
+        suite.client().ask("parts\tclear");
+        await("\"name\":\"error\",\"set\":false}", i, suite.port);
+        suite.stop();
+    }
+    await("\"disconnected\"", 5, suite.port);
+    EXPECT_THAT(ctl("check"), HasSubstr("CRITICAL - no connection"));
+    end("pid");
+    EXPECT_EQ(suite.read("code"), "0\n");
+    EXPECT_EQ(shown("\"connected\"", second.port), GetParam() ? 1 : 0);
+    EXPECT_EQ(state_file(), "");
+}
+
+TEST_F(E2eWatch, UnansweredOrRefusedFirstQuestionEndsOnlyWatchOfOneHost) {
+    const std::string nobody = "127.0.0.1:" + std::to_string(free_port());
+    EXPECT_THAT(ctl("-H " + nobody + " watch; echo $?"),
+                EndsWith(nobody + ": no connection: Connection refused\n205\n"));
+    shell("printf 'geheim\\n' | " SCHEDPASSWD_BINARY " --stdin " + suite.path("data/password"));
+    suite.start();
+    for (const char* command : {"follow", "watch"}) {  // from this address a login is required
+        EXPECT_THAT(ctl("-b 127.0.0.2 "s + command + "; echo $?"), EndsWith("\n204\n"));
+    }
+    run("-b 127.0.0.2 -H 127.0.0.1," + nobody + " watch -n 1");
+    await(nobody + ": 20");
+    await("disconnected: login refused");
+    end("pid");
+    EXPECT_EQ(suite.read("code"), "0\n");
+}
+
+// A message is shown once: by the process that ends, by the one after it, or by an operator's command.
+TEST_F(E2eWatch, EndLosesNoMessage) {
+    suite.start();
+    const std::string several = "-H 127.0.0.1,127.0.0.1:1 ";
+    const struct {
+        std::string arguments;
+        std::string ends;  // the process that gets the signal
+        const char* signal = "TERM";
+        std::string after = "status";
+    } cases[] = {
+        {"watch", "pid"},          {several + "watch", "pid"}, {"follow", "pid"},
+        {"follow", "reader"},      {"watch", "reader"},        {several + "follow", "pid"},
+        {"follow", "pid", "KILL"}, {"watch", "pid", "KILL"},   {"follow", "reader", "TERM", "follow -n 60"},
+    };
+    int number = 0;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.arguments + " ends by SIG" + c.signal + " to " + c.ends);
+        run(c.arguments + " -n 60");
+        await("confdate");
+        std::string texts[2];
+        for (std::string& text : texts) {  // they wait at the scheduler for the last answer
+            text = "E0101:number " + std::to_string(++number) + ".";
+            raise(text);
+        }
+        end(c.ends, c.signal);
+        std::string all = suite.read("lines");
+        for (const std::string& text : texts) {
+            EXPECT_TRUE(wait_until([&] {
+                if (all.find(text) == std::string::npos) {
+                    all += shell(environment() + "timeout -s INT 2 " SCHEDCTL_BINARY " " + c.after);
+                }
+                return all.find(text) != std::string::npos;
+            }));
+        }
+        all += ctl("status");
+        for (const std::string& text : texts) { EXPECT_EQ(occurrences(all, text), 1) << all; }
+    }
+}
+
+TEST_F(E2eWatch, StoredMessagesAreShownToTheirReadersOnly) {
+    suite.start();
+    for (int i = 1; i <= 2; ++i) {
+        const std::string text = "E0101:of a check " + std::to_string(i);
+        raise(text);
+        ctl("check");
+        run("follow -n 60");
+        await("\"connected\"");
+        end("pid");
+        EXPECT_EQ(shown(text), 0);
+        run("watch -n 60");
+        await("message " + text);
+        await("condition error set");
+        end("pid");
+        EXPECT_THAT(ctl("status"), Not(HasSubstr(text)));
+    }
+}
+
+class E2eWatchTerminal : public testing::Test {
+protected:
+    void SetUp() override {
+        setenv("TZ", "XST4:30", 1);  // west of UTC: a wrong sign of the zone shows as hours
+        suite.write("config/timer_jobs", "0 3 1 1 * patrol\tstatus\n");
+        suite.start();
+    }
+
+    std::string status() const {
+        return shell("XDG_STATE_HOME=" + suite.path("state") + " " SCHEDCTL_BINARY " -p " + std::to_string(suite.port) +
+                     " status 2>&1");
+    }
+
+    Suite suite;
+};
+
+TEST_F(E2eWatchTerminal, ShowsChangesReconnectsAndRestoresTheTerminal) {
+    Terminal screen(suite, {SCHEDCTL_BINARY, "watch", "-n", "1"});
+    screen.expect("confdate ");
+    EXPECT_THAT(screen.expect("\npatrol "), Not(HasSubstr("\x1b[33m")));  // it is no alarm
+    suite.event("E0101:fan \x1b[31m 3 stopped\n");
+    screen.expect("\x1b[1;31merror ");
+    screen.expect("-04:30  ");
+    EXPECT_LE(screen.expect("s").size(), 3U);  // its age, in seconds
+    screen.expect("E0101:fan \\x1b[31m 3");
+    screen.resize(6, 70);
+    suite.event("E0103:a\nE0104:b\nE0107:c\n");
+    screen.expect("prevent, diag, conf");
+    screen.expect("Messages: 4");
+    screen.expect("E0107:c");
+    screen.resize(9, 30);
+    screen.expect("  Ctr\x1b");  // the heading, cut at the new width
+    for (int i = 0; i < 2; ++i) {
+        suite.stop();
+        screen.expect("no connection");
+        suite.start();
+        while (screen.expect("Messages: 4").find("no connection") != std::string::npos) continue;
+    }
+    screen.press("typed\x1a");  // not shown; Ctrl-Z restores the terminal, and the job goes on here
+    EXPECT_EQ(screen.expect("\x1b[?1049l").find("typed"), std::string::npos);
+    screen.expect("\x1b[?1049h");
+    screen.press("q");
+    std::string rest;
+    EXPECT_EQ(screen.wait_exit(&rest), 0);
+    EXPECT_TRUE(screen.echoes());
+    EXPECT_TRUE(in_order(rest, {"\x1b[?1049l", "E0101:fan \\x1b[31m 3 stopped\r\n", "E0103:a\r\n", "E0107:c\r\n"}));
+    EXPECT_THAT(status(), Not(HasSubstr("E01")));
+}
+
+// Only one message has room, and what was not drawn is not shown.
+TEST_F(E2eWatchTerminal, MessagesThatWereNeverDrawnStayUntilTheEndOfTheView) {
+    for (const bool killed : {true, false}) {
+        SCOPED_TRACE(killed);
+        Terminal screen(suite, {SCHEDCTL_BINARY, "watch", "-n", "1"});
+        screen.expect("Messages: 0");
+        screen.resize(killed ? 5 : 6, 70);
+        screen.get_signal(SIGSTOP);  // so one answer brings them all
+        const std::size_t events = suite.events().size();
+        suite.event("W0104:a\nW0104:b\nW0104:c\nW0104:d\n");
+        suite.await_events(events + 4);
+        screen.get_signal(SIGCONT);
+        screen.expect("Messages: 4");
+        screen.expect("W0104:d");
+        std::string rest;
+        if (killed) {
+            screen.get_signal(SIGKILL);
+            EXPECT_EQ(screen.wait_exit(), 128 + SIGKILL);
+            EXPECT_TRUE(wait_until([&] { return (rest += status()).find("W0104:a") != std::string::npos; }));
+            EXPECT_EQ(rest.find("W0104:d"), std::string::npos) << rest;
+        } else {
+            screen.press("\x03");
+            EXPECT_EQ(screen.wait_exit(&rest), 0);
+            EXPECT_TRUE(in_order(rest, {"W0104:a\r\n", "W0104:d\r\n"}));
+            EXPECT_THAT(status(), Not(HasSubstr("W0104:")));
+        }
+    }
+}
+
+TEST_F(E2eWatchTerminal, WithoutAScreenEachChangeIsALine) {
+    Terminal plain(suite, {SCHEDCTL_BINARY, "-t", "2", "watch", "-n", "1"}, "dumb");
+    plain.expect("condition confdate set\r\n");
+    for (int i = 0; i < 2; ++i) {
+        suite.event("E0102:one\n");
+        std::string shown = plain.expect("message E0102:one\r\n");
+        EXPECT_NE(shown.find("condition error set"), std::string::npos);
+        suite.client().ask("parts\tclear");
+        shown = plain.expect("condition error cleared\r\n");
+        EXPECT_EQ(shown.find("confdate"), std::string::npos);  // only changes are shown
+        const pid_t frozen = suite.scheduler();
+        kill(frozen, SIGSTOP);
+        shown = plain.expect(" no answer\r\n");
+        suite.event("W0104:queued\n");
+        kill(frozen, SIGCONT);
+        shown += plain.expect("message W0104:queued\r\n");
+        EXPECT_TRUE(in_order(shown, {" no answer\r\n", " connected\r\n"}));
+        EXPECT_EQ(shown.find("disconnected"), std::string::npos);
+        suite.stop();
+        plain.expect("disconnected: ");
+        suite.start();
+        plain.expect(" connected\r\n");
+    }
+    plain.type("\x03");
+    EXPECT_EQ(plain.wait_exit(), 0);
+}
+
+TEST_F(E2eWatchTerminal, OfSeveralHostsCountsSortsAndFilters) {
+    Suite second;
+    second.start();
+    const std::string a = "127.0.0.1:" + std::to_string(suite.port);
+    const std::string b = "127.0.0.1:" + std::to_string(second.port);
+    Terminal screen(suite, {SCHEDCTL_BINARY, "-t", "2", "-H", a + "," + b, "watch", "-n", "1"});
+    screen.resize(12, 100);
+    screen.expect("2 hosts, 2 ok");
+    screen.expect(a + "  ok, patrol ");
+    second.event("E0101:fan \x1b[31m 3 stopped\n");
+    EXPECT_TRUE(in_order(screen.expect("E0101:fan \\x1b[31m"), {"2 hosts, 1 error, 1 ok", b + "  error "}));
+    for (int i = 0; i < 2; ++i) {
+        kill(suite.scheduler(), SIGSTOP);
+        screen.expect("2 hosts, 1 no answer, 1 error");
+        EXPECT_TRUE(in_order(screen.expect(b + "  error "), {a + "  no answer ", ", since 20"}));
+        kill(suite.scheduler(), SIGCONT);
+        screen.expect("2 hosts, 1 error, 1 ok");
+        suite.stop();
+        screen.expect("2 hosts, 1 down, 1 error");
+        EXPECT_TRUE(in_order(screen.expect(b + "  error "), {a + "  down ", ", since 20", ": "}));
+        suite.start();
+        while (screen.expect("2 hosts, 1 ").find("down") != std::string::npos) continue;
+    }
+    screen.press("/FAN");
+    screen.expect("/FAN_  1 shown");
+    screen.press("\x7f\x7f\x7f" + a + "\n");
+    screen.expect("/" + a + "  1 shown");
+    screen.resize(2, 20);  // the heading and the first host, the others a line further down
+    screen.press("\x1b");
+    screen.expect(b.substr(0, 20));
+    screen.press("\x1b[B\x1b[B");
+    screen.expect(a.substr(0, 20));
+    screen.press("\x1b[A");
+    screen.expect(b.substr(0, 20));
+    screen.press("q");
+    std::string rest;
+    EXPECT_EQ(screen.wait_exit(&rest), 0);
+    EXPECT_TRUE(in_order(rest, {"\x1b[?1049l", b + ": 20", " E0101:fan \\x1b[31m 3 stopped\r\n"}));
+
+    Terminal plain(suite, {SCHEDCTL_BINARY, "-H", a + "," + b, "watch", "-n", "1"}, "dumb");
+    plain.expect("condition error set\r\n");
+    suite.event("E0102:one\n");
+    plain.expect(a + ": 20");
+    plain.expect("message E0102:one\r\n");
+    plain.type("\x03");
+    EXPECT_EQ(plain.wait_exit(), 0);
+}
+
+}  // namespace
