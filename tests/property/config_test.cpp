@@ -84,14 +84,14 @@ TEST_F(ConfigProperty, SettingIsTheFirstOfItsKeyInItsSection) {
     EXPECT_EQ(unique_fd(dup(STDERR_FILENO)).get(), free);
 }
 
-struct Listed {
+struct ModuleLine {
     std::string name, program, display;
     int timeout = 0;
 };
 
-static std::vector<Listed> modules_of(const std::string& text) {
+static std::vector<ModuleLine> modules_of(const std::string& text) {
     static const std::regex entry("([a-z]\\S*)\\s+(\\S+)\\s+(\\S+)\\s+([-+]?[0-9]+)[\\s\\S]*");
-    std::vector<Listed> all;
+    std::vector<ModuleLine> all;
     for (const std::string& line : lines_of(text, module_line_size - 1)) {
         std::smatch words;
         if (all.size() == module_max || !std::regex_match(line, words, entry)) continue;
@@ -124,10 +124,10 @@ TEST_F(ConfigProperty, ModulesAreTheFirstHundredValidLinesAndTheFirstOfANameCoun
             text.replace(at, 4, std::string(n, filler[0]));
         write("config/vgd_modules", text);
         RC_ASSERT(read_modules() == 0);
-        const std::vector<Listed> wanted = modules_of(text);
+        const std::vector<ModuleLine> wanted = modules_of(text);
         RC_ASSERT(wanted.size() == static_cast<std::size_t>(mod_max));
-        std::map<std::string, Listed> first;
-        for (const module_entry* entry = mod; const Listed& module : wanted) {
+        std::map<std::string, ModuleLine> first;
+        for (const module_entry* entry = mod; const ModuleLine& module : wanted) {
             RC_ASSERT(std::tie(module.name, module.program, module.display) ==
                       std::tuple(std::string(entry->name), std::string(entry->entrypath), std::string(entry->display)));
             RC_ASSERT(entry->enabled == 1 && entry->timeout == module.timeout);
