@@ -118,7 +118,7 @@ agent_client::agent_client(std::vector<host_name> hosts, const agent_options& ho
       channel_(start_agent(hosts_, how)),
       closed_(hosts_.size()) {}
 
-void agent_client::send(frame command) {
+void agent_client::send(const frame& command) {
     channel_.send(command);
     channel_.flush();
 }

@@ -39,7 +39,7 @@ public:
 
 private:
     void handle(const frame& event);
-    void send(frame command);
+    void send(const frame& command);
 
     const std::vector<host_name> hosts_;
     const agent_listener listener_;

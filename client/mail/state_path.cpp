@@ -21,7 +21,7 @@ std::string absolute_variable(const char* name) {
 
 // HOME may be missing below a monitoring engine, and below sudo it may be another user's: then the user database has it.
 std::string home_directory() {
-    const std::string home = absolute_variable("HOME");
+    std::string home = absolute_variable("HOME");
     struct stat info {};
     if (!home.empty() && stat(home.c_str(), &info) == 0 && info.st_uid == geteuid()) {
         return home;
