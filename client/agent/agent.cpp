@@ -46,7 +46,7 @@ void detach() {
     }
 }
 
-agent::agent(std::vector<host_name> hosts, agent_options how, agent_listener events)
+agent::agent(const std::vector<host_name>& hosts, agent_options how, agent_listener events)
     : how_(std::move(how)),
       listener_(std::move(events)),
       mailbox_(how_.kind, how_.stored == stored_messages::taken),

@@ -54,7 +54,7 @@ public:
     using clock = host_pool::clock;
 
     // hosts: may grow with add(). Raises the limit for descriptors as needed.
-    agent(std::vector<host_name> hosts, agent_options how, agent_listener events);
+    agent(const std::vector<host_name>& hosts, agent_options how, agent_listener events);
 
     std::size_t add(host_name host);
     const host_name& host(std::size_t number) const { return pool_.host(number); }
