@@ -320,7 +320,8 @@ NOT_THERE = re.compile(r"absent|not present|removed|not installed|\bempty\b|no p
 LOST = re.compile(r"redundancy lost|from redundant|non-redundant: ?insufficient", re.I)
 # "Non-redundant:Sufficient Resources from Insufficient Resources" is a machine that never had a second part.
 HARMLESS = re.compile(r"ok|n/a|presence detected|.*threshold|identify status .*|power supply inactive|"
-                      r"non-redundant.* from insufficient.*|entity absent|terminator presence.*", re.I)
+                      r"non-redundant.* from insufficient.*|entity absent|terminator presence.*|slot.* is disabled|"
+                      r"transition to (on line|off duty|power save)", re.I)
 # What these warn of is how the machine is used, not its hardware.
 OF_USE = ("system event", "version change", "session audit", "button/switch", "system boot initiated", "os boot",
           "os critical stop", "system acpi power state")
