@@ -1,7 +1,37 @@
 #!/usr/bin/env bash
-# manual_lint.sh DIRECTORY: mandoc reports nothing about the pages in it, and every page that they refer to exists.
+# manual_lint.sh DIRECTORY: mandoc reports nothing about the pages in it, every page that they refer to exists, and on a
+# terminal of 80 columns each row of a table begins in one line: a cell that is wider than its column breaks the row.
 set -euo pipefail
 
 command -v mandoc >/dev/null || { echo 'skipped: mandoc is missing (package mandoc)'; exit 77; }
 cd "$1" # mandoc looks for other pages here
 mandoc -Tlint ./*.[1-9]
+
+# first_cells PAGE: for each row of its tables, the first cell, a tab and the first word of the second.
+first_cells() {
+    awk '
+        /^\.Bl -column/ { table = 1 }
+        /^\.El/ { table = 0 }
+        table && /^\.It .* Ta / {
+            sub(/^\.It (Em )?/, "")
+            split($0, cell, " Ta ")
+            sub(/^Em /, "", cell[2])
+            split(cell[2], word, " ")
+            print cell[1] "\t" word[1]
+        }' "$1"
+}
+
+failed=0
+for page in *.[1-9]; do
+    shown=$(mandoc -T ascii -O width=80 "$page" | col -bx)
+    while IFS=$'\t' read -r first second; do
+        awk -v first="$first" -v second="$second" '
+            index($0, first) {
+                rest = substr($0, index($0, first) + length(first))
+                sub(/^ +/, "", rest)
+                if (index(rest, second) == 1) found = 1
+            }
+            END { exit !found }' <<<"$shown" || { echo "$page: the row \"$first\" is broken at 80 columns"; failed=1; }
+    done < <(first_cells "$page")
+done
+exit "$failed"
