@@ -183,7 +183,10 @@ class Round:
         run = self.run
         run.last += 1
         padding = "x" * run.random.choice((0, 0, 30, 900))
-        os.write(run.scheduler.pipe, f"{kind}0113:n{run.last}.{padding}\n".encode())
+        pipe = os.open(run.scheduler.dir / "pipe", os.O_WRONLY | os.O_NONBLOCK)  # as modules do; fails without a reader
+        os.set_blocking(pipe, True)
+        os.write(pipe, f"{kind}0113:n{run.last}.{padding}\n".encode())
+        os.close(pipe)
         self.raised[run.last] = kind
         if self.is_full:
             self.in_full.add(run.last)
@@ -242,7 +245,10 @@ class Round:
             pid = int((run.scheduler.dir / "log/sched.pid").read_text())
             if deed == "kill scheduler":
                 os.kill(pid, signal.SIGKILL)
+                for _ in range(run.random.randrange(40)):  # these wait in the pipe
+                    self.add("E")
             else:
+                run.settle()  # nobody keeps the pipe when the supervisor ends, too
                 address = "127.0.0.1", run.scheduler.port
                 with contextlib.suppress(OSError), socket.create_connection(address) as operator:
                     operator.sendall(b"restart\tsched\r")
@@ -341,6 +347,7 @@ class Run:
         self.has_disk = LIBC.mount(b"none", bytes(self.dir / "suite"), b"tmpfs", 0, b"size=12m,mode=0755") == 0
         (self.dir / "right").write_text("geheim\n")
         self.scheduler = Scheduler(options.build, self.dir / "suite", True)
+        os.close(self.scheduler.pipe)  # the supervisor alone keeps what stands in it
         self.logs = [Log(self.scheduler.dir / "log/event_log", EVENT_LINE),
                      Log(self.scheduler.dir / "log/sched_log", TRACE_LINE)]
         self.last, self.decks = 0, {}
@@ -376,7 +383,11 @@ class Run:
     def settle(self):
         """Waits until the pipe is empty and the last message has been dealt with."""
         def waiting():
-            return struct.unpack("i", fcntl.ioctl(self.scheduler.pipe, termios.FIONREAD, bytes(4)))[0]
+            pipe = os.open(self.scheduler.dir / "pipe", os.O_RDONLY | os.O_NONBLOCK)
+            try:
+                return struct.unpack("i", fcntl.ioctl(pipe, termios.FIONREAD, bytes(4)))[0]
+            finally:
+                os.close(pipe)
         wait_for(lambda: self.scheduler.listens() and not waiting(), "the scheduler does not take its messages")
         before = -1
         while before != len(self.logs[0].lines):
