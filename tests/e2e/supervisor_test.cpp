@@ -1,9 +1,6 @@
 #include "e2e/harness.h"
 
-#include <atomic>
-#include <fcntl.h>
 #include <signal.h>
-#include <thread>
 
 namespace e2e {
 
@@ -64,47 +61,6 @@ TEST(E2eSupervisor, DetachesTheSchedulerAndStartsItAgainCleanAfterItsDeath) {
     EXPECT_THAT(suite.calls(), Not(HasSubstr("allmodcall stop")));
     EXPECT_EQ(suite.out(), "");
     EXPECT_EQ(suite.read("stderr"), "");
-}
-
-// Each writer opens the pipe for its line, as modules do, and would fail without a reader. What stands in the pipe waits
-// for the next scheduler; a kill loses the line that is being read or carried out.
-TEST(E2eSupervisor, KillOfTheSchedulerLosesAtMostOneLineOfTheEventPipe) {
-    constexpr int kills = 2;
-    Suite suite;
-    suite.start({});
-    std::atomic<bool> is_over = false;
-    int failed = 0;
-    int sent = 0;
-    std::thread writer([&] {  // 1000 lines a second
-        for (auto next = std::chrono::steady_clock::now(); !is_over; next += 1ms) {
-            std::this_thread::sleep_until(next);
-            const std::string line = "I1000:" + std::to_string(sent) + "\n";
-            const unique_fd pipe(open(suite.path("pipe").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
-            if (write(pipe.get(), line.data(), line.size()) == static_cast<ssize_t>(line.size()))
-                sent++;
-            else
-                failed++;
-        }
-    });
-    for (int kill_number = 0; kill_number < kills; kill_number++) {
-        std::this_thread::sleep_for(300ms);
-        kill(suite.scheduler(), SIGKILL);
-        ASSERT_TRUE(next_scheduler_accepts(suite));
-    }
-    is_over = true;
-    writer.join();
-    EXPECT_EQ(failed, 0);
-    suite.event("I1000:last\n");
-    EXPECT_TRUE(wait_until([&] { return !suite.events().empty() && suite.events().back() == "I1000:last"; }));
-    int next = 0;
-    int missing = 0;
-    for (const std::string& event : suite.events()) {
-        const int number = event == "I1000:last" ? sent : std::atoi(event.substr(6).c_str());
-        EXPECT_GE(number, next) << event;
-        missing += number - next;
-        next = number + 1;
-    }
-    EXPECT_LE(missing, kills) << "of " << sent;
 }
 
 // The pipe may be replaced while a scheduler runs, also by a program that wrote an event while there was none.
