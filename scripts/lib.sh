@@ -21,7 +21,8 @@ build_packages=(g++ cmake ninja-build libcli11-dev libmicrohttpd-dev pkgconf nlo
 unit_test_packages=(libgtest-dev libgmock-dev librapidcheck-dev)
 # shellcheck disable=SC2034
 test_packages=("${build_packages[@]}" "${unit_test_packages[@]}" rsyslog python3-croniter
-    python3-prometheus-client libfaketime curl mandoc systemd zsh fish jq openipmi freeipmi-tools mdadm shellcheck)
+    python3-prometheus-client libfaketime curl mandoc systemd zsh fish jq openipmi freeipmi-tools mdadm shellcheck
+    systemd-container debootstrap debhelper)
 
 # can_be_root: sudo may ask for a password only on a terminal.
 can_be_root() {

@@ -1,5 +1,6 @@
 #include "agent/spill_queue.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
@@ -65,7 +66,8 @@ void spill_queue::add(std::string_view text) {
 
 std::string_view spill_queue::front() {
     if (popped_ == front_.size() && file_read_ < file_written_) {
-        front_.resize(piece);
+        // Behind the newest bytes the file may still have older ones.
+        front_.resize(std::min<std::uint64_t>(piece, file_written_ - file_read_));
         popped_ = 0;
         const ssize_t n = pread(file_, front_.data(), front_.size(), static_cast<off_t>(file_read_));
         if (n <= 0) {

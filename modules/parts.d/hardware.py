@@ -4,6 +4,7 @@ An answer may lack any field, and a field may have any type: what is not underst
 parts sets SCHED_HARDWARE (the answers), PARTS_KNOWN (keys found the last time) and PARTS_STATE (a directory).
 """
 
+import functools
 import json
 import math
 import os
@@ -103,16 +104,34 @@ def files(directory, suffix):
 
 
 def answer(name):
-    """A JSON answer; None when it cannot be read."""
+    """A JSON answer; None when it cannot be read. sensors writes nan for a value that it does not get."""
     try:
-        return json.loads(read(name))
+        return json.loads(re.sub(r"(:\s*)-?nan\b", r"\1null", read(name)))
     except (ValueError, RecursionError):
         return None
 
 
+@functools.lru_cache
 def kernel(name="kernel.txt"):
     """Files of the kernel by path."""
     return dict(line.split("\t", 1) for line in read(name).splitlines() if "\t" in line)
+
+
+def slot(name):
+    """Where a block device is, as its enclosure tells it: " in Slot 03", or nothing."""
+    prefix = f"/sys/block/{name}/device/enclosure_device:"
+    return next((f" in {text(path[len(prefix):])}" for path in kernel() if path.startswith(prefix)), "")
+
+
+def block_device(name):
+    """A block device for people: its name, slot, model and serial number, as far as they are known."""
+    whole_disks = {f"/dev/{re.sub(part, '', name)}" for part in ("$", r"\d+$", r"n\d+(p\d+)?$")}
+    for file in files("smart", ".json"):
+        disk = answer("smart/" + file)
+        if text(at(disk, "device", "name")) in whole_disks:
+            model = text(disk.get("model_name")) or text(disk.get("scsi_model_name")) or "unknown model"
+            return f"{name}{slot(name)} ({model}, serial number {text(disk.get('serial_number')) or 'unknown'})"
+    return name + slot(name)
 
 
 def known():
@@ -198,35 +217,41 @@ def of_bmc(suffix=""):
         kind = row.get("type", "").lower()
         level = {"critical": "crit", "warning": "warn"}.get(row.get("state", "").lower(), "")
         limits = {short: number(row[column]) for column, short in LIMIT_COLUMNS.items() if column in row}
-        events = re.findall(r"'([^']*)'", row.get("event", "")) or [row.get("event", "")]
+        events = [text(event) for event in re.findall(r"'([^']*)'", row.get("event", "")) or [row.get("event", "")]]
         sensors[key] = Sensor(key, name, KINDS.get(kind, kind), number(row.get("reading", "")), limits, level, events,
                               text(row.get("units", "")))
-        sensors[key].has_limits = any(column in row for column in LIMIT_COLUMNS)
+        sensors[key].has_limits = any(limit is not None for limit in limits.values())
         sensors[key].state_known = row.get("state", "").lower() in ("nominal", "warning", "critical")
     return sensors
 
 
-def of_kernel(suffix=""):
+def of_kernel(suffix="", directory=""):
     """The sensors of the kernel's drivers, by key: as lm-sensors scales them or, without it, from /sys."""
-    chips = answer("sensors.json" + suffix)
+    chips = answer(f"{directory}sensors.json{suffix}")
     if isinstance(chips, dict) and any(isinstance(chip, dict) for chip in chips.values()):
         features = [(f"{chip}/{label}", f"{chip} {label}", 1, values)
                     for chip, content in chips.items() if isinstance(content, dict)
                     for label, values in content.items() if isinstance(values, dict)]
     else:
-        features = features_of_sys(kernel("kernel.txt" + suffix))
+        features = features_of_sys(kernel(f"{directory}kernel.txt{suffix}"))
     sensors = {}
     for key, name, scale, values in features:
         for item, value in values.items():
             found = re.fullmatch(r"(temp|fan|in)(\d+)_input", str(item))
             value = number(value)
-            if found and value is not None:
+            if found and value is not None and usable(name, found.group(1) + found.group(2), values):
                 kind = {"temp": "temperature", "fan": "fan", "in": "voltage"}[found.group(1)]
                 scaled = scale if kind != "fan" else 1
-                key, limits = f"hwmon:{text(key, 120)}", limits_of(found.group(1) + found.group(2), values, scaled)
+                limits = limits_of(name, found.group(1) + found.group(2), values, scaled)
+                key = f"hwmon:{text(key, 120)}"
                 sensors[key] = Sensor(key, text(name), kind, value / scaled, limits)
                 sensors[key].broken = kind == "fan" and number(values.get(f"fan{found.group(2)}_fault")) == 1
     return sensors
+
+
+def usable(name, what, values):
+    """Whether something is connected. Makers of boards leave those inputs of a chip open that they do not need."""
+    return not re.search(r" AUXTIN\d*$", name) and not (what.startswith("temp") and number(values.get(what + "_fault")))
 
 
 def of_kernel_readable():
@@ -246,10 +271,10 @@ def features_of_sys(files):
             for (chip, what), values in features.items()]
 
 
-def limits_of(what, values, scale):
+def limits_of(name, what, values, scale):
     """Only limits that makers set on purpose: chips of mainboards hold anything in those of fans' alarms and voltages."""
     wanted = {"uc": "crit", "lc": "lcrit"}
-    if what.startswith("temp"):
+    if what.startswith("temp") and not name.startswith("k10temp"):  # whose driver says 70 for every processor
         wanted["unc"] = "max"
     elif what.startswith("fan"):
         wanted = {"lc": "min"}
@@ -291,33 +316,51 @@ def judge_reading(sensor, before, told):
             return
 
 
-NOT_THERE = re.compile(r"absent|not present|removed|not installed|\bempty\b|no presence", re.I)
+NOT_THERE = re.compile(r"absent|not present|removed|not installed|\bempty\b|no presence|terminator presence", re.I)
+LOST = re.compile(r"redundancy lost|from redundant|non-redundant: ?insufficient", re.I)
+# "Non-redundant:Sufficient Resources from Insufficient Resources" is a machine that never had a second part.
+HARMLESS = re.compile(r"ok|n/a|presence detected|.*threshold|identify status .*|power supply inactive|"
+                      r"non-redundant.* from insufficient.*|entity absent|terminator presence.*|slot.* is disabled|"
+                      r"transition to (on line|off duty|power save)", re.I)
+# What these warn of is how the machine is used, not its hardware.
+OF_USE = ("system event", "version change", "session audit", "button/switch", "system boot initiated", "os boot",
+          "os critical stop", "system acpi power state")
 
 
 def present(sensor):
     return any("presence detected" in event.lower() for event in sensor.events)
 
 
+def worth_telling(kind, state, event):
+    """Whether an event of a BMC's sensor type, with its state "warning" or "critical", is one of the hardware."""
+    return bool(event) and not HARMLESS.fullmatch(event) and not (state == "warning" and kind in OF_USE)
+
+
+def harmful(sensor):
+    """The events that say what is wrong, when the state of the sensor says that something is."""
+    slot_empty = sensor.kind in TYPES["disks"] and "State Deasserted" in sensor.events
+    if slot_empty or any(map(NOT_THERE.search, sensor.events)):
+        return []
+    state = {"warn": "warning", "crit": "critical"}.get(sensor.level, "")
+    return [event for event in sensor.events if worth_telling(sensor.kind, state, event)]
+
+
 def judge_events(sensor, check, gone):
-    """A sensor without a reading tells events. An empty slot and what the BMC does not know are no fault; gone: the
-    part was there in an earlier collection."""
-    events = [event for event in map(text, sensor.events) if event and event not in ("OK", "N/A")]
-    lost = [event for event in events if re.search(r"redundancy lost", event, re.I)]
-    key, what = f"{check}:{sensor.key}", f"{sensor.name}: {', '.join(events)}"
-    if lost:
+    """A sensor that tells events. An empty slot and what the BMC does not know are no fault; gone: the part was there
+    in an earlier collection."""
+    key, what = f"{check}:{sensor.key}", f"{sensor.name}: {', '.join(sensor.events)}"
+    if any(map(LOST.search, sensor.events)):
         fault(f"{key}:redundancy", f"{what}; find the part that is missing or without power")
     elif gone:
         fault(f"{key}:absent", f"{sensor.name}: was there before and is absent now; put it back, or clear this")
-    elif not events or any(map(NOT_THERE.search, events)) or any("Threshold" in event for event in events):
-        return
-    elif sensor.level == "crit":
+    elif sensor.level == "crit" and harmful(sensor):
         fault(f"{key}:crit", f"{what}; see the BMC's log")
-    elif sensor.level == "warn":
+    elif sensor.level == "warn" and harmful(sensor):
         wear(f"{key}:warn", f"{what}; see the BMC's log")
 
 
-def parts_there(check, sensors):
-    """Names of the power supplies that were present in any collection before this one."""
+def parts_there(check, now):
+    """The keys of the parts that were there in any collection before this one; now: those of this one."""
     path = os.path.join(os.environ.get("PARTS_STATE", ""), check + ".there")
     there = set()
     try:
@@ -325,36 +368,52 @@ def parts_there(check, sensors):
             there = set(file.read().splitlines())
     except OSError:
         pass
-    now = there | {sensor.key for sensor in sensors if present(sensor)}
-    if now != there and os.environ.get("PARTS_STATE"):
+    if now - there and os.environ.get("PARTS_STATE"):
         with open(path + ".new", "w", encoding="utf-8") as file:
-            file.write("".join(sorted(key + "\n" for key in now)))
+            file.write("".join(sorted(key + "\n" for key in there | now)))
         os.replace(path + ".new", path)
     return there
+
+
+def turning(sensors):
+    return {sensor.key for sensor in sensors.values() if sensor.kind == "fan" and sensor.value}
 
 
 def sensors(check, of_type=None):
     """The whole check of a kind of sensors. of_type: tells whether a BMC's sensor type belongs to the check."""
     of_type = of_type or (lambda kind: kind in TYPES[check])
-    told = known()
-    now, before = of_bmc(), of_bmc(".1")
-    mine = [sensor for sensor in now.values() if of_type(sensor.kind)]
-    was_there = parts_there(check, mine) if check == "power" else set()
+    seen(sensors_of_bmc(check, of_type, known()) + sensors_of_board(check, known()), check)
+
+
+def sensors_of_bmc(check, of_type, told):
+    """Judges them; the result is how many there are."""
+    before = of_bmc(".1")
+    mine = [sensor for sensor in of_bmc().values() if of_type(sensor.kind)]
+    was_there = parts_there(check, {sensor.key for sensor in mine if present(sensor)}) if check == "power" else set()
     for sensor in mine:
         last = before.get(sensor.key)
-        if sensor.value is not None:
+        told_in_words = [event for event in harmful(sensor) if not re.fullmatch(r"[0-9a-f]+h", event, re.I)]
+        if sensor.value is not None and not told_in_words:
             judge_reading(sensor, last, told)
         elif not sensor.absurd:
             gone = sensor.key in was_there and last is not None and not any(
                 present(answer) or not answer.state_known for answer in (sensor, last))
             judge_events(sensor, check, gone)
-    now, before = of_kernel(), of_kernel(".1")
+    return sum(sensor.value is not None or sensor.level is not None for sensor in mine)
+
+
+def sensors_of_board(check, told):
+    """The same for those of the kernel's drivers. A fan that never turned is a connector without a fan."""
     kind = {"temperatures": "temperature", "fans": "fan", "voltages": "voltage"}.get(check)
-    of_board = [sensor for sensor in now.values() if sensor.kind == kind]
-    for sensor in of_board:
+    now, before = of_kernel(), of_kernel(".1")
+    mine = [sensor for sensor in now.values() if sensor.kind == kind]
+    if check == "fans":
+        fans = parts_there(check, turning(now)) | turning(now) | turning(before) | turning(of_kernel("", "first/"))
+        mine = [sensor for sensor in mine if sensor.broken or sensor.key in fans]
+    for sensor in mine:
         last = before.get(sensor.key)
         if sensor.broken and last is not None and last.broken:
             fault(f"fan:{sensor.key}:fault", f"{sensor.name}: the chip reports a broken fan; replace it")
         elif sensor.value is not None:
             judge_reading(sensor, last, told)
-    seen(sum(sensor.value is not None or sensor.level is not None for sensor in mine + of_board), check)
+    return sum(sensor.value is not None for sensor in mine)

@@ -2,11 +2,13 @@
 function __schedctl_complete
     set -l words (commandline -opc) (commandline -ct)
     set -l found (schedctl --complete $words[2..] 2>/dev/null)
+    # fish offers only what begins with the word before the cursor, so "--host=" stays in front of the name.
+    set -l option (string match -r '^--[^=]*=' -- $words[-1]; or echo '')
     switch "$found[1]"
         case :file
-            __fish_complete_path (string replace -r '^--[^=]*=' '' -- $words[-1])
+            printf '%s\n' $option(__fish_complete_path (string replace -r '^--[^=]*=' '' -- $words[-1]))
         case :host
-            __fish_print_hostnames
+            printf '%s\n' $option(__fish_print_hostnames)
         case '*'
             printf '%s\n' $found
     end

@@ -4,10 +4,7 @@
 
 #include <fcntl.h>
 #include <filesystem>
-#include <fstream>
-#include <sched.h>
 #include <signal.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <thread>
@@ -123,29 +120,6 @@ void lose_log_directory(Suite& suite) {
     suite.await_trace("command:\"diag\" end. status=0\n");
 }
 
-// The mount is visible in this process only, and ends with it.
-void small_log_disk(Suite& suite) {
-    const std::string log = suite.path("log");
-    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount("tmpfs", log.c_str(), "tmpfs", 0, "size=128k") != 0)
-        GTEST_SKIP() << "mounting a small disk is not permitted";
-}
-
-void fill_log_disk(Suite& suite) {
-    std::ofstream filler(suite.path("log/filler"));
-    while (filler << std::string(1024, 'x') << std::flush) {}
-    const std::string before = suite.read("log/sched_log");
-    Client client = suite.client();
-    for (int i = 0; i < 100; i++) EXPECT_EQ(client.ask("parts\tstatus"), over);
-    suite.event("E0103:not logged\n");
-    EXPECT_TRUE(wait_until([&] { return suite.status(client).find("not logged") != std::string::npos; }));
-    EXPECT_LT(suite.trace().size(), before.size() + 8192) << "the disk was not full";
-    fs::remove(suite.path("log/filler"));
-    EXPECT_EQ(client.ask("diag\tlogged"), over);
-    suite.await_trace("command:\"diag\" end. status=0\n");
-    EXPECT_EQ(umount2(suite.path("log").c_str(), MNT_DETACH), 0);
-}
-
 // A pipe that replaces the old one has no reader, so opening it for writing fails; the old one is still read.
 void remake_pipe(Suite& suite) {
     const unique_fd held(open(suite.path("pipe").c_str(), O_WRONLY | O_CLOEXEC));
@@ -236,7 +210,6 @@ const Fault faults[] = {
     {"StoppedAndContinuedInAWrite", stop_and_continue, "head -c 3000000 /dev/zero | tr '\\0' '\\n'"},
     {"ConnectionsResetInMidCommand", reset_in_mid_command, "sleep 0.2; exec yes 'for ever and ever'"},
     {"LogDirectoryGoesAndComesBack", lose_log_directory, "", nothing, traced_to_files},
-    {"LogDiskIsFull", fill_log_disk, "", small_log_disk, traced_to_files},
     {"EventPipeIsRemade", remake_pipe},
     {"NoDescriptorIsLeft", use_all_descriptors, "", [](Suite& suite) { suite.descriptors = 16; }},
     {"NoProcessCanBeStarted", refuse_processes, "", own_user},

@@ -22,6 +22,7 @@ CHECKS = {
     "ras-mc-ctl": ["memory"],
     "mdadm": ["arrays"],
     "sensors": ["temperatures", "fans", "voltages"],
+    "kernel": ["temperatures", "fans", "voltages", "arrays", "disks"],
 }
 # Prints the answer of the present collection and ends as a recorded smartctl says it did.
 SMARTCTL = """#!/bin/sh
@@ -77,6 +78,15 @@ class Machine:
             sys.exit(f"FAILED: {command} ended with {process.returncode}: {process.stderr}")
         return process.stdout
 
+    def tree(self, text):
+        """The files of the kernel: lines with a path and a text."""
+        shutil.rmtree(self.dir / "root")
+        for line in text.splitlines():
+            path, value = line.split("\t")
+            path = self.dir / "root" / path.lstrip("/")
+            path.parent.mkdir(parents=True, exist_ok=True)
+            path.write_text(value + "\n")
+
     def collect(self, tool):
         self.run(MODULES / "collect", "disks" if tool == "smartctl" else "sensors")
 
@@ -93,11 +103,13 @@ def try_tool(tool, name):
         machine = Machine(directory)
         silent = {"ras-mc-ctl": '--summary' if name != "summary" else '--error-count'}.get(tool, "-no-")
         if tool == "mdadm":
-            (machine.dir / "root/sys/block/md0/md").mkdir(parents=True)
+            (machine.dir / "root/proc/mdstat").write_text("Personalities : [raid1]\nmd0 : active raid1 sda1[0] sdb1[1]\n")
         machine.tool(tool, f'#!/bin/sh\ncase "$*" in *{silent}*) exit 1 ;; esac\ncat "{machine.dir}/now/answer"\n')
         last = collections(tool, [name])
         for collection in range(1, last + 1):
             shutil.copy(recorded(tool, name, collection), machine.dir / "now/answer")
+            if tool == "kernel":
+                machine.tree((machine.dir / "now/answer").read_text())
             machine.collect(tool)
             if last > 2 or collection == last:  # what was found before matters only when the answer changes
                 found = machine.judge(tool)

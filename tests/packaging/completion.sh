@@ -26,11 +26,13 @@ ln -s "$files/schedctl.zsh" functions/_schedctl
 printf 'db1\ndb2\n' >afile
 
 of_bash() {
-    bash -c 'source "$1"; COMP_LINE=$2; COMP_POINT=${#2}; _schedctl schedctl "${2##*[ =]}"
-        printf "%s\n" "${COMPREPLY[@]}"' - "$files/schedctl.bash" "$1"
+    local word=${1##*[ =]}
+    [[ $1 != *= ]] || word='=' # of which bash makes a word of its own
+    bash -c 'source "$1"; COMP_LINE=$2; COMP_POINT=${#2}; _schedctl schedctl "$3"
+        printf "%s\n" "${COMPREPLY[@]}"' - "$files/schedctl.bash" "$1" "$word"
 }
 of_fish() {
-    fish -c "source $files/schedctl.fish; complete -C '$1'" | cut -f 1
+    fish -c "source $files/schedctl.fish; complete -C '$1'" | cut -f 1 | sed 's/^--[^=]*=//'
 }
 # Runs zsh on a terminal; its completion prints what it offers.
 of_zsh() {
@@ -80,6 +82,7 @@ offers 'schedctl check -' -w --critical --timeout-state
 offers 'schedctl debug hmi ' all
 offers 'schedctl show ' ip allowed_ip
 offers 'schedctl --password-file a' afile
+offers 'schedctl --password-file=' afile
 
 # Every option of the help is offered, including those of single commands.
 options=()

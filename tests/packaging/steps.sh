@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
-# steps.sh SERVICE TMPFILES CONFIG: the steps of the service, with a process that only plays the scheduler, and the modes
-# of the files that systemd creates.
+# steps.sh SERVICE: the steps of the service, with a process that only plays the scheduler.
 set -euo pipefail
-service=$1 tmpfiles=$(realpath "$2") config=$3 # of a relative path systemd-tmpfiles takes the name alone
+service=$1
 
 fail() { printf 'FAILED: %s\n' "$*"; exit 1; }
 dir=$(mktemp -d)
@@ -11,12 +10,18 @@ export VGD_log=$dir/log VGD_data=$dir/data VGD_PIPE=$dir/pipe MAINPID=
 player='' stopping=''
 trap 'kill $player $stopping 2>/dev/null || true; rm -rf "$dir"' EXIT
 
-# play NAME PROGRAM...: starts a program under this name; sets player.
+# play NAME COMMAND...: starts it; returns when it runs under this name. Sets player.
 play() {
-    cp "$(command -v "$2")" "$dir/$1"
-    "$dir/$1" "${@:3}" &
+    "${@:2}" &
     player=$!
+    for ((i = 0; i < 200; i++)); do
+        [ "$(cat "/proc/$player/comm")" != "$1" ] || return 0
+        sleep 0.1
+    done
+    fail "$1 does not start"
 }
+cp "$(command -v sleep)" "$dir/sched"
+cp "$(command -v sleep)" "$dir/other"
 end_player() { kill "$player" && { wait "$player" || true; } 2>/dev/null; }
 
 # pipe: makes one with its mode, whatever the mask, in the place of a file too; keeps one that is there.
@@ -32,26 +37,38 @@ sh "$service" pipe
 
 # alone: only a process of that name with these directories counts.
 sh "$service" alone || fail 'a scheduler is seen where none runs'
-play other sleep 60
+play other "$dir/other" 60
 sh "$service" alone || fail 'another program is taken for a scheduler'
 end_player
-VGD_log=/a VGD_data=/b VGD_PIPE=/c play sched sleep 60
+play sched env VGD_log=/a VGD_data=/b VGD_PIPE=/c "$dir/sched" 60
 sh "$service" alone || fail 'a scheduler of other directories counts'
 end_player
 for shared in log data PIPE; do # one in common is enough
     own=VGD_$shared
-    env VGD_log=/a VGD_data=/b VGD_PIPE=/c "$own=${!own}" "$dir/sched" 60 &
-    player=$!
-    sleep 0.2
+    play sched env VGD_log=/a VGD_data=/b VGD_PIPE=/c "$own=${!own}" "$dir/sched" 60
     ! sh "$service" alone 2>"$dir/said" || fail "a second scheduler with the same $own may start"
     end_player
 done
-play sched sleep 60
-sleep 0.2
+play sched "$dir/sched" 60
 ! said=$(sh "$service" alone 2>&1) || fail 'a second scheduler may start'
 [[ $said == *"as process $player" ]] || fail "a second scheduler may not start: $said"
+end_player
+# Of other users, only root and the owner of the log count.
+if [ "$(id -u)" -eq 0 ]; then
+    chmod 755 "$dir"
+    chown 65533 "$VGD_log"
+    for user in 0 65533 65534; do
+        play sched setpriv --reuid="$user" --clear-groups "$dir/sched" 60
+        status=0
+        sh "$service" alone 2>/dev/null || status=$?
+        [ "$status" -eq $((user == 65534 ? 0 : 1)) ] || fail "beside a scheduler of user $user, alone ends with $status"
+        end_player
+    done
+    chown 0 "$VGD_log"
+fi
 
 # stop: the message waits in the pipe for a scheduler that does not read yet, and the step for its end.
+play sched "$dir/sched" 60
 MAINPID=$player sh "$service" stop &
 stopping=$!
 sleep 0.7
@@ -88,31 +105,6 @@ fi
 printf '%s\n' 'Error old' 'Info:sched:started' Warning 'bind failed' Error{1..5} >"$VGD_log/sched_logerr"
 why() { env SERVICE_RESULT="$1" EXIT_CODE="$2" sh "$service" why 2>&1; }
 [ "$(why exit-code exited)" = "$(printf 'Error%s\n' {1..5})" ] || fail "why prints $(why exit-code exited)"
-printf '%s\n' 'Error old' 'Info:sched:started' Warning 'bind failed' >"$VGD_log/sched_logerr"
+printf '%s\n' 'Error old' 'Info:sched:started' ' Info:uptime open fails' 'bind failed' >"$VGD_log/sched_logerr"
 [ "$(why exit-code exited)" = 'bind failed' ] || fail "why prints $(why exit-code exited)"
 [ -z "$(why success exited)$(why exit-code '')" ] || fail 'why prints without a failure, or without a run'
-
-# The files of systemd-tmpfiles, in a tree of their own.
-command -v systemd-tmpfiles >/dev/null || { echo 'skipped in part: systemd-tmpfiles is missing (package systemd)'; exit 77; }
-[ "$(id -u)" -eq 0 ] || { echo 'skipped in part: only root can give files away'; exit 77; }
-tree=$dir/tree
-mkdir -p "$tree/etc" "$tree$config" "$tree/run" "$tree/var/lib" "$tree/var/log"
-echo 'root:x:0:0::/root:/bin/sh' >"$tree/etc/passwd"
-echo 'sched:x:990:990::/var/lib/sched:/bin/sh' >>"$tree/etc/passwd"
-printf '%s\n' root:x:0: sched:x:990: >"$tree/etc/group"
-systemd-tmpfiles --create --root="$tree" "$tmpfiles" 2>"$dir/said" || true
-wanted=$(sort -k 4 <<X
-1770 0 990 $config
-750 990 990 /run/sched
-660 990 990 /run/sched/pipe
-750 990 990 /run/sched/temp
-750 990 990 /var/lib/sched
-750 990 990 /var/lib/sched/update
-2770 0 990 /var/lib/schedctl
-750 990 990 /var/log/sched
-X
-)
-got=$(cd "$tree" && find ".$config" ./run/* ./var/*/* -printf '%m %U %G %p\n' | sed 's, \./, /,' | sort -k 4)
-[ "$got" = "$wanted" ] || fail "systemd-tmpfiles makes
-$got
-$(cat "$dir/said")"
