@@ -98,7 +98,8 @@ std::vector<std::string> validate_fields(const std::string& line) {
     std::vector<std::string> findings;
     const char* text = line.c_str();
     for (const time_field& field : fields) {
-        validate_field({text, std::strcspn(text, " ")}, field, findings);  // behind another blank the line is dropped
+        // Behind any other blank the line would be dropped.
+        validate_field({text, std::strcspn(text, " ")}, field, findings);
         text = next_word(text, 1);
     }
     return findings;
