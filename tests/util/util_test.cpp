@@ -218,6 +218,8 @@ TEST_F(Util, FullMinuteDuringASleepIsFoundWhateverTheClockDoes) {
         {"from a full minute to the next", {at(9, 5, 0), at(9, 6, 0), 60'000}, at(9, 6, 0)},
         {"woken late", {at(9, 5, 59), at(9, 6, 20), 21'000}, at(9, 6, 0)},
         {"slewed, a little early", {at(9, 5, 15), at(9, 6, 0) - 20, 45'000}, -1},
+        {"slewed by a second, from a full minute", {at(9, 5, 0), at(9, 5, 59), 60'000}, -1},
+        {"set back by a little more", {at(9, 5, 0), at(9, 5, 59) - 1, 60'000}, at(9, 5, 0)},
         {"set forward", {at(9, 5, 15), at(11, 6, 3), 45'000}, at(11, 6, 0)},
         {"set back by an hour, less three seconds", {at(9, 5, 15), at(8, 6, 3), 45'000}, at(8, 6, 0)},
         {"set back, a minute came early in the sleep", {at(9, 5, 15), at(8, 6, 40), 45'000}, at(8, 6, 0)},
