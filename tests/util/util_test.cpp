@@ -1,4 +1,6 @@
 #include "state/mark_question.h"
+#include "timer/job_table.h"
+#include "timer/timer_loop.h"
 #include "unit_support.h"
 #include "util/fair_mutex.h"
 #include "util/ini_file.h"
@@ -288,6 +290,27 @@ TEST_F(Util, ClearThatMeetsAReportWaitsForItAndKeepsTheMark) {
     clear.join();
     EXPECT_FALSE(question.has_cleared());
     EXPECT_EQ(mark.set, 1);
+}
+
+TEST_F(Util, ReloadOfTheJobsDuringTheStartStoresWhatItHasRead) {
+    write("pipe", "");
+    write("config/timer_jobs", "* * * * * patrol\n");
+    timer_read_jobs();
+    trace();
+    write("config/timer_jobs", "# none\n");
+    holds_reports = true;
+    std::thread start([] { mark_if_on_timer(st->patrol, "patrol"); });
+    await("the start", [] { return is_report_held.load(); });
+    std::thread reload([] {
+        timer_state state{now_seconds(), {}};
+        timer_pass(state, now_seconds());
+    });
+    await_trace("Info:timer_jobs mtime=");
+    usleep(50'000);  // by then it waits, or has stored its result too early
+    holds_reports = false;
+    start.join();
+    reload.join();
+    EXPECT_EQ(st->patrol.set, 0);
 }
 
 }  // namespace unit
