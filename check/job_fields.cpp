@@ -92,13 +92,14 @@ void validate_field(const std::string& text, const time_field& field, std::vecto
 }  // namespace
 
 std::vector<std::string> validate_fields(const std::string& line) {
-    if (line[0] == ' ' || line[0] == '\t') {
+    if (line[0] == ' ') {
         return {"the blank at the start makes the minute empty and moves every field by one"};
     }
     std::vector<std::string> findings;
     const char* text = line.c_str();
     for (const time_field& field : fields) {
-        validate_field({text, std::strcspn(text, " \t\n\v\f\r")}, field, findings);
+        // Behind any other blank the line would be dropped.
+        validate_field({text, std::strcspn(text, " ")}, field, findings);
         text = next_word(text, 1);
     }
     return findings;

@@ -1,4 +1,6 @@
 #include "state/mark_question.h"
+#include "timer/job_table.h"
+#include "timer/timer_loop.h"
 #include "unit_support.h"
 #include "util/fair_mutex.h"
 #include "util/ini_file.h"
@@ -218,6 +220,8 @@ TEST_F(Util, FullMinuteDuringASleepIsFoundWhateverTheClockDoes) {
         {"from a full minute to the next", {at(9, 5, 0), at(9, 6, 0), 60'000}, at(9, 6, 0)},
         {"woken late", {at(9, 5, 59), at(9, 6, 20), 21'000}, at(9, 6, 0)},
         {"slewed, a little early", {at(9, 5, 15), at(9, 6, 0) - 20, 45'000}, -1},
+        {"slewed by a second, from a full minute", {at(9, 5, 0), at(9, 5, 59), 60'000}, -1},
+        {"set back by a little more", {at(9, 5, 0), at(9, 5, 59) - 1, 60'000}, at(9, 5, 0)},
         {"set forward", {at(9, 5, 15), at(11, 6, 3), 45'000}, at(11, 6, 0)},
         {"set back by an hour, less three seconds", {at(9, 5, 15), at(8, 6, 3), 45'000}, at(8, 6, 0)},
         {"set back, a minute came early in the sleep", {at(9, 5, 15), at(8, 6, 40), 45'000}, at(8, 6, 0)},
@@ -286,6 +290,27 @@ TEST_F(Util, ClearThatMeetsAReportWaitsForItAndKeepsTheMark) {
     clear.join();
     EXPECT_FALSE(question.has_cleared());
     EXPECT_EQ(mark.set, 1);
+}
+
+TEST_F(Util, ReloadOfTheJobsDuringTheStartStoresWhatItHasRead) {
+    write("pipe", "");
+    write("config/timer_jobs", "* * * * * patrol\n");
+    timer_read_jobs();
+    trace();
+    write("config/timer_jobs", "# none\n");
+    holds_reports = true;
+    std::thread start([] { mark_if_on_timer(st->patrol, "patrol"); });
+    await("the start", [] { return is_report_held.load(); });
+    std::thread reload([] {
+        timer_state state{now_seconds(), {}};
+        timer_pass(state, now_seconds());
+    });
+    await_trace("Info:timer_jobs mtime=");
+    usleep(50'000);  // by then it waits, or has stored its result too early
+    holds_reports = false;
+    start.join();
+    reload.join();
+    EXPECT_EQ(st->patrol.set, 0);
 }
 
 }  // namespace unit
