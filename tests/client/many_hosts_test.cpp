@@ -1,6 +1,5 @@
 // schedctl with several hosts: which hosts it asks, the order of their lines, and that a failing host does not hold up
 // the others.
-#include "agent/spill_queue.h"
 #include "e2e/harness.h"
 #include "net/host_link.h"
 #include "protocol/login.h"
@@ -10,7 +9,6 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <poll.h>
-#include <random>
 
 using namespace e2e;
 
@@ -159,28 +157,6 @@ TEST(HostLink, TriesEachIPv4AddressAndClosesThoseThatFail) {
     }));
     EXPECT_GE(link.fd(), 0);
     EXPECT_EQ(descriptors(), before + 1);
-}
-
-// Output that nobody reads yet, in memory and beyond it in a file, which is emptied and filled again.
-TEST(SpillQueue, GivesBackWhatWasAddedInItsOrder) {
-    client::spill_queue queue;
-    std::string added, got;
-    std::mt19937 random(1);
-    for (int round = 0; round < 400; ++round) {
-        const bool fills = round % 40 < 20;
-        const std::string text(random() % (fills ? 100'000 : 1000), static_cast<char>('a' + round % 26));
-        queue.add(text);
-        added += text;
-        for (std::size_t left = random() % (fills ? 20'000 : 500'000); left > 0 && !queue.empty();) {
-            const std::string_view piece = queue.front().substr(0, left);
-            ASSERT_FALSE(piece.empty()) << round;
-            got += piece;
-            left -= piece.size();
-            queue.pop(piece.size());
-        }
-        EXPECT_EQ(queue.empty(), got.size() == added.size());
-        ASSERT_TRUE(got == added.substr(0, got.size())) << round;
-    }
 }
 
 // The scheduler delivers each message only once, so giving up on a stalled host must not lose those of the others.
