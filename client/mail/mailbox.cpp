@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <map>
+#include <regex>
 #include <system_error>
 #include <thread>
 #include <unistd.h>
@@ -25,11 +26,10 @@ std::string error_text(int error) {
 
 constexpr int max_names = 100;
 
-// True for what name_own() makes: digits, a dot, eight hexadecimal digits.
+// What name_own() makes.
 bool is_name(const std::string& text) {
-    const std::size_t dot = text.find_first_not_of("0123456789");
-    return dot != 0 && dot != std::string::npos && text[dot] == '.' && text.size() == dot + 9 &&
-           text.find_first_not_of("0123456789abcdef", dot + 1) == std::string::npos;
+    static const std::regex form("[0-9]+\\.[0-9a-f]{8}");
+    return std::regex_match(text, form);
 }
 
 }  // namespace
@@ -73,19 +73,19 @@ bool mailbox::open_own(std::string& problem) {
             own_.is_open() ? EEXIST : own_.error();  // a new file that another took for one of a dead process
         return own_.is_open() && own_.lock();
     };
-    if (!own_.is_open() && !name_own(make, problem)) {
-        own_ = state_file();
-    } else {
-        remove_dead();
+    if (own_.is_open()) {
+        return true;
     }
-    return own_.is_open();
+    if (!name_own(make, problem)) {
+        own_ = state_file();
+        return false;
+    }
+    remove_dead();
+    return true;
 }
 
 // Removes the files of processes that were killed.
 void mailbox::remove_dead() {
-    if (std::exchange(is_clean_, true)) {
-        return;
-    }
     std::error_code ignored;
     for (const auto& entry : std::filesystem::directory_iterator(state_directory() + "/live", ignored)) {
         is_alive(entry.path().filename());  // leaves other files alone

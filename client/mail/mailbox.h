@@ -77,7 +77,6 @@ private:
     const mail_kind kind_;
     bool has_some_ = false;  // records may belong to this process
     state_file own_;
-    bool is_clean_ = false;              // remove_dead() was called
     std::string name_;                   // of own_, without the directory
     std::size_t reserved_ = 0;           // bytes
     std::vector<std::string> problems_;  // files that cannot be read

@@ -2,6 +2,7 @@
 // of its lines. rapidcheck prints the seed, and for a failure the smallest input.
 #include "mail/mailbox.h"
 
+#include "mail/held_connection.h"
 #include "mail/state_path.h"
 #include "protocol/answer.h"
 #include "protocol/limits.h"
@@ -232,6 +233,27 @@ TEST_F(Mailbox, WhatAnotherProcessHoldsStaysWithIt) {
     store(*std::make_unique<mailbox>(mail_kind::operators), hosts[0], {date + "E0101:fan 4"});
     holder.shown(hosts[0], {held[0].id});
     EXPECT_EQ(texts(other.take(hosts[0])), strings{date + "E0101:fan 4"});
+}
+
+TEST_F(Mailbox, HeldConnectionEndsWithItsProcess) {
+    const auto now = std::chrono::steady_clock::now();
+    mkdir(path("").c_str(), 0700);
+    mkdir(path("live").c_str(), 0700);
+    const pid_t child = fork();
+    if (child == 0) {
+        const held_connection held(hosts[0], now);
+        raise(held.is_held() ? SIGSTOP : SIGKILL);
+        raise(SIGKILL);
+    }
+    waitpid(child, nullptr, WUNTRACED);
+    EXPECT_TRUE(held_connection::exists(hosts[0]));
+    EXPECT_FALSE(held_connection::older_exists(hosts[0], now));
+    EXPECT_FALSE(held_connection(hosts[0], now).is_held());
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    EXPECT_FALSE(held_connection::exists(hosts[0]));
+    EXPECT_TRUE(fs::is_empty(path("live")));
+    EXPECT_TRUE(held_connection(hosts[0], now).is_held());
 }
 
 TEST_F(Mailbox, FullDiskIsReportedBeforeAnythingIsReceived) {
