@@ -6,7 +6,6 @@
 
 #include <cstdint>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace client {
@@ -29,10 +28,7 @@ struct status_answer {
     std::string notice;              // for the operator, such as who holds messages; lines end with LF
 };
 
-// All lines as the text of an answer of `status`.
-std::string text_of(const status_answer& answer);
-
-// Their meaning: conditions of the scheduler, messages and lost count of all lines.
+// The meaning of all lines: conditions of the scheduler, messages and lost count.
 status_report report_of(const status_answer& answer);
 
 }  // namespace client

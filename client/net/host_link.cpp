@@ -22,13 +22,10 @@ std::string text_of(int error) {
 int begin_connection(int fd, in_addr address, std::uint16_t port, const std::string& source) {
     sockaddr_in end{};
     end.sin_family = AF_INET;
-    if (!source.empty()) {
-        if (inet_pton(AF_INET, source.c_str(), &end.sin_addr) != 1) {
-            return EINVAL;
-        }
-        if (bind(fd, reinterpret_cast<const sockaddr*>(&end), sizeof end) != 0) {
-            return errno;
-        }
+    // A source that is no address was refused before.
+    if (!source.empty() && (inet_pton(AF_INET, source.c_str(), &end.sin_addr) != 1 ||
+                            bind(fd, reinterpret_cast<const sockaddr*>(&end), sizeof end) != 0)) {
+        return errno;
     }
     end.sin_addr = address;
     end.sin_port = htons(port);

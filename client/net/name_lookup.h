@@ -1,7 +1,7 @@
-// One look-up of a name, in a thread of the C library: the resolver can only be called blocking.
+// One look-up of a name, in another thread: the resolver can only be called blocking.
 #pragma once
 
-#include <netdb.h>
+#include <memory>
 #include <netinet/in.h>
 #include <string>
 #include <vector>
@@ -10,11 +10,8 @@ namespace client {
 
 class name_lookup {
 public:
-    // Starts it. Failures show in addresses().
+    // Starts it, or lets it wait for one of the threads. Throws std::system_error when there is no thread.
     explicit name_lookup(std::string name);
-    ~name_lookup();
-    name_lookup(const name_lookup&) = delete;
-    name_lookup& operator=(const name_lookup&) = delete;
 
     bool is_done() const;
 
@@ -27,7 +24,10 @@ public:
 
 private:
     struct question;
-    question* asked_;
+    struct all_questions;
+    static all_questions& all();
+
+    std::shared_ptr<question> asked_;  // also of a thread that is blocked in the resolver
 };
 
 }  // namespace client

@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
+#include <functional>
 #include <poll.h>
 #include <unistd.h>
 #include <utility>
@@ -20,11 +21,9 @@ namespace client {
 namespace {
 
 agent_options options_for(const settings& chosen, bool shows_messages) {
-    agent_options how;
-    how.connect = chosen.connect;
-    how.parallel = chosen.parallel;
-    how.stored = shows_messages ? stored_messages::taken : stored_messages::left;
-    return how;
+    return {.connect = chosen.connect,
+            .parallel = chosen.parallel,
+            .stored = shows_messages ? stored_messages::taken : stored_messages::left};
 }
 
 host_output::order order_for(const settings& chosen) {
@@ -47,24 +46,12 @@ command_runner::command_runner(const settings& chosen, manner how)
       terminal_(isatty(STDOUT_FILENO) == 1),
       agent_(
           chosen.hosts, options_for(chosen, !how_.once || chosen.words[0] == "status"),
-          {.output = [this](std::size_t host, std::uint32_t request,
-                            std::string_view text) { take_output(host, request, text); },
-           .status = [this](std::size_t host, const status_answer& answer) { take_status(host, answer); },
-           .ended = [this](std::size_t host, std::uint32_t request,
-                           const command_result& end) { take_end(host, request, end); },
-           .late =
-               [this](std::size_t host, std::uint32_t request) {
-                   if (states_[host].request == request) {
-                       give_up(host, outcome::no_answer);
-                   }
-               },
+          {.output = std::bind_front(&command_runner::take_output, this),
+           .status = std::bind_front(&command_runner::take_status, this),
+           .ended = std::bind_front(&command_runner::take_end, this),
+           .late = std::bind_front(&command_runner::take_silence, this),
            .closed = [this](std::size_t host, std::size_t waiting, bool) { states_[host].waiting = waiting; },
-           .password_needed =
-               [this](std::size_t host) {
-                   if (chosen_.hosts.size() > 1 || states_[host].request == 0 || !ask_for_password()) {
-                       agent_.password(host, std::nullopt);
-                   }
-               }}),
+           .password_needed = std::bind_front(&command_runner::give_password, this)}),
       signals_(how_.suspend),
       states_(chosen.hosts.size()),
       output_(chosen.hosts, chosen.several && how_.convert == nullptr, order_for(chosen),
@@ -164,6 +151,18 @@ void command_runner::give_up(std::size_t host, outcome how) {
     ++given_up_;
     agent_.cancel(host, states_[host].request);
     finish_host(host, {how});
+}
+
+void command_runner::take_silence(std::size_t host, std::uint32_t request) {
+    if (states_[host].request == request) {
+        give_up(host, outcome::no_answer);
+    }
+}
+
+void command_runner::give_password(std::size_t host) {
+    if (chosen_.hosts.size() > 1 || states_[host].request == 0 || !ask_for_password()) {
+        agent_.password(host, std::nullopt);
+    }
 }
 
 // Returns false, with password_problem_, when there is none.

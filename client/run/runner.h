@@ -74,6 +74,8 @@ private:
     void show(std::size_t host, const status_answer& answer);
     void report_trouble(std::size_t host, const status_answer& answer, bool is_shown) const;
     void take_end(std::size_t host, std::uint32_t request, const command_result& end);
+    void take_silence(std::size_t host, std::uint32_t request);
+    void give_password(std::size_t host);
     void give_up(std::size_t host, outcome how);
     void finish_host(std::size_t host, const command_result& end);
     void written(std::size_t host);

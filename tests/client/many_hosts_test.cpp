@@ -1,5 +1,6 @@
 // schedctl with several hosts: which hosts it asks, the order of their lines, and that a failing host does not hold up
 // the others.
+#include "agent/agent.h"
 #include "e2e/harness.h"
 #include "net/host_link.h"
 #include "protocol/login.h"
@@ -26,6 +27,7 @@ protected:
         first.module("slow", "sleep 0.5; printf 'one\\ntwo'");
         second.module("slow", "seq 100000; printf end");
         first.module("code", "exit 3");
+        first.module("stay", "touch " + first.path("called") + "; sleep 0.5");
         second.module("code", "exit 7");
         const auto wait_for = [this](const char* name) {
             return "while [ -e " + first.path("hosts") + " ] && [ ! -e " + first.path(name) + " ]; do sleep 0.02; done";
@@ -157,6 +159,24 @@ TEST(HostLink, TriesEachIPv4AddressAndClosesThoseThatFail) {
     }));
     EXPECT_GE(link.fd(), 0);
     EXPECT_EQ(descriptors(), before + 1);
+}
+
+// A command is under way, so the last status comes later. Whoever closes again waits for the same report.
+TEST_F(E2eManyHosts, EachCloseOfAHeldConnectionIsReported) {
+    setenv("XDG_STATE_HOME", first.path("agent").c_str(), 1);
+    int held = 0;
+    client::agent_listener events;
+    events.closed = [&](std::size_t, std::size_t, bool is_held) { held += is_held ? 1 : 0; };
+    client::agent agent({{"A", "127.0.0.1", static_cast<std::uint16_t>(first.port), ""}}, {}, events);
+    agent.ask(0, 1, {"stay"});
+    EXPECT_TRUE(wait_until([&] {
+        agent.step({}, std::chrono::steady_clock::now() + 10ms);
+        return std::filesystem::exists(first.path("called"));
+    }));
+    agent.close(0);
+    agent.close(0);
+    EXPECT_EQ(held, 2);
+    unsetenv("XDG_STATE_HOME");
 }
 
 // The scheduler delivers each message only once, so giving up on a stalled host must not lose those of the others.
