@@ -32,7 +32,11 @@ held_connection::~held_connection() {
 
 bool held_connection::older_exists(const std::string& key, clock::time_point connecting_at) {
     state_file file(path_of(key), state_file::access::update);
-    if (!file.is_open() || file.lock()) {
+    if (!file.is_open()) {
+        return false;
+    }
+    if (file.lock()) {
+        file.remove();  // of a process that was killed
         return false;
     }
     const long long since = std::strtoll(file.read().c_str(), nullptr, 10);

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <map>
+#include <regex>
 #include <system_error>
 #include <thread>
 #include <unistd.h>
@@ -25,11 +26,10 @@ std::string error_text(int error) {
 
 constexpr int max_names = 100;
 
-// True for what name_own() makes: digits, a dot, eight hexadecimal digits.
+// What name_own() makes.
 bool is_name(const std::string& text) {
-    const std::size_t dot = text.find_first_not_of("0123456789");
-    return dot != 0 && dot != std::string::npos && text[dot] == '.' && text.size() == dot + 9 &&
-           text.find_first_not_of("0123456789abcdef", dot + 1) == std::string::npos;
+    static const std::regex form("[0-9]+\\.[0-9a-f]{8}");
+    return std::regex_match(text, form);
 }
 
 }  // namespace
@@ -73,19 +73,19 @@ bool mailbox::open_own(std::string& problem) {
             own_.is_open() ? EEXIST : own_.error();  // a new file that another took for one of a dead process
         return own_.is_open() && own_.lock();
     };
-    if (!own_.is_open() && !name_own(make, problem)) {
-        own_ = state_file();
-    } else {
-        remove_dead();
+    if (own_.is_open()) {
+        return true;
     }
-    return own_.is_open();
+    if (!name_own(make, problem)) {
+        own_ = state_file();
+        return false;
+    }
+    remove_dead();
+    return true;
 }
 
 // Removes the files of processes that were killed.
 void mailbox::remove_dead() {
-    if (std::exchange(is_clean_, true)) {
-        return;
-    }
     std::error_code ignored;
     for (const auto& entry : std::filesystem::directory_iterator(state_directory() + "/live", ignored)) {
         is_alive(entry.path().filename());  // leaves other files alone
@@ -108,8 +108,8 @@ std::optional<std::string> mailbox::reserve(std::size_t answers) {
 }
 
 std::vector<std::uint64_t> mailbox::store(const std::string& key, const std::string& address,
-                                          const std::vector<std::string>& lines, message_totals& totals,
-                                          std::string& problem) {
+                                          const std::vector<std::string>& lines, bool shows,
+                                          message_totals& totals, std::string& problem) {
     totals = counters_of(key).totals;
     std::optional<box> to = open_own(problem) ? box::open(key, problem) : std::nullopt;
     if (!to) {
@@ -119,7 +119,7 @@ std::vector<std::uint64_t> mailbox::store(const std::string& key, const std::str
     std::vector<box::record> records;
     for (const std::string& line : lines) {
         text += line + "\n";
-        records.push_back({0, true, 0, kind_ == mail_kind::followers ? 'f' : 'o', shows_ ? name_ : "", line});
+        records.push_back({0, true, 0, kind_ == mail_kind::followers ? 'f' : 'o', shows ? name_ : "", line});
     }
     counter_row& counters = to->counters();
     counters.totals.add(parse_status(text));
@@ -135,7 +135,7 @@ std::vector<std::uint64_t> mailbox::store(const std::string& key, const std::str
         problem = "the box of " + key + ": " + error_text(errno);
         return {};
     }
-    has_some_ = has_some_ || shows_;
+    has_some_ = has_some_ || shows;
     to->clean();
     totals = counters.totals;
     std::vector<std::uint64_t> ids;

@@ -1,36 +1,22 @@
 #include "mail/replace_file.h"
 
+#include "term/descriptor.h"
 #include "term/text.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
+#include <filesystem>
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
 
 namespace client {
 
-namespace {
-
-void sync_directory(const std::string& path) {
-    const int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) {
-        return;
-    }
-    fsync(fd);  // where it is refused, the file is in place all the same
-    close(fd);
-}
-
-}  // namespace
-
 std::string directory_of(const std::string& path) {
-    const std::size_t slash = path.rfind('/');
-    if (slash == std::string::npos) {
-        return ".";
-    }
-    return slash == 0 ? "/" : path.substr(0, slash);
+    const std::string directory = std::filesystem::path(path).parent_path();
+    return directory.empty() ? "." : directory;
 }
 
 bool replace_file(const std::string& path, std::string_view text, mode_t mode, bool durable,
@@ -52,8 +38,9 @@ bool replace_file(const std::string& path, std::string_view text, mode_t mode, b
     const int write_error = errno;       // closing may set errno too
     const bool closed = close(fd) == 0;  // some file systems report a full disk only here
     if (written && closed && std::rename(temporary.c_str(), path.c_str()) == 0) {
-        if (durable) {
-            sync_directory(directory_of(path));
+        const descriptor directory(open(directory_of(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (durable && directory.is_open()) {
+            fsync(directory.get());  // where it is refused, the file is in place all the same
         }
         return true;
     }

@@ -2,12 +2,13 @@
 // regular file, no link is followed.
 #pragma once
 
+#include "term/descriptor.h"
+
 #include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <sys/types.h>
 
 namespace client {
 
@@ -18,12 +19,10 @@ public:
     state_file() = default;
     // A file that is created has the mode 0660 in a shared directory, else 0600, whatever the umask is.
     state_file(std::string path, access how);
-    ~state_file();
-    state_file(state_file&& other) noexcept;
-    state_file& operator=(state_file&& other) noexcept;
 
-    bool is_open() const { return fd_ >= 0; }
+    bool is_open() const { return file_.is_open(); }
     int error() const { return error_; }  // errno of the constructor when it is not open
+    int fd() const { return file_.get(); }
     const std::string& path() const { return path_; }
 
     // Locks the file against other processes; tries until that time, at least once. Also false when it was removed
@@ -33,13 +32,13 @@ public:
     std::string read() const;
     bool write_at(std::uint64_t offset, std::string_view bytes) const;  // false with errno
     bool reserve(std::uint64_t size) const;                             // the same
-    bool truncate(std::uint64_t size) const;
-    void remove();                          // only while it is locked
-    bool move_to(const std::string& path);  // false with errno when that exists
+    bool truncate(std::uint64_t size) const;                            // the same
+    void remove();                                                      // only while it is locked
+    bool move_to(const std::string& path);                              // false with errno when that exists
 
 private:
     std::string path_;
-    int fd_ = -1;
+    descriptor file_;
     int error_ = 0;
 };
 

@@ -64,16 +64,16 @@ std::string state_directory() {
 std::string state_subdirectory(const char* name) {
     const std::string state = state_directory();
     std::string path = state.empty() ? "" : state + "/" + name + "/";
-    if (!path.empty() && mkdir(path.c_str(), 0700) == 0 && state_is_shared()) {
+    if (!path.empty() && mkdir(path.c_str(), 0700) == 0 && is_shared(state)) {
         chmod(path.c_str(), 02770);
     }
     return path;
 }
 
-bool state_is_shared() {
+bool is_shared(const std::string& directory) {
     struct stat info {};
     constexpr mode_t shared = S_ISGID | S_IWGRP;
-    return stat(state_directory().c_str(), &info) == 0 && (info.st_mode & shared) == shared;
+    return stat(directory.c_str(), &info) == 0 && (info.st_mode & shared) == shared;
 }
 
 }  // namespace client

@@ -17,7 +17,7 @@ std::string state_subdirectory(const char* name);
 // The same for what is private: the history of sessions. Never the package's directory.
 std::string private_directory();
 
-// True when state_directory() is shared by a group: its files then have the mode 0660.
-bool state_is_shared();
+// True when this directory is shared by a group: its files then have the mode 0660.
+bool is_shared(const std::string& directory);
 
 }  // namespace client

@@ -9,20 +9,13 @@ namespace client {
 constexpr int history_size = 1000;  // lines that a session offers, and that a trimmed file keeps
 constexpr long longest_history_file = 256L * 1024;  // bytes; a longer file is trimmed
 
-class history_file {
-public:
-    // With an empty path nothing is read or written. A file that is missing, stays locked or is not a regular file
-    // counts as empty and is not written: the session then works without a history.
-    explicit history_file(std::string path) : path_(std::move(path)) {}
+// A file that is missing, stays locked (by a session that was stopped while it ends) or is no regular file counts as
+// empty and is not written: the session then works without it. The same with an empty path.
 
-    // Adds the file's newest lines to the history.
-    void load(History* into) const;
+// Adds the file's newest lines to the history.
+void load_history(const std::string& path, History* into);
 
-    // Appends the lines of the history, oldest first, after the lines that other sessions have written meanwhile.
-    void append(History* lines) const;
-
-private:
-    std::string path_;
-};
+// Appends the lines of the history, oldest first, after the lines that other sessions have written meanwhile.
+void append_history(const std::string& path, History* lines);
 
 }  // namespace client

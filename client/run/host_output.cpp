@@ -1,12 +1,10 @@
 #include "run/host_output.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <poll.h>
 #include <system_error>
 #include <unistd.h>
-#include <utility>
 
 namespace client {
 
@@ -19,9 +17,7 @@ std::string with_prefix(const std::string& prefix, std::string_view text, bool& 
     while (!text.empty()) {
         const std::size_t end = text.find('\n');
         const std::size_t length = end == std::string_view::npos ? text.size() : end + 1;
-        if (at_line_start) {
-            out += prefix;
-        }
+        out += at_line_start ? prefix : "";
         out += text.substr(0, length);
         at_line_start = end != std::string_view::npos;
         text.remove_prefix(length);
@@ -41,28 +37,32 @@ host_output::host_output(const std::vector<host_name>& hosts, bool prefixed, ord
 void host_output::add(std::size_t host, std::string_view text) {
     lane& to = lanes_[host];
     const std::string lines = with_prefix(to.prefix, text, to.at_line_start);
-    to.text.add(lines);
-    if (const std::size_t end = lines.rfind('\n'); end != std::string::npos) {
-        to.complete = to.added + end + 1;
-    }
-    to.added += lines.size();
-    if (order_ == order::stream) {
-        schedule(host, to.added);
-    } else if (order_ == order::by_line) {
+    if (order_ == order::by_line) {
         // The start of an incomplete line waits, so that another host's output cannot get into the line.
-        schedule(host, to.complete);
+        const std::size_t complete = lines.rfind('\n') + 1;
+        if (complete != 0) {
+            put(to, std::string_view(lines).substr(0, complete));
+            release(host);
+        }
+        return put(to, std::string_view(lines).substr(complete));
     }
+    put(to, lines);
+    if (order_ == order::stream) {
+        release(host);
+    }
+}
+
+void host_output::put(lane& to, std::string_view lines) {
+    to.text.add(lines);
+    to.size += lines.size();
 }
 
 void host_output::mark(std::size_t host, std::uint64_t id) {
-    lanes_[host].marks.emplace_back(lanes_[host].added, id);
-}
-
-void host_output::schedule(std::size_t host, std::uint64_t end) {
-    if (!turns_.empty() && turns_.back().host == host) {
-        turns_.back().end = end;
-    } else {
-        turns_.push_back({host, end});
+    lane& of = lanes_[host];
+    if (id != 0 && of.size != 0) {
+        of.marks.emplace_back(of.size, id);
+    } else if (id != 0) {
+        marks_.emplace_back(added_, id);  // the text is ready already
     }
 }
 
@@ -74,75 +74,69 @@ void host_output::end(std::size_t host) {
     }
     from.ended = true;
     if (order_ != order::by_host || !in_order_) {
-        return schedule(host, from.added);
+        return release(host);
     }
     for (; first_ < lanes_.size() && lanes_[first_].ended; ++first_) {
-        schedule(first_, lanes_[first_].added);
+        release(first_);
     }
 }
 
 void host_output::stop_ordering() {
-    if (order_ != order::by_host || !std::exchange(in_order_, false)) {
-        return;
-    }
-    for (; first_ < lanes_.size(); ++first_) {
+    in_order_ = false;
+    for (; order_ == order::by_host && first_ < lanes_.size(); ++first_) {
         if (lanes_[first_].ended) {
-            schedule(first_, lanes_[first_].added);
+            release(first_);
         }
     }
 }
 
-std::size_t host_output::waiting_bytes() const {
-    std::uint64_t sum = 0;
-    for (const lane& from : lanes_) {
-        sum += from.added - from.written;
+// Makes the text of a host ready to be written.
+void host_output::release(std::size_t host) {
+    lane& from = lanes_[host];
+    for (; !from.marks.empty(); from.marks.pop_front()) {
+        marks_.emplace_back(added_ + from.marks.front().first, from.marks.front().second);
     }
-    return sum;
+    while (!from.text.empty()) {
+        const std::string_view piece = from.text.front();
+        ready_.add(piece);
+        from.text.pop(piece.size());
+    }
+    added_ += std::exchange(from.size, 0);
+    if (std::exchange(from.ended, false)) {
+        ends_.emplace_back(added_, host);
+    }
 }
 
-void host_output::finish_turn() {
-    const std::size_t host = turns_.front().host;
-    turns_.pop_front();
-    lane& from = lanes_[host];
-    if (from.written == from.added && std::exchange(from.ended, false)) {
-        listener_.ended(host);
-    }
-}
-
-void host_output::acknowledge(std::size_t host) {
-    lane& from = lanes_[host];
+void host_output::report_written() {
     std::vector<std::uint64_t> ids;
-    for (; !from.marks.empty() && from.marks.front().first <= from.written; from.marks.pop_front()) {
-        ids.push_back(from.marks.front().second);
+    for (; !marks_.empty() && marks_.front().first <= written_; marks_.pop_front()) {
+        ids.push_back(marks_.front().second);
     }
     if (!ids.empty()) {
         listener_.shown(ids);
     }
+    while (!ends_.empty() && ends_.front().first <= written_) {
+        const std::size_t host = ends_.front().second;
+        ends_.pop_front();
+        listener_.ended(host);
+    }
 }
 
 void host_output::write_some() {
-    while (!turns_.empty()) {
-        const turn now = turns_.front();
-        lane& from = lanes_[now.host];
-        if (from.written == now.end) {
-            finish_turn();
-            continue;
-        }
-        pollfd ready{STDOUT_FILENO, POLLOUT, 0};
-        if (poll(&ready, 1, 0) <= 0) {
+    for (report_written(); !ready_.empty(); report_written()) {
+        pollfd output{STDOUT_FILENO, POLLOUT, 0};
+        if (poll(&output, 1, 0) <= 0) {
             return;
         }
         // A pipe that is ready takes so much without waiting.
-        const std::size_t size = std::min<std::uint64_t>(PIPE_BUF, now.end - from.written);
-        const std::string_view piece = from.text.front().substr(0, size);
+        const std::string_view piece = ready_.front().substr(0, PIPE_BUF);
         const ssize_t n = write(STDOUT_FILENO, piece.data(), piece.size());
         if (n < 0 && errno != EINTR && errno != EAGAIN) {
             throw std::system_error(errno, std::generic_category(), "cannot write");
         }
         if (n > 0) {
-            from.written += static_cast<std::uint64_t>(n);
-            from.text.pop(static_cast<std::size_t>(n));
-            acknowledge(now.host);
+            written_ += static_cast<std::size_t>(n);
+            ready_.pop(static_cast<std::size_t>(n));
         }
     }
 }

@@ -10,6 +10,7 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace client {
@@ -34,7 +35,7 @@ public:
 
     void add(std::size_t host, std::string_view text);
 
-    // The message with this number is in the text that was added so far, and not in what follows.
+    // The message with this number is in the text that was added so far, and not in what follows. 0 is ignored.
     void mark(std::size_t host, std::uint64_t id);
 
     // The host's command has ended. In a stream another one may follow.
@@ -44,41 +45,41 @@ public:
     void stop_ordering();
 
     // Bytes that are ready to be written, and ends that are to be reported.
-    bool is_waiting() const { return !turns_.empty(); }
-    std::size_t waiting_bytes() const;
+    bool is_waiting() const { return waiting_bytes() != 0 || !ends_.empty(); }
+    std::size_t waiting_bytes() const { return added_ - written_; }
 
     // Writes what standard output takes without waiting. Throws std::system_error when it cannot be written.
     void write_some();
 
 private:
+    using mark_list =
+        std::deque<std::pair<std::size_t, std::uint64_t>>;  // a number of bytes, and what ends there
+
+    // What is not ready to be written.
     struct lane {
         std::string prefix;
         spill_queue text = {};
+        std::size_t size = 0;  // bytes of text
+        mark_list marks = {};
         bool at_line_start = true;
         bool ended = false;
-        std::uint64_t added = 0;     // bytes, since the beginning
-        std::uint64_t complete = 0;  // those up to the end of the last line
-        std::uint64_t written = 0;
-        std::deque<std::pair<std::uint64_t, std::uint64_t>> marks =
-            {};  // end of a message in these bytes, and its number
-    };
-    // The output of this host is to be written up to this byte.
-    struct turn {
-        std::size_t host;
-        std::uint64_t end;
     };
 
-    void schedule(std::size_t host, std::uint64_t end);
-    void finish_turn();
-    void acknowledge(std::size_t host);
+    void put(lane& to, std::string_view lines);
+    void release(std::size_t host);
+    void report_written();
 
+    const bool prefixed_;
+    const order order_;
+    const listener listener_;
     std::vector<lane> lanes_;
-    bool prefixed_;
-    order order_;
-    listener listener_;
-    std::size_t first_ = 0;  // by_host: the first host that has no turn yet
+    std::size_t first_ = 0;  // by_host: the first host that was not released
     bool in_order_ = true;
-    std::deque<turn> turns_;
+    spill_queue ready_;
+    std::size_t added_ = 0;  // to ready_, since the beginning
+    std::size_t written_ = 0;
+    mark_list marks_;  // the numbers of messages in these bytes
+    mark_list ends_;   // the hosts that end there
 };
 
 }  // namespace client

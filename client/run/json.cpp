@@ -7,10 +7,36 @@
 
 namespace client {
 
-namespace {
-
 // Members keep the order in which they are added.
 using json = nlohmann::ordered_json;
+
+// The rows of the answers.
+static void to_json(json& to, const condition& c) {
+    to = {{"name", c.name}, {"since", c.since}};
+}
+
+static void to_json(json& to, const message& m) {
+    to = {{"date", m.date}, {"text", m.text}};
+}
+
+static void to_json(json& to, const hmi_row& r) {
+    to = {{"ip", r.ip}, {"user", r.user}, {"login", r.login}, {"locked", r.locked}};
+}
+
+static void to_json(json& to, const module_row& m) {
+    to = {{"name", m.name}, {"on", m.on}};
+}
+
+static void to_json(json& to, const timer_job& j) {
+    to = {{"command", j.command}, {"minutes", j.minutes}, {"hours", j.hours},
+          {"days", j.days},       {"months", j.months},   {"weekdays", j.weekdays}};
+}
+
+static void to_json(json& to, const network_row& n) {
+    to = {{"address", n.address}, {"prefix", n.prefix}};
+}
+
+namespace {
 
 // ASCII output and replaced bytes: messages may contain any bytes, and JSON must be UTF-8.
 std::string line_of(const json& value) {
@@ -19,31 +45,7 @@ std::string line_of(const json& value) {
 
 std::string status_json(std::string_view answer) {
     const status_report report = parse_status(answer);
-    json value{{"conditions", json::array()}, {"messages", json::array()}, {"lost", report.lost}};
-    for (const condition& c : report.conditions) {
-        value["conditions"].push_back({{"name", c.name}, {"since", c.since}});
-    }
-    for (const message& m : report.messages) {
-        value["messages"].push_back({{"date", m.date}, {"text", m.text}});
-    }
-    return line_of(value);
-}
-
-std::string show_ip_json(std::string_view answer) {
-    json value{{"connections", json::array()}};
-    for (const hmi_row& r : parse_show_ip(answer)) {
-        value["connections"].push_back(
-            {{"ip", r.ip}, {"user", r.user}, {"login", r.login}, {"locked", r.locked}});
-    }
-    return line_of(value);
-}
-
-std::string modules_json(std::string_view answer) {
-    json value{{"modules", json::array()}};
-    for (const module_row& m : parse_modules(answer)) {
-        value["modules"].push_back({{"name", m.name}, {"on", m.on}});
-    }
-    return line_of(value);
+    return line_of({{"conditions", report.conditions}, {"messages", report.messages}, {"lost", report.lost}});
 }
 
 // The answer of `modcntl` is empty when the module was switched, and has a text when that was refused.
@@ -52,27 +54,6 @@ std::string switch_json(const std::vector<std::string>& words, std::string_view 
         return line_of({{"error", answer.substr(0, answer.find('\n'))}});
     }
     return line_of({{"module", words[1]}, {"on", words.back() == "on"}});
-}
-
-std::string timer_json(std::string_view answer) {
-    json value{{"jobs", json::array()}};
-    for (const timer_job& j : parse_timer_jobs(answer)) {
-        value["jobs"].push_back({{"command", j.command},
-                                 {"minutes", j.minutes},
-                                 {"hours", j.hours},
-                                 {"days", j.days},
-                                 {"months", j.months},
-                                 {"weekdays", j.weekdays}});
-    }
-    return line_of(value);
-}
-
-std::string networks_json(std::string_view answer) {
-    json value{{"allowed", json::array()}};
-    for (const network_row& n : parse_networks(answer)) {
-        value["allowed"].push_back({{"address", n.address}, {"prefix", n.prefix}});
-    }
-    return line_of(value);
 }
 
 }  // namespace
@@ -86,15 +67,29 @@ json_writer json_writer_of(const std::vector<std::string>& words) {
         return [words](std::string_view answer) { return switch_json(words, answer); };
     }
     // An empty argument means any: the scheduler ignores further words.
-    constexpr struct {
+    const struct {
         std::string_view command;
         std::string_view argument;
         std::string (*write)(std::string_view answer);
-    } forms[] = {{"status", "", status_json},
-                 {"modcntl", "", modules_json},
-                 {"debug", "timer", timer_json},
-                 {"show", "ip", show_ip_json},
-                 {"show", "allowed_ip", networks_json}};
+    } forms[] = {
+        {"status", "", status_json},
+        {"modcntl", "",
+         [](std::string_view a) {
+             return line_of({{"modules", parse_modules(a)}});
+         }},
+        {"debug", "timer",
+         [](std::string_view a) {
+             return line_of({{"jobs", parse_timer_jobs(a)}});
+         }},
+        {"show", "ip",
+         [](std::string_view a) {
+             return line_of({{"connections", parse_show_ip(a)}});
+         }},
+        {"show", "allowed_ip",
+         [](std::string_view a) {
+             return line_of({{"allowed", parse_networks(a)}});
+         }},
+    };
     for (const auto& form : forms) {
         if (words[0] == form.command &&
             (form.argument.empty() || (words.size() > 1 && words[1] == form.argument))) {

@@ -3,6 +3,7 @@
 #include "protocol/words.h"
 #include "term/signals.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cwchar>
@@ -16,11 +17,8 @@ namespace {
 std::string common_prefix(const std::vector<std::string>& words) {
     std::string common = words.front();
     for (const std::string& word : words) {
-        std::size_t same = 0;
-        while (same < common.size() && same < word.size() && common[same] == word[same]) {
-            ++same;
-        }
-        common.resize(same);
+        common.erase(std::mismatch(common.begin(), common.end(), word.begin(), word.end()).first,
+                     common.end());
     }
     return common;
 }
@@ -28,7 +26,7 @@ std::string common_prefix(const std::vector<std::string>& words) {
 }  // namespace
 
 line_editor::line_editor(const std::string& prompt, const std::string& history_path, signal_watch& signals)
-    : prompt_(prompt), file_(history_path), signals_(signals) {
+    : prompt_(prompt), history_path_(history_path), signals_(signals) {
     editor_ = el_init("schedctl", stdin, stdout, stderr);
     history_ = history_init();
     typed_ = history_init();
@@ -36,7 +34,7 @@ line_editor::line_editor(const std::string& prompt, const std::string& history_p
     history(history_, &event, H_SETSIZE, history_size);
     history(history_, &event, H_SETUNIQUE, 1);  // no line twice in a row
     history(typed_, &event, H_SETSIZE, history_size);
-    file_.load(history_);
+    load_history(history_path_, history_);
     el_set(editor_, EL_CLIENTDATA, this);
     el_set(editor_, EL_PROMPT, prompt_of);
     el_set(editor_, EL_EDITOR, "emacs");
@@ -53,7 +51,7 @@ line_editor::line_editor(const std::string& prompt, const std::string& history_p
 }
 
 line_editor::~line_editor() {
-    file_.append(typed_);
+    append_history(history_path_, typed_);
     history_end(typed_);
     history_end(history_);
     el_end(editor_);
@@ -187,12 +185,8 @@ unsigned char line_editor::complete(EditLine* editor, std::wint_t) {
     std::vector<std::string> earlier;
     split_words(std::string_view(before).substr(0, start), earlier);
 
-    std::vector<std::string> fitting;
-    for (const std::string& word : own.candidates(earlier)) {
-        if (word.starts_with(typed)) {
-            fitting.push_back(word);
-        }
-    }
+    std::vector<std::string> fitting = own.candidates(earlier);
+    std::erase_if(fitting, [&typed](const std::string& word) { return !word.starts_with(typed); });
     if (fitting.empty()) {
         return CC_ERROR;
     }

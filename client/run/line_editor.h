@@ -49,7 +49,7 @@ private:
     void show_above(const std::string& text);
 
     std::string prompt_;
-    history_file file_;
+    std::string history_path_;
     signal_watch& signals_;
     EditLine* editor_;
     History* history_;  // the lines that the arrow keys show: earlier sessions and this one

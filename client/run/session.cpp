@@ -30,12 +30,14 @@ public:
     session(const settings& chosen, bool at_terminal)
         : chosen_(chosen),
           terminal_(at_terminal),
-          runner_(chosen, {.at_terminal = at_terminal, .suspend = suspend_for(at_terminal)}) {}
+          runner_(chosen, {.at_terminal = at_terminal,
+                           .suspend = at_terminal ? std::bind_front(&session::suspend, this)
+                                                  : std::function<void()>()}) {}
     int at_terminal();
     int from_pipe();
 
 private:
-    std::function<void()> suspend_for(bool at_terminal);
+    void suspend();
     bool run_line(const std::string& line);
     bool run(const word_list& words);
     void run_at_terminal(const word_list& words);
@@ -49,15 +51,10 @@ private:
     int exit_code_ = 0;
 };
 
-std::function<void()> session::suspend_for(bool at_terminal) {
-    if (!at_terminal) {
-        return nullptr;
+void session::suspend() {
+    if (editor_ != nullptr) {
+        editor_->suspend();
     }
-    return [this] {
-        if (editor_ != nullptr) {
-            editor_->suspend();
-        }
-    };
 }
 
 // Returns false when the session is over.

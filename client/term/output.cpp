@@ -3,10 +3,14 @@
 #include "term/exit_code.h"
 #include "term/text.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
+#include <poll.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -14,9 +18,35 @@ namespace client {
 
 namespace {
 
+constexpr int signal_interval = 100;  // milliseconds
+
 void report_failure() {
     std::fprintf(stderr, "%s: cannot write: %s\n", program_invocation_short_name,
                  std::generic_category().message(errno).c_str());
+}
+
+// Writing to standard error waits for its reader. Our signals may be blocked, so one that tells the program to end must
+// end this wait, too.
+ssize_t write_error(void* /*unused*/, const char* text, std::size_t size) {
+    for (std::size_t done = 0; done < size;) {
+        sigset_t pending;
+        pollfd ready{STDERR_FILENO, POLLOUT, 0};
+        while (poll(&ready, 1, signal_interval) == 0) {
+            sigpending(&pending);
+            for (const int signo : {SIGINT, SIGTERM, SIGHUP}) {
+                if (sigismember(&pending, signo) == 1) {
+                    return static_cast<ssize_t>(size);
+                }
+            }
+        }
+        // A pipe that is ready takes so much without waiting.
+        const ssize_t n = write(STDERR_FILENO, text + done, std::min<std::size_t>(size - done, PIPE_BUF));
+        if (n < 0 && errno != EINTR) {
+            return 0;
+        }
+        done += n > 0 ? static_cast<std::size_t>(n) : 0;
+    }
+    return static_cast<ssize_t>(size);
 }
 
 }  // namespace
@@ -27,6 +57,10 @@ bool open_standard_streams() {
         if (fcntl(fd, F_GETFD) < 0 && open("/dev/null", O_RDONLY) != fd) {
             return false;
         }
+    }
+    if (std::FILE* const patient = fopencookie(nullptr, "w", {nullptr, write_error, nullptr, nullptr})) {
+        std::setvbuf(patient, nullptr, _IONBF, 0);
+        stderr = patient;
     }
     return true;
 }

@@ -264,6 +264,10 @@ TEST_F(E2eClientPipe, OutputThatCannotBeWrittenIsReported) {
     }
     EXPECT_EQ(ctl(suite, "parts status").code, 0);
     EXPECT_EQ(suite.calls(), "parts status");
+    // Nobody reads standard error, whose pipe is full: a signal ends the wait.
+    const std::string blocked = "{ head -c 65536 /dev/zero; timeout -s INT 1 " SCHEDCTL_BINARY " fly; echo $? >" +
+                                suite.path("ended") + "; } 2>&1 | { sleep 4; cat " + suite.path("ended") + "; }";
+    EXPECT_EQ(run(suite, "sh -c '" + blocked + "'").out, "124\n");
 }
 
 TEST_F(E2eClientPipe, JsonHasEveryFieldAndIsValidForAnyText) {
