@@ -22,10 +22,7 @@ int run(const client::settings& chosen) {
     if (chosen.monitoring.check) {
         return client::run_check(chosen);
     }
-    if (chosen.follow) {
-        return client::run_follow(chosen);
-    }
-    if (chosen.watch) {
+    if (chosen.watch || chosen.follow) {
         return client::run_watch(chosen);
     }
     return chosen.words.empty() ? client::run_session(chosen) : client::run_command(chosen);

@@ -1,11 +1,10 @@
-#include "watch/live_view.h"
-
 #include "options/options.h"
 #include "protocol/limits.h"
 #include "term/screen.h"
-#include "watch/hosts_view.h"
+#include "watch/drawing.h"
+#include "watch/line_writer.h"
 #include "watch/poller.h"
-#include "watch/watch_view.h"
+#include "watch/watch.h"
 
 #include <algorithm>
 #include <chrono>
@@ -63,10 +62,11 @@ private:
 live_view::live_view(const settings& chosen)
     : chosen_(chosen),
       signals_([this] { without_screen([] { std::raise(SIGTSTP); }); }),
-      poller_(chosen, mail_kind::operators, *this) {
-    for (const host_name& host : chosen.hosts) {
-        rows_.emplace_back().label =
-            chosen.several ? host.label : host.name + ":" + std::to_string(host.port);
+      poller_(chosen, showing(chosen, mail_kind::operators), false, *this) {
+    for (std::size_t number = 0; number < chosen.hosts.size(); ++number) {
+        const host_name& host = chosen.hosts[number];
+        rows_.push_back({chosen.several ? host.label : host.name + ":" + std::to_string(host.port),
+                         poller_.known(number)});
     }
 }
 
@@ -78,14 +78,12 @@ void live_view::begin() {
 }
 
 void live_view::connected(std::size_t host, bool /*again*/) {
-    rows_[host].known = true;
-    rows_[host].trouble.clear();
+    rows_[host].since.clear();
     begin();
 }
 
 void live_view::received(std::size_t host, const status_answer& answer, const status_update& update) {
     host_row& row = rows_[host];
-    row.conditions = update.conditions;
     for (const received_message& m : update.messages) {
         row.lost += m.lost;
         row.newest = m.lost == 0 ? m : row.newest;
@@ -103,15 +101,10 @@ void live_view::received(std::size_t host, const status_answer& answer, const st
     notice_ = notices.empty() ? notice_ : notices;
 }
 
-void live_view::failed(std::size_t host, const command_result& why, bool /*is_news*/) {
-    host_row& row = rows_[host];
-    row.known = true;
-    // Later failures of an outage keep the date of the first.
-    if (row.trouble.empty()) {
-        row.since = now_date();
-    }
-    row.is_silent = why.how == outcome::no_answer;
-    row.trouble = describe(why);
+// Later failures of an outage keep the date of the first.
+void live_view::failed(std::size_t host, const command_result& /*why*/, bool /*is_news*/) {
+    std::string& since = rows_[host].since;
+    since = since.empty() ? now_date() : since;
 }
 
 std::optional<std::string> live_view::password(const host_name& host) {
@@ -203,9 +196,10 @@ int live_view::run() {
     screen_.leave();
     phase_ = phase::after;
     std::for_each(messages_.begin(), messages_.end(), [this](const listed_message& m) { print(m); });
-    poller_.finish(signals_);
+    pollfd signal[] = {{signals_.fd(), POLLIN, 0}};
+    poller_.finish(signal);
     std::fputs(notice_.c_str(), stderr);
-    return poller_.given_up() ? poller_.report_given_up() : out_.exit_code();
+    return poller_.report_given_up(out_.exit_code());
 }
 
 }  // namespace
