@@ -1,7 +1,7 @@
 #include "agent/agent.h"
 
 #include "protocol/limits.h"
-#include "term/each_line.h"
+#include "term/text.h"
 
 #include <algorithm>
 #include <csignal>

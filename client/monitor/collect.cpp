@@ -2,6 +2,7 @@
 
 #include "options/options.h"
 #include "protocol/limits.h"
+#include "term/output.h"
 #include "watch/poller.h"
 
 #include <algorithm>
@@ -11,84 +12,77 @@ namespace client {
 
 namespace {
 
-using clock = poller::clock;
-
-class collector : public poll_output {
+class collector : private poller {
 public:
     collector(const settings& chosen, bool with_details);
 
     // Asks all hosts and returns what is known of them at that time, in their order.
     std::vector<snapshot> run(clock::time_point until);
 
+private:
     void received(std::size_t, const status_answer& answer, const status_update&) override {
         report_unstored(answer);
     }
     void polled(std::size_t host) override;
 
-private:
     std::vector<std::optional<snapshot>> followed_;
     std::vector<bool> done_;
     std::size_t left_;  // hosts that are not done
-    poller poller_;
 };
 
 collector::collector(const settings& chosen, bool with_details)
-    : followed_(chosen.hosts.size()),
+    : poller(chosen, collecting(chosen, stored_messages::looked_at), with_details),
+      followed_(chosen.hosts.size()),
       done_(chosen.hosts.size()),
-      left_(chosen.hosts.size()),
-      poller_(chosen, collecting(chosen, stored_messages::looked_at), with_details, *this) {}
+      left_(chosen.hosts.size()) {}
 
 // What comes later is stored, and the next call has it.
 void collector::polled(std::size_t host) {
     done_[host] = true;
     --left_;
-    poller_.close(host);
+    close(host);
 }
 
 std::vector<snapshot> collector::run(clock::time_point until) {
     for (std::size_t host = 0; host < done_.size(); ++host) {
-        if ((followed_[host] = followed_state(poller_.hosts()[host]))) {
+        if ((followed_[host] = followed_state(hosts()[host]))) {
             polled(host);
         }
     }
     while (left_ != 0 && clock::now() < until) {
-        poller_.step({}, until);
+        step({}, until);
     }
     bool silent = false;
     for (std::size_t host = 0; host < done_.size(); ++host) {
         if (!done_[host]) {
-            poller_.late(host);
+            late(host);
         }
-        silent = silent || (!followed_[host] && poller_.known(host).failure == exit_silence);
+        silent = silent || (!followed_[host] && known(host).failure == exit_silence);
     }
     // So that the next command finds the messages stored. A silent scheduler is left to the agent.
     if (!silent) {
-        poller_.finish();
+        finish();
     }
-    std::vector<snapshot> known;
+    std::vector<snapshot> all;
     for (std::size_t host = 0; host < done_.size(); ++host) {
-        known.push_back(followed_[host] ? *followed_[host] : poller_.known(host));
+        all.push_back(followed_[host] ? *followed_[host] : known(host));
     }
-    return known;
+    return all;
 }
 
 }  // namespace
 
-bool is_own_fault(const snapshot& known) {
-    return !known.up && known.failure != exit_connection && known.failure != exit_silence;
-}
-
 std::vector<snapshot> collect(const settings& chosen, bool with_details) {
     const unsigned seconds = chosen.connect.timeout;
     return collector(chosen, with_details)
-        .run(clock::now() + (seconds != 0 ? std::chrono::seconds(seconds) : default_timeout));
+        .run(agent_client::clock::now() + (seconds != 0 ? std::chrono::seconds(seconds) : default_timeout));
 }
 
 void report_unstored(const status_answer& answer) {
     if (answer.unstored.empty()) {
         return;
     }
-    std::fprintf(stderr, "schedctl: %s; messages that could not be stored:\n", answer.unstored.c_str());
+    complain(answer.unstored + "; messages that could not be stored:");
     for (const status_line& line : answer.lines) {
         if (line.id == 0 && kind_of(line.text) != status_line_kind::condition) {
             std::fprintf(stderr, "%s\n", line.text.c_str());

@@ -10,9 +10,6 @@ namespace client {
 
 struct settings;
 
-// True when it is not known whether the scheduler answers: a fault of this client, its store or its password.
-bool is_own_fault(const snapshot& known);
-
 // Returns the state of each host of the settings, in their order: from a follower's state file when it is fresh, else
 // by asking. Waits until the time-out of the settings, or default_timeout, is over; the agent then goes on alone.
 // Throws std::system_error.

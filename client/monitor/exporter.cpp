@@ -1,10 +1,10 @@
-#include "monitor/exporter.h"
-
 #include "monitor/collect.h"
 #include "monitor/exposition.h"
 #include "monitor/http_server.h"
+#include "monitor/monitor.h"
 #include "options/options.h"
 #include "protocol/limits.h"
+#include "term/output.h"
 #include "term/signals.h"
 #include "watch/inquiry.h"
 
@@ -97,7 +97,7 @@ private:
     void handle(http_request& request);
     std::optional<std::size_t> target_of(const http_request& request, std::string& problem);
     void scrape(http_request& request, std::size_t number);
-    void ask(std::size_t number);
+    void ask(std::size_t number) { agent_.ask(number, ++last_request_, targets_[number].work->words()); }
     void ended(std::size_t number, const command_result& end);
     void reply(target& of, const snapshot& known);
     void reply_silent(std::size_t number);
@@ -231,24 +231,19 @@ void exporter::scrape(http_request& request, std::size_t number) {
     if (const std::optional<snapshot> followed = followed_state(agent_.host(number))) {
         reply(of, *followed);
     } else if (!of.work) {
+        of.work.emplace(agent_.host(number)).begin(true);
+        of.begin = clock::now();
+        begun_.emplace_back(of.begin, number);
         ask(number);
     } else if (of.begin + limit_ <= clock::now()) {
         reply_silent(number);
     }
 }
 
-void exporter::ask(std::size_t number) {
-    target& of = targets_[number];
-    of.work.emplace(agent_.host(number)).begin(true);
-    of.begin = clock::now();
-    begun_.emplace_back(of.begin, number);
-    agent_.ask(number, ++last_request_, of.work->words());
-}
-
 void exporter::ended(std::size_t number, const command_result& end) {
     target& of = targets_[number];
     if (of.work->ended(end)) {
-        return agent_.ask(number, ++last_request_, of.work->words());
+        return ask(number);
     }
     if (end.how != outcome::over) {
         of.work->failed(end);
@@ -260,7 +255,7 @@ void exporter::ended(std::size_t number, const command_result& end) {
 // Answers all requests that wait for this target.
 void exporter::reply(target& of, const snapshot& known) {
     for (http_request* request : std::exchange(of.waiting, {})) {
-        if (is_own_fault(known)) {
+        if (known.is_own_fault()) {
             ++errors_;
             server_.answer(*request, {.status = 500, .text = known.problem + "\n"});
         } else {
@@ -328,8 +323,8 @@ void exporter::metrics_of_this(http_request& request) {
     const auto silent =
         std::count_if(targets_.begin(), targets_.end(), [](const target& of) { return of.work.has_value(); });
     server_.answer(request, {.type = media_type_of(format),
-                             .text = expose_exporter(
-                                 {errors_, targets_.size(), static_cast<std::size_t>(silent)}, format)});
+                             .text = expose_exporter(errors_, targets_.size(),
+                                                     static_cast<std::size_t>(silent), format)});
 }
 
 // The hosts file in the form of Prometheus' discovery over HTTP.
@@ -355,10 +350,9 @@ std::string exporter::discovery() const {
 int serve_metrics(const settings& chosen) {
     std::string host;
     std::string problem;
-    const int listener = listen_at(chosen.monitoring.listen, host, problem);
+    const int listener = listen_at(chosen.listen, host, problem);
     if (listener < 0) {
-        std::fprintf(stderr, "schedctl: cannot listen at %s: %s\n", chosen.monitoring.listen.c_str(),
-                     problem.c_str());
+        complain("cannot listen at " + chosen.listen + ": " + problem);
         return exit_usage;
     }
     const bool is_loopback = host.starts_with("127.") || host == "::1" || host == "localhost";

@@ -1,12 +1,10 @@
 #include "monitor/exposition.h"
 
-#include "monitor/collect.h"
-#include "protocol/condition_names.h"
+#include "watch/snapshot.h"
 
 #include <algorithm>
 #include <charconv>
 #include <fstream>
-#include <optional>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -15,7 +13,7 @@ namespace client {
 
 namespace {
 
-constexpr unsigned long seconds_per_minute = 60;
+constexpr double seconds_per_minute = 60;
 
 enum class kind { gauge, counter, info };
 
@@ -59,10 +57,10 @@ public:
         }
     }
 
-    // A family with one sample; none at all when the number is not known: 0 would be a wrong value.
-    void add(kind of, const std::string& name, const char* help, std::optional<double> number) {
-        if (number) {
-            add(of, name, help, nullptr, {{"", *number}});
+    // A family with one sample; none at all when the number is negative, so not known: 0 would be a wrong value.
+    void add(kind of, const std::string& name, const char* help, double number) {
+        if (number >= 0) {
+            add(of, name, help, nullptr, {{"", number}});
         }
     }
 
@@ -95,13 +93,10 @@ private:
     std::string text_;
 };
 
-// Returns when the condition was set; nothing while it is not.
-std::optional<double> since(const snapshot& known, const std::string& name) {
-    const auto found = std::find_if(known.conditions.begin(), known.conditions.end(),
-                                    [&](const condition& c) { return c.name == name; });
-    return found != known.conditions.end()
-               ? std::optional(static_cast<double>(seconds_of(found->since).value_or(0)))
-               : std::nullopt;
+// Returns when the condition was set; -1 while it is not.
+double since(const snapshot& known, const char* name) {
+    const condition* const found = known.find(name);
+    return found != nullptr ? static_cast<double>(seconds_of(found->since).value_or(0)) : -1;
 }
 
 // Old values of a scheduler that is down would look current, so they are left out.
@@ -113,10 +108,10 @@ void expose_answer(const snapshot& known, page& out) {
     sample_list conditions;
     sample_list times;
     for (const char* name : condition_names) {
-        const std::optional<double> time = since(known, name);
-        conditions.emplace_back(name, time ? 1 : 0);
-        if (time) {
-            times.emplace_back(name, *time);
+        const double time = since(known, name);
+        conditions.emplace_back(name, time >= 0 ? 1 : 0);
+        if (time >= 0) {
+            times.emplace_back(name, time);
         }
     }
     out.add(kind::gauge, "sched_condition", "Whether the condition is set.", "name", conditions);
@@ -125,7 +120,8 @@ void expose_answer(const snapshot& known, page& out) {
     out.add(kind::gauge, "sched_configuration_timestamp_seconds",
             "When the hardware configuration was read last.", since(known, "confdate"));
     out.add(kind::gauge, "sched_connected_operators",
-            "Connections of operators and relays, without the one that collects.", known.operators);
+            "Connections of operators and relays, without the one that collects.",
+            static_cast<double>(known.operators));
     if (!known.modules.empty()) {
         sample_list modules;
         for (const module_row& m : known.modules) {
@@ -133,7 +129,8 @@ void expose_answer(const snapshot& known, page& out) {
         }
         out.add(kind::gauge, "sched_module_enabled", "Whether the module is switched on.", "module", modules);
     }
-    out.add(kind::gauge, "sched_timer_jobs", "Jobs in the timer table.", known.timer_jobs);
+    out.add(kind::gauge, "sched_timer_jobs", "Jobs in the timer table.",
+            static_cast<double>(known.timer_jobs));
 }
 
 void expose_snapshot(const snapshot& known, page& out) {
@@ -145,11 +142,9 @@ void expose_snapshot(const snapshot& known, page& out) {
              {"info", static_cast<double>(totals.info)}});
     out.add(kind::counter, "sched_messages_lost", "Messages dropped because nobody fetched them in time.",
             static_cast<double>(totals.lost));
-    if (known.uptime_minutes) {
-        out.add(kind::counter, "sched_uptime_seconds",
-                "How long the scheduler has run over all its starts, in full minutes.",
-                static_cast<double>(*known.uptime_minutes * seconds_per_minute));
-    }
+    out.add(kind::counter, "sched_uptime_seconds",
+            "How long the scheduler has run over all its starts, in full minutes.",
+            static_cast<double>(known.uptime_minutes) * seconds_per_minute);
     if (known.answered > 0) {
         // The clock may have been set back since.
         out.add(kind::gauge, "sched_status_age_seconds", "Age of the newest status.",
@@ -175,23 +170,24 @@ std::string expose(const snapshot& known, exposition format, bool to_file) {
     if (to_file) {
         out.add(kind::gauge, "sched_collect_error",
                 "Whether a fault of the client prevents that the scheduler is asked.",
-                is_own_fault(known) ? 1 : 0);
+                known.is_own_fault() ? 1 : 0);
     }
-    if (!is_own_fault(known)) {
+    if (!known.is_own_fault()) {
         expose_snapshot(known, out);
     }
     return out.finish();
 }
 
-std::string expose_exporter(const exporter_state& state, exposition format) {
+std::string expose_exporter(unsigned long errors, std::size_t targets, std::size_t silent,
+                            exposition format) {
     page out(format);
     out.add(kind::counter, "sched_exporter_errors",
             "Requests that failed by a fault of the exporter, its store or its password.",
-            static_cast<double>(state.errors));
+            static_cast<double>(errors));
     out.add(kind::gauge, "sched_exporter_targets", "Schedulers asked for since the start.",
-            static_cast<double>(state.targets));
+            static_cast<double>(targets));
     out.add(kind::gauge, "sched_exporter_silent_targets",
-            "Schedulers that are being asked and have not answered yet.", static_cast<double>(state.silent));
+            "Schedulers that are being asked and have not answered yet.", static_cast<double>(silent));
     out.add(kind::gauge, "process_resident_memory_bytes", "Resident memory.", resident_bytes());
     return out.finish();
 }

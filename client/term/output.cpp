@@ -1,25 +1,12 @@
 #include "term/output.h"
 
-#include "term/exit_code.h"
-#include "term/text.h"
-
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <fcntl.h>
 #include <system_error>
 #include <unistd.h>
 
 namespace client {
-
-namespace {
-
-void report_failure() {
-    std::fprintf(stderr, "%s: cannot write: %s\n", program_invocation_short_name,
-                 std::generic_category().message(errno).c_str());
-}
-
-}  // namespace
 
 bool open_standard_streams() {
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
@@ -36,15 +23,12 @@ bool flush_output() {
     if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) {
         return true;
     }
-    report_failure();
+    complain("cannot write: " + std::generic_category().message(errno));
     return false;
 }
 
-void print(std::string_view text) {
-    if (!write_all(STDOUT_FILENO, text)) {
-        report_failure();
-        std::exit(exit_usage);
-    }
+void complain(const std::string& problem) {
+    std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, problem.c_str());
 }
 
 }  // namespace client

@@ -1,6 +1,5 @@
 #include "watch/drawing.h"
 
-#include "protocol/condition_names.h"
 #include "term/exit_code.h"
 #include "term/screen.h"
 

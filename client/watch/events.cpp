@@ -1,7 +1,5 @@
 #include "watch/events.h"
 
-#include "protocol/condition_names.h"
-
 #include <algorithm>
 #include <cctype>
 

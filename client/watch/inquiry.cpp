@@ -9,25 +9,27 @@ namespace {
 
 constexpr std::size_t kept_messages = 20;
 
-// A command besides `status`. A scheduler that does not know it, or has it switched off, leaves that part as it was.
-struct detail {
+// The questions of a round; the last one is the status. A scheduler that does not know a detail, or has it switched off,
+// leaves that part as it was.
+struct question {
     std::vector<std::string> words;
     void (*read)(std::string_view answer, snapshot& known);
 };
 
-const std::vector<detail>& details() {
-    static const std::vector<detail> all = {
+const std::vector<question>& questions() {
+    static const std::vector<question> all = {
         {{"show", "ip"},
          [](std::string_view answer, snapshot& known) {
-             const std::size_t rows = parse_show_ip(answer).size();
-             known.operators = rows > 0 ? rows - 1 : 0;  // without this connection
+             known.operators =
+                 std::max(0L, std::ssize(parse_show_ip(answer)) - 1);  // without this connection
          }},
         {{"modcntl"},
          [](std::string_view answer, snapshot& known) { known.modules = parse_modules(answer); }},
         {{"debug", "timer"},
          [](std::string_view answer, snapshot& known) {
-             known.timer_jobs = parse_timer_jobs(answer).size();
+             known.timer_jobs = std::ssize(parse_timer_jobs(answer));
          }},
+        {{"status"}, nullptr},
     };
     return all;
 }
@@ -45,13 +47,12 @@ void compare(const std::vector<condition>& before, const std::vector<condition>&
 }  // namespace
 
 void inquiry::begin(bool with_details) {
-    next_ = with_details ? 0 : details().size();
+    next_ = with_details ? 0 : questions().size() - 1;
     answer_.clear();
 }
 
 const std::vector<std::string>& inquiry::words() const {
-    static const std::vector<std::string> status_words = {"status"};
-    return next_ < details().size() ? details()[next_].words : status_words;
+    return questions()[next_].words;
 }
 
 // An answer that broke off lacks conditions, which would look cleared: it changes none.
@@ -90,12 +91,13 @@ status_update inquiry::status(const status_answer& answer) {
 }
 
 bool inquiry::ended(const command_result& end) {
-    if (next_ == details().size() ||
+    const auto read = questions()[next_].read;
+    if (read == nullptr ||
         (end.how != outcome::over && end.how != outcome::unsupported && end.how != outcome::busy)) {
         return false;
     }
     if (end.how == outcome::over) {
-        details()[next_].read(answer_, known);
+        read(answer_, known);
     }
     answer_.clear();
     ++next_;

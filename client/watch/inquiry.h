@@ -49,7 +49,7 @@ public:
     snapshot known;
 
 private:
-    std::size_t next_ = 0;  // number of the detail; behind the last one: the status
+    std::size_t next_ = 0;  // number of the question
     std::string answer_;    // of a detail, as far as it has come
 };
 

@@ -1,12 +1,12 @@
 #include "watch/line_writer.h"
 
 #include "term/exit_code.h"
+#include "term/output.h"
 #include "term/text.h"
 
 #include <cerrno>
 #include <climits>
 #include <csignal>
-#include <cstdio>
 #include <poll.h>
 #include <system_error>
 #include <unistd.h>
@@ -30,8 +30,7 @@ bool line_writer::write(std::string_view line) {
         const std::string_view piece = line.substr(0, PIPE_BUF);  // what a pipe takes without waiting
         is_open_ = write_all(STDOUT_FILENO, piece);
         if (!is_open_ && errno != EPIPE) {
-            std::fprintf(stderr, "schedctl: cannot write: %s\n",
-                         std::generic_category().message(errno).c_str());
+            complain("cannot write: " + std::generic_category().message(errno));
             exit_code_ = exit_usage;
         }
         line.remove_prefix(piece.size());

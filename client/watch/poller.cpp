@@ -2,12 +2,12 @@
 
 #include "options/options.h"
 #include "protocol/limits.h"
-#include "protocol/secret.h"
-#include "term/each_line.h"
+#include "protocol/login.h"
+#include "term/output.h"
 #include "term/signals.h"
+#include "term/text.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <unistd.h>
 #include <utility>
 
@@ -19,14 +19,13 @@ constexpr std::chrono::seconds details_interval{15};  // connections, modules an
 
 }  // namespace
 
-poller::poller(const settings& chosen, const agent_options& how, bool with_details, poll_output& output)
+poller::poller(const settings& chosen, const agent_options& how, bool with_details)
     : interval_(chosen.interval),
       several_(chosen.several),
       is_follower_(how.kind == mail_kind::followers),
       with_details_(with_details),
       asks_password_(!several_ && !is_follower_ && !how.must_store && chosen.connect.password_file.empty() &&
                      isatty(STDIN_FILENO) == 1 && counters_of(key_of(chosen.hosts[0])).login),
-      output_(output),
       agent_(chosen.hosts, how, listener()) {
     for (const host_name& host : hosts()) {
         states_.push_back({inquiry(host)});
@@ -38,16 +37,14 @@ agent_listener poller::listener() {
     events.output = [this](std::size_t host, std::uint32_t, std::string_view text) {
         states_[host].round.output(text);
     };
-    events.status = [this](std::size_t host, status_answer& answer) { received(host, answer); };
+    events.status = [this](std::size_t host, status_answer& answer) { answered(host, answer); };
     events.ended = [this](std::size_t host, std::uint32_t request, const command_result& end) {
         ended(host, request, end);
     };
     // The connection stays, and the answer may still come.
     events.late = [this](std::size_t host, std::uint32_t) { late(host); };
     events.closed = [](std::size_t, std::size_t, bool) {};
-    events.password_needed = [this](std::size_t host) {
-        agent_.password(host, output_.password(hosts()[host]));
-    };
+    events.password_needed = [this](std::size_t host) { agent_.password(host, password(hosts()[host])); };
     return events;
 }
 
@@ -56,7 +53,7 @@ bool poller::password_missing() {
     if (!std::exchange(asks_password_, false)) {
         return false;
     }
-    const std::optional<std::string> text = output_.password(hosts()[0]);
+    const std::optional<std::string> text = password(hosts()[0]);
     agent_.password(0, text);
     return !text;
 }
@@ -64,7 +61,7 @@ bool poller::password_missing() {
 void poller::ask(std::size_t host) {
     host_state& state = states_[host];
     if (password_missing()) {
-        return failed(host, outcome::login_refused);
+        return fail(host, outcome::login_refused);
     }
     state.asked_at = clock::now();
     const bool with_details = with_details_ && state.details_due <= state.asked_at;
@@ -89,7 +86,7 @@ poller::clock::time_point poller::ask_due() {
             if (state.request == 0) {
                 ask(host);
             } else {
-                output_.polled(host);
+                polled(host);
             }
         }
         next_due_ = std::min(next_due_, state.due);
@@ -97,15 +94,17 @@ poller::clock::time_point poller::ask_due() {
     return next_due_;
 }
 
-void poller::received(std::size_t host, const status_answer& answer) {
+void poller::answered(std::size_t host, const status_answer& answer) {
     host_state& state = states_[host];
+    const snapshot& known = state.round.known;
+    const bool was_up = known.up;
+    const bool has_failed = known.failure != 0;
     const status_update update = state.round.status(answer);
-    if (answer.complete && state.now != health::up) {
-        const bool again = std::exchange(state.now, health::up) == health::outage;
+    if (known.up && !was_up) {
         state.refused = false;
-        output_.connected(host, again);
+        connected(host, has_failed);
     }
-    output_.received(host, answer, update);
+    received(host, answer, update);
 }
 
 void poller::ended(std::size_t host, std::uint32_t request, const command_result& end) {
@@ -125,31 +124,31 @@ void poller::ended(std::size_t host, std::uint32_t request, const command_result
         next_due_ = std::min(next_due_, state.due);
     }
     if (end.how != outcome::over) {
-        failed(host, end);
+        fail(host, end);
     }
-    output_.polled(host);
+    polled(host);
 }
 
 void poller::late(std::size_t host) {
     if (!states_[host].closed) {
-        failed(host, outcome::no_answer);
-        output_.polled(host);
+        fail(host, outcome::no_answer);
+        polled(host);
     }
 }
 
-void poller::failed(std::size_t host, const command_result& why) {
+void poller::fail(std::size_t host, const command_result& why) {
     host_state& state = states_[host];
     const bool refuses = is_refusal(why.how);
-    const bool is_first = state.now == health::unknown;
-    const bool is_news = state.now != health::outage || (refuses && !state.refused);
-    state.now = health::outage;
+    const bool was_up = state.round.known.up;
+    const bool is_first = !was_up && state.round.known.failure == 0;
+    const bool is_news = was_up || is_first || (refuses && !state.refused);
     state.refused = state.refused || refuses;
     state.details_due = {};  // they may change during an outage
     state.round.failed(why);
     if (!several_ && (refuses || (is_first && !is_follower_))) {
         given_up_ = why;
     }
-    output_.failed(host, why, is_news);
+    failed(host, why, is_news);
 }
 
 void poller::step(std::span<pollfd> others, clock::time_point until) {
@@ -176,11 +175,25 @@ void poller::finish(std::span<pollfd> others) {
     agent_.finish(others);
 }
 
+std::string poller::prefix_of(std::size_t host) const {
+    return several_ ? hosts()[host].label + ": " : "";
+}
+
+std::string poller::notices_of(std::size_t host, const status_answer& answer) const {
+    std::string text;
+    const std::string start = "schedctl: " + prefix_of(host);
+    each_line(answer.notice, [&](const std::string& line) { text += start + line + "\n"; });
+    if (!answer.unstored.empty()) {
+        text += start + "messages could not be stored: " + answer.unstored + "\n";
+    }
+    return text;
+}
+
 int poller::report_given_up(int otherwise) const {
     if (!given_up_) {
         return otherwise;
     }
-    std::fprintf(stderr, "schedctl: %s: %s\n", hosts()[0].label.c_str(), describe(*given_up_).c_str());
+    complain(hosts()[0].label + ": " + describe(*given_up_));
     return exit_code_of(*given_up_);
 }
 
@@ -196,20 +209,6 @@ agent_options showing(const settings& chosen, mail_kind kind) {
             .kind = kind};
 }
 
-std::string prefix_of(const settings& chosen, std::size_t host) {
-    return chosen.several ? chosen.hosts[host].label + ": " : "";
-}
-
-std::string notices_of(const settings& chosen, std::size_t host, const status_answer& answer) {
-    std::string text;
-    const std::string start = "schedctl: " + prefix_of(chosen, host);
-    each_line(answer.notice, [&](const std::string& line) { text += start + line + "\n"; });
-    if (!answer.unstored.empty()) {
-        text += start + "messages could not be stored: " + answer.unstored + "\n";
-    }
-    return text;
-}
-
 std::optional<std::string> ask_password_for(const host_name& host) {
     const signals_through through;
     std::string password;
@@ -217,7 +216,7 @@ std::optional<std::string> ask_password_for(const host_name& host) {
     if (ask_password("Password for " + host.name + ": ", false, password, problem)) {
         return password;
     }
-    std::fprintf(stderr, "schedctl: %s\n", problem.c_str());
+    complain(problem);
     return std::nullopt;
 }
 

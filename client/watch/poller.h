@@ -1,5 +1,5 @@
-// Asks schedulers for their status, each at its interval. There is one poller with three outputs: lines of changes, the
-// live view, and one round for `check` and `metrics`.
+// Asks schedulers for their status, each at its interval. Three classes are made of it: lines of changes, the live view,
+// and one round for `check` and `metrics`.
 #pragma once
 
 #include "agent/agent_client.h"
@@ -17,17 +17,22 @@ namespace client {
 class signal_watch;
 struct settings;
 
-// Gets what comes. host is the number in the list. Only poller's step() and finish() call these.
-class poll_output {
+// host is the number in the list. Only step() and finish() call the virtual functions.
+class poller {
 public:
-    poll_output() = default;
-    virtual ~poll_output() = default;
-    poll_output(const poll_output&) = delete;
-    poll_output& operator=(const poll_output&) = delete;
+    using clock = agent_client::clock;
 
+    // with_details: the rounds have the details of an inquiry, at most each 15 seconds. A follower waits for a single
+    // scheduler that does not run yet.
+    poller(const settings& chosen, const agent_options& how, bool with_details);
+    virtual ~poller() = default;
+    poller(const poller&) = delete;
+    poller& operator=(const poller&) = delete;
+
+protected:
     // The scheduler answers, for the first time or (again) after an outage. received() follows.
     virtual void connected(std::size_t /*host*/, bool /*again*/) {}
-    // An answer, complete or as far as it came. The messages that are written call for poller::shown().
+    // An answer, complete or as far as it came. The messages that are written call for shown().
     virtual void received(std::size_t host, const status_answer& answer, const status_update& update) = 0;
     // There is no answer. is_news: the first time in this outage, or the scheduler refuses for the first time.
     virtual void failed(std::size_t /*host*/, const command_result& /*why*/, bool /*is_news*/) {}
@@ -35,15 +40,6 @@ public:
     virtual void polled(std::size_t /*host*/) {}
     // The scheduler requires a login. Returns nothing when nobody can be asked.
     virtual std::optional<std::string> password(const host_name& /*host*/) { return std::nullopt; }
-};
-
-class poller {
-public:
-    using clock = agent_client::clock;
-
-    // with_details: the rounds have the details of an inquiry, at most each 15 seconds. A follower waits for a single
-    // scheduler that does not run yet.
-    poller(const settings& chosen, const agent_options& how, bool with_details, poll_output& output);
 
     const std::vector<host_name>& hosts() const { return agent_.hosts(); }
     const snapshot& known(std::size_t host) const { return states_[host].round.known; }
@@ -54,11 +50,20 @@ public:
     // This message was written to the operator's output. 0 is ignored.
     void shown(std::uint64_t id);
 
+    // No answer: for the caller's own limit, else for that of the agent.
+    void late(std::size_t host);
+
     // The host is not asked again, and its connection is closed.
     void close(std::size_t host);
 
     // Closes the connections; what the last answers bring goes to the output. Ends early when one of them is readable.
     void finish(std::span<pollfd> others = {});
+
+    // "LABEL: " before a line about a host of several; empty with one host.
+    std::string prefix_of(std::size_t host) const;
+
+    // The lines of an answer that are for the operator's standard error.
+    std::string notices_of(std::size_t host, const status_answer& answer) const;
 
     // Why asking a single host again is useless: it refuses, or it has not answered the first question. Several hosts
     // are never given up.
@@ -67,15 +72,9 @@ public:
     // Reports that reason, if there is one, to the operator. Returns its exit code, else `otherwise`.
     int report_given_up(int otherwise) const;
 
-    // No answer: for the caller's own limit, else for that of the agent.
-    void late(std::size_t host);
-
 private:
-    enum class health { unknown, up, outage };
-
     struct host_state {
         inquiry round;
-        health now = health::unknown;
         bool refused = false;       // in this outage
         bool closed = false;        // by close()
         std::uint32_t request = 0;  // under way; 0: none
@@ -88,16 +87,15 @@ private:
     bool password_missing();
     void ask(std::size_t host);
     clock::time_point ask_due();
-    void received(std::size_t host, const status_answer& answer);
+    void answered(std::size_t host, const status_answer& answer);
     void ended(std::size_t host, std::uint32_t request, const command_result& end);
-    void failed(std::size_t host, const command_result& why);
+    void fail(std::size_t host, const command_result& why);
 
     const std::chrono::seconds interval_;
     const bool several_;
     const bool is_follower_;
     const bool with_details_;
     bool asks_password_;  // before the first connection
-    poll_output& output_;
     std::vector<host_state> states_;
     clock::time_point next_due_{};  // of any host, or earlier
     std::optional<command_result> given_up_;
@@ -110,12 +108,6 @@ bool is_refusal(outcome how);
 
 // The settings for an agent of `watch` and `follow`: it shows what it receives.
 agent_options showing(const settings& chosen, mail_kind kind);
-
-// "LABEL: " before a line about a host of several; empty with one host.
-std::string prefix_of(const settings& chosen, std::size_t host);
-
-// The lines of an answer that are for the operator's standard error.
-std::string notices_of(const settings& chosen, std::size_t host, const status_answer& answer);
 
 // Asks at the terminal. Returns nothing when there is no answer; the reason is then reported.
 std::optional<std::string> ask_password_for(const host_name& host);

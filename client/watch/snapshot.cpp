@@ -3,24 +3,15 @@
 #include "mail/replace_file.h"
 #include "mail/state_file.h"
 #include "mail/state_path.h"
+#include "term/exit_code.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <unistd.h>
-
-// The library knows no optional values; one that is not known is null.
-template <>
-struct nlohmann::adl_serializer<std::optional<unsigned long>> {
-    static void to_json(json& value, const std::optional<unsigned long>& number) {
-        value = number ? json(*number) : json();
-    }
-    static void from_json(const json& value, std::optional<unsigned long>& number) {
-        number = value.is_null() ? std::nullopt : std::optional(value.get<unsigned long>());
-    }
-};
 
 namespace client {
 
@@ -75,6 +66,16 @@ std::string own_path(const host_name& host) {
 
 }  // namespace
 
+const condition* snapshot::find(std::string_view name) const {
+    const auto found = std::find_if(conditions.begin(), conditions.end(),
+                                    [name](const condition& c) { return c.name == name; });
+    return found != conditions.end() ? &*found : nullptr;
+}
+
+bool snapshot::is_own_fault() const {
+    return !up && failure != exit_connection && failure != exit_silence;
+}
+
 // Not the steady clock: other processes compare these times with their own.
 double wall_clock() {
     return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
@@ -106,19 +107,17 @@ std::optional<snapshot> followed_state(const host_name& host) {
     return known ? known : fresh_state(service_directory + name);
 }
 
-std::optional<unsigned long> uptime_of(const host_name& host) {
+long uptime_of(const host_name& host) {
     // The uptime file is on the scheduler's host, and of several schedulers there only the service's is known.
-    if (!host.name.starts_with("127.") && host.name != "localhost") {
-        return std::nullopt;
-    }
     const char* data = std::getenv("VGD_data");
-    if (data == nullptr && host.port != service_port) {
-        return std::nullopt;
+    const bool is_here = host.name.starts_with("127.") || host.name == "localhost";
+    if (!is_here || (data == nullptr && host.port != service_port)) {
+        return -1;
     }
     // A file that is missing or damaged is no error; the uptime is then not known.
-    unsigned long minutes = 0;
+    long minutes = 0;
     std::ifstream file(std::string(data != nullptr ? data : service_data) + "/up_time");
-    return file >> minutes ? std::optional(minutes) : std::nullopt;
+    return file >> minutes ? minutes : -1;
 }
 
 }  // namespace client

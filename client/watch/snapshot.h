@@ -8,6 +8,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace client {
@@ -21,10 +22,16 @@ struct snapshot {
     std::vector<condition> conditions;
     std::vector<message> messages;  // the newest that are known, oldest first
     message_totals totals;
-    std::optional<unsigned long> operators;  // connections without our own
-    std::optional<unsigned long> timer_jobs;
-    std::optional<unsigned long> uptime_minutes;  // over all starts
+    long operators = -1;  // connections without our own; -1: not known, here and below
+    long timer_jobs = -1;
+    long uptime_minutes = -1;  // over all starts
     std::vector<module_row> modules;
+
+    // Returns the condition with this name; null while it is not set.
+    const condition* find(std::string_view name) const;
+
+    // True when it is not known whether the scheduler answers: a fault of this client, its store or its password.
+    bool is_own_fault() const;
 };
 
 // Returns the current time in seconds since the epoch.
@@ -39,7 +46,7 @@ void remove_state_file(const host_name& host);
 // Returns the state that the user's own follower or that of the service has written, if one is running.
 std::optional<snapshot> followed_state(const host_name& host);
 
-// Returns the minutes that a scheduler on this host has been up, from its uptime file; nothing for another host.
-std::optional<unsigned long> uptime_of(const host_name& host);
+// Returns the minutes that a scheduler on this host has been up, from its uptime file; -1 for another host.
+long uptime_of(const host_name& host);
 
 }  // namespace client

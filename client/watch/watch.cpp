@@ -1,6 +1,7 @@
 #include "watch/watch.h"
 
 #include "options/options.h"
+#include "term/output.h"
 #include "term/screen.h"
 #include "watch/events.h"
 #include "watch/line_writer.h"
@@ -15,39 +16,40 @@ namespace client {
 namespace {
 
 // `watch` without a terminal, and `follow`: a line for each thing that happens.
-class line_output : public poll_output {
+class line_output : private poller {
 public:
     explicit line_output(const settings& chosen)
-        : chosen_(chosen),
-          poller_(chosen, showing(chosen, chosen.follow ? mail_kind::followers : mail_kind::operators),
-                  chosen.follow, *this) {}
+        : poller(chosen,
+                 showing(chosen, chosen.what == task::follow ? mail_kind::followers : mail_kind::operators),
+                 chosen.what == task::follow),
+          chosen_(chosen),
+          follows_(chosen.what == task::follow) {}
     ~line_output() override;
 
     int run();
 
+private:
     void connected(std::size_t host, bool again) override;
     void received(std::size_t host, const status_answer& answer, const status_update& update) override;
     void failed(std::size_t host, const command_result& why, bool is_news) override;
     void polled(std::size_t host) override;
     std::optional<std::string> password(const host_name& host) override;
-
-private:
     bool write(std::size_t host, const event& what);
 
     const settings& chosen_;
+    const bool follows_;
     signal_watch signals_;
     line_writer out_{signals_};
     bool save_failed_ = false;
-    poller poller_;
 };
 
 bool line_output::write(std::size_t host, const event& what) {
-    return chosen_.follow ? out_.write(json_line(what, chosen_.hosts[host], chosen_.level_prefix))
-                          : out_.print(prefix_of(chosen_, host) + what.date + " " + what.text);
+    return follows_ ? out_.write(json_line(what, chosen_.hosts[host], chosen_.level_prefix))
+                    : out_.print(prefix_of(host) + what.date + " " + what.text);
 }
 
 void line_output::connected(std::size_t host, bool again) {
-    if (again || chosen_.follow) {
+    if (again || follows_) {
         write(host, connected_event());
     }
 }
@@ -62,38 +64,37 @@ void line_output::received(std::size_t host, const status_answer& answer, const 
     }
     for (const received_message& m : update.messages) {
         if (write(host, received_event(m))) {
-            poller_.shown(m.id);
+            shown(m.id);
         } else if (m.id == 0) {  // nobody else has it
-            std::fprintf(stderr, "%s%s %s\n", prefix_of(chosen_, host).c_str(), m.what.date.c_str(),
+            std::fprintf(stderr, "%s%s %s\n", prefix_of(host).c_str(), m.what.date.c_str(),
                          m.what.text.c_str());
         }
     }
-    std::fputs(notices_of(chosen_, host, answer).c_str(), stderr);
+    std::fputs(notices_of(host, answer).c_str(), stderr);
 }
 
 void line_output::failed(std::size_t host, const command_result& why, bool is_news) {
-    if (!is_news || (poller_.given_up() && !chosen_.follow)) {  // that is reported at the end
+    if (!is_news || (given_up() && !follows_)) {  // that is reported at the end
         return;
     }
     write(host, failed_event(why));
-    if (chosen_.follow && chosen_.several && is_refusal(why.how)) {
-        std::fprintf(stderr, "schedctl: %s%s\n", prefix_of(chosen_, host).c_str(), describe(why).c_str());
+    if (follows_ && chosen_.several && is_refusal(why.how)) {
+        complain(prefix_of(host) + describe(why));
     }
 }
 
 // The state file of a follower. A failure is reported once, because a full disk would give a line in each interval.
 void line_output::polled(std::size_t host) {
     std::string problem;
-    if (chosen_.follow &&
-        !write_state_file(chosen_.hosts[host], poller_.known(host), chosen_.interval, problem) &&
+    if (follows_ && !write_state_file(chosen_.hosts[host], known(host), chosen_.interval, problem) &&
         !std::exchange(save_failed_, true)) {
-        std::fprintf(stderr, "schedctl: the state file cannot be written: %s\n", problem.c_str());
+        complain("the state file cannot be written: " + problem);
     }
 }
 
 line_output::~line_output() {
     for (const host_name& host : chosen_.hosts) {
-        if (chosen_.follow) {
+        if (follows_) {
             remove_state_file(host);
         }
     }
@@ -101,26 +102,26 @@ line_output::~line_output() {
 
 // The reader of a follower is a program, which cannot be asked.
 std::optional<std::string> line_output::password(const host_name& host) {
-    return chosen_.follow ? std::nullopt : ask_password_for(host);
+    return follows_ ? std::nullopt : ask_password_for(host);
 }
 
 int line_output::run() {
     bool is_stopped = false;
-    while (!is_stopped && out_.is_open() && !poller_.given_up()) {
+    while (!is_stopped && out_.is_open() && !given_up()) {
         // Without any event to wait for, the end of the reader is reported, also while nothing is written.
         pollfd others[] = {{signals_.fd(), POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
-        poller_.step(others, poller::clock::time_point::max());
+        step(others, clock::time_point::max());
         is_stopped = others[1].revents != 0 || (others[0].revents != 0 && signals_.take());
     }
     pollfd signal[] = {{signals_.fd(), POLLIN, 0}};
-    poller_.finish(signal);
-    return poller_.report_given_up(out_.exit_code());
+    finish(signal);
+    return report_given_up(out_.exit_code());
 }
 
 }  // namespace
 
 int run_watch(const settings& chosen) {
-    return !chosen.follow && can_draw() ? run_live_view(chosen) : line_output(chosen).run();
+    return chosen.what == task::watch && can_draw() ? run_live_view(chosen) : line_output(chosen).run();
 }
 
 }  // namespace client
