@@ -1,12 +1,11 @@
 #include "agent/agent.h"
 
 #include "protocol/limits.h"
-#include "term/text.h"
 
 #include <algorithm>
 #include <csignal>
 #include <fcntl.h>
-#include <map>
+#include <sys/resource.h>
 #include <unistd.h>
 #include <utility>
 
@@ -15,22 +14,31 @@ namespace client {
 namespace {
 
 constexpr std::chrono::milliseconds look_again_after{20};
-constexpr unsigned tag_shift = 40;
+constexpr rlim_t other_descriptors = 64;  // for standard streams, files and the resolver's threads
 
-bool is_status(const std::vector<std::string>& words) {
-    return words[0] == "status";
-}
-
-bool is_quit(const std::vector<std::string>& words) {
-    return words.size() == 1 && words[0] == "quit";
-}
-
-// Numbers of messages are those of one scheduler. For the listener they have the number of the host in front.
-std::uint64_t tagged(std::size_t host, std::uint64_t id) {
-    return (static_cast<std::uint64_t>(host) << tag_shift) | id;
+// How many of the wanted connections the limit for descriptors allows, once it is raised. Each host may need two more
+// for its files.
+std::size_t allowed_connections(std::size_t wanted) {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        return wanted;
+    }
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);  // a refusal shows in the next call
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlim_t free = limit.rlim_cur > other_descriptors ? limit.rlim_cur - other_descriptors : 1;
+    return std::clamp<std::size_t>(wanted, 1, std::max<rlim_t>(free / 3, 1));
 }
 
 }  // namespace
+
+int milliseconds_until(agent::clock::time_point when) {
+    if (when == agent::clock::time_point::max()) {
+        return -1;
+    }
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(when - agent::clock::now()).count();
+    return static_cast<int>(std::clamp<decltype(left)>(left, 0, 3600 * 1000));
+}
 
 void detach() {
     setsid();
@@ -49,61 +57,56 @@ void detach() {
 agent::agent(const std::vector<host_name>& hosts, agent_options how, agent_listener events)
     : how_(std::move(how)),
       listener_(std::move(events)),
-      mailbox_(how_.kind, how_.stored == stored_messages::taken),
-      pool_(hosts, how_.connect, how_.parallel,
-            {[this](std::size_t host, std::string_view text, bool of_status) {
-                 on_output(host, text, of_status);
-             },
-             [this](std::size_t host, const command_result& end) { on_ended(host, end); },
-             [this](std::size_t host) { on_late(host); },
-             [this](std::size_t host) {
-                 if (how_.connect.password_file.empty() && states_.size() == 1) {
-                     listener_.password_needed(host);
-                 } else {
-                     pool_.password(host, std::nullopt);
-                 }
-             }}) {
+      parallel_(allowed_connections(how_.parallel)),
+      module_silence_(hosts.size() == 1 ? std::chrono::seconds(0) : default_module_silence),
+      passwords_(how_.connect.password_file),
+      mailbox_(how_.kind) {
     for (const host_name& host : hosts) {
-        add_state(host);
+        add(host);
     }
 }
 
-void agent::add_state(const host_name& host) {
-    states_.push_back(std::make_unique<host_state>());
-    states_.back()->key = key_of(host);
-}
-
-std::size_t agent::add(host_name host) {
-    add_state(host);
-    return pool_.add(std::move(host));
+std::size_t agent::add(const host_name& host) {
+    hosts_.emplace_back(host, how_.connect, passwords_, module_silence_);
+    return hosts_.size() - 1;
 }
 
 void agent::ask(std::size_t host, std::uint32_t request, std::vector<std::string> words) {
-    states_[host]->queue.push_back({request, std::move(words)});
-    start_next(host);
+    hosts_[host].queue.push_back({request, std::move(words)});
+    schedule(host);
 }
 
-void agent::start_next(std::size_t host) {
-    host_state& state = *states_[host];
-    if (state.asking || state.closing || state.queue.empty()) {
-        return;
+void agent::schedule(std::size_t host) {
+    if (!std::exchange(hosts_[host].is_ready, true)) {
+        ready_.push_back(host);
     }
-    const command& next = state.queue.front();
-    // Room first: connecting already takes what waits for the first client.
-    const std::optional<std::string> no_room = mailbox_.reserve(std::min(how_.parallel, pool_.busy() + 1));
-    if (no_room && how_.must_store) {
-        const std::uint32_t request = next.request;
-        state.queue.pop_front();
-        return listener_.ended(host, request, {outcome::no_room, *no_room});
+}
+
+// Starts the commands that may run now. Returns how long the next step may wait.
+agent::clock::time_point agent::start_ready() {
+    auto running =
+        static_cast<std::size_t>(std::count_if(active_.begin(), active_.end(), [this](std::size_t host) {
+            const host_state& state = hosts_[host];
+            return state.link.is_busy() && !state.link.is_late() && !state.closing;
+        }));
+    clock::time_point until = clock::time_point::max();
+    for (std::size_t left = ready_.size(); left > 0 && running < parallel_; --left) {
+        const std::size_t host = ready_.front();
+        host_state& state = hosts_[host];
+        ready_.pop_front();
+        state.is_ready = false;
+        if (state.asking || state.closing || state.queue.empty()) {
+            continue;
+        }
+        if (!state.link.is_open() && waits_for_older(state)) {
+            schedule(host);
+            until = std::min(until, clock::now() + look_again_after);
+            continue;
+        }
+        until = {};  // the end of this command may be what the caller waits for
+        running += start(host, std::min(parallel_, running + left)) ? 1 : 0;
     }
-    if (!pool_.link(host).is_open() && waits_for_older(state)) {
-        waiting_.push_back(host);
-        return;
-    }
-    state.asking = true;
-    state.status_text.clear();
-    state.asked_at = clock::now();
-    pool_.ask(host, is_quit(next.words) ? std::vector<std::string>() : next.words);
+    return until;
 }
 
 // An earlier process may hold a connection to a scheduler that did not answer. It gets the same messages as a new one, so
@@ -119,221 +122,245 @@ bool agent::waits_for_older(host_state& state) {
     return clock::now() < state.wait_until;
 }
 
+// Starts the first command of a host. Returns false when it has ended at once. answers: those under way or soon.
+bool agent::start(std::size_t host, std::size_t answers) {
+    host_state& state = hosts_[host];
+    const command& first = state.queue.front();
+    // Room first: connecting already takes what waits for the first client.
+    const std::optional<std::string> no_room = mailbox_.reserve(answers);
+    if (no_room && how_.must_store) {
+        const std::uint32_t request = first.request;
+        state.queue.pop_front();
+        schedule(host);
+        listener_.ended(host, request, {outcome::no_room, *no_room});
+        return false;
+    }
+    state.asking = true;
+    state.status_text.clear();
+    state.asked_at = clock::now();
+    const bool quits = first.words.size() == 1 && first.words[0] == "quit";
+    begin(host, quits ? std::vector<std::string>() : first.words);
+    return true;
+}
+
+void agent::begin(std::size_t host, std::vector<std::string> words) {
+    active_.insert(host);
+    hosts_[host].link.ask(std::move(words));
+    update(host);
+}
+
 void agent::cancel(std::size_t host, std::uint32_t request) {
-    host_state& state = *states_[host];
-    const auto first = state.queue.begin() + (state.asking ? 1 : 0);
-    const auto found =
-        std::find_if(first, state.queue.end(), [=](const command& c) { return c.request == request; });
-    if (found != state.queue.end()) {
+    host_state& state = hosts_[host];
+    const auto found = std::find_if(state.queue.begin(), state.queue.end(),
+                                    [=](const command& c) { return c.request == request; });
+    if (found == state.queue.begin() && state.asking) {
+        state.given_up = true;
+    } else if (found != state.queue.end()) {
         state.queue.erase(found);
         listener_.ended(host, request, {outcome::interrupted});
     }
 }
 
 void agent::close(std::size_t host) {
-    host_state& state = *states_[host];
+    host_state& state = hosts_[host];
     state.queue.erase(state.queue.begin() + (state.asking ? 1 : 0), state.queue.end());
     if (state.closing) {
-        return;
+        return state.held ? listener_.closed(host, 0, true) : void();
     }
-    if (pool_.link(host).needs_password()) {
-        pool_.password(host, std::nullopt);  // nobody types it any more
+    if (state.link.needs_password()) {
+        password(host, std::nullopt);  // nobody types it any more
     }
-    // The command must not be sent any more, but the scheduler may have accepted the connection.
-    if (pool_.link(host).is_connecting()) {
-        state.closing = state.final_asked = true;
-        return pool_.request_final_status(host);
-    }
-    if (!pool_.link(host).is_open()) {
-        pool_.drop(host);
+    if (!state.link.is_open() && !state.link.is_connecting()) {
+        drop(host);
         return on_closed(host);
     }
     state.closing = true;
-    if (state.asking) {
-        hold(host);
+    if (state.link.is_open() && state.asking) {
+        hold(state);
         return listener_.closed(host, 0, true);
     }
-    state.final_asked = true;
-    pool_.request_final_status(host);
+    // While connecting, the command must not be sent any more, but the scheduler may have accepted the connection.
+    ask_final(host);
 }
 
-void agent::hold(std::size_t host) {
-    host_state& state = *states_[host];
-    if (state.held == nullptr) {
-        state.held = std::make_unique<held_connection>(state.key, pool_.link(host).connected_at());
-    }
+void agent::ask_final(std::size_t host) {
+    hosts_[host].final_asked = true;
+    begin(host, {});
 }
 
-void agent::shown(const std::vector<std::uint64_t>& ids) {
-    std::map<std::size_t, std::vector<std::uint64_t>> by_host;
-    for (const std::uint64_t id : ids) {
-        by_host[id >> tag_shift].push_back(id & ((std::uint64_t{1} << tag_shift) - 1));
-    }
-    for (const auto& [host, numbers] : by_host) {
-        mailbox_.shown(states_[host]->key, numbers);
-    }
+void agent::drop(std::size_t host) {
+    hosts_[host].link.drop();
+    active_.erase(host);
 }
 
-void agent::fetch_stored(std::size_t host) {
-    status_answer answer;
-    add_stored(host, answer);
-    answer.totals = counters_of(states_[host]->key).totals;
-    listener_.status(host, answer);
+void agent::hold(host_state& state) {
+    if (!state.held || !state.held->is_held()) {
+        state.held.emplace(state.key, state.link.connected_at());
+    }
 }
 
 void agent::password(std::size_t host, std::optional<std::string> text) {
-    pool_.password(host, std::move(text));
-}
-
-void agent::on_output(std::size_t host, std::string_view text, bool of_status) {
-    host_state& state = *states_[host];
-    if (of_status) {
-        state.status_text += text;
-    } else if (state.asking && !state.final_asked) {
-        listener_.output(host, state.queue.front().request, text);
+    const std::string problem = text ? "" : "there is no --password-file";
+    if (text) {
+        passwords_.set(std::move(*text));
+    }
+    if (hosts_[host].link.needs_password()) {
+        hosts_[host].link.log_in(problem);
+        update(host);  // without a password the command has ended
     }
 }
 
-void agent::on_late(std::size_t host) {
-    host_state& state = *states_[host];
-    if (state.asking) {
-        listener_.late(host, state.queue.front().request);
+// Handles what has happened at the link of a host.
+void agent::update(std::size_t host) {
+    host_state& state = hosts_[host];
+    const host_link::news news = state.link.take_news();
+    if (news.received.of_status) {
+        state.status_text += news.received.text;
+    } else if (!news.received.text.empty() && state.asking && !state.final_asked) {
+        listener_.output(host, state.queue.front().request, news.received.text);
+    }
+    if (!state.link.is_open() && !state.link.is_busy()) {
+        active_.erase(host);
+    }
+    if (news.end) {
+        on_ended(host, *news.end);
+    } else if (state.link.needs_password() && hosts_.size() == 1 && !is_finishing_) {
+        listener_.password_needed(host);
+    } else if (state.link.needs_password()) {
+        password(host, std::nullopt);
     }
 }
 
 void agent::on_ended(std::size_t host, command_result end) {
-    host_state& state = *states_[host];
+    host_state& state = hosts_[host];
     if (!state.asking && !state.final_asked) {
-        state.has_answered = false;
         return listener_.ended(host, 0, end);
     }
-    const bool asked_status = !state.final_asked && is_status(state.queue.front().words);
+    const bool asked_status = state.asks_status();
     const bool complete = end.how == outcome::over || end.how == outcome::goodbye;
     if (!state.status_text.empty() || (asked_status && complete)) {
-        const bool is_valid = deliver_status(host, complete, !asked_status);
+        const bool is_valid = deliver_status(host, complete);
         if (asked_status && complete && !is_valid) {
             end = {outcome::bad_answer, "it is no status"};
         }
-    }
-    if (!pool_.link(host).is_open()) {
-        state.has_answered = false;
+    } else if (asked_status) {
+        deliver_instead(host);
     }
     if (state.final_asked) {
         return on_closed(host);
     }
-    remember_login(host);
+    remember_login(state);
     const std::uint32_t request = state.queue.front().request;
     state.queue.pop_front();
-    state.asking = false;
+    state.asking = state.given_up = false;
     listener_.ended(host, request, end);
-    if (state.closing && !state.final_asked) {
-        state.final_asked = true;
-        pool_.request_final_status(host);
+    if (!state.closing || state.final_asked) {
+        schedule(host);
+    } else if (state.link.is_open()) {
+        ask_final(host);
     } else {
-        start_next(host);
+        on_closed(host);
+    }
+}
+
+void agent::on_late(std::size_t host) {
+    host_state& state = hosts_[host];
+    if (state.asking && !state.final_asked) {
+        if (state.asks_status()) {
+            deliver_instead(host);
+        }
+        listener_.late(host, state.queue.front().request);
     }
 }
 
 void agent::on_closed(std::size_t host) {
-    host_state& state = *states_[host];
-    const bool was_held = state.held != nullptr;
+    host_state& state = hosts_[host];
+    const bool was_held = state.held.has_value();
     state.held.reset();
     if (state.asking) {
         state.queue.pop_front();
     }
-    state.asking = state.closing = state.final_asked = state.has_answered = false;
+    state.asking = state.given_up = state.closing = state.final_asked = false;
     // A held connection was reported already.
     if (!was_held) {
         listener_.closed(host, mailbox_.waiting(state.key), false);
     }
-    start_next(host);
+    schedule(host);
 }
 
 // With one host, the password is asked for before connecting where one is known to be needed: while the operator types it,
 // the scheduler would queue messages for a connection that may end without them.
-void agent::remember_login(std::size_t host) {
-    const std::string& key = states_[host]->key;
-    const host_link& link = pool_.link(host);
+void agent::remember_login(const host_state& state) {
+    const host_link& link = state.link;
     // A refused login closes the connection.
-    if (states_.size() == 1 && (link.needed_login() || link.is_open()) &&
-        counters_of(key).login != link.needed_login()) {
-        mailbox::remember_login(key, link.needed_login());
-    }
-}
-
-// Returns false when the answer is complete but is no status.
-bool agent::deliver_status(std::size_t host, bool complete, bool last) {
-    host_state& state = *states_[host];
-    status_answer answer;
-    answer.last = last;
-    answer.seconds = std::chrono::duration<double>(clock::now() - state.asked_at).count();
-    if (!std::exchange(state.has_answered, true) && !answer.last) {
-        add_stored(host, answer);
-    }
-    bool is_valid = true;
-    bool has_date = false;
-    each_line(std::exchange(state.status_text, {}), [&](const std::string& line) {
-        const status_line_kind kind = kind_of(line);
-        is_valid = is_valid && kind != status_line_kind::unknown;
-        has_date = has_date || line.starts_with("confdate ");
-        answer.lines.push_back({0, line});
-    });
-    answer.complete = complete && is_valid && has_date;
-    store_messages(host, answer);
-    listener_.status(host, answer);
-    return answer.complete;
-}
-
-void agent::add_stored(std::size_t host, status_answer& answer) {
-    const std::string& key = states_[host]->key;
-    std::vector<stored_message> stored;
-    if (how_.stored == stored_messages::taken) {
-        stored = mailbox_.take(key);
-        // Other names are looked for only with one host: that needs the boxes of all.
-        answer.notice = mailbox_.notice(key, states_.size() == 1 ? pool_.link(host).address() : "");
-    } else if (how_.stored == stored_messages::looked_at) {
-        stored = mailbox_.look(key);
-    }
-    for (stored_message& m : stored) {
-        answer.lines.push_back({tagged(host, m.id), std::move(m.text)});
-    }
-    answer.stored = stored.size();
-}
-
-void agent::store_messages(std::size_t host, status_answer& answer) {
-    const std::string& key = states_[host]->key;
-    std::vector<std::string> lines;
-    std::vector<status_line*> places;
-    for (std::size_t i = answer.stored; i < answer.lines.size(); ++i) {
-        const status_line_kind kind = kind_of(answer.lines[i].text);
-        if (kind == status_line_kind::message || kind == status_line_kind::lost) {
-            lines.push_back(answer.lines[i].text);
-            places.push_back(&answer.lines[i]);
-        }
-    }
-    if (lines.empty()) {
-        answer.totals = counters_of(key).totals;
-        return;
-    }
-    const std::vector<std::uint64_t> ids =
-        mailbox_.store(key, pool_.link(host).address(), lines, answer.totals, answer.unstored);
-    for (std::size_t i = 0; i < ids.size(); ++i) {
-        places[i]->id = tagged(host, ids[i]);
+    if (hosts_.size() == 1 && (link.needed_login() || link.is_open()) &&
+        counters_of(state.key).login != link.needed_login()) {
+        mailbox::remember_login(state.key, link.needed_login());
     }
 }
 
 void agent::step(std::span<pollfd> others, clock::time_point until) {
-    if (!waiting_.empty()) {
-        until = std::min(until, clock::now() + look_again_after);
+    poll_links(others, std::min(until, start_ready()));
+    std::copy_n(polled_.begin(), others.size(), others.begin());
+    if (polled_[others.size()].revents != 0) {
+        name_lookup::reset();
+        for (const std::size_t host : std::vector<std::size_t>(active_.begin(), active_.end())) {
+            hosts_[host].link.on_looked_up();
+            update(host);
+        }
     }
-    pool_.step(others, until);
-    for (const std::size_t host : std::exchange(waiting_, {})) {
-        start_next(host);
+    for (std::size_t i = 0; i < polled_hosts_.size(); ++i) {
+        host_link& link = hosts_[polled_hosts_[i]].link;
+        const pollfd& ready = polled_[others.size() + 1 + i];
+        // A callback may have closed this link since the poll; its descriptor is then another one or none.
+        if (ready.revents != 0 && link.fd() == ready.fd) {
+            link.on_ready();
+            update(polled_hosts_[i]);
+        }
+    }
+    expire_late();
+}
+
+// Polls the caller's descriptors first, then the one of the look-ups, then those of the hosts in polled_hosts_.
+void agent::poll_links(std::span<pollfd> others, clock::time_point until) {
+    polled_.assign(others.begin(), others.end());
+    polled_.push_back({name_lookup::event(), POLLIN, 0});
+    polled_hosts_.clear();
+    for (const std::size_t host : active_) {
+        const host_link& link = hosts_[host].link;
+        until = std::min(until, link.deadline());
+        if (link.fd() >= 0) {
+            polled_.push_back({link.fd(), link.events(), 0});
+            polled_hosts_.push_back(host);
+        }
+    }
+    if (poll(polled_.data(), polled_.size(), milliseconds_until(until)) < 0) {
+        for (pollfd& p : polled_) {
+            p.revents = 0;  // interrupted by a signal, or out of memory: the caller calls again
+        }
+    }
+}
+
+void agent::expire_late() {
+    const clock::time_point now = clock::now();
+    // A copy: the listener may begin and end commands.
+    for (const std::size_t host : std::vector<std::size_t>(active_.begin(), active_.end())) {
+        host_link& link = hosts_[host].link;
+        if (link.deadline() > now) {
+            continue;
+        }
+        link.expire();
+        if (link.is_late()) {
+            on_late(host);
+        } else {
+            update(host);
+        }
     }
 }
 
 void agent::finish(const std::function<void()>& on_left) {
-    for (std::size_t host = 0; host < states_.size(); ++host) {
+    is_finishing_ = true;
+    for (std::size_t host = 0; host < hosts_.size(); ++host) {
         close(host);
     }
     // At once, not behind a host that does not answer: others can show what came from the rest.
@@ -341,23 +368,23 @@ void agent::finish(const std::function<void()>& on_left) {
     if (on_left != nullptr) {
         on_left();
     }
-    const auto is_closing = [](const auto& state) { return state->closing; };
-    while (std::any_of(states_.begin(), states_.end(), is_closing)) {
-        for (std::size_t host = 0; host < states_.size(); ++host) {
-            host_state& state = *states_[host];
-            if (!state.closing || !pool_.link(host).is_open()) {
+    const auto is_closing = [](const host_state& state) { return state.closing; };
+    while (std::any_of(hosts_.begin(), hosts_.end(), is_closing)) {
+        for (std::size_t host = 0; host < hosts_.size(); ++host) {
+            host_state& state = hosts_[host];
+            if (!state.closing || !state.link.is_open()) {
                 continue;
             }
-            hold(host);
+            hold(state);
             // An older connection to this scheduler, held by another process, gets the same messages.
             if (!state.held->is_held() &&
-                held_connection::older_exists(state.key, pool_.link(host).connecting_at())) {
-                pool_.drop(host);
+                held_connection::older_exists(state.key, state.link.connecting_at())) {
+                drop(host);
                 on_closed(host);
             }
         }
         // Nothing more comes when the last one was dropped.
-        const bool goes_on = std::any_of(states_.begin(), states_.end(), is_closing);
+        const bool goes_on = std::any_of(hosts_.begin(), hosts_.end(), is_closing);
         step({}, goes_on ? clock::time_point::max() : clock::now());
         mailbox_.leave();
     }

@@ -1,15 +1,20 @@
-// The agent of one process: it owns the connections and the mailbox. Every message that a scheduler hands over is in
-// the mailbox before anybody sees it, and every connection ends with a last `status`.
+// The agent of one process: the engine for one host or many, in one thread with poll, and the owner of the mailbox.
+// Every message that a scheduler hands over is in the mailbox before anybody sees it, and every connection ends with a
+// last `status`.
 #pragma once
 
 #include "agent/status_answer.h"
 #include "mail/held_connection.h"
 #include "mail/mailbox.h"
-#include "net/host_pool.h"
+#include "net/host_link.h"
+#include "protocol/login.h"
 
 #include <deque>
-#include <memory>
+#include <functional>
 #include <optional>
+#include <poll.h>
+#include <set>
+#include <span>
 
 namespace client {
 
@@ -17,12 +22,13 @@ namespace client {
 enum class stored_messages {
     left,       // they stay where they are (module commands, `show`)
     looked_at,  // they are part of the answer of `status`, and stay (`check`, `metrics`)
-    taken,      // the first `status` of each connection has them first; shown() removes them
+    // The first `status` of each connection has them first, also one that gets no answer; shown() removes them.
+    taken,
 };
 
 struct agent_options {
     connect_options connect;
-    std::size_t parallel = 64;  // commands under way at once
+    std::size_t parallel = 64;  // commands under way at once; a late one does not count
     // False: a person waits for the answer, so messages that cannot be stored are handed to the listener without a
     // number. True: nothing is asked without room for the answer; the command ends with outcome::no_room.
     bool must_store = false;
@@ -34,7 +40,7 @@ struct agent_options {
 // and finish().
 struct agent_listener {
     // Output of a command that is not `status`; line ends are LF. request: what ask() has returned.
-    std::function<void(std::size_t host, std::uint32_t request, std::string_view text)> output;
+    std::function<void(std::size_t host, std::uint32_t request, const std::string& text)> output;
     // The answer of `status`, complete or as far as it came; before the ended() of that command. Also what the last
     // `status` of a connection has brought; then `last` is set.
     std::function<void(std::size_t host, status_answer& answer)> status;
@@ -51,19 +57,20 @@ struct agent_listener {
 
 class agent {
 public:
-    using clock = host_pool::clock;
+    using clock = host_link::clock;
 
     // hosts: may grow with add(). Raises the limit for descriptors as needed.
     agent(const std::vector<host_name>& hosts, agent_options how, agent_listener events);
 
-    std::size_t add(host_name host);
-    const host_name& host(std::size_t number) const { return pool_.host(number); }
+    std::size_t add(const host_name& host);
+    const host_name& host(std::size_t number) const { return hosts_[number].link.host(); }
 
     // Queues a command, over the connection that is open or a new one; commands of one host run one after the other.
     // words: not empty, accepted by join_words. request: its number for the events; not 0, not used before.
     void ask(std::size_t host, std::uint32_t request, std::vector<std::string> words);
 
-    // Drops a command that has not been sent: ended() comes with outcome::interrupted. Else does nothing.
+    // The operator does not wait for this command any more. One that has not been sent is dropped: ended() comes with
+    // outcome::interrupted. The messages in the answer of one that was sent wait for the next `status`.
     void cancel(std::size_t host, std::uint32_t request);
 
     // Drops commands that have not been sent, without ended(); then, behind the one under way, `status` and `quit` in
@@ -73,8 +80,9 @@ public:
     // These messages were written to the operator's output: they leave the mailbox.
     void shown(const std::vector<std::uint64_t>& ids);
 
-    // Hands the messages in the mailbox to the listener, without a connection.
-    void fetch_stored(std::size_t host);
+    // Hands the messages in the mailbox to the listener as the answer of this request, without a connection. Its
+    // ended() says `how`.
+    void fetch_stored(std::size_t host, std::uint32_t request, outcome how);
 
     // The operator's answer to password_needed; nothing: he has none, the login is refused.
     void password(std::size_t host, std::optional<std::string> text);
@@ -93,38 +101,67 @@ private:
     };
 
     struct host_state {
+        host_state(const host_name& where, const connect_options& how, password_store& passwords,
+                   std::chrono::seconds silence)
+            : key(key_of(where)), link(where, how, passwords, silence) {}
+
         std::string key;
+        host_link link;
+        // The command under way is a `status`, and not the last one.
+        bool asks_status() const { return asking && !final_asked && queue.front().words[0] == "status"; }
+
         std::deque<command> queue;  // the first is under way when `asking`
+        bool is_ready = false;      // in ready_
         bool asking = false;
-        bool closing = false;       // close() was called; the last status is not stored yet
-        bool final_asked = false;   // it is under way
-        bool has_answered = false;  // a `status` was answered over this connection
-        std::string status_text;    // as far as it has come
+        bool given_up = false;     // cancel() was called for the command under way
+        bool closing = false;      // close() was called; the last status is not stored yet
+        bool final_asked = false;  // it is under way
+        // Time of the connection for which the mailbox was looked into.
+        std::optional<clock::time_point> looked;
+        std::string status_text;  // as far as it has come
         clock::time_point asked_at{};
         clock::time_point wait_until{};  // for an older connection that another process holds
-        std::unique_ptr<held_connection> held;
+        std::optional<held_connection> held;
     };
 
-    void add_state(const host_name& host);
-    void start_next(std::size_t host);
+    void schedule(std::size_t host);
+    clock::time_point start_ready();
+    bool start(std::size_t host, std::size_t answers);
     bool waits_for_older(host_state& state);
-    void on_output(std::size_t host, std::string_view text, bool of_status);
+    void begin(std::size_t host, std::vector<std::string> words);
+    void ask_final(std::size_t host);
+    void drop(std::size_t host);
+    void poll_links(std::span<pollfd> others, clock::time_point until);
+    void expire_late();
+    void update(std::size_t host);
     void on_ended(std::size_t host, command_result end);
     void on_late(std::size_t host);
     void on_closed(std::size_t host);
-    bool deliver_status(std::size_t host, bool complete, bool last);
+    void hold(host_state& state);
+    void remember_login(const host_state& state);
+    // In agent/answers.cpp:
+    bool deliver_status(std::size_t host, bool complete);
+    void deliver_stored(std::size_t host, std::uint32_t request);
+    void deliver_instead(std::size_t host);
     void add_stored(std::size_t host, status_answer& answer);
     void store_messages(std::size_t host, status_answer& answer);
-    void hold(std::size_t host);
-    void remember_login(std::size_t host);
 
     const agent_options how_;
     const agent_listener listener_;
+    const std::size_t parallel_;
+    const std::chrono::seconds module_silence_;
+    password_store passwords_;
     mailbox mailbox_;
-    std::vector<std::unique_ptr<host_state>> states_;
-    std::vector<std::size_t> waiting_;  // hosts whose next command waits for an older connection
-    host_pool pool_;                    // last: its callbacks use the members above
+    bool is_finishing_ = false;  // nobody can be asked for a password
+    std::deque<host_state> hosts_;
+    std::deque<std::size_t> ready_;          // hosts whose next command waits for its start
+    std::set<std::size_t> active_;           // hosts whose link is not closed
+    std::vector<pollfd> polled_;             // kept between calls, to allocate only once
+    std::vector<std::size_t> polled_hosts_;  // the hosts at the end of polled_
 };
+
+// For poll(2).
+int milliseconds_until(agent::clock::time_point when);
 
 // For a process that is left with an agent: neither the terminal nor a monitoring engine that kills the process group of
 // its check may end it before it has stored the messages. Nobody may wait for the end of its output.

@@ -9,19 +9,20 @@ namespace client {
 
 class agent_client {
 public:
-    using clock = host_pool::clock;
+    using clock = agent::clock;
 
     // Starts the agent. Call before there are threads, and before anything is written to stdio's buffers. Throws
     // std::system_error. The functions are those of `agent`, with the same meaning; each is sent to the agent, and its
     // events come in step().
     agent_client(std::vector<host_name> hosts, const agent_options& how, agent_listener events);
 
-    // Returns the number of the request.
+    // These return the number of the request.
     std::uint32_t ask(std::size_t host, const std::vector<std::string>& words);
+    std::uint32_t fetch_stored(std::size_t host, outcome how);
+
     void cancel(std::size_t host, std::uint32_t request);
     void close(std::size_t host);
     void shown(const std::vector<std::uint64_t>& ids);
-    void fetch_stored(std::size_t host);
     void password(std::size_t host, const std::optional<std::string>& text);
 
     const std::vector<host_name>& hosts() const { return hosts_; }
@@ -38,8 +39,7 @@ public:
     void finish(std::span<pollfd> others = {});
 
 private:
-    void handle(const frame& event);
-    void send(const frame& command);
+    void handle(const std::string& frame);
 
     const std::vector<host_name> hosts_;
     const agent_listener listener_;

@@ -6,7 +6,6 @@
 
 #include <cstdint>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace client {
@@ -19,20 +18,14 @@ struct status_line {
 };
 
 struct status_answer {
+    std::uint32_t request = 0;       // that was answered; 0 for the last one of a connection
     std::vector<status_line> lines;  // the messages that were stored before come first, then the answer
-    std::size_t stored = 0;          // number of lines that were stored before
-    bool complete = false;           // false: the answer broke off, or there is none (fetch_stored)
+    bool complete = false;           // false: the answer broke off, or there is none
     bool last = false;               // of the last `status` before the connection ends
     double seconds = 0;              // that the scheduler took for it
     message_totals totals;           // of this scheduler, as the mailbox has counted them
     std::string unstored;            // why the new messages could not be stored; empty when they are
     std::string notice;              // for the operator, such as who holds messages; lines end with LF
 };
-
-// All lines as the text of an answer of `status`.
-std::string text_of(const status_answer& answer);
-
-// Their meaning: conditions of the scheduler, messages and lost count of all lines.
-status_report report_of(const status_answer& answer);
 
 }  // namespace client

@@ -108,8 +108,8 @@ std::optional<std::string> mailbox::reserve(std::size_t answers) {
 }
 
 std::vector<std::uint64_t> mailbox::store(const std::string& key, const std::string& address,
-                                          const std::vector<std::string>& lines, message_totals& totals,
-                                          std::string& problem) {
+                                          const std::vector<std::string>& lines, bool shows,
+                                          message_totals& totals, std::string& problem) {
     totals = counters_of(key).totals;
     std::optional<box> to = open_own(problem) ? box::open(key, problem) : std::nullopt;
     if (!to) {
@@ -119,7 +119,7 @@ std::vector<std::uint64_t> mailbox::store(const std::string& key, const std::str
     std::vector<box::record> records;
     for (const std::string& line : lines) {
         text += line + "\n";
-        records.push_back({0, true, 0, kind_ == mail_kind::followers ? 'f' : 'o', shows_ ? name_ : "", line});
+        records.push_back({0, true, 0, kind_ == mail_kind::followers ? 'f' : 'o', shows ? name_ : "", line});
     }
     counter_row& counters = to->counters();
     counters.totals.add(parse_status(text));
@@ -135,7 +135,7 @@ std::vector<std::uint64_t> mailbox::store(const std::string& key, const std::str
         problem = "the box of " + key + ": " + error_text(errno);
         return {};
     }
-    has_some_ = has_some_ || shows_;
+    has_some_ = has_some_ || shows;
     to->clean();
     totals = counters.totals;
     std::vector<std::uint64_t> ids;

@@ -28,8 +28,7 @@ struct stored_message {
 
 class mailbox {
 public:
-    // shows: this process shows what it stores. Else that is anybody's at once.
-    mailbox(mail_kind kind, bool shows) : kind_(kind), shows_(shows) {}
+    explicit mailbox(mail_kind kind) : kind_(kind) {}
     ~mailbox();
     mailbox(const mailbox&) = delete;
     mailbox& operator=(const mailbox&) = delete;
@@ -38,11 +37,12 @@ public:
     std::optional<std::string> reserve(std::size_t answers);
 
     // Stores the messages of one answer: lines with messages and lost counts. They survive the end of the process.
-    // address: of the scheduler, dotted; empty when it is not known. totals gets the new numbers of the scheduler.
+    // address: of the scheduler, dotted; empty when it is not known. shows: this process shows them; else they are
+    // anybody's at once. totals gets the new numbers of the scheduler.
     // Returns the numbers of the lines; nothing, with the reason in problem, when they could not be stored.
     std::vector<std::uint64_t> store(const std::string& key, const std::string& address,
-                                     const std::vector<std::string>& lines, message_totals& totals,
-                                     std::string& problem);
+                                     const std::vector<std::string>& lines, bool shows,
+                                     message_totals& totals, std::string& problem);
 
     // Takes what other processes have left for this scheduler, oldest first. It stays on the disk until it is shown, and
     // others do not get it before leave() or the end of this process.
@@ -75,7 +75,6 @@ private:
     bool is_alive(const std::string& owner);
 
     const mail_kind kind_;
-    const bool shows_;
     bool has_some_ = false;  // records may belong to this process
     state_file own_;
     bool is_clean_ = false;              // remove_dead() was called

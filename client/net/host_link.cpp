@@ -9,7 +9,6 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <system_error>
-#include <unistd.h>
 
 namespace client {
 
@@ -65,11 +64,12 @@ std::chrono::seconds host_link::limit() const {
 
 void host_link::ask(std::vector<std::string> words) {
     // The greeting is needed once for each connection.
-    talk_.emplace(std::move(words), is_open() ? "" : how_.user, passwords_);
+    talk_.emplace(std::move(words), is_open() || is_connecting() ? "" : how_.user, passwords_);
+    if (is_connecting()) {
+        return;
+    }
     requests_.clear();
-    end_.reset();
-    late_ = false;
-    took_long_ = false;
+    late_ = took_long_ = false;
     // This limit covers look-up, connecting and, for a command that the scheduler answers itself, the answer.
     deadline_ = clock::now() + limit();
     if (state_ == state::idle) {
@@ -78,24 +78,35 @@ void host_link::ask(std::vector<std::string> words) {
         return send_requests();
     }
     next_address_ = 0;
-    // An address needs no look-up in another thread.
-    if (addresses_.empty()) {
-        addresses_ = name_lookup::numeric(where_.name);
+    in_addr address{};
+    if (addresses_.empty() && inet_aton(where_.name.c_str(), &address) != 0) {
+        addresses_ = {address};
     }
-    if (addresses_.empty()) {
-        state_ = state::resolving;
-    } else {
-        connect_next();
+    if (!addresses_.empty()) {
+        return connect_next();
+    }
+    state_ = state::resolving;
+    if (!lookup_) {
+        lookup_.emplace(where_.name);
     }
 }
 
-void host_link::on_resolved(lookup_result found) {
-    if (state_ != state::resolving) {
-        return;
+void host_link::on_looked_up() {
+    if (lookup_ && lookup_->is_done()) {
+        std::string problem;
+        std::vector<in_addr> found = lookup_->addresses(problem);
+        lookup_.reset();
+        on_resolved(std::move(found), problem);
     }
-    addresses_ = std::move(found.addresses);
+}
+
+void host_link::on_resolved(std::vector<in_addr> addresses, const std::string& problem) {
+    addresses_ = std::move(addresses);
+    if (state_ != state::resolving) {
+        return;  // the command was given up; the next one uses them
+    }
     if (addresses_.empty()) {
-        fail({outcome::closed, where_.name + ": " + found.problem});
+        fail({outcome::closed, where_.name + ": " + problem});
     } else {
         connect_next();
     }
@@ -106,11 +117,10 @@ void host_link::connect_next() {
     state_ = state::connecting;
     int problem = 0;
     while (next_address_ < addresses_.size()) {
-        close_descriptor();
         connecting_at_ = clock::now();
-        fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        socket_.reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
         problem =
-            fd_ < 0 ? errno : begin_connection(fd_, addresses_[next_address_], where_.port, how_.source);
+            fd() < 0 ? errno : begin_connection(fd(), addresses_[next_address_], where_.port, how_.source);
         ++next_address_;
         if (problem == 0) {
             return on_connected();
@@ -124,7 +134,7 @@ void host_link::connect_next() {
 }
 
 void host_link::on_connected() {
-    detect_dead_peer(fd_);
+    detect_dead_peer(fd());
     state_ = state::talking;
     connected_at_ = clock::now();
     received_any_ = needed_login_ = false;
@@ -156,7 +166,7 @@ void host_link::set_deadline() {
 // Sends as much as the socket takes; the rest waits until it is writable.
 void host_link::send_requests() {
     while (!requests_.empty()) {
-        const ssize_t n = send(fd_, requests_.data(), requests_.size(), MSG_NOSIGNAL);
+        const ssize_t n = send(fd(), requests_.data(), requests_.size(), MSG_NOSIGNAL);
         if (n < 0 && errno == EINTR) {
             continue;
         }
@@ -187,7 +197,7 @@ short host_link::events() const {
     return static_cast<short>(requests_.empty() ? POLLIN : POLLIN | POLLOUT);
 }
 
-void host_link::on_ready(exchange::output& received) {
+void host_link::on_ready() {
     if (state_ == state::connecting) {
         return finish_connecting();
     }
@@ -196,12 +206,12 @@ void host_link::on_ready(exchange::output& received) {
     }
     // One receive for each event: other hosts must not wait for one that sends without a pause.
     char buffer[receive_size];
-    const ssize_t n = recv(fd_, buffer, sizeof buffer, 0);
+    const ssize_t n = recv(fd(), buffer, sizeof buffer, 0);
     if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
         return;
     }
     if (n > 0 && state_ == state::talking) {
-        return on_received({buffer, static_cast<std::size_t>(n)}, received);
+        return on_received({buffer, static_cast<std::size_t>(n)});
     }
     // No command runs: bytes are not expected and are dropped, but a closed connection must be reported.
     if (n <= 0 && state_ == state::idle) {
@@ -215,7 +225,7 @@ void host_link::on_ready(exchange::output& received) {
 void host_link::finish_connecting() {
     int problem = 0;
     socklen_t size = sizeof problem;
-    getsockopt(fd_, SOL_SOCKET, SO_ERROR, &problem, &size);
+    getsockopt(fd(), SOL_SOCKET, SO_ERROR, &problem, &size);
     if (problem == 0) {
         on_connected();
     } else if (next_address_ < addresses_.size()) {
@@ -225,9 +235,9 @@ void host_link::finish_connecting() {
     }
 }
 
-void host_link::on_received(std::string_view bytes, exchange::output& received) {
+void host_link::on_received(std::string_view bytes) {
     received_any_ = true;
-    talk_->feed(bytes, received, requests_);
+    talk_->feed(bytes, news_.received, requests_);
     needed_login_ = needed_login_ || talk_->needed_login();
     if (!talk_->done()) {
         return send_requests();
@@ -238,7 +248,7 @@ void host_link::on_received(std::string_view bytes, exchange::output& received) 
     if (!goes_on) {
         return fail(talk_->end());
     }
-    end_ = talk_->end();
+    news_.end = talk_->end();
     state_ = state::idle;
     late_ = false;
     deadline_ = clock::time_point::max();
@@ -258,27 +268,16 @@ void host_link::expire() {
     }
 }
 
-std::optional<command_result> host_link::take_end() {
-    return std::exchange(end_, std::nullopt);
-}
-
 void host_link::fail(command_result end) {
     if (state_ == state::connecting) {
         addresses_.clear();  // the name may have another one by the next command
     }
     drop();
-    end_ = std::move(end);
-}
-
-void host_link::close_descriptor() {
-    if (fd_ >= 0) {
-        close(fd_);
-    }
-    fd_ = -1;
+    news_.end = std::move(end);
 }
 
 void host_link::drop() {
-    close_descriptor();
+    socket_.reset();
     state_ = state::closed;
     late_ = false;
     deadline_ = clock::time_point::max();

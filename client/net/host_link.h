@@ -3,14 +3,15 @@
 //     closed --ask--> resolving --> connecting --> talking --> idle --ask--> talking
 //     any state --failure, drop--> closed
 //
-// The end of a command is kept until take_end(). A command that is not answered within its limit is reported once by
-// expire(); it stays under way, because its answer may bring messages.
+// A command that is not answered within its limit is reported once by expire(); it stays under way, because its answer
+// may bring messages.
 #pragma once
 
 #include "net/connect_options.h"
 #include "net/exchange.h"
 #include "net/host_list.h"
 #include "net/name_lookup.h"
+#include "term/descriptor.h"
 
 #include <chrono>
 #include <optional>
@@ -30,51 +31,50 @@ public:
     host_link(host_name where, const connect_options& how, password_store& passwords,
               std::chrono::seconds module_silence)
         : where_(std::move(where)), how_(how), passwords_(passwords), module_silence_(module_silence) {}
-    ~host_link() { drop(); }
-    host_link(const host_link&) = delete;
-    host_link& operator=(const host_link&) = delete;
 
     const host_name& host() const { return where_; }
     bool is_open() const { return state_ == state::talking || state_ == state::idle; }
     // The connection is being made. The scheduler may have accepted it already, and given it what waits.
     bool is_connecting() const { return state_ == state::connecting; }
-    bool is_busy() const {
-        return state_ != state::closed && state_ != state::idle;
-    }  // a command is under way
+    // A command is under way.
+    bool is_busy() const { return state_ != state::closed && state_ != state::idle; }
     bool is_late() const { return late_; }
     bool needs_password() const { return state_ == state::talking && talk_->needs_password(); }
     bool needed_login() const { return needed_login_; }  // of the connection, or of the last one
     // The address of the connection, or of the last one, as text; empty before the first.
     std::string address() const;
-    // When the making of the connection began, and when it was made; only while it is open. The scheduler has accepted
-    // it in between or later, but in the order in which connections were made.
+    // When the making of the connection began, and when it was made; of the last one when it is closed. The scheduler
+    // has accepted it in between or later, but in the order in which connections were made.
     clock::time_point connecting_at() const { return connecting_at_; }
     clock::time_point connected_at() const { return connected_at_; }
 
     // Begins a command, over the connection that is open or a new one. None may be under way. Empty words: the last
-    // request of the connection.
+    // request of the connection; while connecting it takes the place of the command, which has not been sent.
     void ask(std::vector<std::string> words);
 
-    // The last request of the connection takes the place of the command, which has not been sent. Only while connecting.
-    void end_when_connected() { talk_.emplace(std::vector<std::string>(), "", passwords_); }
-
-    // True when the command needs the addresses of the host, which must be looked up.
-    bool wants_addresses() const { return state_ == state::resolving; }
-    void on_resolved(lookup_result found);  // ignored when the command was given up
+    // Call when name_lookup::event() is readable.
+    void on_looked_up();
+    // The addresses of the host; empty: there are none, for this reason.
+    void on_resolved(std::vector<in_addr> addresses, const std::string& problem);
 
     // The store has the password now, or (no_password is not empty) there is none.
     void log_in(const std::string& no_password);
 
     // The descriptor to poll, -1 for none, and the events to poll for.
-    int fd() const { return fd_; }
+    int fd() const { return socket_.get(); }
     short events() const;
-    void on_ready(exchange::output& received);
+    void on_ready();
 
     clock::time_point deadline() const { return deadline_; }
     void expire();
 
-    // Returns how the command ended, once. Also that the scheduler has closed an idle connection.
-    std::optional<command_result> take_end();
+    // What has happened since the last call: output, and how the command ended; or (then no command was under way) that
+    // the scheduler has closed the connection.
+    struct news {
+        exchange::output received;
+        std::optional<command_result> end;
+    };
+    news take_news() { return std::exchange(news_, {}); }
 
     // Closes the connection and gives up its command, which then has no end to report.
     void drop();
@@ -85,11 +85,10 @@ private:
     void connect_next();
     void on_connected();
     void finish_connecting();
-    void on_received(std::string_view bytes, exchange::output& received);
+    void on_received(std::string_view bytes);
     void send_requests();
     void set_deadline();
     void fail(command_result end);
-    void close_descriptor();
     std::chrono::seconds limit() const;
 
     const host_name where_;
@@ -97,19 +96,20 @@ private:
     password_store& passwords_;
     const std::chrono::seconds module_silence_;
     state state_ = state::closed;
-    int fd_ = -1;
-    std::vector<in_addr> addresses_;  // kept for later connections
-    std::size_t next_address_ = 0;    // index of the address to try next
-    std::optional<exchange> talk_;    // of the running or the last command
-    std::string requests_;            // not sent yet
-    bool received_any_ = false;       // over this connection
-    bool needed_login_ = false;       // the same
-    bool took_long_ = false;          // the last deadline was that of a module
+    descriptor socket_;
+    std::optional<name_lookup> lookup_;  // may be under way longer than its command
+    std::vector<in_addr> addresses_;     // kept for later connections
+    std::size_t next_address_ = 0;       // index of the address to try next
+    std::optional<exchange> talk_;       // of the running or the last command
+    std::string requests_;               // not sent yet
+    bool received_any_ = false;          // over this connection
+    bool needed_login_ = false;          // the same
+    bool took_long_ = false;             // the last deadline was that of a module
     bool late_ = false;
     clock::time_point connecting_at_{};
     clock::time_point connected_at_{};
     clock::time_point deadline_ = clock::time_point::max();
-    std::optional<command_result> end_;
+    news news_;
 };
 
 }  // namespace client

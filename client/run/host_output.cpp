@@ -55,7 +55,9 @@ void host_output::add(std::size_t host, std::string_view text) {
 }
 
 void host_output::mark(std::size_t host, std::uint64_t id) {
-    lanes_[host].marks.emplace_back(lanes_[host].added, id);
+    if (id != 0) {
+        lanes_[host].marks.emplace_back(lanes_[host].added, id);
+    }
 }
 
 void host_output::schedule(std::size_t host, std::uint64_t end) {

@@ -49,7 +49,7 @@ command_runner::command_runner(const settings& chosen, manner how)
           chosen.hosts, options_for(chosen, !how_.once || chosen.words[0] == "status"),
           {.output = [this](std::size_t host, std::uint32_t request,
                             std::string_view text) { take_output(host, request, text); },
-           .status = [this](std::size_t host, status_answer& answer) { take_status(host, answer); },
+           .status = [this](std::size_t host, const status_answer& answer) { take_status(host, answer); },
            .ended = [this](std::size_t host, std::uint32_t request,
                            const command_result& end) { take_end(host, request, end); },
            .late =
@@ -84,7 +84,6 @@ int command_runner::run(const std::vector<std::string>& words) {
 
 void command_runner::start(std::size_t host) {
     host_state& state = states_[host];
-    state.answered = false;
     state.kept.clear();
     state.ids.clear();
     state.filter = printable_text();
@@ -93,19 +92,22 @@ void command_runner::start(std::size_t host) {
         return finish_host(host, {outcome::invalid, *problem});
     }
     // Whoever gives no password must not take messages by a connection that is then refused.
-    if (states_.size() == 1 && !password_given_ && chosen_.connect.password_file.empty() &&
-        counters_of(key_of(chosen_.hosts[0])).login && has_terminal() && !ask_for_password()) {
-        return finish_host(host, {outcome::login_refused, password_problem_});
+    const bool is_refused =
+        states_.size() == 1 && !password_given_ && chosen_.connect.password_file.empty() &&
+        counters_of(key_of(chosen_.hosts[0])).login && has_terminal() && !ask_for_password();
+    if (!is_refused) {
+        state.request = agent_.ask(host, words_);
+    } else if (words_[0] == "status") {
+        state.request = agent_.fetch_stored(host, outcome::login_refused);
+    } else {
+        finish_host(host, {outcome::login_refused, password_problem_});
     }
-    state.request = agent_.ask(host, words_);
 }
 
 void command_runner::show_stored() {
     words_ = {"status"};
     ++running_;
-    states_[0].end = {outcome::over};
-    states_[0].fetching = true;
-    agent_.fetch_stored(0);
+    states_[0].request = agent_.fetch_stored(0, outcome::over);
     wait();
 }
 
@@ -145,7 +147,7 @@ bool command_runner::step(clock::time_point until) {
 void command_runner::interrupt() {
     output_.stop_ordering();
     for (std::size_t host = 0; host < states_.size(); ++host) {
-        if (states_[host].request != 0 || std::exchange(states_[host].fetching, false)) {
+        if (states_[host].request != 0) {
             give_up(host, outcome::interrupted);
         }
     }
@@ -159,12 +161,8 @@ void command_runner::interrupt() {
 
 // Its answer, when it comes, belongs to no command.
 void command_runner::give_up(std::size_t host, outcome how) {
-    if (const std::uint32_t request = states_[host].request; request != 0) {
-        given_up_.push_back({request, words_[0] == "status"});
-        if (how == outcome::interrupted) {
-            agent_.cancel(host, request);
-        }
-    }
+    ++given_up_;
+    agent_.cancel(host, states_[host].request);
     finish_host(host, {how});
 }
 
@@ -196,32 +194,12 @@ void command_runner::take_output(std::size_t host, std::uint32_t request, std::s
     }
 }
 
-void command_runner::take_status(std::size_t host, status_answer& answer) {
-    host_state& state = states_[host];
-    report_trouble(host, answer);
-    if (answer.last) {
-        return;  // its messages wait in the mailbox
-    }
-    if (state.fetching && !answer.complete && answer.lines.size() == answer.stored) {
-        state.fetching = false;
+void command_runner::take_status(std::size_t host, const status_answer& answer) {
+    const bool is_wanted = answer.request != 0 && answer.request == states_[host].request;
+    report_trouble(host, answer, is_wanted);
+    if (is_wanted) {  // else its messages wait in the mailbox
         show(host, answer);
-        return write_answer(host);
     }
-    const bool late =
-        std::any_of(given_up_.begin(), given_up_.end(), [](const given_up& g) { return g.of_status; });
-    if (state.request == 0 || late) {
-        unshown_.insert(unshown_.end(), answer.lines.begin(), answer.lines.end());
-        std::erase_if(unshown_, [](const status_line& line) { return line.id == 0; });
-        return;
-    }
-    state.answered = true;
-    std::erase_if(unshown_, [&answer](const status_line& old) {
-        return std::any_of(answer.lines.begin(), answer.lines.end(),
-                           [&old](const status_line& line) { return line.id == old.id; });
-    });
-    answer.lines.insert(answer.lines.begin(), unshown_.begin(), unshown_.end());
-    unshown_.clear();
-    show(host, answer);
 }
 
 void command_runner::show(std::size_t host, const status_answer& answer) {
@@ -230,12 +208,9 @@ void command_runner::show(std::size_t host, const status_answer& answer) {
         const std::string text = line.text + "\n";
         if (how_.convert != nullptr) {
             state.kept += text;
+            state.ids.push_back(line.id);
         } else {
             output_.add(host, terminal_ ? state.filter.clean(text) : text);
-        }
-        if (line.id != 0 && how_.convert != nullptr) {
-            state.ids.push_back(line.id);
-        } else if (line.id != 0) {
             output_.mark(host, line.id);
         }
     }
@@ -243,7 +218,7 @@ void command_runner::show(std::size_t host, const status_answer& answer) {
 
 // What the operator must know of an answer besides its lines. Messages that are neither shown nor stored are written
 // here, because the scheduler does not send them again.
-void command_runner::report_trouble(std::size_t host, const status_answer& answer) const {
+void command_runner::report_trouble(std::size_t host, const status_answer& answer, bool is_shown) const {
     const std::string label = label_of(host, false);
     each_line(answer.notice, [&label](const std::string& line) {
         std::fprintf(stderr, "schedctl: %s%s\n", label.c_str(), line.c_str());
@@ -252,27 +227,25 @@ void command_runner::report_trouble(std::size_t host, const status_answer& answe
         return;
     }
     std::fprintf(stderr, "schedctl: %scannot store messages: %s\n", label.c_str(), answer.unstored.c_str());
-    const bool shown = !answer.last && (states_[host].request != 0 || states_[host].fetching);
     for (const status_line& line : answer.lines) {
-        if (!shown && line.id == 0 && parse_status(line.text).conditions.empty()) {
+        if (!is_shown && line.id == 0 && parse_status(line.text).conditions.empty()) {
             std::fprintf(stderr, "%s%s\n", label.c_str(), printable_text().clean(line.text).c_str());
         }
     }
 }
 
 void command_runner::take_end(std::size_t host, std::uint32_t request, const command_result& end) {
-    if (states_[host].request == request && request != 0) {
+    if (request != 0 && states_[host].request == request) {
         command_result known = end;
         if (end.how == outcome::login_refused && !password_problem_.empty()) {
             known.reason = std::exchange(password_problem_, "");
         }
         return finish_host(host, known);
     }
-    const std::size_t dropped =
-        std::erase_if(given_up_, [request](const given_up& g) { return g.request == request; });
+    given_up_ -= request != 0 ? 1 : 0;
     if (request == 0 || end.how == outcome::closed) {
         note_ = "the scheduler closed the connection";
-    } else if (dropped != 0 && running_ == 0 && end.how != outcome::interrupted) {
+    } else if (running_ == 0 && end.how != outcome::interrupted) {
         note_ = "the answer given up earlier is complete";
     }
 }
@@ -285,24 +258,12 @@ void command_runner::finish_host(std::size_t host, const command_result& end) {
     if (how_.once && end.how != outcome::no_answer && end.how != outcome::interrupted) {
         agent_.close(host);
     }
-    // Without an answer of the scheduler, at least the messages that were stored before are shown. One object of JSON
-    // would look like a status.
-    const bool fetch = words_[0] == "status" && end.how != outcome::over && end.how != outcome::interrupted &&
-                       !state.answered && (how_.convert == nullptr || chosen_.several);
-    if (fetch) {
-        state.fetching = true;
-        return agent_.fetch_stored(host);
-    }
-    write_answer(host);
-}
-
-void command_runner::write_answer(std::size_t host) {
-    host_state& state = states_[host];
-    const bool over = state.end.how == outcome::over;
+    const bool over = end.how == outcome::over;
+    // One object of JSON without an answer would look like a status.
     if (how_.convert != nullptr && (over || chosen_.several)) {
         const std::string object = over || !state.kept.empty() ? how_.convert(state.kept) : "";
-        output_.add(host, chosen_.several ? host_json(chosen_.hosts[host].label, object, describe(state.end))
-                                          : object);
+        output_.add(host,
+                    chosen_.several ? host_json(chosen_.hosts[host].label, object, describe(end)) : object);
         for (const std::uint64_t id : state.ids) {
             output_.mark(host, id);
         }
@@ -311,7 +272,7 @@ void command_runner::write_answer(std::size_t host) {
         keep_modules(chosen_.hosts[host], state.kept);
     }
     state.kept = std::string();
-    exit_code_ = std::max(exit_code_, exit_code_of(state.end));
+    exit_code_ = std::max(exit_code_, exit_code_of(end));
     output_.end(host);
 }
 

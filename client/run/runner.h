@@ -9,7 +9,6 @@
 #include "term/signals.h"
 #include "term/text.h"
 
-#include <deque>
 #include <functional>
 #include <string>
 #include <utility>
@@ -47,7 +46,7 @@ public:
     std::string take_note() { return std::exchange(note_, {}); }
 
     // Number of commands that the operator does not wait for any more, whose end has not come.
-    std::size_t given_up_count() const { return given_up_.size(); }
+    std::size_t given_up_count() const { return given_up_; }
 
     signal_watch& signals() { return signals_; }
 
@@ -59,32 +58,24 @@ private:
 
     struct host_state {
         std::uint32_t request = 0;  // under way; 0 for none
-        bool answered = false;      // the answer of `status` has come
-        bool fetching = false;      // the messages in the mailbox are asked for
         command_result end;
         std::string kept;                // the answer, for JSON and for the list of modules
         std::vector<std::uint64_t> ids;  // of the messages in it
         printable_text filter;
         std::size_t waiting = 0;  // messages that nobody was shown, when the connection was closed
     };
-    struct given_up {
-        std::uint32_t request;
-        bool of_status;
-    };
-
     void wait();
     bool step(clock::time_point until);
     void interrupt();
     void start(std::size_t host);
     bool ask_for_password();
     void take_output(std::size_t host, std::uint32_t request, std::string_view text);
-    void take_status(std::size_t host, status_answer& answer);
+    void take_status(std::size_t host, const status_answer& answer);
     void show(std::size_t host, const status_answer& answer);
-    void report_trouble(std::size_t host, const status_answer& answer) const;
+    void report_trouble(std::size_t host, const status_answer& answer, bool is_shown) const;
     void take_end(std::size_t host, std::uint32_t request, const command_result& end);
     void give_up(std::size_t host, outcome how);
     void finish_host(std::size_t host, const command_result& end);
-    void write_answer(std::size_t host);
     void written(std::size_t host);
     void report_waiting() const;
     std::string label_of(std::size_t host, bool with_port) const;
@@ -101,10 +92,8 @@ private:
     int exit_code_ = 0;               // the largest of the hosts
     bool password_given_ = false;
     std::string password_problem_;  // why there is no password
-    std::deque<given_up>
-        given_up_;  // commands that the operator does not wait for any more, of the first host
-    std::vector<status_line> unshown_;  // messages of their answers
-    std::string note_;                  // for take_note()
+    std::size_t given_up_ = 0;      // see given_up_count()
+    std::string note_;              // for take_note()
 };
 
 }  // namespace client

@@ -8,7 +8,9 @@
 #include "util/text.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <optional>
 
 relaxed<int> qmx_syslog_is_enable;
 relaxed<int> qmx_syslog_required_retry;
@@ -17,13 +19,22 @@ namespace {
 
 constexpr int section_max = 100;
 
-bool is_any_section_active() {
+// Returns nothing when the file cannot be read. A missing file has no active section.
+std::optional<bool> is_any_section_active() {
+    // Opened once for all sections: if a later open failed, the file would count as read, without an active section.
+    const unique_file file = open_regular_for_reading(st->pvo_ini_path);
+    if (file == nullptr) {
+        return errno == ENOENT ? std::optional(false) : std::nullopt;
+    }
     for (int n = 0; n < section_max; ++n) {
         char section[32];
         format_text(section, "[section %d]", n);
-        const char* value = read_ini_file("pvo.ini", section, "active");
+        const char* value = read_ini_stream(file.get(), section, "active");
         if (value != nullptr && std::strcmp(value, "yes") == 0) {
             return true;
+        }
+        if (std::ferror(file.get()) != 0) {
+            return std::nullopt;
         }
     }
     return false;
@@ -35,11 +46,11 @@ bool update_forwarding_switch() {
     // Makes reading and storing one step. Otherwise a caller that read the old file could store its result last.
     static constinit posix_mutex checking;
     const mutex_guard guard(checking);
-    if (open_regular_for_reading(st->pvo_ini_path) == nullptr && errno != ENOENT) {
-        return false;
+    const std::optional<bool> is_active = is_any_section_active();
+    if (is_active.has_value()) {
+        qmx_syslog_is_enable = *is_active ? 1 : 0;
     }
-    qmx_syslog_is_enable = is_any_section_active() ? 1 : 0;
-    return true;
+    return is_active.has_value();
 }
 
 int syslog_enable_check() {

@@ -6,8 +6,8 @@ constexpr char version_text[] = "8.0.0-130207154512";
 // Prints the version on standard output and ends the process with exit code 0.
 [[noreturn]] void print_version();
 
-// Checks the environment, removes REMOTEHOST from it, creates the record with its defaults and paths, starts the trace, blocks signals.
-// Ends the process with exit code 1 when a variable or memory is missing.
+// Checks the environment, removes REMOTEHOST from it, creates the record with its defaults and paths, starts the trace,
+// blocks signals. Ends the process with exit code 1 when a variable or memory is missing.
 void init_sched();
 
 // Applies the command line to the record. Returns the niceness increment. Ends the process when asked for the version

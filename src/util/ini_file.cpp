@@ -60,9 +60,11 @@ const char* read_ini_file(const char* file, const char* section, const char* key
     char path[path_size];
     format_text(path, "%s/%s", environment("VGD_config"), file);
     const unique_file stream = open_regular_for_reading(path);
-    if (stream == nullptr) {
-        return nullptr;
-    }
+    return stream != nullptr ? read_ini_stream(stream.get(), section, key) : nullptr;
+}
+
+const char* read_ini_stream(std::FILE* file, const char* section, const char* key) {
+    std::rewind(file);
     result[0] = '\0';
-    return find_value(stream.get(), section, key) ? result : nullptr;
+    return find_value(file, section, key) ? result : nullptr;
 }

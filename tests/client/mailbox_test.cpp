@@ -69,7 +69,7 @@ protected:
     static std::vector<std::uint64_t> store(mailbox& in, const std::string& key, const strings& lines) {
         message_totals totals;
         std::string problem;
-        const std::vector<std::uint64_t> ids = in.store(key, "127.0.0.1", lines, totals, problem);
+        const std::vector<std::uint64_t> ids = in.store(key, "127.0.0.1", lines, true, totals, problem);
         EXPECT_EQ(ids.empty() && !lines.empty(), !problem.empty()) << problem;
         return ids;
     }
@@ -99,7 +99,7 @@ struct Post {
         return result;
     }
     mailbox& open(int window) {
-        if (!windows[window]) windows[window] = std::make_unique<mailbox>(kind_of(window), true);
+        if (!windows[window]) windows[window] = std::make_unique<mailbox>(kind_of(window));
         return *windows[window];
     }
     strings next_lines(std::size_t count) {
@@ -112,14 +112,14 @@ struct Post {
         const strings lines = next_lines(count);
         message_totals totals;
         std::string problem;
-        const auto ids = by.store(key, "", lines, totals, problem);
+        const auto ids = by.store(key, "", lines, true, totals, problem);
         RC_ASSERT(ids.size() == count || (full && ids.empty() && !problem.empty()));
         for (std::size_t i = 0; i < ids.size(); ++i)
             letters.push_back({key, lines[i], ids[i], follows(window), holder});
     }
     // As `status` does: the waiting messages come first, and the first `count` of them can be shown.
     void take(int window, const std::string& key, std::size_t count) {
-        mailbox reader(kind_of(window), true);
+        mailbox reader(kind_of(window));
         std::vector<stored_message> taken = reader.take(key);
         RC_ASSERT(texts(taken) == waiting(key, window));
         taken.resize(std::min(count, taken.size()));
@@ -147,7 +147,7 @@ struct Post {
     void be_killed(int window, const std::string& key, std::size_t count) {
         const pid_t child = fork();
         if (child == 0) {
-            mailbox own(kind_of(window), true);
+            mailbox own(kind_of(window));
             receive(own, window, -1, key, count, false);
             raise(SIGKILL);
         }
@@ -177,7 +177,7 @@ TEST_F(Mailbox, EveryMessageIsHeldByOneUntilItIsShown) {
             limit_files(RLIM_INFINITY);
             if (act == "kill") post.be_killed(window, key, count);
             if (act == "take") post.take(window, key, count);
-            RC_ASSERT(texts(mailbox(Post::kind_of(window), true).look(key)) == post.waiting(key, window));
+            RC_ASSERT(texts(mailbox(Post::kind_of(window)).look(key)) == post.waiting(key, window));
         }
         for (const int window : {0, 1, 2}) post.end(window);
         for (const std::string& key : hosts) post.take(0, key, post.letters.size());
@@ -195,17 +195,17 @@ TEST_F(Mailbox, NewestThousandStayAndTheOthersAreCounted) {
         return result;
     };
     {
-        mailbox window(mail_kind::operators, true);
+        mailbox window(mail_kind::operators);
         for (int i = 0; i < 1300; i += 100) store(window, hosts[0], lines(i, i + 100));
         EXPECT_LE(window.waiting(hosts[0]), max_messages);
     }
-    mailbox(mail_kind::operators, true).look(hosts[0]);
+    mailbox(mail_kind::operators).look(hosts[0]);
     {
-        mailbox window(mail_kind::operators, true);
+        mailbox window(mail_kind::operators);
         store(window, hosts[0], lines(1300, 1700));
         store(window, hosts[1], lines(0, 1));
     }
-    mailbox reader(mail_kind::operators, true);
+    mailbox reader(mail_kind::operators);
     strings kept = texts(reader.take(hosts[0]));
     EXPECT_LE(kept.size(), max_messages);
     EXPECT_EQ(reader.look(hosts[1]).size(), 1U);
@@ -220,22 +220,22 @@ TEST_F(Mailbox, NewestThousandStayAndTheOthersAreCounted) {
 }
 
 TEST_F(Mailbox, WhatAnotherProcessHoldsStaysWithIt) {
-    store(*std::make_unique<mailbox>(mail_kind::operators, true), hosts[0], {date + "E0101:fan 3"});
-    mailbox holder(mail_kind::operators, true);
+    store(*std::make_unique<mailbox>(mail_kind::operators), hosts[0], {date + "E0101:fan 3"});
+    mailbox holder(mail_kind::operators);
     const auto held = holder.take(hosts[0]);
     ASSERT_EQ(held.size(), 1U);
-    mailbox other(mail_kind::operators, true);
+    mailbox other(mail_kind::operators);
     const auto start = std::chrono::steady_clock::now();
     EXPECT_TRUE(other.take(hosts[0]).empty());
     EXPECT_LT(std::chrono::steady_clock::now() - start, 3 * lock_timeout);
     EXPECT_THAT(other.notice(hosts[0], "127.0.0.1"), testing::HasSubstr("held by"));
-    store(*std::make_unique<mailbox>(mail_kind::operators, true), hosts[0], {date + "E0101:fan 4"});
+    store(*std::make_unique<mailbox>(mail_kind::operators), hosts[0], {date + "E0101:fan 4"});
     holder.shown(hosts[0], {held[0].id});
     EXPECT_EQ(texts(other.take(hosts[0])), strings{date + "E0101:fan 4"});
 }
 
 TEST_F(Mailbox, FullDiskIsReportedBeforeAnythingIsReceived) {
-    mailbox box(mail_kind::operators, true);
+    mailbox box(mail_kind::operators);
     limit_files(room_per_answer * 2);
     EXPECT_EQ(box.reserve(1), std::nullopt);
     EXPECT_EQ(store(box, hosts[0], strings(127, date + std::string(1023, 'x'))).size(), 127U);
@@ -247,7 +247,7 @@ TEST_F(Mailbox, FullDiskIsReportedBeforeAnythingIsReceived) {
 
 // Files that the mailbox has not written, under names that it uses, and lines in its own files.
 TEST_F(Mailbox, WhatIsNoMailIsLeftAndReported) {
-    store(*std::make_unique<mailbox>(mail_kind::operators, true), hosts[0], {date + "E0101:fan 3"});
+    store(*std::make_unique<mailbox>(mail_kind::operators), hosts[0], {date + "E0101:fan 3"});
     const std::string box = path("mail/" + hosts[0] + ".1.box");
     const std::string garbage = "no record\n+\xff\n+0000000000000000000";
     std::ofstream(box, std::ios::binary | std::ios::app) << garbage;
@@ -258,7 +258,7 @@ TEST_F(Mailbox, WhatIsNoMailIsLeftAndReported) {
     std::ofstream(path("mail/" + hosts[1] + ".4.box")) << "the file of another program\n";
     std::string notice;
     {
-        mailbox reader(mail_kind::operators, true);
+        mailbox reader(mail_kind::operators);
         const auto taken = reader.take(hosts[0]);
         EXPECT_EQ(texts(taken), strings{date + "E0101:fan 3"});
         EXPECT_TRUE(reader.take(hosts[1]).empty());
@@ -272,8 +272,8 @@ TEST_F(Mailbox, WhatIsNoMailIsLeftAndReported) {
         EXPECT_THAT(notice, testing::HasSubstr(name));
     EXPECT_THAT(*read_file(box), testing::HasSubstr(garbage));
     EXPECT_EQ(*read_file(path("mail/" + hosts[1] + ".4.box")), "the file of another program\n");
-    EXPECT_EQ(texts(mailbox(mail_kind::operators, true).take(hosts[0])), strings{date + "E0101:fan 5"});
-    EXPECT_EQ(texts(mailbox(mail_kind::operators, true).take(hosts[1])), strings{date + "E0101:fan 4"});
+    EXPECT_EQ(texts(mailbox(mail_kind::operators).take(hosts[0])), strings{date + "E0101:fan 5"});
+    EXPECT_EQ(texts(mailbox(mail_kind::operators).take(hosts[1])), strings{date + "E0101:fan 4"});
 }
 
 // ---- the end of an answer --------------------------------------------------------------------------------------

@@ -148,17 +148,15 @@ TEST(HostLink, TriesEachIPv4AddressAndClosesThoseThatFail) {
     const client::connect_options how;
     client::password_store passwords("");
     client::host_link link(where, how, passwords, 0s);
+    link.on_resolved({{inet_addr("127.0.0.2")}, {inet_addr("127.0.0.3")}, {inet_addr("127.0.0.1")}}, "");
     link.ask({"status"});
-    link.on_resolved({0, {{inet_addr("127.0.0.2")}, {inet_addr("127.0.0.3")}, {inet_addr("127.0.0.1")}}, ""});
     EXPECT_TRUE(wait_until([&] {
-        client::exchange::output received;
         pollfd ready{link.fd(), link.events(), 0};
-        if (poll(&ready, 1, 10) > 0) { link.on_ready(received); }
+        if (poll(&ready, 1, 10) > 0) { link.on_ready(); }
         return link.fd() < 0 || link.events() == POLLIN;  // connected, and the request is sent
     }));
     EXPECT_GE(link.fd(), 0);
     EXPECT_EQ(descriptors(), before + 1);
-    EXPECT_TRUE(client::name_lookup::numeric("::1").empty());
 }
 
 // The scheduler delivers each message only once, so giving up on a stalled host must not lose those of the others.

@@ -7,6 +7,19 @@
 
 namespace e2e {
 
+namespace {
+
+// After the scheduler was killed: waits until the supervisor's next one has started.
+bool next_scheduler_accepts(const Suite& suite) {
+    const pid_t killed = suite.scheduler();
+    return wait_until([&] { return suite.scheduler() != killed && suite.scheduler() > 0; }) && wait_until([&] {
+               const std::string started = "Info:sched:started(pid=" + std::to_string(suite.scheduler()) + ")";
+               return static_cast<bool>(in_order(suite.trace(), {started, "Info:sched:accepting socket"}));
+           });
+}
+
+}  // namespace
+
 TEST(E2eSupervisor, DetachesTheSchedulerAndStartsItAgainCleanAfterItsDeath) {
     Suite suite;
     suite.start({});
@@ -75,13 +88,8 @@ TEST(E2eSupervisor, KillOfTheSchedulerLosesAtMostOneLineOfTheEventPipe) {
     });
     for (int kill_number = 0; kill_number < kills; kill_number++) {
         std::this_thread::sleep_for(300ms);
-        const pid_t scheduler = suite.scheduler();
-        kill(scheduler, SIGKILL);
-        ASSERT_TRUE(wait_until([&] { return suite.scheduler() != scheduler && suite.scheduler() > 0; }));
-        ASSERT_TRUE(wait_until([&] {
-            const std::string started = "Info:sched:started(pid=" + std::to_string(suite.scheduler()) + ")";
-            return in_order(suite.trace(), {started, "Info:sched:accepting socket"});
-        }));
+        kill(suite.scheduler(), SIGKILL);
+        ASSERT_TRUE(next_scheduler_accepts(suite));
     }
     is_over = true;
     writer.join();
@@ -97,6 +105,23 @@ TEST(E2eSupervisor, KillOfTheSchedulerLosesAtMostOneLineOfTheEventPipe) {
         next = number + 1;
     }
     EXPECT_LE(missing, kills) << "of " << sent;
+}
+
+// The pipe may be replaced while a scheduler runs, also by a program that wrote an event while there was none.
+TEST(E2eSupervisor, KeepsTheFifoOpenThatIsThereAtTheStartOfEachScheduler) {
+    Suite suite;
+    suite.start({});
+    const auto kept = [&suite] {
+        return of_process(suite.pid, "find -L fd -samefile " + suite.path("pipe") + " | wc -l");
+    };
+    EXPECT_EQ(kept(), "1\n");
+    for (const auto& [change, wanted] : {std::pair{"mkfifo pipe", "1\n"}, std::pair{": >pipe", "0\n"}}) {
+        SCOPED_TRACE(change);
+        shell("cd " + suite.path("") + "; rm pipe; " + change);
+        kill(suite.scheduler(), SIGKILL);
+        ASSERT_TRUE(next_scheduler_accepts(suite));
+        EXPECT_EQ(kept(), wanted);
+    }
 }
 
 TEST(E2eSupervisor, DoesNotRetryWhenTheAddressCannotBeBound) {

@@ -31,6 +31,10 @@ TEST_F(Event, ForwardingIsOnExactlyWhenASectionOf0To99SaysYes) {
         do_cont_command(command);
         EXPECT_EQ(qmx_syslog_is_enable, 1) << command;
     }
+    fs::remove(path("config/pvo.ini"));
+    fs::create_symlink("/proc/self/mem", path("config/pvo.ini"));  // opens, but each read fails
+    EXPECT_FALSE(update_forwarding_switch());
+    EXPECT_EQ(qmx_syslog_is_enable, 1);
 }
 
 TEST_F(Event, SystemLogIsForwardedWhenItHasChangedOrSomethingIsUnsent) {

@@ -1,0 +1,121 @@
+// What the agent does with an answer of `status`: it is stored, and the messages of earlier processes come before it.
+#include "agent/agent.h"
+#include "term/text.h"
+
+#include <map>
+#include <utility>
+
+namespace client {
+
+namespace {
+
+constexpr unsigned tag_shift = 40;
+
+// Numbers of messages are those of one scheduler. For the listener they have the number of the host in front.
+std::uint64_t tagged(std::size_t host, std::uint64_t id) {
+    return (static_cast<std::uint64_t>(host) << tag_shift) | id;
+}
+
+}  // namespace
+
+// Returns false when the answer is complete but is no status.
+bool agent::deliver_status(std::size_t host, bool complete) {
+    host_state& state = hosts_[host];
+    status_answer answer;
+    answer.last = !state.asks_status();
+    answer.request = answer.last ? 0 : state.queue.front().request;
+    answer.seconds = std::chrono::duration<double>(clock::now() - state.asked_at).count();
+    if (!answer.last && !state.given_up && state.looked != state.link.connected_at()) {
+        add_stored(host, answer);
+    }
+    bool is_valid = true;
+    bool has_date = false;
+    each_line(std::exchange(state.status_text, {}), [&](const std::string& line) {
+        const status_line_kind kind = kind_of(line);
+        is_valid = is_valid && kind != status_line_kind::unknown;
+        has_date = has_date || line.starts_with("confdate ");
+        answer.lines.push_back({0, line});
+    });
+    answer.complete = complete && is_valid && has_date;
+    store_messages(host, answer);
+    listener_.status(host, answer);
+    return answer.complete;
+}
+
+void agent::deliver_stored(std::size_t host, std::uint32_t request) {
+    status_answer answer;
+    answer.request = request;
+    add_stored(host, answer);
+    answer.totals = counters_of(hosts_[host].key).totals;
+    listener_.status(host, answer);
+}
+
+// Without an answer of the scheduler, at least the messages that were stored before are shown; once in an outage.
+void agent::deliver_instead(std::size_t host) {
+    const host_state& state = hosts_[host];
+    if (how_.stored == stored_messages::taken && !state.given_up &&
+        state.looked != state.link.connected_at()) {
+        deliver_stored(host, state.queue.front().request);
+    }
+}
+
+void agent::fetch_stored(std::size_t host, std::uint32_t request, outcome how) {
+    deliver_stored(host, request);
+    hosts_[host].looked.reset();
+    listener_.ended(host, request, {how});
+}
+
+void agent::shown(const std::vector<std::uint64_t>& ids) {
+    std::map<std::size_t, std::vector<std::uint64_t>> by_host;
+    for (const std::uint64_t id : ids) {
+        by_host[id >> tag_shift].push_back(id & ((std::uint64_t{1} << tag_shift) - 1));
+    }
+    for (const auto& [host, numbers] : by_host) {
+        mailbox_.shown(hosts_[host].key, numbers);
+    }
+}
+
+void agent::add_stored(std::size_t host, status_answer& answer) {
+    host_state& state = hosts_[host];
+    state.looked = state.link.connected_at();
+    std::vector<stored_message> stored;
+    if (how_.stored == stored_messages::taken) {
+        stored = mailbox_.take(state.key);
+        // Other names are looked for only with one host: that needs the boxes of all.
+        answer.notice = mailbox_.notice(state.key, hosts_.size() == 1 ? state.link.address() : "");
+    } else if (how_.stored == stored_messages::looked_at) {
+        stored = mailbox_.look(state.key);
+    }
+    for (stored_message& m : stored) {
+        answer.lines.push_back({tagged(host, m.id), std::move(m.text)});
+    }
+}
+
+void agent::store_messages(std::size_t host, status_answer& answer) {
+    host_state& state = hosts_[host];
+    std::vector<std::string> lines;
+    std::vector<status_line*> places;
+    for (status_line& line : answer.lines) {
+        const status_line_kind kind = kind_of(line.text);
+        if (line.id == 0 && (kind == status_line_kind::message || kind == status_line_kind::lost)) {
+            lines.push_back(line.text);
+            places.push_back(&line);
+        }
+    }
+    if (lines.empty()) {
+        answer.totals = counters_of(state.key).totals;
+        return;
+    }
+    // Nobody shows the messages of an answer that was given up. The next answer has them.
+    const bool shows = how_.stored == stored_messages::taken && !state.given_up;
+    if (state.given_up) {
+        state.looked.reset();
+    }
+    const std::vector<std::uint64_t> ids =
+        mailbox_.store(state.key, state.link.address(), lines, shows, answer.totals, answer.unstored);
+    for (std::size_t i = 0; i < ids.size(); ++i) {
+        places[i]->id = tagged(host, ids[i]);
+    }
+}
+
+}  // namespace client
