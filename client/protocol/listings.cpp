@@ -27,9 +27,14 @@ constexpr slots all_slots[] = {{"minute", &timer_job::minutes, 0, 60},
 
 void take_slots(std::string_view label, std::string_view digits, timer_job& job) {
     for (const slots& known : all_slots) {
-        for (std::size_t i = known.first; label == known.label && i < known.end && i < digits.size(); ++i) {
+        if (label != known.label) {
+            continue;
+        }
+        std::vector<int>& values = job.*known.values;
+        values.clear();
+        for (std::size_t i = known.first; i < known.end && i < digits.size(); ++i) {
             if (digits[i] == '1') {
-                (job.*known.values).push_back(static_cast<int>(i));
+                values.push_back(static_cast<int>(i));
             }
         }
     }
