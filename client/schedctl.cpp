@@ -1,6 +1,5 @@
 // schedctl: the operator's client of the scheduler.
-#include "monitor/check.h"
-#include "monitor/metrics.h"
+#include "monitor/monitor.h"
 #include "options/options.h"
 #include "protocol/answer.h"
 #include "run/command.h"
@@ -9,26 +8,23 @@
 #include "watch/watch.h"
 
 #include <clocale>
-#include <cstdio>
 #include <exception>
 
 namespace {
 
 // Selects the mode; parse_options has refused combinations that make no sense. Each mode starts its agent.
 int run(const client::settings& chosen) {
-    if (chosen.monitoring.metrics) {
-        return client::run_metrics(chosen);
+    switch (chosen.what) {
+        case client::task::metrics:
+            return client::run_metrics(chosen);
+        case client::task::check:
+            return client::run_check(chosen);
+        case client::task::watch:
+        case client::task::follow:
+            return client::run_watch(chosen);
+        default:
+            return chosen.words.empty() ? client::run_session(chosen) : client::run_command(chosen);
     }
-    if (chosen.monitoring.check) {
-        return client::run_check(chosen);
-    }
-    if (chosen.follow) {
-        return client::run_follow(chosen);
-    }
-    if (chosen.watch) {
-        return client::run_watch(chosen);
-    }
-    return chosen.words.empty() ? client::run_session(chosen) : client::run_command(chosen);
 }
 
 }  // namespace
@@ -47,6 +43,6 @@ int main(int argc, char** argv) try {
     const int code = run(chosen);
     return client::flush_output() ? code : client::exit_usage;
 } catch (const std::exception& problem) {
-    std::fprintf(stderr, "schedctl: %s\n", problem.what());
+    client::complain(problem.what());
     return client::exit_usage;
 }

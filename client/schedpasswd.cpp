@@ -1,15 +1,20 @@
 // schedpasswd: writes or checks the scheduler's password file.
-#include "password_file.h"
-#include "protocol/secret.h"
+#include "mail/replace_file.h"
+#include "protocol/login.h"
 #include "term/output.h"
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <iostream>
+#include <stdexcept>
 #include <string_view>
+#include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
 
 namespace {
 
@@ -23,6 +28,54 @@ struct request {
     bool check = false;
     bool from_input = false;
 };
+
+// The functions below throw std::runtime_error with the reason, which main reports.
+
+// A password file: hash text, a blank, salt, a line feed.
+struct password_record {
+    std::string hash;  // 64 lower-case hexadecimal digits
+    std::string salt;  // 8 letters or digits
+};
+
+bool give_to_owner(int fd, const std::string& path) {
+    struct stat owner {};
+    if (geteuid() != 0) {
+        return true;
+    }
+    if (stat(path.c_str(), &owner) != 0 && stat(client::directory_of(path).c_str(), &owner) != 0) {
+        return false;
+    }
+    return fchown(fd, owner.st_uid, owner.st_gid) == 0;
+}
+
+// Returns the record, if the scheduler would accept it.
+password_record read_password_file(const std::string& path) {
+    std::FILE* const file = std::fopen(path.c_str(), "re");
+    if (file == nullptr) {
+        throw std::runtime_error(path + ": " + std::generic_category().message(errno));
+    }
+    char text[128] = "";  // as much as the scheduler reads
+    text[std::fread(text, 1, sizeof text - 1, file)] = '\0';
+    std::fclose(file);
+    char hash[128] = "";
+    char salt[128] = "";
+    if (std::sscanf(text, "%127s %127s", hash, salt) != 2 || std::strlen(hash) != 64 ||
+        std::strlen(salt) != 8) {
+        throw std::runtime_error(path + ": not a password file (the scheduler would require no login)");
+    }
+    return {hash, salt};
+}
+
+// Replaces the file in one step: a scheduler that starts at any moment reads the old file or the new one, never a part.
+// A symbolic link, a device and a pipe are refused. The mode is 0600. When root writes it, the file gets the owner of the
+// old file, else of the directory: a file that the scheduler cannot read would switch the login off.
+void write_password_file(const std::string& path, const password_record& record) {
+    std::string problem;
+    if (!client::replace_file(path, record.hash + " " + record.salt + "\n", 0600, true, problem,
+                              [&](int fd) { return give_to_owner(fd, path); })) {
+        throw std::runtime_error(problem);
+    }
+}
 
 // The password file of the scheduler that these directories belong to: VGD_data of the environment, else of the installed
 // service's settings, as root has no such variable in a shell. Empty when neither has it.
@@ -47,29 +100,29 @@ int finish(int code) {
 }
 
 int fail(const std::string& problem) {
-    std::fprintf(stderr, "schedpasswd: %s\n", problem.c_str());
+    client::complain(problem);
     return exit_trouble;
 }
 
 // A new password is asked for twice, since a typing mistake would lock all operators out.
-bool get_password(const request& asked, std::string& password, std::string& problem) {
-    if (!asked.from_input) {
-        return client::ask_password(asked.check ? "Password: " : "New password: ", !asked.check, password,
-                                    problem);
-    }
+std::string get_password(const request& asked) {
+    std::string password;
+    std::string problem;
     errno = 0;
-    const bool given = client::read_password(std::cin, password, problem);
-    problem.insert(0, "standard input: ");
-    return given;
+    if (asked.from_input) {
+        if (!client::read_password(std::cin, password, problem)) {
+            throw std::runtime_error("standard input: " + problem);
+        }
+    } else if (!client::ask_password(asked.check ? "Password: " : "New password: ", !asked.check, password,
+                                     problem)) {
+        throw std::runtime_error(problem);
+    }
+    return password;
 }
 
 int check(const request& asked) {
-    client::password_record record;
-    std::string password;
-    std::string problem;
-    if (!client::read_password_file(asked.file, record, problem) || !get_password(asked, password, problem)) {
-        return fail(problem);
-    }
+    const password_record record = read_password_file(asked.file);
+    std::string password = get_password(asked);
     const bool right = client::hash_text(record.salt, password) == record.hash;
     client::wipe(password);  // passwords stay in memory no longer than needed
     std::puts(right ? "The password is right." : "The password is wrong.");
@@ -77,20 +130,14 @@ int check(const request& asked) {
 }
 
 int set(const request& asked) {
-    std::string password;
-    std::string problem;
-    if (!get_password(asked, password, problem)) {
-        return fail(problem);
-    }
+    std::string password = get_password(asked);
     if (password.empty()) {
         return fail("an empty password protects nothing");
     }
     const std::string salt = client::random_alphanumeric(8);
-    const client::password_record record{client::hash_text(salt, password), salt};
+    const password_record record{client::hash_text(salt, password), salt};
     client::wipe(password);
-    if (!client::write_password_file(asked.file, record, problem)) {
-        return fail(problem);
-    }
+    write_password_file(asked.file, record);
     std::printf("%s is written; the scheduler reads it at its next start.\n", asked.file.c_str());
     return 0;
 }

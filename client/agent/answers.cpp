@@ -1,6 +1,6 @@
 // What the agent does with an answer of `status`: it is stored, and the messages of earlier processes come before it.
 #include "agent/agent.h"
-#include "term/each_line.h"
+#include "term/text.h"
 
 #include <map>
 #include <utility>

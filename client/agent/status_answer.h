@@ -28,7 +28,4 @@ struct status_answer {
     std::string notice;              // for the operator, such as who holds messages; lines end with LF
 };
 
-// The meaning of all lines: conditions of the scheduler, messages and lost count.
-status_report report_of(const status_answer& answer);
-
 }  // namespace client

@@ -1,8 +1,6 @@
-#include "monitor/check.h"
-
 #include "monitor/collect.h"
+#include "monitor/monitor.h"
 #include "options/options.h"
-#include "protocol/condition_names.h"
 #include "term/text.h"
 
 #include <algorithm>
@@ -25,17 +23,17 @@ bool names(const std::vector<std::string>& list, const char* condition_name) {
 }
 
 int level_of(const settings& chosen, const char* name) {
-    if (names(chosen.monitoring.critical, name)) {
+    if (names(chosen.critical, name)) {
         return plugin_critical;
     }
-    return names(chosen.monitoring.warning, name) ? plugin_warning : plugin_ok;
+    return names(chosen.warning, name) ? plugin_warning : plugin_ok;
 }
 
 // A scheduler that cannot be reached is critical. A fault of this client or its configuration says nothing about it.
 int level_of_failure(const settings& chosen, int failure) {
     switch (failure) {
         case exit_silence:
-            return chosen.monitoring.timeout_level;
+            return chosen.timeout_level;
         case exit_connection:
             return plugin_critical;
         default:
@@ -54,11 +52,9 @@ std::string one_line(const std::string& text) {
 std::string performance_of(const settings& chosen, const snapshot& known) {
     std::string text;
     for (const char* name : condition_names) {
-        const bool is_set = std::any_of(known.conditions.begin(), known.conditions.end(),
-                                        [&](const condition& c) { return c.name == name; });
         const int level = level_of(chosen, name);
-        text += std::string(name) + (is_set ? "=1;" : "=0;") + (level == plugin_warning ? "0;" : ";") +
-                (level == plugin_critical ? "0;" : ";") + "0;1 ";
+        text += std::string(name) + (known.find(name) != nullptr ? "=1;" : "=0;") +
+                (level == plugin_warning ? "0;" : ";") + (level == plugin_critical ? "0;" : ";") + "0;1 ";
     }
     char rest[96];
     std::snprintf(rest, sizeof rest, "answer_time=%.6fs;;;0 lost=%luc;;;0", known.answer_seconds,
@@ -74,11 +70,9 @@ int judge(const settings& chosen, const snapshot& known, std::string& line) {
     }
     int worst = plugin_ok;
     for (const char* name : condition_names) {
-        for (const condition& c : known.conditions) {
-            if (c.name == name) {
-                line += (line.empty() ? "" : ", ") + c.name + " since " + c.since;
-                worst = std::max(worst, level_of(chosen, name));
-            }
+        if (const condition* const set = known.find(name)) {
+            line += (line.empty() ? "" : ", ") + set->name + " since " + set->since;
+            worst = std::max(worst, level_of(chosen, name));
         }
     }
     if (line.empty()) {

@@ -1,11 +1,12 @@
-#include "monitor/exporter.h"
-
 #include "monitor/collect.h"
 #include "monitor/exposition.h"
 #include "monitor/http_server.h"
+#include "monitor/monitor.h"
 #include "options/options.h"
 #include "protocol/limits.h"
+#include "term/output.h"
 #include "term/signals.h"
+#include "watch/inquiry.h"
 
 #include <algorithm>
 #include <charconv>
@@ -16,6 +17,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <poll.h>
+#include <sstream>
 #include <string>
 #include <sys/socket.h>
 #include <system_error>
@@ -40,41 +42,27 @@ constexpr const char* landing_page =
     "<li><a href=\"/targets\">/targets</a>: the hosts file, for the discovery over HTTP</li>"
     "<li><a href=\"/-/healthy\">/-/healthy</a></li></ul></body></html>\n";
 
-struct listen_address {
-    std::string host;
-    std::string port;
-};
-
-// Parses "ADDRESS:PORT", ":PORT" or "PORT"; an IPv6 address is in brackets.
-listen_address address_in(const std::string& text) {
+// Parses "ADDRESS:PORT", ":PORT" or "PORT"; an IPv6 address is in brackets. Returns a listening socket; -1 with problem
+// when there is none. host: the address.
+int listen_at(const std::string& text, std::string& host, std::string& problem) {
     const std::size_t colon = text.rfind(':');
-    listen_address where{colon == std::string::npos ? "" : text.substr(0, colon),
-                         colon == std::string::npos ? text : text.substr(colon + 1)};
-    if (where.host.starts_with('[') && where.host.ends_with(']')) {
-        where.host = where.host.substr(1, where.host.size() - 2);
+    const std::string port = text.substr(colon == std::string::npos ? 0 : colon + 1);
+    host = colon == std::string::npos ? "" : text.substr(0, colon);
+    if (host.starts_with('[') && host.ends_with(']')) {
+        host = host.substr(1, host.size() - 2);
     }
-    where.host = where.host.empty() ? "127.0.0.1" : where.host;
-    return where;
-}
-
-bool is_loopback(const std::string& host) {
-    return host.starts_with("127.") || host == "::1" || host == "localhost";
-}
-
-// Returns a listening socket; -1 with problem when there is none.
-int listen_at(const listen_address& where, std::string& problem) {
+    host = host.empty() ? "127.0.0.1" : host;
+    std::uint16_t number = 0;
+    const auto [end, fault] = std::from_chars(port.data(), port.data() + port.size(), number);
+    if (fault != std::errc() || end != port.data() + port.size() || number == 0) {
+        problem = "expected ADDRESS:PORT";
+        return -1;
+    }
     addrinfo hints{};
     hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
     hints.ai_socktype = SOCK_STREAM;
     addrinfo* found = nullptr;
-    std::uint16_t port = 0;
-    const char* port_end = where.port.data() + where.port.size();
-    const auto [end, fault] = std::from_chars(where.port.data(), port_end, port);
-    if (fault != std::errc() || end != port_end || port == 0) {
-        problem = "expected ADDRESS:PORT";
-        return -1;
-    }
-    if (const int error = getaddrinfo(where.host.c_str(), where.port.c_str(), &hints, &found); error != 0) {
+    if (const int error = getaddrinfo(host.c_str(), port.c_str(), &hints, &found); error != 0) {
         problem = gai_strerror(error);
         return -1;
     }
@@ -84,11 +72,10 @@ int listen_at(const listen_address& where, std::string& problem) {
                       bind(fd, found->ai_addr, found->ai_addrlen) == 0 && listen(fd, SOMAXCONN) == 0;
     problem = std::generic_category().message(errno);
     freeaddrinfo(found);
-    if (good || fd < 0) {
-        return fd;
+    if (!good && fd >= 0) {
+        close(fd);
     }
-    close(fd);
-    return -1;
+    return good ? fd : -1;
 }
 
 class exporter {
@@ -101,23 +88,16 @@ public:
 private:
     // One scheduler; its index is its number at the agent.
     struct target {
-        std::optional<collection> work;  // while it is being asked
-        clock::time_point begin;         // of that
+        std::optional<inquiry> work;  // while it is being asked
+        clock::time_point begin;      // of that
         std::vector<http_request*> waiting;
     };
 
-    struct deadline {
-        clock::time_point begin;
-        std::size_t number;
-    };
-
     agent_listener events();
-    void output(std::size_t number, std::string_view text);
-    void status(std::size_t number, const status_answer& answer);
     void handle(http_request& request);
     std::optional<std::size_t> target_of(const http_request& request, std::string& problem);
     void scrape(http_request& request, std::size_t number);
-    void ask(std::size_t number);
+    void ask(std::size_t number) { agent_.ask(number, ++last_request_, targets_[number].work->words()); }
     void ended(std::size_t number, const command_result& end);
     void reply(target& of, const snapshot& known);
     void reply_silent(std::size_t number);
@@ -130,8 +110,8 @@ private:
     const bool any_port_;  // false: only -p may be asked, so that nobody searches our network for open ports
     const std::chrono::seconds limit_;
     std::deque<target> targets_;
-    std::unordered_map<std::string, std::size_t> numbers_;  // by key_of
-    std::deque<deadline> deadlines_;                        // oldest first
+    std::unordered_map<std::string, std::size_t> numbers_;         // by key_of
+    std::deque<std::pair<clock::time_point, std::size_t>> begun_;  // visits, oldest first
     bool ending_ = false;
     unsigned long errors_ = 0;
     std::uint32_t last_request_ = 0;
@@ -167,28 +147,29 @@ exporter::exporter(const settings& chosen, bool any_port, int listener)
     }
 }
 
+// A target without work: an idle connection ends, or the exporter.
 agent_listener exporter::events() {
     return {
-        [this](std::size_t number, std::uint32_t, std::string_view text) { output(number, text); },
-        [this](std::size_t number, const status_answer& answer) { status(number, answer); },
-        [this](std::size_t number, std::uint32_t, const command_result& end) { ended(number, end); },
+        [this](std::size_t number, std::uint32_t, std::string_view text) {
+            if (targets_[number].work) {
+                targets_[number].work->output(text);
+            }
+        },
+        [this](std::size_t number, const status_answer& answer) {
+            report_unstored(answer);
+            if (targets_[number].work) {
+                targets_[number].work->status(answer);
+            }
+        },
+        [this](std::size_t number, std::uint32_t, const command_result& end) {
+            if (targets_[number].work) {
+                ended(number, end);
+            }
+        },
         [](std::size_t, std::uint32_t) {},  // the requests have got their answer before
         [](std::size_t, std::size_t, bool) {},
         [this](std::size_t number) { agent_.password(number, std::nullopt); },
     };
-}
-
-void exporter::output(std::size_t number, std::string_view text) {
-    if (targets_[number].work) {
-        targets_[number].work->output(text);
-    }
-}
-
-void exporter::status(std::size_t number, const status_answer& answer) {
-    report_unstored(answer);
-    if (targets_[number].work) {
-        targets_[number].work->status(answer);
-    }
 }
 
 void exporter::handle(http_request& request) {
@@ -250,40 +231,31 @@ void exporter::scrape(http_request& request, std::size_t number) {
     if (const std::optional<snapshot> followed = followed_state(agent_.host(number))) {
         reply(of, *followed);
     } else if (!of.work) {
+        of.work.emplace(agent_.host(number)).begin(true);
+        of.begin = clock::now();
+        begun_.emplace_back(of.begin, number);
         ask(number);
     } else if (of.begin + limit_ <= clock::now()) {
         reply_silent(number);
     }
 }
 
-void exporter::ask(std::size_t number) {
-    target& of = targets_[number];
-    of.work.emplace(true);
-    of.begin = clock::now();
-    deadlines_.push_back({of.begin, number});
-    agent_.ask(number, ++last_request_, of.work->words());
-}
-
 void exporter::ended(std::size_t number, const command_result& end) {
     target& of = targets_[number];
-    if (!of.work) {
-        return;  // an idle connection was closed, or the exporter ends
-    }
     if (of.work->ended(end)) {
-        agent_.ask(number, ++last_request_, of.work->words());
-        return;
+        return ask(number);
     }
-    of.work->complete(agent_.host(number));
-    const snapshot known = std::move(of.work->known);
-    of.work.reset();
-    reply(of, known);
+    if (end.how != outcome::over) {
+        of.work->failed(end);
+    }
+    reply(of, std::exchange(of.work, std::nullopt)->known);
     agent_.close(number);
 }
 
 // Answers all requests that wait for this target.
 void exporter::reply(target& of, const snapshot& known) {
     for (http_request* request : std::exchange(of.waiting, {})) {
-        if (is_own_fault(known)) {
+        if (known.is_own_fault()) {
             ++errors_;
             server_.answer(*request, {.status = 500, .text = known.problem + "\n"});
         } else {
@@ -294,25 +266,22 @@ void exporter::reply(target& of, const snapshot& known) {
 }
 
 void exporter::reply_silent(std::size_t number) {
-    collection silent(false);
-    silent.ended(outcome::no_answer);
-    silent.complete(agent_.host(number));
+    inquiry silent(agent_.host(number));
+    silent.failed(outcome::no_answer);
     reply(targets_[number], silent.known);
 }
 
 // Returns when to call it again.
 clock::time_point exporter::give_up_silent() {
-    const clock::time_point now = clock::now();
-    for (; !deadlines_.empty(); deadlines_.pop_front()) {
-        const deadline& oldest = deadlines_.front();
-        const target& of = targets_[oldest.number];
-        if (!of.work || of.begin != oldest.begin) {
+    for (; !begun_.empty(); begun_.pop_front()) {
+        const auto [begin, number] = begun_.front();
+        if (!targets_[number].work || targets_[number].begin != begin) {
             continue;  // it has answered
         }
-        if (oldest.begin + limit_ > now) {
-            return oldest.begin + limit_;
+        if (begin + limit_ > clock::now()) {
+            return begin + limit_;
         }
-        reply_silent(oldest.number);
+        reply_silent(number);
     }
     return clock::time_point::max();
 }
@@ -354,8 +323,8 @@ void exporter::metrics_of_this(http_request& request) {
     const auto silent =
         std::count_if(targets_.begin(), targets_.end(), [](const target& of) { return of.work.has_value(); });
     server_.answer(request, {.type = media_type_of(format),
-                             .text = expose_exporter(
-                                 {errors_, targets_.size(), static_cast<std::size_t>(silent)}, format)});
+                             .text = expose_exporter(errors_, targets_.size(),
+                                                     static_cast<std::size_t>(silent), format)});
 }
 
 // The hosts file in the form of Prometheus' discovery over HTTP.
@@ -364,14 +333,12 @@ std::string exporter::discovery() const {
     json list = json::array();
     for (const host_name& host : hosts_of(chosen_)) {
         json labels = json::object();
-        for (std::size_t at = 0; at < host.tags.size();) {
-            const std::size_t end = std::min(host.tags.find_first_of(" \t", at), host.tags.size());
-            const std::string tag = host.tags.substr(at, end - at);
+        std::istringstream tags(host.tags);
+        for (std::string tag; tags >> tag;) {
             const std::size_t equals = tag.find('=');
             if (equals != std::string::npos && equals != 0) {
                 labels[tag.substr(0, equals)] = tag.substr(equals + 1);
             }
-            at = end + 1;
         }
         list.push_back({{"targets", {host.name + ":" + std::to_string(host.port)}}, {"labels", labels}});
     }
@@ -381,15 +348,15 @@ std::string exporter::discovery() const {
 }  // namespace
 
 int serve_metrics(const settings& chosen) {
-    const listen_address where = address_in(chosen.monitoring.listen);
+    std::string host;
     std::string problem;
-    const int listener = listen_at(where, problem);
+    const int listener = listen_at(chosen.listen, host, problem);
     if (listener < 0) {
-        std::fprintf(stderr, "schedctl: cannot listen at %s: %s\n", chosen.monitoring.listen.c_str(),
-                     problem.c_str());
+        complain("cannot listen at " + chosen.listen + ": " + problem);
         return exit_usage;
     }
-    return exporter(chosen, is_loopback(where.host), listener).run();
+    const bool is_loopback = host.starts_with("127.") || host == "::1" || host == "localhost";
+    return exporter(chosen, is_loopback, listener).run();
 }
 
 }  // namespace client

@@ -1,7 +1,6 @@
 #include "monitor/exposition.h"
 
-#include "monitor/collect.h"
-#include "protocol/condition_names.h"
+#include "watch/snapshot.h"
 
 #include <algorithm>
 #include <charconv>
@@ -14,14 +13,12 @@ namespace client {
 
 namespace {
 
-constexpr unsigned long seconds_per_minute = 60;
+constexpr double seconds_per_minute = 60;
 
 enum class kind { gauge, counter, info };
 
-struct label {
-    const char* name;
-    std::string value;
-};
+// A value of the label, and the number.
+using sample_list = std::vector<std::pair<std::string, double>>;
 
 // Formats a number with the fewest digits that give the same value.
 std::string number_text(double value) {
@@ -48,139 +45,113 @@ class page {
 public:
     explicit page(exposition format) : format_(format) {}
 
-    // name: without the suffix of its kind. unit: the name's last word when it is a unit.
-    void family(const std::string& name, kind of, const char* unit, const char* help) {
-        suffix_ = of == kind::counter ? "_total" : of == kind::info ? "_info" : "";
-        sample_ = name + suffix_;
-        // OpenMetrics declares a family without the suffix of its samples, the Prometheus format with it.
-        const std::string declared = format_ == exposition::openmetrics ? name : sample_;
-        text_ += "# HELP " + declared + " " + help + "\n";
-        // The formats name the family of a counter differently. Without a type, one text is valid in both.
-        if (of == kind::counter && format_ != exposition::common) {
-            text_ += "# TYPE " + declared + " counter\n";
-        } else if (of == kind::info && format_ == exposition::openmetrics) {
-            text_ += "# TYPE " + declared + " info\n";
-        } else if (of != kind::counter) {
-            text_ += "# TYPE " + declared + " gauge\n";
-        }
-        // OpenMetrics requires the declared name to end with the unit.
-        if (unit != nullptr && (of == kind::gauge || format_ == exposition::openmetrics)) {
-            text_ += "# UNIT " + declared + " " + unit + "\n";
+    // A family with a sample for each value of the label. name: without the suffix of its kind.
+    void add(kind of, const std::string& name, const char* help, const char* label,
+             const sample_list& samples) {
+        const std::string full = name + (of == kind::counter ? "_total" : of == kind::info ? "_info" : "");
+        declare(of, format_ == exposition::openmetrics ? name : full, help);
+        for (const auto& [value, number] : samples) {
+            const std::string labels =
+                label != nullptr ? std::string("{") + label + "=\"" + escaped(value) + "\"}" : "";
+            text_ += full + labels + " " + number_text(number) + "\n";
         }
     }
 
-    void sample(double value, const std::vector<label>& labels = {}) {
-        text_ += sample_;
-        const char* before = "{";
-        for (const label& l : labels) {
-            text_ += std::string(before) + l.name + "=\"" + escaped(l.value) + "\"";
-            before = ",";
+    // A family with one sample; none at all when the number is negative, so not known: 0 would be a wrong value.
+    void add(kind of, const std::string& name, const char* help, double number) {
+        if (number >= 0) {
+            add(of, name, help, nullptr, {{"", number}});
         }
-        text_ += (labels.empty() ? " " : "} ") + number_text(value) + "\n";
     }
 
     // OpenMetrics requires the last line; in the Prometheus format it is a comment.
-    std::string finish() { return format_ == exposition::prometheus ? text_ : text_ + "# EOF\n"; }
+    std::string finish() {
+        add(kind::info, "sched_build", "Version of the client that collects.", "version",
+            {{SCHED_VERSION, 1}});
+        return format_ == exposition::prometheus ? text_ : text_ + "# EOF\n";
+    }
 
 private:
+    // OpenMetrics declares a family without the suffix of its samples, the Prometheus format with it.
+    void declare(kind of, const std::string& name, const char* help) {
+        text_ += "# HELP " + name + " " + help + "\n";
+        // The formats name the family of a counter differently. Without a type, one text is valid in both.
+        if (of != kind::counter || format_ != exposition::common) {
+            const bool is_info = of == kind::info && format_ == exposition::openmetrics;
+            const char* type = of == kind::counter ? "counter" : is_info ? "info" : "gauge";
+            text_ += "# TYPE " + name + " " + type + "\n";
+        }
+        // OpenMetrics requires the declared name to end with the unit.
+        for (const std::string unit : {"seconds", "bytes"}) {
+            if (name.ends_with("_" + unit)) {
+                text_ += "# UNIT " + name + " " + unit + "\n";
+            }
+        }
+    }
+
     exposition format_;
-    std::string suffix_;
-    std::string sample_;
     std::string text_;
 };
 
-// Returns null for a condition that is not set.
-const condition* find(const snapshot& known, const std::string& name) {
-    for (const condition& c : known.conditions) {
-        if (c.name == name) {
-            return &c;
+// Returns when the condition was set; -1 while it is not.
+double since(const snapshot& known, const char* name) {
+    const condition* const found = known.find(name);
+    return found != nullptr ? static_cast<double>(seconds_of(found->since).value_or(0)) : -1;
+}
+
+// Old values of a scheduler that is down would look current, so they are left out.
+void expose_answer(const snapshot& known, page& out) {
+    out.add(kind::gauge, "sched_answer_seconds", "How long the scheduler took for the status.",
+            known.answer_seconds);
+    // Conditions that are not set have a sample too: alert rules need a value at all times. But a time of 0 would look
+    // like a very old fault, so a condition that is not set has none.
+    sample_list conditions;
+    sample_list times;
+    for (const char* name : condition_names) {
+        const double time = since(known, name);
+        conditions.emplace_back(name, time >= 0 ? 1 : 0);
+        if (time >= 0) {
+            times.emplace_back(name, time);
         }
     }
-    return nullptr;
-}
-
-double seconds_since_epoch(const condition& c) {
-    return static_cast<double>(seconds_of(c.since).value_or(0));
-}
-
-void expose_conditions(const snapshot& known, page& out) {
-    // Conditions that are not set have a sample too: alert rules need a value at all times.
-    out.family("sched_condition", kind::gauge, nullptr, "Whether the condition is set.");
-    for (const char* name : condition_names) {
-        out.sample(find(known, name) != nullptr ? 1 : 0, {{"name", name}});
-    }
-    // A time of 0 would look like a very old fault, so a condition that is not set has none.
-    out.family("sched_condition_since_timestamp_seconds", kind::gauge, "seconds",
-               "When the condition was set last; only while it is set.");
-    for (const char* name : condition_names) {
-        if (const condition* c = find(known, name)) {
-            out.sample(seconds_since_epoch(*c), {{"name", name}});
-        }
-    }
-    if (const condition* date = find(known, "confdate")) {
-        out.family("sched_configuration_timestamp_seconds", kind::gauge, "seconds",
-                   "When the hardware configuration was read last.");
-        out.sample(seconds_since_epoch(*date));
-    }
-}
-
-void expose_messages(const message_totals& totals, page& out) {
-    out.family("sched_messages", kind::counter, nullptr, "Messages received, by severity.");
-    const std::pair<const char*, unsigned long> rows[] = {
-        {"error", totals.error}, {"warning", totals.warning}, {"info", totals.info}};
-    for (const auto& [severity, count] : rows) {
-        out.sample(static_cast<double>(count), {{"severity", severity}});
-    }
-    out.family("sched_messages_lost", kind::counter, nullptr,
-               "Messages dropped because nobody fetched them in time.");
-    out.sample(static_cast<double>(totals.lost));
-}
-
-void expose_details(const snapshot& known, page& out) {
-    // A number that could not be fetched is left out: 0 would be a wrong value.
-    if (known.operators) {
-        out.family("sched_connected_operators", kind::gauge, nullptr,
-                   "Connections of operators and relays, without the one that collects.");
-        out.sample(static_cast<double>(*known.operators));
-    }
+    out.add(kind::gauge, "sched_condition", "Whether the condition is set.", "name", conditions);
+    out.add(kind::gauge, "sched_condition_since_timestamp_seconds",
+            "When the condition was set last; only while it is set.", "name", times);
+    out.add(kind::gauge, "sched_configuration_timestamp_seconds",
+            "When the hardware configuration was read last.", since(known, "confdate"));
+    out.add(kind::gauge, "sched_connected_operators",
+            "Connections of operators and relays, without the one that collects.",
+            static_cast<double>(known.operators));
     if (!known.modules.empty()) {
-        out.family("sched_module_enabled", kind::gauge, nullptr, "Whether the module is switched on.");
+        sample_list modules;
         for (const module_row& m : known.modules) {
-            out.sample(m.on ? 1 : 0, {{"module", m.name}});
+            modules.emplace_back(m.name, m.on ? 1 : 0);
         }
+        out.add(kind::gauge, "sched_module_enabled", "Whether the module is switched on.", "module", modules);
     }
-    if (known.timer_jobs) {
-        out.family("sched_timer_jobs", kind::gauge, nullptr, "Jobs in the timer table.");
-        out.sample(static_cast<double>(*known.timer_jobs));
-    }
-}
-
-void expose_build(page& out) {
-    out.family("sched_build", kind::info, nullptr, "Version of the client that collects.");
-    out.sample(1, {{"version", SCHED_VERSION}});
+    out.add(kind::gauge, "sched_timer_jobs", "Jobs in the timer table.",
+            static_cast<double>(known.timer_jobs));
 }
 
 void expose_snapshot(const snapshot& known, page& out) {
-    out.family("sched_up", kind::gauge, nullptr, "Whether the scheduler answers.");
-    out.sample(known.up ? 1 : 0);
-    expose_messages(known.totals, out);
-    if (known.uptime_minutes) {
-        out.family("sched_uptime_seconds", kind::counter, "seconds",
-                   "How long the scheduler has run over all its starts, in full minutes.");
-        out.sample(static_cast<double>(*known.uptime_minutes * seconds_per_minute));
-    }
+    const message_totals& totals = known.totals;
+    out.add(kind::gauge, "sched_up", "Whether the scheduler answers.", known.up ? 1 : 0);
+    out.add(kind::counter, "sched_messages", "Messages received, by severity.", "severity",
+            {{"error", static_cast<double>(totals.error)},
+             {"warning", static_cast<double>(totals.warning)},
+             {"info", static_cast<double>(totals.info)}});
+    out.add(kind::counter, "sched_messages_lost", "Messages dropped because nobody fetched them in time.",
+            static_cast<double>(totals.lost));
+    out.add(kind::counter, "sched_uptime_seconds",
+            "How long the scheduler has run over all its starts, in full minutes.",
+            static_cast<double>(known.uptime_minutes) * seconds_per_minute);
     if (known.answered > 0) {
-        out.family("sched_status_age_seconds", kind::gauge, "seconds", "Age of the newest status.");
         // The clock may have been set back since.
-        out.sample(std::max(0.0, wall_clock() - known.answered));
+        out.add(kind::gauge, "sched_status_age_seconds", "Age of the newest status.",
+                std::max(0.0, wall_clock() - known.answered));
     }
-    // Old values of a scheduler that is down would look current, so they are left out.
     if (known.up) {
-        out.family("sched_answer_seconds", kind::gauge, "seconds",
-                   "How long the scheduler took for the status.");
-        out.sample(known.answer_seconds);
-        expose_conditions(known, out);
-        expose_details(known, out);
+        expose_answer(known, out);
     }
 }
 
@@ -197,30 +168,27 @@ double resident_bytes() {
 std::string expose(const snapshot& known, exposition format, bool to_file) {
     page out(format);
     if (to_file) {
-        out.family("sched_collect_error", kind::gauge, nullptr,
-                   "Whether a fault of the client prevents that the scheduler is asked.");
-        out.sample(is_own_fault(known) ? 1 : 0);
+        out.add(kind::gauge, "sched_collect_error",
+                "Whether a fault of the client prevents that the scheduler is asked.",
+                known.is_own_fault() ? 1 : 0);
     }
-    if (!is_own_fault(known)) {
+    if (!known.is_own_fault()) {
         expose_snapshot(known, out);
     }
-    expose_build(out);
     return out.finish();
 }
 
-std::string expose_exporter(const exporter_state& state, exposition format) {
+std::string expose_exporter(unsigned long errors, std::size_t targets, std::size_t silent,
+                            exposition format) {
     page out(format);
-    out.family("sched_exporter_errors", kind::counter, nullptr,
-               "Requests that failed by a fault of the exporter, its store or its password.");
-    out.sample(static_cast<double>(state.errors));
-    out.family("sched_exporter_targets", kind::gauge, nullptr, "Schedulers asked for since the start.");
-    out.sample(static_cast<double>(state.targets));
-    out.family("sched_exporter_silent_targets", kind::gauge, nullptr,
-               "Schedulers that are being asked and have not answered yet.");
-    out.sample(static_cast<double>(state.silent));
-    out.family("process_resident_memory_bytes", kind::gauge, "bytes", "Resident memory.");
-    out.sample(resident_bytes());
-    expose_build(out);
+    out.add(kind::counter, "sched_exporter_errors",
+            "Requests that failed by a fault of the exporter, its store or its password.",
+            static_cast<double>(errors));
+    out.add(kind::gauge, "sched_exporter_targets", "Schedulers asked for since the start.",
+            static_cast<double>(targets));
+    out.add(kind::gauge, "sched_exporter_silent_targets",
+            "Schedulers that are being asked and have not answered yet.", static_cast<double>(silent));
+    out.add(kind::gauge, "process_resident_memory_bytes", "Resident memory.", resident_bytes());
     return out.finish();
 }
 

@@ -19,14 +19,9 @@ enum class exposition {
 // remains when nothing can be collected any more, so it says with sched_collect_error whether that was possible.
 std::string expose(const snapshot& known, exposition format, bool to_file = false);
 
-// What the exporter says of itself.
-struct exporter_state {
-    unsigned long errors = 0;  // faults of ours that requests got instead of metrics
-    std::size_t targets = 0;   // that were asked since the start
-    std::size_t silent = 0;    // of these, how many have not answered yet
-};
-
-std::string expose_exporter(const exporter_state& state, exposition format);
+// What the exporter says of itself. errors: faults of ours that requests got instead of metrics. targets: that were asked
+// since the start. silent: of these, how many have not answered yet.
+std::string expose_exporter(unsigned long errors, std::size_t targets, std::size_t silent, exposition format);
 
 // Returns the media type of that format.
 const char* media_type_of(exposition format);

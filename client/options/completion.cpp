@@ -20,23 +20,10 @@ struct typed_line {
     bool only_words = false;            // after "--"
 };
 
-const CLI::App* own_command(const CLI::App& app, const std::string& word) {
-    for (const CLI::App* known : app.get_subcommands([](const CLI::App*) { return true; })) {
-        if (known->get_name() == word) {
-            return known;
-        }
-    }
-    return nullptr;
-}
-
 const CLI::Option* option_of(const CLI::App& app, const typed_line& line, const std::string& word) {
     const std::string name = word.substr(0, word.find('='));
     const CLI::Option* found = line.used != nullptr ? line.used->get_option_no_throw(name) : nullptr;
     return found != nullptr ? found : app.get_option_no_throw(name);
-}
-
-bool has_value(const CLI::Option* option) {
-    return option != nullptr && option->get_items_expected_max() > 0;
 }
 
 typed_line read_line(const CLI::App& app, const word_list& before) {
@@ -49,20 +36,22 @@ typed_line read_line(const CLI::App& app, const word_list& before) {
             line.only_words = true;
         } else if (!line.only_words && word.starts_with("-")) {
             const CLI::Option* const option = option_of(app, line, word);
+            const bool has_value = option != nullptr && option->get_items_expected_max() > 0;
             line.options.push_back(word);
-            line.open = has_value(option) && word.find('=') == std::string::npos ? option : nullptr;
+            line.open = has_value && word.find('=') == std::string::npos ? option : nullptr;
         } else {
-            line.used = line.command.empty() ? own_command(app, word) : line.used;
+            const auto is_it = [&word](const CLI::App* known) { return known->get_name() == word; };
+            const std::vector<const CLI::App*> own = app.get_subcommands(is_it);
+            line.used = line.command.empty() && !own.empty() ? own[0] : line.used;
             line.command.push_back(word);
         }
     }
     return line;
 }
 
-void print(const std::string& word, std::string_view help, const std::string& start) {
+void print(const std::string& word, const std::string& help, const std::string& start) {
     if (word.starts_with(start)) {
-        std::printf("%s%s%.*s\n", word.c_str(), help.empty() ? "" : "\t", static_cast<int>(help.size()),
-                    help.data());
+        std::puts((help.empty() ? word : word + "\t" + help).c_str());
     }
 }
 
@@ -89,7 +78,7 @@ void print_first_words(const CLI::App& app, const std::string& start) {
         print(known->get_name(), known->get_description(), start);
     }
     for (const daemon_word& known : daemon_words()) {
-        print(std::string(known.word), known.help, start);
+        print(std::string(known.word), std::string(known.help), start);
     }
 }
 
@@ -101,12 +90,12 @@ void print_completions(
     const std::string last = arguments.empty() ? "" : arguments.back();
     const typed_line line =
         read_line(app, arguments.empty() ? word_list() : word_list{arguments.begin(), arguments.end() - 1});
-    const CLI::Option* const valued = line.only_words ? nullptr : option_of(app, line, last);
-    if (line.open != nullptr) {
-        print_value(*line.open);
-    } else if (has_value(valued) && last.find('=') != std::string::npos) {
+    const bool is_option = !line.only_words && last.starts_with("-");
+    const bool is_value = line.open == nullptr && is_option && last.find('=') != std::string::npos;
+    const CLI::Option* const valued = is_value ? option_of(app, line, last) : line.open;
+    if (valued != nullptr) {
         print_value(*valued);
-    } else if (!line.only_words && last.starts_with("-")) {
+    } else if (is_option) {
         print_options(app, last);
         if (line.used != nullptr) {
             print_options(*line.used, last);

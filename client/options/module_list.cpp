@@ -4,7 +4,6 @@
 #include "mail/state_file.h"
 #include "mail/state_path.h"
 #include "protocol/listings.h"
-#include "term/each_line.h"
 #include "term/text.h"
 
 namespace client {

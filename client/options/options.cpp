@@ -3,6 +3,7 @@
 #include "options/completion.h"
 #include "options/module_list.h"
 #include "protocol/answer.h"
+#include "protocol/status.h"
 #include "protocol/words.h"
 #include "term/output.h"
 
@@ -13,6 +14,8 @@
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
+#include <map>
 #include <netdb.h>
 #include <set>
 
@@ -44,24 +47,14 @@ constexpr const char* exit_codes =
 
 // Returns the port of the services entry `vgdsched`, else the scheduler's default.
 std::uint16_t default_port() {
-    addrinfo hints{};
-    hints.ai_family = AF_INET;
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo* found = nullptr;
-    if (getaddrinfo(nullptr, "vgdsched", &hints, &found) != 0) {
-        return 9980;
-    }
-    const std::uint16_t port = ntohs(reinterpret_cast<const sockaddr_in*>(found->ai_addr)->sin_port);
-    freeaddrinfo(found);
-    return port;
+    const servent* const entry = getservbyname("vgdsched", "tcp");
+    return entry != nullptr ? ntohs(static_cast<std::uint16_t>(entry->s_port)) : 9980;
 }
 
 // What the command line has besides the settings.
 struct command_line {
     std::string hosts = "127.0.0.1";  // of -H
     bool list = false;
-    CLI::App* watch = nullptr;
-    CLI::App* follow = nullptr;
 };
 
 void add_options(CLI::App& app, command_line& typed, settings& chosen) {
@@ -93,22 +86,71 @@ void add_options(CLI::App& app, command_line& typed, settings& chosen) {
     app.add_flag("--json", chosen.json, std::string("Answer of ") + json_commands + " as JSON");
 }
 
-CLI::App* add_live_command(CLI::App& app, const std::string& word, const std::string& help,
-                           settings& chosen) {
-    CLI::App* command = app.add_subcommand(word, help);
+CLI::App& add_command(CLI::App& app, const char* word, const char* help, task what, settings& chosen) {
+    CLI::App* const command = app.add_subcommand(word, help);
     command->fallthrough();  // the options above may follow the word
-    command->add_option("-n,--interval", chosen.interval, "Seconds between two status requests")
-        ->check(CLI::Range(1, 3600))
-        ->capture_default_str();
-    command->add_flag("--level-prefix", chosen.level_prefix,
-                      "Begin each line of JSON with its priority, \"<3>\"");
-    return command;
+    command->callback([&chosen, what] { chosen.what = what; });
+    return *command;
 }
 
-void add_commands(CLI::App& app, command_line& typed, settings& chosen) {
-    typed.watch = add_live_command(app, "watch", "Show the status live until Ctrl-C", chosen);
-    typed.follow = add_live_command(app, "follow", "Write each message and change as a line of JSON", chosen);
-    add_monitoring_commands(app, chosen.monitoring);
+void add_live_command(CLI::App& app, const char* word, const char* help, task what, settings& chosen) {
+    CLI::App& command = add_command(app, word, help, what, chosen);
+    command.add_option("-n,--interval", chosen.interval, "Seconds between two status requests")
+        ->check(CLI::Range(1, 3600))
+        ->capture_default_str();
+    command.add_flag("--level-prefix", chosen.level_prefix,
+                     "Begin each line of JSON with its priority, \"<3>\"");
+}
+
+void add_metrics(CLI::App& app, settings& chosen) {
+    CLI::App& metrics = add_command(app, "metrics", "Print the metrics of the scheduler for collectors",
+                                    task::metrics, chosen);
+    CLI::Option* const output =
+        metrics.add_option("-o,--output", chosen.output, "Replace this file, for the textfile collector")
+            ->type_name("FILE");
+    // --output writes a file once; --listen serves until it is stopped.
+    metrics.add_option("--listen", chosen.listen, "Serve /metrics?target=HOST:PORT at ADDRESS:PORT")
+        ->excludes(output);
+    metrics.add_option("--format", chosen.format, "Format of the text; default: one that is valid in both")
+        ->check(CLI::IsMember({"prometheus", "openmetrics"}));
+}
+
+void add_check(CLI::App& app, settings& chosen) {
+    CLI::App& check =
+        add_command(app, "check", "Check the scheduler as a monitoring plugin", task::check, chosen);
+    std::vector<std::string> words = {"all", "none"};
+    words.insert(words.end(), std::begin(condition_names), std::end(condition_names));
+    std::copy_if(std::begin(condition_names), std::end(condition_names), std::back_inserter(chosen.warning),
+                 is_fault);
+    // A misspelt condition would never match, so the check would miss the fault: refuse it.
+    const CLI::IsMember known(words);
+    check
+        .add_option("-w,--warning", chosen.warning,
+                    "Conditions that give a warning, separated by commas; or all, none")
+        ->delimiter(',')
+        ->check(known)
+        ->capture_default_str();
+    check.add_option("-c,--critical", chosen.critical, "Conditions that are critical; they override -w")
+        ->delimiter(',')
+        ->check(known)
+        ->capture_default_str();
+    // The names of the exit codes that all monitoring plugins share.
+    const std::map<std::string, int> levels = {{"ok", plugin_ok},
+                                               {"warning", plugin_warning},
+                                               {"critical", plugin_critical},
+                                               {"unknown", plugin_unknown}};
+    check
+        .add_option("--timeout-state", chosen.timeout_level,
+                    "State when the scheduler does not answer in time")
+        ->transform(CLI::CheckedTransformer(levels, CLI::ignore_case))
+        ->default_str("unknown");
+}
+
+void add_commands(CLI::App& app, settings& chosen) {
+    add_live_command(app, "watch", "Show the status live until Ctrl-C", task::watch, chosen);
+    add_live_command(app, "follow", "Write each message and change as a line of JSON", task::follow, chosen);
+    add_metrics(app, chosen);
+    add_check(app, chosen);
 }
 
 // Returns the value of a variable; null when the option is given, or the variable is not set or empty.
@@ -165,16 +207,14 @@ void read_environment(const CLI::App& app, const command_line& typed, settings& 
 
 // Refuses what makes no sense together.
 void check_settings(const command_line& typed, const settings& chosen) {
-    const monitoring_settings& monitoring = chosen.monitoring;
-    const bool has_command =
-        chosen.watch || chosen.follow || monitoring.metrics || monitoring.check || typed.list;
-    if (has_command && !chosen.words.empty()) {
+    const bool is_own = chosen.what != task::words || typed.list;
+    if (is_own && !chosen.words.empty()) {
         throw CLI::ExtrasError(chosen.words);
     }
-    if (chosen.json && chosen.words.empty() && !chosen.follow) {
+    if (chosen.json && chosen.words.empty() && chosen.what != task::follow) {
         throw CLI::RequiresError("--json", json_commands);
     }
-    const bool for_one = monitoring.metrics ? monitoring.listen.empty() : !has_command;
+    const bool for_one = chosen.what == task::metrics ? chosen.listen.empty() : !is_own;
     if (chosen.several && chosen.words.empty() && for_one) {
         throw CLI::ValidationError(
             "several hosts",
@@ -202,17 +242,10 @@ const CLI::Option* option_of(const CLI::App& app, const std::string& word) {
     return word.size() == 2 || value_may_follow ? option : nullptr;
 }
 
-std::string joined(const std::vector<std::string>& words) {
-    std::string text;
-    for (const std::string& word : words) {
-        text += (text.empty() ? "" : " ") + word;
-    }
-    return text;
-}
-
 [[noreturn]] void refuse(const std::string& word, const std::string& why,
                          const std::vector<std::string>& words) {
-    throw CLI::ValidationError(word + " " + why + "; to send it as a word: schedctl -- " + joined(words));
+    throw CLI::ValidationError(word + " " + why + "; to send it as a word: schedctl -- " +
+                               CLI::detail::join(words, " "));
 }
 
 // Refuses an option of the client among a module's words. It would be sent to the module, and the command would run on
@@ -309,7 +342,7 @@ std::optional<int> parse_options(int argc, char** argv, settings& chosen) {
     app.set_version_flag("-V,--version", "schedctl " SCHED_VERSION, "Show the version and end");
     app.get_formatter()->label("SUBCOMMAND", "WORD... | COMMAND");
     add_options(app, typed, chosen);
-    add_commands(app, typed, chosen);
+    add_commands(app, chosen);
     const std::vector<std::string> arguments(argv + 1, argv + argc);
     if (!arguments.empty() && arguments[0] == "--complete") {
         print_completions(app, {arguments.begin() + 1, arguments.end()},
@@ -321,8 +354,9 @@ std::optional<int> parse_options(int argc, char** argv, settings& chosen) {
     const auto mark = std::find(arguments.begin(), arguments.end(), "--");
     try {
         chosen.words = parse_words(app, {arguments.begin(), mark});
-        chosen.follow = typed.follow->parsed() || (typed.watch->parsed() && chosen.json);
-        chosen.watch = typed.watch->parsed() && !chosen.follow;
+        if (chosen.what == task::watch && chosen.json) {
+            chosen.what = task::follow;  // its old name
+        }
         if (mark != arguments.end()) {
             chosen.words.insert(chosen.words.end(), mark + 1, arguments.end());
         }

@@ -3,7 +3,6 @@
 
 #include "net/connect_options.h"
 #include "net/host_list.h"
-#include "options/monitoring_options.h"
 
 #include <optional>
 #include <string>
@@ -11,21 +10,37 @@
 
 namespace client {
 
+// The client's own commands; `words`: one of the scheduler, or a session.
+enum class task { words, watch, follow, metrics, check };
+
+// The states of the Monitoring Plugins guidelines; the values are the exit codes.
+enum plugin_state : int { plugin_ok, plugin_warning, plugin_critical, plugin_unknown };
+
 struct settings {
-    std::vector<host_name> hosts;  // at least one
-    bool several = false;          // several hosts, or a file of hosts: output names the host
-    std::string hosts_file;        // "-": standard input
-    std::uint16_t port = 0;        // for hosts without one
+    task what = task::words;
+    std::vector<std::string> words;  // the command; empty: a session
+    std::vector<host_name> hosts;    // at least one
+    bool several = false;            // several hosts, or a file of hosts: output names the host
+    std::string hosts_file;          // "-": standard input
+    std::uint16_t port = 0;          // for hosts without one
     connect_options connect;
     unsigned parallel = 64;    // number of hosts asked at once
     bool as_it_comes = false;  // true: output of several hosts is written as it arrives
     bool json = false;
-    bool watch = false;         // the live view
-    bool follow = false;        // `follow`, or `watch --json`, its old name
+
+    // `watch` and `follow`
     unsigned interval = 2;      // seconds between two status requests
     bool level_prefix = false;  // lines of `follow` begin with their syslog priority
-    monitoring_settings monitoring;
-    std::vector<std::string> words;  // the command; empty: a session
+
+    // `metrics`
+    std::string output;  // file to write; empty: standard output
+    std::string listen;  // "ADDRESS:PORT" to serve at; empty: do not
+    std::string format;  // "prometheus" or "openmetrics"; empty: a text that is valid in both
+
+    // `check`
+    std::vector<std::string> warning;               // conditions, or "all" or "none"
+    std::vector<std::string> critical = {"error"};  // a condition in both lists is critical
+    int timeout_level = plugin_unknown;             // a plugin_state
 };
 
 // The commands whose answers have a JSON form, for messages.

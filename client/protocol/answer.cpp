@@ -1,5 +1,6 @@
 #include "protocol/answer.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <iterator>
@@ -99,24 +100,33 @@ std::string describe(const command_result& end) {
 }
 
 std::size_t answer_parser::feed(std::string_view bytes, std::string& text) {
-    std::size_t used = 0;
-    while (used < bytes.size() && !done_) {
-        // Byte by byte only while the line may still be a terminating one; the rest of a line is taken whole.
-        if (holding_) {
-            held_ += bytes[used++];
-            if (held_.back() == '\n' && is_end()) {
-                done_ = true;
-            } else if (!may_end()) {
-                release(text);
-            }
-            continue;
+    const std::size_t held = held_.size();
+    const std::string all = std::exchange(held_, {}).append(bytes);
+    for (std::size_t at = 0; at < all.size();) {
+        const std::size_t line_feed = all.find('\n', at);
+        const bool is_whole = line_feed != std::string::npos;
+        const std::string_view line(all.data() + at, (is_whole ? line_feed + 1 : all.size()) - at);
+        at += line.size();
+        if (at_line_start_ && is_whole && is_end(line)) {
+            done_ = true;
+            return at - held;
         }
-        const std::size_t line_feed = bytes.find('\n', used);
-        const std::size_t stop = line_feed == std::string_view::npos ? bytes.size() : line_feed + 1;
-        put(bytes.substr(used, stop - used), text);
-        used = stop;
+        if (at_line_start_ && !is_whole && may_end(line)) {
+            held_ = line;
+            break;
+        }
+        at_line_start_ = is_whole;
+        first_line_ = first_line_ && !is_whole;
+        if (line.ends_with("\r\n")) {
+            text.append(line, 0, line.size() - 2) += '\n';
+        } else if (line.ends_with('\r')) {
+            text.append(line, 0, line.size() - 1);
+            held_ = '\r';  // the LF of this line end may come with the next bytes
+        } else {
+            text += line;
+        }
     }
-    return used;
+    return bytes.size();
 }
 
 // After output only the words for a finished command are possible; "Good-bye." is the answer only to `quit`.
@@ -127,60 +137,22 @@ bool answer_parser::expected(outcome how) const {
     return first_line_ && (how != outcome::goodbye || quitting_);
 }
 
-// True while the held bytes may still become a terminating line.
-bool answer_parser::may_end() const {
+// True while these bytes may still become a terminating line.
+bool answer_parser::may_end(std::string_view start) const {
+    return std::any_of(std::begin(terminators), std::end(terminators), [&](const terminator& t) {
+        return expected(t.how) &&
+               (t.word.starts_with(start) || (start.starts_with(t.word) && start.size() < t.longest));
+    });
+}
+
+bool answer_parser::is_end(std::string_view line) {
     for (const terminator& t : terminators) {
-        if (!expected(t.how)) {
-            continue;
-        }
-        if (held_.size() <= t.word.size()
-                ? t.word.starts_with(held_)
-                : held_.starts_with(t.word) && held_.size() < t.longest && held_.back() != '\n') {
-            return true;
+        if (expected(t.how) && line.starts_with(t.word)) {
+            end_ = command_result(t.how);  // without the fields of an earlier line that was none
+            return t.longest == 0 || (line.size() <= t.longest && read_fields(std::string(line), end_));
         }
     }
     return false;
-}
-
-bool answer_parser::is_end() {
-    for (const terminator& t : terminators) {
-        if (!expected(t.how) || !held_.starts_with(t.word)) {
-            continue;
-        }
-        end_ = command_result(t.how);  // without the fields of an earlier line that was none
-        return t.longest == 0 || read_fields(held_, end_);
-    }
-    return false;
-}
-
-void answer_parser::release(std::string& text) {
-    holding_ = false;
-    const std::string line = std::move(held_);
-    // A string that was moved from has no defined content.
-    held_.clear();
-    put(line, text);
-}
-
-// part holds at most one LF, at its end.
-void answer_parser::put(std::string_view part, std::string& text) {
-    if (cr_ && part != "\n") {
-        text += '\r';
-    }
-    cr_ = false;
-    if (part.ends_with("\r\n")) {
-        text.append(part, 0, part.size() - 2);
-        text += '\n';
-    } else if (part.ends_with('\r')) {
-        text.append(part, 0, part.size() - 1);
-        // The LF of this line end may come with the next part.
-        cr_ = true;
-    } else {
-        text += part;
-    }
-    if (part.ends_with('\n')) {
-        holding_ = true;
-        first_line_ = false;
-    }
 }
 
 }  // namespace client

@@ -69,16 +69,13 @@ public:
 
 private:
     bool expected(outcome how) const;
-    bool may_end() const;
-    bool is_end();
-    void release(std::string& text);
-    void put(std::string_view part, std::string& text);
+    bool may_end(std::string_view start) const;
+    bool is_end(std::string_view line);
 
     bool quitting_;
     bool done_ = false;
-    bool holding_ = true;     // at the start of a line that may end the answer
-    bool first_line_ = true;  // no output seen yet
-    bool cr_ = false;         // a CR was held back
+    bool at_line_start_ = true;  // what is held back may end the answer
+    bool first_line_ = true;     // no output seen yet
     std::string held_;
     command_result end_;
 };

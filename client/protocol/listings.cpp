@@ -1,6 +1,6 @@
 #include "protocol/listings.h"
 
-#include "term/each_line.h"
+#include "term/text.h"
 
 #include <bit>
 #include <cstdint>
@@ -10,28 +10,33 @@ namespace client {
 
 namespace {
 
-// Returns the columns that contain a 1, from column first on: slot 0 of days and months never matches.
-std::vector<int> values_of(std::string_view digits, std::size_t first, std::size_t end) {
-    std::vector<int> values;
-    for (std::size_t i = first; i < digits.size() && i < end; i++) {
-        if (digits[i] == '1') {
-            values.push_back(static_cast<int>(i));
-        }
-    }
-    return values;
-}
+// The columns of a line of slots that may contain a 1: slot 0 of days and months never matches, and the scheduler stores
+// two more minutes, which never match.
+struct slots {
+    std::string_view label;
+    std::vector<int> timer_job::*values;
+    std::size_t first;
+    std::size_t end;
+};
+
+constexpr slots all_slots[] = {{"minute", &timer_job::minutes, 0, 60},
+                               {"hour", &timer_job::hours, 0, 24},
+                               {"mday", &timer_job::days, 1, 32},
+                               {"month", &timer_job::months, 1, 13},
+                               {"wday", &timer_job::weekdays, 0, 7}};
 
 void take_slots(std::string_view label, std::string_view digits, timer_job& job) {
-    if (label == "minute") {
-        job.minutes = values_of(digits, 0, 60);  // the scheduler stores two more, which never match
-    } else if (label == "hour") {
-        job.hours = values_of(digits, 0, 24);
-    } else if (label == "mday") {
-        job.days = values_of(digits, 1, 32);
-    } else if (label == "month") {
-        job.months = values_of(digits, 1, 13);
-    } else if (label == "wday") {
-        job.weekdays = values_of(digits, 0, 7);
+    for (const slots& known : all_slots) {
+        if (label != known.label) {
+            continue;
+        }
+        std::vector<int>& values = job.*known.values;
+        values.clear();
+        for (std::size_t i = known.first; i < known.end && i < digits.size(); ++i) {
+            if (digits[i] == '1') {
+                values.push_back(static_cast<int>(i));
+            }
+        }
     }
 }
 

@@ -1,6 +1,6 @@
 #include "protocol/status.h"
 
-#include "term/each_line.h"
+#include "term/text.h"
 
 #include <cstdio>
 
@@ -24,21 +24,15 @@ std::string now_date() {
 
 std::optional<std::time_t> seconds_of(const std::string& date) {
     std::tm t{};
-    char sign = 0;
-    int hours = 0;
-    int minutes = 0;
-    // The length is checked because sscanf accepts fewer digits and ignores what follows.
-    if (date.size() != date_length ||
-        std::sscanf(date.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d%c%2d:%2d", &t.tm_year, &t.tm_mon, &t.tm_mday,
-                    &t.tm_hour, &t.tm_min, &t.tm_sec, &sign, &hours, &minutes) != 9 ||
-        (sign != '+' && sign != '-')) {
+    // The length is checked because strptime accepts fewer digits.
+    const bool has_length = date.size() == date_length;
+    const char* const end = has_length ? strptime(date.c_str(), "%Y-%m-%dT%H:%M:%S%z", &t) : nullptr;
+    if (end == nullptr || *end != '\0') {
         return std::nullopt;
     }
     // The date is the scheduler's local time. It is ahead of UTC by the offset, so the offset is subtracted.
-    t.tm_year -= 1900;
-    t.tm_mon -= 1;
-    const std::time_t offset = (hours * 60 + minutes) * 60;
-    return timegm(&t) - (sign == '+' ? offset : -offset);
+    const long offset = t.tm_gmtoff;  // timegm changes it
+    return timegm(&t) - offset;
 }
 
 std::string age_of(const std::string& date) {
@@ -53,15 +47,10 @@ std::string age_of(const std::string& date) {
     int shown = 0;
     for (const auto& [seconds, sign] : units) {
         // Starts at the largest unit that is not 0; an age below one second is "0s".
-        if (shown == 2 || (shown == 0 && left < seconds && seconds > 1)) {
-            continue;
+        if (shown < 2 && (shown != 0 || left >= seconds || seconds == 1)) {
+            text += (shown++ != 0 ? " " : "") + std::to_string(left / seconds) + sign;
+            left %= seconds;
         }
-        if (shown++ != 0) {
-            text += ' ';
-        }
-        text += std::to_string(left / seconds);
-        text += sign;
-        left %= seconds;
     }
     return text;
 }

@@ -31,21 +31,6 @@ const daemon_word* find(std::string_view word) {
     return found != std::end(table) ? found : nullptr;
 }
 
-// Returns the word of this form that follows the earlier words; empty when they do not fit it.
-std::string next_word(std::string_view form, const std::vector<std::string>& earlier) {
-    std::vector<std::string> words;
-    split_words(form, words);
-    if (words.size() < earlier.size()) {
-        return "";
-    }
-    for (std::size_t i = 1; i < earlier.size(); ++i) {
-        if (words[i - 1] != "MODULE" && words[i - 1] != earlier[i]) {
-            return "";
-        }
-    }
-    return words[earlier.size() - 1];
-}
-
 }  // namespace
 
 std::span<const daemon_word> daemon_words() {
@@ -63,20 +48,22 @@ bool is_answered_at_once(std::string_view word) {
 
 std::vector<std::string> words_after(const std::vector<std::string>& earlier,
                                      const std::vector<std::string>& modules) {
+    const auto fits = [](const std::string& typed, const std::string& word) {
+        return word == "MODULE" || word == typed;
+    };
     std::set<std::string> words;  // a module may have the name of an internal word
-    if (earlier.empty()) {
+    for (const daemon_word& known : table) {
+        for (const std::string_view form : known.forms) {
+            std::vector<std::string> all;
+            split_words(std::string(known.word).append(" ").append(form), all);
+            if (all.size() > earlier.size() &&
+                std::equal(earlier.begin(), earlier.end(), all.begin(), fits)) {
+                words.insert(all[earlier.size()]);
+            }
+        }
+    }
+    if (words.erase("MODULE") != 0 || earlier.empty()) {
         words.insert(modules.begin(), modules.end());
-        for (const daemon_word& known : table) {
-            words.emplace(known.word);
-        }
-    } else if (const daemon_word* const known = find(earlier[0])) {
-        for (const std::string_view form : known->forms) {
-            words.insert(next_word(form, earlier));
-        }
-        if (words.erase("MODULE") != 0) {
-            words.insert(modules.begin(), modules.end());
-        }
-        words.erase("");
     }
     return {words.begin(), words.end()};
 }

@@ -3,9 +3,9 @@
 #include "mail/box.h"
 #include "options/module_list.h"
 #include "protocol/limits.h"
-#include "protocol/secret.h"
+#include "protocol/login.h"
 #include "protocol/words.h"
-#include "term/each_line.h"
+#include "term/text.h"
 
 #include <algorithm>
 #include <csignal>

@@ -1,14 +1,10 @@
 #include "term/output.h"
 
-#include "term/exit_code.h"
-#include "term/text.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <fcntl.h>
 #include <poll.h>
 #include <system_error>
@@ -19,11 +15,6 @@ namespace client {
 namespace {
 
 constexpr int signal_interval = 100;  // milliseconds
-
-void report_failure() {
-    std::fprintf(stderr, "%s: cannot write: %s\n", program_invocation_short_name,
-                 std::generic_category().message(errno).c_str());
-}
 
 // Writing to standard error waits for its reader. Our signals may be blocked, so one that tells the program to end must
 // end this wait, too.
@@ -70,15 +61,12 @@ bool flush_output() {
     if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) {
         return true;
     }
-    report_failure();
+    complain("cannot write: " + std::generic_category().message(errno));
     return false;
 }
 
-void print(std::string_view text) {
-    if (!write_all(STDOUT_FILENO, text)) {
-        report_failure();
-        std::exit(exit_usage);
-    }
+void complain(const std::string& problem) {
+    std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, problem.c_str());
 }
 
 }  // namespace client

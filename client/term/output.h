@@ -1,7 +1,7 @@
 // Standard input, output and error of both programs.
 #pragma once
 
-#include <string_view>
+#include <string>
 
 namespace client {
 
@@ -13,7 +13,7 @@ bool open_standard_streams();
 // Flushes the C streams. Returns false, after a message on standard error, when standard output could not be written.
 bool flush_output();
 
-// Writes the text to standard output at once. When that fails, the program ends with exit_usage and a message.
-void print(std::string_view text);
+// Writes a line about a problem to standard error, behind the name of the program.
+void complain(const std::string& problem);
 
 }  // namespace client

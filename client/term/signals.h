@@ -4,7 +4,7 @@
 
 #include <csignal>
 #include <functional>
-#include <string_view>
+#include <utility>
 
 namespace client {
 
@@ -19,33 +19,22 @@ public:
 
     int fd() const { return fd_; }
 
-    // From now on, leaving() becomes true when the reader of this pipe or socket closes it, also while nothing is
-    // written.
-    void watch_reader_of(int descriptor);
-
     // Handles the signals that have come. Returns true when the wait must end: after SIGINT, or when leaving().
     bool take();
 
-    // True after SIGTERM or SIGHUP, or when the watched reader has closed.
+    // True after SIGTERM or SIGHUP.
     bool leaving() const { return leaving_; }
 
     // True when SIGWINCH came since the last call.
-    bool resized();
+    bool resized() { return std::exchange(resized_, false); }
 
 private:
     std::function<void()> suspend_;
     sigset_t before_;
-    bool take_signals();
-
     int fd_ = -1;
-    int signal_fd_ = -1;
-    int written_ = -1;  // descriptor of the pipe whose reader is watched
     bool leaving_ = false;
     bool resized_ = false;
 };
-
-// Writes all to standard output. Its reader may be slow, so a signal ends the waiting: then false with errno EINTR.
-bool write_until_signal(std::string_view text, signal_watch& signals);
 
 // While it exists, the watched signals have their usual effect, for a prompt that handles them itself.
 class signals_through {

@@ -5,6 +5,7 @@
 #include <cwchar>
 #include <cwctype>
 #include <unistd.h>
+#include <utility>
 
 namespace client {
 
@@ -27,33 +28,31 @@ std::string escaped(std::string_view bytes) {
 }  // namespace
 
 std::string printable_text::clean(std::string_view bytes) {
-    const std::string text = pending_ + std::string(bytes);
-    pending_.clear();
+    const std::string text = std::exchange(pending_, {}).append(bytes);
     std::string out;
-    for (std::size_t at = 0; at < text.size();) {
+    std::size_t length = 0;
+    for (std::size_t at = 0; at < text.size(); at += length) {
         const char c = text[at];
-        if (c == '\n' || c == '\t' || c == '\r' || (c >= ' ' && c <= '~')) {
-            if (c != '\r') {
-                out += c;
-            }
-            ++at;
+        length = 1;
+        if (c == '\r') {
+            continue;
+        }
+        if (c == '\n' || c == '\t' || (c >= ' ' && c <= '~')) {
+            out += c;
             continue;
         }
         wchar_t wide = 0;
         std::mbstate_t state{};
-        std::size_t length = std::mbrtowc(&wide, text.data() + at, text.size() - at, &state);
+        const std::size_t decoded = std::mbrtowc(&wide, text.data() + at, text.size() - at, &state);
         // The rest of the character comes with the next call.
-        if (length == incomplete) {
+        if (decoded == incomplete) {
             pending_ = text.substr(at);
             break;
         }
-        const bool shown =
-            length != invalid && length != 0 && std::iswprint(static_cast<std::wint_t>(wide)) != 0;
-        if (!shown && (length == invalid || length == 0)) {
-            length = 1;
-        }
-        out += shown ? text.substr(at, length) : escaped(std::string_view(text).substr(at, length));
-        at += length;
+        length = decoded == invalid || decoded == 0 ? 1 : decoded;
+        const std::string_view character = std::string_view(text).substr(at, length);
+        const bool shown = decoded == length && std::iswprint(static_cast<std::wint_t>(wide)) != 0;
+        out += shown ? std::string(character) : escaped(character);
     }
     return out;
 }

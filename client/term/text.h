@@ -22,4 +22,14 @@ bool write_all(int fd, std::string_view bytes);
 // Returns one line of any text, made printable and cut to so many columns of the terminal.
 std::string fit(std::string_view text, std::size_t columns);
 
+// Calls read with each line of text, without its line feed.
+template <typename reader>
+void each_line(std::string_view text, reader read) {
+    while (!text.empty()) {
+        const std::size_t end = text.find('\n');
+        read(std::string(text.substr(0, end)));
+        text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+    }
+}
+
 }  // namespace client

@@ -18,14 +18,6 @@ std::string code_of(const std::string& text) {
     return has_code ? text.substr(0, length) : "";
 }
 
-level level_of(const std::string& text) {
-    return text.starts_with('E') ? error_level : text.starts_with('W') ? warning_level : info_level;
-}
-
-const char* severity_of(level priority) {
-    return priority == error_level ? "error" : priority == warning_level ? "warning" : "info";
-}
-
 }  // namespace
 
 event connected_event() {
@@ -39,18 +31,13 @@ event failed_event(const command_result& why) {
             json{{"reason", reason}}};
 }
 
-event set_event(const condition& which) {
-    const level priority = !is_alarm(which)        ? info_level
-                           : which.name == "error" ? error_level
-                                                   : warning_level;
-    return {priority, which.since, "condition " + which.name + " set", "condition",
-            json{{"name", which.name}, {"set", true}}};
-}
-
-// The answer has no date for a condition that it no longer lists.
-event cleared_event(const condition& which) {
-    return {notice_level, now_date(), "condition " + which.name + " cleared", "condition",
-            json{{"name", which.name}, {"set", false}}};
+event condition_event(const condition& which, bool is_set) {
+    const level alarm = which.name == "error" ? error_level : warning_level;
+    const level priority = !is_set ? notice_level : is_fault(which.name) ? alarm : info_level;
+    // The answer has no date for a condition that it no longer lists.
+    return {priority, is_set ? which.since : now_date(),
+            "condition " + which.name + (is_set ? " set" : " cleared"), "condition",
+            json{{"name", which.name}, {"set", is_set}}};
 }
 
 event received_event(const received_message& what) {
@@ -58,9 +45,11 @@ event received_event(const received_message& what) {
     if (what.lost != 0) {
         return {warning_level, m.date, m.text, "lost", json{{"count", what.lost}}};
     }
-    const level priority = level_of(m.text);
+    const auto [priority, severity] = m.text.starts_with('E')   ? std::pair(error_level, "error")
+                                      : m.text.starts_with('W') ? std::pair(warning_level, "warning")
+                                                                : std::pair(info_level, "info");
     return {priority, m.date, "message " + m.text, "message",
-            json{{"code", code_of(m.text)}, {"severity", severity_of(priority)}, {"text", m.text}}};
+            json{{"code", code_of(m.text)}, {"severity", severity}, {"text", m.text}}};
 }
 
 std::string json_line(const event& what, const host_name& host, bool level_prefix) {

@@ -3,7 +3,7 @@
 
 #include "net/host_list.h"
 #include "protocol/answer.h"
-#include "watch/changes.h"
+#include "watch/inquiry.h"
 
 #include <nlohmann/json.hpp>
 #include <string>
@@ -24,8 +24,7 @@ struct event {
 
 event connected_event();
 event failed_event(const command_result& why);
-event set_event(const condition& which);
-event cleared_event(const condition& which);
+event condition_event(const condition& which, bool is_set);
 event received_event(const received_message& what);
 
 // One line of JSON. level_prefix: it begins with its priority, such as "<3>", for the journal and logger(1).

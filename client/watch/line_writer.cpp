@@ -1,31 +1,41 @@
 #include "watch/line_writer.h"
 
-#include "protocol/answer.h"
+#include "term/exit_code.h"
+#include "term/output.h"
 #include "term/text.h"
 
 #include <cerrno>
+#include <climits>
 #include <csignal>
-#include <cstdio>
+#include <poll.h>
 #include <system_error>
 #include <unistd.h>
 
 namespace client {
 
 line_writer::line_writer(signal_watch& signals) : signals_(signals) {
-    signals_.watch_reader_of(STDOUT_FILENO);
     std::signal(SIGPIPE, SIG_IGN);
 }
 
-bool line_writer::write(const std::string& line) {
-    if (!is_open_ || write_until_signal(line, signals_)) {
-        return is_open_;
+bool line_writer::write(std::string_view line) {
+    while (is_open_ && !line.empty()) {
+        pollfd ready[] = {{STDOUT_FILENO, POLLOUT, 0}, {signals_.fd(), POLLIN, 0}};
+        if (poll(ready, 2, -1) < 0) {
+            continue;
+        }
+        if (ready[0].revents == 0) {
+            is_open_ = !signals_.take();
+            continue;
+        }
+        const std::string_view piece = line.substr(0, PIPE_BUF);  // what a pipe takes without waiting
+        is_open_ = write_all(STDOUT_FILENO, piece);
+        if (!is_open_ && errno != EPIPE) {
+            complain("cannot write: " + std::generic_category().message(errno));
+            exit_code_ = exit_usage;
+        }
+        line.remove_prefix(piece.size());
     }
-    is_open_ = false;
-    if (errno != EPIPE && errno != EINTR) {
-        std::fprintf(stderr, "schedctl: cannot write: %s\n", std::generic_category().message(errno).c_str());
-        exit_code_ = exit_usage;
-    }
-    return false;
+    return is_open_;
 }
 
 bool line_writer::print(const std::string& text) {

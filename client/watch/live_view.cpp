@@ -1,11 +1,10 @@
-#include "watch/live_view.h"
-
 #include "options/options.h"
 #include "protocol/limits.h"
 #include "term/screen.h"
-#include "watch/hosts_view.h"
+#include "watch/drawing.h"
+#include "watch/line_writer.h"
 #include "watch/poller.h"
-#include "watch/watch_view.h"
+#include "watch/watch.h"
 
 #include <algorithm>
 #include <chrono>
@@ -20,25 +19,23 @@ namespace client {
 
 namespace {
 
-using clock = poller::clock;
-
-class live_view : public poll_output {
+class live_view : private poller {
 public:
     explicit live_view(const settings& chosen);
     int run();
 
+private:
     void connected(std::size_t host, bool again) override;
     void received(std::size_t host, const status_answer& answer, const status_update& update) override;
     void failed(std::size_t host, const command_result& why, bool is_news) override;
     void polled(std::size_t /*host*/) override { news_ = true; }
     std::optional<std::string> password(const host_name& host) override;
 
-private:
     // The screen shows the view from the first answer on, with several hosts at once, until the operator ends it.
     enum class phase { before, shown, after };
 
     void begin();
-    bool step();
+    bool step_view();
     clock::time_point draw_due() const;
     void draw();
     void print(const listed_message& line);
@@ -57,16 +54,16 @@ private:
     clock::time_point drawn_at_{};
     bool news_ = false;         // something has come since the last drawing
     bool key_pressed_ = false;  // since the last drawing
-    poller poller_;
 };
 
 live_view::live_view(const settings& chosen)
-    : chosen_(chosen),
-      signals_([this] { without_screen([] { std::raise(SIGTSTP); }); }),
-      poller_(chosen, mail_kind::operators, *this) {
-    for (const host_name& host : chosen.hosts) {
-        rows_.emplace_back().label =
-            chosen.several ? host.label : host.name + ":" + std::to_string(host.port);
+    : poller(chosen, showing(chosen, mail_kind::operators), false),
+      chosen_(chosen),
+      signals_([this] { without_screen([] { std::raise(SIGTSTP); }); }) {
+    for (std::size_t number = 0; number < chosen.hosts.size(); ++number) {
+        const host_name& host = chosen.hosts[number];
+        rows_.push_back(
+            {chosen.several ? host.label : host.name + ":" + std::to_string(host.port), known(number)});
     }
 }
 
@@ -78,14 +75,12 @@ void live_view::begin() {
 }
 
 void live_view::connected(std::size_t host, bool /*again*/) {
-    rows_[host].known = true;
-    rows_[host].trouble.clear();
+    rows_[host].since.clear();
     begin();
 }
 
 void live_view::received(std::size_t host, const status_answer& answer, const status_update& update) {
     host_row& row = rows_[host];
-    row.conditions = update.conditions;
     for (const received_message& m : update.messages) {
         row.lost += m.lost;
         row.newest = m.lost == 0 ? m : row.newest;
@@ -99,19 +94,14 @@ void live_view::received(std::size_t host, const status_answer& answer, const st
     while (messages_.size() > (chosen_.several ? max_listed : max_messages)) {
         messages_.pop_front();
     }
-    const std::string notices = notices_of(chosen_, host, answer);
+    const std::string notices = notices_of(host, answer);
     notice_ = notices.empty() ? notice_ : notices;
 }
 
-void live_view::failed(std::size_t host, const command_result& why, bool /*is_news*/) {
-    host_row& row = rows_[host];
-    row.known = true;
-    // Later failures of an outage keep the date of the first.
-    if (row.trouble.empty()) {
-        row.since = now_date();
-    }
-    row.is_silent = why.how == outcome::no_answer;
-    row.trouble = describe(why);
+// Later failures of an outage keep the date of the first.
+void live_view::failed(std::size_t host, const command_result& /*why*/, bool /*is_news*/) {
+    std::string& since = rows_[host].since;
+    since = since.empty() ? now_date() : since;
 }
 
 std::optional<std::string> live_view::password(const host_name& host) {
@@ -134,7 +124,7 @@ void live_view::without_screen(const std::function<void()>& action) {
 }
 
 // Draws at once after a key, at a limited rate while many answers come, and each second to update the ages.
-clock::time_point live_view::draw_due() const {
+poller::clock::time_point live_view::draw_due() const {
     if (phase_ != phase::shown) {
         return clock::time_point::max();
     }
@@ -149,13 +139,13 @@ void live_view::draw() {
     news_ = key_pressed_ = false;
     if (chosen_.several) {
         for (const std::size_t host : draw_hosts(rows_, notice_, keys_)) {
-            poller_.shown(std::exchange(rows_[host].newest.id, 0));
+            shown(std::exchange(rows_[host].newest.id, 0));
         }
         return;
     }
     std::size_t drawn = draw_host(rows_[0], notice_, messages_);
     for (auto m = messages_.rbegin(); drawn != 0; ++m, --drawn) {
-        poller_.shown(std::exchange(m->received.id, 0));
+        shown(std::exchange(m->received.id, 0));
     }
 }
 
@@ -170,9 +160,9 @@ bool live_view::ended_by_key() {
 }
 
 // Handles one event of the hosts, the keyboard or signals. Returns false when the operator ends the view.
-bool live_view::step() {
+bool live_view::step_view() {
     pollfd ready[] = {{signals_.fd(), POLLIN, 0}, {screen_.keyboard(), POLLIN, 0}};
-    poller_.step(ready, draw_due());
+    step(ready, draw_due());
     if (ready[0].revents != 0 && signals_.take()) {
         return false;
     }
@@ -189,8 +179,8 @@ bool live_view::step() {
 
 void live_view::print(const listed_message& line) {
     const message& m = line.received.what;
-    if (out_.print(prefix_of(chosen_, line.host) + m.date + " " + m.text)) {
-        poller_.shown(line.received.id);
+    if (out_.print(prefix_of(line.host) + m.date + " " + m.text)) {
+        shown(line.received.id);
     }
 }
 
@@ -198,14 +188,15 @@ int live_view::run() {
     if (chosen_.several) {
         begin();
     }
-    while (!poller_.given_up() && step()) {
+    while (!given_up() && step_view()) {
     }
     screen_.leave();
     phase_ = phase::after;
     std::for_each(messages_.begin(), messages_.end(), [this](const listed_message& m) { print(m); });
-    poller_.finish(signals_);
+    pollfd signal[] = {{signals_.fd(), POLLIN, 0}};
+    finish(signal);
     std::fputs(notice_.c_str(), stderr);
-    return poller_.given_up() ? poller_.report_given_up() : out_.exit_code();
+    return report_given_up(out_.exit_code());
 }
 
 }  // namespace

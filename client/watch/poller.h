@@ -1,10 +1,9 @@
-// Asks schedulers for their status, each at its interval. There is one poller with three outputs: lines of changes, the
-// live view, and the follower.
+// Asks schedulers for their status, each at its interval. Three classes are made of it: lines of changes, the live view,
+// and one round for `check` and `metrics`.
 #pragma once
 
 #include "agent/agent_client.h"
-#include "watch/changes.h"
-#include "watch/line_writer.h"
+#include "watch/inquiry.h"
 
 #include <chrono>
 #include <optional>
@@ -15,40 +14,35 @@
 
 namespace client {
 
+class signal_watch;
 struct settings;
 
-// Gets what comes. host is the number in the list. Only poller's step() and finish() call these.
-class poll_output {
-public:
-    poll_output() = default;
-    virtual ~poll_output() = default;
-    poll_output(const poll_output&) = delete;
-    poll_output& operator=(const poll_output&) = delete;
-
-    // The scheduler answers, for the first time or (again) after an outage. received() follows.
-    virtual void connected(std::size_t host, bool again) = 0;
-    // An answer, complete or as far as it came. The messages that are written call for poller::shown().
-    virtual void received(std::size_t host, const status_answer& answer, const status_update& update) = 0;
-    // There is no answer. is_news: the first time in this outage, or the scheduler refuses for the first time.
-    virtual void failed(std::size_t host, const command_result& why, bool is_news) = 0;
-    // The answer of one of details().
-    virtual void received_detail(std::size_t /*host*/, std::size_t /*number*/,
-                                 const std::string& /*answer*/) {}
-    // The round of this host is complete; also called once in each interval of a silence.
-    virtual void polled(std::size_t /*host*/) {}
-    // The scheduler requires a login. Returns nothing when nobody can be asked.
-    virtual std::optional<std::string> password(const host_name& /*host*/) { return std::nullopt; }
-};
-
+// host is the number in the list. Only step() and finish() call the virtual functions.
 class poller {
 public:
     using clock = agent_client::clock;
 
-    // kind: that of the messages which are taken over. A follower also asks for details, and waits for a single
+    // with_details: the rounds have the details of an inquiry, at most each 15 seconds. A follower waits for a single
     // scheduler that does not run yet.
-    poller(const settings& chosen, mail_kind kind, poll_output& output);
+    poller(const settings& chosen, const agent_options& how, bool with_details);
+    virtual ~poller() = default;
+    poller(const poller&) = delete;
+    poller& operator=(const poller&) = delete;
+
+protected:
+    // The scheduler answers, for the first time or (again) after an outage. received() follows.
+    virtual void connected(std::size_t /*host*/, bool /*again*/) {}
+    // An answer, complete or as far as it came. The messages that are written call for shown().
+    virtual void received(std::size_t host, const status_answer& answer, const status_update& update) = 0;
+    // There is no answer. is_news: the first time in this outage, or the scheduler refuses for the first time.
+    virtual void failed(std::size_t /*host*/, const command_result& /*why*/, bool /*is_news*/) {}
+    // The round of this host is complete; also called once in each interval of a silence.
+    virtual void polled(std::size_t /*host*/) {}
+    // The scheduler requires a login. Returns nothing when nobody can be asked.
+    virtual std::optional<std::string> password(const host_name& /*host*/) { return std::nullopt; }
 
     const std::vector<host_name>& hosts() const { return agent_.hosts(); }
+    const snapshot& known(std::size_t host) const { return states_[host].round.known; }
 
     // Asks the hosts that are due, then waits as agent_client::step() does.
     void step(std::span<pollfd> others, clock::time_point until);
@@ -56,30 +50,34 @@ public:
     // This message was written to the operator's output. 0 is ignored.
     void shown(std::uint64_t id);
 
-    // Closes the connections; what the last answers bring goes to the output. Ends early after a signal.
-    void finish(signal_watch& signals);
+    // No answer: for the caller's own limit, else for that of the agent.
+    void late(std::size_t host);
 
-    // Steps until a signal, the end of the output, or given_up(); then finishes. Returns the exit code.
-    int run(signal_watch& signals, const line_writer& output);
+    // The host is not asked again, and its connection is closed.
+    void close(std::size_t host);
+
+    // Closes the connections; what the last answers bring goes to the output. Ends early when one of them is readable.
+    void finish(std::span<pollfd> others = {});
+
+    // "LABEL: " before a line about a host of several; empty with one host.
+    std::string prefix_of(std::size_t host) const;
+
+    // The lines of an answer that are for the operator's standard error.
+    std::string notices_of(std::size_t host, const status_answer& answer) const;
 
     // Why asking a single host again is useless: it refuses, or it has not answered the first question. Several hosts
     // are never given up.
     const std::optional<command_result>& given_up() const { return given_up_; }
 
-    // Reports that reason to the operator and returns its exit code.
-    int report_given_up() const;
+    // Reports that reason, if there is one, to the operator. Returns its exit code, else `otherwise`.
+    int report_given_up(int otherwise) const;
 
 private:
-    enum class health { unknown, up, outage };
-
     struct host_state {
-        std::vector<condition> conditions;  // of the newest complete answer
-        health now = health::unknown;
+        inquiry round;
         bool refused = false;       // in this outage
+        bool closed = false;        // by close()
         std::uint32_t request = 0;  // under way; 0: none
-        bool asks_detail = false;   // it is a detail, else the status
-        std::size_t detail = 0;     // its number
-        std::string answer;         // of the detail, as far as it has come
         clock::time_point asked_at{};
         clock::time_point due{};  // next status; while a request is under way: the next call of polled()
         clock::time_point details_due{};
@@ -87,21 +85,19 @@ private:
 
     agent_listener listener();
     bool password_missing();
-    void ask_status(std::size_t host);
-    void ask_detail(std::size_t host, std::size_t number);
+    void ask(std::size_t host);
     clock::time_point ask_due();
-    void received(std::size_t host, const status_answer& answer);
+    void answered(std::size_t host, const status_answer& answer);
     void ended(std::size_t host, std::uint32_t request, const command_result& end);
-    void detail_ended(std::size_t host, const command_result& end);
-    void failed(std::size_t host, const command_result& why);
-    void end_round(std::size_t host);
+    void fail(std::size_t host, const command_result& why);
 
     const std::chrono::seconds interval_;
     const bool several_;
     const bool is_follower_;
+    const bool with_details_;
     bool asks_password_;  // before the first connection
-    poll_output& output_;
     std::vector<host_state> states_;
+    clock::time_point next_due_{};  // of any host, or earlier
     std::optional<command_result> given_up_;
     bool finishing_ = false;
     agent_client agent_;  // last: its listener uses the members above
@@ -110,11 +106,8 @@ private:
 // True when trying again soon is useless: neither a lost connection nor silence.
 bool is_refusal(outcome how);
 
-// "LABEL: " before a line about a host of several; empty with one host.
-std::string prefix_of(const settings& chosen, std::size_t host);
-
-// The lines of an answer that are for the operator's standard error.
-std::string notices_of(const settings& chosen, std::size_t host, const status_answer& answer);
+// The settings for an agent of `watch` and `follow`: it shows what it receives.
+agent_options showing(const settings& chosen, mail_kind kind);
 
 // Asks at the terminal. Returns nothing when there is no answer; the reason is then reported.
 std::optional<std::string> ask_password_for(const host_name& host);

@@ -3,23 +3,15 @@
 #include "mail/replace_file.h"
 #include "mail/state_file.h"
 #include "mail/state_path.h"
+#include "term/exit_code.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
 #include <nlohmann/json.hpp>
-
-// The library knows no optional values; one that is not known is null.
-template <>
-struct nlohmann::adl_serializer<std::optional<unsigned long>> {
-    static void to_json(json& value, const std::optional<unsigned long>& number) {
-        value = number ? json(*number) : json();
-    }
-    static void from_json(const json& value, std::optional<unsigned long>& number) {
-        number = value.is_null() ? std::nullopt : std::optional(value.get<unsigned long>());
-    }
-};
+#include <unistd.h>
 
 namespace client {
 
@@ -28,7 +20,7 @@ NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(message, date, text)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(module_row, name, on)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(message_totals, error, warning, info, lost)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(snapshot, up, failure, problem, answered, answer_seconds, conditions,
-                                   messages, unkept, totals, operators, timer_jobs, uptime_minutes, modules)
+                                   messages, totals, operators, timer_jobs, uptime_minutes, modules)
 
 namespace {
 
@@ -38,11 +30,6 @@ using nlohmann::json;
 constexpr const char* service_directory = "/run/sched-watch/";
 constexpr const char* service_data = "/var/lib/sched";
 constexpr std::uint16_t service_port = 9980;
-
-// ASCII output and replaced bytes, because dump throws for text that is not UTF-8.
-std::string text_of(const json& value) {
-    return value.dump(-1, ' ', true, json::error_handler_t::replace) + "\n";
-}
 
 // Seconds since the start of the machine, also of those that it slept: steps of the wall clock do not move it.
 double boot_clock() {
@@ -70,12 +57,23 @@ std::optional<snapshot> fresh_state(const std::string& path) try {
     return std::nullopt;
 }
 
+// In $RUNTIME_DIRECTORY if a service manager has set it, else in the user's state directory. Empty when there is neither.
+std::string own_path(const host_name& host) {
+    const char* runtime = std::getenv("RUNTIME_DIRECTORY");
+    const std::string directory = runtime != nullptr ? runtime : state_directory();
+    return directory.empty() ? "" : directory + "/" + key_of(host) + ".json";
+}
+
 }  // namespace
 
-void keep_newest(std::vector<message>& messages) {
-    if (messages.size() > messages_in_snapshot) {
-        messages.erase(messages.begin(), messages.end() - messages_in_snapshot);
-    }
+const condition* snapshot::find(std::string_view name) const {
+    const auto found = std::find_if(conditions.begin(), conditions.end(),
+                                    [name](const condition& c) { return c.name == name; });
+    return found != conditions.end() ? &*found : nullptr;
+}
+
+bool snapshot::is_own_fault() const {
+    return !up && failure != exit_connection && failure != exit_silence;
 }
 
 // Not the steady clock: other processes compare these times with their own.
@@ -83,29 +81,24 @@ double wall_clock() {
     return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
 }
 
-std::string snapshot_text(const snapshot& known) {
-    return text_of(json(known));
-}
-
-std::optional<snapshot> read_snapshot(std::string_view text) try {
-    return json::parse(text).get<snapshot>();
-} catch (const json::exception&) {
-    return std::nullopt;
-}
-
-std::string state_file_to_write(const host_name& host) {
-    const char* runtime = std::getenv("RUNTIME_DIRECTORY");
-    const std::string directory = runtime != nullptr ? runtime : state_directory();
-    return directory.empty() ? "" : directory + "/" + key_of(host) + ".json";
-}
-
 // Not durable: after a crash of the machine the follower writes a new one.
-bool write_state_file(const std::string& path, const snapshot& known, double interval, std::string& problem) {
+bool write_state_file(const host_name& host, const snapshot& known, double interval, std::string& problem) {
+    const std::string path = own_path(host);
+    if (path.empty()) {
+        return true;
+    }
     json value(known);
     value["boot"] = boot_id();
     value["written"] = boot_clock();
     value["interval"] = interval;
-    return replace_file(path, text_of(value), 0644, false, problem);
+    // ASCII output and replaced bytes, because dump throws for text that is not UTF-8.
+    const std::string text = value.dump(-1, ' ', true, json::error_handler_t::replace) + "\n";
+    return replace_file(path, text, 0644, false, problem);
+}
+
+// A failure is ignored: readers soon find that the file is too old.
+void remove_state_file(const host_name& host) {
+    unlink(own_path(host).c_str());
 }
 
 std::optional<snapshot> followed_state(const host_name& host) {
@@ -114,19 +107,17 @@ std::optional<snapshot> followed_state(const host_name& host) {
     return known ? known : fresh_state(service_directory + name);
 }
 
-std::optional<unsigned long> uptime_of(const host_name& host) {
+long uptime_of(const host_name& host) {
     // The uptime file is on the scheduler's host, and of several schedulers there only the service's is known.
-    if (!host.name.starts_with("127.") && host.name != "localhost") {
-        return std::nullopt;
-    }
     const char* data = std::getenv("VGD_data");
-    if (data == nullptr && host.port != service_port) {
-        return std::nullopt;
+    const bool is_here = host.name.starts_with("127.") || host.name == "localhost";
+    if (!is_here || (data == nullptr && host.port != service_port)) {
+        return -1;
     }
     // A file that is missing or damaged is no error; the uptime is then not known.
-    unsigned long minutes = 0;
+    long minutes = 0;
     std::ifstream file(std::string(data != nullptr ? data : service_data) + "/up_time");
-    return file >> minutes ? std::optional(minutes) : std::nullopt;
+    return file >> minutes ? minutes : -1;
 }
 
 }  // namespace client

@@ -21,39 +21,32 @@ struct snapshot {
     double answer_seconds = 0;  // time that the scheduler took to answer
     std::vector<condition> conditions;
     std::vector<message> messages;  // the newest that are known, oldest first
-    std::string unkept;             // why received messages could not be stored; they are in `messages`
     message_totals totals;
-    std::optional<unsigned long> operators;  // connections without our own
-    std::optional<unsigned long> timer_jobs;
-    std::optional<unsigned long> uptime_minutes;  // over all starts
+    long operators = -1;  // connections without our own; -1: not known, here and below
+    long timer_jobs = -1;
+    long uptime_minutes = -1;  // over all starts
     std::vector<module_row> modules;
+
+    // Returns the condition with this name; null while it is not set.
+    const condition* find(std::string_view name) const;
+
+    // True when it is not known whether the scheduler answers: a fault of this client, its store or its password.
+    bool is_own_fault() const;
 };
-
-constexpr std::size_t messages_in_snapshot = 20;
-
-// Removes the oldest messages beyond that number.
-void keep_newest(std::vector<message>& messages);
 
 // Returns the current time in seconds since the epoch.
 double wall_clock();
 
-// Converts to and from one line of JSON; nothing for any other text. Bytes of messages that are not UTF-8 become
-// U+FFFD.
-std::string snapshot_text(const snapshot& known);
-std::optional<snapshot> read_snapshot(std::string_view text);
-
-// Returns the path of the state file for a follower of this scheduler: in $RUNTIME_DIRECTORY if a service manager has
-// set it, else in the user's state directory. Empty when there is neither.
-std::string state_file_to_write(const host_name& host);
-
-// Replaces the state file with a rename; every user may read it. Readers believe it for twice the interval, in seconds,
-// in which its follower renews it: the follower may have ended.
-bool write_state_file(const std::string& path, const snapshot& known, double interval, std::string& problem);
+// Replaces the state file of a follower of this scheduler with a rename; every user may read it. Readers believe it for
+// twice the interval, in seconds, in which its follower renews it: the follower may have ended. Without a directory for
+// the file nothing is written. Returns false with the reason.
+bool write_state_file(const host_name& host, const snapshot& known, double interval, std::string& problem);
+void remove_state_file(const host_name& host);
 
 // Returns the state that the user's own follower or that of the service has written, if one is running.
 std::optional<snapshot> followed_state(const host_name& host);
 
-// Returns the minutes that a scheduler on this host has been up, from its uptime file; nothing for another host.
-std::optional<unsigned long> uptime_of(const host_name& host);
+// Returns the minutes that a scheduler on this host has been up, from its uptime file; -1 for another host.
+long uptime_of(const host_name& host);
 
 }  // namespace client

@@ -2,15 +2,14 @@
 #include "agent/status_answer.h"
 #include "e2e/harness.h"
 #include "terminal.h"
-#include "watch/changes.h"
 #include "watch/events.h"
+#include "watch/inquiry.h"
 #include "watch/snapshot.h"
 
 #include <gmock/gmock.h>
 
 #include <csignal>
 #include <cstdlib>
-#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
@@ -29,7 +28,8 @@ int occurrences(const std::string& text, const std::string& part) {
 }
 
 TEST(WatchChanges, AnAnswerTellsWhatWasSetAgainWhatEndedAndWhatBrokeOff) {
-    const std::vector<client::condition> before = {{"conf", then}, {"error", then}, {"prevent", then}};
+    client::inquiry round({"db1", "db1", 9980, ""});
+    round.known.conditions = {{"conf", then}, {"error", then}, {"prevent", then}};
     client::status_answer answer;
     answer.lines = {{7, then + ";E0101:conf " + later}, {8, "W0100: message queue overflow, 3 messages were lost."}};
     for (const auto& [name, date] : {std::pair("conf", then), {"error", later}}) {
@@ -38,18 +38,19 @@ TEST(WatchChanges, AnAnswerTellsWhatWasSetAgainWhatEndedAndWhatBrokeOff) {
     for (const bool complete : {true, false}) {
         SCOPED_TRACE(complete);
         answer.complete = complete;
-        const client::status_update update = client::update_of(before, answer);
+        client::inquiry asked = round;
+        const client::status_update update = asked.status(answer);
         ASSERT_EQ(update.messages.size(), 2U);
         EXPECT_EQ(update.messages[0].what.text, "E0101:conf " + later);
         EXPECT_EQ(update.messages[0].id, 7U);
         EXPECT_EQ(update.messages[1].lost, 3U);
         EXPECT_EQ(update.messages[1].id, 8U);
-        EXPECT_EQ(update.conditions.size(), complete ? 2U : 3U);
-        ASSERT_EQ(update.changes.set.size(), complete ? 1U : 0U);
-        ASSERT_EQ(update.changes.cleared.size(), complete ? 1U : 0U);
+        EXPECT_EQ(asked.known.conditions.size(), complete ? 2U : 3U);
+        ASSERT_EQ(update.set.size(), complete ? 1U : 0U);
+        ASSERT_EQ(update.cleared.size(), complete ? 1U : 0U);
         if (complete) {
-            EXPECT_EQ(update.changes.set[0], (client::condition{"error", later}));
-            EXPECT_EQ(update.changes.cleared[0].name, "prevent");
+            EXPECT_EQ(update.set[0], (client::condition{"error", later}));
+            EXPECT_EQ(update.cleared[0].name, "prevent");
         }
     }
 }
@@ -68,10 +69,10 @@ TEST(WatchEvents, LinesHaveTheirPriorityAndMembers) {
          "disconnected: no connection: why"},
         {failed_event(outcome::no_answer), "<3>", R"("event":"disconnected","reason":"no answer in time"})",
          "no answer"},
-        {set_event({"error", then}), "<3>", R"("name":"error","set":true})", "condition error set"},
-        {set_event({"conf", then}), "<4>", R"("name":"conf","set":true})", "condition conf set"},
-        {set_event({"patrol", then}), "<6>", R"("name":"patrol","set":true})", "condition patrol set"},
-        {cleared_event({"error", then}), "<5>", R"("name":"error","set":false})", "condition error cleared"},
+        {condition_event({"error", then}, true), "<3>", R"("name":"error","set":true})", "condition error set"},
+        {condition_event({"conf", then}, true), "<4>", R"("name":"conf","set":true})", "condition conf set"},
+        {condition_event({"patrol", then}, true), "<6>", R"("name":"patrol","set":true})", "condition patrol set"},
+        {condition_event({"error", then}, false), "<5>", R"("name":"error","set":false})", "condition error cleared"},
         {received_event({1, {then, "E0101:a \"\xff"}}), "<3>",
          R"("code":"E0101","severity":"error","text":"E0101:a \"\ufffd"})", "message E0101:a \"\xff"},
         {received_event({1, {then, "W12:a"}}), "<4>", R"("code":"","severity":"warning","text":"W12:a"})",
@@ -93,18 +94,17 @@ TEST(WatchStateFile, IsBelievedForTwiceItsIntervalAndUntilTheMachineRestarts) {
     Suite scratch;
     setenv("XDG_STATE_HOME", scratch.path("state").c_str(), 1);
     const client::host_name host{"db1", "db1", 9980, ""};
-    const std::string path = client::state_file_to_write(host);
     std::string problem;
     client::snapshot state;
     state.up = true;
     state.timer_jobs = 3;
     state.messages = {{then, "E0101:fan"}};
-    ASSERT_TRUE(client::write_state_file(path, state, 600, problem)) << problem;
-    const std::string name = "state/schedctl/" + std::filesystem::path(path).filename().string();
+    ASSERT_TRUE(client::write_state_file(host, state, 600, problem)) << problem;
+    const std::string name = "state/schedctl/" + client::key_of(host) + ".json";
     const json written = json::parse(scratch.read(name));
     const std::optional<client::snapshot> read = client::followed_state(host);
     ASSERT_TRUE(read.has_value());
-    EXPECT_TRUE(read->up && read->timer_jobs == 3U && !read->operators && read->messages[0].text == "E0101:fan");
+    EXPECT_TRUE(read->up && read->timer_jobs == 3 && read->operators < 0 && read->messages[0].text == "E0101:fan");
     const double now = written["written"];
     const struct {
         const char* name;

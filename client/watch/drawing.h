@@ -1,15 +1,36 @@
-// Draws the live view of many hosts: one line for each host, the worst first.
+// Draws the live view: of one host with its messages, of many with one line for each host, the worst first.
 #pragma once
 
-#include "watch/watch_view.h"
+#include "watch/inquiry.h"
 
+#include <deque>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace client {
 
-// The state of the view that keys change.
+// A host in a live view.
+struct host_row {
+    std::string label;
+    const snapshot& known;
+    std::string since = {};  // date of the start of its outage; empty: it answers, or has not been asked yet
+    received_message newest = {};  // its text is empty before the first
+    unsigned long lost = 0;        // messages lost since the view began
+};
+
+// A message in the list of a live view.
+struct listed_message {
+    std::size_t host;
+    received_message received;
+};
+
+// Draws the host, a line for the operator (empty: none) and the newest messages that have room. Returns their number; 0
+// when the terminal could not be written.
+std::size_t draw_host(const host_row& host, const std::string& notice,
+                      const std::deque<listed_message>& messages);
+
+// The state of the view of many hosts that keys change.
 struct host_keys {
     std::string filter;    // show only hosts whose line contains this, in upper or lower case
     bool editing = false;  // the filter is being typed

@@ -1,10 +1,12 @@
-#include "watch/hosts_view.h"
+#include "watch/drawing.h"
 
+#include "term/exit_code.h"
 #include "term/screen.h"
 
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cstdio>
 
 namespace client {
 
@@ -16,6 +18,12 @@ constexpr std::size_t widest_label = 40;  // a longer label shifts only its own 
 // From the worst to the best: the lines are sorted by it.
 enum class health { unreachable, silent, error, condition, lost, well, unknown };
 
+// The name and the colour of each.
+constexpr std::pair<const char*, const char*> healths[] = {
+    {"down", red},    {"no answer", red}, {"error", red},   {"condition", yellow},
+    {"lost", yellow}, {"ok", plain},      {"asked", plain},
+};
+
 // The text is made once for each drawing: the filter and the page both need it.
 struct described_row {
     std::size_t host;
@@ -24,38 +32,45 @@ struct described_row {
     std::size_t message_at = 0;  // where the newest message begins in the text; 0: there is none
 };
 
+health health_of(const condition& c) {
+    return !is_fault(c.name) ? health::well : c.name == "error" ? health::error : health::condition;
+}
+
+const char* colour_of(health state) {
+    return healths[static_cast<std::size_t>(state)].second;
+}
+
 health health_of(const host_row& row) {
-    if (!row.known) {
+    // The conditions of a host that cannot be reached may no longer hold.
+    if (!row.since.empty()) {
+        return row.known.failure == exit_silence ? health::silent : health::unreachable;
+    }
+    if (!row.known.up) {
         return health::unknown;
     }
-    // The conditions of a host that cannot be reached may no longer hold.
-    if (!row.trouble.empty()) {
-        return row.is_silent ? health::silent : health::unreachable;
-    }
     health worst = row.lost != 0 ? health::lost : health::well;
-    for (const condition& c : row.conditions) {
-        if (is_alarm(c)) {
-            worst = std::min(worst, c.name == "error" ? health::error : health::condition);
-        }
+    for (const condition& c : row.known.conditions) {
+        worst = std::min(worst, health_of(c));
     }
     return worst;
 }
 
-std::string state_text(const host_row& row) {
-    if (!row.known) {
+std::string state_text(const host_row& row, health state) {
+    if (state == health::unknown) {
         return "asked";
     }
-    if (!row.trouble.empty()) {
+    if (!row.since.empty()) {
         const std::string age = age_of(row.since) + ", since " + row.since.substr(0, shown_date);
-        return row.is_silent ? "no answer " + age : "down " + age + ": " + row.trouble;
+        return state == health::silent ? "no answer " + age : "down " + age + ": " + row.known.problem;
     }
     std::string alarms;
     std::string others;
-    for (const condition& c : row.conditions) {
-        if (is_alarm(c)) {
-            alarms += (alarms.empty() ? "" : ", ") + c.name + " " + age_of(c.since);
+    for (const condition& c : row.known.conditions) {
+        const std::string text = c.name + " " + age_of(c.since);
+        if (is_fault(c.name)) {
+            alarms += (alarms.empty() ? "" : ", ") + text;
         } else if (c.name != "confdate") {  // every host has this one
-            others += ", " + c.name + " " + age_of(c.since);
+            others += ", " + text;
         }
     }
     return (alarms.empty() ? "ok" : alarms) + others;
@@ -69,10 +84,10 @@ std::string padded(std::string text, std::size_t width) {
 
 described_row describe(std::size_t host, const host_row& row, std::size_t label_width) {
     constexpr std::size_t state_width = 20;
-    described_row line{host, health_of(row), padded(row.label, label_width)};
-    const std::string state = state_text(row);
+    const health state = health_of(row);
+    described_row line{host, state, padded(row.label, label_width)};
     const bool has_more = !row.newest.what.text.empty() || row.lost != 0;
-    line.text += has_more ? padded(state, state_width) : state;
+    line.text += has_more ? padded(state_text(row, state), state_width) : state_text(row, state);
     if (row.lost != 0) {
         line.text += "lost " + std::to_string(row.lost) + "  ";
     }
@@ -89,49 +104,27 @@ bool contains_ignoring_case(std::string_view text, std::string_view part) {
     return std::search(text.begin(), text.end(), part.begin(), part.end(), is_same) != text.end();
 }
 
-const char* colour_of(health state) {
-    switch (state) {
-        case health::unreachable:
-        case health::silent:
-        case health::error:
-            return red;
-        case health::condition:
-        case health::lost:
-            return yellow;
-        default:
-            return plain;
-    }
-}
-
-using state_counts = std::array<std::size_t, 7>;
-
-std::string heading(const state_counts& counts, std::size_t hosts) {
-    std::string text = std::to_string(hosts) + " hosts";
-    // In the order of `health`.
-    constexpr const char* names[] = {"down", "no answer", "error", "condition", "lost", "ok", "asked"};
-    for (std::size_t state = 0; state < counts.size(); ++state) {
-        if (counts[state] != 0) {
-            text += ", " + std::to_string(counts[state]) + " " + names[state];
-        }
-    }
-    // The time of day tells when the view was drawn.
-    return text + "  " + now_date().substr(11, 8) + "  q quits, arrows scroll, / filters";
-}
-
-// Describes all hosts and counts their states. Returns those that the filter lets through, the worst first.
+// Describes all hosts, and counts their states in the heading. Returns those that the filter lets through, the worst
+// first.
 std::vector<described_row> chosen_rows(const std::vector<host_row>& rows, const std::string& filter,
-                                       state_counts& counts) {
+                                       std::string& heading) {
     std::size_t label_width = 0;
     for (const host_row& row : rows) {
         label_width = std::max(label_width, std::min(row.label.size(), widest_label));
     }
+    std::array<std::size_t, std::size(healths)> counts{};  // of all hosts, also those that the filter hides
     std::vector<described_row> lines;
     for (std::size_t host = 0; host < rows.size(); ++host) {
         described_row line = describe(host, rows[host], label_width);
-        // The heading counts all hosts, also those that the filter hides.
         ++counts[static_cast<std::size_t>(line.state)];
         if (contains_ignoring_case(line.text, filter)) {
             lines.push_back(std::move(line));
+        }
+    }
+    heading = std::to_string(rows.size()) + " hosts";
+    for (std::size_t state = 0; state < counts.size(); ++state) {
+        if (counts[state] != 0) {
+            heading += ", " + std::to_string(counts[state]) + " " + healths[state].first;
         }
     }
     // Stable, so that hosts of the same state stay in the operator's order.
@@ -140,14 +133,69 @@ std::vector<described_row> chosen_rows(const std::vector<host_row>& rows, const 
     return lines;
 }
 
+// The time of day tells when the view was drawn.
+std::string time_of_day() {
+    return "  " + now_date().substr(11, 8) + "  ";
+}
+
+const char* colour_of(const message& m) {
+    return m.text.starts_with('E') ? red : m.text.starts_with('W') ? yellow : plain;
+}
+
+// Draws one row for each condition. When no row would be left for the heading and one message, the last conditions
+// share one row, with only their names.
+void draw_conditions(const std::vector<condition>& conditions, canvas& page) {
+    constexpr std::size_t rows_below = 2;  // the heading and one message
+    const std::size_t free = page.rows_left() > rows_below ? page.rows_left() - rows_below : 0;
+    const std::size_t single =
+        conditions.size() <= free ? conditions.size() : std::max<std::size_t>(free, 1) - 1;
+    for (std::size_t i = 0; i < single; ++i) {
+        const condition& c = conditions[i];
+        char row[96];
+        std::snprintf(row, sizeof row, "%-9s %s  %s", c.name.c_str(), c.since.c_str(),
+                      age_of(c.since).c_str());
+        page.line(row, colour_of(health_of(c)));
+    }
+    std::string names;
+    const char* colour = plain;
+    for (std::size_t i = single; i < conditions.size(); ++i) {
+        names += (names.empty() ? "" : ", ") + conditions[i].name;
+        colour = colour == red ? red : colour_of(health_of(conditions[i]));
+    }
+    if (!names.empty()) {
+        page.line(names, colour);
+    }
+}
+
 }  // namespace
+
+std::size_t draw_host(const host_row& host, const std::string& notice,
+                      const std::deque<listed_message>& messages) {
+    canvas page;
+    page.line(host.label + time_of_day() + "Ctrl-C quits", bold);
+    if (!host.since.empty()) {
+        const bool is_silent = health_of(host) == health::silent;
+        page.line(host.known.problem + (is_silent ? "; waiting" : "; trying again"), red);
+    }
+    if (!notice.empty()) {
+        page.line(notice, yellow);
+    }
+    draw_conditions(host.known.conditions, page);
+    page.line("Messages: " + std::to_string(messages.size()), bold);
+    const std::size_t shown = std::min(page.rows_left(), messages.size());
+    for (std::size_t i = messages.size() - shown; i < messages.size(); ++i) {
+        const message& what = messages[i].received.what;
+        page.line(what.date + " " + what.text, colour_of(what));
+    }
+    return page.show() ? shown : 0;
+}
 
 std::vector<std::size_t> draw_hosts(const std::vector<host_row>& rows, const std::string& notice,
                                     host_keys& keys) {
-    state_counts counts{};
-    const std::vector<described_row> lines = chosen_rows(rows, keys.filter, counts);
+    std::string heading;
+    const std::vector<described_row> lines = chosen_rows(rows, keys.filter, heading);
     canvas page;
-    page.line(heading(counts, rows.size()), bold);
+    page.line(heading + time_of_day() + "q quits, arrows scroll, / filters", bold);
     if (!notice.empty()) {
         page.line(notice, yellow);
     }

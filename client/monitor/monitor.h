@@ -1,0 +1,21 @@
+// The commands for monitoring systems.
+#pragma once
+
+namespace client {
+
+struct settings;
+
+// `check`: a plugin for monitoring engines, as the Monitoring Plugins guidelines define it. Prints one line for each
+// host. Returns the exit code of the worst: 0 (OK), 3 (UNKNOWN), 1 (WARNING), 2 (CRITICAL).
+int run_check(const settings& chosen);
+
+// `metrics`: prints the metrics, writes them to --output, or serves them at --listen. Returns 0 when that succeeded. That
+// includes a scheduler that is down, which the metric sched_up reports. When that is not known, for a fault of this
+// client, nothing is printed, and the file gets the metric sched_collect_error.
+int run_metrics(const settings& chosen);
+
+// `metrics --listen`: an exporter for schedulers on hosts without their own collector. Serves
+// "/metrics?target=HOST[:PORT]" until SIGINT or SIGTERM and then returns 0. Returns 200 when it cannot listen.
+int serve_metrics(const settings& chosen);
+
+}  // namespace client
