@@ -215,7 +215,8 @@ class Trial:
         self.dropped += sum(int(next(filter(None, groups))) for groups in DROPPED.findall(text) if not one_screen)
         for scheduler in range(len(self.schedulers)):
             own = [n for n in numbers if self.owner.get(n) == scheduler]
-            if own != sorted(own) and len(self.uses) == 1 and not one_screen:
+            alone = len(self.uses) == 1 and self.uses[0].signal != signal.SIGSTOP  # else another status ran beside it
+            if own != sorted(own) and alone and not one_screen:
                 self.faults.append(f"out of order: {own}")
         return collections.Counter(set(numbers) if one_screen else numbers)
 
