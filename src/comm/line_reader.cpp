@@ -31,7 +31,8 @@ bool line_reader::fill() {
 
 bool line_reader::is_next_line(std::string_view text) {
     // A buffer that was not filled is all that had arrived: asking again would cost each caller a system call.
-    if (end_ == sizeof received_ && std::find(received_ + next_, received_ + end_, '\r') == received_ + end_) {
+    if (end_ == sizeof received_ &&
+        std::find(received_ + next_, received_ + end_, '\r') == received_ + end_) {
         add_arrived();
     }
     std::size_t matched = 0;
