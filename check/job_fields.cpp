@@ -98,7 +98,7 @@ std::vector<std::string> validate_fields(const std::string& line) {
     std::vector<std::string> findings;
     const char* text = line.c_str();
     for (const time_field& field : fields) {
-        // Behind any other blank the line would be dropped.
+        // Only a space ends a field: with any other blank, the scheduler drops the line.
         validate_field({text, std::strcspn(text, " ")}, field, findings);
         text = next_word(text, 1);
     }

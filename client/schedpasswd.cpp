@@ -67,8 +67,8 @@ password_record read_password_file(const std::string& path) {
 }
 
 // Replaces the file in one step: a scheduler that starts at any moment reads the old file or the new one, never a part.
-// A symbolic link, a device and a pipe are refused. The mode is 0600. When root writes it, the file gets the owner of the
-// old file, else of the directory: a file that the scheduler cannot read would switch the login off.
+// A symbolic link, a device and a pipe are refused. The mode is 0600. When root writes it, the file gets the owner of
+// the old file, else of the directory: a file that the scheduler cannot read would switch the login off.
 void write_password_file(const std::string& path, const password_record& record) {
     std::string problem;
     if (!client::replace_file(path, record.hash + " " + record.salt + "\n", 0600, true, problem,

@@ -7,7 +7,7 @@ pids=()
 end_processes() {
     local status=$?
     trap - EXIT
-    # What ends by itself is waited for below, the rest is killed after 5 seconds.
+    # Processes that end by themselves are waited for below; the others are killed after 5 seconds.
     kill -TERM "${pids[@]}" 2>/dev/null || :
     for ((i = 0; i < 50; i++)); do
         kill -0 "${pids[@]}" 2>/dev/null || break
@@ -55,8 +55,8 @@ until_true() {
     printf '%-58s %3d s\n' "$what" $((SECONDS - start))
 }
 
-# start_scheduler NAME BINARY: one with modules that do nothing, in $dir/NAME. Sets $found to its port. Files that exist
-# there are kept.
+# start_scheduler NAME BINARY: starts a scheduler with modules that do nothing, in $dir/NAME. Sets $found to its port.
+# Files that exist there are kept.
 start_scheduler() {
     local home=$dir/$1 module
     mkdir -p "$home"/{bin,config,data,log,temp,update}

@@ -122,11 +122,12 @@ bool agent::waits_for_older(host_state& state) {
     return clock::now() < state.wait_until;
 }
 
-// Starts the first command of a host. Returns false when it has ended at once. answers: those under way or soon.
+// Starts the first command of a host. Returns false when it has ended at once. answers: how many answers are under way
+// or about to be.
 bool agent::start(std::size_t host, std::size_t answers) {
     host_state& state = hosts_[host];
     const command& first = state.queue.front();
-    // Room first: connecting already takes what waits for the first client.
+    // Reserve room first: the connection alone already gets the messages that wait for the first client.
     const std::optional<std::string> no_room = mailbox_.reserve(answers);
     if (no_room && how_.must_store) {
         const std::uint32_t request = first.request;
@@ -168,7 +169,7 @@ void agent::close(std::size_t host) {
         return state.held ? listener_.closed(host, 0, true) : void();
     }
     if (state.link.needs_password()) {
-        password(host, std::nullopt);  // nobody types it any more
+        password(host, std::nullopt);  // nobody can type it any more
     }
     if (!state.link.is_open() && !state.link.is_connecting()) {
         drop(host);
@@ -288,8 +289,8 @@ void agent::on_closed(std::size_t host) {
     schedule(host);
 }
 
-// With one host, the password is asked for before connecting where one is known to be needed: while the operator types it,
-// the scheduler would queue messages for a connection that may end without them.
+// With one host, the password is asked for before connecting where one is known to be needed: while the operator types
+// it, the scheduler would queue messages for a connection that may end without them.
 void agent::remember_login(const host_state& state) {
     const host_link& link = state.link;
     // A refused login closes the connection.

@@ -1,6 +1,6 @@
-// The agent of one process: the engine for one host or many, in one thread with poll, and the owner of the mailbox.
-// Every message that a scheduler hands over is in the mailbox before anybody sees it, and every connection ends with a
-// last `status`.
+// The agent of one process. It drives the connections to one host or many, in one thread with poll, and owns the
+// mailbox. Every message that a scheduler hands over is in the mailbox before anybody sees it, and every connection
+// ends with a last `status`.
 #pragma once
 
 #include "agent/status_answer.h"
@@ -22,7 +22,8 @@ namespace client {
 enum class stored_messages {
     left,       // they stay where they are (module commands, `show`)
     looked_at,  // they are part of the answer of `status`, and stay (`check`, `metrics`)
-    // The first `status` of each connection has them first, also one that gets no answer; shown() removes them.
+    // They come first in the answer of the first `status` of each connection, even when the scheduler gives no answer.
+    // shown() removes them.
     taken,
 };
 
@@ -69,8 +70,8 @@ public:
     // words: not empty, accepted by join_words. request: its number for the events; not 0, not used before.
     void ask(std::size_t host, std::uint32_t request, std::vector<std::string> words);
 
-    // The operator does not wait for this command any more. One that has not been sent is dropped: ended() comes with
-    // outcome::interrupted. The messages in the answer of one that was sent wait for the next `status`.
+    // The operator no longer waits for this command. If it has not been sent, it is dropped, and ended() comes with
+    // outcome::interrupted. If it was sent, the messages in its answer wait for the next `status`.
     void cancel(std::size_t host, std::uint32_t request);
 
     // Drops commands that have not been sent, without ended(); then, behind the one under way, `status` and `quit` in
@@ -115,8 +116,8 @@ private:
         bool asking = false;
         bool given_up = false;     // cancel() was called for the command under way
         bool closing = false;      // close() was called; the last status is not stored yet
-        bool final_asked = false;  // it is under way
-        // Time of the connection for which the mailbox was looked into.
+        bool final_asked = false;  // the last status is under way
+        // When the connection was made for which the mailbox has been read.
         std::optional<clock::time_point> looked;
         std::string status_text;  // as far as it has come
         clock::time_point asked_at{};
@@ -160,7 +161,7 @@ private:
     std::vector<std::size_t> polled_hosts_;  // the hosts at the end of polled_
 };
 
-// For poll(2).
+// Returns the milliseconds left, for poll(2): -1 for clock::time_point::max(), else at most an hour.
 int milliseconds_until(agent::clock::time_point when);
 
 // For a process that is left with an agent: neither the terminal nor a monitoring engine that kills the process group of

@@ -11,7 +11,8 @@ namespace {
 
 constexpr unsigned tag_shift = 40;
 
-// Numbers of messages are those of one scheduler. For the listener they have the number of the host in front.
+// The numbers of messages are unique for one scheduler only, so the listener gets them with the number of the host in
+// front.
 std::uint64_t tagged(std::size_t host, std::uint64_t id) {
     return (static_cast<std::uint64_t>(host) << tag_shift) | id;
 }
@@ -50,7 +51,8 @@ void agent::deliver_stored(std::size_t host, std::uint32_t request) {
     listener_.status(host, answer);
 }
 
-// Without an answer of the scheduler, at least the messages that were stored before are shown; once in an outage.
+// Without an answer from the scheduler, the listener at least gets the messages that were stored before, once in an
+// outage.
 void agent::deliver_instead(std::size_t host) {
     const host_state& state = hosts_[host];
     if (how_.stored == stored_messages::taken && !state.given_up &&
@@ -81,7 +83,7 @@ void agent::add_stored(std::size_t host, status_answer& answer) {
     std::vector<stored_message> stored;
     if (how_.stored == stored_messages::taken) {
         stored = mailbox_.take(state.key);
-        // Other names are looked for only with one host: that needs the boxes of all.
+        // Looked up for one host only, because the search for other names reads the boxes of all schedulers.
         answer.notice = mailbox_.notice(state.key, hosts_.size() == 1 ? state.link.address() : "");
     } else if (how_.stored == stored_messages::looked_at) {
         stored = mailbox_.look(state.key);
@@ -106,7 +108,7 @@ void agent::store_messages(std::size_t host, status_answer& answer) {
         answer.totals = counters_of(state.key).totals;
         return;
     }
-    // Nobody shows the messages of an answer that was given up. The next answer has them.
+    // Nobody shows the messages of a command that was given up. The next answer brings them.
     const bool shows = how_.stored == stored_messages::taken && !state.given_up;
     if (state.given_up) {
         state.looked.reset();

@@ -11,7 +11,7 @@
 
 namespace client {
 
-using frame_size = std::uint32_t;  // stands before each frame
+using frame_size = std::uint32_t;  // precedes each frame
 
 short channel::events() const {
     return static_cast<short>(out_.empty() ? POLLIN : POLLIN | POLLOUT);

@@ -49,7 +49,7 @@ std::string_view spill_queue::front() {
         in_file_ -= front_.size();
         read_ += n;
         if (in_file_ == 0) {
-            file_.reset();  // gives its room back
+            file_.reset();  // frees its disk space
             read_ = 0;
         }
     }

@@ -21,10 +21,10 @@ public:
 
 private:
     std::string front_;
-    std::size_t popped_ = 0;   // bytes of front_
-    descriptor file_;          // what comes behind front_, at its end
-    std::size_t in_file_ = 0;  // bytes of it
-    off_t read_ = 0;           // the bytes before them
+    std::size_t popped_ = 0;   // bytes of front_ that pop() has taken
+    descriptor file_;          // its last bytes follow front_
+    std::size_t in_file_ = 0;  // number of these bytes
+    off_t read_ = 0;           // number of the bytes before them, which were read already
 };
 
 }  // namespace client

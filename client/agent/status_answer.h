@@ -18,7 +18,7 @@ struct status_line {
 };
 
 struct status_answer {
-    std::uint32_t request = 0;       // that was answered; 0 for the last one of a connection
+    std::uint32_t request = 0;       // the request that this answers; 0 for the last `status`
     std::vector<status_line> lines;  // the messages that were stored before come first, then the answer
     bool complete = false;           // false: the answer broke off, or there is none
     bool last = false;               // of the last `status` before the connection ends

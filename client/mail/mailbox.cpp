@@ -26,7 +26,7 @@ std::string error_text(int error) {
 
 constexpr int max_names = 100;
 
-// What name_own() makes.
+// Returns true for a name as name_own() makes it.
 bool is_name(const std::string& text) {
     static const std::regex form("[0-9]+\\.[0-9a-f]{8}");
     return std::regex_match(text, form);

@@ -37,9 +37,9 @@ public:
     std::optional<std::string> reserve(std::size_t answers);
 
     // Stores the messages of one answer: lines with messages and lost counts. They survive the end of the process.
-    // address: of the scheduler, dotted; empty when it is not known. shows: this process shows them; else they are
-    // anybody's at once. totals gets the new numbers of the scheduler.
-    // Returns the numbers of the lines; nothing, with the reason in problem, when they could not be stored.
+    // address: of the scheduler, dotted; empty when it is not known. shows: true when this process shows them;
+    // otherwise any process may take them at once. totals gets the new counts of the scheduler. Returns the numbers of
+    // the lines; nothing, with the reason in problem, when they could not be stored.
     std::vector<std::uint64_t> store(const std::string& key, const std::string& address,
                                      const std::vector<std::string>& lines, bool shows,
                                      message_totals& totals, std::string& problem);

@@ -34,7 +34,7 @@ public:
     bool reserve(std::uint64_t size) const;                             // the same
     bool truncate(std::uint64_t size) const;                            // the same
     void remove();                                                      // only while it is locked
-    bool move_to(const std::string& path);                              // false with errno when that exists
+    bool move_to(const std::string& path);                              // false with errno when it exists
 
 private:
     std::string path_;

@@ -89,7 +89,7 @@ private:
     // One scheduler; its index is its number at the agent.
     struct target {
         std::optional<inquiry> work;  // while it is being asked
-        clock::time_point begin;      // of that
+        clock::time_point begin;      // when that began
         std::vector<http_request*> waiting;
     };
 
@@ -111,7 +111,7 @@ private:
     const std::chrono::seconds limit_;
     std::deque<target> targets_;
     std::unordered_map<std::string, std::size_t> numbers_;         // by key_of
-    std::deque<std::pair<clock::time_point, std::size_t>> begun_;  // visits, oldest first
+    std::deque<std::pair<clock::time_point, std::size_t>> begun_;  // requests, oldest first
     bool ending_ = false;
     unsigned long errors_ = 0;
     std::uint32_t last_request_ = 0;

@@ -57,7 +57,7 @@ public:
         }
     }
 
-    // A family with one sample; none at all when the number is negative, so not known: 0 would be a wrong value.
+    // A family with one sample. A negative number means not known and gives no family: 0 would be a wrong value.
     void add(kind of, const std::string& name, const char* help, double number) {
         if (number >= 0) {
             add(of, name, help, nullptr, {{"", number}});

@@ -19,8 +19,8 @@ enum class exposition {
 // remains when nothing can be collected any more, so it says with sched_collect_error whether that was possible.
 std::string expose(const snapshot& known, exposition format, bool to_file = false);
 
-// What the exporter says of itself. errors: faults of ours that requests got instead of metrics. targets: that were asked
-// since the start. silent: of these, how many have not answered yet.
+// Returns the exporter's own metrics. errors: number of requests that were answered with a fault of the exporter.
+// targets: number of schedulers that were asked since the start. silent: how many of these have not answered yet.
 std::string expose_exporter(unsigned long errors, std::size_t targets, std::size_t silent, exposition format);
 
 // Returns the media type of that format.

@@ -9,9 +9,9 @@ struct settings;
 // host. Returns the exit code of the worst: 0 (OK), 3 (UNKNOWN), 1 (WARNING), 2 (CRITICAL).
 int run_check(const settings& chosen);
 
-// `metrics`: prints the metrics, writes them to --output, or serves them at --listen. Returns 0 when that succeeded. That
-// includes a scheduler that is down, which the metric sched_up reports. When that is not known, for a fault of this
-// client, nothing is printed, and the file gets the metric sched_collect_error.
+// `metrics`: prints the metrics, writes them to --output, or serves them at --listen. Returns 0 when that succeeded.
+// That includes a scheduler that is down, which the metric sched_up reports. When a fault of this client leaves that
+// unknown, nothing is printed, and the file gets the metric sched_collect_error.
 int run_metrics(const settings& chosen);
 
 // `metrics --listen`: an exporter for schedulers on hosts without their own collector. Serves

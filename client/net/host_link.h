@@ -43,8 +43,8 @@ public:
     bool needed_login() const { return needed_login_; }  // of the connection, or of the last one
     // The address of the connection, or of the last one, as text; empty before the first.
     std::string address() const;
-    // When the making of the connection began, and when it was made; of the last one when it is closed. The scheduler
-    // has accepted it in between or later, but in the order in which connections were made.
+    // When connecting began, and when it had succeeded; on a closed link, the times of its last connection. The
+    // scheduler accepts the connection at any time after the first, but in the order in which connections were made.
     clock::time_point connecting_at() const { return connecting_at_; }
     clock::time_point connected_at() const { return connected_at_; }
 
@@ -54,7 +54,7 @@ public:
 
     // Call when name_lookup::event() is readable.
     void on_looked_up();
-    // The addresses of the host; empty: there are none, for this reason.
+    // Gives the addresses of the host. When there are none, problem has the reason.
     void on_resolved(std::vector<in_addr> addresses, const std::string& problem);
 
     // The store has the password now, or (no_password is not empty) there is none.
@@ -68,8 +68,8 @@ public:
     clock::time_point deadline() const { return deadline_; }
     void expire();
 
-    // What has happened since the last call: output, and how the command ended; or (then no command was under way) that
-    // the scheduler has closed the connection.
+    // What has happened since the last call: output, and the end of the command. If no command was under way, the end
+    // says that the scheduler has closed the connection.
     struct news {
         exchange::output received;
         std::optional<command_result> end;
@@ -97,7 +97,7 @@ private:
     const std::chrono::seconds module_silence_;
     state state_ = state::closed;
     descriptor socket_;
-    std::optional<name_lookup> lookup_;  // may be under way longer than its command
+    std::optional<name_lookup> lookup_;  // may outlast its command
     std::vector<in_addr> addresses_;     // kept for later connections
     std::size_t next_address_ = 0;       // index of the address to try next
     std::optional<exchange> talk_;       // of the running or the last command

@@ -1,4 +1,4 @@
-// One look-up of a name, in another thread: the resolver can only be called blocking.
+// One look-up of a name, in another thread, because the resolver has only blocking calls.
 #pragma once
 
 #include <memory>
@@ -10,7 +10,7 @@ namespace client {
 
 class name_lookup {
 public:
-    // Starts it, or lets it wait for one of the threads. Throws std::system_error when there is no thread.
+    // Starts it, or queues it while all threads are busy. Throws std::system_error when no thread can be created.
     explicit name_lookup(std::string name);
 
     bool is_done() const;
@@ -27,7 +27,7 @@ private:
     struct all_questions;
     static all_questions& all();
 
-    std::shared_ptr<question> asked_;  // also of a thread that is blocked in the resolver
+    std::shared_ptr<question> asked_;  // shared with a thread that may be blocked in the resolver
 };
 
 }  // namespace client

@@ -9,8 +9,9 @@ namespace client {
 constexpr int history_size = 1000;  // lines that a session offers, and that a trimmed file keeps
 constexpr long longest_history_file = 256L * 1024;  // bytes; a longer file is trimmed
 
-// A file that is missing, stays locked (by a session that was stopped while it ends) or is no regular file counts as
-// empty and is not written: the session then works without it. The same with an empty path.
+// A file that is missing counts as empty; append_history creates it. A file that stays locked (by a session that was
+// stopped while it ends), or is no regular file, also counts as empty and is not written: the session then works
+// without it. The same holds for an empty path.
 
 // Adds the file's newest lines to the history.
 void load_history(const std::string& path, History* into);

@@ -128,7 +128,7 @@ void host_output::write_some() {
         if (poll(&output, 1, 0) <= 0) {
             return;
         }
-        // A pipe that is ready takes so much without waiting.
+        // A pipe that is ready takes PIPE_BUF bytes without blocking.
         const std::string_view piece = ready_.front().substr(0, PIPE_BUF);
         const ssize_t n = write(STDOUT_FILENO, piece.data(), piece.size());
         if (n < 0 && errno != EINTR && errno != EAGAIN) {

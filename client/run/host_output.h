@@ -35,7 +35,7 @@ public:
 
     void add(std::size_t host, std::string_view text);
 
-    // The message with this number is in the text that was added so far, and not in what follows. 0 is ignored.
+    // The text that was added so far ends with the message with this number. 0 is ignored.
     void mark(std::size_t host, std::uint64_t id);
 
     // The host's command has ended. In a stream another one may follow.

@@ -78,7 +78,8 @@ void command_runner::start(std::size_t host) {
     if (const std::optional<std::string> problem = join_words(words_, line)) {
         return finish_host(host, {outcome::invalid, *problem});
     }
-    // Whoever gives no password must not take messages by a connection that is then refused.
+    // When a login is known to be required, do not connect without a password: the connection would take messages and
+    // then be refused.
     const bool is_refused =
         states_.size() == 1 && !password_given_ && chosen_.connect.password_file.empty() &&
         counters_of(key_of(chosen_.hosts[0])).login && has_terminal() && !ask_for_password();

@@ -45,7 +45,7 @@ public:
     // What has happened besides the commands, as a line for the operator; mostly empty.
     std::string take_note() { return std::exchange(note_, {}); }
 
-    // Number of commands that the operator does not wait for any more, whose end has not come.
+    // Number of commands that the operator no longer waits for, and that have not ended.
     std::size_t given_up_count() const { return given_up_; }
 
     signal_watch& signals() { return signals_; }

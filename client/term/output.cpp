@@ -16,8 +16,8 @@ namespace {
 
 constexpr int signal_interval = 100;  // milliseconds
 
-// Writing to standard error waits for its reader. Our signals may be blocked, so one that tells the program to end must
-// end this wait, too.
+// Writing to standard error waits for its reader. The signals may be blocked, so a pending one that tells the program
+// to end must end this wait, too.
 ssize_t write_error(void* /*unused*/, const char* text, std::size_t size) {
     for (std::size_t done = 0; done < size;) {
         sigset_t pending;
@@ -30,7 +30,7 @@ ssize_t write_error(void* /*unused*/, const char* text, std::size_t size) {
                 }
             }
         }
-        // A pipe that is ready takes so much without waiting.
+        // A pipe that is ready takes PIPE_BUF bytes without blocking.
         const ssize_t n = write(STDERR_FILENO, text + done, std::min<std::size_t>(size - done, PIPE_BUF));
         if (n < 0 && errno != EINTR) {
             return 0;

@@ -25,8 +25,8 @@ struct listed_message {
     received_message received;
 };
 
-// Draws the host, a line for the operator (empty: none) and the newest messages that have room. Returns their number; 0
-// when the terminal could not be written.
+// Draws the host, a line for the operator (empty: none) and as many of the newest messages as fit. Returns the number
+// of these messages; 0 when the terminal could not be written.
 std::size_t draw_host(const host_row& host, const std::string& notice,
                       const std::deque<listed_message>& messages);
 

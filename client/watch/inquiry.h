@@ -1,4 +1,4 @@
-// What is known of one scheduler, and the questions that complete it. Views, checks and the exporter share it.
+// What is known of one scheduler, and the requests that bring it up to date. Views, checks and the exporter share it.
 #pragma once
 
 #include "agent/status_answer.h"

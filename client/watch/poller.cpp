@@ -48,7 +48,7 @@ agent_listener poller::listener() {
     return events;
 }
 
-// Whoever gives no password must not take messages by a connection that is then refused.
+// Without a password nothing is asked: the connection would take messages and then be refused.
 bool poller::password_missing() {
     if (!std::exchange(asks_password_, false)) {
         return false;

@@ -22,8 +22,8 @@ class poller {
 public:
     using clock = agent_client::clock;
 
-    // with_details: the rounds have the details of an inquiry, at most each 15 seconds. A follower waits for a single
-    // scheduler that does not run yet.
+    // with_details: a round also asks for the details of an inquiry, at most every 15 seconds. A follower waits for a
+    // single scheduler that does not run yet.
     poller(const settings& chosen, const agent_options& how, bool with_details);
     virtual ~poller() = default;
     poller(const poller&) = delete;
@@ -32,7 +32,7 @@ public:
 protected:
     // The scheduler answers, for the first time or (again) after an outage. received() follows.
     virtual void connected(std::size_t /*host*/, bool /*again*/) {}
-    // An answer, complete or as far as it came. The messages that are written call for shown().
+    // An answer, complete or as far as it came. Call shown() for each message that was written.
     virtual void received(std::size_t host, const status_answer& answer, const status_update& update) = 0;
     // There is no answer. is_news: the first time in this outage, or the scheduler refuses for the first time.
     virtual void failed(std::size_t /*host*/, const command_result& /*why*/, bool /*is_news*/) {}
@@ -50,7 +50,7 @@ protected:
     // This message was written to the operator's output. 0 is ignored.
     void shown(std::uint64_t id);
 
-    // No answer: for the caller's own limit, else for that of the agent.
+    // The host has not answered within the limit of the agent, or within the caller's own.
     void late(std::size_t host);
 
     // The host is not asked again, and its connection is closed.
@@ -97,7 +97,7 @@ private:
     const bool with_details_;
     bool asks_password_;  // before the first connection
     std::vector<host_state> states_;
-    clock::time_point next_due_{};  // of any host, or earlier
+    clock::time_point next_due_{};  // no host is due before
     std::optional<command_result> given_up_;
     bool finishing_ = false;
     agent_client agent_;  // last: its listener uses the members above
@@ -106,7 +106,7 @@ private:
 // True when trying again soon is useless: neither a lost connection nor silence.
 bool is_refusal(outcome how);
 
-// The settings for an agent of `watch` and `follow`: it shows what it receives.
+// The settings of the agent for `watch` and `follow`, which show what they receive.
 agent_options showing(const settings& chosen, mail_kind kind);
 
 // Asks at the terminal. Returns nothing when there is no answer; the reason is then reported.

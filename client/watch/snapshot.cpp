@@ -57,7 +57,8 @@ std::optional<snapshot> fresh_state(const std::string& path) try {
     return std::nullopt;
 }
 
-// In $RUNTIME_DIRECTORY if a service manager has set it, else in the user's state directory. Empty when there is neither.
+// In $RUNTIME_DIRECTORY if a service manager has set it, else in the user's state directory. Empty when there is
+// neither.
 std::string own_path(const host_name& host) {
     const char* runtime = std::getenv("RUNTIME_DIRECTORY");
     const std::string directory = runtime != nullptr ? runtime : state_directory();

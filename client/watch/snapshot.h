@@ -37,9 +37,9 @@ struct snapshot {
 // Returns the current time in seconds since the epoch.
 double wall_clock();
 
-// Replaces the state file of a follower of this scheduler with a rename; every user may read it. Readers believe it for
-// twice the interval, in seconds, in which its follower renews it: the follower may have ended. Without a directory for
-// the file nothing is written. Returns false with the reason.
+// Replaces the state file of a follower of this scheduler with a rename; every user may read it. Readers accept it for
+// twice the interval, in seconds, in which its follower renews it, because the follower may have ended. Without a
+// directory for the file nothing is written. Returns false with the reason.
 bool write_state_file(const host_name& host, const snapshot& known, double interval, std::string& problem);
 void remove_state_file(const host_name& host);
 

@@ -108,7 +108,7 @@ std::optional<std::string> line_output::password(const host_name& host) {
 int line_output::run() {
     bool is_stopped = false;
     while (!is_stopped && out_.is_open() && !given_up()) {
-        // Without any event to wait for, the end of the reader is reported, also while nothing is written.
+        // No event is requested: poll still reports that the reader has gone, even while nothing is written.
         pollfd others[] = {{signals_.fd(), POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
         step(others, clock::time_point::max());
         is_stopped = others[1].revents != 0 || (others[0].revents != 0 && signals_.take());

@@ -104,7 +104,7 @@ def files(directory, suffix):
 
 
 def answer(name):
-    """A JSON answer; None when it cannot be read. sensors writes nan for a value that it does not get."""
+    """A JSON answer; None when it cannot be read. sensors writes nan for a value that it cannot read."""
     try:
         return json.loads(re.sub(r"(:\s*)-?nan\b", r"\1null", read(name)))
     except (ValueError, RecursionError):
@@ -118,7 +118,7 @@ def kernel(name="kernel.txt"):
 
 
 def slot(name):
-    """Where a block device is, as its enclosure tells it: " in Slot 03", or nothing."""
+    """The slot of a block device, from its enclosure: " in Slot 03", or nothing."""
     prefix = f"/sys/block/{name}/device/enclosure_device:"
     return next((f" in {text(path[len(prefix):])}" for path in kernel() if path.startswith(prefix)), "")
 
@@ -250,7 +250,7 @@ def of_kernel(suffix="", directory=""):
 
 
 def usable(name, what, values):
-    """Whether something is connected. Makers of boards leave those inputs of a chip open that they do not need."""
+    """Whether something is connected. Board makers leave unused inputs of a chip open."""
     return not re.search(r" AUXTIN\d*$", name) and not (what.startswith("temp") and number(values.get(what + "_fault")))
 
 
@@ -274,7 +274,7 @@ def features_of_sys(files):
 def limits_of(name, what, values, scale):
     """Only limits that makers set on purpose: chips of mainboards hold anything in those of fans' alarms and voltages."""
     wanted = {"uc": "crit", "lc": "lcrit"}
-    if what.startswith("temp") and not name.startswith("k10temp"):  # whose driver says 70 for every processor
+    if what.startswith("temp") and not name.startswith("k10temp"):  # its driver reports 70 for every processor
         wanted["unc"] = "max"
     elif what.startswith("fan"):
         wanted = {"lc": "min"}
@@ -322,7 +322,7 @@ LOST = re.compile(r"redundancy lost|from redundant|non-redundant: ?insufficient"
 HARMLESS = re.compile(r"ok|n/a|presence detected|.*threshold|identify status .*|power supply inactive|"
                       r"non-redundant.* from insufficient.*|entity absent|terminator presence.*|slot.* is disabled|"
                       r"transition to (on line|off duty|power save)", re.I)
-# What these warn of is how the machine is used, not its hardware.
+# Warnings of these types are about the use of the machine, not about its hardware.
 OF_USE = ("system event", "version change", "session audit", "button/switch", "system boot initiated", "os boot",
           "os critical stop", "system acpi power state")
 
@@ -332,12 +332,12 @@ def present(sensor):
 
 
 def worth_telling(kind, state, event):
-    """Whether an event of a BMC's sensor type, with its state "warning" or "critical", is one of the hardware."""
+    """Whether an event of a BMC's sensor is about the hardware. kind: sensor type; state: "warning" or "critical"."""
     return bool(event) and not HARMLESS.fullmatch(event) and not (state == "warning" and kind in OF_USE)
 
 
 def harmful(sensor):
-    """The events that say what is wrong, when the state of the sensor says that something is."""
+    """The events of a sensor that say what is wrong."""
     slot_empty = sensor.kind in TYPES["disks"] and "State Deasserted" in sensor.events
     if slot_empty or any(map(NOT_THERE.search, sensor.events)):
         return []
@@ -346,8 +346,8 @@ def harmful(sensor):
 
 
 def judge_events(sensor, check, gone):
-    """A sensor that tells events. An empty slot and what the BMC does not know are no fault; gone: the part was there
-    in an earlier collection."""
+    """Judges a sensor that reports events. An empty slot, or a state that the BMC does not know, is no fault. gone: the
+    part was there in an earlier collection and is absent now."""
     key, what = f"{check}:{sensor.key}", f"{sensor.name}: {', '.join(sensor.events)}"
     if any(map(LOST.search, sensor.events)):
         fault(f"{key}:redundancy", f"{what}; find the part that is missing or without power")
@@ -386,7 +386,7 @@ def sensors(check, of_type=None):
 
 
 def sensors_of_bmc(check, of_type, told):
-    """Judges them; the result is how many there are."""
+    """Judges the sensors of the BMC. Returns their number."""
     before = of_bmc(".1")
     mine = [sensor for sensor in of_bmc().values() if of_type(sensor.kind)]
     was_there = parts_there(check, {sensor.key for sensor in mine if present(sensor)}) if check == "power" else set()
@@ -403,7 +403,7 @@ def sensors_of_bmc(check, of_type, told):
 
 
 def sensors_of_board(check, told):
-    """The same for those of the kernel's drivers. A fan that never turned is a connector without a fan."""
+    """The same for the sensors of the kernel's drivers. A fan that never turned is a connector without a fan."""
     kind = {"temperatures": "temperature", "fans": "fan", "voltages": "voltage"}.get(check)
     now, before = of_kernel(), of_kernel(".1")
     mine = [sensor for sensor in now.values() if sensor.kind == kind]

@@ -2,7 +2,7 @@
 function __schedctl_complete
     set -l words (commandline -opc) (commandline -ct)
     set -l found (schedctl --complete $words[2..] 2>/dev/null)
-    # fish offers only what begins with the word before the cursor, so "--host=" stays in front of the name.
+    # fish offers only words that begin with the word before the cursor, so each offer keeps "--host=" in front of it.
     set -l option (string match -r '^--[^=]*=' -- $words[-1]; or echo '')
     switch "$found[1]"
         case :file

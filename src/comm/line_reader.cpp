@@ -30,7 +30,8 @@ bool line_reader::fill() {
 }
 
 bool line_reader::is_next_line(std::string_view text) {
-    // A buffer that was not filled is all that had arrived: asking again would cost each caller a system call.
+    // A buffer that the last receive did not fill held all that had arrived. Receiving again would cost each caller a
+    // system call.
     if (end_ == sizeof received_ &&
         std::find(received_ + next_, received_ + end_, '\r') == received_ + end_) {
         add_arrived();

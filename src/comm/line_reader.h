@@ -17,8 +17,8 @@ public:
     // was read. The text always ends with NUL. Waits without limit.
     int read_line(char* buf, int size);
 
-    // Returns true when the next line has arrived whole, together with the line before it, and is this text. Takes
-    // nothing and never waits.
+    // Returns true when the next line is this text and has arrived completely, together with the line before it. Takes
+    // nothing from the buffer and never waits.
     bool is_next_line(std::string_view text);
 
 private:

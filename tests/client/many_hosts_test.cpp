@@ -161,7 +161,7 @@ TEST(HostLink, TriesEachIPv4AddressAndClosesThoseThatFail) {
     EXPECT_EQ(descriptors(), before + 1);
 }
 
-// A command is under way, so the last status comes later. Whoever closes again waits for the same report.
+// A command is under way, so the last status comes later. A second close() waits for the same report.
 TEST_F(E2eManyHosts, EachCloseOfAHeldConnectionIsReported) {
     setenv("XDG_STATE_HOME", first.path("agent").c_str(), 1);
     int held = 0;

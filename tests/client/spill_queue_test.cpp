@@ -11,7 +11,7 @@
 
 namespace {
 
-// Random pieces go in and random parts of what is in front come out; the file is filled, emptied and filled again.
+// Adds random pieces and takes random parts from the front. The file is filled, emptied and filled again.
 RC_GTEST_PROP(SpillQueue, GivesBackWhatWasAddedInItsOrder, ()) {
     client::spill_queue queue;
     std::string wanted;

@@ -98,7 +98,7 @@ TEST_F(Comm, NoMessageIsQueuedForAConnectionAfterItsLastLook) {
     EXPECT_EQ(next(first), "E4");
 }
 
-// The line behind the present one, looked at before it is read. What comes later costs no further receive.
+// Looks at the line after the present one before it is read. Bytes that come later cost no further receive.
 TEST_F(Comm, NextLineIsKnownWhenItHasArrivedWhole) {
     const std::string most(4092, 'x');
     const struct {

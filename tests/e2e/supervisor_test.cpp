@@ -6,7 +6,7 @@ namespace e2e {
 
 namespace {
 
-// After the scheduler was killed: waits until the supervisor's next one has started.
+// Call after killing the scheduler. Waits until the supervisor has started the next one.
 bool next_scheduler_accepts(const Suite& suite) {
     const pid_t killed = suite.scheduler();
     return wait_until([&] { return suite.scheduler() != killed && suite.scheduler() > 0; }) && wait_until([&] {
@@ -63,7 +63,7 @@ TEST(E2eSupervisor, DetachesTheSchedulerAndStartsItAgainCleanAfterItsDeath) {
     EXPECT_EQ(suite.read("stderr"), "");
 }
 
-// The pipe may be replaced while a scheduler runs, also by a program that wrote an event while there was none.
+// The pipe may be replaced while a scheduler runs. A program that writes an event while there is no pipe makes a file.
 TEST(E2eSupervisor, KeepsTheFifoOpenThatIsThereAtTheStartOfEachScheduler) {
     Suite suite;
     suite.start({});

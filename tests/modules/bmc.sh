@@ -100,7 +100,7 @@ finds '^fault.power:ipmi:PSU 2:crit.*Power Supply Failure detected'
 finds '^fault.bmc:log:[0-9]+:PSU 2:.*Power Supply Failure detected, logged by the BMC'
 [ "$(grep -c '^fault.bmc:log' data/parts.findings)" -eq 1 ] || fail 'an entry from before the first collection is told'
 
-# The log tells the end of the failure with the state of its beginning.
+# The log entry for the end of the failure has the same state as the entry for its start.
 tell 'sel_add 0x20 2 0 0 0 0 0x20 0 4 8 4 0xef 1 0xff 0xff'
 collect
 bin/parts judge

@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# booted.sh SOURCE BUILD [DEB]: the package in a Debian 12 of its own that systemd has booted (tests/packaging/booted/trial
-# does the rest there). Without DEB the package is made of the programs in BUILD. The bare Debian is fetched once and kept
-# in BUILD; the trial writes into memory.
+# booted.sh SOURCE BUILD [DEB]: tests the package in a separate Debian 12 that systemd has booted, where
+# tests/packaging/booted/trial does the work. Without DEB the package is made of the programs in BUILD. The bare Debian
+# is fetched once and kept in BUILD; the trial writes into memory.
 set -euo pipefail
 source=$1 build=$2 package=${3:-}
 fail() { printf 'FAILED: %s\n' "$*"; exit 1; }
-skip() { # On a machine that tests changes, what is skipped would stay unseen.
+skip() { # where each change is tested, nobody would notice a skipped test
     [ "${CI:-}" != true ] || fail "$*"
     printf 'skipped: %s\n' "$*"
     exit 77
@@ -28,7 +28,7 @@ fetch_tree() {
     mv "$build/debian.new" "$build/debian"
 }
 
-# make_package: the programs are there already, so that only debian/rules and what it installs is under test.
+# make_package: uses the programs that are built already, so only debian/rules and what it installs are tested.
 make_package() {
     mkdir "$work/sched"
     tar -C "$source" --exclude='./build*' --exclude=./.git -c . | tar -C "$work/sched" -x
@@ -71,7 +71,7 @@ StandardError=inherit
 ExecStart=/srv/trial
 ExecStopPost=/bin/systemctl --no-block exit
 END
-# Its unit is the only one that is added: the tree itself is read only.
+# Only the unit of the trial is added, by a mount: the tree itself is read-only.
 timeout 600 systemd-nspawn --quiet --directory="$build/debian" --volatile=overlay --register=no --keep-unit \
     --private-network --capability=CAP_SYS_RAWIO --console=pipe --bind="$work:/srv" --bind-ro="$work/trial.service:/etc/systemd/system/trial.service" \
     --boot systemd.wants=trial.service </dev/null >"$work/console" 2>&1 || true

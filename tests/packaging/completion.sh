@@ -27,7 +27,7 @@ printf 'db1\ndb2\n' >afile
 
 of_bash() {
     local word=${1##*[ =]}
-    [[ $1 != *= ]] || word='=' # of which bash makes a word of its own
+    [[ $1 != *= ]] || word='=' # bash takes "=" as a separate word
     bash -c 'source "$1"; COMP_LINE=$2; COMP_POINT=${#2}; _schedctl schedctl "$3"
         printf "%s\n" "${COMPREPLY[@]}"' - "$files/schedctl.bash" "$1" "$word"
 }

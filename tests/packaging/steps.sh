@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# steps.sh SERVICE: the steps of the service, with a process that only plays the scheduler.
+# steps.sh SERVICE: tests the steps of the service, with a process that stands in for the scheduler.
 set -euo pipefail
 service=$1
 

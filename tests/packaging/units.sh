@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # units.sh UNIT...: systemd accepts the units of the client and of the relay, and rates the exposure of each at 2.5 or
-# less: one runs as root.
+# less. The limit is so high because one of them runs as root.
 set -euo pipefail
 
 command -v systemd-analyze >/dev/null || { echo 'skipped: systemd-analyze is missing (package systemd)'; exit 77; }

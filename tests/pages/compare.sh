@@ -9,7 +9,8 @@ command -v chromium >/dev/null || { echo 'skipped: chromium is missing (package 
 dir=$(mktemp -d)
 trap 'rm -rf "$dir"' EXIT
 
-# Its sandbox does not work for root, nor in most containers; it loads our own pages only. The time is that of the page.
+# Its sandbox does not work for root, nor in most containers; it loads our own pages only. --virtual-time-budget is
+# milliseconds of the page's own clock.
 browse() {
     timeout 120 chromium --headless --no-sandbox --disable-gpu --user-data-dir="$dir/profile" --lang=en-GB \
         --hide-scrollbars --window-size=1240,1130 --virtual-time-budget=10000 "$@" 2>/dev/null

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# history.sh LAST: metrics of db1 to db3 in the OpenMetrics format, a week less an hour, up to LAST (seconds since the
-# epoch). db1 had an error, db2 was down, db3 had "prevent".
+# history.sh LAST: prints metrics of db1 to db3 in the OpenMetrics format, for a week less an hour, up to LAST (seconds
+# since the epoch). db1 had an error, db2 was down, db3 had "prevent".
 set -euo pipefail
 awk -v last="$1" '
     function sample(name, labels, host, value) {

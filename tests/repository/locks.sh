@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# locks.sh SOURCE: clang finds no use of what a lock guards without that lock (the annotations of src/util/mutex.h).
+# locks.sh SOURCE: clang finds no access to guarded data without its lock (the annotations of src/util/mutex.h).
 set -euo pipefail
 cd "$1"
 command -v clang++ >/dev/null || { echo 'skipped: clang++ is missing'; exit 77; }

@@ -3,12 +3,13 @@
 
 Usage: accounts.py [--seed N] [--seconds S] [--build DIR] [--keep]
 
-Each round raises numbered messages while operators send commands, lock and log in. It draws what happens meanwhile:
-the scheduler, the client or a module is killed, an operator restarts the scheduler, files are replaced, a log is moved
-away, the disk is full for a moment. In other rounds nobody is connected, and there may be more messages than the
-scheduler keeps. After each round the messages must add up: raised = shown + kept for the next status + counted as lost
-+ what stood in the rings of a killed scheduler + information raised while nobody was connected + what was on the way at
-a kill. Each command must have its last line, and each log line must be whole and stand once. Exit status 1 otherwise.
+Each round raises numbered messages while operators send commands, lock and log in. It draws at random what happens
+meanwhile: the scheduler, the client or a module is killed, an operator restarts the scheduler, files are replaced, a
+log is moved away, the disk is full for a moment. In other rounds nobody is connected, and there may be more messages
+than the scheduler keeps. After each round the messages must add up. The number that was raised must be the sum of:
+those that were shown; those kept for the next status; those counted as lost; those queued in a killed scheduler, or on
+the way to its queues; and information that was raised while nobody was connected. Each command must have its last line,
+and each log line must be whole and occur once. Exit status 1 otherwise.
 """
 
 import argparse
@@ -49,7 +50,7 @@ END = re.compile(rb"(__over__ -?\d+ -?\d+|__timeout__|__busy__|__unsupported__)\
 
 
 class Log(threading.Thread):
-    """Reads all lines of a log over its rotations. What has no newline yet may be taken back."""
+    """Reads all lines of a log across its rotations. A line without a newline is left: it may be removed again."""
 
     def __init__(self, path, form):
         super().__init__(daemon=True)
@@ -72,7 +73,7 @@ class Log(threading.Thread):
                     else:
                         opened[number] = [file, 0]
             for number in [n for n in self.files if n not in opened]:
-                self.read(self.files[number])  # it has been renamed while we looked, or is gone
+                self.read(self.files[number])  # it was renamed during the search, or it is gone
                 opened[number] = self.files[number]
             for place in opened.values():
                 self.read(place)
@@ -82,7 +83,7 @@ class Log(threading.Thread):
             time.sleep(0.02)
 
     def forget(self):
-        """Of the lines so far only the number is kept."""
+        """Drops the lines so far and keeps only their number."""
         known = len(self.lines)
         self.read_before += known
         del self.lines[:known]
@@ -114,7 +115,7 @@ class Operator(threading.Thread):
             return True
 
     def ask(self, command):
-        """The line that ends the answer; None when the connection has ended."""
+        """Returns the line that ends the answer; None when the connection has ended."""
         try:
             self.socket.sendall(command.encode() + b"\r")
             while not (found := END.search(self.rest)):
@@ -156,7 +157,7 @@ class Operator(threading.Thread):
             time.sleep(self.random.uniform(0, 0.1))
 
     def leave(self):
-        """The last look of a connection whose ring would end with it."""
+        """Fetches the last messages, because the scheduler drops the connection's queue when it is closed."""
         self.leaving.set()
         self.join(PATIENCE)
         self.ask("status")
@@ -248,7 +249,7 @@ class Round:
                 for _ in range(run.random.randrange(40)):  # these wait in the pipe
                     self.add("E")
             else:
-                run.settle()  # nobody keeps the pipe when the supervisor ends, too
+                run.settle()  # the supervisor ends too, so nobody keeps the pipe
                 address = "127.0.0.1", run.scheduler.port
                 with contextlib.suppress(OSError), socket.create_connection(address) as operator:
                     operator.sendall(b"restart\tsched\r")
@@ -347,7 +348,7 @@ class Run:
         self.has_disk = LIBC.mount(b"none", bytes(self.dir / "suite"), b"tmpfs", 0, b"size=12m,mode=0755") == 0
         (self.dir / "right").write_text("geheim\n")
         self.scheduler = Scheduler(options.build, self.dir / "suite", True)
-        os.close(self.scheduler.pipe)  # the supervisor alone keeps what stands in it
+        os.close(self.scheduler.pipe)  # only the supervisor keeps the pipe open
         self.logs = [Log(self.scheduler.dir / "log/event_log", EVENT_LINE),
                      Log(self.scheduler.dir / "log/sched_log", TRACE_LINE)]
         self.last, self.decks = 0, {}
@@ -395,7 +396,7 @@ class Run:
             time.sleep(0.2)
 
     def drain(self):
-        """What the client still shows."""
+        """Returns what the client still shows."""
         text, end = b"", time.monotonic() + PATIENCE
         while time.monotonic() < end:
             lingering = [pid for pid, name in descendants().items() if name == "schedctl"]
