@@ -77,8 +77,8 @@ void write_password_file(const std::string& path, const password_record& record)
     }
 }
 
-// The password file of the scheduler that these directories belong to: VGD_data of the environment, else of the installed
-// service's settings, as root has no such variable in a shell. Empty when neither has it.
+// The password file of the scheduler that these directories belong to: VGD_data of the environment, else of the
+// installed service's settings, as root has no such variable in a shell. Empty when neither has it.
 std::string default_file() {
     std::string data;
     if (const char* variable = std::getenv("VGD_data"); variable != nullptr) {

@@ -109,8 +109,8 @@ agent::clock::time_point agent::start_ready() {
     return until;
 }
 
-// An earlier process may hold a connection to a scheduler that did not answer. It gets the same messages as a new one, so
-// it is given a moment to end.
+// An earlier process may hold a connection to a scheduler that did not answer. It gets the same messages as a new one,
+// so it is given a moment to end.
 bool agent::waits_for_older(host_state& state) {
     if (!held_connection::exists(state.key)) {
         state.wait_until = {};

@@ -164,8 +164,8 @@ private:
 // Returns the milliseconds left, for poll(2): -1 for clock::time_point::max(), else at most an hour.
 int milliseconds_until(agent::clock::time_point when);
 
-// For a process that is left with an agent: neither the terminal nor a monitoring engine that kills the process group of
-// its check may end it before it has stored the messages. Nobody may wait for the end of its output.
+// For a process that is left with an agent: neither the terminal nor a monitoring engine that kills the process group
+// of its check may end it before it has stored the messages. Nobody may wait for the end of its output.
 void detach();
 
 }  // namespace client

@@ -33,9 +33,9 @@ public:
     // As that of `agent`. Throws std::runtime_error when the agent has ended.
     void step(std::span<pollfd> others, clock::time_point until);
 
-    // The last call. Closes all connections and waits until each is closed or held, and until what was not shown is left
-    // to other processes; at most close_timeout, less when one of `others` is readable. Events are still handed to the
-    // listener. The agent finishes what is left.
+    // The last call. Closes all connections and waits until each is closed or held, and until what was not shown is
+    // left to other processes; at most close_timeout, less when one of `others` is readable. Events are still handed to
+    // the listener. The agent finishes what is left.
     void finish(std::span<pollfd> others = {});
 
 private:

@@ -2,9 +2,9 @@
 // the mailbox is its only owner. It consists of one box for each scheduler (mail/box.h), which all processes of a user,
 // or of the package's group, share.
 //
-// A record in a box belongs to the process that shows it. A process is known by a file of its own, `live/PID.TIME`, which it
-// keeps locked; it also reserves room on the disk. When the process ends, in whatever way, the lock ends, and its records
-// are anybody's. Boxes are locked only for moments.
+// A record in a box belongs to the process that shows it. A process is known by a file of its own, `live/PID.TIME`,
+// which it keeps locked; it also reserves room on the disk. When the process ends, in whatever way, the lock ends, and
+// its records are anybody's. Boxes are locked only for moments.
 #pragma once
 
 #include "mail/box.h"
@@ -44,8 +44,8 @@ public:
                                      const std::vector<std::string>& lines, bool shows,
                                      message_totals& totals, std::string& problem);
 
-    // Takes what other processes have left for this scheduler, oldest first. It stays on the disk until it is shown, and
-    // others do not get it before leave() or the end of this process.
+    // Takes what other processes have left for this scheduler, oldest first. It stays on the disk until it is shown,
+    // and others do not get it before leave() or the end of this process.
     std::vector<stored_message> take(const std::string& key);
 
     // The same without taking it, with what this process has stored.

@@ -19,7 +19,8 @@ std::string absolute_variable(const char* name) {
     return value != nullptr && value[0] == '/' ? value : "";
 }
 
-// HOME may be missing below a monitoring engine, and below sudo it may be another user's: then the user database has it.
+// HOME may be missing below a monitoring engine, and below sudo it may be another user's: then the user database has
+// it.
 std::string home_directory() {
     std::string home = absolute_variable("HOME");
     struct stat info {};

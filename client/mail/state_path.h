@@ -10,8 +10,8 @@ namespace client {
 // ~/.local/state/schedctl, created with mode 0700. Empty when there is none.
 std::string state_directory();
 
-// A directory below it, with a slash at the end; created with the mode of state_directory() when it is missing. Empty when
-// there is no state_directory().
+// A directory below it, with a slash at the end; created with the mode of state_directory() when it is missing. Empty
+// when there is no state_directory().
 std::string state_subdirectory(const char* name);
 
 // The same for what is private: the history of sessions. Never the package's directory.

@@ -36,7 +36,7 @@ collector::collector(const settings& chosen, bool with_details)
       done_(chosen.hosts.size()),
       left_(chosen.hosts.size()) {}
 
-// What comes later is stored, and the next call has it.
+// Messages that come later are stored, and the next call reports them.
 void collector::polled(std::size_t host) {
     done_[host] = true;
     --left_;

@@ -10,8 +10,8 @@ namespace client {
 
 namespace {
 
-// The columns of a line of slots that may contain a 1: slot 0 of days and months never matches, and the scheduler stores
-// two more minutes, which never match.
+// The columns of a line of slots that may contain a 1: slot 0 of days and months never matches, and the scheduler
+// stores two more minutes, which never match.
 struct slots {
     std::string_view label;
     std::vector<int> timer_job::*values;

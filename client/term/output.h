@@ -13,7 +13,7 @@ bool open_standard_streams();
 // Flushes the C streams. Returns false, after a message on standard error, when standard output could not be written.
 bool flush_output();
 
-// Writes a line about a problem to standard error, behind the name of the program.
+// Writes a line about a problem to standard error, after the name of the program.
 void complain(const std::string& problem);
 
 }  // namespace client

@@ -9,8 +9,8 @@ namespace {
 
 constexpr std::size_t kept_messages = 20;
 
-// The questions of a round; the last one is the status. A scheduler that does not know a detail, or has it switched off,
-// leaves that part as it was.
+// The requests of a round; the last one is the status. When a scheduler does not know a detail, or has it switched off,
+// that part of the snapshot stays as it was.
 struct question {
     std::vector<std::string> words;
     void (*read)(std::string_view answer, snapshot& known);

@@ -49,7 +49,7 @@ public:
     snapshot known;
 
 private:
-    std::size_t next_ = 0;  // number of the question
+    std::size_t next_ = 0;  // index of the next request
     std::string answer_;    // of a detail, as far as it has come
 };
 

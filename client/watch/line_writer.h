@@ -13,9 +13,9 @@ public:
     // From now on a closed pipe is an error of write.
     explicit line_writer(signal_watch& signals);
 
-    // Writes a line, which must end with LF. Its reader may be slow, so a signal ends the waiting. Returns false when it
-    // was not written completely: then nothing more can be written. A reader that has gone and a signal are no fault;
-    // another reason is reported.
+    // Writes a line, which must end with LF. Its reader may be slow, so a signal ends the waiting. Returns false when
+    // it was not written completely: then nothing more can be written. A reader that has gone and a signal are no
+    // fault; another reason is reported.
     bool write(std::string_view line);
 
     // Writes one line of any text, made printable on a terminal; with the same result.

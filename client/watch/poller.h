@@ -1,5 +1,5 @@
-// Asks schedulers for their status, each at its interval. Three classes are made of it: lines of changes, the live view,
-// and one round for `check` and `metrics`.
+// Asks schedulers for their status, each at its interval. Three classes are made of it: lines of changes, the live
+// view, and one round for `check` and `metrics`.
 #pragma once
 
 #include "agent/agent_client.h"

@@ -12,6 +12,6 @@ constexpr std::size_t ini_line_size = 1023;   // bytes of a line, its NUL includ
 // The value, at most 1023 characters, is valid until the same thread's next call. Any thread.
 const char* read_ini_file(const char* file, const char* section, const char* key);
 
-// The same for a file that is open; it is read from its start. After null, std::ferror(file) tells a file that could not
-// be read from one that has no such key.
+// The same for a file that is open; it is read from its start. After null, std::ferror(file) tells a file that could
+// not be read from one that has no such key.
 const char* read_ini_stream(std::FILE* file, const char* section, const char* key);

@@ -104,7 +104,7 @@ finds '^fault.bmc:log:[0-9]+:PSU 2:.*Power Supply Failure detected, logged by th
 tell 'sel_add 0x20 2 0 0 0 0 0x20 0 4 8 4 0xef 1 0xff 0xff'
 collect
 bin/parts judge
-! grep '^fault.bmc:log' data/parts.findings || fail 'what ended is told'
+! grep '^fault.bmc:log' data/parts.findings || fail 'an event that ended is still reported'
 
 kill -STOP "$pid"
 export TOOL_LIMIT=1

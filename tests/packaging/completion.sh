@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# completion.sh DIR SCHEDCTL PAGE...: with the files of DIR, bash, zsh and fish offer the right words for a line, without
-# a connection to a scheduler, and every option of schedctl. The manual pages have all words and options.
+# completion.sh DIR SCHEDCTL PAGE...: with the files of DIR, bash, zsh and fish offer the right words for a line,
+# without a connection to a scheduler, and every option of schedctl. The manual pages have all words and options.
 # shellcheck disable=SC2317 # the functions of the shells are called by name
 set -euo pipefail
 files=$1 schedctl=$2

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# prometheus.sh EXAMPLES: Prometheus accepts the files shipped for it, the alerts start, stay and end as their test's time
-# series say, and no panel of the dashboard is green while there are no data.
+# prometheus.sh EXAMPLES: Prometheus accepts the files shipped for it, the alerts start, stay and end as their test's
+# time series say, and no panel of the dashboard is green while there are no data.
 set -euo pipefail
 examples=$1/prometheus
 for program in promtool jq; do

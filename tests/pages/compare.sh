@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# compare.sh PROMETHEUS FOUND: the pages of Prometheus at this address, as Chromium shows them, have the texts of all.txt
-# and host.txt here. In these, AGE, DATE, DAYS and PORT stand for what differs between runs. Stores pictures and texts of
-# both pages in the directory FOUND. scripts/fleet calls it.
+# compare.sh PROMETHEUS FOUND: the pages of Prometheus at this address, as Chromium shows them, have the texts of
+# all.txt and host.txt here. In these, AGE, DATE, DAYS and PORT stand for what differs between runs. Stores pictures and
+# texts of both pages in the directory FOUND. scripts/fleet calls it.
 set -euo pipefail
 cd "$(dirname "$0")"
 prometheus=$1 found=$2

@@ -326,7 +326,7 @@ class Round:
         self.expect(terms["client"] <= 2, f"{terms['client']} messages lost with a killed client")
         # An operator may come back before the scheduler is gone.
         self.expect(terms["cut"] <= 4 * len(self.ends), f"{terms['cut']} commands cut by a killed scheduler")
-        self.expect(terms["signals"] == 0 or "kill module" in self.deeds, "a module ended with nobody's signal")
+        self.expect(terms["signals"] == 0 or "kill module" in self.deeds, "a module was ended by an unexpected signal")
         for what, counts in (("event log", logged), ("trace", traced)):
             wrong = [n for n in self.raised if counts[n] != 1 and not (n in self.in_full and counts[n] == 0)]
             self.expect(len(wrong) <= len(self.ends), f"not once in the {what}: {[(n, counts[n]) for n in wrong[:9]]}")
