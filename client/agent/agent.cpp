@@ -82,7 +82,7 @@ void agent::schedule(std::size_t host) {
     }
 }
 
-// Starts the commands that may run now. Returns how long the next step may wait.
+// Starts the commands that may run now. Returns the time until which the next step may wait.
 agent::clock::time_point agent::start_ready() {
     auto running =
         static_cast<std::size_t>(std::count_if(active_.begin(), active_.end(), [this](std::size_t host) {

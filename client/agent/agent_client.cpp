@@ -28,9 +28,9 @@ struct adl_serializer<std::optional<std::string>> {
 
 namespace client {
 
-// A call of a function on the other side travels as the function's name and its arguments, in CBOR: the text of a
-// message may have any bytes, and CBOR passes them on as they are. Both sides are the same program, so a call is never
-// malformed.
+// A call of a function on the other side is sent as the function's number (`call` or `event`) and its arguments, in
+// CBOR. The text of a message may have any bytes, and CBOR keeps them as they are. Both sides are the same program, so
+// a call is never malformed.
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(message_totals, error, warning, info, lost)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(status_line, id, text)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(status_answer, request, lines, complete, last, seconds, totals, unstored,
@@ -51,7 +51,7 @@ void send(channel& to, name function, const argument&... arguments) {
     to.send(frame);
 }
 
-// Calls a function with the arguments that have come.
+// Calls a function with the arguments of a frame.
 template <typename... argument>
 void carry_out(const std::function<void(argument...)>& function, const json& arguments) {
     auto values = arguments.get<std::tuple<std::decay_t<argument>...>>();

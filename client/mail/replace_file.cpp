@@ -40,7 +40,7 @@ bool replace_file(const std::string& path, std::string_view text, mode_t mode, b
     if (written && closed && std::rename(temporary.c_str(), path.c_str()) == 0) {
         const descriptor directory(open(directory_of(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         if (durable && directory.is_open()) {
-            fsync(directory.get());  // where it is refused, the file is in place all the same
+            fsync(directory.get());  // a file system may refuse this; the file is in place anyway
         }
         return true;
     }

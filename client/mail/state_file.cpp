@@ -24,7 +24,7 @@ descriptor open_regular(const std::string& path, int flags) {
         file.reset();
         errno = EINVAL;
     } else if (file.is_open() && (flags & O_CREAT) != 0 && is_shared(directory_of(path))) {
-        fchmod(file.get(), 0660);  // the file is ours, so this cannot fail but on a strange file system
+        fchmod(file.get(), 0660);  // the file is ours, so this fails only on an unusual file system
     }
     return file;
 }

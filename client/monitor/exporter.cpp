@@ -147,7 +147,7 @@ exporter::exporter(const settings& chosen, bool any_port, int listener)
     }
 }
 
-// A target without work: an idle connection ends, or the exporter.
+// A target has no work when its idle connection ends, or when the exporter ends.
 agent_listener exporter::events() {
     return {
         [this](std::size_t number, std::uint32_t, std::string_view text) {

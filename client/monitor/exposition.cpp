@@ -17,7 +17,7 @@ constexpr double seconds_per_minute = 60;
 
 enum class kind { gauge, counter, info };
 
-// A value of the label, and the number.
+// Pairs of a value of the label and the number.
 using sample_list = std::vector<std::pair<std::string, double>>;
 
 // Formats a number with the fewest digits that give the same value.

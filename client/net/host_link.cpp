@@ -100,7 +100,7 @@ void host_link::on_looked_up() {
 void host_link::on_resolved(std::vector<in_addr> addresses, const std::string& problem) {
     addresses_ = std::move(addresses);
     if (state_ != state::resolving) {
-        return;  // the command was given up; the next one uses them
+        return;  // the command was given up; the next one uses the addresses
     }
     if (addresses_.empty()) {
         fail({outcome::closed, where_.name + ": " + problem});

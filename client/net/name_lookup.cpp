@@ -16,7 +16,7 @@ struct name_lookup::question {
     const std::string name;
     std::vector<in_addr> addresses = {};
     std::string problem = {};
-    bool is_done = false;  // guarded by the lock of the questions; the answer does not change any more
+    bool is_done = false;  // guarded by the lock of the questions; after that the answer does not change
 };
 
 void name_lookup::question::look_up() {

@@ -148,7 +148,7 @@ bool answer_parser::may_end(std::string_view start) const {
 bool answer_parser::is_end(std::string_view line) {
     for (const terminator& t : terminators) {
         if (expected(t.how) && line.starts_with(t.word)) {
-            end_ = command_result(t.how);  // without the fields of an earlier line that was none
+            end_ = command_result(t.how);  // drops the fields of an earlier line that did not end the answer
             return t.longest == 0 || (line.size() <= t.longest && read_fields(std::string(line), end_));
         }
     }

@@ -10,7 +10,7 @@ namespace client {
 // Members keep the order in which they are added.
 using json = nlohmann::ordered_json;
 
-// The rows of the answers.
+// Conversions of the rows of the answers.
 static void to_json(json& to, const condition& c) {
     to = {{"name", c.name}, {"since", c.since}};
 }

@@ -65,7 +65,7 @@ void line_output::received(std::size_t host, const status_answer& answer, const 
     for (const received_message& m : update.messages) {
         if (write(host, received_event(m))) {
             shown(m.id);
-        } else if (m.id == 0) {  // nobody else has it
+        } else if (m.id == 0) {  // it is not in the mailbox either
             std::fprintf(stderr, "%s%s %s\n", prefix_of(host).c_str(), m.what.date.c_str(),
                          m.what.text.c_str());
         }
