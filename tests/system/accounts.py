@@ -314,8 +314,9 @@ class Round:
         terms["nobody"] = sum(kind == "I" for kind in self.raised.values()) if self.kind == "alone" else 0
         gone = [n for n in self.raised if not out[n] and not late[n]]
         if self.ends:
-            terms["ring"] = sum(1 for n in gone if logged[n])
-            terms["on the way"] = sum(1 for n in gone if not logged[n])
+            # A full disk kept some that stood in the rings out of the event log.
+            terms["ring"] = sum(1 for n in gone if logged[n] or n in self.in_full)
+            terms["on the way"] = len(gone) - terms["ring"]
         if "kill client" in self.deeds:
             terms["client"] = len(gone) - terms["ring"] - terms["on the way"]
         sums = sum(terms[term] for term in ("shown", "kept", "lost", "nobody", "ring", "on the way", "client"))
