@@ -428,7 +428,7 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--seed", type=int, default=random.SystemRandom().randrange(1_000_000))
     parser.add_argument("--seconds", type=float, default=60)
-    parser.add_argument("--build", type=Path, default=ROOT / "build")
+    parser.add_argument("--build", type=lambda name: Path(name).resolve(), default=ROOT / "build")
     parser.add_argument("--keep", action="store_true")
     options = parser.parse_args()
     print(f"seed {options.seed}", flush=True)
