@@ -94,7 +94,7 @@ def use(client, directory, hosts, healthy, words, limit, may_last):
 
 def main():
     parser = argparse.ArgumentParser()
-    parser.add_argument("--build", type=Path, default=ROOT / "build")
+    parser.add_argument("--build", type=lambda name: Path(name).resolve(), default=ROOT / "build")
     options = parser.parse_args()
     directory = scratch()
     try:

@@ -323,7 +323,7 @@ def main():
     parser.add_argument("--jobs", type=int, default=2 * len(os.sched_getaffinity(0)))
     parser.add_argument("--only", type=int, help="one trial, by its number")
     parser.add_argument("--use", default="", help="only uses that match")
-    parser.add_argument("--build", type=Path, default=ROOT / "build")
+    parser.add_argument("--build", type=lambda name: Path(name).resolve(), default=ROOT / "build")
     parser.add_argument("--keep", action="store_true", help="leave the scratch directories")
     parser.add_argument("--stream", type=float, metavar="SECONDS")
     parser.add_argument("--one", type=int, help=argparse.SUPPRESS)

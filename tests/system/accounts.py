@@ -315,8 +315,9 @@ class Round:
         terms["nobody"] = sum(kind == "I" for kind in self.raised.values()) if self.kind == "alone" else 0
         gone = [n for n in self.raised if not out[n] and not late[n]]
         if self.ends:
-            terms["ring"] = sum(1 for n in gone if logged[n])
-            terms["on the way"] = sum(1 for n in gone if not logged[n])
+            # A full disk kept some that stood in the rings out of the event log.
+            terms["ring"] = sum(1 for n in gone if logged[n] or n in self.in_full)
+            terms["on the way"] = len(gone) - terms["ring"]
         if "kill client" in self.deeds:
             terms["client"] = len(gone) - terms["ring"] - terms["on the way"]
         sums = sum(terms[term] for term in ("shown", "kept", "lost", "nobody", "ring", "on the way", "client"))
@@ -428,7 +429,7 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--seed", type=int, default=random.SystemRandom().randrange(1_000_000))
     parser.add_argument("--seconds", type=float, default=60)
-    parser.add_argument("--build", type=Path, default=ROOT / "build")
+    parser.add_argument("--build", type=lambda name: Path(name).resolve(), default=ROOT / "build")
     parser.add_argument("--keep", action="store_true")
     options = parser.parse_args()
     print(f"seed {options.seed}", flush=True)
