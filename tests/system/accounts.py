@@ -315,7 +315,7 @@ class Round:
         terms["nobody"] = sum(kind == "I" for kind in self.raised.values()) if self.kind == "alone" else 0
         gone = [n for n in self.raised if not out[n] and not late[n]]
         if self.ends:
-            # A full disk kept some that stood in the rings out of the event log.
+            # While the disk was full, queued messages may be missing in the event log.
             terms["ring"] = sum(1 for n in gone if logged[n] or n in self.in_full)
             terms["on the way"] = len(gone) - terms["ring"]
         if "kill client" in self.deeds:
