@@ -84,6 +84,9 @@ void agent::schedule(std::size_t host) {
 
 // Starts the commands that may run now. Returns how long the next step may wait.
 agent::clock::time_point agent::start_ready() {
+    if (ready_.empty()) {
+        return clock::time_point::max();
+    }
     auto running =
         static_cast<std::size_t>(std::count_if(active_.begin(), active_.end(), [this](std::size_t host) {
             const host_state& state = hosts_[host];
@@ -103,8 +106,10 @@ agent::clock::time_point agent::start_ready() {
             until = std::min(until, clock::now() + look_again_after);
             continue;
         }
-        until = {};  // the end of this command may be what the caller waits for
         running += start(host, std::min(parallel_, running + left)) ? 1 : 0;
+        if (!state.asking) {
+            until = {};  // it has ended at once, which may be what the caller waits for
+        }
     }
     return until;
 }
@@ -112,14 +117,19 @@ agent::clock::time_point agent::start_ready() {
 // An earlier process may hold a connection to a scheduler that did not answer. It gets the same messages as a new one, so
 // it is given a moment to end.
 bool agent::waits_for_older(host_state& state) {
+    const clock::time_point now = clock::now();
+    if (now < state.look_at) {
+        return true;  // other hosts' events come more often than a look is worth
+    }
     if (!held_connection::exists(state.key)) {
         state.wait_until = {};
         return false;
     }
     if (state.wait_until == clock::time_point{}) {
-        state.wait_until = clock::now() + lock_timeout;
+        state.wait_until = now + lock_timeout;
     }
-    return clock::now() < state.wait_until;
+    state.look_at = now + look_again_after;
+    return now < state.wait_until;
 }
 
 // Starts the first command of a host. Returns false when it has ended at once. answers: those under way or soon.
@@ -305,8 +315,10 @@ void agent::step(std::span<pollfd> others, clock::time_point until) {
     if (polled_[others.size()].revents != 0) {
         name_lookup::reset();
         for (const std::size_t host : std::vector<std::size_t>(active_.begin(), active_.end())) {
-            hosts_[host].link.on_looked_up();
-            update(host);
+            if (hosts_[host].link.is_resolving()) {
+                hosts_[host].link.on_looked_up();
+                update(host);
+            }
         }
     }
     for (std::size_t i = 0; i < polled_hosts_.size(); ++i) {
@@ -326,15 +338,17 @@ void agent::poll_links(std::span<pollfd> others, clock::time_point until) {
     polled_.assign(others.begin(), others.end());
     polled_.push_back({name_lookup::event(), POLLIN, 0});
     polled_hosts_.clear();
+    first_deadline_ = clock::time_point::max();
     for (const std::size_t host : active_) {
         const host_link& link = hosts_[host].link;
-        until = std::min(until, link.deadline());
+        first_deadline_ = std::min(first_deadline_, link.deadline());
         if (link.fd() >= 0) {
             polled_.push_back({link.fd(), link.events(), 0});
             polled_hosts_.push_back(host);
         }
     }
-    if (poll(polled_.data(), polled_.size(), milliseconds_until(until)) < 0) {
+    const int wait = milliseconds_until(std::min(until, first_deadline_));
+    if (poll(polled_.data(), polled_.size(), wait) < 0) {
         for (pollfd& p : polled_) {
             p.revents = 0;  // interrupted by a signal, or out of memory: the caller calls again
         }
@@ -343,6 +357,10 @@ void agent::poll_links(std::span<pollfd> others, clock::time_point until) {
 
 void agent::expire_late() {
     const clock::time_point now = clock::now();
+    // Those that were set since the poll are for the next step.
+    if (first_deadline_ > now) {
+        return;
+    }
     // A copy: the listener may begin and end commands.
     for (const std::size_t host : std::vector<std::size_t>(active_.begin(), active_.end())) {
         host_link& link = hosts_[host].link;

@@ -121,6 +121,7 @@ private:
         std::string status_text;  // as far as it has come
         clock::time_point asked_at{};
         clock::time_point wait_until{};  // for an older connection that another process holds
+        clock::time_point look_at{};     // for it again, not earlier
         std::optional<held_connection> held;
     };
 
@@ -158,6 +159,7 @@ private:
     std::set<std::size_t> active_;           // hosts whose link is not closed
     std::vector<pollfd> polled_;             // kept between calls, to allocate only once
     std::vector<std::size_t> polled_hosts_;  // the hosts at the end of polled_
+    clock::time_point first_deadline_{};     // of all links, at the last poll
 };
 
 // For poll(2).
