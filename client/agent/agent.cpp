@@ -174,11 +174,11 @@ void agent::cancel(std::size_t host, std::uint32_t request) {
 void agent::close(std::size_t host) {
     host_state& state = hosts_[host];
     state.queue.erase(state.queue.begin() + (state.asking ? 1 : 0), state.queue.end());
-    if (state.closing) {
-        return state.held ? listener_.closed(host, 0, true) : void();
-    }
     if (state.link.needs_password()) {
         password(host, std::nullopt);  // nobody types it any more
+    }
+    if (state.closing) {
+        return state.held ? listener_.closed(host, 0, true) : void();
     }
     if (!state.link.is_open() && !state.link.is_connecting()) {
         drop(host);
