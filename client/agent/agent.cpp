@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <csignal>
 #include <fcntl.h>
+#include <limits>
 #include <sys/resource.h>
 #include <unistd.h>
 #include <utility>
@@ -14,6 +15,7 @@ namespace client {
 namespace {
 
 constexpr std::chrono::milliseconds look_again_after{20};
+constexpr std::chrono::milliseconds count_again_after{100};
 constexpr rlim_t other_descriptors = 64;  // for standard streams, files and the resolver's threads
 
 // How many of the wanted connections the limit for descriptors allows, once it is raised. Each host may need two more
@@ -28,6 +30,12 @@ std::size_t allowed_connections(std::size_t wanted) {
     getrlimit(RLIMIT_NOFILE, &limit);
     const rlim_t free = limit.rlim_cur > other_descriptors ? limit.rlim_cur - other_descriptors : 1;
     return std::clamp<std::size_t>(wanted, 1, std::max<rlim_t>(free / 3, 1));
+}
+
+// It changes nothing at the scheduler.
+bool is_question(const std::vector<std::string>& words) {
+    return words[0] == "status" || words[0] == "show" || words[0] == "debug" ||
+           (words[0] == "modcntl" && words.size() == 1);
 }
 
 }  // namespace
@@ -58,6 +66,7 @@ agent::agent(const std::vector<host_name>& hosts, agent_options how, agent_liste
     : how_(std::move(how)),
       listener_(std::move(events)),
       parallel_(allowed_connections(how_.parallel)),
+      most_open_(allowed_connections(std::numeric_limits<std::size_t>::max())),
       module_silence_(hosts.size() == 1 ? std::chrono::seconds(0) : default_module_silence),
       passwords_(how_.connect.password_file),
       mailbox_(how_.kind) {
@@ -87,11 +96,9 @@ agent::clock::time_point agent::start_ready() {
     if (ready_.empty()) {
         return clock::time_point::max();
     }
-    auto running =
-        static_cast<std::size_t>(std::count_if(active_.begin(), active_.end(), [this](std::size_t host) {
-            const host_state& state = hosts_[host];
-            return state.link.is_busy() && !state.link.is_late() && !state.closing;
-        }));
+    const clock::time_point now = clock::now();
+    auto running = static_cast<std::size_t>(std::count_if(
+        active_.begin(), active_.end(), [&](std::size_t host) { return takes_place(hosts_[host], now); }));
     clock::time_point until = clock::time_point::max();
     for (std::size_t left = ready_.size(); left > 0 && running < parallel_; --left) {
         const std::size_t host = ready_.front();
@@ -111,7 +118,17 @@ agent::clock::time_point agent::start_ready() {
             until = {};  // it has ended at once, which may be what the caller waits for
         }
     }
-    return until;
+    return ready_.empty() ? until : std::min(until, now + count_again_after);
+}
+
+// A question that has no answer yet gives its place to the next host after a moment, so that many silent hosts do not
+// delay the others. Other commands keep theirs: the operator limits at how many hosts they run at once.
+bool agent::takes_place(const host_state& state, clock::time_point now) const {
+    if (!state.link.is_busy() || state.link.is_late() || state.closing) {
+        return false;
+    }
+    const bool is_old = now - state.asked_at >= place_time && active_.size() < most_open_;
+    return !is_old || !is_question(state.queue.front().words);
 }
 
 // An earlier process may hold a connection to a scheduler that did not answer. It gets the same messages as a new one, so

@@ -28,7 +28,8 @@ enum class stored_messages {
 
 struct agent_options {
     connect_options connect;
-    std::size_t parallel = 64;  // commands under way at once; a late one does not count
+    // Commands under way at once. A late one does not count, nor a question that is older than place_time.
+    std::size_t parallel = 64;
     // False: a person waits for the answer, so messages that cannot be stored are handed to the listener without a
     // number. True: nothing is asked without room for the answer; the command ends with outcome::no_room.
     bool must_store = false;
@@ -127,6 +128,7 @@ private:
 
     void schedule(std::size_t host);
     clock::time_point start_ready();
+    bool takes_place(const host_state& state, clock::time_point now) const;
     bool start(std::size_t host, std::size_t answers);
     bool waits_for_older(host_state& state);
     void begin(std::size_t host, std::vector<std::string> words);
@@ -150,6 +152,7 @@ private:
     const agent_options how_;
     const agent_listener listener_;
     const std::size_t parallel_;
+    const std::size_t most_open_;  // connections, of which no more are made for silent hosts
     const std::chrono::seconds module_silence_;
     password_store passwords_;
     mailbox mailbox_;
