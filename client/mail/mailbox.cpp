@@ -154,7 +154,7 @@ bool mailbox::is_alive(const std::string& owner) {
         return false;
     }
     if (!file.lock()) {
-        return true;
+        return !file.is_removed();
     }
     file.remove();  // of a process that was killed
     return false;

@@ -48,8 +48,12 @@ bool state_file::lock(std::chrono::steady_clock::time_point until) {
         }
         std::this_thread::sleep_for(retry_after);
     }
+    return is_open() && !is_removed();
+}
+
+bool state_file::is_removed() const {
     struct stat info {};
-    return is_open() && fstat(fd(), &info) == 0 && info.st_nlink != 0;
+    return fstat(fd(), &info) != 0 || info.st_nlink == 0;
 }
 
 std::string state_file::read() const {

@@ -29,6 +29,9 @@ public:
     // meanwhile. The lock ends with this object.
     bool lock(std::chrono::steady_clock::time_point until = {});
 
+    // It has no name any more.
+    bool is_removed() const;
+
     std::string read() const;
     bool write_at(std::uint64_t offset, std::string_view bytes) const;  // false with errno
     bool reserve(std::uint64_t size) const;                             // the same
