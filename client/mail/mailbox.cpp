@@ -99,7 +99,7 @@ std::optional<std::string> mailbox::reserve(std::size_t answers) {
     }
     const std::size_t wanted = answers * room_per_answer;
     if (wanted > reserved_) {
-        if (!own_.reserve(wanted)) {
+        if (!own_.reserve(reserved_, wanted)) {
             return own_.path() + ": " + error_text(errno);
         }
         reserved_ = wanted;

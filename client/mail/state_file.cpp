@@ -81,8 +81,8 @@ bool state_file::write_at(std::uint64_t offset, std::string_view bytes) const {
     return true;
 }
 
-bool state_file::reserve(std::uint64_t size) const {
-    errno = posix_fallocate(fd(), 0, static_cast<off_t>(size));
+bool state_file::reserve(std::uint64_t from, std::uint64_t to) const {
+    errno = posix_fallocate(fd(), static_cast<off_t>(from), static_cast<off_t>(to - from));
     return errno == 0;
 }
 
