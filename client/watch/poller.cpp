@@ -65,7 +65,9 @@ void poller::ask(std::size_t host, clock::time_point now) {
         return fail(host, outcome::login_refused);
     }
     state.asked_at = now;
-    const bool with_details = with_details_ && state.details_due <= state.asked_at;
+    // In an outage only the status: without an answer it brings what waits in the mailbox.
+    const bool has_failed = state.round.known.failure != 0;
+    const bool with_details = with_details_ && !has_failed && state.details_due <= state.asked_at;
     if (with_details) {
         state.details_due = state.asked_at + details_interval;
     }
