@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <csignal>
 #include <fcntl.h>
+#include <limits>
 #include <sys/resource.h>
 #include <unistd.h>
 #include <utility>
@@ -14,6 +15,7 @@ namespace client {
 namespace {
 
 constexpr std::chrono::milliseconds look_again_after{20};
+constexpr std::chrono::milliseconds count_again_after{100};
 constexpr rlim_t other_descriptors = 64;  // for standard streams, files and the resolver's threads
 
 // How many of the wanted connections the limit for descriptors allows, once it is raised. Each host may need two more
@@ -28,6 +30,12 @@ std::size_t allowed_connections(std::size_t wanted) {
     getrlimit(RLIMIT_NOFILE, &limit);
     const rlim_t free = limit.rlim_cur > other_descriptors ? limit.rlim_cur - other_descriptors : 1;
     return std::clamp<std::size_t>(wanted, 1, std::max<rlim_t>(free / 3, 1));
+}
+
+// It changes nothing at the scheduler.
+bool is_question(const std::vector<std::string>& words) {
+    return words[0] == "status" || words[0] == "show" || words[0] == "debug" ||
+           (words[0] == "modcntl" && words.size() == 1);
 }
 
 }  // namespace
@@ -58,6 +66,7 @@ agent::agent(const std::vector<host_name>& hosts, agent_options how, agent_liste
     : how_(std::move(how)),
       listener_(std::move(events)),
       parallel_(allowed_connections(how_.parallel)),
+      most_open_(allowed_connections(std::numeric_limits<std::size_t>::max())),
       module_silence_(hosts.size() == 1 ? std::chrono::seconds(0) : default_module_silence),
       passwords_(how_.connect.password_file),
       mailbox_(how_.kind) {
@@ -84,11 +93,12 @@ void agent::schedule(std::size_t host) {
 
 // Starts the commands that may run now. Returns the time until which the next step may wait.
 agent::clock::time_point agent::start_ready() {
-    auto running =
-        static_cast<std::size_t>(std::count_if(active_.begin(), active_.end(), [this](std::size_t host) {
-            const host_state& state = hosts_[host];
-            return state.link.is_busy() && !state.link.is_late() && !state.closing;
-        }));
+    if (ready_.empty()) {
+        return clock::time_point::max();
+    }
+    const clock::time_point now = clock::now();
+    auto running = static_cast<std::size_t>(std::count_if(
+        active_.begin(), active_.end(), [&](std::size_t host) { return takes_place(hosts_[host], now); }));
     clock::time_point until = clock::time_point::max();
     for (std::size_t left = ready_.size(); left > 0 && running < parallel_; --left) {
         const std::size_t host = ready_.front();
@@ -103,23 +113,40 @@ agent::clock::time_point agent::start_ready() {
             until = std::min(until, clock::now() + look_again_after);
             continue;
         }
-        until = {};  // the end of this command may be what the caller waits for
         running += start(host, std::min(parallel_, running + left)) ? 1 : 0;
+        if (!state.asking) {
+            until = {};  // it has ended at once, which may be what the caller waits for
+        }
     }
-    return until;
+    return ready_.empty() ? until : std::min(until, now + count_again_after);
+}
+
+// A question that has no answer yet gives its place to the next host after a moment, so that many silent hosts do not
+// delay the others. Other commands keep theirs: the operator limits at how many hosts they run at once.
+bool agent::takes_place(const host_state& state, clock::time_point now) const {
+    if (!state.link.is_busy() || state.link.is_late() || state.closing) {
+        return false;
+    }
+    const bool is_old = now - state.asked_at >= place_time && active_.size() < most_open_;
+    return !is_old || !is_question(state.queue.front().words);
 }
 
 // An earlier process may hold a connection to a scheduler that did not answer. It gets the same messages as a new one,
 // so it is given a moment to end.
 bool agent::waits_for_older(host_state& state) {
+    const clock::time_point now = clock::now();
+    if (now < state.look_at) {
+        return true;  // other hosts' events come more often than a look is worth
+    }
     if (!held_connection::exists(state.key)) {
         state.wait_until = {};
         return false;
     }
     if (state.wait_until == clock::time_point{}) {
-        state.wait_until = clock::now() + lock_timeout;
+        state.wait_until = now + lock_timeout;
     }
-    return clock::now() < state.wait_until;
+    state.look_at = now + look_again_after;
+    return now < state.wait_until;
 }
 
 // Starts the first command of a host. Returns false when it has ended at once. answers: how many answers are under way
@@ -165,11 +192,11 @@ void agent::cancel(std::size_t host, std::uint32_t request) {
 void agent::close(std::size_t host) {
     host_state& state = hosts_[host];
     state.queue.erase(state.queue.begin() + (state.asking ? 1 : 0), state.queue.end());
-    if (state.closing) {
-        return state.held ? listener_.closed(host, 0, true) : void();
-    }
     if (state.link.needs_password()) {
         password(host, std::nullopt);  // nobody can type it any more
+    }
+    if (state.closing) {
+        return state.held ? listener_.closed(host, 0, true) : void();
     }
     if (!state.link.is_open() && !state.link.is_connecting()) {
         drop(host);
@@ -306,8 +333,10 @@ void agent::step(std::span<pollfd> others, clock::time_point until) {
     if (polled_[others.size()].revents != 0) {
         name_lookup::reset();
         for (const std::size_t host : std::vector<std::size_t>(active_.begin(), active_.end())) {
-            hosts_[host].link.on_looked_up();
-            update(host);
+            if (hosts_[host].link.is_resolving()) {
+                hosts_[host].link.on_looked_up();
+                update(host);
+            }
         }
     }
     for (std::size_t i = 0; i < polled_hosts_.size(); ++i) {
@@ -327,15 +356,17 @@ void agent::poll_links(std::span<pollfd> others, clock::time_point until) {
     polled_.assign(others.begin(), others.end());
     polled_.push_back({name_lookup::event(), POLLIN, 0});
     polled_hosts_.clear();
+    first_deadline_ = clock::time_point::max();
     for (const std::size_t host : active_) {
         const host_link& link = hosts_[host].link;
-        until = std::min(until, link.deadline());
+        first_deadline_ = std::min(first_deadline_, link.deadline());
         if (link.fd() >= 0) {
             polled_.push_back({link.fd(), link.events(), 0});
             polled_hosts_.push_back(host);
         }
     }
-    if (poll(polled_.data(), polled_.size(), milliseconds_until(until)) < 0) {
+    const int wait = milliseconds_until(std::min(until, first_deadline_));
+    if (poll(polled_.data(), polled_.size(), wait) < 0) {
         for (pollfd& p : polled_) {
             p.revents = 0;  // interrupted by a signal, or out of memory: the caller calls again
         }
@@ -344,6 +375,10 @@ void agent::poll_links(std::span<pollfd> others, clock::time_point until) {
 
 void agent::expire_late() {
     const clock::time_point now = clock::now();
+    // Those that were set since the poll are for the next step.
+    if (first_deadline_ > now) {
+        return;
+    }
     // A copy: the listener may begin and end commands.
     for (const std::size_t host : std::vector<std::size_t>(active_.begin(), active_.end())) {
         host_link& link = hosts_[host].link;

@@ -29,7 +29,8 @@ enum class stored_messages {
 
 struct agent_options {
     connect_options connect;
-    std::size_t parallel = 64;  // commands under way at once; a late one does not count
+    // Commands under way at once. A late one does not count, nor a question that is older than place_time.
+    std::size_t parallel = 64;
     // False: a person waits for the answer, so messages that cannot be stored are handed to the listener without a
     // number. True: nothing is asked without room for the answer; the command ends with outcome::no_room.
     bool must_store = false;
@@ -122,11 +123,13 @@ private:
         std::string status_text;  // as far as it has come
         clock::time_point asked_at{};
         clock::time_point wait_until{};  // for an older connection that another process holds
+        clock::time_point look_at{};     // for it again, not earlier
         std::optional<held_connection> held;
     };
 
     void schedule(std::size_t host);
     clock::time_point start_ready();
+    bool takes_place(const host_state& state, clock::time_point now) const;
     bool start(std::size_t host, std::size_t answers);
     bool waits_for_older(host_state& state);
     void begin(std::size_t host, std::vector<std::string> words);
@@ -150,6 +153,7 @@ private:
     const agent_options how_;
     const agent_listener listener_;
     const std::size_t parallel_;
+    const std::size_t most_open_;  // connections, of which no more are made for silent hosts
     const std::chrono::seconds module_silence_;
     password_store passwords_;
     mailbox mailbox_;
@@ -159,6 +163,7 @@ private:
     std::set<std::size_t> active_;           // hosts whose link is not closed
     std::vector<pollfd> polled_;             // kept between calls, to allocate only once
     std::vector<std::size_t> polled_hosts_;  // the hosts at the end of polled_
+    clock::time_point first_deadline_{};     // of all links, at the last poll
 };
 
 // Returns the milliseconds left, for poll(2): -1 for clock::time_point::max(), else at most an hour.

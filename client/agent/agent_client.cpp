@@ -4,12 +4,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <sys/socket.h>
 #include <system_error>
 #include <tuple>
+#include <unistd.h>
 #include <utility>
 
 namespace nlohmann {
@@ -113,6 +115,17 @@ private:
     agent agent_;
 };
 
+// Closes what the process has inherited, such as the lock file of a script: it must not stay open as long as the agent
+// waits for a silent scheduler.
+void close_inherited(int kept) {
+    constexpr unsigned first = STDERR_FILENO + 1;
+    const auto own = static_cast<unsigned>(kept);
+    if (own > first) {
+        close_range(first, own - 1, 0);
+    }
+    close_range(own + 1, UINT_MAX, 0);
+}
+
 // Returns the front's socket.
 descriptor start_agent(const std::vector<host_name>& hosts, const agent_options& how) {
     int ends[2];
@@ -128,6 +141,7 @@ descriptor start_agent(const std::vector<host_name>& hosts, const agent_options&
     if (child == 0) {
         front.reset();
         detach();
+        close_inherited(back.get());
         try {
             agent_process(hosts, how, std::move(back)).run();
         } catch (const std::exception&) {

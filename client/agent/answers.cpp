@@ -108,9 +108,10 @@ void agent::store_messages(std::size_t host, status_answer& answer) {
         answer.totals = counters_of(state.key).totals;
         return;
     }
-    // Nobody shows the messages of a command that was given up. The next answer brings them.
-    const bool shows = how_.stored == stored_messages::taken && !state.given_up;
-    if (state.given_up) {
+    // Nobody shows the messages of an answer that was given up, or those before a `restart`. The next answer has them.
+    const bool is_shown = !state.given_up && (state.asks_status() || state.final_asked);
+    const bool shows = how_.stored == stored_messages::taken && is_shown;
+    if (!is_shown) {
         state.looked.reset();
     }
     const std::vector<std::uint64_t> ids =

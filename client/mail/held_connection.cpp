@@ -40,7 +40,8 @@ bool held_connection::older_exists(const std::string& key, clock::time_point con
         return false;
     }
     const long long since = std::strtoll(file.read().c_str(), nullptr, 10);
-    return since != 0 && since < connecting_at.time_since_epoch().count();
+    // Its holder may have ended since the file was opened: then nobody else gets our messages.
+    return since != 0 && since < connecting_at.time_since_epoch().count() && !file.is_removed();
 }
 
 }  // namespace client

@@ -99,7 +99,7 @@ std::optional<std::string> mailbox::reserve(std::size_t answers) {
     }
     const std::size_t wanted = answers * room_per_answer;
     if (wanted > reserved_) {
-        if (!own_.reserve(wanted)) {
+        if (!own_.reserve(reserved_, wanted)) {
             return own_.path() + ": " + error_text(errno);
         }
         reserved_ = wanted;
@@ -154,7 +154,7 @@ bool mailbox::is_alive(const std::string& owner) {
         return false;
     }
     if (!file.lock()) {
-        return true;
+        return !file.is_removed();
     }
     file.remove();  // of a process that was killed
     return false;
@@ -231,9 +231,13 @@ std::string mailbox::notice(const std::string& key, const std::string& address) 
         text += std::to_string(count) + (count == 1 ? " message " : " messages ") + what + "\n";
     };
     std::map<std::string, std::size_t> held;
-    // A process that is about to show its messages is not meant.
-    for (int look = 0; look < 2 && (look == 0 || !held.empty()); ++look) {
-        std::this_thread::sleep_for(look == 0 ? std::chrono::milliseconds(0) : held_briefly);
+    // A process that is about to show its messages is not meant. With many hosts, waiting for each would stop all.
+    const bool waits = std::chrono::steady_clock::now() >= may_wait_at_;
+    for (int look = 0; look == 0 || (look == 1 && waits && !held.empty()); ++look) {
+        if (look == 1) {
+            std::this_thread::sleep_for(held_briefly);
+            may_wait_at_ = std::chrono::steady_clock::now() + 10 * held_briefly;
+        }
         held.clear();
         for (const std::string& path : boxes_of(key)) {
             box from(read_file(path).value_or(""));

@@ -10,6 +10,7 @@
 #include "mail/box.h"
 #include "mail/state_file.h"
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -77,9 +78,10 @@ private:
     const mail_kind kind_;
     bool has_some_ = false;  // records may belong to this process
     state_file own_;
-    std::string name_;                   // of own_, without the directory
-    std::size_t reserved_ = 0;           // bytes
-    std::vector<std::string> problems_;  // files that cannot be read
+    std::string name_;                                     // of own_, without the directory
+    std::size_t reserved_ = 0;                             // bytes
+    std::vector<std::string> problems_;                    // files that cannot be read
+    std::chrono::steady_clock::time_point may_wait_at_{};  // in notice()
 };
 
 }  // namespace client

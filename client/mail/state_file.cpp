@@ -48,8 +48,12 @@ bool state_file::lock(std::chrono::steady_clock::time_point until) {
         }
         std::this_thread::sleep_for(retry_after);
     }
+    return is_open() && !is_removed();
+}
+
+bool state_file::is_removed() const {
     struct stat info {};
-    return is_open() && fstat(fd(), &info) == 0 && info.st_nlink != 0;
+    return fstat(fd(), &info) != 0 || info.st_nlink == 0;
 }
 
 std::string state_file::read() const {
@@ -77,8 +81,8 @@ bool state_file::write_at(std::uint64_t offset, std::string_view bytes) const {
     return true;
 }
 
-bool state_file::reserve(std::uint64_t size) const {
-    errno = posix_fallocate(fd(), 0, static_cast<off_t>(size));
+bool state_file::reserve(std::uint64_t from, std::uint64_t to) const {
+    errno = posix_fallocate(fd(), static_cast<off_t>(from), static_cast<off_t>(to - from));
     return errno == 0;
 }
 

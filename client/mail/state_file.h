@@ -29,9 +29,12 @@ public:
     // meanwhile. The lock ends with this object.
     bool lock(std::chrono::steady_clock::time_point until = {});
 
+    // It has no name any more.
+    bool is_removed() const;
+
     std::string read() const;
     bool write_at(std::uint64_t offset, std::string_view bytes) const;  // false with errno
-    bool reserve(std::uint64_t size) const;                             // the same
+    bool reserve(std::uint64_t from, std::uint64_t to) const;           // the same; the room between these
     bool truncate(std::uint64_t size) const;                            // the same
     void remove();                                                      // only while it is locked
     bool move_to(const std::string& path);                              // false with errno when it exists

@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <limits>
-#include <system_error>
+#include <stdexcept>
 #include <unistd.h>
 
 namespace client {
@@ -106,7 +106,7 @@ int run_check(const settings& chosen) try {
                  (chosen.several ? chosen.hosts[host].label + ": " : "") + line + "\n";
     }
     return write_all(STDOUT_FILENO, lines) ? worst : plugin_unknown;
-} catch (const std::system_error& problem) {
+} catch (const std::runtime_error& problem) {
     std::printf("SCHED UNKNOWN - %s\n", one_line(problem.what()).c_str());
     return plugin_unknown;
 }

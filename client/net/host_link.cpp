@@ -75,6 +75,7 @@ void host_link::ask(std::vector<std::string> words) {
         return send_requests();
     }
     next_address_ = 0;
+    on_looked_up();  // a look-up may have ended after the command that began it
     in_addr address{};
     if (addresses_.empty() && inet_aton(where_.name.c_str(), &address) != 0) {
         addresses_ = {address};

@@ -34,6 +34,7 @@ public:
 
     const host_name& host() const { return where_; }
     bool is_open() const { return state_ == state::talking || state_ == state::idle; }
+    bool is_resolving() const { return state_ == state::resolving; }
     // The connection is being made. The scheduler may have accepted it already, and given it what waits.
     bool is_connecting() const { return state_ == state::connecting; }
     // A command is under way.
@@ -52,7 +53,7 @@ public:
     // request of the connection; while connecting it takes the place of the command, which has not been sent.
     void ask(std::vector<std::string> words);
 
-    // Call when name_lookup::event() is readable.
+    // Call when name_lookup::event() is readable, while is_resolving().
     void on_looked_up();
     // Gives the addresses of the host. When there are none, problem has the reason.
     void on_resolved(std::vector<in_addr> addresses, const std::string& problem);

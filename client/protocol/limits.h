@@ -10,6 +10,8 @@ namespace client {
 constexpr std::chrono::seconds default_timeout{10};
 // Silence of a module with several hosts, when the operator sets no time-out. With one host there is no limit.
 constexpr std::chrono::seconds default_module_silence{600};
+// After that a question without an answer does not count for --parallel.
+constexpr std::chrono::seconds place_time{1};
 // How long a program waits for the last status of its connections before it leaves that to its agent.
 constexpr std::chrono::seconds close_timeout{1};
 // After a refused login: a wrong password is not tried every two seconds.

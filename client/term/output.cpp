@@ -22,7 +22,7 @@ ssize_t write_error(void* /*unused*/, const char* text, std::size_t size) {
     for (std::size_t done = 0; done < size;) {
         sigset_t pending;
         pollfd ready{STDERR_FILENO, POLLOUT, 0};
-        while (poll(&ready, 1, signal_interval) == 0) {
+        while (poll(&ready, 1, signal_interval) <= 0) {
             sigpending(&pending);
             for (const int signo : {SIGINT, SIGTERM, SIGHUP}) {
                 if (sigismember(&pending, signo) == 1) {
@@ -32,7 +32,7 @@ ssize_t write_error(void* /*unused*/, const char* text, std::size_t size) {
         }
         // A pipe that is ready takes PIPE_BUF bytes without blocking.
         const ssize_t n = write(STDERR_FILENO, text + done, std::min<std::size_t>(size - done, PIPE_BUF));
-        if (n < 0 && errno != EINTR) {
+        if (n < 0 && errno != EINTR && errno != EAGAIN) {
             return 0;
         }
         done += n > 0 ? static_cast<std::size_t>(n) : 0;

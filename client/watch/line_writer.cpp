@@ -28,12 +28,13 @@ bool line_writer::write(std::string_view line) {
             continue;
         }
         const std::string_view piece = line.substr(0, PIPE_BUF);  // what a pipe takes without waiting
-        is_open_ = write_all(STDOUT_FILENO, piece);
+        const ssize_t n = ::write(STDOUT_FILENO, piece.data(), piece.size());
+        is_open_ = n >= 0 || errno == EINTR || errno == EAGAIN;
         if (!is_open_ && errno != EPIPE) {
             complain("cannot write: " + std::generic_category().message(errno));
             exit_code_ = exit_usage;
         }
-        line.remove_prefix(piece.size());
+        line.remove_prefix(n > 0 ? static_cast<std::size_t>(n) : 0);
     }
     return is_open_;
 }

@@ -58,13 +58,16 @@ bool poller::password_missing() {
     return !text;
 }
 
-void poller::ask(std::size_t host) {
+// now: the same for all hosts that are due, so that they stay due together: an event for each costs more.
+void poller::ask(std::size_t host, clock::time_point now) {
     host_state& state = states_[host];
     if (password_missing()) {
         return fail(host, outcome::login_refused);
     }
-    state.asked_at = clock::now();
-    const bool with_details = with_details_ && state.details_due <= state.asked_at;
+    state.asked_at = now;
+    // In an outage only the status: without an answer it brings what waits in the mailbox.
+    const bool has_failed = state.round.known.failure != 0;
+    const bool with_details = with_details_ && !has_failed && state.details_due <= state.asked_at;
     if (with_details) {
         state.details_due = state.asked_at + details_interval;
     }
@@ -84,7 +87,7 @@ poller::clock::time_point poller::ask_due() {
         if (state.due <= now) {
             state.due = now + interval_;
             if (state.request == 0) {
-                ask(host);
+                ask(host, now);
             } else {
                 polled(host);
             }

@@ -85,7 +85,7 @@ private:
 
     agent_listener listener();
     bool password_missing();
-    void ask(std::size_t host);
+    void ask(std::size_t host, clock::time_point now);
     clock::time_point ask_due();
     void answered(std::size_t host, const status_answer& answer);
     void ended(std::size_t host, std::uint32_t request, const command_result& end);
