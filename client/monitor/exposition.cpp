@@ -84,7 +84,7 @@ private:
         // OpenMetrics requires the declared name to end with the unit.
         for (const std::string unit : {"seconds", "bytes"}) {
             if (name.ends_with("_" + unit)) {
-                text_ += "# UNIT " + name + " " + unit + "\n";
+                text_.append("# UNIT ").append(name).append(" ").append(unit).append("\n");
             }
         }
     }

@@ -28,15 +28,12 @@ bool ends_session(const std::string& word) {
 class session {
 public:
     session(const settings& chosen, bool at_terminal)
-        : chosen_(chosen),
-          terminal_(at_terminal),
-          runner_(chosen, {.at_terminal = at_terminal,
-                           .suspend = at_terminal ? std::bind_front(&session::suspend, this)
-                                                  : std::function<void()>()}) {}
+        : chosen_(chosen), terminal_(at_terminal), runner_(chosen, manner_of(at_terminal)) {}
     int at_terminal();
     int from_pipe();
 
 private:
+    command_runner::manner manner_of(bool at_terminal);
     void suspend();
     bool run_line(const std::string& line);
     bool run(const word_list& words);
@@ -125,6 +122,14 @@ word_list session::candidates(const word_list& earlier) const {
         }
     }
     return words;
+}
+
+command_runner::manner session::manner_of(bool at_terminal) {
+    command_runner::manner how{.at_terminal = at_terminal};
+    if (at_terminal) {
+        how.suspend = [this] { suspend(); };
+    }
+    return how;
 }
 
 int session::at_terminal() {
