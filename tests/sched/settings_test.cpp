@@ -3,6 +3,7 @@
 #include "unit_support.h"
 
 #include <map>
+#include <memory>
 
 namespace unit {
 
@@ -31,6 +32,7 @@ struct Settings : Scratch {
     // Sets all values back.
     void reset() {
         no_alive = 0;
+        const std::unique_ptr<sched_status> old(st);
         init_sched();
         before = values();
     }
