@@ -3,7 +3,7 @@
 #include "unit_support.h"
 
 #include <map>
-#include <memory>
+#include <type_traits>
 
 namespace unit {
 
@@ -31,16 +31,24 @@ struct Settings : Scratch {
     }
     // Sets all values back.
     void reset() {
-        no_alive = 0;
-        const std::unique_ptr<sched_status> old(st);
-        init_sched();
-        before = values();
+        const auto set = [this](auto& value, const char* name) {
+            value = static_cast<std::remove_reference_t<decltype(value = 0)>>(std::stoi(before.at(name)));
+        };
+        set(st->port, "port");
+        set(st->pendtime, "pendtime");
+        set(st->syslog_poll_interval, "syslog_poll_interval");
+        set(st->udp_dest_port, "udp_dest_port");
+        set(st->qmxut_port, "qmxut_port");
+        set(st->debug, "debug");
+        set(no_alive, "no_alive");
+        set(st->watch_malloc, "watch_malloc");
+        copy_text(st->udp_dest_addr, before.at("udp_dest_addr").c_str());
+        copy_text(st->bound_ip_address, before.at("bound_ip_address").c_str());
     }
-    Values before;
+    Values before = values();
 };
 
 TEST_F(Settings, EachKeyOfItsFileChangesItsValueWhenItIsValid) {
-    reset();
     before["port"] = "whatever the list of services says";
     EXPECT_EQ(changed(), "port=" + std::to_string(st->port));
     before = {{"pendtime", "60"},
