@@ -351,7 +351,12 @@ TEST_F(E2eExporter, CostOfARequestIsBounded) {
     ASSERT_TRUE(
         wait_until([&] { return occurrences(shell("ls /proc/" + std::to_string(pid_) + "/fd"), "\n") > 1000; }));
     EXPECT_THAT(get(target), HasSubstr("\nsched_up 1\n"));
-    EXPECT_LT(field("status", "VmHWM:") - before, 20'000);  // kB
+#ifdef __SANITIZE_THREAD__
+    constexpr long most = 80'000;  // its own records of each byte
+#else
+    constexpr long most = 20'000;
+#endif
+    EXPECT_LT(field("status", "VmHWM:") - before, most);  // kB
     EXPECT_TRUE(wait_until([&] { return occurrences(shell("ls /proc/" + std::to_string(pid_) + "/fd"), "\n") < 100; }));
     shell("kill " + suite.read("slow"));
 }
