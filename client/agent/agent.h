@@ -41,7 +41,7 @@ struct agent_options {
 // Gets the events of the hosts. host is the number in the list. All may call any function of the agent except step()
 // and finish().
 struct agent_listener {
-    // Output of a command that is not `status`; line ends are LF. request: what ask() has returned.
+    // Output of a command that is not `status`; line ends are LF. request: its number, as it was given to ask().
     std::function<void(std::size_t host, std::uint32_t request, const std::string& text)> output;
     // The answer of `status`, complete or as far as it came; before the ended() of that command. Also what the last
     // `status` of a connection has brought; then `last` is set.

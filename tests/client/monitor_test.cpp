@@ -7,7 +7,10 @@
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
+#include <thread>
+#include <vector>
 
 using namespace e2e;
 
@@ -379,6 +382,40 @@ TEST_F(E2eExporter, SilentSchedulerDelaysNobodyAndLosesNoMessage) {
     ASSERT_TRUE(wait_until([&] { return suite.read("code") == "0\n"; }));
     kill(frozen, SIGCONT);
     EXPECT_TRUE(wait_until([&] { return ctl("status").find("E0101:while it hung") != std::string::npos; }));
+}
+
+TEST_F(E2eExporter, AnswerWithoutAnEndIsNone) {
+    serve();
+    std::vector<std::thread> hosts;
+    for (const int pause : {-1, 1000}) {  // milliseconds after a byte: half an answer, a byte each second
+        const int port = free_port();
+        hosts.emplace_back([pause, listener = listen_on(port)] {
+            const unique_fd peer(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+            pollfd closed{peer.get(), POLLRDHUP, 0};
+            do { send(peer.get(), "x", 1, MSG_NOSIGNAL); } while (poll(&closed, 1, pause) == 0);
+        });
+        EXPECT_THAT(get("/metrics?target=127.0.0.1:" + std::to_string(port)), HasSubstr("\nsched_up 0\n")) << pause;
+    }
+    kill(pid_, SIGKILL);
+    for (std::thread& host : hosts) { host.join(); }
+}
+
+TEST_F(E2eExporter, SecondRequestJoinsTheVisit) {
+    suite.start();
+    serve("-t " + limit);
+    const auto sockets = [&] { return occurrences(shell("ls -l /proc/" + std::to_string(pid_) + "/fd"), "socket:"); };
+    const int sockets_before = sockets();
+    const int before = connections();
+    kill(suite.scheduler(), SIGSTOP);
+    for (int i = 0; i < 2; ++i) {
+        shell("curl -s -m " + limit + " 'http://127.0.0.1:" + http + "/metrics?target=" + here + "' >>" +
+              suite.path("answers") + " 2>/dev/null &");
+    }
+    EXPECT_TRUE(wait_until([&] { return sockets() == sockets_before + 3; }));
+    EXPECT_THAT(get("/-/healthy"), HasSubstr("OK"));  // both requests have been read before this one
+    kill(suite.scheduler(), SIGCONT);
+    EXPECT_TRUE(wait_until([&] { return occurrences(suite.read("answers"), "\nsched_up 1\n") == 2; }));
+    EXPECT_EQ(connections(), before + 1);
 }
 
 }  // namespace

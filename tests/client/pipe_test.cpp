@@ -199,6 +199,10 @@ TEST_F(E2eClientPipe, ReportsUnexpectedAnswers) {
     const std::string challenge = "__unauth__ 12345678 abcdefgh\r\n";
     const std::string date = "confdate  2026-11-25T10:00:00+00:00";
     const std::string status = date + "\r\n" + over;
+    const std::string error = "error     2026-11-25T10:00:00+00:00\r\n";
+    const std::string endless(3 << 20, 'x');
+    const std::string no_status = "unusable answer: it is no status";
+    const std::string too_long = "unusable answer: it is too long";
     const struct {
         const char* name;
         std::string arguments;
@@ -221,7 +225,13 @@ TEST_F(E2eClientPipe, ReportsUnexpectedAnswers) {
          "status",
          {{{"status", "whole\r\n" + over}}},
          205,
-         "whole\nschedctl: unusable answer: it is no status\n"},
+         "whole\nschedctl: " + no_status + "\n"},
+        {"no date", "status", {{{"status", error + over}}}, 205, "\nschedctl: " + no_status},
+        {"no date, checked", "check", {{{"status", error + over}}}, 2, "SCHED CRITICAL - " + no_status},
+        {"empty", "status", {{{"status", over}}}, 205, "schedctl: " + no_status},
+        {"empty, checked", "check", {{{"status", over}}}, 2, "SCHED CRITICAL - " + no_status},
+        {"no end", "status", {{{"status", endless}}}, 205, "schedctl: " + too_long},
+        {"no end, checked", "check", {{{"status", endless}}}, 2, "SCHED CRITICAL - " + too_long},
         {"the login does not help",
          login + " -H 127.0.0.1,127.1 --parallel 1 status",
          {{{"status", challenge}, {"login", over}, {"status", challenge}}, {{"status", status}}},
