@@ -222,6 +222,59 @@ def try_odd_disks(names):
         return count, [f"a good disk with an odd field: {line}" for line in found if not line.startswith("seen\t")]
 
 
+# Says which chips it was asked for; like the real one, it prints an object for each name.
+SENSORS = """#!/bin/sh
+shift
+for name in "${@:-all}"; do
+    case $name in bare-*) printf '{\n\n}\n' ;; *) printf '{\n   "%s":{}\n}\n' "$name" ;; esac
+done
+"""
+
+
+def try_chips():
+    """sensors is not asked for the sensors of disks, which it would wake."""
+    cases = (
+        ("no disk", ["coretemp", "nct6775"], ["all"]),
+        ("a disk", ["drivetemp", "nct6775", "bare", "coretemp", "coretemp"], ["coretemp-*", "nct6775-*"]),
+        ("only disks", ["drivetemp", "drivetemp"], []),
+    )
+    for name, chips, wanted in cases:
+        with tempfile.TemporaryDirectory() as directory:
+            machine = Machine(directory)
+            machine.tree("".join(f"/sys/class/hwmon/hwmon{i}/name\t{chip}\n" for i, chip in enumerate(chips)))
+            machine.tool("sensors", SENSORS)
+            machine.collect("sensors")
+            asked = list(json.loads((machine.dir / "run/sensors.json").read_text()))
+            if asked != wanted:
+                yield f"chips, {name}: sensors was asked for {asked}, not {wanted}"
+
+
+def try_hanging_disk():
+    """Sensors are collected while a disk hangs, and neither group forgets what answered it."""
+    with tempfile.TemporaryDirectory() as directory:
+        machine = Machine(directory)
+        hanging, answer = machine.dir / "hanging", machine.dir / "answer"
+        os.mkfifo(hanging)
+        answer.write_text("{}")
+        (machine.dir / "scan").write_text('{"devices": [{"name": "/dev/a", "type": "sat"}]}')
+        machine.tool("smartctl", f'#!/bin/sh\ncase "$*" in *--scan-open*) exec cat "{machine.dir}/scan" ;; esac\n'
+                     f'[ ! -p "{hanging}" ] || read -r line <"{hanging}"\nexec cat "{answer}"\n')
+        machine.tool("sensors", f'#!/bin/sh\nexec cat "{answer}"\n')
+        with subprocess.Popen([MODULES / "collect", "disks"], env=machine.env, stdout=subprocess.DEVNULL) as disks:
+            with open(hanging, "w", encoding="utf-8"):  # waits until smartctl hangs
+                machine.collect("sensors")
+                if disks.poll() is not None:
+                    yield "a hanging disk: the sensors waited for it"
+        for path in (hanging, answer):
+            path.unlink()
+        machine.collect("sensors")
+        machine.collect("smartctl")
+        for file, source in (("sensors", "sensors"), ("disks", "smartctl /dev/a")):
+            said = (machine.dir / f"run/{file}.status").read_text()
+            if f"{source}\tfailed\t1\t" not in said:
+                yield f"a hanging disk: {source} answered before and not now, but {file}.status says:\n{said}"
+
+
 def what(tool, key):
     """The key without the tool's or the disk's own name."""
     parts = key.split(":")
@@ -265,7 +318,7 @@ def main():
         kept = {path.name.removesuffix(".json").split(".")[0] for path in (HERE / "answers" / tool).iterdir()}
         bad += [f"{tool}/{name}: not in the table" for name in kept - set(cases)]
     odd, found = try_odd_disks(["ata-good", "nvme-good", "sas-good"])
-    bad += found[:20]
+    bad += found[:20] + [*try_chips(), *try_hanging_disk()]
     print("\n".join(bad) or f"{answers} recorded answers, {odd} odd ones")
     sys.exit(bool(bad))
 

@@ -1,5 +1,5 @@
 // Files of settings, lists of modules and lists of addresses, made at random near the borders of what is valid, and
-// what they must mean, found in another way.
+// what they must mean, computed independently of the daemon's code.
 #include "sched/config.h"
 
 #include "comm/address_restriction.h"
