@@ -24,8 +24,6 @@ NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(snapshot, up, failure, problem, answered, ans
 
 namespace {
 
-using nlohmann::json;
-
 // Where the Debian package's services keep their state.
 constexpr const char* service_directory = "/run/sched-watch/";
 constexpr const char* service_data = "/var/lib/sched";
@@ -47,13 +45,13 @@ std::string boot_id() {
 
 // Reads a state file; nothing when it is missing, damaged or too old.
 std::optional<snapshot> fresh_state(const std::string& path) try {
-    const json value = json::parse(read_file(path).value_or(""));
+    const nlohmann::json value = nlohmann::json::parse(read_file(path).value_or(""));
     const double age = boot_clock() - value.at("written").get<double>();
     if (value.at("boot") != boot_id() || age < 0 || age > 2 * value.at("interval").get<double>()) {
         return std::nullopt;
     }
     return value.get<snapshot>();
-} catch (const json::exception&) {
+} catch (const nlohmann::json::exception&) {
     return std::nullopt;
 }
 
@@ -88,12 +86,12 @@ bool write_state_file(const host_name& host, const snapshot& known, double inter
     if (path.empty()) {
         return true;
     }
-    json value(known);
+    nlohmann::json value(known);
     value["boot"] = boot_id();
     value["written"] = boot_clock();
     value["interval"] = interval;
     // ASCII output and replaced bytes, because dump throws for text that is not UTF-8.
-    const std::string text = value.dump(-1, ' ', true, json::error_handler_t::replace) + "\n";
+    const std::string text = value.dump(-1, ' ', true, nlohmann::json::error_handler_t::replace) + "\n";
     return replace_file(path, text, 0644, false, problem);
 }
 

@@ -9,12 +9,12 @@
 
 namespace {
 
-constexpr char usage[] =
+constexpr char debug_usage[] =
     "Uage: debug TAB command TAB arg\r\n"
     " timer    ... display timer jobs.\r\n"
     " hmi      ... display HMI structure\r\n"
     " hmi all  ... display HMI structure\r\n";
-static_assert(sizeof usage - 1 == 142, "HMIs know this text, its first word included");
+static_assert(sizeof debug_usage - 1 == 142, "HMIs know this text, its first word included");
 
 const char* stamp(std::uint32_t when) {
     const std::tm time = local_time(when);
@@ -73,7 +73,7 @@ void do_debug(hmistruc& hmi, int argc, char* argv[]) {
     } else if (std::strcmp(what, "hmi") == 0) {
         show_hmi_info(hmi.soc, argv[2]);
     } else {
-        reply_text(hmi.soc, usage);
+        reply_text(hmi.soc, debug_usage);
     }
     reply_over(hmi.soc, 0, 0);
 }

@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr char usage[] =
+constexpr char show_usage[] =
     "Usage: show command\r\n"
     " allowed_ip  ... show \"allowed_ip_addres\" setting\r\n"
     " ip          ... show connection\r\n";
@@ -47,7 +47,7 @@ void do_show(hmistruc& hmi, int argc, char* argv[]) {
     } else if (std::strcmp(what, "ip") == 0) {
         show_connections(hmi.soc);
     } else {
-        reply_text(hmi.soc, usage);
+        reply_text(hmi.soc, show_usage);
     }
     reply_over(hmi.soc, 0, 0);
 }

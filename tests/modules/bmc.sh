@@ -67,11 +67,11 @@ for ((try = 1; try <= 5; try++)); do
     kill "$pid" 2>/dev/null || true
 done
 export IPMI_OPTIONS="-D LAN -h 127.0.0.1:$port -u ipmiusr -p test -l admin"
-# tell LINE...: commands for the simulator, which repeats each one.
+# tell LINE...: commands for the simulator, which complains of the last one when it has carried out the others.
 tell() {
     exec 3<>"/dev/tcp/127.0.0.1/$port"
-    printf '%s\n' "$@" >&3
-    timeout 2 cat <&3 >/dev/null || true
+    printf '%s\n' "$@" end >&3
+    timeout 20 grep -qa 'Unknown command: end' <&3 || fail 'the simulator does not answer'
     exec 3>&-
 }
 collect() { bin/collect sensors >>collected; }

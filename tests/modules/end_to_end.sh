@@ -26,9 +26,6 @@ export PATH=$dir/tools:$PATH
 for tool in sensors ipmi-sensors ipmi-sel ras-mc-ctl mdadm lsblk dmidecode; do
     printf '#!/bin/sh\nexit 1\n' >"tools/$tool"
 done
-# One that hangs is ended, and the others go on.
-printf '#!/bin/sh\nsleep 600\n' >tools/sensors
-export TOOL_LIMIT=3
 cat >tools/smartctl <<'X'
 #!/bin/sh
 case "$*" in
@@ -42,7 +39,11 @@ recorded() { sed 's/"serial_number": ".*"/"serial_number": "SERIAL7"/; s,"/dev/a
 collect() { bin/collect >>collected; }
 
 recorded ata-good
-collect
+# A tool that hangs is ended, and the others go on.
+cp tools/sensors silent
+printf '#!/bin/sh\nsleep 600\n' >tools/sensors
+TOOL_LIMIT=3 collect
+mv silent tools/sensors
 for ((try = 1; try <= 5; try++)); do
     port=$((10000 + RANDOM % 10000)) # the other tests use higher ones
     "$sched" -D -N 0 -p "$port" >trace 2>&1 </dev/null &
@@ -114,11 +115,11 @@ printf '#!/bin/sh\nsleep 600\n' >config/parts.d/hangs
 printf '#!/bin/sh\necho "no such thing" >&2\nexit 3\n' >config/parts.d/fails
 printf '#!/bin/sh\necho nonsense\nprintf "fault\\tsite:1\\tpump 1: stands still\\n"\n' >config/parts.d/talks
 chmod +x config/parts.d/*
-sed -i 's/^limit=200 /limit=20 /' bin/parts
+sed -i 's/^limit=200 /limit=5 /' bin/parts
 start=$SECONDS
 ask parts status >answer || status=$?
-[ $((SECONDS - start)) -lt 50 ] || fail 'a check that hangs was not ended in time'
-for wanted in 'check hangs did not end within 20 s' 'check fails failed with 3: no such thing' \
+[ $((SECONDS - start)) -lt 40 ] || fail 'a check that hangs was not ended in time'
+for wanted in 'check hangs did not end within 5 s' 'check fails failed with 3: no such thing' \
     'check talks printed a line .*: nonsense' 'pump 1: stands still'; do
     grep -q "$wanted" answer || fail "not in parts status: $wanted; but $(cat answer)"
 done

@@ -25,14 +25,19 @@ mkdir functions
 ln -s "$files/schedctl.zsh" functions/_schedctl
 printf 'db1\ndb2\n' >afile
 
+# of_SHELL LINE...: for each line, "== LINE" and what this shell offers for it. Each shell starts once.
 of_bash() {
-    local word=${1##*[ =]}
-    [[ $1 != *= ]] || word='=' # bash takes "=" as a separate word
-    bash -c 'source "$1"; COMP_LINE=$2; COMP_POINT=${#2}; _schedctl schedctl "$3"
-        printf "%s\n" "${COMPREPLY[@]}"' - "$files/schedctl.bash" "$1" "$word"
+    bash -c 'source "$1"; for line in "${@:2}"; do
+            word=${line##*[ =]}
+            [[ $line != *= ]] || word="=" # bash takes "=" as a separate word
+            COMP_LINE=$line COMP_POINT=${#line} COMPREPLY=()
+            _schedctl schedctl "$word"
+            printf "%s\n" "== $line" "${COMPREPLY[@]}"
+        done' - "$files/schedctl.bash" "$@"
 }
 of_fish() {
-    fish -c "source $files/schedctl.fish; complete -C '$1'" | cut -f 1 | sed 's/^--[^=]*=//'
+    fish -c "source $files/schedctl.fish; for line in \$argv; echo \"== \$line\"; complete -C \$line; end" "$@" |
+        cut -f 1 | sed 's/^--[^=]*=//'
 }
 # Runs zsh on a terminal; its completion prints what it offers.
 of_zsh() {
@@ -41,10 +46,13 @@ zmodload zsh/zpty
 zpty z zsh -f -i
 zpty -w z "PS1=; fpath=($1 \$fpath); autoload -Uz compinit; compinit -u -d \$HOME/dump; source $HOME/offer"
 zpty -w z "print READY"
-zpty -r -m z line '*READY*READY*'
-zpty -w -n z "$2"$'\t'
-zpty -r -m z line '*<end>*'
-print -r -- ${line#*<begin>}
+zpty -r -m z text '*READY*READY*'
+for line in "${@:2}"; do
+    zpty -w -n z "$line"$'\t'
+    zpty -r -m z text '*<end>*'
+    print -r -- "== $line"$'\n'${text##*<begin>}
+    zpty -w -n z $'\x15' # forgets the line
+done
 END
     cat >offer <<'END'
 compadd() {
@@ -57,41 +65,44 @@ offer() { offered=(); _main_complete; print -r -- "<begin>"; print -rl -- $offer
 zle -C offer complete-word offer
 bindkey '^I' offer
 END
-    zsh -f script "$dir/functions" "$1" | tr -d '\r' | sed '/<end>/,$d'
+    zsh -f script "$dir/functions" "$@" | tr -d '\r' | grep -v '^<end>'
 }
 
-# offers LINE WANTED...: all three shells offer at least these words for the line.
-offers() {
-    local line=$1 shell got word
-    shift
-    for shell in bash zsh fish; do
-        got=$("of_$shell" "$line" | sort -u | tr '\n' ' ')
-        for word; do
+# All three shells offer at least these words for the line.
+wanted='schedctl |watch follow metrics check status show parts slow
+schedctl -p 9981 |status far
+schedctl --|--host --json
+schedctl modcntl |parts slow
+schedctl -H localhost:9981 modcntl |far
+schedctl modcntl parts |on off
+schedctl check -|-w --critical --timeout-state
+schedctl debug hmi |all
+schedctl show |ip allowed_ip
+schedctl --password-file a|afile
+schedctl --password-file=|afile'
+mapfile -t lines < <(cut -d '|' -f 1 <<<"$wanted")
+for shell in bash zsh fish; do
+    "of_$shell" "${lines[@]}" >offered
+    while IFS='|' read -r line words; do
+        got=$(awk -v line="== $line" '/^== / { on = $0 == line; next } on' offered | sort -u | tr '\n' ' ')
+        for word in $words; do
             [[ " $got" == *" $word "* ]] || { printf '%s: "%s" lacks "%s": %s\n' "$shell" "$line" "$word" "$got"; bad=1; }
         done
-    done
-}
-
-offers 'schedctl ' watch follow metrics check status show parts slow
-offers 'schedctl -p 9981 ' status far
-offers 'schedctl --' --host --json
-offers 'schedctl modcntl ' parts slow
-offers 'schedctl -H localhost:9981 modcntl ' far
-offers 'schedctl modcntl parts ' on off
-offers 'schedctl check -' -w --critical --timeout-state
-offers 'schedctl debug hmi ' all
-offers 'schedctl show ' ip allowed_ip
-offers 'schedctl --password-file a' afile
-offers 'schedctl --password-file=' afile
+    done <<<"$wanted"
+done
 
 # Every option of the help is offered, including those of single commands.
-options=()
+options=() lines=()
 for word in '' $("$schedctl" --help | sed -n '/^Subcommands:/,/^$/s/^  \([a-z]*\) .*/\1/p'); do
     for option in $("$schedctl" ${word:+$word} --help | sed -nE 's/^  (-[A-Za-z],)?(--[a-z-]+).*/\2/p'); do
-        of_bash "schedctl ${word:+$word }$option" | grep -xe "$option" >/dev/null || { echo "not offered: $word $option"; bad=1; }
+        lines+=("schedctl ${word:+$word }$option")
         options+=("$option")
     done
 done
+of_bash "${lines[@]}" | awk 'function end_line() { if (line != "") { print "not offered: " line; bad = 1 } }
+    /^== / { end_line(); line = $0; option = $NF; next }
+    $0 == option { line = "" }
+    END { end_line(); exit bad }' || bad=1
 for option in "${options[@]}"; do
     [ "$option" = --help ] || grep -qE "Fl -${option#--}( |\$|,)" "${pages[@]}" || { echo "not in the manual: $option"; bad=1; }
 done
