@@ -90,6 +90,14 @@ bool state_file::truncate(std::uint64_t size) const {
     return ftruncate(fd(), static_cast<off_t>(size)) == 0;
 }
 
+bool state_file::remove_dead() {
+    if (flock(fd(), LOCK_SH | LOCK_NB) == 0) {
+        remove();  // of a process that was killed
+        return true;
+    }
+    return is_removed();
+}
+
 void state_file::remove() {
     unlink(path_.c_str());
     *this = state_file();
