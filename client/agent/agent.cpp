@@ -6,7 +6,9 @@
 #include <csignal>
 #include <fcntl.h>
 #include <limits>
+#include <sys/epoll.h>
 #include <sys/resource.h>
+#include <system_error>
 #include <unistd.h>
 #include <utility>
 
@@ -30,6 +32,11 @@ std::size_t allowed_connections(std::size_t wanted) {
     getrlimit(RLIMIT_NOFILE, &limit);
     const rlim_t free = limit.rlim_cur > other_descriptors ? limit.rlim_cur - other_descriptors : 1;
     return std::clamp<std::size_t>(wanted, 1, std::max<rlim_t>(free / 3, 1));
+}
+
+// Of an event: the host, and the descriptor that it had when its events were asked for.
+std::uint64_t tag_of(std::size_t host, int fd) {
+    return static_cast<std::uint64_t>(host) << 32 | static_cast<std::uint32_t>(fd);
 }
 
 // It changes nothing at the scheduler.
@@ -69,7 +76,14 @@ agent::agent(const std::vector<host_name>& hosts, agent_options how, agent_liste
       most_open_(allowed_connections(std::numeric_limits<std::size_t>::max())),
       module_silence_(hosts.size() == 1 ? std::chrono::seconds(0) : default_module_silence),
       passwords_(how_.connect.password_file),
-      mailbox_(how_.kind) {
+      mailbox_(how_.kind),
+      events_(epoll_create1(EPOLL_CLOEXEC)) {
+    epoll_event look_up{};
+    look_up.events = EPOLLIN;
+    look_up.data.u64 = tag_of(0, name_lookup::event());
+    if (epoll_ctl(events_.get(), EPOLL_CTL_ADD, name_lookup::event(), &look_up) != 0) {
+        throw std::system_error(errno, std::generic_category(), "epoll");
+    }
     for (const host_name& host : hosts) {
         add(host);
     }
@@ -108,7 +122,7 @@ agent::clock::time_point agent::start_ready() {
         if (state.asking || state.closing || state.queue.empty()) {
             continue;
         }
-        if (!state.link.is_open() && waits_for_older(state)) {
+        if (!state.link.is_open() && (waits_for_room() || waits_for_older(state))) {
             schedule(host);
             until = std::min(until, clock::now() + look_again_after);
             continue;
@@ -129,6 +143,20 @@ bool agent::takes_place(const host_state& state, clock::time_point now) const {
     }
     const bool is_old = now - state.asked_at >= place_time && active_.size() < most_open_;
     return !is_old || !is_question(state.queue.front().words);
+}
+
+// When the descriptors do not suffice for all hosts, an idle connection is closed for a new one.
+bool agent::waits_for_room() {
+    if (active_.size() < most_open_) {
+        return false;
+    }
+    const auto idle = std::find_if(active_.begin(), active_.end(), [this](std::size_t host) {
+        return !hosts_[host].link.is_busy() && hosts_[host].queue.empty();
+    });
+    if (idle != active_.end()) {
+        close(*idle);
+    }
+    return true;
 }
 
 // An earlier process may hold a connection to a scheduler that did not answer. It gets the same messages as a new one,
@@ -242,9 +270,10 @@ void agent::password(std::size_t host, std::optional<std::string> text) {
 void agent::update(std::size_t host) {
     host_state& state = hosts_[host];
     const host_link::news news = state.link.take_news();
+    watch(host);
     if (news.received.of_status) {
         state.status_text += news.received.text;
-    } else if (!news.received.text.empty() && state.asking && !state.final_asked) {
+    } else if (!news.received.text.empty() && state.asking && !state.final_asked && !state.given_up) {
         listener_.output(host, state.queue.front().request, news.received.text);
     }
     if (!state.link.is_open() && !state.link.is_busy()) {
@@ -328,61 +357,67 @@ void agent::remember_login(const host_state& state) {
 }
 
 void agent::step(std::span<pollfd> others, clock::time_point until) {
-    poll_links(others, std::min(until, start_ready()));
-    std::copy_n(polled_.begin(), others.size(), others.begin());
-    if (polled_[others.size()].revents != 0) {
-        name_lookup::reset();
-        for (const std::size_t host : std::vector<std::size_t>(active_.begin(), active_.end())) {
-            if (hosts_[host].link.is_resolving()) {
-                hosts_[host].link.on_looked_up();
-                update(host);
-            }
+    until = std::min({until, start_ready(), first_deadline_});
+    std::vector<pollfd> polled(others.begin(), others.end());
+    polled.push_back({events_.get(), POLLIN, 0});
+    if (poll(polled.data(), polled.size(), milliseconds_until(until)) < 0) {
+        for (pollfd& p : polled) {
+            p.revents = 0;  // interrupted by a signal, or out of memory: the caller calls again
         }
     }
-    for (std::size_t i = 0; i < polled_hosts_.size(); ++i) {
-        host_link& link = hosts_[polled_hosts_[i]].link;
-        const pollfd& ready = polled_[others.size() + 1 + i];
-        // A callback may have closed this link since the poll; its descriptor is then another one or none.
-        if (ready.revents != 0 && link.fd() == ready.fd) {
-            link.on_ready();
-            update(polled_hosts_[i]);
-        }
+    std::copy_n(polled.begin(), others.size(), others.begin());
+    if (polled.back().revents != 0) {
+        handle_ready();
     }
     expire_late();
 }
 
-// Polls the caller's descriptors first, then the one of the look-ups, then those of the hosts in polled_hosts_.
-void agent::poll_links(std::span<pollfd> others, clock::time_point until) {
-    polled_.assign(others.begin(), others.end());
-    polled_.push_back({name_lookup::event(), POLLIN, 0});
-    polled_hosts_.clear();
-    first_deadline_ = clock::time_point::max();
-    for (const std::size_t host : active_) {
-        const host_link& link = hosts_[host].link;
-        first_deadline_ = std::min(first_deadline_, link.deadline());
-        if (link.fd() >= 0) {
-            polled_.push_back({link.fd(), link.events(), 0});
-            polled_hosts_.push_back(host);
-        }
+// Asks for the events that the link needs now. Where the system refuses, the time limit of the command ends the wait.
+void agent::watch(std::size_t host) {
+    const host_link& link = hosts_[host].link;
+    first_deadline_ = std::min(first_deadline_, link.deadline());
+    epoll_event wanted{};
+    wanted.events = static_cast<std::uint32_t>(link.events());
+    wanted.data.u64 = tag_of(host, link.fd());
+    if (link.fd() >= 0 && epoll_ctl(events_.get(), EPOLL_CTL_MOD, link.fd(), &wanted) != 0) {
+        epoll_ctl(events_.get(), EPOLL_CTL_ADD, link.fd(), &wanted);
     }
-    const int wait = milliseconds_until(std::min(until, first_deadline_));
-    if (poll(polled_.data(), polled_.size(), wait) < 0) {
-        for (pollfd& p : polled_) {
-            p.revents = 0;  // interrupted by a signal, or out of memory: the caller calls again
+}
+
+void agent::handle_ready() {
+    // All at once: an answer that has come is not late.
+    std::vector<epoll_event> ready(active_.size() + 1);
+    const int count = epoll_wait(events_.get(), ready.data(), static_cast<int>(ready.size()), 0);
+    ready.resize(static_cast<std::size_t>(std::max(count, 0)));
+    for (const epoll_event& event : ready) {
+        const std::size_t host = event.data.u64 >> 32;
+        if (event.data.u64 == tag_of(0, name_lookup::event())) {
+            name_lookup::reset();
+            for (const std::size_t waiting : std::vector<std::size_t>(active_.begin(), active_.end())) {
+                if (hosts_[waiting].link.is_resolving()) {
+                    hosts_[waiting].link.on_looked_up();
+                    update(waiting);
+                }
+            }
+        } else if (event.data.u64 == tag_of(host, hosts_[host].link.fd())) {
+            // Else a callback has closed this link since the wait.
+            hosts_[host].link.on_ready();
+            update(host);
         }
     }
 }
 
 void agent::expire_late() {
     const clock::time_point now = clock::now();
-    // Those that were set since the poll are for the next step.
     if (first_deadline_ > now) {
         return;
     }
+    first_deadline_ = clock::time_point::max();
     // A copy: the listener may begin and end commands.
     for (const std::size_t host : std::vector<std::size_t>(active_.begin(), active_.end())) {
         host_link& link = hosts_[host].link;
         if (link.deadline() > now) {
+            first_deadline_ = std::min(first_deadline_, link.deadline());
             continue;
         }
         link.expire();

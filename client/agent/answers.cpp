@@ -17,6 +17,14 @@ std::uint64_t tagged(std::size_t host, std::uint64_t id) {
     return (static_cast<std::uint64_t>(host) << tag_shift) | id;
 }
 
+std::map<std::size_t, std::vector<std::uint64_t>> by_host(const std::vector<std::uint64_t>& ids) {
+    std::map<std::size_t, std::vector<std::uint64_t>> sorted;
+    for (const std::uint64_t id : ids) {
+        sorted[id >> tag_shift].push_back(id & ((std::uint64_t{1} << tag_shift) - 1));
+    }
+    return sorted;
+}
+
 }  // namespace
 
 // Returns false when the answer is complete but is no status.
@@ -68,12 +76,15 @@ void agent::fetch_stored(std::size_t host, std::uint32_t request, outcome how) {
 }
 
 void agent::shown(const std::vector<std::uint64_t>& ids) {
-    std::map<std::size_t, std::vector<std::uint64_t>> by_host;
-    for (const std::uint64_t id : ids) {
-        by_host[id >> tag_shift].push_back(id & ((std::uint64_t{1} << tag_shift) - 1));
-    }
-    for (const auto& [host, numbers] : by_host) {
+    for (const auto& [host, numbers] : by_host(ids)) {
         mailbox_.shown(hosts_[host].key, numbers);
+    }
+}
+
+void agent::put_back(const std::vector<std::uint64_t>& ids) {
+    for (const auto& [host, numbers] : by_host(ids)) {
+        mailbox_.put_back(hosts_[host].key, numbers);
+        hosts_[host].looked.reset();
     }
 }
 
