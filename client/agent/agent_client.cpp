@@ -43,7 +43,7 @@ namespace {
 
 using json = nlohmann::json;
 
-enum class call { ask, cancel, close, shown, fetch_stored, password };            // of the front
+enum class call { ask, cancel, close, shown, put_back, fetch_stored, password };  // of the front
 enum class event { output, status, ended, late, closed, password_needed, left };  // of the agent
 
 template <typename name, typename... argument>
@@ -80,7 +80,10 @@ public:
                 handle(*frame);
             }
         }
-        agent_.finish([this] { send(channel_, event::left); });
+        agent_.finish([this] {
+            send(channel_, event::left);
+            channel_.flush();
+        });
     }
 
 private:
@@ -104,6 +107,8 @@ private:
                 return carry_out(agent_, &agent::close, arguments);
             case call::shown:
                 return carry_out(agent_, &agent::shown, arguments);
+            case call::put_back:
+                return carry_out(agent_, &agent::put_back, arguments);
             case call::fetch_stored:
                 return carry_out(agent_, &agent::fetch_stored, arguments);
             case call::password:
@@ -183,6 +188,10 @@ void agent_client::shown(const std::vector<std::uint64_t>& ids) {
     send(channel_, call::shown, ids);
 }
 
+void agent_client::put_back(const std::vector<std::uint64_t>& ids) {
+    send(channel_, call::put_back, ids);
+}
+
 void agent_client::password(std::size_t host, const std::optional<std::string>& text) {
     send(channel_, call::password, host, text);
 }
@@ -210,7 +219,7 @@ void agent_client::handle(const std::string& frame) {
         case event::output:
             return carry_out(listener_.output, arguments);
         case event::status:
-            return carry_out(listener_.status, arguments);
+            return take_status(arguments[0], arguments[1].get<status_answer>());
         case event::ended:
             return carry_out(listener_.ended, arguments);
         case event::late:
@@ -223,6 +232,14 @@ void agent_client::handle(const std::string& frame) {
         case event::left:
             left_ = true;
     }
+}
+
+// What comes behind our last call is left to others: we could not report that it is shown.
+void agent_client::take_status(std::size_t host, status_answer answer) const {
+    if (is_ended_) {
+        std::erase_if(answer.lines, [](const status_line& line) { return line.id != 0; });
+    }
+    listener_.status(host, answer);
 }
 
 void agent_client::finish(std::span<pollfd> others) {
@@ -238,6 +255,7 @@ void agent_client::finish(std::span<pollfd> others) {
         }
     };
     step_until([this] { return std::find(closed_.begin(), closed_.end(), false) == closed_.end(); });
+    is_ended_ = true;
     channel_.end();
     step_until([this] { return left_; });
 }
