@@ -232,9 +232,9 @@ TEST_F(E2eManyHosts, SilentHostNeitherDelaysNorLosesTheAnswersOfTheOthers) {
         double interrupt;  // seconds after the start
         std::string wanted;
     } cases[] = {
-        {"time-out", "-t 1 -H $A,$B status", 30, answer + "no answer in time\n206\n"},
         {"interrupt, and A has given its place to B", "--parallel 1 -H $A,$B status", 3,
          answer + "stopped waiting\n124\n"},
+        {"time-out", "-t 1 -H $A,$B status", 30, answer + "no answer in time\n206\n"},
         {"the others' JSON is not held back",
          "-t 2 -H $A,$B --json status 2>/dev/null | { read -r b; t=$(date +%s%N); read -r a;"
          " echo ${b##*E0101} $(($(date +%s%N) - t > 1000000000)) ${a##*error}; }",
