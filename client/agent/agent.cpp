@@ -3,13 +3,10 @@
 #include "protocol/limits.h"
 
 #include <algorithm>
-#include <csignal>
-#include <fcntl.h>
 #include <limits>
 #include <sys/epoll.h>
 #include <sys/resource.h>
 #include <system_error>
-#include <unistd.h>
 #include <utility>
 
 namespace client {
@@ -53,20 +50,6 @@ int milliseconds_until(agent::clock::time_point when) {
     }
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(when - agent::clock::now()).count();
     return static_cast<int>(std::clamp<decltype(left)>(left, 0, 3600 * 1000));
-}
-
-void detach() {
-    setsid();
-    const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
-    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-        dup2(nothing, fd);
-    }
-    if (nothing > STDERR_FILENO) {
-        close(nothing);
-    }
-    for (const int signo : {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGQUIT}) {
-        std::signal(signo, SIG_IGN);
-    }
 }
 
 agent::agent(const std::vector<host_name>& hosts, agent_options how, agent_listener events)
@@ -217,44 +200,6 @@ void agent::cancel(std::size_t host, std::uint32_t request) {
     }
 }
 
-void agent::close(std::size_t host) {
-    host_state& state = hosts_[host];
-    state.queue.erase(state.queue.begin() + (state.asking ? 1 : 0), state.queue.end());
-    if (state.link.needs_password()) {
-        password(host, std::nullopt);  // nobody can type it any more
-    }
-    if (state.closing) {
-        return state.held ? listener_.closed(host, 0, true) : void();
-    }
-    if (!state.link.is_open() && !state.link.is_connecting()) {
-        drop(host);
-        return on_closed(host);
-    }
-    state.closing = true;
-    if (state.link.is_open() && state.asking) {
-        hold(state);
-        return listener_.closed(host, 0, true);
-    }
-    // While connecting, the command must not be sent any more, but the scheduler may have accepted the connection.
-    ask_final(host);
-}
-
-void agent::ask_final(std::size_t host) {
-    hosts_[host].final_asked = true;
-    begin(host, {});
-}
-
-void agent::drop(std::size_t host) {
-    hosts_[host].link.drop();
-    active_.erase(host);
-}
-
-void agent::hold(host_state& state) {
-    if (!state.held || !state.held->is_held()) {
-        state.held.emplace(state.key, state.link.connected_at());
-    }
-}
-
 void agent::password(std::size_t host, std::optional<std::string> text) {
     const std::string problem = text ? "" : "there is no --password-file";
     if (text) {
@@ -328,21 +273,6 @@ void agent::on_late(std::size_t host) {
         }
         listener_.late(host, state.queue.front().request);
     }
-}
-
-void agent::on_closed(std::size_t host) {
-    host_state& state = hosts_[host];
-    const bool was_held = state.held.has_value();
-    state.held.reset();
-    if (state.asking) {
-        state.queue.pop_front();
-    }
-    state.asking = state.given_up = state.closing = state.final_asked = false;
-    // A held connection was reported already.
-    if (!was_held) {
-        listener_.closed(host, mailbox_.waiting(state.key), false);
-    }
-    schedule(host);
 }
 
 // With one host, the password is asked for before connecting where one is known to be needed: while the operator types
@@ -426,38 +356,6 @@ void agent::expire_late() {
         } else {
             update(host);
         }
-    }
-}
-
-void agent::finish(const std::function<void()>& on_left) {
-    is_finishing_ = true;
-    for (std::size_t host = 0; host < hosts_.size(); ++host) {
-        close(host);
-    }
-    // At once, not behind a host that does not answer: others can show what came from the rest.
-    mailbox_.leave();
-    if (on_left != nullptr) {
-        on_left();
-    }
-    const auto is_closing = [](const host_state& state) { return state.closing; };
-    while (std::any_of(hosts_.begin(), hosts_.end(), is_closing)) {
-        for (std::size_t host = 0; host < hosts_.size(); ++host) {
-            host_state& state = hosts_[host];
-            if (!state.closing || !state.link.is_open()) {
-                continue;
-            }
-            hold(state);
-            // An older connection to this scheduler, held by another process, gets the same messages.
-            if (!state.held->is_held() &&
-                held_connection::older_exists(state.key, state.link.connecting_at())) {
-                drop(host);
-                on_closed(host);
-            }
-        }
-        // Nothing more comes when the last one was dropped.
-        const bool goes_on = std::any_of(hosts_.begin(), hosts_.end(), is_closing);
-        step({}, goes_on ? clock::time_point::max() : clock::now());
-        mailbox_.leave();
     }
 }
 

@@ -138,23 +138,24 @@ private:
     bool start(std::size_t host, std::size_t answers);
     bool waits_for_older(host_state& state);
     void begin(std::size_t host, std::vector<std::string> words);
-    void ask_final(std::size_t host);
-    void drop(std::size_t host);
     void watch(std::size_t host);
     void handle_ready();
     void expire_late();
     void update(std::size_t host);
     void on_ended(std::size_t host, command_result end);
     void on_late(std::size_t host);
-    void on_closed(std::size_t host);
-    void hold(host_state& state);
     void remember_login(const host_state& state);
+    // In agent/closing.cpp:
+    void ask_final(std::size_t host);
+    void drop(std::size_t host);
+    void on_closed(std::size_t host);
+    static void hold(host_state& state);
     // In agent/answers.cpp:
     bool deliver_status(std::size_t host, bool complete);
     void deliver_stored(std::size_t host, std::uint32_t request);
     void deliver_instead(std::size_t host);
     void add_stored(std::size_t host, status_answer& answer);
-    void store_messages(std::size_t host, status_answer& answer);
+    void store_messages(std::size_t host, const std::vector<std::size_t>& messages, status_answer& answer);
 
     const agent_options how_;
     const agent_listener listener_;

@@ -39,14 +39,18 @@ bool agent::deliver_status(std::size_t host, bool complete) {
     }
     bool is_valid = true;
     bool has_date = false;
+    std::vector<std::size_t> messages;  // where they are in the answer
     each_line(std::exchange(state.status_text, {}), [&](const std::string& line) {
         const status_line_kind kind = kind_of(line);
         is_valid = is_valid && kind != status_line_kind::unknown;
         has_date = has_date || line.starts_with("confdate ");
+        if (kind == status_line_kind::message || kind == status_line_kind::lost) {
+            messages.push_back(answer.lines.size());
+        }
         answer.lines.push_back({0, line});
     });
     answer.complete = complete && is_valid && has_date;
-    store_messages(host, answer);
+    store_messages(host, messages, answer);
     listener_.status(host, answer);
     return answer.complete;
 }
@@ -104,20 +108,16 @@ void agent::add_stored(std::size_t host, status_answer& answer) {
     }
 }
 
-void agent::store_messages(std::size_t host, status_answer& answer) {
+void agent::store_messages(std::size_t host, const std::vector<std::size_t>& messages,
+                           status_answer& answer) {
     host_state& state = hosts_[host];
-    std::vector<std::string> lines;
-    std::vector<status_line*> places;
-    for (status_line& line : answer.lines) {
-        const status_line_kind kind = kind_of(line.text);
-        if (line.id == 0 && (kind == status_line_kind::message || kind == status_line_kind::lost)) {
-            lines.push_back(line.text);
-            places.push_back(&line);
-        }
-    }
-    if (lines.empty()) {
+    if (messages.empty()) {
         answer.totals = counters_of(state.key).totals;
         return;
+    }
+    std::vector<std::string> lines;
+    for (const std::size_t at : messages) {
+        lines.push_back(answer.lines[at].text);
     }
     // Nobody shows the messages of an answer that was given up, or those before a `restart`. The next answer has them.
     const bool is_shown = !state.given_up && (state.asks_status() || state.final_asked);
@@ -128,7 +128,7 @@ void agent::store_messages(std::size_t host, status_answer& answer) {
     const std::vector<std::uint64_t> ids =
         mailbox_.store(state.key, state.link.address(), lines, shows, answer.totals, answer.unstored);
     for (std::size_t i = 0; i < ids.size(); ++i) {
-        places[i]->id = tagged(host, ids[i]);
+        answer.lines[messages[i]].id = tagged(host, ids[i]);
     }
 }
 
