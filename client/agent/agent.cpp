@@ -3,11 +3,10 @@
 #include "protocol/limits.h"
 
 #include <algorithm>
-#include <csignal>
-#include <fcntl.h>
 #include <limits>
+#include <sys/epoll.h>
 #include <sys/resource.h>
-#include <unistd.h>
+#include <system_error>
 #include <utility>
 
 namespace client {
@@ -32,6 +31,11 @@ std::size_t allowed_connections(std::size_t wanted) {
     return std::clamp<std::size_t>(wanted, 1, std::max<rlim_t>(free / 3, 1));
 }
 
+// Of an event: the host, and the descriptor that it had when its events were asked for.
+std::uint64_t tag_of(std::size_t host, int fd) {
+    return static_cast<std::uint64_t>(host) << 32 | static_cast<std::uint32_t>(fd);
+}
+
 // It changes nothing at the scheduler.
 bool is_question(const std::vector<std::string>& words) {
     return words[0] == "status" || words[0] == "show" || words[0] == "debug" ||
@@ -48,20 +52,6 @@ int milliseconds_until(agent::clock::time_point when) {
     return static_cast<int>(std::clamp<decltype(left)>(left, 0, 3600 * 1000));
 }
 
-void detach() {
-    setsid();
-    const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
-    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-        dup2(nothing, fd);
-    }
-    if (nothing > STDERR_FILENO) {
-        close(nothing);
-    }
-    for (const int signo : {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGQUIT}) {
-        std::signal(signo, SIG_IGN);
-    }
-}
-
 agent::agent(const std::vector<host_name>& hosts, agent_options how, agent_listener events)
     : how_(std::move(how)),
       listener_(std::move(events)),
@@ -69,7 +59,14 @@ agent::agent(const std::vector<host_name>& hosts, agent_options how, agent_liste
       most_open_(allowed_connections(std::numeric_limits<std::size_t>::max())),
       module_silence_(hosts.size() == 1 ? std::chrono::seconds(0) : default_module_silence),
       passwords_(how_.connect.password_file),
-      mailbox_(how_.kind) {
+      mailbox_(how_.kind),
+      events_(epoll_create1(EPOLL_CLOEXEC)) {
+    epoll_event look_up{};
+    look_up.events = EPOLLIN;
+    look_up.data.u64 = tag_of(0, name_lookup::event());
+    if (epoll_ctl(events_.get(), EPOLL_CTL_ADD, name_lookup::event(), &look_up) != 0) {
+        throw std::system_error(errno, std::generic_category(), "epoll");
+    }
     for (const host_name& host : hosts) {
         add(host);
     }
@@ -108,7 +105,7 @@ agent::clock::time_point agent::start_ready() {
         if (state.asking || state.closing || state.queue.empty()) {
             continue;
         }
-        if (!state.link.is_open() && waits_for_older(state)) {
+        if (!state.link.is_open() && (waits_for_room() || waits_for_older(state))) {
             schedule(host);
             until = std::min(until, clock::now() + look_again_after);
             continue;
@@ -129,6 +126,20 @@ bool agent::takes_place(const host_state& state, clock::time_point now) const {
     }
     const bool is_old = now - state.asked_at >= place_time && active_.size() < most_open_;
     return !is_old || !is_question(state.queue.front().words);
+}
+
+// When the descriptors do not suffice for all hosts, an idle connection is closed for a new one.
+bool agent::waits_for_room() {
+    if (active_.size() < most_open_) {
+        return false;
+    }
+    const auto idle = std::find_if(active_.begin(), active_.end(), [this](std::size_t host) {
+        return !hosts_[host].link.is_busy() && hosts_[host].queue.empty();
+    });
+    if (idle != active_.end()) {
+        close(*idle);
+    }
+    return true;
 }
 
 // An earlier process may hold a connection to a scheduler that did not answer. It gets the same messages as a new one,
@@ -189,44 +200,6 @@ void agent::cancel(std::size_t host, std::uint32_t request) {
     }
 }
 
-void agent::close(std::size_t host) {
-    host_state& state = hosts_[host];
-    state.queue.erase(state.queue.begin() + (state.asking ? 1 : 0), state.queue.end());
-    if (state.link.needs_password()) {
-        password(host, std::nullopt);  // nobody can type it any more
-    }
-    if (state.closing) {
-        return state.held ? listener_.closed(host, 0, true) : void();
-    }
-    if (!state.link.is_open() && !state.link.is_connecting()) {
-        drop(host);
-        return on_closed(host);
-    }
-    state.closing = true;
-    if (state.link.is_open() && state.asking) {
-        hold(state);
-        return listener_.closed(host, 0, true);
-    }
-    // While connecting, the command must not be sent any more, but the scheduler may have accepted the connection.
-    ask_final(host);
-}
-
-void agent::ask_final(std::size_t host) {
-    hosts_[host].final_asked = true;
-    begin(host, {});
-}
-
-void agent::drop(std::size_t host) {
-    hosts_[host].link.drop();
-    active_.erase(host);
-}
-
-void agent::hold(host_state& state) {
-    if (!state.held || !state.held->is_held()) {
-        state.held.emplace(state.key, state.link.connected_at());
-    }
-}
-
 void agent::password(std::size_t host, std::optional<std::string> text) {
     const std::string problem = text ? "" : "there is no --password-file";
     if (text) {
@@ -242,9 +215,10 @@ void agent::password(std::size_t host, std::optional<std::string> text) {
 void agent::update(std::size_t host) {
     host_state& state = hosts_[host];
     const host_link::news news = state.link.take_news();
+    watch(host);
     if (news.received.of_status) {
         state.status_text += news.received.text;
-    } else if (!news.received.text.empty() && state.asking && !state.final_asked) {
+    } else if (!news.received.text.empty() && state.asking && !state.final_asked && !state.given_up) {
         listener_.output(host, state.queue.front().request, news.received.text);
     }
     if (!state.link.is_open() && !state.link.is_busy()) {
@@ -301,21 +275,6 @@ void agent::on_late(std::size_t host) {
     }
 }
 
-void agent::on_closed(std::size_t host) {
-    host_state& state = hosts_[host];
-    const bool was_held = state.held.has_value();
-    state.held.reset();
-    if (state.asking) {
-        state.queue.pop_front();
-    }
-    state.asking = state.given_up = state.closing = state.final_asked = false;
-    // A held connection was reported already.
-    if (!was_held) {
-        listener_.closed(host, mailbox_.waiting(state.key), false);
-    }
-    schedule(host);
-}
-
 // With one host, the password is asked for before connecting where one is known to be needed: while the operator types
 // it, the scheduler would queue messages for a connection that may end without them.
 void agent::remember_login(const host_state& state) {
@@ -328,61 +287,67 @@ void agent::remember_login(const host_state& state) {
 }
 
 void agent::step(std::span<pollfd> others, clock::time_point until) {
-    poll_links(others, std::min(until, start_ready()));
-    std::copy_n(polled_.begin(), others.size(), others.begin());
-    if (polled_[others.size()].revents != 0) {
-        name_lookup::reset();
-        for (const std::size_t host : std::vector<std::size_t>(active_.begin(), active_.end())) {
-            if (hosts_[host].link.is_resolving()) {
-                hosts_[host].link.on_looked_up();
-                update(host);
-            }
+    until = std::min({until, start_ready(), first_deadline_});
+    std::vector<pollfd> polled(others.begin(), others.end());
+    polled.push_back({events_.get(), POLLIN, 0});
+    if (poll(polled.data(), polled.size(), milliseconds_until(until)) < 0) {
+        for (pollfd& p : polled) {
+            p.revents = 0;  // interrupted by a signal, or out of memory: the caller calls again
         }
     }
-    for (std::size_t i = 0; i < polled_hosts_.size(); ++i) {
-        host_link& link = hosts_[polled_hosts_[i]].link;
-        const pollfd& ready = polled_[others.size() + 1 + i];
-        // A callback may have closed this link since the poll; its descriptor is then another one or none.
-        if (ready.revents != 0 && link.fd() == ready.fd) {
-            link.on_ready();
-            update(polled_hosts_[i]);
-        }
+    std::copy_n(polled.begin(), others.size(), others.begin());
+    if (polled.back().revents != 0) {
+        handle_ready();
     }
     expire_late();
 }
 
-// Polls the caller's descriptors first, then the one of the look-ups, then those of the hosts in polled_hosts_.
-void agent::poll_links(std::span<pollfd> others, clock::time_point until) {
-    polled_.assign(others.begin(), others.end());
-    polled_.push_back({name_lookup::event(), POLLIN, 0});
-    polled_hosts_.clear();
-    first_deadline_ = clock::time_point::max();
-    for (const std::size_t host : active_) {
-        const host_link& link = hosts_[host].link;
-        first_deadline_ = std::min(first_deadline_, link.deadline());
-        if (link.fd() >= 0) {
-            polled_.push_back({link.fd(), link.events(), 0});
-            polled_hosts_.push_back(host);
-        }
+// Asks for the events that the link needs now. Where the system refuses, the time limit of the command ends the wait.
+void agent::watch(std::size_t host) {
+    const host_link& link = hosts_[host].link;
+    first_deadline_ = std::min(first_deadline_, link.deadline());
+    epoll_event wanted{};
+    wanted.events = static_cast<std::uint32_t>(link.events());
+    wanted.data.u64 = tag_of(host, link.fd());
+    if (link.fd() >= 0 && epoll_ctl(events_.get(), EPOLL_CTL_MOD, link.fd(), &wanted) != 0) {
+        epoll_ctl(events_.get(), EPOLL_CTL_ADD, link.fd(), &wanted);
     }
-    const int wait = milliseconds_until(std::min(until, first_deadline_));
-    if (poll(polled_.data(), polled_.size(), wait) < 0) {
-        for (pollfd& p : polled_) {
-            p.revents = 0;  // interrupted by a signal, or out of memory: the caller calls again
+}
+
+void agent::handle_ready() {
+    // All at once: an answer that has come is not late.
+    std::vector<epoll_event> ready(active_.size() + 1);
+    const int count = epoll_wait(events_.get(), ready.data(), static_cast<int>(ready.size()), 0);
+    ready.resize(static_cast<std::size_t>(std::max(count, 0)));
+    for (const epoll_event& event : ready) {
+        const std::size_t host = event.data.u64 >> 32;
+        if (event.data.u64 == tag_of(0, name_lookup::event())) {
+            name_lookup::reset();
+            for (const std::size_t waiting : std::vector<std::size_t>(active_.begin(), active_.end())) {
+                if (hosts_[waiting].link.is_resolving()) {
+                    hosts_[waiting].link.on_looked_up();
+                    update(waiting);
+                }
+            }
+        } else if (event.data.u64 == tag_of(host, hosts_[host].link.fd())) {
+            // Else a callback has closed this link since the wait.
+            hosts_[host].link.on_ready();
+            update(host);
         }
     }
 }
 
 void agent::expire_late() {
     const clock::time_point now = clock::now();
-    // Those that were set since the poll are for the next step.
     if (first_deadline_ > now) {
         return;
     }
+    first_deadline_ = clock::time_point::max();
     // A copy: the listener may begin and end commands.
     for (const std::size_t host : std::vector<std::size_t>(active_.begin(), active_.end())) {
         host_link& link = hosts_[host].link;
         if (link.deadline() > now) {
+            first_deadline_ = std::min(first_deadline_, link.deadline());
             continue;
         }
         link.expire();
@@ -391,38 +356,6 @@ void agent::expire_late() {
         } else {
             update(host);
         }
-    }
-}
-
-void agent::finish(const std::function<void()>& on_left) {
-    is_finishing_ = true;
-    for (std::size_t host = 0; host < hosts_.size(); ++host) {
-        close(host);
-    }
-    // At once, not behind a host that does not answer: others can show what came from the rest.
-    mailbox_.leave();
-    if (on_left != nullptr) {
-        on_left();
-    }
-    const auto is_closing = [](const host_state& state) { return state.closing; };
-    while (std::any_of(hosts_.begin(), hosts_.end(), is_closing)) {
-        for (std::size_t host = 0; host < hosts_.size(); ++host) {
-            host_state& state = hosts_[host];
-            if (!state.closing || !state.link.is_open()) {
-                continue;
-            }
-            hold(state);
-            // An older connection to this scheduler, held by another process, gets the same messages.
-            if (!state.held->is_held() &&
-                held_connection::older_exists(state.key, state.link.connecting_at())) {
-                drop(host);
-                on_closed(host);
-            }
-        }
-        // Nothing more comes when the last one was dropped.
-        const bool goes_on = std::any_of(hosts_.begin(), hosts_.end(), is_closing);
-        step({}, goes_on ? clock::time_point::max() : clock::now());
-        mailbox_.leave();
     }
 }
 

@@ -1,4 +1,4 @@
-// The agent of one process. It drives the connections to one host or many, in one thread with poll, and owns the
+// The agent of one process. It drives the connections to one host or many, in one thread with epoll, and owns the
 // mailbox. Every message that a scheduler hands over is in the mailbox before anybody sees it, and every connection
 // ends with a last `status`.
 #pragma once
@@ -8,6 +8,7 @@
 #include "mail/mailbox.h"
 #include "net/host_link.h"
 #include "protocol/login.h"
+#include "term/descriptor.h"
 
 #include <deque>
 #include <functional>
@@ -82,6 +83,9 @@ public:
     // These messages were written to the operator's output: they leave the mailbox.
     void shown(const std::vector<std::uint64_t>& ids);
 
+    // These are not shown, because nobody waits for their answer any more: the next `status` has them.
+    void put_back(const std::vector<std::uint64_t>& ids);
+
     // Hands the messages in the mailbox to the listener as the answer of this request, without a connection. Its
     // ended() says `how`.
     void fetch_stored(std::size_t host, std::uint32_t request, outcome how);
@@ -129,41 +133,43 @@ private:
 
     void schedule(std::size_t host);
     clock::time_point start_ready();
+    bool waits_for_room();
     bool takes_place(const host_state& state, clock::time_point now) const;
     bool start(std::size_t host, std::size_t answers);
     bool waits_for_older(host_state& state);
     void begin(std::size_t host, std::vector<std::string> words);
-    void ask_final(std::size_t host);
-    void drop(std::size_t host);
-    void poll_links(std::span<pollfd> others, clock::time_point until);
+    void watch(std::size_t host);
+    void handle_ready();
     void expire_late();
     void update(std::size_t host);
     void on_ended(std::size_t host, command_result end);
     void on_late(std::size_t host);
-    void on_closed(std::size_t host);
-    void hold(host_state& state);
     void remember_login(const host_state& state);
+    // In agent/closing.cpp:
+    void ask_final(std::size_t host);
+    void drop(std::size_t host);
+    void on_closed(std::size_t host);
+    static void hold(host_state& state);
     // In agent/answers.cpp:
     bool deliver_status(std::size_t host, bool complete);
     void deliver_stored(std::size_t host, std::uint32_t request);
     void deliver_instead(std::size_t host);
     void add_stored(std::size_t host, status_answer& answer);
-    void store_messages(std::size_t host, status_answer& answer);
+    void store_messages(std::size_t host, const std::vector<std::size_t>& messages, status_answer& answer);
 
     const agent_options how_;
     const agent_listener listener_;
     const std::size_t parallel_;
-    const std::size_t most_open_;  // connections, of which no more are made for silent hosts
+    const std::size_t most_open_;  // connections
     const std::chrono::seconds module_silence_;
     password_store passwords_;
     mailbox mailbox_;
     bool is_finishing_ = false;  // nobody can be asked for a password
     std::deque<host_state> hosts_;
-    std::deque<std::size_t> ready_;          // hosts whose next command waits for its start
-    std::set<std::size_t> active_;           // hosts whose link is not closed
-    std::vector<pollfd> polled_;             // kept between calls, to allocate only once
-    std::vector<std::size_t> polled_hosts_;  // the hosts at the end of polled_
-    clock::time_point first_deadline_{};     // of all links, at the last poll
+    std::deque<std::size_t> ready_;  // hosts whose next command waits for its start
+    std::set<std::size_t> active_;   // hosts whose link is not closed
+    descriptor events_;              // of epoll: all links, and the look-ups
+    clock::time_point first_deadline_ = clock::time_point::max();  // no link has an earlier one
 };
 
 // Returns the milliseconds left, for poll(2): -1 for clock::time_point::max(), else at most an hour.

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <climits>
 #include <functional>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <sys/socket.h>
@@ -13,20 +14,6 @@
 #include <tuple>
 #include <unistd.h>
 #include <utility>
-
-namespace nlohmann {
-
-template <>
-struct adl_serializer<std::optional<std::string>> {
-    static void to_json(json& to, const std::optional<std::string>& text) {
-        to = text ? json(*text) : json();
-    }
-    static void from_json(const json& from, std::optional<std::string>& text) {
-        text = from.is_null() ? std::nullopt : std::optional(from.get<std::string>());
-    }
-};
-
-}  // namespace nlohmann
 
 namespace client {
 
@@ -43,7 +30,7 @@ namespace {
 
 using json = nlohmann::json;
 
-enum class call { ask, cancel, close, shown, fetch_stored, password };            // of the front
+enum class call { ask, cancel, close, shown, put_back, fetch_stored, password };  // of the front
 enum class event { output, status, ended, late, closed, password_needed, left };  // of the agent
 
 template <typename name, typename... argument>
@@ -60,9 +47,13 @@ void carry_out(const std::function<void(argument...)>& function, const json& arg
     std::apply(function, values);
 }
 
+using handler = std::function<void(const json& arguments)>;
+
 template <typename... argument>
-void carry_out(agent& of, void (agent::*function)(argument...), const json& arguments) {
-    carry_out(std::function<void(argument...)>(std::bind_front(function, &of)), arguments);
+handler calling(agent& of, void (agent::*function)(argument...)) {
+    return [&of, function](const json& arguments) {
+        carry_out(std::function<void(argument...)>(std::bind_front(function, &of)), arguments);
+    };
 }
 
 // The agent's half of the conversation with its front.
@@ -77,10 +68,14 @@ public:
             agent_.step(front, agent::clock::time_point::max());
             front_lives = front[0].revents == 0 || channel_.update();
             while (std::optional<std::string> frame = channel_.next()) {
-                handle(*frame);
+                const json values = json::from_cbor(*frame);
+                handlers_.at(values[0])(values[1]);
             }
         }
-        agent_.finish([this] { send(channel_, event::left); });
+        agent_.finish([this] {
+            send(channel_, event::left);
+            channel_.flush();
+        });
     }
 
 private:
@@ -92,27 +87,21 @@ private:
                 forward(event::late),   forward(event::closed), forward(event::password_needed)};
     }
 
-    void handle(const std::string& frame) {
-        const json values = json::from_cbor(frame);
-        const json& arguments = values[1];
-        switch (values[0].get<call>()) {
-            case call::ask:
-                return carry_out(agent_, &agent::ask, arguments);
-            case call::cancel:
-                return carry_out(agent_, &agent::cancel, arguments);
-            case call::close:
-                return carry_out(agent_, &agent::close, arguments);
-            case call::shown:
-                return carry_out(agent_, &agent::shown, arguments);
-            case call::fetch_stored:
-                return carry_out(agent_, &agent::fetch_stored, arguments);
-            case call::password:
-                return carry_out(agent_, &agent::password, arguments);
-        }
-    }
-
     channel channel_;
     agent agent_;
+    const std::map<call, handler> handlers_ = {
+        {call::ask, calling(agent_, &agent::ask)},
+        {call::cancel, calling(agent_, &agent::cancel)},
+        {call::close, calling(agent_, &agent::close)},
+        {call::shown, calling(agent_, &agent::shown)},
+        {call::put_back, calling(agent_, &agent::put_back)},
+        {call::fetch_stored, calling(agent_, &agent::fetch_stored)},
+        {call::password,
+         [this](const json& arguments) {
+             agent_.password(arguments[0],
+                             arguments[2] ? std::optional<std::string>(arguments[1]) : std::nullopt);
+         }},
+    };
 };
 
 // Closes what the process has inherited, such as the lock file of a script: it must not stay open as long as the agent
@@ -183,8 +172,12 @@ void agent_client::shown(const std::vector<std::uint64_t>& ids) {
     send(channel_, call::shown, ids);
 }
 
+void agent_client::put_back(const std::vector<std::uint64_t>& ids) {
+    send(channel_, call::put_back, ids);
+}
+
 void agent_client::password(std::size_t host, const std::optional<std::string>& text) {
-    send(channel_, call::password, host, text);
+    send(channel_, call::password, host, text.value_or(""), text.has_value());
 }
 
 void agent_client::step(std::span<pollfd> others, clock::time_point until) {
@@ -210,7 +203,7 @@ void agent_client::handle(const std::string& frame) {
         case event::output:
             return carry_out(listener_.output, arguments);
         case event::status:
-            return carry_out(listener_.status, arguments);
+            return take_status(arguments[0], arguments[1].get<status_answer>());
         case event::ended:
             return carry_out(listener_.ended, arguments);
         case event::late:
@@ -223,6 +216,14 @@ void agent_client::handle(const std::string& frame) {
         case event::left:
             left_ = true;
     }
+}
+
+// What comes behind our last call is left to others: we could not report that it is shown.
+void agent_client::take_status(std::size_t host, status_answer answer) const {
+    if (is_ended_) {
+        std::erase_if(answer.lines, [](const status_line& line) { return line.id != 0; });
+    }
+    listener_.status(host, answer);
 }
 
 void agent_client::finish(std::span<pollfd> others) {
@@ -238,6 +239,7 @@ void agent_client::finish(std::span<pollfd> others) {
         }
     };
     step_until([this] { return std::find(closed_.begin(), closed_.end(), false) == closed_.end(); });
+    is_ended_ = true;
     channel_.end();
     step_until([this] { return left_; });
 }

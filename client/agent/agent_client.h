@@ -23,6 +23,7 @@ public:
     void cancel(std::size_t host, std::uint32_t request);
     void close(std::size_t host);
     void shown(const std::vector<std::uint64_t>& ids);
+    void put_back(const std::vector<std::uint64_t>& ids);
     void password(std::size_t host, const std::optional<std::string>& text);
 
     const std::vector<host_name>& hosts() const { return hosts_; }
@@ -40,12 +41,14 @@ public:
 
 private:
     void handle(const std::string& frame);
+    void take_status(std::size_t host, status_answer answer) const;
 
     const std::vector<host_name> hosts_;
     const agent_listener listener_;
     channel channel_;
     std::uint32_t last_request_ = 0;
     std::vector<bool> closed_;  // or held, since its last close()
+    bool is_ended_ = false;     // the agent gets no more calls
     bool left_ = false;
 };
 

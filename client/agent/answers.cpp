@@ -17,6 +17,14 @@ std::uint64_t tagged(std::size_t host, std::uint64_t id) {
     return (static_cast<std::uint64_t>(host) << tag_shift) | id;
 }
 
+std::map<std::size_t, std::vector<std::uint64_t>> by_host(const std::vector<std::uint64_t>& ids) {
+    std::map<std::size_t, std::vector<std::uint64_t>> sorted;
+    for (const std::uint64_t id : ids) {
+        sorted[id >> tag_shift].push_back(id & ((std::uint64_t{1} << tag_shift) - 1));
+    }
+    return sorted;
+}
+
 }  // namespace
 
 // Returns false when the answer is complete but is no status.
@@ -31,14 +39,18 @@ bool agent::deliver_status(std::size_t host, bool complete) {
     }
     bool is_valid = true;
     bool has_date = false;
+    std::vector<std::size_t> messages;  // where they are in the answer
     each_line(std::exchange(state.status_text, {}), [&](const std::string& line) {
         const status_line_kind kind = kind_of(line);
         is_valid = is_valid && kind != status_line_kind::unknown;
         has_date = has_date || line.starts_with("confdate ");
+        if (kind == status_line_kind::message || kind == status_line_kind::lost) {
+            messages.push_back(answer.lines.size());
+        }
         answer.lines.push_back({0, line});
     });
     answer.complete = complete && is_valid && has_date;
-    store_messages(host, answer);
+    store_messages(host, messages, answer);
     listener_.status(host, answer);
     return answer.complete;
 }
@@ -68,12 +80,15 @@ void agent::fetch_stored(std::size_t host, std::uint32_t request, outcome how) {
 }
 
 void agent::shown(const std::vector<std::uint64_t>& ids) {
-    std::map<std::size_t, std::vector<std::uint64_t>> by_host;
-    for (const std::uint64_t id : ids) {
-        by_host[id >> tag_shift].push_back(id & ((std::uint64_t{1} << tag_shift) - 1));
-    }
-    for (const auto& [host, numbers] : by_host) {
+    for (const auto& [host, numbers] : by_host(ids)) {
         mailbox_.shown(hosts_[host].key, numbers);
+    }
+}
+
+void agent::put_back(const std::vector<std::uint64_t>& ids) {
+    for (const auto& [host, numbers] : by_host(ids)) {
+        mailbox_.put_back(hosts_[host].key, numbers);
+        hosts_[host].looked.reset();
     }
 }
 
@@ -93,20 +108,16 @@ void agent::add_stored(std::size_t host, status_answer& answer) {
     }
 }
 
-void agent::store_messages(std::size_t host, status_answer& answer) {
+void agent::store_messages(std::size_t host, const std::vector<std::size_t>& messages,
+                           status_answer& answer) {
     host_state& state = hosts_[host];
-    std::vector<std::string> lines;
-    std::vector<status_line*> places;
-    for (status_line& line : answer.lines) {
-        const status_line_kind kind = kind_of(line.text);
-        if (line.id == 0 && (kind == status_line_kind::message || kind == status_line_kind::lost)) {
-            lines.push_back(line.text);
-            places.push_back(&line);
-        }
-    }
-    if (lines.empty()) {
+    if (messages.empty()) {
         answer.totals = counters_of(state.key).totals;
         return;
+    }
+    std::vector<std::string> lines;
+    for (const std::size_t at : messages) {
+        lines.push_back(answer.lines[at].text);
     }
     // Nobody shows the messages of an answer that was given up, or those before a `restart`. The next answer has them.
     const bool is_shown = !state.given_up && (state.asks_status() || state.final_asked);
@@ -117,7 +128,7 @@ void agent::store_messages(std::size_t host, status_answer& answer) {
     const std::vector<std::uint64_t> ids =
         mailbox_.store(state.key, state.link.address(), lines, shows, answer.totals, answer.unstored);
     for (std::size_t i = 0; i < ids.size(); ++i) {
-        places[i]->id = tagged(host, ids[i]);
+        answer.lines[messages[i]].id = tagged(host, ids[i]);
     }
 }
 

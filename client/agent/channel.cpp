@@ -50,9 +50,10 @@ void channel::send_waiting() {
 }
 
 void channel::flush() {
-    while (send_waiting(), !out_.empty()) {
-        pollfd ready{fd(), POLLOUT, 0};
-        poll(&ready, 1, -1);
+    pollfd ready{fd(), POLLOUT, 0};
+    const auto limit = std::chrono::steady_clock::now() + close_timeout;
+    while (send_waiting(), !out_.empty() && std::chrono::steady_clock::now() < limit) {
+        poll(&ready, 1, 10);
     }
 }
 

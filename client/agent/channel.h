@@ -24,10 +24,10 @@ public:
     // all that it sent was read.
     bool update();
 
-    // Sends what waits, with waiting.
+    // Sends what waits; waits for a reader at most close_timeout.
     void flush();
 
-    // Tells the other side that nothing more comes; its update() then returns false. It can still send.
+    // The same, and tells the other side that nothing more comes; its update() then returns false. It can still send.
     void end();
 
     // The next frame that has come whole.

@@ -29,8 +29,10 @@ void spill_queue::add(std::string_view text) {
     }
     if (!file_.is_open()) {
         const char* directory = std::getenv("TMPDIR");
-        file_.reset(
-            open(directory != nullptr ? directory : "/tmp", O_RDWR | O_APPEND | O_TMPFILE | O_CLOEXEC, 0600));
+        std::string path = std::string(directory != nullptr ? directory : "/tmp") + "/schedctl.XXXXXX";
+        file_.reset(mkostemp(path.data(), O_APPEND | O_CLOEXEC));
+        unlink(
+            path.c_str());  // fails when there is no file; not every file system can make one without a name
     }
     if (!file_.is_open() || !write_all(file_.get(), text)) {
         fail();

@@ -150,14 +150,7 @@ bool mailbox::is_alive(const std::string& owner) {
         return false;
     }
     state_file file(state_directory() + "/live/" + owner, state_file::access::update);
-    if (!file.is_open()) {
-        return false;
-    }
-    if (!file.lock()) {
-        return !file.is_removed();
-    }
-    file.remove();  // of a process that was killed
-    return false;
+    return file.is_open() && !file.remove_dead();
 }
 
 // True for what no other living process shows, of a kind that this process shows.
@@ -201,7 +194,7 @@ std::vector<stored_message> mailbox::look(const std::string& key) {
     return found;
 }
 
-void mailbox::shown(const std::string& key, const std::vector<std::uint64_t>& ids) {
+void mailbox::settle(const std::string& key, const std::vector<std::uint64_t>& ids, bool were_shown) {
     for (const std::string& path : boxes_of(key)) {
         std::string problem;
         std::optional<box> from = box::open_path(path, problem);
@@ -210,7 +203,7 @@ void mailbox::shown(const std::string& key, const std::vector<std::uint64_t>& id
         }
         for (box::record& r : from->records()) {
             if (r.waits && r.owner == name_ && std::find(ids.begin(), ids.end(), r.id) != ids.end()) {
-                from->remove(r);
+                static_cast<void>(were_shown ? from->remove(r) : from->set_owner(r, ""));
             }
         }
         from->clean();

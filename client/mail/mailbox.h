@@ -53,7 +53,10 @@ public:
     std::vector<stored_message> look(const std::string& key);
 
     // These messages, stored or taken by this process, were shown.
-    void shown(const std::string& key, const std::vector<std::uint64_t>& ids);
+    void shown(const std::string& key, const std::vector<std::uint64_t>& ids) { settle(key, ids, true); }
+
+    // They are not: any process may take them at once.
+    void put_back(const std::string& key, const std::vector<std::uint64_t>& ids) { settle(key, ids, false); }
 
     // Number of messages that wait for this scheduler and are not another living process's.
     std::size_t waiting(const std::string& key) { return look(key).size(); }
@@ -72,6 +75,7 @@ private:
     bool name_own(const std::function<bool(const std::string& path)>& make, std::string& problem);
     bool open_own(std::string& problem);
     void remove_dead();
+    void settle(const std::string& key, const std::vector<std::uint64_t>& ids, bool were_shown);
     bool is_for_us(const box::record& r);
     bool is_alive(const std::string& owner);
 

@@ -2,6 +2,7 @@
 
 #include "mail/replace_file.h"
 #include "mail/state_path.h"
+#include "term/text.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -67,18 +68,7 @@ std::string state_file::read() const {
 }
 
 bool state_file::write_at(std::uint64_t offset, std::string_view bytes) const {
-    while (!bytes.empty()) {
-        const ssize_t n = pwrite(fd(), bytes.data(), bytes.size(), static_cast<off_t>(offset));
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return false;
-        }
-        offset += static_cast<std::uint64_t>(n);
-        bytes.remove_prefix(static_cast<std::size_t>(n));
-    }
-    return true;
+    return lseek(fd(), static_cast<off_t>(offset), SEEK_SET) >= 0 && write_all(fd(), bytes);
 }
 
 bool state_file::reserve(std::uint64_t from, std::uint64_t to) const {
@@ -88,6 +78,14 @@ bool state_file::reserve(std::uint64_t from, std::uint64_t to) const {
 
 bool state_file::truncate(std::uint64_t size) const {
     return ftruncate(fd(), static_cast<off_t>(size)) == 0;
+}
+
+bool state_file::remove_dead() {
+    if (flock(fd(), LOCK_SH | LOCK_NB) == 0) {
+        remove();  // of a process that was killed
+        return true;
+    }
+    return is_removed();
 }
 
 void state_file::remove() {

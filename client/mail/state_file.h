@@ -29,8 +29,9 @@ public:
     // meanwhile. The lock ends with this object.
     bool lock(std::chrono::steady_clock::time_point until = {});
 
-    // It has no name any more.
-    bool is_removed() const;
+    // For a file by which a process shows that it lives, as it keeps it locked. Returns true when it does not live any
+    // more: then the file is removed. Processes that look at the same time do not take each other for the owner.
+    bool remove_dead();
 
     std::string read() const;
     bool write_at(std::uint64_t offset, std::string_view bytes) const;  // false with errno
@@ -40,6 +41,8 @@ public:
     bool move_to(const std::string& path);                              // false with errno when it exists
 
 private:
+    bool is_removed() const;  // it has no name any more
+
     std::string path_;
     descriptor file_;
     int error_ = 0;

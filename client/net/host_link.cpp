@@ -91,10 +91,9 @@ void host_link::ask(std::vector<std::string> words) {
 
 void host_link::on_looked_up() {
     if (lookup_ && lookup_->is_done()) {
-        std::string problem;
-        std::vector<in_addr> found = lookup_->addresses(problem);
+        const name_lookup::answer found = lookup_->take();
         lookup_.reset();
-        on_resolved(std::move(found), problem);
+        on_resolved(found.addresses, found.problem);
     }
 }
 

@@ -24,25 +24,22 @@ std::string_view trimmed(std::string_view text) {
     return text.substr(first, text.find_last_not_of(blanks) - first + 1);
 }
 
-// Adds hosts to a list, each only once: a host that is named twice would get the command twice.
-class host_adder {
-public:
-    host_adder(std::uint16_t port, std::vector<host_name>& hosts) : port_(port), hosts_(hosts) {
-        for (const host_name& host : hosts) {
-            known_.insert(key_of(host));
-        }
-    }
+// A list to which each host is added only once: a host that is named twice would get the command twice.
+struct host_adder {
+    const std::uint16_t port;
+    std::vector<host_name>& hosts;
+    std::set<std::string> known = {};
 
     bool add(std::string_view entry, std::string_view tags, std::string& problem) {
-        host_name host{std::string(entry), std::string(entry.substr(0, entry.find(':'))), port_,
-                       std::string(tags)};
+        const std::size_t colon = std::min(entry.find(':'), entry.size());
+        const std::string_view digits = entry.substr(std::min(colon + 1, entry.size()));
+        host_name host{std::string(entry), std::string(entry.substr(0, colon)), port, std::string(tags)};
         for (char& c : host.name) {
             c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
         }
         // Two names in one entry would be looked up as one name.
         bool good = !host.name.empty() && entry.find_first_of(" \t,") == std::string_view::npos;
-        if (const std::size_t colon = entry.find(':'); colon != std::string_view::npos) {
-            const std::string_view digits = entry.substr(colon + 1);
+        if (colon != entry.size()) {
             const auto [end, error] =
                 std::from_chars(digits.data(), digits.data() + digits.size(), host.port);
             // from_chars stops at the first character that is no digit, so the end is checked too.
@@ -50,16 +47,11 @@ public:
         }
         if (!good) {
             problem = "\"" + host.label + "\" is not name[:port]";
-        } else if (known_.insert(key_of(host)).second) {
-            hosts_.push_back(std::move(host));
+        } else if (known.insert(key_of(host)).second) {
+            hosts.push_back(std::move(host));
         }
         return good;
     }
-
-private:
-    std::uint16_t port_;
-    std::vector<host_name>& hosts_;
-    std::set<std::string> known_;
 };
 
 // Returns the first of the tags that is not name=value, such as a second host in the line; empty when all are.
@@ -103,18 +95,15 @@ std::string key_of(const host_name& host) {
 
 bool add_hosts(std::string_view list, std::uint16_t port, std::vector<host_name>& hosts,
                std::string& problem) {
-    host_adder adder(port, hosts);
-    for (;;) {
-        const std::size_t comma = list.find(',');
+    host_adder adder{port, hosts};
+    while (!list.empty()) {
+        const std::size_t comma = std::min(list.find(','), list.size());
         const std::string_view entry = trimmed(list.substr(0, comma));
         // A script that joins names may leave a comma at the end; empty entries do no harm.
         if (!entry.empty() && !adder.add(entry, "", problem)) {
             return false;
         }
-        if (comma == std::string_view::npos) {
-            break;
-        }
-        list.remove_prefix(comma + 1);
+        list.remove_prefix(std::min(comma + 1, list.size()));
     }
     if (hosts.empty()) {
         problem = "no host is named";
@@ -130,7 +119,7 @@ bool read_hosts(const std::string& file, std::uint16_t port, std::vector<host_na
         opened.open(file);
     }
     std::istream& input = file == "-" ? std::cin : opened;
-    host_adder adder(port, hosts);
+    host_adder adder{port, hosts};
     int number = 0;
     for (std::string line; std::getline(input, line);) {
         if (++number == 1 && line.starts_with(byte_order_mark)) {

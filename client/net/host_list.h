@@ -18,7 +18,7 @@ struct host_name {
 // Returns "NAME:PORT", by which the mailbox and the state files know a scheduler. localhost and 127.0.0.1 give the same.
 std::string key_of(const host_name& host);
 
-// Adds the hosts of a comma-separated list, each only once. Returns false when an entry is not name[:port]; problem
+// Puts the hosts of a comma-separated list into `hosts`, which is empty, each only once. Returns false when an entry is not name[:port]; problem
 // then names it. port is for entries without one.
 bool add_hosts(std::string_view list, std::uint16_t port, std::vector<host_name>& hosts,
                std::string& problem);

@@ -10,86 +10,72 @@
 
 namespace client {
 
-struct name_lookup::question {
-    void look_up();
+namespace {
 
-    const std::string name;
-    std::vector<in_addr> addresses = {};
-    std::string problem = {};
-    bool is_done = false;  // guarded by the lock of the questions; after that the answer does not change
-};
-
-void name_lookup::question::look_up() {
+name_lookup::answer look_up(const std::string& name) {
     addrinfo wanted{};
     wanted.ai_family = AF_INET;
     wanted.ai_socktype = SOCK_STREAM;
     addrinfo* found = nullptr;
     if (const int error = getaddrinfo(name.c_str(), nullptr, &wanted, &found); error != 0) {
-        problem = gai_strerror(error);
-        return;
+        return {{}, gai_strerror(error)};
     }
+    name_lookup::answer result;
     for (const addrinfo* a = found; a != nullptr; a = a->ai_next) {
-        addresses.push_back(reinterpret_cast<const sockaddr_in*>(a->ai_addr)->sin_addr);
+        result.addresses.push_back(reinterpret_cast<const sockaddr_in*>(a->ai_addr)->sin_addr);
     }
     freeaddrinfo(found);
+    return result;
 }
 
-struct name_lookup::all_questions {
-    static constexpr std::size_t max_threads = 16;  // more would only load the name server
+constexpr std::size_t max_threads = 16;  // more would only load the name server
 
-    void work();
-
+// Of all look-ups that wait for a thread.
+struct question_queue {
     std::mutex lock;  // guards the fields below
-    std::deque<std::shared_ptr<question>> waiting;
+    std::deque<std::packaged_task<name_lookup::answer()>> waiting;
     std::size_t threads = 0;
 };
 
-void name_lookup::all_questions::work() {
-    std::unique_lock guard(lock);
-    while (!waiting.empty()) {
-        const std::shared_ptr<question> next = std::move(waiting.front());
-        waiting.pop_front();
+// Never destroyed: a thread that is blocked in the resolver ends with the process.
+question_queue& questions() {
+    static question_queue& all = *new question_queue;
+    return all;
+}
+
+void work() {
+    question_queue& all = questions();
+    std::unique_lock guard(all.lock);
+    while (!all.waiting.empty()) {
+        std::packaged_task<name_lookup::answer()> next = std::move(all.waiting.front());
+        all.waiting.pop_front();
         // The lock is not held during the look-up, which may take long.
         guard.unlock();
-        next->look_up();
+        next();
+        eventfd_write(name_lookup::event(), 1);
         guard.lock();
-        next->is_done = true;
-        eventfd_write(event(), 1);
     }
-    --threads;
+    --all.threads;
 }
 
-// Never destroyed: a thread that is blocked in the resolver ends with the process.
-name_lookup::all_questions& name_lookup::all() {
-    static all_questions& questions = *new all_questions;
-    return questions;
-}
+}  // namespace
 
-name_lookup::name_lookup(std::string name) : asked_(new question{std::move(name)}) {
-    const std::lock_guard guard(all().lock);
-    all().waiting.push_back(asked_);
-    if (all().threads == all_questions::max_threads) {
+name_lookup::name_lookup(const std::string& name) {
+    question_queue& all = questions();
+    const std::lock_guard guard(all.lock);
+    answer_ = all.waiting.emplace_back([name] { return look_up(name); }).get_future();
+    if (all.threads == max_threads) {
         return;
     }
     // When a further thread cannot be created, the existing ones answer the question later.
     try {
-        std::thread([] { all().work(); }).detach();
-        ++all().threads;
+        std::thread(work).detach();
+        ++all.threads;
     } catch (const std::system_error&) {
-        if (all().threads == 0) {
+        if (all.threads == 0) {
             throw;
         }
     }
-}
-
-bool name_lookup::is_done() const {
-    const std::lock_guard guard(all().lock);
-    return asked_->is_done;
-}
-
-std::vector<in_addr> name_lookup::addresses(std::string& problem) const {
-    problem = asked_->problem;
-    return asked_->addresses;
 }
 
 int name_lookup::event() {

@@ -2,6 +2,7 @@
 
 #include "term/text.h"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace client {
@@ -82,19 +83,17 @@ std::vector<hmi_row> parse_show_ip(std::string_view answer) {
         // The user's name may contain any text that a client sent, so it is all between the two marks.
         const std::size_t user = line.find(" user=");
         const std::size_t login = line.rfind(" login=");
-        int day[6];
         if (!line.starts_with("ip=") || user == std::string::npos || login == std::string::npos ||
-            login < user + 6 ||
-            std::sscanf(line.c_str() + login, " login=%d/%d/%d %d:%d:%d", day, day + 1, day + 2, day + 3,
-                        day + 4, day + 5) != 6) {
+            login < user + 6) {
             return;
         }
-        // Six numbers of any value fit; they are not checked.
-        char text[96];
-        std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d", day[0], day[1], day[2], day[3],
-                      day[4], day[5]);
-        rows.push_back({line.substr(3, user - 3), line.substr(user + 6, login - user - 6), text,
-                        line.ends_with(" locked=1")});
+        std::string date = line.substr(login + 7, date_length - 6);  // "2026/11/16 15:47:03"
+        std::replace(date.begin(), date.end(), '/', '-');
+        std::replace(date.begin(), date.end(), ' ', 'T');
+        if (seconds_of(date + "+00:00")) {
+            rows.push_back({line.substr(3, user - 3), line.substr(user + 6, login - user - 6), date,
+                            line.ends_with(" locked=1")});
+        }
     });
     return rows;
 }

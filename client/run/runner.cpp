@@ -72,7 +72,7 @@ int command_runner::run(const std::vector<std::string>& words) {
 void command_runner::start(std::size_t host) {
     host_state& state = states_[host];
     state.kept.clear();
-    state.ids.clear();
+    state.lines.clear();
     state.filter = printable_text();
     std::string line;
     if (const std::optional<std::string> problem = join_words(words_, line)) {
@@ -197,8 +197,14 @@ void command_runner::take_output(std::size_t host, std::uint32_t request, std::s
 void command_runner::take_status(std::size_t host, const status_answer& answer) {
     const bool is_wanted = answer.request != 0 && answer.request == states_[host].request;
     report_trouble(host, answer, is_wanted);
-    if (is_wanted) {  // else its messages wait in the mailbox
+    if (is_wanted) {
         show(host, answer);
+    } else if (answer.request != 0) {  // it was given up when it was on its way
+        std::vector<std::uint64_t> ids;
+        for (const status_line& line : answer.lines) {
+            ids.push_back(line.id);
+        }
+        agent_.put_back(ids);
     }
 }
 
@@ -208,7 +214,7 @@ void command_runner::show(std::size_t host, const status_answer& answer) {
         const std::string text = line.text + "\n";
         if (how_.convert != nullptr) {
             state.kept += text;
-            state.ids.push_back(line.id);
+            state.lines.push_back(line);
         } else {
             output_.add(host, terminal_ ? state.filter.clean(text) : text);
             output_.mark(host, line.id);
@@ -216,8 +222,7 @@ void command_runner::show(std::size_t host, const status_answer& answer) {
     }
 }
 
-// What the operator must know of an answer besides its lines. Messages that are neither shown nor stored are written
-// here, because the scheduler does not send them again.
+// What the operator must know of an answer besides its lines.
 void command_runner::report_trouble(std::size_t host, const status_answer& answer, bool is_shown) const {
     const std::string label = label_of(host, false);
     each_line(answer.notice, [&label](const std::string& line) {
@@ -227,9 +232,17 @@ void command_runner::report_trouble(std::size_t host, const status_answer& answe
         return;
     }
     std::fprintf(stderr, "schedctl: %scannot store messages: %s\n", label.c_str(), answer.unstored.c_str());
-    for (const status_line& line : answer.lines) {
-        if (!is_shown && line.id == 0 && parse_status(line.text).conditions.empty()) {
-            std::fprintf(stderr, "%s%s\n", label.c_str(), printable_text().clean(line.text).c_str());
+    if (!is_shown) {
+        print_unstored(host, answer.lines);
+    }
+}
+
+// Messages that are neither shown nor stored: the scheduler does not send them again.
+void command_runner::print_unstored(std::size_t host, const std::vector<status_line>& lines) const {
+    for (const status_line& line : lines) {
+        if (line.id == 0 && parse_status(line.text).conditions.empty()) {
+            std::fprintf(stderr, "%s%s\n", label_of(host, false).c_str(),
+                         printable_text().clean(line.text).c_str());
         }
     }
 }
@@ -264,9 +277,11 @@ void command_runner::finish_host(std::size_t host, const command_result& end) {
         const std::string object = over || !state.kept.empty() ? how_.convert(state.kept) : "";
         output_.add(host,
                     chosen_.several ? host_json(chosen_.hosts[host].label, object, describe(end)) : object);
-        for (const std::uint64_t id : state.ids) {
-            output_.mark(host, id);
+        for (const status_line& line : state.lines) {
+            output_.mark(host, line.id);
         }
+    } else {
+        print_unstored(host, state.lines);
     }
     if (words_ == std::vector<std::string>{"modcntl"} && over) {
         keep_modules(chosen_.hosts[host], state.kept);

@@ -60,7 +60,7 @@ private:
         std::uint32_t request = 0;  // under way; 0 for none
         command_result end;
         std::string kept;                // the answer, for JSON and for the list of modules
-        std::vector<std::uint64_t> ids;  // of the messages in it
+        std::vector<status_line> lines;  // the same of `status`, for JSON
         printable_text filter;
         std::size_t waiting = 0;  // messages that nobody was shown, when the connection was closed
     };
@@ -73,6 +73,7 @@ private:
     void take_status(std::size_t host, const status_answer& answer);
     void show(std::size_t host, const status_answer& answer);
     void report_trouble(std::size_t host, const status_answer& answer, bool is_shown) const;
+    void print_unstored(std::size_t host, const std::vector<status_line>& lines) const;
     void take_end(std::size_t host, std::uint32_t request, const command_result& end);
     void take_silence(std::size_t host, std::uint32_t request);
     void give_password(std::size_t host);

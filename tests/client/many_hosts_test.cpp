@@ -1,9 +1,10 @@
 // schedctl with several hosts: which hosts it asks, the order of their lines, and that a failing host does not hold up
 // the others.
-#include "agent/agent.h"
+#include "agent/agent_client.h"
 #include "e2e/harness.h"
 #include "net/host_link.h"
 #include "protocol/login.h"
+#include "scripted_scheduler.h"
 
 #include <arpa/inet.h>
 #include <csignal>
@@ -27,7 +28,6 @@ protected:
         first.module("slow", "sleep 0.5; printf 'one\\ntwo'");
         second.module("slow", "seq 100000; printf end");
         first.module("code", "exit 3");
-        first.module("stay", "touch " + first.path("called") + "; sleep 0.5");
         second.module("code", "exit 7");
         const auto wait_for = [this](const char* name) {
             return "while [ -e " + first.path("hosts") + " ] && [ ! -e " + first.path(name) + " ]; do sleep 0.02; done";
@@ -139,7 +139,7 @@ TEST_F(E2eManyHosts, WrongUseEndsWithAMessage) {
     }
 }
 
-TEST(HostLink, TriesEachIPv4AddressAndClosesThoseThatFail) {
+TEST(HostLink, TriesEachIPv4AddressAndUsesThoseThatComeLate) {
     const client::host_name where{"two", "two", static_cast<std::uint16_t>(free_port()), ""};
     const unique_fd listener = listen_on(where.port);  // of 127.0.0.1 only
     const auto descriptors = [] {
@@ -159,23 +159,65 @@ TEST(HostLink, TriesEachIPv4AddressAndClosesThoseThatFail) {
     }));
     EXPECT_GE(link.fd(), 0);
     EXPECT_EQ(descriptors(), before + 1);
+    client::host_link late({"late", "localhost", where.port, ""}, how, passwords, 0s);
+    late.ask({"status"});
+    late.expire();
+    pollfd found{client::name_lookup::event(), POLLIN, 0};
+    EXPECT_EQ(poll(&found, 1, 20'000), 1);
+    client::name_lookup::reset();
+    late.ask({"status"});
+    EXPECT_FALSE(late.is_resolving());
 }
 
-// A command is under way, so the last status comes later. A second close() waits for the same report.
-TEST_F(E2eManyHosts, EachCloseOfAHeldConnectionIsReported) {
+// A command is under way, so the last status comes later. What comes when the front has ended its calls is left to
+// others. A second close() waits for the same report, and ends the wait for a password that the front no longer gives.
+TEST_F(E2eManyHosts, HeldConnectionIsReportedAndKeepsItsMessages) {
     setenv("XDG_STATE_HOME", first.path("agent").c_str(), 1);
-    int held = 0;
+    const std::vector<client::host_name> hosts = {{"A", "127.0.0.1", static_cast<std::uint16_t>(first.port), ""}};
+    const pid_t stalled = first.scheduler();
+    int held = 0, asked = 0, shown = 0;
+    std::thread resume;
     client::agent_listener events;
+    events.status = [&](std::size_t, const client::status_answer& answer) {
+        for (const client::status_line& line : answer.lines) shown += line.id != 0 ? 1 : 0;
+    };
+    events.closed = [&](std::size_t, std::size_t, bool) {
+        if (resume.joinable()) return;
+        const pid_t agent = std::atoi(shell("pgrep -P " + std::to_string(getpid()) + " client_tests").c_str());
+        kill(agent, SIGSTOP);
+        kill(stalled, SIGCONT);
+        EXPECT_TRUE(wait_until([&] { return received_by(first.port, 3); }));
+        resume = std::thread([agent] { usleep(200'000), kill(agent, SIGCONT); });
+    };
+    events.ended = [](std::size_t, std::uint32_t, const client::command_result&) {};
+    events.password_needed = [&](std::size_t) { ++asked; };
+    client::agent_options how;
+    how.stored = client::stored_messages::taken;
+    first.event("E0101:fan\n");
+    first.await_events(1);
+    kill(stalled, SIGSTOP);
+    client::agent_client front(hosts, how, events);
+    front.ask(0, {"status"});
+    EXPECT_TRUE(wait_until([&] { return received_by(first.port, 2); }));
+    front.finish();
+    resume.join();
+    EXPECT_EQ(shown, 0);
+    EXPECT_TRUE(wait_until(
+        [&] { return client::mailbox(client::mail_kind::operators).waiting(client::key_of(hosts[0])) == 1; }));
+
     events.closed = [&](std::size_t, std::size_t, bool is_held) { held += is_held ? 1 : 0; };
-    client::agent agent({{"A", "127.0.0.1", static_cast<std::uint16_t>(first.port), ""}}, {}, events);
-    agent.ask(0, 1, {"stay"});
-    EXPECT_TRUE(wait_until([&] {
-        agent.step({}, std::chrono::steady_clock::now() + 10ms);
-        return std::filesystem::exists(first.path("called"));
-    }));
+    how.connect.source = "127.0.0.2";
+    kill(stalled, SIGSTOP);
+    client::agent agent(hosts, how, events);
+    const auto step = [&] { agent.step({}, std::chrono::steady_clock::now() + 10ms); };
+    agent.ask(0, 1, {"status"});
+    EXPECT_TRUE(wait_until([&] { return step(), received_by(first.port, 2); }));
     agent.close(0);
     agent.close(0);
     EXPECT_EQ(held, 2);
+    kill(stalled, SIGCONT);
+    EXPECT_TRUE(wait_until([&] { return step(), asked == 1; }));
+    agent.finish();
     unsetenv("XDG_STATE_HOME");
 }
 
@@ -190,8 +232,9 @@ TEST_F(E2eManyHosts, SilentHostNeitherDelaysNorLosesTheAnswersOfTheOthers) {
         double interrupt;  // seconds after the start
         std::string wanted;
     } cases[] = {
+        {"interrupt, and A has given its place to B", "--parallel 1 -H $A,$B status", 3,
+         answer + "stopped waiting\n124\n"},
         {"time-out", "-t 1 -H $A,$B status", 30, answer + "no answer in time\n206\n"},
-        {"interrupt", "-H $A,$B status", 0.5, answer + "stopped waiting\n124\n"},
         {"the others' JSON is not held back",
          "-t 2 -H $A,$B --json status 2>/dev/null | { read -r b; t=$(date +%s%N); read -r a;"
          " echo ${b##*E0101} $(($(date +%s%N) - t > 1000000000)) ${a##*error}; }",

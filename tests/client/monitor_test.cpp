@@ -91,8 +91,12 @@ TEST_F(E2eMonitor, CheckThatIsCutShortLosesNoMessage) {
     };
     raise("E0101:counted");
     ctl("check");
-    raise("E0101:while it hung");
     const pid_t frozen = suite.scheduler();
+    kill(frozen, SIGSTOP);
+    EXPECT_THAT(ctl("check & until a=$(pgrep -P $(pgrep -P $!)) 2>&-; do sleep 0.01; done; kill -9 $a; wait $!"),
+                EndsWith("code 3\n"));
+    kill(frozen, SIGCONT);
+    raise("E0101:while it hung");
     kill(frozen, SIGSTOP);
     EXPECT_THAT(ctl("-t 1 check"), AllOf(HasSubstr("SCHED UNKNOWN - no answer in time"), EndsWith("code 3\n")));
     EXPECT_THAT(ctl("-t 1 check --timeout-state critical"), EndsWith("code 2\n"));
@@ -102,7 +106,9 @@ TEST_F(E2eMonitor, CheckThatIsCutShortLosesNoMessage) {
     expect_once("while it hung");
     raise("E0101:when its caller was killed");
     kill(frozen, SIGSTOP);
-    shell(environment() + "timeout -s KILL 2 " SCHEDCTL_BINARY " check");  // ends the process group
+    const std::string lock = "flock -n " + suite.path("lock") + " ";  // of a script, which the agent does not keep
+    shell(environment() + lock + "timeout -s KILL 2 " SCHEDCTL_BINARY " check");  // ends the process group
+    EXPECT_EQ(shell(lock + "echo free"), "free\n");
     kill(frozen, SIGCONT);
     expect_once("when its caller was killed");
 }

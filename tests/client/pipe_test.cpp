@@ -203,17 +203,33 @@ TEST_F(E2eClientPipe, ReportsUnexpectedAnswers) {
     const std::string endless(3 << 20, 'x');
     const std::string no_status = "unusable answer: it is no status";
     const std::string too_long = "unusable answer: it is too long";
+    const std::string message = "2026-11-25T10:00:00+00:00;E0101:late\r\n";
     const struct {
         const char* name;
         std::string arguments;
         std::vector<std::vector<Exchange>> script;
         int code;
         std::string shown;  // on both outputs
+        std::string input = "";
+        std::string state = "state";
     } cases[] = {
+        {"messages before a restart",
+         "",
+         {{{"status", message + status}, {"restart\tsched", ""}}, {{"status", status}, {"status", status}}},
+         0,
+         message.substr(0, message.size() - 2) + "\n" + date,
+         "restart sched\nstatus\n"},
+        {"half an answer that cannot be stored",
+         "--json status",
+         {{{"status", message + date}}},
+         205,
+         "\n" + message.substr(0, message.size() - 2) + "\n",
+         "",
+         "in"},  // a file
         {"it ends between two requests", "ipset 10.0.0.5", {{{"ipset", over}}}, 205, "no connection: "},
         {"a message while a collector leaves",
          "check",
-         {{{"status", status}, {"status", "2026-11-25T10:00:00+00:00;E0101:late\r\n" + status}, {"quit", goodbye}}},
+         {{{"status", status}, {"status", message + status}, {"quit", goodbye}}},
          0,
          "newest message: E0101:late"},
         {"it ends in a line",
@@ -241,7 +257,8 @@ TEST_F(E2eClientPipe, ReportsUnexpectedAnswers) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         const ScriptedScheduler scheduler(suite.port, c.script);
-        const result got = ctl(suite, c.arguments);
+        const result got =
+            run(suite, "env XDG_STATE_HOME=" + suite.path(c.state) + " " SCHEDCTL_BINARY " " + c.arguments, c.input);
         EXPECT_EQ(got.code, c.code);
         EXPECT_THAT(got.out + got.err, HasSubstr(c.shown));
     }

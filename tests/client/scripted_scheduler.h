@@ -1,4 +1,4 @@
-// A scheduler that sends what a test has prepared.
+// A scheduler that sends what a test has prepared, and what the kernel holds for one.
 #pragma once
 
 #include "e2e/harness.h"
@@ -6,6 +6,14 @@
 #include <thread>
 
 namespace e2e {
+
+// Bytes of a connection to this port have come and were not read: at the scheduler's end (column 2), or at the client's
+// end (3).
+inline bool received_by(int port, int column) {
+    return !shell("awk '$" + std::to_string(column) + " ~ /:'$(printf %04X " + std::to_string(port) +
+                  ")'$/ && $4 == \"01\" && $5 !~ /:00000000/' /proc/net/tcp")
+                .empty();
+}
 
 struct Exchange {
     std::string request;  // how the line begins; another line fails the test

@@ -55,6 +55,7 @@ public:
         type(keys);
     }
 
+    pid_t pid() const { return pid_; }
     void get_signal(int number) const { kill(pid_, number); }
 
     void resize(unsigned short rows, unsigned short columns) const {

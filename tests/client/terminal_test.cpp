@@ -127,6 +127,24 @@ TEST_F(E2eClientTerminal, InterruptEndsTheWaitAndTheSessionGoesOn) {
     suite.start();
     screen.type("status\n");
     screen.expect("confdate");
+    screen.expect(prompt);
+    // The answer is on its way when the operator stops waiting for it.
+    const pid_t agent = std::atoi(shell("pgrep -P " + std::to_string(screen.pid())).c_str());
+    suite.event("E0101:fan\n");
+    suite.await_events(1);
+    const pid_t frozen = suite.scheduler();
+    kill(frozen, SIGSTOP);
+    screen.type("status\n");
+    EXPECT_TRUE(wait_until([&] { return received_by(suite.port, 2); }));
+    kill(agent, SIGSTOP);
+    kill(frozen, SIGCONT);
+    EXPECT_TRUE(wait_until([&] { return received_by(suite.port, 3); }));
+    screen.type("\x03");
+    screen.expect("[stopped waiting]");
+    kill(agent, SIGCONT);
+    screen.expect("(the answer given up earlier is complete)");
+    screen.type("status\n");
+    screen.expect("E0101:fan");
 }
 
 // Bytes that no request asked for, and a connection that is closed before the first answer.
