@@ -26,26 +26,22 @@ private:
     void polled(std::size_t host) override;
 
     std::vector<std::optional<snapshot>> followed_;
-    std::vector<bool> done_;
     std::size_t left_;  // hosts that are not done
 };
 
 collector::collector(const settings& chosen, bool with_details)
     : poller(chosen, collecting(chosen, stored_messages::looked_at), with_details),
-      followed_(chosen.hosts.size()),
-      done_(chosen.hosts.size()),
       left_(chosen.hosts.size()) {}
 
 // Messages that come later are stored, and the next call reports them.
 void collector::polled(std::size_t host) {
-    done_[host] = true;
     --left_;
     close(host);
 }
 
 std::vector<snapshot> collector::run(clock::time_point until) {
-    for (std::size_t host = 0; host < done_.size(); ++host) {
-        if ((followed_[host] = followed_state(hosts()[host]))) {
+    for (std::size_t host = 0; host < chosen_.hosts.size(); ++host) {
+        if (followed_.emplace_back(followed_state(chosen_.hosts[host]))) {
             polled(host);
         }
     }
@@ -53,10 +49,8 @@ std::vector<snapshot> collector::run(clock::time_point until) {
         step({}, until);
     }
     bool silent = false;
-    for (std::size_t host = 0; host < done_.size(); ++host) {
-        if (!done_[host]) {
-            late(host);
-        }
+    for (std::size_t host = 0; host < followed_.size(); ++host) {
+        late(host);  // unless it is done
         silent = silent || (!followed_[host] && known(host).failure == exit_silence);
     }
     // So that the next command finds the messages stored. A silent scheduler is left to the agent.
@@ -64,8 +58,8 @@ std::vector<snapshot> collector::run(clock::time_point until) {
         finish();
     }
     std::vector<snapshot> all;
-    for (std::size_t host = 0; host < done_.size(); ++host) {
-        all.push_back(followed_[host] ? *followed_[host] : known(host));
+    for (std::size_t host = 0; host < followed_.size(); ++host) {
+        all.push_back(followed_[host].value_or(known(host)));
     }
     return all;
 }

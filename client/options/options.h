@@ -28,6 +28,9 @@ struct settings {
     bool as_it_comes = false;  // true: output of several hosts is written as it arrives
     bool json = false;
 
+    // "LABEL: " before a line about this host, with several; else nothing.
+    std::string prefix_of(std::size_t host) const { return several ? hosts[host].label + ": " : ""; }
+
     // `watch` and `follow`
     unsigned interval = 2;      // seconds between two status requests
     bool level_prefix = false;  // lines of `follow` begin with their syslog priority

@@ -86,14 +86,13 @@ described_row describe(std::size_t host, const host_row& row, std::size_t label_
     constexpr std::size_t state_width = 20;
     const health state = health_of(row);
     described_row line{host, state, padded(row.label, label_width)};
-    const bool has_more = !row.newest.what.text.empty() || row.lost != 0;
-    line.text += has_more ? padded(state_text(row, state), state_width) : state_text(row, state);
+    line.text += padded(state_text(row, state), state_width);
     if (row.lost != 0) {
         line.text += "lost " + std::to_string(row.lost) + "  ";
     }
-    if (!row.newest.what.text.empty()) {
+    if (!row.newest.text.empty()) {
         line.message_at = line.text.size();
-        line.text += row.newest.what.date.substr(0, shown_date) + " " + row.newest.what.text;
+        line.text += row.newest.date.substr(0, shown_date) + " " + row.newest.text;
     }
     return line;
 }
@@ -138,10 +137,6 @@ std::string time_of_day() {
     return "  " + now_date().substr(11, 8) + "  ";
 }
 
-const char* colour_of(const message& m) {
-    return m.text.starts_with('E') ? red : m.text.starts_with('W') ? yellow : plain;
-}
-
 // Draws one row for each condition. When no row would be left for the heading and one message, the last conditions
 // share one row, with only their names.
 void draw_conditions(const std::vector<condition>& conditions, canvas& page) {
@@ -149,21 +144,23 @@ void draw_conditions(const std::vector<condition>& conditions, canvas& page) {
     const std::size_t free = page.rows_left() > rows_below ? page.rows_left() - rows_below : 0;
     const std::size_t single =
         conditions.size() <= free ? conditions.size() : std::max<std::size_t>(free, 1) - 1;
-    for (std::size_t i = 0; i < single; ++i) {
-        const condition& c = conditions[i];
-        char row[96];
-        std::snprintf(row, sizeof row, "%-9s %s  %s", c.name.c_str(), c.since.c_str(),
-                      age_of(c.since).c_str());
-        page.line(row, colour_of(health_of(c)));
-    }
     std::string names;
-    const char* colour = plain;
-    for (std::size_t i = single; i < conditions.size(); ++i) {
-        names += (names.empty() ? "" : ", ") + conditions[i].name;
-        colour = colour == red ? red : colour_of(health_of(conditions[i]));
+    const char* names_colour = plain;
+    for (std::size_t i = 0; i < conditions.size(); ++i) {
+        const condition& c = conditions[i];
+        const char* const colour = colour_of(health_of(c));
+        if (i < single) {
+            char row[96];
+            std::snprintf(row, sizeof row, "%-9s %s  %s", c.name.c_str(), c.since.c_str(),
+                          age_of(c.since).c_str());
+            page.line(row, colour);
+        } else {
+            names += (names.empty() ? "" : ", ") + c.name;
+            names_colour = names_colour == red ? red : colour;
+        }
     }
     if (!names.empty()) {
-        page.line(names, colour);
+        page.line(names, names_colour);
     }
 }
 
@@ -174,7 +171,7 @@ std::size_t draw_host(const host_row& host, const std::string& notice,
     canvas page;
     page.line(host.label + time_of_day() + "Ctrl-C quits", bold);
     if (!host.since.empty()) {
-        const bool is_silent = health_of(host) == health::silent;
+        const bool is_silent = host.known.failure == exit_silence;
         page.line(host.known.problem + (is_silent ? "; waiting" : "; trying again"), red);
     }
     if (!notice.empty()) {
@@ -184,8 +181,9 @@ std::size_t draw_host(const host_row& host, const std::string& notice,
     page.line("Messages: " + std::to_string(messages.size()), bold);
     const std::size_t shown = std::min(page.rows_left(), messages.size());
     for (std::size_t i = messages.size() - shown; i < messages.size(); ++i) {
-        const message& what = messages[i].received.what;
-        page.line(what.date + " " + what.text, colour_of(what));
+        const event& m = messages[i].what;
+        const bool warns = m.priority == warning_level && m.lost == 0;
+        page.line(m.date + " " + m.text, m.priority == error_level ? red : warns ? yellow : plain);
     }
     return page.show() ? shown : 0;
 }

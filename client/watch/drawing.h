@@ -15,14 +15,14 @@ struct host_row {
     std::string label;
     const snapshot& known;
     std::string since = {};  // date of the start of its outage; empty: it answers, or has not been asked yet
-    received_message newest = {};  // its text is empty before the first
-    unsigned long lost = 0;        // messages lost since the view began
+    event newest = {};       // its text is empty before the first
+    unsigned long lost = 0;  // messages lost since the view began
 };
 
 // A message in the list of a live view.
 struct listed_message {
     std::size_t host;
-    received_message received;
+    event what;
 };
 
 // Draws the host, a line for the operator (empty: none) and as many of the newest messages as fit. Returns the number

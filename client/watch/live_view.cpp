@@ -1,6 +1,7 @@
 #include "options/options.h"
 #include "protocol/limits.h"
 #include "term/screen.h"
+#include "term/signals.h"
 #include "watch/drawing.h"
 #include "watch/line_writer.h"
 #include "watch/poller.h"
@@ -25,11 +26,10 @@ public:
     int run();
 
 private:
-    void connected(std::size_t host, bool again) override;
     void received(std::size_t host, const status_answer& answer, const status_update& update) override;
     void failed(std::size_t host, const command_result& why, bool is_news) override;
     void polled(std::size_t /*host*/) override { news_ = true; }
-    std::optional<std::string> password(const host_name& host) override;
+    std::optional<std::string> password(std::size_t host) override;
 
     // The screen shows the view from the first answer on, with several hosts at once, until the operator ends it.
     enum class phase { before, shown, after };
@@ -42,9 +42,8 @@ private:
     void without_screen(const std::function<void()>& action);
     bool ended_by_key();
 
-    const settings& chosen_;
     signal_watch signals_;
-    line_writer out_{signals_};
+    line_writer out_;
     screen screen_;
     phase phase_ = phase::before;
     std::vector<host_row> rows_;
@@ -58,7 +57,6 @@ private:
 
 live_view::live_view(const settings& chosen)
     : poller(chosen, showing(chosen, mail_kind::operators), false),
-      chosen_(chosen),
       signals_([this] { without_screen([] { std::raise(SIGTSTP); }); }) {
     for (std::size_t number = 0; number < chosen.hosts.size(); ++number) {
         const host_name& host = chosen.hosts[number];
@@ -74,14 +72,13 @@ void live_view::begin() {
     }
 }
 
-void live_view::connected(std::size_t host, bool /*again*/) {
-    rows_[host].since.clear();
-    begin();
-}
-
 void live_view::received(std::size_t host, const status_answer& answer, const status_update& update) {
     host_row& row = rows_[host];
-    for (const received_message& m : update.messages) {
+    if (row.known.up) {
+        row.since.clear();
+        begin();
+    }
+    for (const event& m : update.messages) {
         row.lost += m.lost;
         row.newest = m.lost == 0 ? m : row.newest;
         if (phase_ == phase::after) {
@@ -104,9 +101,9 @@ void live_view::failed(std::size_t host, const command_result& /*why*/, bool /*i
     since = since.empty() ? now_date() : since;
 }
 
-std::optional<std::string> live_view::password(const host_name& host) {
+std::optional<std::string> live_view::password(std::size_t host) {
     std::optional<std::string> answer;
-    without_screen([&] { answer = ask_password_for(host); });
+    without_screen([&] { answer = poller::password(host); });
     return answer;
 }
 
@@ -145,7 +142,7 @@ void live_view::draw() {
     }
     std::size_t drawn = draw_host(rows_[0], notice_, messages_);
     for (auto m = messages_.rbegin(); drawn != 0; ++m, --drawn) {
-        shown(std::exchange(m->received.id, 0));
+        shown(std::exchange(m->what.id, 0));
     }
 }
 
@@ -178,9 +175,8 @@ bool live_view::step_view() {
 }
 
 void live_view::print(const listed_message& line) {
-    const message& m = line.received.what;
-    if (out_.print(prefix_of(line.host) + m.date + " " + m.text)) {
-        shown(line.received.id);
+    if (out_.print(chosen_.prefix_of(line.host) + line.what.date + " " + line.what.text)) {
+        shown(line.what.id);
     }
 }
 

@@ -3,7 +3,7 @@
 #include "options/options.h"
 #include "term/output.h"
 #include "term/screen.h"
-#include "watch/events.h"
+#include "term/signals.h"
 #include "watch/line_writer.h"
 #include "watch/poller.h"
 
@@ -22,52 +22,39 @@ public:
         : poller(chosen,
                  showing(chosen, chosen.what == task::follow ? mail_kind::followers : mail_kind::operators),
                  chosen.what == task::follow),
-          chosen_(chosen),
           follows_(chosen.what == task::follow) {}
     ~line_output() override;
 
     int run();
 
 private:
-    void connected(std::size_t host, bool again) override;
     void received(std::size_t host, const status_answer& answer, const status_update& update) override;
     void failed(std::size_t host, const command_result& why, bool is_news) override;
     void polled(std::size_t host) override;
-    std::optional<std::string> password(const host_name& host) override;
     bool write(std::size_t host, const event& what);
 
-    const settings& chosen_;
     const bool follows_;
     signal_watch signals_;
-    line_writer out_{signals_};
+    line_writer out_;
     bool save_failed_ = false;
 };
 
 bool line_output::write(std::size_t host, const event& what) {
     return follows_ ? out_.write(json_line(what, chosen_.hosts[host], chosen_.level_prefix))
-                    : out_.print(prefix_of(host) + what.date + " " + what.text);
-}
-
-void line_output::connected(std::size_t host, bool again) {
-    if (again || follows_) {
-        write(host, connected_event());
-    }
+                    : out_.print(chosen_.prefix_of(host) + line_of(what));
 }
 
 // A change that cannot be written is not kept: the first answer to the next process lists all conditions again.
 void line_output::received(std::size_t host, const status_answer& answer, const status_update& update) {
-    for (const condition& c : update.set) {
-        write(host, condition_event(c, true));
+    for (const event& change : update.changes) {
+        write(host, change);
     }
-    for (const condition& c : update.cleared) {
-        write(host, condition_event(c, false));
-    }
-    for (const received_message& m : update.messages) {
-        if (write(host, received_event(m))) {
-            shown(m.id);
-        } else if (m.id == 0) {  // it is not in the mailbox either
-            std::fprintf(stderr, "%s%s %s\n", prefix_of(host).c_str(), m.what.date.c_str(),
-                         m.what.text.c_str());
+    for (const event& message : update.messages) {
+        if (write(host, message)) {
+            shown(message.id);
+        } else if (message.id == 0) {  // it is not in the mailbox either
+            std::fprintf(stderr, "%s%s %s\n", chosen_.prefix_of(host).c_str(), message.date.c_str(),
+                         message.text.c_str());
         }
     }
     std::fputs(notices_of(host, answer).c_str(), stderr);
@@ -79,7 +66,7 @@ void line_output::failed(std::size_t host, const command_result& why, bool is_ne
     }
     write(host, failed_event(why));
     if (follows_ && chosen_.several && is_refusal(why.how)) {
-        complain(prefix_of(host) + describe(why));
+        complain(chosen_.prefix_of(host) + describe(why));
     }
 }
 
@@ -98,11 +85,6 @@ line_output::~line_output() {
             remove_state_file(host);
         }
     }
-}
-
-// The reader of a follower is a program, which cannot be asked.
-std::optional<std::string> line_output::password(const host_name& host) {
-    return follows_ ? std::nullopt : ask_password_for(host);
 }
 
 int line_output::run() {
