@@ -87,22 +87,19 @@ std::string fit(std::string_view text, std::size_t columns) {
     std::string line = printable_text().clean(std::string(text) + '\n');
     // The added line feed made clean() write an incomplete last character; it is not part of the line.
     line.pop_back();
+    const auto moves = [](char c) { return c == '\t' || c == '\n'; };
+    std::replace_if(line.begin(), line.end(), moves, ' ');
     std::size_t used = 0;
     std::size_t at = 0;
-    while (at < line.size()) {
-        if (line[at] == '\t' || line[at] == '\n') {
-            line[at] = ' ';
-        }
+    for (std::size_t length = 0; at < line.size(); at += length) {
         wchar_t wide = 0;
         std::mbstate_t state{};
-        const std::size_t length = std::mbrtowc(&wide, line.data() + at, line.size() - at, &state);
+        length = std::mbrtowc(&wide, line.data() + at, line.size() - at, &state);
         // A character may take two columns of the terminal, or none.
-        const int width = wcwidth(wide);
-        used += width > 0 ? static_cast<std::size_t>(width) : 0;
+        used += static_cast<std::size_t>(std::max(wcwidth(wide), 0));
         if (used > columns) {
             break;
         }
-        at += length;
     }
     line.resize(at);
     return line;

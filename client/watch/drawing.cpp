@@ -1,6 +1,5 @@
 #include "watch/drawing.h"
 
-#include "term/exit_code.h"
 #include "term/screen.h"
 
 #include <algorithm>
@@ -40,32 +39,23 @@ const char* colour_of(health state) {
     return healths[static_cast<std::size_t>(state)].second;
 }
 
-health health_of(const host_row& row) {
+// Returns the text for the state of a host, and sets the state.
+std::string state_text(const host_row& row, health& state) {
     // The conditions of a host that cannot be reached may no longer hold.
     if (!row.since.empty()) {
-        return row.known.failure == exit_silence ? health::silent : health::unreachable;
-    }
-    if (!row.known.up) {
-        return health::unknown;
-    }
-    health worst = row.lost != 0 ? health::lost : health::well;
-    for (const condition& c : row.known.conditions) {
-        worst = std::min(worst, health_of(c));
-    }
-    return worst;
-}
-
-std::string state_text(const host_row& row, health state) {
-    if (state == health::unknown) {
-        return "asked";
-    }
-    if (!row.since.empty()) {
+        state = row.known.failure == exit_silence ? health::silent : health::unreachable;
         const std::string age = age_of(row.since) + ", since " + row.since.substr(0, shown_date);
         return state == health::silent ? "no answer " + age : "down " + age + ": " + row.known.problem;
     }
+    if (!row.known.up) {
+        state = health::unknown;
+        return "asked";
+    }
+    state = row.lost != 0 ? health::lost : health::well;
     std::string alarms;
     std::string others;
     for (const condition& c : row.known.conditions) {
+        state = std::min(state, health_of(c));
         const std::string text = c.name + " " + age_of(c.since);
         if (is_fault(c.name)) {
             alarms += (alarms.empty() ? "" : ", ") + text;
@@ -84,9 +74,8 @@ std::string padded(std::string text, std::size_t width) {
 
 described_row describe(std::size_t host, const host_row& row, std::size_t label_width) {
     constexpr std::size_t state_width = 20;
-    const health state = health_of(row);
-    described_row line{host, state, padded(row.label, label_width)};
-    line.text += padded(state_text(row, state), state_width);
+    described_row line{host, health::unknown, padded(row.label, label_width)};
+    line.text += padded(state_text(row, line.state), state_width);
     if (row.lost != 0) {
         line.text += "lost " + std::to_string(row.lost) + "  ";
     }
@@ -166,8 +155,8 @@ void draw_conditions(const std::vector<condition>& conditions, canvas& page) {
 
 }  // namespace
 
-std::size_t draw_host(const host_row& host, const std::string& notice,
-                      const std::deque<listed_message>& messages) {
+std::vector<event*> draw_host(const host_row& host, const std::string& notice,
+                              std::deque<listed_message>& messages) {
     canvas page;
     page.line(host.label + time_of_day() + "Ctrl-C quits", bold);
     if (!host.since.empty()) {
@@ -179,17 +168,18 @@ std::size_t draw_host(const host_row& host, const std::string& notice,
     }
     draw_conditions(host.known.conditions, page);
     page.line("Messages: " + std::to_string(messages.size()), bold);
-    const std::size_t shown = std::min(page.rows_left(), messages.size());
-    for (std::size_t i = messages.size() - shown; i < messages.size(); ++i) {
-        const event& m = messages[i].what;
+    std::vector<event*> shown;
+    for (std::size_t i = messages.size() - std::min(page.rows_left(), messages.size()); i < messages.size();
+         ++i) {
+        event& m = messages[i].what;
+        shown.push_back(&m);
         const bool warns = m.priority == warning_level && m.lost == 0;
         page.line(m.date + " " + m.text, m.priority == error_level ? red : warns ? yellow : plain);
     }
-    return page.show() ? shown : 0;
+    return page.show() ? shown : std::vector<event*>();
 }
 
-std::vector<std::size_t> draw_hosts(const std::vector<host_row>& rows, const std::string& notice,
-                                    host_keys& keys) {
+std::vector<event*> draw_hosts(std::vector<host_row>& rows, const std::string& notice, host_keys& keys) {
     std::string heading;
     const std::vector<described_row> lines = chosen_rows(rows, keys.filter, heading);
     canvas page;
@@ -205,15 +195,15 @@ std::vector<std::size_t> draw_hosts(const std::vector<host_row>& rows, const std
     keys.page = page.rows_left();
     // The filter may have made the list shorter since the last key.
     keys.top = std::min(keys.top, lines.size() > keys.page ? lines.size() - keys.page : 0);
-    std::vector<std::size_t> shown;
+    std::vector<event*> shown;
     for (std::size_t i = keys.top; i < lines.size() && page.rows_left() != 0; ++i) {
         page.line(lines[i].text, colour_of(lines[i].state));
         // The date alone is no message.
         if (lines[i].message_at != 0 && lines[i].message_at + shown_date + 1 < page.columns()) {
-            shown.push_back(lines[i].host);
+            shown.push_back(&rows[lines[i].host].newest);
         }
     }
-    return page.show() ? shown : std::vector<std::size_t>();
+    return page.show() ? shown : std::vector<event*>();
 }
 
 void host_keys::handle(std::string_view keys) {
@@ -238,33 +228,21 @@ std::size_t host_keys::handle_first(std::string_view keys) {
             return move.bytes.size();
         }
     }
-    if (editing) {
-        edit(keys[0]);
-    } else if (keys[0] == '/') {
-        editing = true;
-        filter.clear();
-    } else if (keys[0] == 'q') {
-        quits = true;
-    } else if (keys[0] == '\033') {
-        filter.clear();
-    }
-    return 1;
-}
-
-void host_keys::edit(char key) {
-    constexpr char backspace = '\b';
-    constexpr char erase = '\177';  // the Backspace key of most terminals
-    constexpr char escape = '\033';
-    if (key == '\n' || key == '\r' || key == escape) {
+    const char key = keys[0];
+    const bool is_escape = key == '\033';
+    if (!editing) {
+        editing = key == '/';
+        quits = quits || key == 'q';
+        filter = editing || is_escape ? "" : filter;
+    } else if (key == '\n' || key == '\r' || is_escape) {
         editing = false;
-        filter = key == escape ? "" : filter;
-    } else if (key == backspace || key == erase) {
-        if (!filter.empty()) {
-            filter.pop_back();
-        }
+        filter = is_escape ? "" : filter;
+    } else if (key == '\b' || key == '\177') {  // the Backspace key of most terminals sends the second
+        filter.resize(filter.size() - std::min<std::size_t>(filter.size(), 1));
     } else {
         filter += key;
     }
+    return 1;
 }
 
 }  // namespace client

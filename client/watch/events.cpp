@@ -1,5 +1,7 @@
 #include "watch/events.h"
 
+#include "run/json.h"
+
 #include <algorithm>
 #include <cctype>
 
@@ -60,9 +62,7 @@ std::string line_of(const event& what) {
 std::string json_line(const event& what, const host_name& host, bool level_prefix) {
     json value{{"time", what.date}, {"host", host.name}, {"port", host.port}, {"event", what.name}};
     value.update(what.more);
-    // Messages may contain any bytes, and JSON must be UTF-8.
-    const std::string text = value.dump(-1, ' ', true, json::error_handler_t::replace) + "\n";
-    return level_prefix ? "<" + std::to_string(what.priority) + ">" + text : text;
+    return (level_prefix ? "<" + std::to_string(what.priority) + ">" : "") + json_text(value);
 }
 
 }  // namespace client

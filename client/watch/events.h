@@ -5,9 +5,7 @@
 #include "protocol/answer.h"
 #include "protocol/status.h"
 
-#include <cstdint>
 #include <nlohmann/json.hpp>
-#include <string>
 
 namespace client {
 

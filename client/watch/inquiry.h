@@ -5,10 +5,7 @@
 #include "watch/events.h"
 #include "watch/snapshot.h"
 
-#include <string>
-#include <string_view>
 #include <utility>
-#include <vector>
 
 namespace client {
 

@@ -2,15 +2,11 @@
 
 #include "options/options.h"
 #include "protocol/limits.h"
-#include "protocol/login.h"
 #include "term/output.h"
 #include "term/signals.h"
 #include "term/text.h"
 
 #include <algorithm>
-#include <functional>
-#include <unistd.h>
-#include <utility>
 
 namespace client {
 
@@ -20,15 +16,12 @@ constexpr std::chrono::seconds details_interval{15};  // connections, modules an
 
 }  // namespace
 
-poller::poller(const settings& chosen, const agent_options& how, bool with_details)
+poller::poller(const settings& chosen)
     : chosen_(chosen),
       interval_(chosen.interval),
-      is_follower_(how.kind == mail_kind::followers),
-      is_for_people_(!is_follower_ && !how.must_store),
-      with_details_(with_details),
-      asks_password_(is_for_people_ && !chosen.several && chosen.connect.password_file.empty() &&
+      asks_password_(chosen.what == task::watch && !chosen.several && chosen.connect.password_file.empty() &&
                      isatty(STDIN_FILENO) == 1 && counters_of(key_of(chosen.hosts[0])).login),
-      agent_(chosen.hosts, how,
+      agent_(chosen.hosts, asking(chosen),
              {.output = [this](std::size_t host, std::uint32_t,
                                const std::string& text) { states_[host].round.output(text); },
               .status = std::bind_front(&poller::answered, this),
@@ -54,7 +47,8 @@ void poller::ask(std::size_t host, clock::time_point now) {
     }
     state.asked_at = now;
     // In an outage only the status: without an answer it brings what waits in the mailbox.
-    const bool with_details = with_details_ && state.round.known.failure == 0 && state.details_due <= now;
+    const bool with_details = (chosen_.what == task::follow || chosen_.what == task::metrics) &&
+                              state.round.known.failure == 0 && state.details_due <= now;
     if (with_details) {
         state.details_due = now + details_interval;
     }
@@ -91,7 +85,7 @@ void poller::answered(std::size_t host, const status_answer& answer) {
     status_update update = state.round.status(answer);
     if (state.round.known.up && !was_up) {
         state.refused = false;
-        if (has_failed || is_follower_) {
+        if (has_failed || chosen_.what == task::follow) {
             update.changes.insert(update.changes.begin(), connected_event());
         }
     }
@@ -136,7 +130,7 @@ void poller::fail(std::size_t host, const command_result& why) {
     state.refused = state.refused || refuses;
     state.details_due = {};  // they may change during an outage
     state.round.failed(why);
-    if (!chosen_.several && (refuses || (is_first && !is_follower_))) {
+    if (!chosen_.several && (refuses || (is_first && chosen_.what != task::follow))) {
         given_up_ = why;
     }
     failed(host, why, is_news);
@@ -189,18 +183,23 @@ bool is_refusal(outcome how) {
            how != outcome::over;
 }
 
-agent_options showing(const settings& chosen, mail_kind kind) {
-    return {.connect = chosen.connect,
-            .parallel = chosen.parallel,
-            .stored = stored_messages::taken,
-            .kind = kind};
+agent_options asking(const settings& chosen) {
+    agent_options how{
+        .connect = chosen.connect, .parallel = chosen.parallel, .stored = stored_messages::taken};
+    how.kind = chosen.what == task::follow ? mail_kind::followers : mail_kind::operators;
+    if (chosen.what == task::check || chosen.what == task::metrics) {
+        how.must_store = true;
+        how.stored = stored_messages::looked_at;
+        how.connect.user.clear();  // no greeting: it runs a module, and might have to wait for another one
+    }
+    return how;
 }
 
 std::optional<std::string> poller::password(std::size_t host) {
     const signals_through through;
     std::string password;
     std::string problem;
-    if (!is_for_people_) {
+    if (chosen_.what != task::watch) {
         return std::nullopt;
     }
     if (ask_password("Password for " + chosen_.hosts[host].name + ": ", false, password, problem)) {

@@ -21,9 +21,9 @@ class poller {
 public:
     using clock = agent_client::clock;
 
-    // with_details: a round also asks for the details of an inquiry, at most every 15 seconds. A follower waits for a
-    // single scheduler that does not run yet.
-    poller(const settings& chosen, const agent_options& how, bool with_details);
+    // The rounds of `follow` and `metrics` also ask for the details of an inquiry, at most every 15 seconds. A follower
+    // waits for a single scheduler that does not run yet.
+    explicit poller(const settings& chosen);
     virtual ~poller() = default;
     poller(const poller&) = delete;
     poller& operator=(const poller&) = delete;
@@ -87,9 +87,6 @@ private:
     void fail(std::size_t host, const command_result& why);
 
     const std::chrono::seconds interval_;
-    const bool is_follower_;
-    const bool is_for_people_;
-    const bool with_details_;
     bool asks_password_;  // before the first connection
     std::vector<host_state> states_;
     clock::time_point next_due_{};  // no host is due before
@@ -101,7 +98,8 @@ private:
 // True when trying again soon is useless: neither a lost connection nor silence.
 bool is_refusal(outcome how);
 
-// The settings of the agent for `watch` and `follow`, which show what they receive.
-agent_options showing(const settings& chosen, mail_kind kind);
+// The settings of the agent. `watch` and `follow` show what they receive; `check` and `metrics` store all of it, and show
+// nothing.
+agent_options asking(const settings& chosen);
 
 }  // namespace client

@@ -7,10 +7,6 @@
 #include "protocol/status.h"
 
 #include <deque>
-#include <optional>
-#include <string>
-#include <string_view>
-#include <vector>
 
 namespace client {
 
