@@ -2,12 +2,13 @@
 #include "monitor/monitor.h"
 #include "options/options.h"
 #include "protocol/answer.h"
-#include "run/command.h"
+#include "run/runner.h"
 #include "run/session.h"
 #include "term/output.h"
 #include "watch/watch.h"
 
 #include <clocale>
+#include <cstdio>
 #include <exception>
 
 namespace {
@@ -22,6 +23,11 @@ int run(const client::settings& chosen) {
         case client::task::watch:
         case client::task::follow:
             return client::run_watch(chosen);
+        case client::task::list:
+            for (const client::host_name& host : chosen.hosts) {
+                std::puts(host.label.c_str());
+            }
+            return 0;
         default:
             return chosen.words.empty() ? client::run_session(chosen) : client::run_command(chosen);
     }

@@ -7,11 +7,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <iostream>
+#include <sstream>
 #include <stdexcept>
-#include <string_view>
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
@@ -21,13 +20,6 @@ namespace {
 constexpr int exit_wrong = 1;     // --check: another password
 constexpr int exit_trouble = 2;   // usage, no password, or the file cannot be used
 constexpr int exit_output = 200;  // done, but standard output could not be written
-
-// The arguments.
-struct request {
-    std::string file;
-    bool check = false;
-    bool from_input = false;
-};
 
 // The functions below throw std::runtime_error with the reason, which main reports.
 
@@ -39,51 +31,33 @@ struct password_record {
 
 bool give_to_owner(int fd, const std::string& path) {
     struct stat owner {};
-    if (geteuid() != 0) {
-        return true;
-    }
-    if (stat(path.c_str(), &owner) != 0 && stat(client::directory_of(path).c_str(), &owner) != 0) {
-        return false;
-    }
-    return fchown(fd, owner.st_uid, owner.st_gid) == 0;
+    return geteuid() != 0 ||
+           ((stat(path.c_str(), &owner) == 0 || stat(client::directory_of(path).c_str(), &owner) == 0) &&
+            fchown(fd, owner.st_uid, owner.st_gid) == 0);
 }
 
 // Returns the record, if the scheduler would accept it.
 password_record read_password_file(const std::string& path) {
-    std::FILE* const file = std::fopen(path.c_str(), "re");
-    if (file == nullptr) {
+    std::ifstream file(path);
+    if (!file) {
         throw std::runtime_error(path + ": " + std::generic_category().message(errno));
     }
     char text[128] = "";  // as much as the scheduler reads
-    text[std::fread(text, 1, sizeof text - 1, file)] = '\0';
-    std::fclose(file);
-    char hash[128] = "";
-    char salt[128] = "";
-    if (std::sscanf(text, "%127s %127s", hash, salt) != 2 || std::strlen(hash) != 64 ||
-        std::strlen(salt) != 8) {
+    file.read(text, sizeof text - 1);
+    std::istringstream words(text);
+    password_record record;
+    words >> record.hash >> record.salt;
+    if (record.hash.size() != 64 || record.salt.size() != 8) {
         throw std::runtime_error(path + ": not a password file (the scheduler would require no login)");
     }
-    return {hash, salt};
-}
-
-// Replaces the file in one step: a scheduler that starts at any moment reads the old file or the new one, never a part.
-// A symbolic link, a device and a pipe are refused. The mode is 0600. When root writes it, the file gets the owner of
-// the old file, else of the directory: a file that the scheduler cannot read would switch the login off.
-void write_password_file(const std::string& path, const password_record& record) {
-    std::string problem;
-    if (!client::replace_file(path, record.hash + " " + record.salt + "\n", 0600, true, problem,
-                              [&](int fd) { return give_to_owner(fd, path); })) {
-        throw std::runtime_error(problem);
-    }
+    return record;
 }
 
 // The password file of the scheduler that these directories belong to: VGD_data of the environment, else of the
-// installed service's settings, as root has no such variable in a shell. Empty when neither has it.
+// installed service's settings, as root has no such variable in a shell.
 std::string default_file() {
-    std::string data;
-    if (const char* variable = std::getenv("VGD_data"); variable != nullptr) {
-        data = variable;
-    }
+    const char* const variable = std::getenv("VGD_data");
+    std::string data = variable != nullptr ? variable : "";
     constexpr std::string_view key = "VGD_data=";
     std::ifstream settings(data.empty() ? SCHED_DEFAULTS : "/dev/null");
     for (std::string line; std::getline(settings, line);) {
@@ -92,53 +66,52 @@ std::string default_file() {
             std::erase(data, '"');
         }
     }
-    return data.empty() ? "" : data + "/password";
-}
-
-int finish(int code) {
-    return client::flush_output() ? code : exit_output;
-}
-
-int fail(const std::string& problem) {
-    client::complain(problem);
-    return exit_trouble;
+    if (data.empty()) {
+        throw std::runtime_error("VGD_data is set neither here nor in " SCHED_DEFAULTS
+                                 "; name the file: schedpasswd DIRECTORY/password");
+    }
+    return data + "/password";
 }
 
 // A new password is asked for twice, since a typing mistake would lock all operators out.
-std::string get_password(const request& asked) {
+std::string get_password(bool from_input, bool is_new) {
     std::string password;
     std::string problem;
     errno = 0;
-    if (asked.from_input) {
-        if (!client::read_password(std::cin, password, problem)) {
-            throw std::runtime_error("standard input: " + problem);
-        }
-    } else if (!client::ask_password(asked.check ? "Password: " : "New password: ", !asked.check, password,
-                                     problem)) {
-        throw std::runtime_error(problem);
+    if (!(from_input
+              ? client::read_password(std::cin, password, problem)
+              : client::ask_password(is_new ? "New password: " : "Password: ", is_new, password, problem))) {
+        throw std::runtime_error((from_input ? "standard input: " : "") + problem);
     }
     return password;
 }
 
-int check(const request& asked) {
-    const password_record record = read_password_file(asked.file);
-    std::string password = get_password(asked);
+int check(const std::string& path, bool from_input) {
+    const password_record record = read_password_file(path);
+    std::string password = get_password(from_input, false);
     const bool right = client::hash_text(record.salt, password) == record.hash;
     client::wipe(password);  // passwords stay in memory no longer than needed
     std::puts(right ? "The password is right." : "The password is wrong.");
     return right ? 0 : exit_wrong;
 }
 
-int set(const request& asked) {
-    std::string password = get_password(asked);
+// Replaces the file in one step: a scheduler that starts at any moment reads the old file or the new one, never a part.
+// A symbolic link, a device and a pipe are refused. The mode is 0600. When root writes it, the file gets the owner of
+// the old file, else of the directory: a file that the scheduler cannot read would switch the login off.
+int set(const std::string& path, bool from_input) {
+    std::string password = get_password(from_input, true);
     if (password.empty()) {
-        return fail("an empty password protects nothing");
+        throw std::runtime_error("an empty password protects nothing");
     }
     const std::string salt = client::random_alphanumeric(8);
-    const password_record record{client::hash_text(salt, password), salt};
+    const std::string text = client::hash_text(salt, password) + " " + salt + "\n";
     client::wipe(password);
-    write_password_file(asked.file, record);
-    std::printf("%s is written; the scheduler reads it at its next start.\n", asked.file.c_str());
+    std::string problem;
+    if (!client::replace_file(path, text, 0600, true, problem,
+                              [&path](int fd) { return give_to_owner(fd, path); })) {
+        throw std::runtime_error(problem);
+    }
+    std::printf("%s is written; the scheduler reads it at its next start.\n", path.c_str());
     return 0;
 }
 
@@ -148,7 +121,9 @@ int main(int argc, char** argv) try {
     if (!client::open_standard_streams()) {
         return exit_output;
     }
-    request asked;
+    std::string file;
+    bool checks = false;
+    bool from_input = false;
     CLI::App app("Writes the password file, with which the scheduler requires a login from its clients.",
                  "schedpasswd");
     app.footer(
@@ -156,23 +131,19 @@ int main(int argc, char** argv) try {
         "the\n"
         "output could not be written.");
     app.set_version_flag("-V,--version", "schedpasswd " SCHED_VERSION, "Show the version and end");
-    app.add_option("FILE", asked.file,
-                   "Password file; default: that of $VGD_data, else of the installed service");
-    app.add_flag("--check", asked.check, "Verify a password against the file instead of writing it");
-    app.add_flag("--stdin", asked.from_input, "Read the password from one line of standard input");
+    app.add_option("FILE", file, "Password file; default: that of $VGD_data, else of the installed service");
+    app.add_flag("--check", checks, "Verify a password against the file instead of writing it");
+    app.add_flag("--stdin", from_input, "Read the password from one line of standard input");
+    int code = 0;
     try {
         app.parse(argc, argv);
+        file = file.empty() ? default_file() : file;
+        code = checks ? check(file, from_input) : set(file, from_input);
     } catch (const CLI::ParseError& problem) {
-        return app.exit(problem) != 0 ? exit_trouble : finish(0);
+        code = app.exit(problem) != 0 ? exit_trouble : 0;
     }
-    if (asked.file.empty()) {
-        asked.file = default_file();
-    }
-    if (asked.file.empty()) {
-        return fail("VGD_data is set neither here nor in " SCHED_DEFAULTS
-                    "; name the file: schedpasswd DIRECTORY/password");
-    }
-    return finish(asked.check ? check(asked) : set(asked));
+    return code == exit_trouble || client::flush_output() ? code : exit_output;
 } catch (const std::exception& problem) {
-    return fail(problem.what());
+    client::complain(problem.what());
+    return exit_trouble;
 }

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <limits>
 #include <stdexcept>
 #include <unistd.h>
 
@@ -29,21 +28,9 @@ int level_of(const settings& chosen, const char* name) {
     return names(chosen.warning, name) ? plugin_warning : plugin_ok;
 }
 
-// A scheduler that cannot be reached is critical. A fault of this client or its configuration says nothing about it.
-int level_of_failure(const settings& chosen, int failure) {
-    switch (failure) {
-        case exit_silence:
-            return chosen.timeout_level;
-        case exit_connection:
-            return plugin_critical;
-        default:
-            return plugin_unknown;
-    }
-}
-
 // Replaces line feeds and bars: a bar would begin the performance data.
 std::string one_line(const std::string& text) {
-    std::string line = fit(text, std::numeric_limits<std::size_t>::max());
+    std::string line = fit(text);
     std::replace(line.begin(), line.end(), '|', '/');
     return line;
 }
@@ -66,7 +53,10 @@ std::string performance_of(const settings& chosen, const snapshot& known) {
 int judge(const settings& chosen, const snapshot& known, std::string& line) {
     if (!known.up) {
         line = one_line(known.problem);
-        return level_of_failure(chosen, known.failure);
+        // A fault of this client or its configuration says nothing about the scheduler.
+        return known.is_own_fault()            ? plugin_unknown
+               : known.failure == exit_silence ? chosen.timeout_level
+                                               : plugin_critical;
     }
     int worst = plugin_ok;
     for (const char* name : condition_names) {
@@ -86,24 +76,19 @@ int judge(const settings& chosen, const snapshot& known, std::string& line) {
     return worst;
 }
 
-// As in other plugins for many things: a fault that is known comes before one that is not.
-int worst_of(int first, int second) {
-    constexpr int ranks[] = {0, 2, 3, 1};
-    return ranks[first] < ranks[second] ? second : first;
-}
-
 }  // namespace
 
 int run_check(const settings& chosen) try {
-    const std::vector<snapshot> known = collect(chosen, false);
+    const std::vector<snapshot> known = collect(chosen);
     std::string lines;
     int worst = plugin_ok;
+    // As in other plugins for many things: a fault that is known comes before one that is not.
+    constexpr int ranks[] = {0, 2, 3, 1};
     for (std::size_t host = 0; host < known.size(); ++host) {
         std::string line;
         const int state = judge(chosen, known[host], line);
-        worst = worst_of(worst, state);
-        lines += std::string("SCHED ") + state_names[state] + " - " +
-                 (chosen.several ? chosen.hosts[host].label + ": " : "") + line + "\n";
+        worst = ranks[worst] < ranks[state] ? state : worst;
+        lines += std::string("SCHED ") + state_names[state] + " - " + chosen.prefix_of(host) + line + "\n";
     }
     return write_all(STDOUT_FILENO, lines) ? worst : plugin_unknown;
 } catch (const std::runtime_error& problem) {

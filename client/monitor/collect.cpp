@@ -14,68 +14,55 @@ namespace {
 
 class collector : private poller {
 public:
-    collector(const settings& chosen, bool with_details);
+    explicit collector(const settings& chosen) : poller(chosen), left_(chosen.hosts.size()) {}
 
-    // Asks all hosts and returns what is known of them at that time, in their order.
-    std::vector<snapshot> run(clock::time_point until);
+    // Asks all hosts and returns what is known of them at the end of the time-out, in their order.
+    std::vector<snapshot> run() {
+        const std::chrono::seconds limit(chosen_.connect.timeout);
+        const clock::time_point until = clock::now() + (limit.count() != 0 ? limit : default_timeout);
+        for (std::size_t host = 0; host < chosen_.hosts.size(); ++host) {
+            if (followed_.emplace_back(followed_state(chosen_.hosts[host]))) {
+                polled(host);
+            }
+        }
+        while (left_ != 0 && clock::now() < until) {
+            step({}, until);
+        }
+        bool silent = false;
+        for (std::size_t host = 0; host < followed_.size(); ++host) {
+            late(host);  // unless it is done
+            silent = silent || (!followed_[host] && known(host).failure == exit_silence);
+        }
+        // So that the next command finds the messages stored. A silent scheduler is left to the agent.
+        if (!silent) {
+            finish();
+        }
+        std::vector<snapshot> all;
+        for (std::size_t host = 0; host < followed_.size(); ++host) {
+            all.push_back(followed_[host].value_or(known(host)));
+        }
+        return all;
+    }
 
 private:
     void received(std::size_t, const status_answer& answer, const status_update&) override {
         report_unstored(answer);
     }
-    void polled(std::size_t host) override;
+
+    // Messages that come later are stored, and the next call reports them.
+    void polled(std::size_t host) override {
+        --left_;
+        close(host);
+    }
 
     std::vector<std::optional<snapshot>> followed_;
-    std::vector<bool> done_;
     std::size_t left_;  // hosts that are not done
 };
 
-collector::collector(const settings& chosen, bool with_details)
-    : poller(chosen, collecting(chosen, stored_messages::looked_at), with_details),
-      followed_(chosen.hosts.size()),
-      done_(chosen.hosts.size()),
-      left_(chosen.hosts.size()) {}
-
-// Messages that come later are stored, and the next call reports them.
-void collector::polled(std::size_t host) {
-    done_[host] = true;
-    --left_;
-    close(host);
-}
-
-std::vector<snapshot> collector::run(clock::time_point until) {
-    for (std::size_t host = 0; host < done_.size(); ++host) {
-        if ((followed_[host] = followed_state(hosts()[host]))) {
-            polled(host);
-        }
-    }
-    while (left_ != 0 && clock::now() < until) {
-        step({}, until);
-    }
-    bool silent = false;
-    for (std::size_t host = 0; host < done_.size(); ++host) {
-        if (!done_[host]) {
-            late(host);
-        }
-        silent = silent || (!followed_[host] && known(host).failure == exit_silence);
-    }
-    // So that the next command finds the messages stored. A silent scheduler is left to the agent.
-    if (!silent) {
-        finish();
-    }
-    std::vector<snapshot> all;
-    for (std::size_t host = 0; host < done_.size(); ++host) {
-        all.push_back(followed_[host] ? *followed_[host] : known(host));
-    }
-    return all;
-}
-
 }  // namespace
 
-std::vector<snapshot> collect(const settings& chosen, bool with_details) {
-    const unsigned seconds = chosen.connect.timeout;
-    return collector(chosen, with_details)
-        .run(agent_client::clock::now() + (seconds != 0 ? std::chrono::seconds(seconds) : default_timeout));
+std::vector<snapshot> collect(const settings& chosen) {
+    return collector(chosen).run();
 }
 
 void report_unstored(const status_answer& answer) {
@@ -88,13 +75,6 @@ void report_unstored(const status_answer& answer) {
             std::fprintf(stderr, "%s\n", line.text.c_str());
         }
     }
-}
-
-agent_options collecting(const settings& chosen, stored_messages stored) {
-    agent_options how{
-        .connect = chosen.connect, .parallel = chosen.parallel, .must_store = true, .stored = stored};
-    how.connect.user.clear();  // no greeting: it runs a module, and might have to wait for another one
-    return how;
 }
 
 }  // namespace client

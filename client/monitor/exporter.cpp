@@ -4,26 +4,23 @@
 #include "monitor/monitor.h"
 #include "options/options.h"
 #include "protocol/limits.h"
-#include "term/output.h"
+#include "run/json.h"
 #include "term/signals.h"
-#include "watch/inquiry.h"
+#include "watch/poller.h"
 
 #include <algorithm>
 #include <charconv>
-#include <cstdio>
 #include <deque>
 #include <limits>
 #include <netdb.h>
 #include <nlohmann/json.hpp>
-#include <optional>
 #include <poll.h>
 #include <sstream>
-#include <string>
+#include <stdexcept>
 #include <sys/socket.h>
 #include <system_error>
 #include <unistd.h>
 #include <unordered_map>
-#include <vector>
 
 namespace client {
 
@@ -42,9 +39,10 @@ constexpr const char* landing_page =
     "<li><a href=\"/targets\">/targets</a>: the hosts file, for the discovery over HTTP</li>"
     "<li><a href=\"/-/healthy\">/-/healthy</a></li></ul></body></html>\n";
 
-// Parses "ADDRESS:PORT", ":PORT" or "PORT"; an IPv6 address is in brackets. Returns a listening socket; -1 with problem
-// when there is none. host: the address.
-int listen_at(const std::string& text, std::string& host, std::string& problem) {
+// Parses "ADDRESS:PORT", ":PORT" or "PORT"; an IPv6 address is in brackets. Returns a listening socket. host: the
+// address. Throws std::runtime_error, which ends the program.
+int listen_at(const std::string& text, std::string& host) {
+    const std::string fault = "cannot listen at " + text + ": ";
     const std::size_t colon = text.rfind(':');
     const std::string port = text.substr(colon == std::string::npos ? 0 : colon + 1);
     host = colon == std::string::npos ? "" : text.substr(0, colon);
@@ -53,29 +51,25 @@ int listen_at(const std::string& text, std::string& host, std::string& problem) 
     }
     host = host.empty() ? "127.0.0.1" : host;
     std::uint16_t number = 0;
-    const auto [end, fault] = std::from_chars(port.data(), port.data() + port.size(), number);
-    if (fault != std::errc() || end != port.data() + port.size() || number == 0) {
-        problem = "expected ADDRESS:PORT";
-        return -1;
+    const auto [end, error] = std::from_chars(port.data(), port.data() + port.size(), number);
+    if (error != std::errc() || end != port.data() + port.size() || number == 0) {
+        throw std::runtime_error(fault + "expected ADDRESS:PORT");
     }
     addrinfo hints{};
     hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
     hints.ai_socktype = SOCK_STREAM;
     addrinfo* found = nullptr;
-    if (const int error = getaddrinfo(host.c_str(), port.c_str(), &hints, &found); error != 0) {
-        problem = gai_strerror(error);
-        return -1;
+    if (const int unknown = getaddrinfo(host.c_str(), port.c_str(), &hints, &found); unknown != 0) {
+        throw std::runtime_error(fault + gai_strerror(unknown));
     }
     const int fd = socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     const int on = 1;  // a new server may start while connections of the last one are closing
-    const bool good = fd >= 0 && setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == 0 &&
-                      bind(fd, found->ai_addr, found->ai_addrlen) == 0 && listen(fd, SOMAXCONN) == 0;
-    problem = std::generic_category().message(errno);
-    freeaddrinfo(found);
-    if (!good && fd >= 0) {
-        close(fd);
+    if (fd < 0 || setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+        bind(fd, found->ai_addr, found->ai_addrlen) != 0 || listen(fd, SOMAXCONN) != 0) {
+        throw std::runtime_error(fault + std::generic_category().message(errno));
     }
-    return good ? fd : -1;
+    freeaddrinfo(found);
+    return fd;
 }
 
 class exporter {
@@ -93,22 +87,23 @@ private:
         std::vector<http_request*> waiting;
     };
 
-    agent_listener events();
-    void handle(http_request& request);
+    std::size_t add(const host_name& host);
+    std::optional<http_reply> handle(http_request& request);
     std::optional<std::size_t> target_of(const http_request& request, std::string& problem);
-    void scrape(http_request& request, std::size_t number);
+    std::optional<http_reply> scrape(http_request& request, std::size_t number);
     void ask(std::size_t number) { agent_.ask(number, ++last_request_, targets_[number].work->words()); }
     void ended(std::size_t number, const command_result& end);
-    void reply(target& of, const snapshot& known);
-    void reply_silent(std::size_t number);
+    http_reply reply_with(const http_request& request, const snapshot& known);
+    void answer_waiting(target& of, const snapshot& known);
     clock::time_point give_up_silent();
     void end();
-    void metrics_of_this(http_request& request);
+    http_reply metrics_of_this(const http_request& request) const;
     std::string discovery() const;
 
     const settings& chosen_;
     const bool any_port_;  // false: only -p may be asked, so that nobody searches our network for open ports
     const std::chrono::seconds limit_;
+    const std::vector<host_name> listed_;  // with several hosts, only these may be asked
     std::deque<target> targets_;
     std::unordered_map<std::string, std::size_t> numbers_;         // by key_of
     std::deque<std::pair<clock::time_point, std::size_t>> begun_;  // requests, oldest first
@@ -119,15 +114,17 @@ private:
     http_server server_;
 };
 
-// Without several hosts, the one of the settings is no list: any target may be asked.
-std::vector<host_name> hosts_of(const settings& chosen) {
-    return chosen.several ? chosen.hosts : std::vector<host_name>();
-}
-
 agent_options exporting(const settings& chosen) {
-    agent_options how = collecting(chosen, stored_messages::left);
+    agent_options how = asking(chosen);
+    how.stored = stored_messages::left;
     how.parallel = std::numeric_limits<std::size_t>::max();  // a silent scheduler must not delay another
     return how;
+}
+
+snapshot silent_state(const host_name& host) {
+    inquiry silent(host);
+    silent.failed(outcome::no_answer);
+    return silent.known;
 }
 
 exposition format_for(const http_request& request) {
@@ -139,60 +136,53 @@ exporter::exporter(const settings& chosen, bool any_port, int listener)
     : chosen_(chosen),
       any_port_(any_port),
       limit_(chosen.connect.timeout != 0 ? std::chrono::seconds(chosen.connect.timeout) : scrape_timeout),
-      targets_(hosts_of(chosen).size()),
-      agent_(hosts_of(chosen), exporting(chosen), events()),
-      server_(listener, limit_ + http_lifetime, [this](http_request& request) { handle(request); }) {
-    for (std::size_t number = 0; number < targets_.size(); ++number) {
-        numbers_.emplace(key_of(agent_.host(number)), number);
-    }
+      listed_(chosen.several ? chosen.hosts : std::vector<host_name>()),
+      agent_({}, exporting(chosen),
+             {.output = [this](std::size_t number, std::uint32_t,
+                               const std::string& text) { targets_[number].work->output(text); },
+              .status =
+                  [this](std::size_t number, const status_answer& answer) {
+                      report_unstored(answer);
+                      if (targets_[number].work) {  // else it is the last one of an idle connection
+                          targets_[number].work->status(answer);
+                      }
+                  },
+              .ended = [this](std::size_t number, std::uint32_t,
+                              const command_result& end) { ended(number, end); },
+              .late = [](std::size_t, std::uint32_t) {},  // the requests have got their answer before
+              .closed = [](std::size_t, std::size_t, bool) {},
+              .password_needed = [this](std::size_t number) { agent_.password(number, std::nullopt); }}),
+      server_(listener, limit_ + http_lifetime, [this](http_request& request) { return handle(request); }) {
+    std::for_each(listed_.begin(), listed_.end(), [this](const host_name& host) { add(host); });
 }
 
-// A target has no work when its idle connection ends, or when the exporter ends.
-agent_listener exporter::events() {
-    return {
-        [this](std::size_t number, std::uint32_t, std::string_view text) {
-            if (targets_[number].work) {
-                targets_[number].work->output(text);
-            }
-        },
-        [this](std::size_t number, const status_answer& answer) {
-            report_unstored(answer);
-            if (targets_[number].work) {
-                targets_[number].work->status(answer);
-            }
-        },
-        [this](std::size_t number, std::uint32_t, const command_result& end) {
-            if (targets_[number].work) {
-                ended(number, end);
-            }
-        },
-        [](std::size_t, std::uint32_t) {},  // the requests have got their answer before
-        [](std::size_t, std::size_t, bool) {},
-        [this](std::size_t number) { agent_.password(number, std::nullopt); },
-    };
+std::size_t exporter::add(const host_name& host) {
+    targets_.emplace_back();
+    return numbers_.emplace(key_of(host), agent_.add(host)).first->second;
 }
 
-void exporter::handle(http_request& request) {
+std::optional<http_reply> exporter::handle(http_request& request) {
     if (ending_) {
-        server_.answer(request, {.status = 503, .text = ending_text});
-    } else if (request.path == "/") {
-        server_.answer(request, {.type = "text/html; charset=utf-8", .text = landing_page});
-    } else if (request.path == "/-/healthy") {
-        server_.answer(request, {.text = "OK\n"});
-    } else if (request.path == "/targets") {
-        server_.answer(request, {.type = "application/json", .text = discovery()});
-    } else if (request.path != "/metrics") {
-        server_.answer(request, {.status = 404, .text = "not found\n"});
-    } else if (request.targets.empty()) {
-        metrics_of_this(request);
-    } else {
-        std::string problem;
-        if (const std::optional<std::size_t> number = target_of(request, problem)) {
-            scrape(request, *number);
-        } else {
-            server_.answer(request, {.status = 400, .text = problem + "\n"});
-        }
+        return http_reply{.status = 503, .text = ending_text};
     }
+    if (request.path == "/") {
+        return http_reply{.type = "text/html; charset=utf-8", .text = landing_page};
+    }
+    if (request.path == "/-/healthy") {
+        return http_reply{.text = "OK\n"};
+    }
+    if (request.path == "/targets") {
+        return http_reply{.type = "application/json", .text = discovery()};
+    }
+    if (request.path != "/metrics") {
+        return http_reply{.status = 404, .text = "not found\n"};
+    }
+    if (request.targets.empty()) {
+        return metrics_of_this(request);
+    }
+    std::string problem;
+    const std::optional<std::size_t> number = target_of(request, problem);
+    return number ? scrape(request, *number) : http_reply{.status = 400, .text = problem + "\n"};
 }
 
 // Returns the number of the target; nothing, with the reason in problem, when it may not be asked.
@@ -217,58 +207,57 @@ std::optional<std::size_t> exporter::target_of(const http_request& request, std:
     } else if (targets_.size() == max_targets) {
         problem = "too many targets";
     } else {
-        targets_.emplace_back();
-        const std::size_t number = agent_.add(hosts.front());
-        numbers_.emplace(key_of(hosts.front()), number);
-        return number;
+        return add(hosts.front());
     }
     return std::nullopt;
 }
 
-void exporter::scrape(http_request& request, std::size_t number) {
+std::optional<http_reply> exporter::scrape(http_request& request, std::size_t number) {
     target& of = targets_[number];
-    of.waiting.push_back(&request);
     if (const std::optional<snapshot> followed = followed_state(agent_.host(number))) {
-        reply(of, *followed);
-    } else if (!of.work) {
+        return reply_with(request, *followed);
+    }
+    if (of.work && of.begin + limit_ <= clock::now()) {
+        return reply_with(request, silent_state(agent_.host(number)));
+    }
+    of.waiting.push_back(&request);
+    if (!of.work) {
         of.work.emplace(agent_.host(number)).begin(true);
         of.begin = clock::now();
         begun_.emplace_back(of.begin, number);
         ask(number);
-    } else if (of.begin + limit_ <= clock::now()) {
-        reply_silent(number);
     }
+    return std::nullopt;
 }
 
 void exporter::ended(std::size_t number, const command_result& end) {
     target& of = targets_[number];
+    if (ending_ || !of.work) {  // nothing more is asked; or an idle connection has ended
+        return;
+    }
     if (of.work->ended(end)) {
         return ask(number);
     }
     if (end.how != outcome::over) {
         of.work->failed(end);
     }
-    reply(of, std::exchange(of.work, std::nullopt)->known);
+    answer_waiting(of, std::exchange(of.work, std::nullopt)->known);
     agent_.close(number);
 }
 
-// Answers all requests that wait for this target.
-void exporter::reply(target& of, const snapshot& known) {
-    for (http_request* request : std::exchange(of.waiting, {})) {
-        if (known.is_own_fault()) {
-            ++errors_;
-            server_.answer(*request, {.status = 500, .text = known.problem + "\n"});
-        } else {
-            const exposition format = format_for(*request);
-            server_.answer(*request, {.type = media_type_of(format), .text = expose(known, format)});
-        }
+http_reply exporter::reply_with(const http_request& request, const snapshot& known) {
+    if (known.is_own_fault()) {
+        ++errors_;
+        return {.status = 500, .text = known.problem + "\n"};
     }
+    const exposition format = format_for(request);
+    return {.type = media_type_of(format), .text = expose(known, format)};
 }
 
-void exporter::reply_silent(std::size_t number) {
-    inquiry silent(agent_.host(number));
-    silent.failed(outcome::no_answer);
-    reply(targets_[number], silent.known);
+void exporter::answer_waiting(target& of, const snapshot& known) {
+    for (http_request* request : std::exchange(of.waiting, {})) {
+        http_server::answer(*request, reply_with(*request, known));
+    }
 }
 
 // Returns when to call it again.
@@ -281,7 +270,7 @@ clock::time_point exporter::give_up_silent() {
         if (begin + limit_ > clock::now()) {
             return begin + limit_;
         }
-        reply_silent(number);
+        answer_waiting(targets_[number], silent_state(agent_.host(number)));
     }
     return clock::time_point::max();
 }
@@ -305,9 +294,8 @@ void exporter::end() {
     ending_ = true;
     for (target& of : targets_) {
         for (http_request* request : std::exchange(of.waiting, {})) {
-            server_.answer(*request, {.status = 503, .text = ending_text});
+            http_server::answer(*request, {.status = 503, .text = ending_text});
         }
-        of.work.reset();  // nothing more is asked: that would be a new connection
     }
     server_.step();
     server_.stop();
@@ -318,43 +306,35 @@ void exporter::end() {
     agent_.finish();
 }
 
-void exporter::metrics_of_this(http_request& request) {
+http_reply exporter::metrics_of_this(const http_request& request) const {
     const exposition format = format_for(request);
     const auto silent =
         std::count_if(targets_.begin(), targets_.end(), [](const target& of) { return of.work.has_value(); });
-    server_.answer(request, {.type = media_type_of(format),
-                             .text = expose_exporter(errors_, targets_.size(),
-                                                     static_cast<std::size_t>(silent), format)});
+    return {.type = media_type_of(format),
+            .text = expose_exporter(errors_, targets_.size(), static_cast<std::size_t>(silent), format)};
 }
 
 // The hosts file in the form of Prometheus' discovery over HTTP.
 std::string exporter::discovery() const {
     using json = nlohmann::ordered_json;
     json list = json::array();
-    for (const host_name& host : hosts_of(chosen_)) {
+    for (const host_name& host : listed_) {
         json labels = json::object();
         std::istringstream tags(host.tags);
         for (std::string tag; tags >> tag;) {
             const std::size_t equals = tag.find('=');
-            if (equals != std::string::npos && equals != 0) {
-                labels[tag.substr(0, equals)] = tag.substr(equals + 1);
-            }
+            labels[tag.substr(0, equals)] = tag.substr(equals + 1);
         }
         list.push_back({{"targets", {host.name + ":" + std::to_string(host.port)}}, {"labels", labels}});
     }
-    return list.dump(-1, ' ', true, json::error_handler_t::replace) + "\n";
+    return json_text(list);
 }
 
 }  // namespace
 
 int serve_metrics(const settings& chosen) {
     std::string host;
-    std::string problem;
-    const int listener = listen_at(chosen.listen, host, problem);
-    if (listener < 0) {
-        complain("cannot listen at " + chosen.listen + ": " + problem);
-        return exit_usage;
-    }
+    const int listener = listen_at(chosen.listen, host);
     const bool is_loopback = host.starts_with("127.") || host == "::1" || host == "localhost";
     return exporter(chosen, is_loopback, listener).run();
 }

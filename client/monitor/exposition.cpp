@@ -5,15 +5,16 @@
 #include <algorithm>
 #include <charconv>
 #include <fstream>
+#include <iomanip>
+#include <sstream>
 #include <unistd.h>
 #include <utility>
-#include <vector>
 
 namespace client {
 
 namespace {
 
-constexpr double seconds_per_minute = 60;
+constexpr long seconds_per_minute = 60;
 
 enum class kind { gauge, counter, info };
 
@@ -28,18 +29,6 @@ std::string number_text(double value) {
     return {text, error == std::errc() ? end : text};
 }
 
-// Escapes a label's value. A line feed cannot occur in a module's name; a blank keeps the line whole in any case.
-std::string escaped(const std::string& value) {
-    std::string text;
-    for (const char c : value) {
-        if (c == '\\' || c == '"') {
-            text += '\\';
-        }
-        text += c == '\n' ? ' ' : c;
-    }
-    return text;
-}
-
 // The text so far. Collectors require all samples of a family to follow its declaration.
 class page {
 public:
@@ -51,46 +40,59 @@ public:
         const std::string full = name + (of == kind::counter ? "_total" : of == kind::info ? "_info" : "");
         declare(of, format_ == exposition::openmetrics ? name : full, help);
         for (const auto& [value, number] : samples) {
-            const std::string labels =
-                label != nullptr ? std::string("{") + label + "=\"" + escaped(value) + "\"}" : "";
-            text_ += full + labels + " " + number_text(number) + "\n";
+            text_ << full;
+            if (label != nullptr) {
+                text_ << '{' << label << '=' << std::quoted(value) << '}';
+            }
+            text_ << ' ' << number_text(number) << '\n';
         }
     }
 
-    // A family with one sample. A negative number means not known and gives no family: 0 would be a wrong value.
-    void add(kind of, const std::string& name, const char* help, double number) {
-        if (number >= 0) {
-            add(of, name, help, nullptr, {{"", number}});
-        }
+    // Families with one sample. A negative number means not known and gives no family: 0 would be a wrong value.
+    template <typename type>
+    void gauge(const std::string& name, const char* help, type number) {
+        add_one(kind::gauge, name, help, static_cast<double>(number));
+    }
+    template <typename type>
+    void counter(const std::string& name, const char* help, type number) {
+        add_one(kind::counter, name, help, static_cast<double>(number));
     }
 
     // OpenMetrics requires the last line; in the Prometheus format it is a comment.
     std::string finish() {
         add(kind::info, "sched_build", "Version of the client that collects.", "version",
             {{SCHED_VERSION, 1}});
-        return format_ == exposition::prometheus ? text_ : text_ + "# EOF\n";
+        return text_.str() + (format_ == exposition::prometheus ? "" : "# EOF\n");
     }
 
 private:
+    void add_one(kind of, const std::string& name, const char* help, double number) {
+        if (number >= 0) {
+            add(of, name, help, nullptr, {{"", number}});
+        }
+    }
+
     // OpenMetrics declares a family without the suffix of its samples, the Prometheus format with it.
     void declare(kind of, const std::string& name, const char* help) {
-        text_ += "# HELP " + name + " " + help + "\n";
+        text_ << "# HELP " << name << ' ' << help << '\n';
         // The formats name the family of a counter differently. Without a type, one text is valid in both.
         if (of != kind::counter || format_ != exposition::common) {
             const bool is_info = of == kind::info && format_ == exposition::openmetrics;
-            const char* type = of == kind::counter ? "counter" : is_info ? "info" : "gauge";
-            text_ += "# TYPE " + name + " " + type + "\n";
+            text_ << "# TYPE " << name
+                  << (of == kind::counter ? " counter\n"
+                      : is_info           ? " info\n"
+                                          : " gauge\n");
         }
         // OpenMetrics requires the declared name to end with the unit.
         for (const std::string unit : {"seconds", "bytes"}) {
             if (name.ends_with("_" + unit)) {
-                text_.append("# UNIT ").append(name).append(" ").append(unit).append("\n");
+                text_ << "# UNIT " << name << ' ' << unit << '\n';
             }
         }
     }
 
     exposition format_;
-    std::string text_;
+    std::ostringstream text_;
 };
 
 // Returns when the condition was set; -1 while it is not.
@@ -101,8 +103,7 @@ double since(const snapshot& known, const char* name) {
 
 // Old values of a scheduler that is down would look current, so they are left out.
 void expose_answer(const snapshot& known, page& out) {
-    out.add(kind::gauge, "sched_answer_seconds", "How long the scheduler took for the status.",
-            known.answer_seconds);
+    out.gauge("sched_answer_seconds", "How long the scheduler took for the status.", known.answer_seconds);
     // Conditions that are not set have a sample too: alert rules need a value at all times. But a time of 0 would look
     // like a very old fault, so a condition that is not set has none.
     sample_list conditions;
@@ -117,11 +118,10 @@ void expose_answer(const snapshot& known, page& out) {
     out.add(kind::gauge, "sched_condition", "Whether the condition is set.", "name", conditions);
     out.add(kind::gauge, "sched_condition_since_timestamp_seconds",
             "When the condition was set last; only while it is set.", "name", times);
-    out.add(kind::gauge, "sched_configuration_timestamp_seconds",
-            "When the hardware configuration was read last.", since(known, "confdate"));
-    out.add(kind::gauge, "sched_connected_operators",
-            "Connections of operators and relays, without the one that collects.",
-            static_cast<double>(known.operators));
+    out.gauge("sched_configuration_timestamp_seconds", "When the hardware configuration was read last.",
+              since(known, "confdate"));
+    out.gauge("sched_connected_operators",
+              "Connections of operators and relays, without the one that collects.", known.operators);
     if (!known.modules.empty()) {
         sample_list modules;
         for (const module_row& m : known.modules) {
@@ -129,26 +129,22 @@ void expose_answer(const snapshot& known, page& out) {
         }
         out.add(kind::gauge, "sched_module_enabled", "Whether the module is switched on.", "module", modules);
     }
-    out.add(kind::gauge, "sched_timer_jobs", "Jobs in the timer table.",
-            static_cast<double>(known.timer_jobs));
+    out.gauge("sched_timer_jobs", "Jobs in the timer table.", known.timer_jobs);
 }
 
 void expose_snapshot(const snapshot& known, page& out) {
     const message_totals& totals = known.totals;
-    out.add(kind::gauge, "sched_up", "Whether the scheduler answers.", known.up ? 1 : 0);
+    out.gauge("sched_up", "Whether the scheduler answers.", known.up);
     out.add(kind::counter, "sched_messages", "Messages received, by severity.", "severity",
-            {{"error", static_cast<double>(totals.error)},
-             {"warning", static_cast<double>(totals.warning)},
-             {"info", static_cast<double>(totals.info)}});
-    out.add(kind::counter, "sched_messages_lost", "Messages dropped because nobody fetched them in time.",
-            static_cast<double>(totals.lost));
-    out.add(kind::counter, "sched_uptime_seconds",
-            "How long the scheduler has run over all its starts, in full minutes.",
-            static_cast<double>(known.uptime_minutes) * seconds_per_minute);
+            {{"error", totals.error}, {"warning", totals.warning}, {"info", totals.info}});
+    out.counter("sched_messages_lost", "Messages dropped because nobody fetched them in time.", totals.lost);
+    out.counter("sched_uptime_seconds",
+                "How long the scheduler has run over all its starts, in full minutes.",
+                known.uptime_minutes * seconds_per_minute);
     if (known.answered > 0) {
         // The clock may have been set back since.
-        out.add(kind::gauge, "sched_status_age_seconds", "Age of the newest status.",
-                std::max(0.0, wall_clock() - known.answered));
+        out.gauge("sched_status_age_seconds", "Age of the newest status.",
+                  std::max(0.0, wall_clock() - known.answered));
     }
     if (known.up) {
         expose_answer(known, out);
@@ -168,9 +164,9 @@ double resident_bytes() {
 std::string expose(const snapshot& known, exposition format, bool to_file) {
     page out(format);
     if (to_file) {
-        out.add(kind::gauge, "sched_collect_error",
-                "Whether a fault of the client prevents that the scheduler is asked.",
-                known.is_own_fault() ? 1 : 0);
+        out.gauge("sched_collect_error",
+                  "Whether a fault of the client prevents it from asking the scheduler.",
+                  known.is_own_fault());
     }
     if (!known.is_own_fault()) {
         expose_snapshot(known, out);
@@ -181,14 +177,13 @@ std::string expose(const snapshot& known, exposition format, bool to_file) {
 std::string expose_exporter(unsigned long errors, std::size_t targets, std::size_t silent,
                             exposition format) {
     page out(format);
-    out.add(kind::counter, "sched_exporter_errors",
-            "Requests that failed by a fault of the exporter, its store or its password.",
-            static_cast<double>(errors));
-    out.add(kind::gauge, "sched_exporter_targets", "Schedulers asked for since the start.",
-            static_cast<double>(targets));
-    out.add(kind::gauge, "sched_exporter_silent_targets",
-            "Schedulers that are being asked and have not answered yet.", static_cast<double>(silent));
-    out.add(kind::gauge, "process_resident_memory_bytes", "Resident memory.", resident_bytes());
+    out.counter("sched_exporter_errors",
+                "Requests that failed because of a fault of the exporter, its store or its password.",
+                errors);
+    out.gauge("sched_exporter_targets", "Schedulers that were asked since the start.", targets);
+    out.gauge("sched_exporter_silent_targets", "Schedulers that are being asked and have not answered yet.",
+              silent);
+    out.gauge("process_resident_memory_bytes", "Resident memory.", resident_bytes());
     return out.finish();
 }
 

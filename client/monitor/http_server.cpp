@@ -80,10 +80,9 @@ struct http_server::callbacks {
         auto& request = *static_cast<http_request*>(*context);
         *upload_size = 0;
         if (!request.reply) {
-            server.handler_(request);
+            request.reply = server.handler_(request);
         }
         if (!request.reply) {
-            request.suspended = true;
             MHD_suspend_connection(connection);
             return MHD_YES;
         }
@@ -109,9 +108,8 @@ struct http_server::callbacks {
     }
 };
 
-http_server::http_server(int listener, std::chrono::seconds lifetime,
-                         std::function<void(http_request&)> handler)
-    : lifetime_(lifetime), handler_(std::move(handler)) {
+http_server::http_server(int listener, std::chrono::seconds lifetime, handler answerer)
+    : lifetime_(lifetime), handler_(std::move(answerer)) {
     rlimit files{};
     getrlimit(RLIMIT_NOFILE, &files);
     // At most half of the descriptors, so that the others are left for what the requests ask for.
@@ -160,10 +158,7 @@ void http_server::end_old_connections() {
 
 void http_server::answer(http_request& request, http_reply reply) {
     request.reply = std::move(reply);
-    if (request.suspended) {
-        request.suspended = false;
-        MHD_resume_connection(request.connection);
-    }
+    MHD_resume_connection(request.connection);
 }
 
 }  // namespace client

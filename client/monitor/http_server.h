@@ -24,19 +24,20 @@ struct http_request {
     std::string path;
     std::vector<std::string> targets;  // the values of "target" in the query, decoded
     std::string accept;                // media types that the client wants; empty: any
-    std::optional<http_reply> reply;   // set by http_server::answer
 
     MHD_Connection* connection = nullptr;
-    bool suspended = false;
+    std::optional<http_reply> reply;  // when it is known
 };
 
 class http_server {
 public:
     using clock = std::chrono::steady_clock;
 
-    // listener: a listening socket, which the server closes. lifetime: of a connection. handler is called once for each
-    // well-formed GET or HEAD; answer() may be called in it or later. Throws std::runtime_error.
-    http_server(int listener, std::chrono::seconds lifetime, std::function<void(http_request&)> handler);
+    // Called once for each well-formed GET or HEAD. Returns nothing when answer() will be called for it later.
+    using handler = std::function<std::optional<http_reply>(http_request&)>;
+
+    // listener: a listening socket, which the server closes. lifetime: of a connection. Throws std::runtime_error.
+    http_server(int listener, std::chrono::seconds lifetime, handler answerer);
     ~http_server() { stop(); }
     http_server(const http_server&) = delete;
     http_server& operator=(const http_server&) = delete;
@@ -47,7 +48,7 @@ public:
     clock::time_point step();
 
     // The next step() sends it.
-    void answer(http_request& request, http_reply reply);
+    static void answer(http_request& request, http_reply reply);
 
     // Closes the listener and all connections. All requests must have been answered.
     void stop();
@@ -62,7 +63,7 @@ private:
     void end_old_connections();
 
     const std::chrono::seconds lifetime_;
-    const std::function<void(http_request&)> handler_;
+    const handler handler_;
     std::map<std::size_t, open_connection> open_;  // by number; the oldest first
     std::size_t last_number_ = 0;
     MHD_Daemon* daemon_ = nullptr;

@@ -6,35 +6,24 @@
 #include "term/output.h"
 #include "term/text.h"
 
-#include <cerrno>
-#include <system_error>
 #include <unistd.h>
 
 namespace client {
-
-namespace {
-
-// A file is written in the Prometheus format, because the textfile collector needs the type of each metric and the
-// common format has none for counters.
-exposition format_of(const settings& chosen) {
-    if (chosen.format == "openmetrics") {
-        return exposition::openmetrics;
-    }
-    return chosen.format == "prometheus" || !chosen.output.empty() ? exposition::prometheus
-                                                                   : exposition::common;
-}
-
-}  // namespace
 
 int run_metrics(const settings& chosen) {
     if (!chosen.listen.empty()) {
         return serve_metrics(chosen);
     }
-    const snapshot known = collect(chosen, true).front();
+    const snapshot known = collect(chosen).front();
     if (!known.up) {
         complain(known.problem);
     }
-    const exposition format = format_of(chosen);
+    // A file is written in the Prometheus format, because the textfile collector needs the type of each metric and the
+    // common format has none for counters.
+    const bool is_prometheus = chosen.format == "prometheus" || !chosen.output.empty();
+    const exposition format = chosen.format == "openmetrics" ? exposition::openmetrics
+                              : is_prometheus                ? exposition::prometheus
+                                                             : exposition::common;
     const std::string& path = chosen.output;
     std::string problem;
     // The collector reads the file for ever, so it must say when its contents stop being true.
@@ -46,11 +35,7 @@ int run_metrics(const settings& chosen) {
         return exit_usage;
     }
     // A scheduler that is down is no failure of the command: collectors need the metric sched_up 0.
-    if (path.empty() && !write_all(STDOUT_FILENO, expose(known, format))) {
-        complain("cannot write: " + std::generic_category().message(errno));
-        return exit_usage;
-    }
-    return 0;
+    return !path.empty() || write_all(STDOUT_FILENO, expose(known, format)) ? 0 : fail_output();
 }
 
 }  // namespace client

@@ -1,7 +1,6 @@
 // Completion of the command line for the shells.
 #pragma once
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -11,11 +10,10 @@ class App;
 
 namespace client {
 
-// Prints what may stand in place of the last of these arguments, one candidate a line, with a tab and its help where
-// there is one; or the line ":host" or ":file" where the shell completes hosts or files. app has all options. modules
-// returns the names of the modules for the options before the last argument.
-void print_completions(
-    const CLI::App& app, const std::vector<std::string>& arguments,
-    const std::function<std::vector<std::string>(const std::vector<std::string>& options)>& modules);
+// Prints what may stand in place of the last argument, one candidate a line, with a tab and its help where there is one;
+// or the line ":host" or ":file" where the shell completes hosts or files. app: has parsed the arguments before it.
+// words: those of a command among them. modules: what the scheduler has listed.
+void print_completions(const CLI::App& app, const std::vector<std::string>& before, const std::string& last,
+                       const std::vector<std::string>& words, const std::vector<std::string>& modules);
 
 }  // namespace client

@@ -3,9 +3,6 @@
 
 #include "net/host_list.h"
 
-#include <string>
-#include <string_view>
-#include <vector>
 
 namespace client {
 

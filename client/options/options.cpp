@@ -17,7 +17,6 @@
 #include <iterator>
 #include <map>
 #include <netdb.h>
-#include <set>
 
 namespace client {
 
@@ -51,34 +50,24 @@ std::uint16_t default_port() {
     return entry != nullptr ? ntohs(static_cast<std::uint16_t>(entry->s_port)) : 9980;
 }
 
-// What the command line has besides the settings.
-struct command_line {
-    std::string hosts = "127.0.0.1";  // of -H
-    bool list = false;
-};
-
-void add_options(CLI::App& app, command_line& typed, settings& chosen) {
-    app.add_option("-H,--host", typed.hosts,
+void add_options(CLI::App& app, settings& chosen) {
+    app.option_defaults()->always_capture_default();
+    app.add_option("-H,--host", chosen.host_list,
                    "Host of the scheduler, NAME[:PORT]; several separated by commas; else SCHED_HOST")
-        ->type_name("HOST")
-        ->capture_default_str();
+        ->type_name("HOST");
     app.add_option("--hosts", chosen.hosts_file, "File with one host a line; - for standard input")
         ->type_name("FILE");
-    app.add_flag("--list", typed.list, "Print the hosts, one a line, and end");
+    app.add_flag("--list", chosen.list, "Print the hosts, one a line, and end");
     app.add_option("--parallel", chosen.parallel, "Number of hosts asked at once")
-        ->check(CLI::Range(1, 10000))
-        ->capture_default_str();
+        ->check(CLI::Range(1, 10000));
     app.add_flag("--as-it-comes", chosen.as_it_comes,
                  "Lines of several hosts as they come, not together for each host");
-    app.add_option("-p,--port", chosen.port, "TCP port; else SCHED_PORT")
-        ->check(CLI::Range(1, 65535))
-        ->capture_default_str();
+    app.add_option("-p,--port", chosen.port, "TCP port; else SCHED_PORT")->check(CLI::Range(1, 65535));
     app.add_option("-u,--user", chosen.connect.user,
                    "Name that other operators see with `show ip`; else SCHED_USER");
     app.add_option("-t,--timeout", chosen.connect.timeout,
                    "Seconds without a byte before giving up; 0: the usual limits; else SCHED_TIMEOUT")
-        ->check(CLI::Range(0, 86400))
-        ->capture_default_str();
+        ->check(CLI::Range(0, 86400));
     app.add_option("-b,--bind", chosen.connect.source, "Local IPv4 address to connect from")
         ->check(CLI::ValidIPV4);
     app.add_option("--password-file", chosen.connect.password_file, "File whose first line is the password")
@@ -96,8 +85,7 @@ CLI::App& add_command(CLI::App& app, const char* word, const char* help, task wh
 void add_live_command(CLI::App& app, const char* word, const char* help, task what, settings& chosen) {
     CLI::App& command = add_command(app, word, help, what, chosen);
     command.add_option("-n,--interval", chosen.interval, "Seconds between two status requests")
-        ->check(CLI::Range(1, 3600))
-        ->capture_default_str();
+        ->check(CLI::Range(1, 3600));
     command.add_flag("--level-prefix", chosen.level_prefix,
                      "Begin each line of JSON with its priority, \"<3>\"");
 }
@@ -128,12 +116,10 @@ void add_check(CLI::App& app, settings& chosen) {
         .add_option("-w,--warning", chosen.warning,
                     "Conditions that give a warning, separated by commas; or all, none")
         ->delimiter(',')
-        ->check(known)
-        ->capture_default_str();
+        ->check(known);
     check.add_option("-c,--critical", chosen.critical, "Conditions that are critical; they override -w")
         ->delimiter(',')
-        ->check(known)
-        ->capture_default_str();
+        ->check(known);
     // The names of the exit codes that all monitoring plugins share.
     const std::map<std::string, int> levels = {{"ok", plugin_ok},
                                                {"warning", plugin_warning},
@@ -163,22 +149,20 @@ const char* from_environment(const CLI::App& app, const char* option, const char
 template <typename number>
 void read_number(const CLI::App& app, const char* option, const char* variable, long first, long last,
                  number& chosen) {
-    const char* const value = from_environment(app, option, variable);
-    if (value == nullptr) {
-        return;
+    if (const char* const value = from_environment(app, option, variable)) {
+        const char* const end = value + std::strlen(value);
+        long read = 0;
+        const auto [stop, error] = std::from_chars(value, end, read);
+        if (error != std::errc() || stop != end || read < first || read > last) {
+            throw CLI::ValidationError(variable, std::string(value) + " is not a number from " +
+                                                     std::to_string(first) + " to " + std::to_string(last));
+        }
+        chosen = static_cast<number>(read);
     }
-    const char* const end = value + std::strlen(value);
-    long read = 0;
-    const auto [stop, error] = std::from_chars(value, end, read);
-    if (error != std::errc() || stop != end || read < first || read > last) {
-        throw CLI::ValidationError(variable, std::string(value) + " is not a number from " +
-                                                 std::to_string(first) + " to " + std::to_string(last));
-    }
-    chosen = static_cast<number>(read);
 }
 
 // Completes the settings from the environment, and names the hosts.
-void read_environment(const CLI::App& app, const command_line& typed, settings& chosen) {
+void read_environment(const CLI::App& app, settings& chosen) {
     read_number(app, "--port", "SCHED_PORT", 1, 65535, chosen.port);
     read_number(app, "--timeout", "SCHED_TIMEOUT", 0, 86400, chosen.connect.timeout);
     if (const char* const user = from_environment(app, "--user", "SCHED_USER")) {
@@ -188,26 +172,26 @@ void read_environment(const CLI::App& app, const command_line& typed, settings& 
     if (const auto wrong = join_words({"hello", chosen.connect.user}, greeting)) {
         throw CLI::ValidationError("--user", *wrong);
     }
+    const char* const usual = from_environment(app, "--host", "SCHED_HOST");
+    const bool has_file = !chosen.hosts_file.empty();
+    if (has_file && app.count("--host") != 0) {
+        throw CLI::ValidationError("--hosts", "cannot be used together with --host");
+    }
+    const std::string list = usual != nullptr ? usual : chosen.host_list;
     std::string problem;
-    if (!chosen.hosts_file.empty()) {
-        if (app.count("--host") != 0) {
-            throw CLI::ValidationError("--hosts", "cannot be used together with --host");
-        }
-        if (!read_hosts(chosen.hosts_file, chosen.port, chosen.hosts, problem)) {
-            throw CLI::ValidationError("--hosts", problem);
-        }
-    } else {
-        const char* const usual = from_environment(app, "--host", "SCHED_HOST");
-        if (!add_hosts(usual != nullptr ? usual : typed.hosts, chosen.port, chosen.hosts, problem)) {
-            throw CLI::ValidationError(usual != nullptr ? "SCHED_HOST" : "--host", problem);
-        }
+    if (!(has_file ? read_hosts(chosen.hosts_file, chosen.port, chosen.hosts, problem)
+                   : add_hosts(list, chosen.port, chosen.hosts, problem))) {
+        throw CLI::ValidationError(has_file           ? "--hosts"
+                                   : usual != nullptr ? "SCHED_HOST"
+                                                      : "--host",
+                                   problem);
     }
     chosen.several = chosen.hosts.size() > 1 || !chosen.hosts_file.empty();
 }
 
 // Refuses what makes no sense together.
-void check_settings(const command_line& typed, const settings& chosen) {
-    const bool is_own = chosen.what != task::words || typed.list;
+void check_settings(const settings& chosen) {
+    const bool is_own = chosen.what != task::words;
     if (is_own && !chosen.words.empty()) {
         throw CLI::ExtrasError(chosen.words);
     }
@@ -248,52 +232,45 @@ const CLI::Option* option_of(const CLI::App& app, const std::string& word) {
                                CLI::detail::join(words, " "));
 }
 
-// Refuses an option of the client among a module's words. It would be sent to the module, and the command would run on
-// another host than the operator meant, without a message.
-void refuse_swallowed(const CLI::App& app, const std::vector<std::string>& words) {
-    for (const std::string& word : words) {
-        if (option_of(app, word) != nullptr) {
-            refuse(word, "is an option of schedctl and must be before a module's words", words);
-        }
+// Parses the options. Returns the command words.
+std::vector<std::string> parse_line(CLI::App& app, const std::vector<std::string>& arguments) {
+    app.prefix_command();  // stop at the first word that is neither an option nor a subcommand
+    parse_list(app, arguments);
+    std::vector<std::string> words = app.remaining();
+    if (words.empty() || !is_internal_word(words.front())) {
+        return words;
     }
-}
-
-// Allows options of the client also after the scheduler's own words, which have no options themselves. Any other word
-// that looks like an option is a typing mistake and is refused, because the scheduler would ignore it without a
-// message.
-std::vector<std::string> parse_both_sides(CLI::App& app, const std::vector<std::string>& arguments) {
+    // The scheduler's own words have no options, so those of the client may follow them, too.
     for (CLI::App* subcommand : app.get_subcommands(nullptr)) {
         subcommand->disabled();  // `modcntl watch off` names a module
     }
     app.prefix_command(false);
     app.allow_extras();
     parse_list(app, arguments);
-    std::vector<std::string> words = app.remaining();
-    for (const std::string& word : words) {
-        const std::size_t name = word.find_first_not_of('-');
-        if ((name == 1 || name == 2) && std::isalpha(static_cast<unsigned char>(word[name])) != 0) {
-            refuse(word, "is not an option of schedctl", words);
-        }
-    }
-    return words;
+    return app.remaining();
 }
 
-// Returns the command words before a "--".
-std::vector<std::string> parse_words(CLI::App& app, const std::vector<std::string>& arguments) {
-    app.prefix_command();  // stop at the first word that is neither an option nor a subcommand
-    parse_list(app, arguments);
-    std::vector<std::string> words = app.remaining();
+// Refuses an option of the client among a module's words: it would be sent to the module, and the command would run on
+// another host than the operator meant, without a message. Behind a word of the scheduler, any word that looks like an
+// option is a typing mistake, which the scheduler would ignore without a message.
+void check_words(const CLI::App& app, const std::vector<std::string>& words) {
     if (words.empty()) {
-        return words;
+        return;
     }
     if (words.front().starts_with("-")) {
         throw CLI::ExtrasError(words);
     }
-    if (is_internal_word(words.front())) {
-        return parse_both_sides(app, arguments);
+    const bool is_internal = is_internal_word(words.front());
+    for (const std::string& word : words) {
+        const std::size_t name = word.find_first_not_of('-');
+        if (!is_internal && option_of(app, word) != nullptr) {
+            refuse(word, "is an option of schedctl and must be before a module's words", words);
+        }
+        if (is_internal && (name == 1 || name == 2) &&
+            std::isalpha(static_cast<unsigned char>(word[name])) != 0) {
+            refuse(word, "is not an option of schedctl", words);
+        }
     }
-    refuse_swallowed(app, words);
-    return words;
 }
 
 std::string usage_error(const CLI::App*, const CLI::Error& problem) {
@@ -307,27 +284,26 @@ int finish(const CLI::App& app, const CLI::ParseError& problem) {
     return asked_for && flush_output() ? 0 : usage;
 }
 
-// The modules of the hosts that these options name, as far as they are known.
-std::vector<std::string> modules_for(CLI::App& app, const command_line& typed, settings& chosen,
-                                     const std::vector<std::string>& options) {
+// Prints what fits in place of the last of the arguments.
+int complete(CLI::App& app, settings& chosen, std::vector<std::string> arguments) {
+    const std::string last = arguments.empty() ? "" : arguments.back();
+    arguments.resize(arguments.empty() ? 0 : arguments.size() - 1);
+    const auto mark = std::find(arguments.begin(), arguments.end(), "--");
+    std::vector<std::string> modules;  // of the hosts on the line, as far as they are known
     try {
-        parse_list(app, options);
-        read_environment(app, typed, chosen);
+        parse_line(app, {arguments.begin(), mark});
+        read_environment(app, chosen);
+        for (const host_name& host : chosen.hosts) {
+            const std::vector<std::string> of_host = kept_modules(host);
+            modules.insert(modules.end(), of_host.begin(), of_host.end());
+        }
     } catch (const CLI::ParseError&) {
-        return {};  // while a line is typed, it may be wrong
+        modules.clear();  // while a line is typed, it may be wrong
     }
-    std::set<std::string> names;
-    for (const host_name& host : chosen.hosts) {
-        const std::vector<std::string> of_host = kept_modules(host);
-        names.insert(of_host.begin(), of_host.end());
-    }
-    return {names.begin(), names.end()};
-}
-
-int print_hosts(const settings& chosen) {
-    for (const host_name& host : chosen.hosts) {
-        std::puts(host.label.c_str());
-    }
+    std::vector<std::string> words = app.remaining();
+    std::erase_if(words, [](const std::string& word) { return word.starts_with("-"); });
+    words.insert(words.end(), mark == arguments.end() ? mark : mark + 1, arguments.end());
+    print_completions(app, arguments, last, words, modules);
     return flush_output() ? 0 : exit_usage;
 }
 
@@ -335,37 +311,35 @@ int print_hosts(const settings& chosen) {
 
 std::optional<int> parse_options(int argc, char** argv, settings& chosen) {
     chosen.port = default_port();
-    command_line typed;
     CLI::App app(description, "schedctl");
     app.footer(exit_codes);
     app.failure_message(usage_error);
     app.set_version_flag("-V,--version", "schedctl " SCHED_VERSION, "Show the version and end");
     app.get_formatter()->label("SUBCOMMAND", "WORD... | COMMAND");
-    add_options(app, typed, chosen);
+    add_options(app, chosen);
     add_commands(app, chosen);
     const std::vector<std::string> arguments(argv + 1, argv + argc);
     if (!arguments.empty() && arguments[0] == "--complete") {
-        print_completions(app, {arguments.begin() + 1, arguments.end()},
-                          [&](const std::vector<std::string>& options) {
-                              return modules_for(app, typed, chosen, options);
-                          });
-        return flush_output() ? 0 : exit_usage;
+        return complete(app, chosen, {arguments.begin() + 1, arguments.end()});
     }
     const auto mark = std::find(arguments.begin(), arguments.end(), "--");
     try {
-        chosen.words = parse_words(app, {arguments.begin(), mark});
-        if (chosen.what == task::watch && chosen.json) {
+        chosen.words = parse_line(app, {arguments.begin(), mark});
+        check_words(app, chosen.words);
+        if (chosen.list) {
+            chosen.what = task::list;
+        } else if (chosen.what == task::watch && chosen.json) {
             chosen.what = task::follow;  // its old name
         }
         if (mark != arguments.end()) {
             chosen.words.insert(chosen.words.end(), mark + 1, arguments.end());
         }
-        read_environment(app, typed, chosen);
-        check_settings(typed, chosen);
+        read_environment(app, chosen);
+        check_settings(chosen);
     } catch (const CLI::ParseError& problem) {
         return finish(app, problem);
     }
-    return typed.list ? std::optional(print_hosts(chosen)) : std::nullopt;
+    return std::nullopt;
 }
 
 }  // namespace client

@@ -5,28 +5,31 @@
 #include "net/host_list.h"
 
 #include <optional>
-#include <string>
-#include <vector>
 
 namespace client {
 
-// The client's own commands; `words`: one of the scheduler, or a session.
-enum class task { words, watch, follow, metrics, check };
+// The client's own commands; `words`: one of the scheduler, or a session; `list`: --list.
+enum class task { words, list, watch, follow, metrics, check };
 
 // The states of the Monitoring Plugins guidelines; the values are the exit codes.
 enum plugin_state : int { plugin_ok, plugin_warning, plugin_critical, plugin_unknown };
 
 struct settings {
     task what = task::words;
-    std::vector<std::string> words;  // the command; empty: a session
-    std::vector<host_name> hosts;    // at least one
-    bool several = false;            // several hosts, or a file of hosts: output names the host
-    std::string hosts_file;          // "-": standard input
-    std::uint16_t port = 0;          // for hosts without one
+    std::vector<std::string> words;       // the command; empty: a session
+    std::string host_list = "127.0.0.1";  // as given; hosts has its result
+    std::string hosts_file;               // "-": standard input
+    std::vector<host_name> hosts;         // at least one
+    bool several = false;                 // several hosts, or a file of hosts: output names the host
+    bool list = false;                    // --list, for any task
+    std::uint16_t port = 0;               // for hosts without one
     connect_options connect;
     unsigned parallel = 64;    // number of hosts asked at once
     bool as_it_comes = false;  // true: output of several hosts is written as it arrives
     bool json = false;
+
+    // "LABEL: " before a line about this host, with several; else nothing.
+    std::string prefix_of(std::size_t host) const { return several ? hosts[host].label + ": " : ""; }
 
     // `watch` and `follow`
     unsigned interval = 2;      // seconds between two status requests
@@ -47,8 +50,8 @@ struct settings {
 inline constexpr const char* json_commands =
     "`status`, `modcntl`, `debug timer`, `show ip` or `show allowed_ip`";
 
-// Reads the command line. Returns an exit code when the program must end at once (help, wrong usage, a list of hosts,
-// completion), else nothing.
+// Reads the command line. Returns an exit code when the program must end at once (help, wrong usage, completion), else
+// nothing.
 std::optional<int> parse_options(int argc, char** argv, settings& chosen);
 
 }  // namespace client

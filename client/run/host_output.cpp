@@ -4,14 +4,12 @@
 #include <climits>
 #include <poll.h>
 #include <system_error>
-#include <unistd.h>
 
 namespace client {
 
 namespace {
 
-// Puts the prefix before each line.
-// at_line_start is kept between calls, as a part may end inside a line.
+// Puts the prefix before each line. at_line_start is kept between calls, as a part may end inside a line.
 std::string with_prefix(const std::string& prefix, std::string_view text, bool& at_line_start) {
     std::string out;
     while (!text.empty()) {
@@ -28,7 +26,7 @@ std::string with_prefix(const std::string& prefix, std::string_view text, bool& 
 }  // namespace
 
 host_output::host_output(const std::vector<host_name>& hosts, bool prefixed, order how, listener events)
-    : prefixed_(prefixed), order_(how), listener_(std::move(events)) {
+    : order_(how), listener_(std::move(events)), in_order_(how == order::by_host) {
     for (const host_name& host : hosts) {
         lanes_.push_back({.prefix = prefixed ? host.label + ": " : ""});
     }
@@ -37,43 +35,38 @@ host_output::host_output(const std::vector<host_name>& hosts, bool prefixed, ord
 void host_output::add(std::size_t host, std::string_view text) {
     lane& to = lanes_[host];
     const std::string lines = with_prefix(to.prefix, text, to.at_line_start);
-    if (order_ == order::by_line) {
-        // The start of an incomplete line waits, so that another host's output cannot get into the line.
-        const std::size_t complete = lines.rfind('\n') + 1;
-        if (complete != 0) {
-            put(to, std::string_view(lines).substr(0, complete));
-            release(host);
-        }
-        return put(to, std::string_view(lines).substr(complete));
-    }
-    put(to, lines);
-    if (order_ == order::stream) {
+    // By line, the start of an incomplete line waits, so that another host's output cannot get into the line.
+    const std::size_t complete = order_ == order::stream    ? lines.size()
+                                 : order_ == order::by_line ? lines.rfind('\n') + 1
+                                                            : 0;
+    to.text.add(std::string_view(lines).substr(0, complete));
+    to.size += complete;
+    if (complete != 0) {
         release(host);
     }
-}
-
-void host_output::put(lane& to, std::string_view lines) {
-    to.text.add(lines);
-    to.size += lines.size();
+    to.text.add(std::string_view(lines).substr(complete));
+    to.size += lines.size() - complete;
 }
 
 void host_output::mark(std::size_t host, std::uint64_t id) {
     lane& of = lanes_[host];
-    if (id != 0 && of.size != 0) {
-        of.marks.emplace_back(of.size, id);
-    } else if (id != 0) {
-        marks_.emplace_back(added_, id);  // the text is ready already
+    if (id != 0) {
+        of.marks.push_back({of.size, host, id});
+    }
+    if (of.size == 0) {  // the text is ready already
+        release(host);
     }
 }
 
 void host_output::end(std::size_t host) {
     lane& from = lanes_[host];
     // The next host's output, or the error message, must begin a new line.
-    if (prefixed_ && !from.at_line_start) {
+    if (!from.prefix.empty() && !from.at_line_start) {
         add(host, "\n");
     }
+    from.marks.push_back({from.size, host, 0});
     from.ended = true;
-    if (order_ != order::by_host || !in_order_) {
+    if (!in_order_) {
         return release(host);
     }
     for (; first_ < lanes_.size() && lanes_[first_].ended; ++first_) {
@@ -82,8 +75,7 @@ void host_output::end(std::size_t host) {
 }
 
 void host_output::stop_ordering() {
-    in_order_ = false;
-    for (; order_ == order::by_host && first_ < lanes_.size(); ++first_) {
+    for (in_order_ = false; first_ < lanes_.size(); ++first_) {
         if (lanes_[first_].ended) {
             release(first_);
         }
@@ -93,8 +85,8 @@ void host_output::stop_ordering() {
 // Makes the text of a host ready to be written.
 void host_output::release(std::size_t host) {
     lane& from = lanes_[host];
-    for (; !from.marks.empty(); from.marks.pop_front()) {
-        marks_.emplace_back(added_ + from.marks.front().first, from.marks.front().second);
+    for (const mark_row& m : std::exchange(from.marks, {})) {
+        marks_.push_back({added_ + m.at, m.host, m.id});
     }
     while (!from.text.empty()) {
         const std::string_view piece = from.text.front();
@@ -102,22 +94,23 @@ void host_output::release(std::size_t host) {
         from.text.pop(piece.size());
     }
     added_ += std::exchange(from.size, 0);
-    if (std::exchange(from.ended, false)) {
-        ends_.emplace_back(added_, host);
-    }
+    from.ended = false;
 }
 
 void host_output::report_written() {
     std::vector<std::uint64_t> ids;
-    for (; !marks_.empty() && marks_.front().first <= written_; marks_.pop_front()) {
-        ids.push_back(marks_.front().second);
+    std::vector<std::size_t> ends;
+    for (; !marks_.empty() && marks_.front().at <= written_; marks_.pop_front()) {
+        if (marks_.front().id != 0) {
+            ids.push_back(marks_.front().id);
+        } else {
+            ends.push_back(marks_.front().host);
+        }
     }
     if (!ids.empty()) {
         listener_.shown(ids);
     }
-    while (!ends_.empty() && ends_.front().first <= written_) {
-        const std::size_t host = ends_.front().second;
-        ends_.pop_front();
+    for (const std::size_t host : ends) {
         listener_.ended(host);
     }
 }

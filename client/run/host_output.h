@@ -5,13 +5,8 @@
 #include "agent/spill_queue.h"
 #include "net/host_list.h"
 
-#include <cstdint>
 #include <deque>
 #include <functional>
-#include <string>
-#include <string_view>
-#include <utility>
-#include <vector>
 
 namespace client {
 
@@ -45,41 +40,42 @@ public:
     void stop_ordering();
 
     // Bytes that are ready to be written, and ends that are to be reported.
-    bool is_waiting() const { return waiting_bytes() != 0 || !ends_.empty(); }
+    bool is_waiting() const { return waiting_bytes() != 0 || !marks_.empty(); }
     std::size_t waiting_bytes() const { return added_ - written_; }
 
     // Writes what standard output takes without waiting. Throws std::system_error when it cannot be written.
     void write_some();
 
 private:
-    using mark_list =
-        std::deque<std::pair<std::size_t, std::uint64_t>>;  // a number of bytes, and what ends there
+    // What ends with so many bytes: a message, or (id 0) the command of the host.
+    struct mark_row {
+        std::size_t at;
+        std::size_t host;
+        std::uint64_t id;
+    };
 
     // What is not ready to be written.
     struct lane {
         std::string prefix;
         spill_queue text = {};
         std::size_t size = 0;  // bytes of text
-        mark_list marks = {};
+        std::deque<mark_row> marks = {};
         bool at_line_start = true;
         bool ended = false;
     };
 
-    void put(lane& to, std::string_view lines);
     void release(std::size_t host);
     void report_written();
 
-    const bool prefixed_;
     const order order_;
     const listener listener_;
     std::vector<lane> lanes_;
     std::size_t first_ = 0;  // by_host: the first host that was not released
-    bool in_order_ = true;
+    bool in_order_;
     spill_queue ready_;
     std::size_t added_ = 0;  // to ready_, since the beginning
     std::size_t written_ = 0;
-    mark_list marks_;  // the numbers of messages in these bytes
-    mark_list ends_;   // the hosts that end there
+    std::deque<mark_row> marks_;  // in these bytes
 };
 
 }  // namespace client

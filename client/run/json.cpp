@@ -38,30 +38,32 @@ static void to_json(json& to, const network_row& n) {
 
 namespace {
 
-// ASCII output and replaced bytes: messages may contain any bytes, and JSON must be UTF-8.
-std::string line_of(const json& value) {
-    return value.dump(-1, ' ', true, json::error_handler_t::replace) + "\n";
-}
-
 std::string status_json(std::string_view answer) {
     const status_report report = parse_status(answer);
-    return line_of({{"conditions", report.conditions}, {"messages", report.messages}, {"lost", report.lost}});
+    return json_text(
+        {{"conditions", report.conditions}, {"messages", report.messages}, {"lost", report.lost}});
 }
 
 // The answer of `modcntl` is empty when the module was switched, and has a text when that was refused.
 std::string switch_json(const std::vector<std::string>& words, std::string_view answer) {
     if (!answer.empty()) {
-        return line_of({{"error", answer.substr(0, answer.find('\n'))}});
+        return json_text({{"error", answer.substr(0, answer.find('\n'))}});
     }
-    return line_of({{"module", words[1]}, {"on", words.back() == "on"}});
+    return json_text({{"module", words[1]}, {"on", words.back() == "on"}});
+}
+
+template <auto parse>
+json_writer rows_as(const char* name) {
+    return [name](std::string_view answer) { return json_text({{name, parse(answer)}}); };
 }
 
 }  // namespace
 
+std::string json_text(const nlohmann::ordered_json& value) {
+    return value.dump(-1, ' ', true, json::error_handler_t::replace) + "\n";
+}
+
 json_writer json_writer_of(const std::vector<std::string>& words) {
-    if (words.empty()) {
-        return nullptr;
-    }
     // With a name, `modcntl` switches a module; its answer then is no listing.
     if (words[0] == "modcntl" && words.size() > 1) {
         return [words](std::string_view answer) { return switch_json(words, answer); };
@@ -70,30 +72,18 @@ json_writer json_writer_of(const std::vector<std::string>& words) {
     const struct {
         std::string_view command;
         std::string_view argument;
-        std::string (*write)(std::string_view answer);
+        json_writer writer;
     } forms[] = {
         {"status", "", status_json},
-        {"modcntl", "",
-         [](std::string_view a) {
-             return line_of({{"modules", parse_modules(a)}});
-         }},
-        {"debug", "timer",
-         [](std::string_view a) {
-             return line_of({{"jobs", parse_timer_jobs(a)}});
-         }},
-        {"show", "ip",
-         [](std::string_view a) {
-             return line_of({{"connections", parse_show_ip(a)}});
-         }},
-        {"show", "allowed_ip",
-         [](std::string_view a) {
-             return line_of({{"allowed", parse_networks(a)}});
-         }},
+        {"modcntl", "", rows_as<parse_modules>("modules")},
+        {"debug", "timer", rows_as<parse_timer_jobs>("jobs")},
+        {"show", "ip", rows_as<parse_show_ip>("connections")},
+        {"show", "allowed_ip", rows_as<parse_networks>("allowed")},
     };
     for (const auto& form : forms) {
         if (words[0] == form.command &&
             (form.argument.empty() || (words.size() > 1 && words[1] == form.argument))) {
-            return form.write;
+            return form.writer;
         }
     }
     return nullptr;
@@ -108,7 +98,7 @@ std::string host_json(const std::string& host, const std::string& line, const st
     if (!line.empty()) {
         value.update(json::parse(line));
     }
-    return line_of(value);
+    return json_text(value);
 }
 
 }  // namespace client

@@ -1,12 +1,13 @@
 #include "run/line_editor.h"
 
+#include "mail/state_file.h"
+#include "protocol/limits.h"
 #include "protocol/words.h"
 #include "term/signals.h"
 
 #include <algorithm>
-#include <csignal>
 #include <cstdio>
-#include <cwchar>
+#include <memory>
 #include <poll.h>
 #include <unistd.h>
 
@@ -14,13 +15,47 @@ namespace client {
 
 namespace {
 
-std::string common_prefix(const std::vector<std::string>& words) {
-    std::string common = words.front();
-    for (const std::string& word : words) {
-        common.erase(std::mismatch(common.begin(), common.end(), word.begin(), word.end()).first,
-                     common.end());
+constexpr int history_size = 1000;  // lines that a session offers, and that a trimmed file keeps
+constexpr long longest_history_file = 256L * 1024;  // bytes; a longer file is trimmed
+
+// A history file that is missing counts as empty; append_history creates it. A file that stays locked (by a session that
+// was stopped while it ends), or is no regular file, also counts as empty and is not written: the session then works
+// without it. The same holds for an empty path.
+
+// Adds the file's newest lines to the history.
+void load_history(const std::string& path, History* into) {
+    state_file file(path, state_file::access::read);
+    HistEvent event;
+    if (file.lock(std::chrono::steady_clock::now() + lock_timeout)) {
+        history(into, &event, H_LOAD, path.c_str());
     }
-    return common;
+}
+
+// Appends the lines of the history, oldest first, after the lines that other sessions have written meanwhile.
+void append_history(const std::string& path, History* lines) {
+    state_file file(path, state_file::access::create);
+    if (!file.lock(std::chrono::steady_clock::now() + lock_timeout)) {
+        return;
+    }
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(fdopen(dup(file.fd()), "r+"), std::fclose);
+    if (stream == nullptr || std::fseek(stream.get(), 0, SEEK_END) != 0) {
+        return;
+    }
+    HistEvent event;
+    // libedit begins a new file with a line that names the format.
+    history(lines, &event, H_SAVE_FP, stream.get());
+    if (std::fflush(stream.get()) != 0 || std::ftell(stream.get()) <= longest_history_file) {
+        return;
+    }
+    // The file is written again under the same lock and name: another session may wait for the lock of this file.
+    History* newest = history_init();
+    history(newest, &event, H_SETSIZE, history_size);
+    history(newest, &event, H_LOAD, path.c_str());
+    std::rewind(stream.get());
+    if (file.truncate(0)) {
+        history(newest, &event, H_SAVE_FP, stream.get());
+    }
+    history_end(newest);
 }
 
 }  // namespace
@@ -109,23 +144,16 @@ bool line_editor::wait_for_key() {
         if (signals_.resized()) {
             el_resize(editor_);
         }
-        if (ready[2].revents != 0) {
-            show_above(readable());
+        if (const std::string text = ready[2].revents != 0 ? readable() : ""; !text.empty()) {
+            // The row with the prompt is cleared, and drawn again below the text.
+            std::printf("\r\033[K(%s)\n", text.c_str());
+            std::fflush(stdout);
+            el_set(editor_, EL_REFRESH);
         }
         if (ready[0].revents != 0) {
             return true;
         }
     }
-}
-
-void line_editor::show_above(const std::string& text) {
-    if (text.empty()) {
-        return;
-    }
-    // The row with the prompt is cleared, and drawn again below the text.
-    std::printf("\r\033[K(%s)\n", text.c_str());
-    std::fflush(stdout);
-    el_set(editor_, EL_REFRESH);
 }
 
 void line_editor::suspend() {
@@ -190,7 +218,9 @@ unsigned char line_editor::complete(EditLine* editor, std::wint_t) {
     if (fitting.empty()) {
         return CC_ERROR;
     }
-    std::string rest = common_prefix(fitting).substr(typed.size());
+    const auto [least, most] = std::minmax_element(fitting.begin(), fitting.end());
+    const auto common_end = std::mismatch(least->begin(), least->end(), most->begin(), most->end()).first;
+    std::string rest = std::string(least->begin(), common_end).substr(typed.size());
     if (fitting.size() == 1) {
         rest += ' ';
     }

@@ -1,9 +1,6 @@
 // The line editor of the session: history, completion, and a prompt that also watches the connection.
 #pragma once
 
-#include "run/history_file.h"
-
-#include <cwchar>
 #include <functional>
 #include <histedit.h>
 #include <string>
@@ -46,7 +43,6 @@ private:
     static line_editor& self(EditLine* editor);
 
     bool wait_for_key();
-    void show_above(const std::string& text);
 
     std::string prompt_;
     std::string history_path_;

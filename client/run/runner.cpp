@@ -1,30 +1,18 @@
 #include "run/runner.h"
 
-#include "mail/box.h"
 #include "options/module_list.h"
 #include "protocol/limits.h"
-#include "protocol/login.h"
 #include "protocol/words.h"
-#include "term/text.h"
+#include "term/output.h"
 
 #include <algorithm>
-#include <csignal>
 #include <cstdio>
 #include <fcntl.h>
-#include <functional>
-#include <poll.h>
-#include <unistd.h>
-#include <utility>
+#include <stdexcept>
 
 namespace client {
 
 namespace {
-
-agent_options options_for(const settings& chosen, bool shows_messages) {
-    return {.connect = chosen.connect,
-            .parallel = chosen.parallel,
-            .stored = shows_messages ? stored_messages::taken : stored_messages::left};
-}
 
 host_output::order order_for(const settings& chosen) {
     if (chosen.hosts.size() == 1) {
@@ -33,19 +21,18 @@ host_output::order order_for(const settings& chosen) {
     return chosen.as_it_comes ? host_output::order::by_line : host_output::order::by_host;
 }
 
-bool has_terminal() {
-    const int terminal = open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC);
-    return terminal >= 0 && close(terminal) == 0;
-}
-
 }  // namespace
 
 command_runner::command_runner(const settings& chosen, manner how)
     : chosen_(chosen),
       how_(std::move(how)),
       terminal_(isatty(STDOUT_FILENO) == 1),
+      shows_messages_(!how_.once || chosen.words[0] == "status"),
       agent_(
-          chosen.hosts, options_for(chosen, !how_.once || chosen.words[0] == "status"),
+          chosen.hosts,
+          {.connect = chosen.connect,
+           .parallel = chosen.parallel,
+           .stored = shows_messages_ ? stored_messages::taken : stored_messages::left},
           {.output = std::bind_front(&command_runner::take_output, this),
            .status = std::bind_front(&command_runner::take_status, this),
            .ended = std::bind_front(&command_runner::take_end, this),
@@ -55,8 +42,8 @@ command_runner::command_runner(const settings& chosen, manner how)
       signals_(how_.suspend),
       states_(chosen.hosts.size()),
       output_(chosen.hosts, chosen.several && how_.convert == nullptr, order_for(chosen),
-              {.shown = [this](const std::vector<std::uint64_t>& ids) { agent_.shown(ids); },
-               .ended = [this](std::size_t host) { written(host); }}) {}
+              {.shown = std::bind_front(&agent_client::shown, &agent_),
+               .ended = std::bind_front(&command_runner::written, this)}) {}
 
 int command_runner::run(const std::vector<std::string>& words) {
     words_ = words;
@@ -82,7 +69,8 @@ void command_runner::start(std::size_t host) {
     // then be refused.
     const bool is_refused =
         states_.size() == 1 && !password_given_ && chosen_.connect.password_file.empty() &&
-        counters_of(key_of(chosen_.hosts[0])).login && has_terminal() && !ask_for_password();
+        counters_of(key_of(chosen_.hosts[0])).login &&
+        descriptor(open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC)).is_open() && !ask_for_password();
     if (!is_refused) {
         state.request = agent_.ask(host, words_);
     } else if (words_[0] == "status") {
@@ -102,15 +90,14 @@ void command_runner::show_stored() {
 // Waits until the output of all hosts is written.
 void command_runner::wait() {
     std::fflush(stdout);  // the output goes past its buffer
-    const clock::time_point order_end = clock::now() + order_limit;
-    bool in_order = states_.size() > 1;
+    clock::time_point order_end = states_.size() > 1 ? clock::now() + order_limit : clock::time_point::max();
     while (running_ > 0) {
-        if (!step(in_order ? order_end : clock::time_point::max())) {
+        if (!step(order_end)) {
             interrupt();
             break;
         }
-        if (in_order && clock::now() >= order_end) {
-            in_order = false;
+        if (clock::now() >= order_end) {
+            order_end = clock::time_point::max();
             output_.stop_ordering();
         }
     }
@@ -181,7 +168,7 @@ bool command_runner::ask_for_password() {
     return true;
 }
 
-void command_runner::take_output(std::size_t host, std::uint32_t request, std::string_view text) {
+void command_runner::take_output(std::size_t host, std::uint32_t request, const std::string& text) {
     host_state& state = states_[host];
     if (state.request != request) {
         return;
@@ -194,55 +181,41 @@ void command_runner::take_output(std::size_t host, std::uint32_t request, std::s
     }
 }
 
+// Also writes to standard error what the operator must know of an answer besides its lines.
 void command_runner::take_status(std::size_t host, const status_answer& answer) {
     const bool is_wanted = answer.request != 0 && answer.request == states_[host].request;
-    report_trouble(host, answer, is_wanted);
-    if (is_wanted) {
-        show(host, answer);
-    } else if (answer.request != 0) {  // it was given up when it was on its way
-        std::vector<std::uint64_t> ids;
-        for (const status_line& line : answer.lines) {
-            ids.push_back(line.id);
+    const std::string label = chosen_.prefix_of(host);
+    each_line(answer.notice, [&label](const std::string& line) { complain(label + line); });
+    if (!answer.unstored.empty()) {
+        complain(label + "cannot store messages: " + answer.unstored);
+        if (!is_wanted) {
+            print_unstored(host, answer.lines);
         }
-        agent_.put_back(ids);
     }
-}
-
-void command_runner::show(std::size_t host, const status_answer& answer) {
-    host_state& state = states_[host];
+    std::vector<std::uint64_t> not_shown;
     for (const status_line& line : answer.lines) {
-        const std::string text = line.text + "\n";
+        if (!is_wanted) {
+            not_shown.push_back(line.id);
+            continue;
+        }
+        take_output(host, answer.request, line.text + "\n");
         if (how_.convert != nullptr) {
-            state.kept += text;
-            state.lines.push_back(line);
+            states_[host].lines.push_back(line);
         } else {
-            output_.add(host, terminal_ ? state.filter.clean(text) : text);
             output_.mark(host, line.id);
         }
     }
-}
-
-// What the operator must know of an answer besides its lines.
-void command_runner::report_trouble(std::size_t host, const status_answer& answer, bool is_shown) const {
-    const std::string label = label_of(host, false);
-    each_line(answer.notice, [&label](const std::string& line) {
-        std::fprintf(stderr, "schedctl: %s%s\n", label.c_str(), line.c_str());
-    });
-    if (answer.unstored.empty()) {
-        return;
-    }
-    std::fprintf(stderr, "schedctl: %scannot store messages: %s\n", label.c_str(), answer.unstored.c_str());
-    if (!is_shown) {
-        print_unstored(host, answer.lines);
+    if (answer.request != 0 && !not_shown.empty()) {
+        agent_.put_back(not_shown);  // the request was given up when its answer was on its way
     }
 }
 
 // Messages that are neither shown nor stored: the scheduler does not send them again.
 void command_runner::print_unstored(std::size_t host, const std::vector<status_line>& lines) const {
     for (const status_line& line : lines) {
-        if (line.id == 0 && parse_status(line.text).conditions.empty()) {
-            std::fprintf(stderr, "%s%s\n", label_of(host, false).c_str(),
-                         printable_text().clean(line.text).c_str());
+        if (line.id == 0 && kind_of(line.text) != status_line_kind::condition) {
+            const std::string text = printable_text().clean(line.text);
+            std::fprintf(stderr, "%s%s\n", chosen_.prefix_of(host).c_str(), text.c_str());
         }
     }
 }
@@ -306,16 +279,10 @@ void command_runner::written(std::size_t host) {
     }
     const bool of_connection =
         end.how == outcome::closed || end.how == outcome::unsent || end.how == outcome::no_answer;
-    std::fprintf(stderr, "schedctl: %s%s\n", label_of(host, of_connection).c_str(), text.c_str());
-}
-
-// Returns what stands before a line about this host: its label with several hosts; else, when asked for, its port too.
-std::string command_runner::label_of(std::size_t host, bool with_port) const {
     const host_name& named = chosen_.hosts[host];
-    if (chosen_.several) {
-        return named.label + ": ";
-    }
-    return with_port ? named.name + ":" + std::to_string(named.port) + ": " : "";
+    const bool needs_port = of_connection && !chosen_.several;
+    complain((needs_port ? named.name + ":" + std::to_string(named.port) + ": " : chosen_.prefix_of(host)) +
+             text);
 }
 
 std::string command_runner::absorb() {
@@ -326,13 +293,6 @@ std::string command_runner::absorb() {
 int command_runner::finish(int code) {
     pollfd others[] = {{signals_.fd(), POLLIN, 0}};
     agent_.finish(others);
-    if (isatty(STDERR_FILENO) == 1 && !(how_.once && words_[0] == "status")) {
-        report_waiting();
-    }
-    return code;
-}
-
-void command_runner::report_waiting() const {
     std::size_t sum = 0;
     std::string names;
     for (std::size_t host = 0; host < states_.size(); ++host) {
@@ -341,10 +301,25 @@ void command_runner::report_waiting() const {
             names += (names.empty() ? " of " : ", ") + chosen_.hosts[host].label;
         }
     }
-    if (sum != 0) {
+    if (sum != 0 && isatty(STDERR_FILENO) == 1 && !(how_.once && shows_messages_)) {
         std::fprintf(stderr, "%zu new message%s%s; schedctl status shows %s\n", sum, sum == 1 ? "" : "s",
                      chosen_.several ? names.c_str() : "", sum == 1 ? "it" : "them");
     }
+    return code;
+}
+
+int run_command(const settings& chosen) {
+    // Its effect ends with the connection, which is closed after the command.
+    if (chosen.several && chosen.words[0] == "ipset") {
+        throw std::runtime_error("ipset affects only its own connection; use it in a session");
+    }
+    const command_runner::manner how{.once = true,
+                                     .convert = chosen.json ? json_writer_of(chosen.words) : nullptr};
+    if (chosen.json && how.convert == nullptr) {
+        throw std::runtime_error(std::string("--json is for ") + json_commands);
+    }
+    command_runner runner(chosen, how);
+    return runner.finish(runner.run(chosen.words));
 }
 
 }  // namespace client

@@ -9,11 +9,6 @@
 #include "term/signals.h"
 #include "term/text.h"
 
-#include <functional>
-#include <string>
-#include <utility>
-#include <vector>
-
 namespace client {
 
 class command_runner {
@@ -69,10 +64,8 @@ private:
     void interrupt();
     void start(std::size_t host);
     bool ask_for_password();
-    void take_output(std::size_t host, std::uint32_t request, std::string_view text);
+    void take_output(std::size_t host, std::uint32_t request, const std::string& text);
     void take_status(std::size_t host, const status_answer& answer);
-    void show(std::size_t host, const status_answer& answer);
-    void report_trouble(std::size_t host, const status_answer& answer, bool is_shown) const;
     void print_unstored(std::size_t host, const std::vector<status_line>& lines) const;
     void take_end(std::size_t host, std::uint32_t request, const command_result& end);
     void take_silence(std::size_t host, std::uint32_t request);
@@ -80,12 +73,11 @@ private:
     void give_up(std::size_t host, outcome how);
     void finish_host(std::size_t host, const command_result& end);
     void written(std::size_t host);
-    void report_waiting() const;
-    std::string label_of(std::size_t host, bool with_port) const;
 
     const settings& chosen_;
     const manner how_;
     const bool terminal_;  // standard output
+    const bool shows_messages_;
     agent_client agent_;
     signal_watch signals_;
     std::vector<host_state> states_;
@@ -98,5 +90,9 @@ private:
     std::size_t given_up_ = 0;      // see given_up_count()
     std::string note_;              // for take_note()
 };
+
+// One command. Returns its exit code: with several hosts the largest of theirs. Throws std::runtime_error for one that
+// cannot be run so.
+int run_command(const settings& chosen);
 
 }  // namespace client

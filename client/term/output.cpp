@@ -1,12 +1,11 @@
 #include "term/output.h"
 
-#include <algorithm>
+#include "term/exit_code.h"
+#include "term/text.h"
+
 #include <cerrno>
-#include <climits>
-#include <csignal>
 #include <cstdio>
 #include <fcntl.h>
-#include <poll.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -14,30 +13,8 @@ namespace client {
 
 namespace {
 
-constexpr int signal_interval = 100;  // milliseconds
-
-// Writing to standard error waits for its reader. The signals may be blocked, so a pending one that tells the program
-// to end must end this wait, too.
 ssize_t write_error(void* /*unused*/, const char* text, std::size_t size) {
-    for (std::size_t done = 0; done < size;) {
-        sigset_t pending;
-        pollfd ready{STDERR_FILENO, POLLOUT, 0};
-        while (poll(&ready, 1, signal_interval) <= 0) {
-            sigpending(&pending);
-            for (const int signo : {SIGINT, SIGTERM, SIGHUP}) {
-                if (sigismember(&pending, signo) == 1) {
-                    return static_cast<ssize_t>(size);
-                }
-            }
-        }
-        // A pipe that is ready takes PIPE_BUF bytes without blocking.
-        const ssize_t n = write(STDERR_FILENO, text + done, std::min<std::size_t>(size - done, PIPE_BUF));
-        if (n < 0 && errno != EINTR && errno != EAGAIN) {
-            return 0;
-        }
-        done += n > 0 ? static_cast<std::size_t>(n) : 0;
-    }
-    return static_cast<ssize_t>(size);
+    return write_all(STDERR_FILENO, {text, size}) ? static_cast<ssize_t>(size) : 0;
 }
 
 }  // namespace
@@ -61,8 +38,13 @@ bool flush_output() {
     if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) {
         return true;
     }
-    complain("cannot write: " + std::generic_category().message(errno));
+    fail_output();
     return false;
+}
+
+int fail_output() {
+    complain("cannot write: " + std::generic_category().message(errno));
+    return exit_usage;
 }
 
 void complain(const std::string& problem) {

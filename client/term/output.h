@@ -13,6 +13,9 @@ bool open_standard_streams();
 // Flushes the C streams. Returns false, after a message on standard error, when standard output could not be written.
 bool flush_output();
 
+// Reports that standard output could not be written, with errno. Returns the exit code for it.
+int fail_output();
+
 // Writes a line about a problem to standard error, after the name of the program.
 void complain(const std::string& problem);
 

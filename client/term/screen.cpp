@@ -4,9 +4,9 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <string_view>
 #include <sys/ioctl.h>
 #include <unistd.h>
+#include <utility>
 
 namespace client {
 
@@ -16,6 +16,9 @@ bool can_draw() {
 }
 
 void screen::enter() {
+    if (std::exchange(entered_, true)) {
+        return;
+    }
     // The keyboard first: the system stops a background job here, before it draws.
     if (tcgetattr(STDIN_FILENO, &usual_) == 0) {
         termios keys = usual_;
@@ -23,15 +26,13 @@ void screen::enter() {
         keys.c_cc[VQUIT] = _POSIX_VDISABLE;  // it would end the program without restoring the terminal
         keyboard_ = tcsetattr(STDIN_FILENO, TCSADRAIN, &keys) == 0 ? STDIN_FILENO : -1;
     }
-    entered_ = true;
     write_all(STDOUT_FILENO, "\033[?1049h\033[?25l\033[2J");  // alternate screen, no cursor, cleared
 }
 
 void screen::leave() {
-    if (!entered_) {
+    if (!std::exchange(entered_, false)) {
         return;
     }
-    entered_ = false;
     write_all(STDOUT_FILENO, "\033[?25h\033[?1049l");
     if (keyboard_ >= 0) {
         tcsetattr(keyboard_, TCSAFLUSH, &usual_);  // drops unread keys, which were not meant for the shell

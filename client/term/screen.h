@@ -18,8 +18,10 @@ public:
     screen(const screen&) = delete;
     screen& operator=(const screen&) = delete;
 
+    // Each does nothing when that is so already.
     void enter();
     void leave();
+    bool is_entered() const { return entered_; }
 
     // The descriptor of the keyboard; -1 when standard input is not a terminal.
     int keyboard() const { return keyboard_; }

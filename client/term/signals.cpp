@@ -2,7 +2,6 @@
 
 #include <sys/signalfd.h>
 #include <unistd.h>
-#include <utility>
 
 namespace client {
 

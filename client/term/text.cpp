@@ -1,15 +1,21 @@
 #include "term/text.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <csignal>
 #include <cstdio>
 #include <cwchar>
 #include <cwctype>
+#include <poll.h>
 #include <unistd.h>
 #include <utility>
 
 namespace client {
 
 namespace {
+
+constexpr int signal_interval = 100;  // milliseconds
 
 // Special results of mbrtowc.
 constexpr std::size_t incomplete = static_cast<std::size_t>(-2);
@@ -25,6 +31,14 @@ std::string escaped(std::string_view bytes) {
     return out;
 }
 
+// A signal that ends the program may be blocked while something is written.
+bool is_told_to_end() {
+    sigset_t pending;
+    return sigpending(&pending) == 0 &&
+           (sigismember(&pending, SIGINT) == 1 || sigismember(&pending, SIGTERM) == 1 ||
+            sigismember(&pending, SIGHUP) == 1);
+}
+
 }  // namespace
 
 std::string printable_text::clean(std::string_view bytes) {
@@ -32,15 +46,6 @@ std::string printable_text::clean(std::string_view bytes) {
     std::string out;
     std::size_t length = 0;
     for (std::size_t at = 0; at < text.size(); at += length) {
-        const char c = text[at];
-        length = 1;
-        if (c == '\r') {
-            continue;
-        }
-        if (c == '\n' || c == '\t' || (c >= ' ' && c <= '~')) {
-            out += c;
-            continue;
-        }
         wchar_t wide = 0;
         std::mbstate_t state{};
         const std::size_t decoded = std::mbrtowc(&wide, text.data() + at, text.size() - at, &state);
@@ -50,18 +55,27 @@ std::string printable_text::clean(std::string_view bytes) {
             break;
         }
         length = decoded == invalid || decoded == 0 ? 1 : decoded;
-        const std::string_view character = std::string_view(text).substr(at, length);
-        const bool shown = decoded == length && std::iswprint(static_cast<std::wint_t>(wide)) != 0;
-        out += shown ? std::string(character) : escaped(character);
+        const std::string character = text.substr(at, length);
+        const bool is_shown = character == "\n" || character == "\t" ||
+                              (decoded == length && std::iswprint(static_cast<std::wint_t>(wide)) != 0);
+        out += is_shown ? character : character != "\r" ? escaped(character) : "";
     }
     return out;
 }
 
-// A short write is not an error: the next call writes the rest.
 bool write_all(int fd, std::string_view bytes) {
     while (!bytes.empty()) {
-        const ssize_t n = write(fd, bytes.data(), bytes.size());
-        if (n < 0 && errno != EINTR) {
+        pollfd ready{fd, POLLOUT, 0};
+        if (poll(&ready, 1, signal_interval) <= 0) {
+            if (is_told_to_end()) {
+                errno = EINTR;
+                return false;
+            }
+            continue;
+        }
+        // A pipe that is ready takes PIPE_BUF bytes without blocking.
+        const ssize_t n = write(fd, bytes.data(), std::min<std::size_t>(bytes.size(), PIPE_BUF));
+        if (n < 0 && errno != EINTR && errno != EAGAIN) {
             return false;
         }
         bytes.remove_prefix(n > 0 ? static_cast<std::size_t>(n) : 0);
@@ -73,22 +87,19 @@ std::string fit(std::string_view text, std::size_t columns) {
     std::string line = printable_text().clean(std::string(text) + '\n');
     // The added line feed made clean() write an incomplete last character; it is not part of the line.
     line.pop_back();
+    const auto moves = [](char c) { return c == '\t' || c == '\n'; };
+    std::replace_if(line.begin(), line.end(), moves, ' ');
     std::size_t used = 0;
     std::size_t at = 0;
-    while (at < line.size()) {
-        if (line[at] == '\t' || line[at] == '\n') {
-            line[at] = ' ';
-        }
+    for (std::size_t length = 0; at < line.size(); at += length) {
         wchar_t wide = 0;
         std::mbstate_t state{};
-        const std::size_t length = std::mbrtowc(&wide, line.data() + at, line.size() - at, &state);
+        length = std::mbrtowc(&wide, line.data() + at, line.size() - at, &state);
         // A character may take two columns of the terminal, or none.
-        const int width = wcwidth(wide);
-        used += width > 0 ? static_cast<std::size_t>(width) : 0;
+        used += static_cast<std::size_t>(std::max(wcwidth(wide), 0));
         if (used > columns) {
             break;
         }
-        at += length;
     }
     line.resize(at);
     return line;

@@ -16,11 +16,12 @@ private:
     std::string pending_;
 };
 
-// Writes all bytes, with as many calls as needed. Returns false with errno when a write fails.
+// Writes all bytes, however slowly their reader takes them. Returns false with errno when that fails; EINTR: a blocked
+// signal tells the program to end.
 bool write_all(int fd, std::string_view bytes);
 
 // Returns one line of any text, made printable and cut to so many columns of the terminal.
-std::string fit(std::string_view text, std::size_t columns);
+std::string fit(std::string_view text, std::size_t columns = std::string::npos);
 
 // Calls read with each line of text, without its line feed.
 template <typename reader>

@@ -1,6 +1,5 @@
 #include "watch/drawing.h"
 
-#include "term/exit_code.h"
 #include "term/screen.h"
 
 #include <algorithm>
@@ -40,32 +39,23 @@ const char* colour_of(health state) {
     return healths[static_cast<std::size_t>(state)].second;
 }
 
-health health_of(const host_row& row) {
+// Returns the text for the state of a host, and sets the state.
+std::string state_text(const host_row& row, health& state) {
     // The conditions of a host that cannot be reached may no longer hold.
     if (!row.since.empty()) {
-        return row.known.failure == exit_silence ? health::silent : health::unreachable;
-    }
-    if (!row.known.up) {
-        return health::unknown;
-    }
-    health worst = row.lost != 0 ? health::lost : health::well;
-    for (const condition& c : row.known.conditions) {
-        worst = std::min(worst, health_of(c));
-    }
-    return worst;
-}
-
-std::string state_text(const host_row& row, health state) {
-    if (state == health::unknown) {
-        return "asked";
-    }
-    if (!row.since.empty()) {
+        state = row.known.failure == exit_silence ? health::silent : health::unreachable;
         const std::string age = age_of(row.since) + ", since " + row.since.substr(0, shown_date);
         return state == health::silent ? "no answer " + age : "down " + age + ": " + row.known.problem;
     }
+    if (!row.known.up) {
+        state = health::unknown;
+        return "asked";
+    }
+    state = row.lost != 0 ? health::lost : health::well;
     std::string alarms;
     std::string others;
     for (const condition& c : row.known.conditions) {
+        state = std::min(state, health_of(c));
         const std::string text = c.name + " " + age_of(c.since);
         if (is_fault(c.name)) {
             alarms += (alarms.empty() ? "" : ", ") + text;
@@ -84,16 +74,14 @@ std::string padded(std::string text, std::size_t width) {
 
 described_row describe(std::size_t host, const host_row& row, std::size_t label_width) {
     constexpr std::size_t state_width = 20;
-    const health state = health_of(row);
-    described_row line{host, state, padded(row.label, label_width)};
-    const bool has_more = !row.newest.what.text.empty() || row.lost != 0;
-    line.text += has_more ? padded(state_text(row, state), state_width) : state_text(row, state);
+    described_row line{host, health::unknown, padded(row.label, label_width)};
+    line.text += padded(state_text(row, line.state), state_width);
     if (row.lost != 0) {
         line.text += "lost " + std::to_string(row.lost) + "  ";
     }
-    if (!row.newest.what.text.empty()) {
+    if (!row.newest.text.empty()) {
         line.message_at = line.text.size();
-        line.text += row.newest.what.date.substr(0, shown_date) + " " + row.newest.what.text;
+        line.text += row.newest.date.substr(0, shown_date) + " " + row.newest.text;
     }
     return line;
 }
@@ -138,10 +126,6 @@ std::string time_of_day() {
     return "  " + now_date().substr(11, 8) + "  ";
 }
 
-const char* colour_of(const message& m) {
-    return m.text.starts_with('E') ? red : m.text.starts_with('W') ? yellow : plain;
-}
-
 // Draws one row for each condition. When no row would be left for the heading and one message, the last conditions
 // share one row, with only their names.
 void draw_conditions(const std::vector<condition>& conditions, canvas& page) {
@@ -149,32 +133,34 @@ void draw_conditions(const std::vector<condition>& conditions, canvas& page) {
     const std::size_t free = page.rows_left() > rows_below ? page.rows_left() - rows_below : 0;
     const std::size_t single =
         conditions.size() <= free ? conditions.size() : std::max<std::size_t>(free, 1) - 1;
-    for (std::size_t i = 0; i < single; ++i) {
-        const condition& c = conditions[i];
-        char row[96];
-        std::snprintf(row, sizeof row, "%-9s %s  %s", c.name.c_str(), c.since.c_str(),
-                      age_of(c.since).c_str());
-        page.line(row, colour_of(health_of(c)));
-    }
     std::string names;
-    const char* colour = plain;
-    for (std::size_t i = single; i < conditions.size(); ++i) {
-        names += (names.empty() ? "" : ", ") + conditions[i].name;
-        colour = colour == red ? red : colour_of(health_of(conditions[i]));
+    const char* names_colour = plain;
+    for (std::size_t i = 0; i < conditions.size(); ++i) {
+        const condition& c = conditions[i];
+        const char* const colour = colour_of(health_of(c));
+        if (i < single) {
+            char row[96];
+            std::snprintf(row, sizeof row, "%-9s %s  %s", c.name.c_str(), c.since.c_str(),
+                          age_of(c.since).c_str());
+            page.line(row, colour);
+        } else {
+            names += (names.empty() ? "" : ", ") + c.name;
+            names_colour = names_colour == red ? red : colour;
+        }
     }
     if (!names.empty()) {
-        page.line(names, colour);
+        page.line(names, names_colour);
     }
 }
 
 }  // namespace
 
-std::size_t draw_host(const host_row& host, const std::string& notice,
-                      const std::deque<listed_message>& messages) {
+std::vector<event*> draw_host(const host_row& host, const std::string& notice,
+                              std::deque<listed_message>& messages) {
     canvas page;
     page.line(host.label + time_of_day() + "Ctrl-C quits", bold);
     if (!host.since.empty()) {
-        const bool is_silent = health_of(host) == health::silent;
+        const bool is_silent = host.known.failure == exit_silence;
         page.line(host.known.problem + (is_silent ? "; waiting" : "; trying again"), red);
     }
     if (!notice.empty()) {
@@ -182,16 +168,18 @@ std::size_t draw_host(const host_row& host, const std::string& notice,
     }
     draw_conditions(host.known.conditions, page);
     page.line("Messages: " + std::to_string(messages.size()), bold);
-    const std::size_t shown = std::min(page.rows_left(), messages.size());
-    for (std::size_t i = messages.size() - shown; i < messages.size(); ++i) {
-        const message& what = messages[i].received.what;
-        page.line(what.date + " " + what.text, colour_of(what));
+    std::vector<event*> shown;
+    for (std::size_t i = messages.size() - std::min(page.rows_left(), messages.size()); i < messages.size();
+         ++i) {
+        event& m = messages[i].what;
+        shown.push_back(&m);
+        const bool warns = m.priority == warning_level && m.lost == 0;
+        page.line(m.date + " " + m.text, m.priority == error_level ? red : warns ? yellow : plain);
     }
-    return page.show() ? shown : 0;
+    return page.show() ? shown : std::vector<event*>();
 }
 
-std::vector<std::size_t> draw_hosts(const std::vector<host_row>& rows, const std::string& notice,
-                                    host_keys& keys) {
+std::vector<event*> draw_hosts(std::vector<host_row>& rows, const std::string& notice, host_keys& keys) {
     std::string heading;
     const std::vector<described_row> lines = chosen_rows(rows, keys.filter, heading);
     canvas page;
@@ -207,15 +195,15 @@ std::vector<std::size_t> draw_hosts(const std::vector<host_row>& rows, const std
     keys.page = page.rows_left();
     // The filter may have made the list shorter since the last key.
     keys.top = std::min(keys.top, lines.size() > keys.page ? lines.size() - keys.page : 0);
-    std::vector<std::size_t> shown;
+    std::vector<event*> shown;
     for (std::size_t i = keys.top; i < lines.size() && page.rows_left() != 0; ++i) {
         page.line(lines[i].text, colour_of(lines[i].state));
         // The date alone is no message.
         if (lines[i].message_at != 0 && lines[i].message_at + shown_date + 1 < page.columns()) {
-            shown.push_back(lines[i].host);
+            shown.push_back(&rows[lines[i].host].newest);
         }
     }
-    return page.show() ? shown : std::vector<std::size_t>();
+    return page.show() ? shown : std::vector<event*>();
 }
 
 void host_keys::handle(std::string_view keys) {
@@ -240,33 +228,21 @@ std::size_t host_keys::handle_first(std::string_view keys) {
             return move.bytes.size();
         }
     }
-    if (editing) {
-        edit(keys[0]);
-    } else if (keys[0] == '/') {
-        editing = true;
-        filter.clear();
-    } else if (keys[0] == 'q') {
-        quits = true;
-    } else if (keys[0] == '\033') {
-        filter.clear();
-    }
-    return 1;
-}
-
-void host_keys::edit(char key) {
-    constexpr char backspace = '\b';
-    constexpr char erase = '\177';  // the Backspace key of most terminals
-    constexpr char escape = '\033';
-    if (key == '\n' || key == '\r' || key == escape) {
+    const char key = keys[0];
+    const bool is_escape = key == '\033';
+    if (!editing) {
+        editing = key == '/';
+        quits = quits || key == 'q';
+        filter = editing || is_escape ? "" : filter;
+    } else if (key == '\n' || key == '\r' || is_escape) {
         editing = false;
-        filter = key == escape ? "" : filter;
-    } else if (key == backspace || key == erase) {
-        if (!filter.empty()) {
-            filter.pop_back();
-        }
+        filter = is_escape ? "" : filter;
+    } else if (key == '\b' || key == '\177') {  // the Backspace key of most terminals sends the second
+        filter.resize(filter.size() - std::min<std::size_t>(filter.size(), 1));
     } else {
         filter += key;
     }
+    return 1;
 }
 
 }  // namespace client

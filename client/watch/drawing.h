@@ -4,9 +4,6 @@
 #include "watch/inquiry.h"
 
 #include <deque>
-#include <string>
-#include <string_view>
-#include <vector>
 
 namespace client {
 
@@ -15,20 +12,20 @@ struct host_row {
     std::string label;
     const snapshot& known;
     std::string since = {};  // date of the start of its outage; empty: it answers, or has not been asked yet
-    received_message newest = {};  // its text is empty before the first
-    unsigned long lost = 0;        // messages lost since the view began
+    event newest = {};       // its text is empty before the first
+    unsigned long lost = 0;  // messages lost since the view began
 };
 
 // A message in the list of a live view.
 struct listed_message {
     std::size_t host;
-    received_message received;
+    event what;
 };
 
-// Draws the host, a line for the operator (empty: none) and as many of the newest messages as fit. Returns the number
-// of these messages; 0 when the terminal could not be written.
-std::size_t draw_host(const host_row& host, const std::string& notice,
-                      const std::deque<listed_message>& messages);
+// Draws the host, a line for the operator (empty: none) and as many of the newest messages as fit. Returns these
+// messages; none when the terminal could not be written.
+std::vector<event*> draw_host(const host_row& host, const std::string& notice,
+                              std::deque<listed_message>& messages);
 
 // The state of the view of many hosts that keys change.
 struct host_keys {
@@ -44,12 +41,10 @@ struct host_keys {
 
 private:
     std::size_t handle_first(std::string_view keys);
-    void edit(char key);
 };
 
 // Draws as many hosts as fit, below a line for the operator (empty: none). Limits keys.top to the last host, and sets
-// keys.page. Returns the hosts whose newest message was on the screen; none when the terminal could not be written.
-std::vector<std::size_t> draw_hosts(const std::vector<host_row>& rows, const std::string& notice,
-                                    host_keys& keys);
+// keys.page. Returns the newest messages that were on the screen; none when the terminal could not be written.
+std::vector<event*> draw_hosts(std::vector<host_row>& rows, const std::string& notice, host_keys& keys);
 
 }  // namespace client

@@ -1,5 +1,7 @@
 #include "watch/events.h"
 
+#include "run/json.h"
+
 #include <algorithm>
 #include <cctype>
 
@@ -40,24 +42,27 @@ event condition_event(const condition& which, bool is_set) {
             json{{"name", which.name}, {"set", is_set}}};
 }
 
-event received_event(const received_message& what) {
-    const message& m = what.what;
-    if (what.lost != 0) {
-        return {warning_level, m.date, m.text, "lost", json{{"count", what.lost}}};
-    }
-    const auto [priority, severity] = m.text.starts_with('E')   ? std::pair(error_level, "error")
-                                      : m.text.starts_with('W') ? std::pair(warning_level, "warning")
-                                                                : std::pair(info_level, "info");
-    return {priority, m.date, "message " + m.text, "message",
-            json{{"code", code_of(m.text)}, {"severity", severity}, {"text", m.text}}};
+event message_event(const message& what, std::uint64_t id) {
+    const auto [priority, severity] = what.text.starts_with('E')   ? std::pair(error_level, "error")
+                                      : what.text.starts_with('W') ? std::pair(warning_level, "warning")
+                                                                   : std::pair(info_level, "info");
+    const json more{{"code", code_of(what.text)}, {"severity", severity}, {"text", what.text}};
+    return {priority, what.date, what.text, "message", more, id};
+}
+
+event lost_event(unsigned long count, std::uint64_t id) {
+    const std::string text = std::to_string(count) + " messages were lost";
+    return {warning_level, now_date(), text, "lost", json{{"count", count}}, id, count};
+}
+
+std::string line_of(const event& what) {
+    return what.date + (what.name == std::string_view("message") ? " message " : " ") + what.text;
 }
 
 std::string json_line(const event& what, const host_name& host, bool level_prefix) {
     json value{{"time", what.date}, {"host", host.name}, {"port", host.port}, {"event", what.name}};
     value.update(what.more);
-    // Messages may contain any bytes, and JSON must be UTF-8.
-    const std::string text = value.dump(-1, ' ', true, json::error_handler_t::replace) + "\n";
-    return level_prefix ? "<" + std::to_string(what.priority) + ">" + text : text;
+    return (level_prefix ? "<" + std::to_string(what.priority) + ">" : "") + json_text(value);
 }
 
 }  // namespace client

@@ -2,29 +2,17 @@
 #pragma once
 
 #include "agent/status_answer.h"
-#include "protocol/answer.h"
+#include "watch/events.h"
 #include "watch/snapshot.h"
 
-#include <cstdint>
-#include <string>
-#include <string_view>
 #include <utility>
-#include <vector>
 
 namespace client {
 
-// A message, or a count of messages that the scheduler or the mailbox has dropped.
-struct received_message {
-    std::uint64_t id = 0;  // in the mailbox; 0: it is not there, so nothing has to be acknowledged
-    message what;          // for a count: the current time, and a text for people
-    unsigned long lost = 0;
-};
-
 // What an answer of `status` brings, compared with what was known.
 struct status_update {
-    std::vector<condition> set;  // also those that were set anew, at another time
-    std::vector<condition> cleared;
-    std::vector<received_message> messages;
+    std::vector<event> changes;   // of conditions; one that was set anew, at another time, is set again
+    std::vector<event> messages;  // and counts of lost ones
 };
 
 // Its owner calls begin(), asks words(), and hands on what comes until ended() returns false.

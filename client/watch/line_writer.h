@@ -1,22 +1,20 @@
 // Lines on standard output, each written at once.
 #pragma once
 
-#include "term/signals.h"
-
+#include <csignal>
 #include <string>
-#include <string_view>
 
 namespace client {
 
 class line_writer {
 public:
     // From now on a closed pipe is an error of write.
-    explicit line_writer(signal_watch& signals);
+    line_writer() { std::signal(SIGPIPE, SIG_IGN); }
 
     // Writes a line, which must end with LF. Its reader may be slow, so a signal ends the waiting. Returns false when
     // it was not written completely: then nothing more can be written. A reader that has gone and a signal are no
     // fault; another reason is reported.
-    bool write(std::string_view line);
+    bool write(const std::string& line);
 
     // Writes one line of any text, made printable on a terminal; with the same result.
     bool print(const std::string& text);
@@ -25,7 +23,6 @@ public:
     int exit_code() const { return exit_code_; }  // for the end of the program
 
 private:
-    signal_watch& signals_;
     bool is_open_ = true;
     int exit_code_ = 0;
 };

@@ -2,14 +2,11 @@
 
 #include "options/options.h"
 #include "protocol/limits.h"
-#include "protocol/login.h"
 #include "term/output.h"
 #include "term/signals.h"
 #include "term/text.h"
 
 #include <algorithm>
-#include <unistd.h>
-#include <utility>
 
 namespace client {
 
@@ -19,57 +16,41 @@ constexpr std::chrono::seconds details_interval{15};  // connections, modules an
 
 }  // namespace
 
-poller::poller(const settings& chosen, const agent_options& how, bool with_details)
-    : interval_(chosen.interval),
-      several_(chosen.several),
-      is_follower_(how.kind == mail_kind::followers),
-      with_details_(with_details),
-      asks_password_(!several_ && !is_follower_ && !how.must_store && chosen.connect.password_file.empty() &&
+poller::poller(const settings& chosen)
+    : chosen_(chosen),
+      interval_(chosen.interval),
+      asks_password_(chosen.what == task::watch && !chosen.several && chosen.connect.password_file.empty() &&
                      isatty(STDIN_FILENO) == 1 && counters_of(key_of(chosen.hosts[0])).login),
-      agent_(chosen.hosts, how, listener()) {
-    for (const host_name& host : hosts()) {
+      agent_(chosen.hosts, asking(chosen),
+             {.output = [this](std::size_t host, std::uint32_t,
+                               const std::string& text) { states_[host].round.output(text); },
+              .status = std::bind_front(&poller::answered, this),
+              .ended = std::bind_front(&poller::ended, this),
+              .late = [this](std::size_t host, std::uint32_t) { late(host); },
+              .closed = [](std::size_t, std::size_t, bool) {},
+              .password_needed = [this](std::size_t host) { agent_.password(host, password(host)); }}) {
+    for (const host_name& host : chosen.hosts) {
         states_.push_back({inquiry(host)});
     }
-}
-
-agent_listener poller::listener() {
-    agent_listener events;
-    events.output = [this](std::size_t host, std::uint32_t, std::string_view text) {
-        states_[host].round.output(text);
-    };
-    events.status = [this](std::size_t host, status_answer& answer) { answered(host, answer); };
-    events.ended = [this](std::size_t host, std::uint32_t request, const command_result& end) {
-        ended(host, request, end);
-    };
-    // The connection stays, and the answer may still come.
-    events.late = [this](std::size_t host, std::uint32_t) { late(host); };
-    events.closed = [](std::size_t, std::size_t, bool) {};
-    events.password_needed = [this](std::size_t host) { agent_.password(host, password(hosts()[host])); };
-    return events;
-}
-
-// Without a password nothing is asked: the connection would take messages and then be refused.
-bool poller::password_missing() {
-    if (!std::exchange(asks_password_, false)) {
-        return false;
-    }
-    const std::optional<std::string> text = password(hosts()[0]);
-    agent_.password(0, text);
-    return !text;
 }
 
 // now: the same for all hosts that are due, so that they stay due together: an event for each costs more.
 void poller::ask(std::size_t host, clock::time_point now) {
     host_state& state = states_[host];
-    if (password_missing()) {
-        return fail(host, outcome::login_refused);
+    // Without a password nothing is asked: the connection would take messages and then be refused.
+    if (std::exchange(asks_password_, false)) {
+        const std::optional<std::string> text = password(host);
+        agent_.password(host, text);
+        if (!text) {
+            return fail(host, outcome::login_refused);
+        }
     }
     state.asked_at = now;
     // In an outage only the status: without an answer it brings what waits in the mailbox.
-    const bool has_failed = state.round.known.failure != 0;
-    const bool with_details = with_details_ && !has_failed && state.details_due <= state.asked_at;
+    const bool with_details = (chosen_.what == task::follow || chosen_.what == task::metrics) &&
+                              state.round.known.failure == 0 && state.details_due <= now;
     if (with_details) {
-        state.details_due = state.asked_at + details_interval;
+        state.details_due = now + details_interval;
     }
     state.round.begin(with_details);
     state.request = agent_.ask(host, state.round.words());
@@ -99,13 +80,14 @@ poller::clock::time_point poller::ask_due() {
 
 void poller::answered(std::size_t host, const status_answer& answer) {
     host_state& state = states_[host];
-    const snapshot& known = state.round.known;
-    const bool was_up = known.up;
-    const bool has_failed = known.failure != 0;
-    const status_update update = state.round.status(answer);
-    if (known.up && !was_up) {
+    const bool was_up = state.round.known.up;
+    const bool has_failed = state.round.known.failure != 0;
+    status_update update = state.round.status(answer);
+    if (state.round.known.up && !was_up) {
         state.refused = false;
-        connected(host, has_failed);
+        if (has_failed || chosen_.what == task::follow) {
+            update.changes.insert(update.changes.begin(), connected_event());
+        }
     }
     received(host, answer, update);
 }
@@ -148,7 +130,7 @@ void poller::fail(std::size_t host, const command_result& why) {
     state.refused = state.refused || refuses;
     state.details_due = {};  // they may change during an outage
     state.round.failed(why);
-    if (!several_ && (refuses || (is_first && !is_follower_))) {
+    if (!chosen_.several && (refuses || (is_first && chosen_.what != task::follow))) {
         given_up_ = why;
     }
     failed(host, why, is_news);
@@ -178,13 +160,9 @@ void poller::finish(std::span<pollfd> others) {
     agent_.finish(others);
 }
 
-std::string poller::prefix_of(std::size_t host) const {
-    return several_ ? hosts()[host].label + ": " : "";
-}
-
 std::string poller::notices_of(std::size_t host, const status_answer& answer) const {
     std::string text;
-    const std::string start = "schedctl: " + prefix_of(host);
+    const std::string start = "schedctl: " + chosen_.prefix_of(host);
     each_line(answer.notice, [&](const std::string& line) { text += start + line + "\n"; });
     if (!answer.unstored.empty()) {
         text += start + "messages could not be stored: " + answer.unstored + "\n";
@@ -196,7 +174,7 @@ int poller::report_given_up(int otherwise) const {
     if (!given_up_) {
         return otherwise;
     }
-    complain(hosts()[0].label + ": " + describe(*given_up_));
+    complain(chosen_.hosts[0].label + ": " + describe(*given_up_));
     return exit_code_of(*given_up_);
 }
 
@@ -205,18 +183,26 @@ bool is_refusal(outcome how) {
            how != outcome::over;
 }
 
-agent_options showing(const settings& chosen, mail_kind kind) {
-    return {.connect = chosen.connect,
-            .parallel = chosen.parallel,
-            .stored = stored_messages::taken,
-            .kind = kind};
+agent_options asking(const settings& chosen) {
+    agent_options how{
+        .connect = chosen.connect, .parallel = chosen.parallel, .stored = stored_messages::taken};
+    how.kind = chosen.what == task::follow ? mail_kind::followers : mail_kind::operators;
+    if (chosen.what == task::check || chosen.what == task::metrics) {
+        how.must_store = true;
+        how.stored = stored_messages::looked_at;
+        how.connect.user.clear();  // no greeting: it runs a module, and might have to wait for another one
+    }
+    return how;
 }
 
-std::optional<std::string> ask_password_for(const host_name& host) {
+std::optional<std::string> poller::password(std::size_t host) {
     const signals_through through;
     std::string password;
     std::string problem;
-    if (ask_password("Password for " + host.name + ": ", false, password, problem)) {
+    if (chosen_.what != task::watch) {
+        return std::nullopt;
+    }
+    if (ask_password("Password for " + chosen_.hosts[host].name + ": ", false, password, problem)) {
         return password;
     }
     complain(problem);

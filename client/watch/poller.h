@@ -14,7 +14,6 @@
 
 namespace client {
 
-class signal_watch;
 struct settings;
 
 // host is the number in the list. Only step() and finish() call the virtual functions.
@@ -22,26 +21,25 @@ class poller {
 public:
     using clock = agent_client::clock;
 
-    // with_details: a round also asks for the details of an inquiry, at most every 15 seconds. A follower waits for a
-    // single scheduler that does not run yet.
-    poller(const settings& chosen, const agent_options& how, bool with_details);
+    // The rounds of `follow` and `metrics` also ask for the details of an inquiry, at most every 15 seconds. A follower
+    // waits for a single scheduler that does not run yet.
+    explicit poller(const settings& chosen);
     virtual ~poller() = default;
     poller(const poller&) = delete;
     poller& operator=(const poller&) = delete;
 
 protected:
-    // The scheduler answers, for the first time or (again) after an outage. received() follows.
-    virtual void connected(std::size_t /*host*/, bool /*again*/) {}
-    // An answer, complete or as far as it came. Call shown() for each message that was written.
+    // An answer, complete or as far as it came. The changes begin with the end of an outage; for a follower, also with
+    // the first answer. Call shown() for each message that was written.
     virtual void received(std::size_t host, const status_answer& answer, const status_update& update) = 0;
     // There is no answer. is_news: the first time in this outage, or the scheduler refuses for the first time.
     virtual void failed(std::size_t /*host*/, const command_result& /*why*/, bool /*is_news*/) {}
     // The round of this host is complete; also called once in each interval of a silence.
     virtual void polled(std::size_t /*host*/) {}
-    // The scheduler requires a login. Returns nothing when nobody can be asked.
-    virtual std::optional<std::string> password(const host_name& /*host*/) { return std::nullopt; }
+    // The scheduler requires a login: a person is asked at the terminal. Returns nothing when there is no answer; the
+    // reason is then reported.
+    virtual std::optional<std::string> password(std::size_t host);
 
-    const std::vector<host_name>& hosts() const { return agent_.hosts(); }
     const snapshot& known(std::size_t host) const { return states_[host].round.known; }
 
     // Asks the hosts that are due, then waits as agent_client::step() does.
@@ -59,9 +57,6 @@ protected:
     // Closes the connections; what the last answers bring goes to the output. Ends early when one of them is readable.
     void finish(std::span<pollfd> others = {});
 
-    // "LABEL: " before a line about a host of several; empty with one host.
-    std::string prefix_of(std::size_t host) const;
-
     // The lines of an answer that are for the operator's standard error.
     std::string notices_of(std::size_t host, const status_answer& answer) const;
 
@@ -71,6 +66,8 @@ protected:
 
     // Reports that reason, if there is one, to the operator. Returns its exit code, else `otherwise`.
     int report_given_up(int otherwise) const;
+
+    const settings& chosen_;
 
 private:
     struct host_state {
@@ -83,8 +80,6 @@ private:
         clock::time_point details_due{};
     };
 
-    agent_listener listener();
-    bool password_missing();
     void ask(std::size_t host, clock::time_point now);
     clock::time_point ask_due();
     void answered(std::size_t host, const status_answer& answer);
@@ -92,9 +87,6 @@ private:
     void fail(std::size_t host, const command_result& why);
 
     const std::chrono::seconds interval_;
-    const bool several_;
-    const bool is_follower_;
-    const bool with_details_;
     bool asks_password_;  // before the first connection
     std::vector<host_state> states_;
     clock::time_point next_due_{};  // no host is due before
@@ -106,10 +98,8 @@ private:
 // True when trying again soon is useless: neither a lost connection nor silence.
 bool is_refusal(outcome how);
 
-// The settings of the agent for `watch` and `follow`, which show what they receive.
-agent_options showing(const settings& chosen, mail_kind kind);
-
-// Asks at the terminal. Returns nothing when there is no answer; the reason is then reported.
-std::optional<std::string> ask_password_for(const host_name& host);
+// The settings of the agent. `watch` and `follow` show what they receive; `check` and `metrics` store all of it, and show
+// nothing.
+agent_options asking(const settings& chosen);
 
 }  // namespace client

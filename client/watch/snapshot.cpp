@@ -1,17 +1,14 @@
 #include "watch/snapshot.h"
 
 #include "mail/replace_file.h"
-#include "mail/state_file.h"
 #include "mail/state_path.h"
+#include "run/json.h"
 #include "term/exit_code.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstdlib>
-#include <ctime>
 #include <fstream>
 #include <nlohmann/json.hpp>
-#include <unistd.h>
 
 namespace client {
 
@@ -90,9 +87,7 @@ bool write_state_file(const host_name& host, const snapshot& known, double inter
     value["boot"] = boot_id();
     value["written"] = boot_clock();
     value["interval"] = interval;
-    // ASCII output and replaced bytes, because dump throws for text that is not UTF-8.
-    const std::string text = value.dump(-1, ' ', true, nlohmann::json::error_handler_t::replace) + "\n";
-    return replace_file(path, text, 0644, false, problem);
+    return replace_file(path, json_text(value), 0644, false, problem);
 }
 
 // A failure is ignored: readers soon find that the file is too old.

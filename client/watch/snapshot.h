@@ -6,10 +6,7 @@
 #include "protocol/listings.h"
 #include "protocol/status.h"
 
-#include <optional>
-#include <string>
-#include <string_view>
-#include <vector>
+#include <deque>
 
 namespace client {
 
@@ -20,7 +17,7 @@ struct snapshot {
     double answered = 0;        // time of the newest status, seconds since the epoch; 0: none yet
     double answer_seconds = 0;  // time that the scheduler took to answer
     std::vector<condition> conditions;
-    std::vector<message> messages;  // the newest that are known, oldest first
+    std::deque<message> messages;  // the newest that are known, oldest first
     message_totals totals;
     long operators = -1;  // connections without our own; -1: not known, here and below
     long timer_jobs = -1;

@@ -3,13 +3,12 @@
 #include "options/options.h"
 #include "term/output.h"
 #include "term/screen.h"
-#include "watch/events.h"
+#include "term/signals.h"
 #include "watch/line_writer.h"
 #include "watch/poller.h"
 
 #include <cstdio>
 #include <unistd.h>
-#include <utility>
 
 namespace client {
 
@@ -18,105 +17,75 @@ namespace {
 // `watch` without a terminal, and `follow`: a line for each thing that happens.
 class line_output : private poller {
 public:
-    explicit line_output(const settings& chosen)
-        : poller(chosen,
-                 showing(chosen, chosen.what == task::follow ? mail_kind::followers : mail_kind::operators),
-                 chosen.what == task::follow),
-          chosen_(chosen),
-          follows_(chosen.what == task::follow) {}
-    ~line_output() override;
+    explicit line_output(const settings& chosen) : poller(chosen), follows_(chosen.what == task::follow) {}
 
-    int run();
+    ~line_output() override {
+        for (const host_name& host : chosen_.hosts) {
+            if (follows_) {
+                remove_state_file(host);
+            }
+        }
+    }
+
+    int run() {
+        bool is_stopped = false;
+        while (!is_stopped && out_.is_open() && !given_up()) {
+            // No event is requested: poll still reports that the reader has gone, even while nothing is written.
+            pollfd others[] = {{signals_.fd(), POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
+            step(others, clock::time_point::max());
+            is_stopped = others[1].revents != 0 || (others[0].revents != 0 && signals_.take());
+        }
+        pollfd signal[] = {{signals_.fd(), POLLIN, 0}};
+        finish(signal);
+        return report_given_up(out_.exit_code());
+    }
 
 private:
-    void connected(std::size_t host, bool again) override;
-    void received(std::size_t host, const status_answer& answer, const status_update& update) override;
-    void failed(std::size_t host, const command_result& why, bool is_news) override;
-    void polled(std::size_t host) override;
-    std::optional<std::string> password(const host_name& host) override;
-    bool write(std::size_t host, const event& what);
+    // A change that cannot be written is not kept: the first answer to the next process lists all conditions again.
+    void received(std::size_t host, const status_answer& answer, const status_update& update) override {
+        for (const event& change : update.changes) {
+            write(host, change);
+        }
+        for (const event& message : update.messages) {
+            if (write(host, message)) {
+                shown(message.id);
+            } else if (message.id == 0) {  // it is not in the mailbox either
+                std::fprintf(stderr, "%s%s %s\n", chosen_.prefix_of(host).c_str(), message.date.c_str(),
+                             message.text.c_str());
+            }
+        }
+        std::fputs(notices_of(host, answer).c_str(), stderr);
+    }
 
-    const settings& chosen_;
+    void failed(std::size_t host, const command_result& why, bool is_news) override {
+        if (!is_news || (given_up() && !follows_)) {  // that is reported at the end
+            return;
+        }
+        write(host, failed_event(why));
+        if (follows_ && chosen_.several && is_refusal(why.how)) {
+            complain(chosen_.prefix_of(host) + describe(why));
+        }
+    }
+
+    // The state file of a follower. A failure is reported once, because a full disk would give a line in each interval.
+    void polled(std::size_t host) override {
+        std::string problem;
+        if (follows_ && !write_state_file(chosen_.hosts[host], known(host), chosen_.interval, problem) &&
+            !std::exchange(save_failed_, true)) {
+            complain("the state file cannot be written: " + problem);
+        }
+    }
+
+    bool write(std::size_t host, const event& what) {
+        return follows_ ? out_.write(json_line(what, chosen_.hosts[host], chosen_.level_prefix))
+                        : out_.print(chosen_.prefix_of(host) + line_of(what));
+    }
+
     const bool follows_;
     signal_watch signals_;
-    line_writer out_{signals_};
+    line_writer out_;
     bool save_failed_ = false;
 };
-
-bool line_output::write(std::size_t host, const event& what) {
-    return follows_ ? out_.write(json_line(what, chosen_.hosts[host], chosen_.level_prefix))
-                    : out_.print(prefix_of(host) + what.date + " " + what.text);
-}
-
-void line_output::connected(std::size_t host, bool again) {
-    if (again || follows_) {
-        write(host, connected_event());
-    }
-}
-
-// A change that cannot be written is not kept: the first answer to the next process lists all conditions again.
-void line_output::received(std::size_t host, const status_answer& answer, const status_update& update) {
-    for (const condition& c : update.set) {
-        write(host, condition_event(c, true));
-    }
-    for (const condition& c : update.cleared) {
-        write(host, condition_event(c, false));
-    }
-    for (const received_message& m : update.messages) {
-        if (write(host, received_event(m))) {
-            shown(m.id);
-        } else if (m.id == 0) {  // it is not in the mailbox either
-            std::fprintf(stderr, "%s%s %s\n", prefix_of(host).c_str(), m.what.date.c_str(),
-                         m.what.text.c_str());
-        }
-    }
-    std::fputs(notices_of(host, answer).c_str(), stderr);
-}
-
-void line_output::failed(std::size_t host, const command_result& why, bool is_news) {
-    if (!is_news || (given_up() && !follows_)) {  // that is reported at the end
-        return;
-    }
-    write(host, failed_event(why));
-    if (follows_ && chosen_.several && is_refusal(why.how)) {
-        complain(prefix_of(host) + describe(why));
-    }
-}
-
-// The state file of a follower. A failure is reported once, because a full disk would give a line in each interval.
-void line_output::polled(std::size_t host) {
-    std::string problem;
-    if (follows_ && !write_state_file(chosen_.hosts[host], known(host), chosen_.interval, problem) &&
-        !std::exchange(save_failed_, true)) {
-        complain("the state file cannot be written: " + problem);
-    }
-}
-
-line_output::~line_output() {
-    for (const host_name& host : chosen_.hosts) {
-        if (follows_) {
-            remove_state_file(host);
-        }
-    }
-}
-
-// The reader of a follower is a program, which cannot be asked.
-std::optional<std::string> line_output::password(const host_name& host) {
-    return follows_ ? std::nullopt : ask_password_for(host);
-}
-
-int line_output::run() {
-    bool is_stopped = false;
-    while (!is_stopped && out_.is_open() && !given_up()) {
-        // No event is requested: poll still reports that the reader has gone, even while nothing is written.
-        pollfd others[] = {{signals_.fd(), POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
-        step(others, clock::time_point::max());
-        is_stopped = others[1].revents != 0 || (others[0].revents != 0 && signals_.take());
-    }
-    pollfd signal[] = {{signals_.fd(), POLLIN, 0}};
-    finish(signal);
-    return report_given_up(out_.exit_code());
-}
 
 }  // namespace
 

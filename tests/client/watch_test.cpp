@@ -41,16 +41,15 @@ TEST(WatchChanges, AnAnswerTellsWhatWasSetAgainWhatEndedAndWhatBrokeOff) {
         client::inquiry asked = round;
         const client::status_update update = asked.status(answer);
         ASSERT_EQ(update.messages.size(), 2U);
-        EXPECT_EQ(update.messages[0].what.text, "E0101:conf " + later);
+        EXPECT_EQ(update.messages[0].text, "E0101:conf " + later);
         EXPECT_EQ(update.messages[0].id, 7U);
         EXPECT_EQ(update.messages[1].lost, 3U);
         EXPECT_EQ(update.messages[1].id, 8U);
         EXPECT_EQ(asked.known.conditions.size(), complete ? 2U : 3U);
-        ASSERT_EQ(update.set.size(), complete ? 1U : 0U);
-        ASSERT_EQ(update.cleared.size(), complete ? 1U : 0U);
+        ASSERT_EQ(update.changes.size(), complete ? 2U : 0U);
         if (complete) {
-            EXPECT_EQ(update.set[0], (client::condition{"error", later}));
-            EXPECT_EQ(update.cleared[0].name, "prevent");
+            EXPECT_EQ(line_of(update.changes[0]), later + " condition error set");
+            EXPECT_THAT(line_of(update.changes[1]), EndsWith(" condition prevent cleared"));
         }
     }
 }
@@ -73,19 +72,18 @@ TEST(WatchEvents, LinesHaveTheirPriorityAndMembers) {
         {condition_event({"conf", then}, true), "<4>", R"("name":"conf","set":true})", "condition conf set"},
         {condition_event({"patrol", then}, true), "<6>", R"("name":"patrol","set":true})", "condition patrol set"},
         {condition_event({"error", then}, false), "<5>", R"("name":"error","set":false})", "condition error cleared"},
-        {received_event({1, {then, "E0101:a \"\xff"}}), "<3>",
+        {message_event({then, "E0101:a \"\xff"}, 1), "<3>",
          R"("code":"E0101","severity":"error","text":"E0101:a \"\ufffd"})", "message E0101:a \"\xff"},
-        {received_event({1, {then, "W12:a"}}), "<4>", R"("code":"","severity":"warning","text":"W12:a"})",
+        {message_event({then, "W12:a"}, 1), "<4>", R"("code":"","severity":"warning","text":"W12:a"})",
          "message W12:a"},
-        {received_event({1, {then, "I0110:a"}}), "<6>", R"("code":"I0110","severity":"info")", "message I0110:a"},
-        {received_event({1, {then, "3 messages were lost"}, 3}), "<4>", R"("event":"lost","count":3})",
-         "3 messages were lost"},
+        {message_event({then, "I0110:a"}, 1), "<6>", R"("code":"I0110","severity":"info")", "message I0110:a"},
+        {lost_event(3, 1), "<4>", R"("event":"lost","count":3})", "3 messages were lost"},
     };
     for (const auto& c : cases) {
         const std::string line = json_line(c.what, host, true);
         EXPECT_THAT(line, testing::AllOf(StartsWith(c.start), HasSubstr(c.members))) << c.text;
         EXPECT_THAT(line, HasSubstr(R"("host":"db1","port":9981,)"));
-        EXPECT_EQ(c.what.text, c.text);
+        EXPECT_EQ(line_of(c.what), c.what.date + " " + c.text);
         EXPECT_EQ("<" + std::to_string(c.what.priority) + ">" + json_line(c.what, host, false), line);
     }
 }
