@@ -5,7 +5,6 @@
 #include "term/output.h"
 #include "watch/poller.h"
 
-#include <algorithm>
 #include <cstdio>
 
 namespace client {

@@ -3,7 +3,6 @@
 
 #include "net/host_list.h"
 
-
 namespace client {
 
 // Keeps the names in an answer of `modcntl`, in a private file for each scheduler. Without a directory for it nothing

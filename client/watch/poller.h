@@ -25,8 +25,6 @@ public:
     // waits for a single scheduler that does not run yet.
     explicit poller(const settings& chosen);
     virtual ~poller() = default;
-    poller(const poller&) = delete;
-    poller& operator=(const poller&) = delete;
 
 protected:
     // An answer, complete or as far as it came. The changes begin with the end of an outage; for a follower, also with
