@@ -1,5 +1,7 @@
 #include "e2e/harness.h"
 
+#include <sstream>
+
 namespace e2e {
 
 // A message as the answer to `status` shows it.
@@ -154,6 +156,31 @@ TEST(E2eEvent, ConfigurationDateIsLocalTimeWithThePresentOffset) {
             EXPECT_THAT(client.ask("status"), HasSubstr(local.substr(0, 19) + offset.substr(0, 6) + "\r\n")) << zone;
         }
     }
+}
+
+// One operator after the other asks for the status and quits, both in one packet, while messages arrive.
+TEST(E2eEvent, EachMessageReachesExactlyOneOfOperatorsThatAskAndQuitInTurn) {
+    Suite suite;
+    suite.start();
+    std::string raised;
+    std::string received;
+    const auto ask = [&] {
+        Client client = suite.client();
+        client.send("status\rquit\r");
+        std::istringstream answer(client.rest());
+        for (std::string line; std::getline(answer, line);)
+            if (const std::size_t text = line.find(";E1000:"); text != line.npos)
+                received += line.substr(text + 1, line.size() - text - 2) + "\n";
+    };
+    for (std::size_t sent = 0; sent < 3000; sent += 100) {  // a queue holds 127
+        std::string lines;
+        for (std::size_t i = sent; i < sent + 100; i++) lines += "E1000:" + std::to_string(i) + "\n";
+        suite.event(lines);
+        raised += lines;
+        while (suite.events().size() < sent + 100) ask();
+        ask();  // what waited
+    }
+    EXPECT_TRUE(received == raised) << received.size() << " of " << raised.size() << " bytes";
 }
 
 // Commands that already wait for the module lock may still run before the end, but none after it.
