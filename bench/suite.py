@@ -10,11 +10,12 @@ import socket
 import subprocess
 import sys
 import tempfile
-import time
 from pathlib import Path
 
+sys.path.append(str(Path(__file__).resolve().parent.parent / "tests/client"))
+from scratch import ROOT, wait_for  # noqa: E402
+
 MOST_DESCRIPTORS = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
-ROOT = Path(__file__).resolve().parent.parent
 TERMINATORS = ("__over__ ", "__timeout__", "__busy__", "__unsupported__", "Good-bye.")
 INTERNAL = "status modcntl debug quit restart lock unlock show hello login ipset send res_data res_send"
 EXTERNAL = ("allmodcall parts prognosis diag devconf confchg analysis qmx ehello "
@@ -44,16 +45,6 @@ def install(*packages):
         apt = ["sudo", "-n", *apt]
     for words in (["update"], ["install", "--yes", *packages]):
         subprocess.run([*apt, *words], check=True, stdin=subprocess.DEVNULL, stdout=sys.stderr)
-
-
-def wait_for(condition, what, limit=60.0):
-    """Checks every 10 ms until the condition is true, and returns its value."""
-    end = time.monotonic() + limit
-    while not (found := condition()):
-        if time.monotonic() > end:
-            raise TimeoutError(what)
-        time.sleep(0.01)
-    return found
 
 
 def stop(process):

@@ -8,14 +8,13 @@
 
 #include <gmock/gmock.h>
 
-#include <condition_variable>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <mutex>
 #include <thread>
 #include <unistd.h>
 
@@ -49,32 +48,19 @@ void in_threads(int count, Body body) {
 // Ends a test that hangs, and says so.
 class Watchdog {
 public:
-    ~Watchdog() {
-        {
-            const std::lock_guard guard(lock_);
-            ended_ = true;
-        }
-        end_.notify_one();
-        thread_.join();
+    Watchdog() {
+        const char* seconds = std::getenv("TEST_PATIENCE");
+        std::thread([test = ++current_, patience = seconds != nullptr ? std::atoi(seconds) : 300] {
+            std::this_thread::sleep_for(std::chrono::seconds(patience));
+            if (test != current_) return;
+            std::fputs("the test hangs\n", stderr);
+            std::abort();
+        }).detach();
     }
+    ~Watchdog() { ++current_; }
 
 private:
-    static std::chrono::seconds patience() {
-        const char* seconds = std::getenv("TEST_PATIENCE");
-        return std::chrono::seconds(seconds != nullptr ? std::atoi(seconds) : 300);
-    }
-    void watch() {
-        std::unique_lock guard(lock_);
-        if (end_.wait_for(guard, limit_, [this] { return ended_; })) return;
-        std::fputs("the test hangs\n", stderr);
-        std::abort();
-    }
-
-    std::mutex lock_;
-    std::condition_variable end_;
-    bool ended_ = false;
-    const std::chrono::seconds limit_ = patience();  // not read by the thread, because the test sets the environment
-    std::thread thread_{[this] { watch(); }};
+    static inline std::atomic<int> current_{0};
 };
 
 // A suite directory and a record of the test's own. The record is never freed, so under a leak checker each test needs

@@ -102,7 +102,7 @@ TEST_F(E2eManyHosts, EachHostIsAskedOnceAndTheFirstFailureIsTheExitCode) {
          "schedctl: A: login refused: wrong password\nschedctl: B: login refused: wrong password\n204\n"},
         {"login", "-b 127.0.0.2 --password-file secret --hosts hosts lock", "0\n"},
         {"login and name",
-         "-b 127.0.0.2 --password-file secret -u otto -H $A,$B show ip | grep -o '.*=127.0.0.2 .*otto'",
+         "-b 127.0.0.2 --password-file secret -u otto -H $A,$B show ip | grep -o '.*=127.0.0.2 .*otto' | sort",
          "A: ip=127.0.0.2 user=otto\nB: ip=127.0.0.2 user=otto\n0\n"},
         {"no command known", "-H $A,$B fly",
          "schedctl: A: unsupported: the scheduler does not know this command\n"

@@ -18,12 +18,6 @@ namespace {
 
 using testing::AllOf;
 
-int occurrences(const std::string& text, const std::string& part) {
-    int count = 0;
-    for (std::size_t at = 0; (at = text.find(part, at)) != std::string::npos; ++at) { ++count; }
-    return count;
-}
-
 class E2eMonitor : public testing::Test {
 protected:
     // What the client prints on both outputs, then "code" and its exit code: 124 when it hangs.
@@ -54,30 +48,6 @@ protected:
     const std::string limit = std::to_string(patience / 1s);
     Suite suite;
 };
-
-TEST_F(E2eMonitor, MessagesThatACollectorReceivesReachTheOperatorOnce) {
-    suite.start();
-    const struct {
-        const char* name;
-        std::string reader;  // the operator's later command
-        int rounds = 2;      // requests of each collector
-    } cases[] = {
-        {"one command", SCHEDCTL_BINARY " --json status", 10},
-        {"one command for several", SCHEDCTL_BINARY " -H 127.0.0.1,localhost:1 status"},
-        {"a session", "echo status | " SCHEDCTL_BINARY},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        raise("E0101:fan \xff 3 of "s + c.name);
-        for (int i = 0; i < c.rounds; ++i) {
-            EXPECT_THAT(ctl("metrics"), HasSubstr("\nsched_condition{name=\"error\"} 1\n"));
-            EXPECT_THAT(ctl("check"), HasSubstr("CRITICAL - error since "));
-        }
-        const std::string shown = shell(environment() + c.reader);
-        EXPECT_EQ(occurrences(shown, " 3 of "s + c.name), 1) << shown;
-        EXPECT_THAT(ctl("--json status"), HasSubstr("\"messages\":[],\"lost\":0"));
-    }
-}
 
 TEST_F(E2eMonitor, CheckThatIsCutShortLosesNoMessage) {
     suite.start();

@@ -142,11 +142,6 @@ TEST_F(E2eClientPipe, OutputIsThatOfTheModuleByteForByte) {
     } cases[] = {
         {R"(odd text 'a\r\nb\rc\r\r\n\rd\r')", "a\r\nb\rc\r\r\n\rd\r\n"},
         {R"(odd text '\n\n\000\001\377\n')", "\n\n\0\1\377\n"s},
-        {R"(odd text 'x\n__busy__\nGood-bye.\n__unauth__ a b\n__unsupported__\n')",
-         "x\n__busy__\nGood-bye.\n__unauth__ a b\n__unsupported__\n"},
-        {R"(odd text '__over__\n__over__ 1\n__over__ 01 2\n__over__ 1 2 3\n __over__ 0 0\n')",
-         "__over__\n__over__ 1\n__over__ 01 2\n__over__ 1 2 3\n __over__ 0 0\n"},
-        {R"(odd text '__timeout__ x\nx__timeout__\n__timeout_')", "__timeout__ x\nx__timeout__\n__timeout_\n"},
         {"odd drip", "a__o\n__over__ 7\n__ti\n"},
         {"odd many", shell("seq 300000")},
     };

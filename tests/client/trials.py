@@ -76,8 +76,8 @@ class Trial:
         self.schedulers = [Scheduler(self.options.build, directory / f"suite{i}", "restart" in words)
                            for i in range(2 if "{hosts}" in words else 1)]
         (directory / "hosts").write_text("".join(f"127.0.0.1:{s.port}\n" for s in self.schedulers))
-        (directory / "right").write_text("geheim\n")
-        (directory / "wrong").write_text("falsch\n")
+        (directory / "right").write_text("secret\n")
+        (directory / "wrong").write_text("mistaken\n")
         (directory / "letter").write_text(LETTER)
         self.states = {user: directory / f"state-{user}" for user in self.users}
         for user in self.users:

@@ -125,7 +125,7 @@ class Use(threading.Thread):
             times = sorted(self.random.uniform(0, self.life) for _ in range(self.random.randrange(6)))
             if "-b" in self.words:
                 times = [0.5 + when for when in times]
-                yield 0.5, lambda: self.type("geheim\r")
+                yield 0.5, lambda: self.type("secret\r")
             for when in times:
                 yield when, lambda word=self.random.choice(words): self.type(word)
         if self.kind == "session":

@@ -21,12 +21,6 @@ namespace {
 const std::string then = "2026-11-25T10:00:00+00:00";
 const std::string later = "2026-11-25T10:00:02+00:00";
 
-int occurrences(const std::string& text, const std::string& part) {
-    int count = 0;
-    for (std::size_t at = 0; (at = text.find(part, at)) != std::string::npos; ++at) { ++count; }
-    return count;
-}
-
 TEST(WatchChanges, AnAnswerTellsWhatWasSetAgainWhatEndedAndWhatBrokeOff) {
     client::inquiry round({"db1", "db1", 9980, ""});
     round.known.conditions = {{"conf", then}, {"error", then}, {"prevent", then}};
@@ -233,7 +227,7 @@ TEST_F(E2eWatch, UnansweredOrRefusedFirstQuestionEndsOnlyWatchOfOneHost) {
     const std::string nobody = "127.0.0.1:" + std::to_string(free_port());
     EXPECT_THAT(ctl("-H " + nobody + " watch; echo $?"),
                 EndsWith(nobody + ": no connection: Connection refused\n205\n"));
-    shell("printf 'geheim\\n' | " SCHEDPASSWD_BINARY " --stdin " + suite.path("data/password"));
+    shell("printf 'secret\\n' | " SCHEDPASSWD_BINARY " --stdin " + suite.path("data/password"));
     suite.start();
     for (const char* command : {"follow", "watch"}) {  // from this address a login is required
         EXPECT_THAT(ctl("-b 127.0.0.2 "s + command + "; echo $?"), EndsWith("\n204\n"));

@@ -6,6 +6,7 @@
 
 namespace e2e {
 
+// Other lines and pieces are in the model of conversations.
 TEST(E2eConnection, LinesAreCutJoinedAndAnsweredWhateverThePiecesAre) {
     Suite suite;
     suite.module("args", "printf '<%s>' \"$@\"; echo");
@@ -17,18 +18,10 @@ TEST(E2eConnection, LinesAreCutJoinedAndAnsweredWhateverThePiecesAre) {
         const char* name;
         std::string sent, received;
     } cases[] = {
-        {"blank in a word", "args\ta b\r", "<a b>\r\n" + over},
-        {"CR and CR LF", "args\ta\r\nargs\tb\r\n", "<a>\r\n" + over + "<b>\r\n" + over},
-        {"LF and NUL anywhere", "\n\0ar\ngs\t\0a\0\nb\r"s, "<ab>\r\n" + over},
-        {"empty words", "args\t\tb\t\r", "<><b><>\r\n" + over},
-        {"word alone", "args\r", "<>\r\n" + over},
         {"empty line", "\r", unsupported},
-        {"other case", "Args\ta\r", unsupported},
         {"blank for a TAB", "args a\r", unsupported},
         {"TAB in front", "\targs\r", unsupported},
         {"listed, not handled", "mystery\r", unsupported},
-        {"unknown between known", "args\t1\rnone\rargs\t2\r", "<1>\r\n" + over + unsupported + "<2>\r\n" + over},
-        {"last line without CR", "args\ta\rargs\tb", "<a>\r\n" + over + "<b>\r\n" + over},
         {"15 words", "args" + fourteen + "\r", repeated(14, "<x>") + "\r\n" + over},
         {"16 words to a module", "args" + fourteen + "\tx\rargs\ty\r", unsupported + "<y>\r\n" + over},
         {"16 words to us", "show" + fourteen + "\t\rargs\ty\r", unsupported + "<y>\r\n" + over},
@@ -36,7 +29,6 @@ TEST(E2eConnection, LinesAreCutJoinedAndAnsweredWhateverThePiecesAre) {
         {"longest line", "args\t" + most.substr(1) + "\r", "<" + most.substr(1) + ">\r\n" + over},
         {"one more", "args\t" + most + "\r", busy + unsupported},
         {"rest of a longer one", "args\t" + most + "args\trest\r", busy + "<rest>\r\n" + over},
-        {"ten at once", repeated(10, "args\t1\r"), repeated(10, "<1>\r\n" + over)},
     };
     for (const auto& [name, sent, received] : cases)
         for (const std::size_t piece : {sent.size(), sent.size() / 10 + 1, std::size_t{1}}) {
@@ -132,8 +124,7 @@ TEST(E2eConnection, ClientThatIsGoneIsServedForAHundredLinesOrTenSeconds) {
         client.reset();
         EXPECT_TRUE(wait_until([&] { return suite.out().find(end, before) != std::string::npos; }));
         const std::string trace = suite.out().substr(before);
-        int lines = 0;
-        for (std::size_t at = 0; (at = trace.find(c.traced, at)) != std::string::npos; at++) lines++;
+        const int lines = occurrences(trace, c.traced);
         EXPECT_EQ(trace.find("Warning:comm:" + dropped) != std::string::npos, c.carried_out >= 0) << trace;
         EXPECT_TRUE(c.carried_out < 0 ? lines == c.sent : lines > c.carried_out && lines < 900) << lines;
     }

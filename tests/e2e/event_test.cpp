@@ -1,6 +1,6 @@
 #include "e2e/harness.h"
 
-#include <thread>
+#include <sstream>
 
 namespace e2e {
 
@@ -158,51 +158,6 @@ TEST(E2eEvent, ConfigurationDateIsLocalTimeWithThePresentOffset) {
     }
 }
 
-// Thirty-two clients; the last one's command holds the module lock until the file "go" exists.
-static std::vector<Client> start_with_a_slow_module(Suite& suite) {
-    suite.module(
-        "slow",
-        "while [ -e \"$0\" ] && [ ! -e \"$VGD_temp/go\" ]; do sleep 0.05; done; echo slow >> \"$VGD_temp/calls\"");
-    suite.start();
-    std::vector<Client> clients = suite.thirty_two();
-    clients[31].send("slow\r");
-    suite.await_trace("command:\"slow\" \n");
-    return clients;
-}
-
-TEST(E2eEvent, BurstOfSeveralWritersLosesNoLogLineAndIsCountedForEachOperator) {
-    constexpr int writers = 4;
-    constexpr int lines = 2500;
-    Suite suite;
-    std::vector<Client> clients = start_with_a_slow_module(suite);
-    // The event thread waits for the module lock before it reads on, so later lines stay in the pipe.
-    suite.event("I0008:waits\n");
-    std::vector<std::thread> threads;
-    for (int writer = 0; writer < writers; writer++)
-        threads.emplace_back([&suite, writer] {
-            for (int i = 0; i < lines; i++)
-                suite.event("I1000:" + std::to_string(writer) + " " + std::to_string(i) + "\n");
-        });
-    EXPECT_EQ(suite.events().size(), 0U);
-    suite.write("temp/go", "");
-    for (std::thread& thread : threads) thread.join();
-    suite.await_events(writers * lines + 1);
-    const strings events = suite.events();
-    int next[writers] = {};
-    std::string kept = delivered(events.at(0));
-    for (std::size_t i = 1; i < events.size(); i++) {
-        const int writer = (events[i] + "      ?")[6] - '0';
-        ASSERT_TRUE(writer >= 0 && writer < writers) << events[i];
-        ASSERT_EQ(events[i], "I1000:" + std::to_string(writer) + " " + std::to_string(next[writer]++));
-        kept += i < 127 ? delivered(events[i]) : "";
-    }
-    EXPECT_EQ(clients[31].answer(), over);
-    const std::string lost = std::to_string(writers * lines + 1 - 127);
-    for (Client& client : clients)
-        EXPECT_EQ(suite.status(client),
-                  status_answer("", kept + "W0100: message queue overflow, " + lost + " messages were lost.\r\n"));
-}
-
 // One operator after the other asks for the status and quits, both in one packet, while messages arrive.
 TEST(E2eEvent, EachMessageReachesExactlyOneOfOperatorsThatAskAndQuitInTurn) {
     Suite suite;
@@ -231,7 +186,13 @@ TEST(E2eEvent, EachMessageReachesExactlyOneOfOperatorsThatAskAndQuitInTurn) {
 // Commands that already wait for the module lock may still run before the end, but none after it.
 TEST(E2eEvent, EndMessageStopsTheModulesOnceAndLast) {
     Suite suite;
-    std::vector<Client> clients = start_with_a_slow_module(suite);
+    suite.module(
+        "slow",
+        "while [ -e \"$0\" ] && [ ! -e \"$VGD_temp/go\" ]; do sleep 0.05; done; echo slow >> \"$VGD_temp/calls\"");
+    suite.start();
+    std::vector<Client> clients = suite.thirty_two();
+    clients[31].send("slow\r");
+    suite.await_trace("command:\"slow\" \n");
     suite.event("ALL;I0199:stop\nE0101:never read\n");
     suite.await_trace("Info:calling VGDend\n");
     for (std::size_t i = 1; i < 31; i++) clients[i].send("diag\tlate\r");

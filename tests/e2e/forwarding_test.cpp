@@ -54,32 +54,6 @@ TEST(E2eForwarding, DatagramHasTheSourceAddressGivenAndItsTextIsCut) {
          "ipset done.\n", "sending \"hello\" from 127.0.0.5 to 127.0.0.1:"});
 }
 
-TEST(E2eForwarding, ReachesASystemLogDaemon) {
-    if (geteuid() != 0 || access("/usr/sbin/rsyslogd", X_OK) != 0)
-        GTEST_SKIP() << "needs root, for raw sockets, and rsyslogd (Debian package rsyslog)";
-    Suite suite;
-    const std::string port = std::to_string(suite.port);
-    suite.settings("udp_dest_port = " + port);
-    suite.write("data/conf", R"(global(net.enableDNS="off")
-module(load="imudp")
-input(type="imudp" address="127.0.0.1" port=")" +
-                                 port + R"(")
-template(name="line" type="string" string="%fromhost-ip% %syslogtag%%msg%\n")
-*.* action(type="omfile" template="line" file=")" +
-                                 suite.path("data/log") + "\")\n");
-    shell("cd " + suite.path("data") + "; rsyslogd -f $PWD/conf -i $PWD/pid");
-    const std::string bound = "grep $(printf ':%04X' " + port + ") /proc/net/udp";
-    EXPECT_TRUE(wait_until([&] { return !shell(bound).empty(); }));
-    suite.start();
-    Client client = suite.client();
-    client.send("ipset\t127.0.0.77\r");
-    EXPECT_EQ(client.ask("send\t<13>Nov 24 10:11:12 host hw: fan 2 stopped"), over);
-    EXPECT_TRUE(
-        wait_until([&] { return suite.read("data/log").find("127.0.0.77 hw: fan 2 stopped\n") != std::string::npos; }));
-    shell("kill $(cat " + suite.path("data/pid") + ")");
-    EXPECT_TRUE(wait_until([&] { return suite.read("data/pid").empty(); }));
-}
-
 TEST(E2eForwarding, ResourceStreamArrivesWholeAndEndsWithItsConnection) {
     Suite suite;
     const int port = free_port();

@@ -64,6 +64,12 @@ std::string repeated(int count, const std::string& text) {
     return result;
 }
 
+int occurrences(const std::string& text, const std::string& part) {
+    int count = 0;
+    for (std::size_t at = 0; (at = text.find(part, at)) != std::string::npos; at++) count++;
+    return count;
+}
+
 std::string mask_dates(const std::string& text) {
     regex_t date;
     regcomp(&date, "[0-9]{4}(-[0-9]{2}){2}T[0-9:]{8}[+-][0-9:]{5}|[0-9]{4}(/[0-9]{2}){2} [0-9:]{8}", REG_EXTENDED);

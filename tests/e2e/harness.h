@@ -43,6 +43,7 @@ bool wait_until(const std::function<bool()>& condition, milliseconds deadline = 
 // Success when the text holds all parts, in this order.
 testing::AssertionResult in_order(const std::string& text, std::initializer_list<std::string> parts);
 std::string repeated(int count, const std::string& text);
+int occurrences(const std::string& text, const std::string& part);
 // Every date of an answer as DATE, so that the rest can be compared byte for byte.
 std::string mask_dates(const std::string& text);
 // The answer to `status` with confdate, these rows ("error korvo"), and then these lines.

@@ -85,38 +85,4 @@ TEST(E2eLogin, RemoteClientRunsNothingBeforeTheRightResponseToItsOwnNonce) {
     EXPECT_EQ(earlier.ask("quit"), goodbye);
 }
 
-TEST(E2eLogin, WhatAClientSentBeforeItClosedIsCarriedOut) {
-    Suite suite;
-    suite.write("data/password", hash + " " + salt + "\n");
-    suite.start();
-    {
-        Client client = suite.client("127.0.0.2");
-        const std::string nonce = nonce_of(client.ask("status"));
-        client.send(repeated(5, "status\r") + login_line(nonce) + "\rparts\tstatus\r");
-    }
-    suite.await_trace("hmi(127.0.0.2) is gone.\n");
-    EXPECT_EQ(suite.calls(), "parts status");
-}
-
-TEST(E2eLogin, ClientBehindARelayMustLogInAndBeAllowed) {
-    Suite suite;
-    suite.write("data/password", hash + " " + salt + "\n");
-    suite.write("config/common.ini", "[sched]\nallowed_ip_address = 10.1.0.0/16\n");
-    suite.module("host", "echo \"$REMOTEHOST\"");
-    suite.start();
-    Client relay = suite.client();
-    EXPECT_EQ(relay.ask({"host", login_line(cnonce)}), "127.0.0.1\r\n" + over + refused);  // it has no nonce
-    relay.send("ipset\t10.1.2.3\r");
-    EXPECT_EQ(relay.ask(login_line(nonce_of(relay.ask("host")))), over);
-    EXPECT_EQ(relay.ask({"ipset\t10.1.2.4", "host"}), refused + "10.1.2.3\r\n" + over);
-    for (int round = 0; round < 20; round++) {
-        Client stranger = suite.client();  // closed without an answer while another client connects
-        stranger.send("ipset\t10.2.0.1\r\nstatus\r\n");
-        Client next = suite.client();
-        EXPECT_EQ(stranger.rest(), "");
-        EXPECT_EQ(next.ask("nosuch"), unsupported);
-    }
-    suite.expect_trace({"Warning:ipset address is restricted.\n"});
-}
-
 }  // namespace e2e

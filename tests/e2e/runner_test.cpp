@@ -88,37 +88,4 @@ TEST(E2eRunner, ModuleInheritsNoDescriptorOfOursAndHasItsSignalsSessionAndEnviro
     }
 }
 
-TEST(E2eRunner, ModulesOfThirtyTwoClientsNeverRunAtTheSameTime) {
-    Suite suite;
-    suite.module("turn", "cd \"$VGD_temp\"; echo begin >> turns; sleep 0.02; echo end >> turns; echo \"$1\"");
-    suite.start();
-    std::vector<Client> clients = suite.thirty_two();
-    for (std::size_t i = 0; i < 32; i++) clients[i].send(repeated(2, "turn\t" + std::to_string(i) + "\r"));
-    for (std::size_t i = 0; i < 32; i++)
-        EXPECT_EQ(clients[i].answer() + clients[i].answer(), repeated(2, std::to_string(i) + "\r\n" + over));
-    EXPECT_EQ(suite.read("temp/turns"), repeated(64, "begin\nend\n"));
-}
-
-// One client has many commands in its socket; another one waits for one command of the first at most.
-TEST(E2eRunner, ClientWithManyCommandsDoesNotDelayAnother) {
-    Suite suite;
-    suite.module("flood", "sleep 0.02");
-    suite.module("other", "");
-    suite.start();
-    Client flood = suite.client();
-    Client other = suite.client();
-    flood.send(repeated(100, "flood\r"));
-    suite.await_trace("command:\"flood\" \n");
-    std::size_t started = 0;
-    for (int round = 0; round < 10; round++) {
-        EXPECT_EQ(other.ask("other"), over);
-        const std::string trace = suite.trace();
-        std::size_t at = trace.find("command1:\"other\"", started);
-        started = trace.find("command:\"other\" \n", at);
-        int runs = 0;
-        while ((at = trace.find("command:\"flood\" \n", at + 1)) < started) runs++;
-        EXPECT_LE(runs, 1);
-    }
-}
-
 }  // namespace e2e

@@ -71,10 +71,12 @@ while IFS= read -r line; do
     '> '*) printf '%s\r' "${line#> }" >&3 ;;
     '< '*)
         IFS= read -r -t 20 answer <&3 || fail "no answer where the page has: $line"
-        [ "$(alike <<<"< ${answer%$'\r'}")" = "$(alike <<<"$line")" ] || fail "$line, but it is: $answer"
+        printf '%s\n' "$line" >>wanted
+        printf '< %s\n' "${answer%$'\r'}" >>got
         ;;
     esac
 done < <(displays conversation)
+diff <(alike <wanted) <(alike <got) || fail 'the answers (>) are not those of the page (<)'
 echo 'I0199:end' >pipe
 wait "$pid" || fail "the scheduler ended with $?"
 pid=

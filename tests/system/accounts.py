@@ -347,7 +347,7 @@ class Run:
         self.dir = scratch()
         (self.dir / "suite").mkdir()
         self.has_disk = LIBC.mount(b"none", bytes(self.dir / "suite"), b"tmpfs", 0, b"size=12m,mode=0755") == 0
-        (self.dir / "right").write_text("geheim\n")
+        (self.dir / "right").write_text("secret\n")
         self.scheduler = Scheduler(options.build, self.dir / "suite", True)
         os.close(self.scheduler.pipe)  # only the supervisor keeps the pipe open
         self.logs = [Log(self.scheduler.dir / "log/event_log", EVENT_LINE),

@@ -47,40 +47,6 @@ TEST_F(Util, IniReadsOfSeveralThreadsDoNotMix) {
     EXPECT_EQ(correct, 900);
 }
 
-TEST_F(Util, DecimalNumbersStopAtOtherTextAndAtTheLimitsOfAnInt) {
-    const Row<const char*, int> cases[] = {
-        {"plain", "12", 12},
-        {"blanks, minus, text after", " \t-5x", -5},
-        {"plus", "+7", 7},
-        {"empty", "", 0},
-        {"no digit first", "x1", 0},
-        {"exponent", "1e3", 1},
-        {"blank after the sign", "- 1", 0},
-        {"leading zeros", "007", 7},
-        {"above an int", "2147483648", 2147483647},
-        {"below a long", "-99999999999999999999", -2147483648},
-    };
-    for (const auto& row : cases) {
-        SCOPED_TRACE(row);
-        EXPECT_EQ(decimal_value(row.given), row.wanted);
-    }
-}
-
-TEST_F(Util, ChompRemovesOneNewlineAtTheEnd) {
-    const Row<const char*, const char*> cases[] = {
-        {"empty", "", ""},           {"only a newline", "\n", ""},       {"no newline", "a", "a"},
-        {"one newline", "a\n", "a"}, {"two newlines", "a\n\n", "a\n"},   {"CR LF", "a\r\n", "a\r"},
-        {"only CR", "a\r", "a\r"},   {"newline in front", "\na", "\na"},
-    };
-    for (const auto& row : cases) {
-        SCOPED_TRACE(row);
-        char text[8];
-        copy_text(text, row.given);
-        chomp(text);
-        EXPECT_STREQ(text, row.wanted);
-    }
-}
-
 TEST_F(Util, FirstLineIsCutToTheBuffer) {
     const struct {
         const char* name;
