@@ -52,7 +52,8 @@ struct agent_listener {
     // The command was not answered within its limit. It is still under way; ended() comes later, or never.
     std::function<void(std::size_t host, std::uint32_t request)> late;
     // close() is done: the last status is stored. waiting: messages of this scheduler that nobody has been shown.
-    // held: a command is still under way, so the last status comes later; the agent waits for it.
+    // held: a command is still under way, so the last status comes later; the agent waits for it. Also called when an
+    // idle connection was closed for another one, as the descriptors do not suffice for all.
     std::function<void(std::size_t host, std::size_t waiting, bool held)> closed;
     // The scheduler requires a login and there is no password yet. Answer with password(), at once or later.
     std::function<void(std::size_t host)> password_needed;

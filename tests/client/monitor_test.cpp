@@ -61,12 +61,8 @@ TEST_F(E2eMonitor, CheckThatIsCutShortLosesNoMessage) {
     };
     raise("E0101:counted");
     ctl("check");
-    const pid_t frozen = suite.scheduler();
-    kill(frozen, SIGSTOP);
-    EXPECT_THAT(ctl("check & until a=$(pgrep -P $(pgrep -P $!)) 2>&-; do sleep 0.01; done; kill -9 $a; wait $!"),
-                EndsWith("code 3\n"));
-    kill(frozen, SIGCONT);
     raise("E0101:while it hung");
+    const pid_t frozen = suite.scheduler();
     kill(frozen, SIGSTOP);
     EXPECT_THAT(ctl("-t 1 check"), AllOf(HasSubstr("SCHED UNKNOWN - no answer in time"), EndsWith("code 3\n")));
     EXPECT_THAT(ctl("-t 1 check --timeout-state critical"), EndsWith("code 2\n"));
@@ -81,6 +77,10 @@ TEST_F(E2eMonitor, CheckThatIsCutShortLosesNoMessage) {
     EXPECT_EQ(shell(lock + "echo free"), "free\n");
     kill(frozen, SIGCONT);
     expect_once("when its caller was killed");
+    kill(frozen, SIGSTOP);
+    EXPECT_THAT(ctl("check & until a=$(pgrep -P $(pgrep -P $!)) 2>&-; do sleep 0.01; done; kill -9 $a; wait $!"),
+                EndsWith("code 3\n"));
+    kill(frozen, SIGCONT);
 }
 
 TEST_F(E2eMonitor, LossThatIsReportedAtTheEndOfAConnectionIsCounted) {

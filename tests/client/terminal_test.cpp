@@ -134,6 +134,8 @@ TEST_F(E2eClientTerminal, InterruptEndsTheWaitAndTheSessionGoesOn) {
     suite.await_events(1);
     const pid_t frozen = suite.scheduler();
     kill(frozen, SIGSTOP);
+    const std::string running = "grep -L ') T' /proc/" + std::to_string(frozen) + "/task/*/stat";
+    EXPECT_TRUE(wait_until([&] { return shell(running).empty(); }));
     screen.type("status\n");
     EXPECT_TRUE(wait_until([&] { return received_by(suite.port, 2); }));
     kill(agent, SIGSTOP);
