@@ -53,8 +53,8 @@ password_record read_password_file(const std::string& path) {
     return record;
 }
 
-// The password file of the scheduler that these directories belong to: VGD_data of the environment, else of the
-// installed service's settings, as root has no such variable in a shell.
+// Returns the path of the scheduler's password file. Its directory is VGD_data of the environment, else of the
+// installed service's settings: in a shell of root the variable is not set.
 std::string default_file() {
     const char* const variable = std::getenv("VGD_data");
     std::string data = variable != nullptr ? variable : "";

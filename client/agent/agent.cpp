@@ -31,7 +31,7 @@ std::size_t allowed_connections(std::size_t wanted) {
     return std::clamp<std::size_t>(wanted, 1, std::max<rlim_t>(free / 3, 1));
 }
 
-// Of an event: the host, and the descriptor that it had when its events were asked for.
+// Returns the tag of an event of epoll: the host, and its descriptor when its events were requested.
 std::uint64_t tag_of(std::size_t host, int fd) {
     return static_cast<std::uint64_t>(host) << 32 | static_cast<std::uint32_t>(fd);
 }
@@ -128,7 +128,7 @@ bool agent::takes_place(const host_state& state, clock::time_point now) const {
     return !is_old || !is_question(state.queue.front().words);
 }
 
-// When the descriptors do not suffice for all hosts, an idle connection is closed for a new one.
+// Whether a new connection must wait, because all descriptors are in use. Closes an idle connection to make room.
 bool agent::waits_for_room() {
     if (active_.size() < most_open_) {
         return false;
@@ -302,7 +302,7 @@ void agent::step(std::span<pollfd> others, clock::time_point until) {
     expire_late();
 }
 
-// Asks for the events that the link needs now. Where the system refuses, the time limit of the command ends the wait.
+// Requests the events that the link needs now. When the system refuses, the time limit of the command ends the wait.
 void agent::watch(std::size_t host) {
     const host_link& link = hosts_[host].link;
     first_deadline_ = std::min(first_deadline_, link.deadline());
@@ -315,7 +315,7 @@ void agent::watch(std::size_t host) {
 }
 
 void agent::handle_ready() {
-    // All at once: an answer that has come is not late.
+    // One call takes all events, so that an answer that has come does not count as late.
     std::vector<epoll_event> ready(active_.size() + 1);
     const int count = epoll_wait(events_.get(), ready.data(), static_cast<int>(ready.size()), 0);
     ready.resize(static_cast<std::size_t>(std::max(count, 0)));
@@ -330,7 +330,7 @@ void agent::handle_ready() {
                 }
             }
         } else if (event.data.u64 == tag_of(host, hosts_[host].link.fd())) {
-            // Else a callback has closed this link since the wait.
+            // Otherwise a callback has closed this link since the wait.
             hosts_[host].link.on_ready();
             update(host);
         }

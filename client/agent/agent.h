@@ -42,7 +42,7 @@ struct agent_options {
 // Gets the events of the hosts. host is the number in the list. All may call any function of the agent except step()
 // and finish().
 struct agent_listener {
-    // Output of a command that is not `status`; line ends are LF. request: its number, as it was given to ask().
+    // Output of a command that is not `status`; line ends are LF. request: the number of the command.
     std::function<void(std::size_t host, std::uint32_t request, const std::string& text)> output;
     // The answer of `status`, complete or as far as it came; before the ended() of that command. Also what the last
     // `status` of a connection has brought; then `last` is set.
@@ -52,8 +52,8 @@ struct agent_listener {
     // The command was not answered within its limit. It is still under way; ended() comes later, or never.
     std::function<void(std::size_t host, std::uint32_t request)> late;
     // close() is done: the last status is stored. waiting: messages of this scheduler that nobody has been shown.
-    // held: a command is still under way, so the last status comes later; the agent waits for it. Also called when an
-    // idle connection was closed for another one, as the descriptors do not suffice for all.
+    // held: a command is still under way, so the last status comes later; the agent waits for it. Also called when the
+    // agent closed an idle connection, because there are too few descriptors for all hosts.
     std::function<void(std::size_t host, std::size_t waiting, bool held)> closed;
     // The scheduler requires a login and there is no password yet. Answer with password(), at once or later.
     std::function<void(std::size_t host)> password_needed;
@@ -84,7 +84,7 @@ public:
     // These messages were written to the operator's output: they leave the mailbox.
     void shown(const std::vector<std::uint64_t>& ids);
 
-    // These are not shown, because nobody waits for their answer any more: the next `status` has them.
+    // These messages were not shown, because the operator no longer waits for their answer: the next `status` has them.
     void put_back(const std::vector<std::uint64_t>& ids);
 
     // Hands the messages in the mailbox to the listener as the answer of this request, without a connection. Its
@@ -161,7 +161,7 @@ private:
     const agent_options how_;
     const agent_listener listener_;
     const std::size_t parallel_;
-    const std::size_t most_open_;  // connections
+    const std::size_t most_open_;  // connections at the same time; the limit for descriptors allows no more
     const std::chrono::seconds module_silence_;
     password_store passwords_;
     mailbox mailbox_;

@@ -218,7 +218,8 @@ void agent_client::handle(const std::string& frame) {
     }
 }
 
-// What comes behind our last call is left to others: we could not report that it is shown.
+// Messages that come after our last call are not shown, because shown() can no longer be called for them. Other
+// processes get them.
 void agent_client::take_status(std::size_t host, status_answer answer) const {
     if (is_ended_) {
         std::erase_if(answer.lines, [](const status_line& line) { return line.id != 0; });

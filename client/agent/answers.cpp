@@ -39,7 +39,7 @@ bool agent::deliver_status(std::size_t host, bool complete) {
     }
     bool is_valid = true;
     bool has_date = false;
-    std::vector<std::size_t> messages;  // where they are in the answer
+    std::vector<std::size_t> messages;  // their indexes in answer.lines
     each_line(std::exchange(state.status_text, {}), [&](const std::string& line) {
         const status_line_kind kind = kind_of(line);
         is_valid = is_valid && kind != status_line_kind::unknown;

@@ -24,10 +24,11 @@ public:
     // all that it sent was read.
     bool update();
 
-    // Sends what waits; waits for a reader at most close_timeout.
+    // Sends the bytes that wait. Waits for their reader, at most close_timeout.
     void flush();
 
-    // The same, and tells the other side that nothing more comes; its update() then returns false. It can still send.
+    // Like flush(); also tells the other side that nothing more comes. Its update() then returns false; it can still
+    // send.
     void end();
 
     // The next frame that has come whole.

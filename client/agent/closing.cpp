@@ -1,4 +1,4 @@
-// How connections end: each with a last `status`, for which somebody waits.
+// How connections end: each with a last `status`. When the front ends before it, the agent goes on until it is stored.
 #include "agent/agent.h"
 
 #include <algorithm>
@@ -10,8 +10,8 @@ namespace client {
 
 void detach() {
     setsid();
-    const descriptor nothing(
-        open("/dev/null", O_RDWR | O_CLOEXEC));  // not a standard one, as all three are open
+    // The three standard descriptors are open, so this is another one.
+    const descriptor nothing(open("/dev/null", O_RDWR | O_CLOEXEC));
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         dup2(nothing.get(), fd);
     }
@@ -78,7 +78,7 @@ void agent::finish(const std::function<void()>& on_left) {
     for (std::size_t host = 0; host < hosts_.size(); ++host) {
         close(host);
     }
-    // At once, not behind a host that does not answer: others can show what came from the rest.
+    // Before the wait for hosts that do not answer, so that other processes can show the messages of the rest now.
     mailbox_.leave();
     if (on_left != nullptr) {
         on_left();
@@ -98,7 +98,7 @@ void agent::finish(const std::function<void()>& on_left) {
                 on_closed(host);
             }
         }
-        // Nothing more comes when the last one was dropped.
+        // No event comes after the last connection was dropped, so step() must not wait.
         const bool goes_on = std::any_of(hosts_.begin(), hosts_.end(), is_closing);
         step({}, goes_on ? clock::time_point::max() : clock::now());
         mailbox_.leave();

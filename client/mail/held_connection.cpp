@@ -33,7 +33,8 @@ held_connection::~held_connection() {
 bool held_connection::older_exists(const std::string& key, clock::time_point connecting_at) {
     state_file file(path_of(key), state_file::access::update);
     const long long since = file.is_open() ? std::strtoll(file.read().c_str(), nullptr, 10) : 0;
-    // Looked at last: its holder may have ended since the file was opened. Then nobody else gets our messages.
+    // remove_dead() comes last: the holder may have ended since the file was opened. Then no other process gets our
+    // messages.
     return since != 0 && since < connecting_at.time_since_epoch().count() && !file.remove_dead();
 }
 

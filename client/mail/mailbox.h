@@ -55,7 +55,7 @@ public:
     // These messages, stored or taken by this process, were shown.
     void shown(const std::string& key, const std::vector<std::uint64_t>& ids) { settle(key, ids, true); }
 
-    // They are not: any process may take them at once.
+    // These messages were not shown: any process may take them at once.
     void put_back(const std::string& key, const std::vector<std::uint64_t>& ids) { settle(key, ids, false); }
 
     // Number of messages that wait for this scheduler and are not another living process's.

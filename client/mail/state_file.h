@@ -29,8 +29,8 @@ public:
     // meanwhile. The lock ends with this object.
     bool lock(std::chrono::steady_clock::time_point until = {});
 
-    // For a file by which a process shows that it lives, as it keeps it locked. Returns true when it does not live any
-    // more: then the file is removed. Processes that look at the same time do not take each other for the owner.
+    // For a file that its owner keeps locked while it lives. When the owner has ended, removes the file and returns
+    // true. Several processes may check at the same time: none of them counts as the owner.
     bool remove_dead();
 
     std::string read() const;

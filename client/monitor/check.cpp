@@ -82,7 +82,7 @@ int run_check(const settings& chosen) try {
     const std::vector<snapshot> known = collect(chosen);
     std::string lines;
     int worst = plugin_ok;
-    // As in other plugins for many things: a fault that is known comes before one that is not.
+    // As in other plugins that check many things: a known fault is worse than an unknown state.
     constexpr int ranks[] = {0, 2, 3, 1};
     for (std::size_t host = 0; host < known.size(); ++host) {
         std::string line;

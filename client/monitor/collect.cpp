@@ -15,7 +15,7 @@ class collector : private poller {
 public:
     explicit collector(const settings& chosen) : poller(chosen), left_(chosen.hosts.size()) {}
 
-    // Asks all hosts and returns what is known of them at the end of the time-out, in their order.
+    // Asks all hosts, and waits until all have answered or the time-out is over. Returns what is known, in their order.
     std::vector<snapshot> run() {
         const std::chrono::seconds limit(chosen_.connect.timeout);
         const clock::time_point until = clock::now() + (limit.count() != 0 ? limit : default_timeout);
@@ -29,10 +29,10 @@ public:
         }
         bool silent = false;
         for (std::size_t host = 0; host < followed_.size(); ++host) {
-            late(host);  // unless it is done
+            late(host);  // does nothing when the host is done
             silent = silent || (!followed_[host] && known(host).failure == exit_silence);
         }
-        // So that the next command finds the messages stored. A silent scheduler is left to the agent.
+        // Waits, so that the next command finds the messages stored. For a silent scheduler only the agent waits.
         if (!silent) {
             finish();
         }

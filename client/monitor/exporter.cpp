@@ -143,13 +143,13 @@ exporter::exporter(const settings& chosen, bool any_port, int listener)
               .status =
                   [this](std::size_t number, const status_answer& answer) {
                       report_unstored(answer);
-                      if (targets_[number].work) {  // else it is the last one of an idle connection
+                      if (targets_[number].work) {  // else it is the last status of an idle connection
                           targets_[number].work->status(answer);
                       }
                   },
               .ended = [this](std::size_t number, std::uint32_t,
                               const command_result& end) { ended(number, end); },
-              .late = [](std::size_t, std::uint32_t) {},  // the requests have got their answer before
+              .late = [](std::size_t, std::uint32_t) {},  // the requests were answered before
               .closed = [](std::size_t, std::size_t, bool) {},
               .password_needed = [this](std::size_t number) { agent_.password(number, std::nullopt); }}),
       server_(listener, limit_ + http_lifetime, [this](http_request& request) { return handle(request); }) {
@@ -232,7 +232,7 @@ std::optional<http_reply> exporter::scrape(http_request& request, std::size_t nu
 
 void exporter::ended(std::size_t number, const command_result& end) {
     target& of = targets_[number];
-    if (ending_ || !of.work) {  // nothing more is asked; or an idle connection has ended
+    if (ending_ || !of.work) {  // the exporter ends, or an idle connection has
         return;
     }
     if (of.work->ended(end)) {

@@ -15,11 +15,12 @@ struct host_name {
     std::string tags;  // what follows the host in a file, such as "rack=7 room=b"; empty when nothing does
 };
 
-// Returns "NAME:PORT", by which the mailbox and the state files know a scheduler. localhost and 127.0.0.1 give the same.
+// Returns "NAME:PORT", by which the mailbox and the state files know a scheduler. It is the same for localhost and
+// 127.0.0.1.
 std::string key_of(const host_name& host);
 
-// Puts the hosts of a comma-separated list into `hosts`, which is empty, each only once. Returns false when an entry is not name[:port]; problem
-// then names it. port is for entries without one.
+// Puts the hosts of a comma-separated list into `hosts`, each only once; `hosts` must be empty. Returns false when an
+// entry is not name[:port]; problem then names it. port is for entries without one.
 bool add_hosts(std::string_view list, std::uint16_t port, std::vector<host_name>& hosts,
                std::string& problem);
 

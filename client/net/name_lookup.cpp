@@ -30,7 +30,7 @@ name_lookup::answer look_up(const std::string& name) {
 
 constexpr std::size_t max_threads = 16;  // more would only load the name server
 
-// Of all look-ups that wait for a thread.
+// The look-ups that wait for a thread.
 struct question_queue {
     std::mutex lock;  // guards the fields below
     std::deque<std::packaged_task<name_lookup::answer()>> waiting;

@@ -20,7 +20,7 @@ public:
     explicit name_lookup(const std::string& name);
 
     bool is_done() const { return answer_.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }
-    answer take() { return answer_.get(); }  // when it is done
+    answer take() { return answer_.get(); }  // once, when is_done()
 
     // Readable when a look-up of the process has ended, until reset().
     static int event();

@@ -46,7 +46,7 @@ void print_completions(const CLI::App& app, const std::vector<std::string>& befo
     }
     const bool only_words = std::find(before.begin(), before.end(), "--") != before.end();
     const bool is_option = !only_words && last.starts_with("-");
-    // The value of an option is behind "=", or the next word.
+    // The value of an option follows "=", or is the next word.
     const bool has_value = is_option && last.find('=') != std::string::npos;
     const bool may_be_value = !only_words && !before.empty() && before.back().find('=') == std::string::npos;
     const CLI::Option* const valued = has_value      ? option_of(apps, last)

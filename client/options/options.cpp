@@ -240,7 +240,7 @@ std::vector<std::string> parse_line(CLI::App& app, const std::vector<std::string
     if (words.empty() || !is_internal_word(words.front())) {
         return words;
     }
-    // The scheduler's own words have no options, so those of the client may follow them, too.
+    // The scheduler's own words have no options, so options of the client may follow them, too.
     for (CLI::App* subcommand : app.get_subcommands(nullptr)) {
         subcommand->disabled();  // `modcntl watch off` names a module
     }
@@ -284,7 +284,7 @@ int finish(const CLI::App& app, const CLI::ParseError& problem) {
     return asked_for && flush_output() ? 0 : usage;
 }
 
-// Prints what fits in place of the last of the arguments.
+// Prints what may stand in place of the last argument.
 int complete(CLI::App& app, settings& chosen, std::vector<std::string> arguments) {
     const std::string last = arguments.empty() ? "" : arguments.back();
     arguments.resize(arguments.empty() ? 0 : arguments.size() - 1);

@@ -8,7 +8,8 @@
 
 namespace client {
 
-// The client's own commands; `words`: one of the scheduler, or a session; `list`: --list.
+// What the client does. `words`: a command of the scheduler, or a session. `list`: --list. The others are its own
+// commands.
 enum class task { words, list, watch, follow, metrics, check };
 
 // The states of the Monitoring Plugins guidelines; the values are the exit codes.
@@ -17,11 +18,11 @@ enum plugin_state : int { plugin_ok, plugin_warning, plugin_critical, plugin_unk
 struct settings {
     task what = task::words;
     std::vector<std::string> words;       // the command; empty: a session
-    std::string host_list = "127.0.0.1";  // as given; hosts has its result
+    std::string host_list = "127.0.0.1";  // the value of -H, not yet parsed
     std::string hosts_file;               // "-": standard input
     std::vector<host_name> hosts;         // at least one
     bool several = false;                 // several hosts, or a file of hosts: output names the host
-    bool list = false;                    // --list, for any task
+    bool list = false;                    // --list was given, with any command
     std::uint16_t port = 0;               // for hosts without one
     connect_options connect;
     unsigned parallel = 64;    // number of hosts asked at once

@@ -35,7 +35,7 @@ host_output::host_output(const std::vector<host_name>& hosts, bool prefixed, ord
 void host_output::add(std::size_t host, std::string_view text) {
     lane& to = lanes_[host];
     const std::string lines = with_prefix(to.prefix, text, to.at_line_start);
-    // By line, the start of an incomplete line waits, so that another host's output cannot get into the line.
+    // With by_line, the start of an incomplete line waits, so that another host's output cannot get into the line.
     const std::size_t complete = order_ == order::stream    ? lines.size()
                                  : order_ == order::by_line ? lines.rfind('\n') + 1
                                                             : 0;

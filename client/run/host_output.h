@@ -47,7 +47,7 @@ public:
     void write_some();
 
 private:
-    // What ends with so many bytes: a message, or (id 0) the command of the host.
+    // After `at` bytes a message ends, or (id 0) the command of the host.
     struct mark_row {
         std::size_t at;
         std::size_t host;
@@ -75,7 +75,7 @@ private:
     spill_queue ready_;
     std::size_t added_ = 0;  // to ready_, since the beginning
     std::size_t written_ = 0;
-    std::deque<mark_row> marks_;  // in these bytes
+    std::deque<mark_row> marks_;  // of the bytes of ready_
 };
 
 }  // namespace client

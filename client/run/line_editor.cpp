@@ -18,8 +18,8 @@ namespace {
 constexpr int history_size = 1000;  // lines that a session offers, and that a trimmed file keeps
 constexpr long longest_history_file = 256L * 1024;  // bytes; a longer file is trimmed
 
-// A history file that is missing counts as empty; append_history creates it. A file that stays locked (by a session that
-// was stopped while it ends), or is no regular file, also counts as empty and is not written: the session then works
+// A history file that is missing counts as empty; append_history creates it. A file that is no regular file, or stays
+// locked by a session that was stopped while it ended, also counts as empty and is not written: the session then works
 // without it. The same holds for an empty path.
 
 // Adds the file's newest lines to the history.

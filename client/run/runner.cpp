@@ -181,7 +181,7 @@ void command_runner::take_output(std::size_t host, std::uint32_t request, const 
     }
 }
 
-// Also writes to standard error what the operator must know of an answer besides its lines.
+// Shows the lines of an answer when its request is still wanted. Notices about it go to standard error in any case.
 void command_runner::take_status(std::size_t host, const status_answer& answer) {
     const bool is_wanted = answer.request != 0 && answer.request == states_[host].request;
     const std::string label = chosen_.prefix_of(host);
@@ -206,11 +206,11 @@ void command_runner::take_status(std::size_t host, const status_answer& answer) 
         }
     }
     if (answer.request != 0 && !not_shown.empty()) {
-        agent_.put_back(not_shown);  // the request was given up when its answer was on its way
+        agent_.put_back(not_shown);  // the request was given up while its answer was on its way
     }
 }
 
-// Messages that are neither shown nor stored: the scheduler does not send them again.
+// Writes messages that are neither shown nor stored to standard error: the scheduler does not send them again.
 void command_runner::print_unstored(std::size_t host, const std::vector<status_line>& lines) const {
     for (const status_line& line : lines) {
         if (line.id == 0 && kind_of(line.text) != status_line_kind::condition) {

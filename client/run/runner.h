@@ -55,7 +55,7 @@ private:
         std::uint32_t request = 0;  // under way; 0 for none
         command_result end;
         std::string kept;                // the answer, for JSON and for the list of modules
-        std::vector<status_line> lines;  // the same of `status`, for JSON
+        std::vector<status_line> lines;  // of an answer of `status`, for JSON
         printable_text filter;
         std::size_t waiting = 0;  // messages that nobody was shown, when the connection was closed
     };
@@ -91,8 +91,8 @@ private:
     std::string note_;              // for take_note()
 };
 
-// One command. Returns its exit code: with several hosts the largest of theirs. Throws std::runtime_error for one that
-// cannot be run so.
+// Runs one command. Returns its exit code; with several hosts, the largest of theirs. Throws std::runtime_error when
+// the options do not fit the command.
 int run_command(const settings& chosen);
 
 }  // namespace client

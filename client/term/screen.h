@@ -18,7 +18,7 @@ public:
     screen(const screen&) = delete;
     screen& operator=(const screen&) = delete;
 
-    // Each does nothing when that is so already.
+    // Each does nothing when the screen is in that state already.
     void enter();
     void leave();
     bool is_entered() const { return entered_; }

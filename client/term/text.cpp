@@ -31,7 +31,7 @@ std::string escaped(std::string_view bytes) {
     return out;
 }
 
-// A signal that ends the program may be blocked while something is written.
+// Whether a signal that ends the program has come. The signals may be blocked during a write.
 bool is_told_to_end() {
     sigset_t pending;
     return sigpending(&pending) == 0 &&

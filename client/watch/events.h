@@ -18,7 +18,7 @@ struct event {
     std::string date;
     std::string text;  // for people, such as "condition error set"; of a message, the message itself
     const char* name;  // for programs: "connected", "disconnected", "condition", "message" or "lost"
-    nlohmann::ordered_json more;  // further members of that
+    nlohmann::ordered_json more;  // the further members of its JSON
     std::uint64_t id = 0;         // in the mailbox; 0: it is not there, so nothing has to be acknowledged
     unsigned long lost = 0;       // number of messages that the scheduler or the mailbox has dropped
 };

@@ -14,7 +14,7 @@ const std::vector<std::string> questions[] = {{"show", "ip"}, {"modcntl"}, {"deb
 
 void read_detail(const std::string& word, std::string_view answer, snapshot& known) {
     if (word == "show") {
-        // Without this connection.
+        // Our own connection does not count.
         known.operators = std::max(0L, std::ssize(parse_show_ip(answer)) - 1);
     } else if (word == "modcntl") {
         known.modules = parse_modules(answer);

@@ -11,8 +11,8 @@ namespace client {
 
 // What an answer of `status` brings, compared with what was known.
 struct status_update {
-    std::vector<event> changes;   // of conditions; one that was set anew, at another time, is set again
-    std::vector<event> messages;  // and counts of lost ones
+    std::vector<event> changes;   // of conditions; one with a new date counts as set again
+    std::vector<event> messages;  // also counts of lost messages
 };
 
 // Its owner calls begin(), asks words(), and hands on what comes until ended() returns false.

@@ -124,7 +124,7 @@ private:
         }
     }
 
-    // For the prompt of a password, and for Ctrl-Z: then it draws the view again when the job continues.
+    // For the prompt of a password, and for Ctrl-Z: the view is drawn again when the job continues.
     void without_screen(const std::function<void()>& action) {
         const bool is_shown = screen_.is_entered();
         screen_.leave();
@@ -150,8 +150,8 @@ private:
 
     signal_watch signals_;
     line_writer out_;
-    screen screen_;  // from the first answer on, with several hosts at once, until the operator ends it
-    bool is_over_ = false;  // the operator has ended it
+    screen screen_;         // entered with the first answer; with several hosts, at once
+    bool is_over_ = false;  // the view has ended: messages are printed
     std::vector<host_row> rows_;
     std::deque<listed_message> messages_;  // oldest first
     std::string notice_;                   // the newest line for the operator

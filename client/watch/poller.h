@@ -21,21 +21,21 @@ class poller {
 public:
     using clock = agent_client::clock;
 
-    // The rounds of `follow` and `metrics` also ask for the details of an inquiry, at most every 15 seconds. A follower
-    // waits for a single scheduler that does not run yet.
+    // The rounds of `follow` and `metrics` also ask for the details of an inquiry, at most every 15 seconds. With one
+    // host, `follow` waits for a scheduler that does not run yet; `watch` gives up.
     explicit poller(const settings& chosen);
     virtual ~poller() = default;
 
 protected:
-    // An answer, complete or as far as it came. The changes begin with the end of an outage; for a follower, also with
-    // the first answer. Call shown() for each message that was written.
+    // An answer, complete or as far as it came. After an outage the changes begin with connected_event(); for `follow`,
+    // with the first answer, too. Call shown() for each message that was written.
     virtual void received(std::size_t host, const status_answer& answer, const status_update& update) = 0;
     // There is no answer. is_news: the first time in this outage, or the scheduler refuses for the first time.
     virtual void failed(std::size_t /*host*/, const command_result& /*why*/, bool /*is_news*/) {}
     // The round of this host is complete; also called once in each interval of a silence.
     virtual void polled(std::size_t /*host*/) {}
-    // The scheduler requires a login: a person is asked at the terminal. Returns nothing when there is no answer; the
-    // reason is then reported.
+    // The scheduler requires a login. `watch` asks at the terminal; without an answer it reports the reason and returns
+    // nothing. The other commands return nothing.
     virtual std::optional<std::string> password(std::size_t host);
 
     const snapshot& known(std::size_t host) const { return states_[host].round.known; }
@@ -96,8 +96,8 @@ private:
 // True when trying again soon is useless: neither a lost connection nor silence.
 bool is_refusal(outcome how);
 
-// The settings of the agent. `watch` and `follow` show what they receive; `check` and `metrics` store all of it, and show
-// nothing.
+// The settings of the agent. `watch` and `follow` show what they receive. `check` and `metrics` store all of it and
+// show nothing.
 agent_options asking(const settings& chosen);
 
 }  // namespace client

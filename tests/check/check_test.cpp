@@ -29,7 +29,8 @@ result schedcheck(const Suite& suite, const std::string& arguments, const std::s
     return {WEXITSTATUS(status), suite.read("o"), suite.read("e")};
 }
 
-// The text with its characters instead of their names in lines.txt. Those of a finding are as schedcheck prints them.
+// Replaces the names of characters in a text of lines.txt by the characters. In a finding only {9*x} is replaced,
+// because schedcheck itself prints \t, \r and \xNN.
 std::string plain(std::string text, bool is_finding) {
     static const std::regex name(R"(\\([tr])|\\x(..)|\{(\d+)\*(.)\})");
     std::string result;

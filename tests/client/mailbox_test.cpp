@@ -229,7 +229,7 @@ TEST_F(Mailbox, WhatAnotherProcessHoldsStaysWithIt) {
     mailbox other(mail_kind::operators);
     const auto start = std::chrono::steady_clock::now();
     EXPECT_TRUE(other.take(hosts[0]).empty());
-    for (int i = 0; i < 100; ++i)  // the end of the holder is waited for only once in a while
+    for (int i = 0; i < 100; ++i)  // not every call waits for the holder
         EXPECT_THAT(other.notice(hosts[0], "127.0.0.1"), testing::HasSubstr("held by"));
     EXPECT_LT(std::chrono::steady_clock::now() - start, 3 * lock_timeout);
     store(*std::make_unique<mailbox>(mail_kind::operators), hosts[0], {date + "E0101:fan 4"});

@@ -169,8 +169,8 @@ TEST(HostLink, TriesEachIPv4AddressAndUsesThoseThatComeLate) {
     EXPECT_FALSE(late.is_resolving());
 }
 
-// A command is under way, so the last status comes later. What comes when the front has ended its calls is left to
-// others. A second close() waits for the same report, and ends the wait for a password that the front no longer gives.
+// A command is under way, so the last status comes later. Messages that come after the front's last call wait for
+// another process. Each close() is reported. finish() ends the wait for a password that nobody gives any more.
 TEST_F(E2eManyHosts, HeldConnectionIsReportedAndKeepsItsMessages) {
     setenv("XDG_STATE_HOME", first.path("agent").c_str(), 1);
     const std::vector<client::host_name> hosts = {{"A", "127.0.0.1", static_cast<std::uint16_t>(first.port), ""}};

@@ -72,7 +72,8 @@ TEST_F(E2eMonitor, CheckThatIsCutShortLosesNoMessage) {
     expect_once("while it hung");
     raise("E0101:when its caller was killed");
     kill(frozen, SIGSTOP);
-    const std::string lock = "flock -n " + suite.path("lock") + " ";  // of a script, which the agent does not keep
+    // A script may run the client while it holds a lock: the agent does not keep the lock when it goes on alone.
+    const std::string lock = "flock -n " + suite.path("lock") + " ";
     shell(environment() + lock + "timeout -s KILL 2 " SCHEDCTL_BINARY " check");  // ends the process group
     EXPECT_EQ(shell(lock + "echo free"), "free\n");
     kill(frozen, SIGCONT);
@@ -170,7 +171,7 @@ TEST_F(E2eMonitor, MetricsAreCompleteAndWellFormed) {
           "sched_timer_jobs 1", "sched_connected_operators 1", "sched_build_info{version=\"" SCHED_VERSION "\"} 1"}) {
         EXPECT_THAT(written, HasSubstr("\n"s + line + "\n"));
     }
-    // A minute may end meanwhile.
+    // A minute may have ended since the start.
     EXPECT_THAT(written, testing::ContainsRegex("\nsched_uptime_seconds_total 864[06]0\n"));
     EXPECT_THAT(written, Not(HasSubstr("# EOF")));
     EXPECT_THAT(ctl("metrics --format openmetrics"),
@@ -365,7 +366,7 @@ TEST_F(E2eExporter, SilentSchedulerDelaysNobodyAndLosesNoMessage) {
 TEST_F(E2eExporter, AnswerWithoutAnEndIsNone) {
     serve();
     std::vector<std::thread> hosts;
-    for (const int pause : {-1, 1000}) {  // milliseconds after a byte: half an answer, a byte each second
+    for (const int pause : {-1, 1000}) {  // half an answer; a byte each second (milliseconds)
         const int port = free_port();
         hosts.emplace_back([pause, listener = listen_on(port)] {
             const unique_fd peer(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));

@@ -1,4 +1,4 @@
-// A scheduler that sends what a test has prepared, and what the kernel holds for one.
+// A scheduler that sends what a test has prepared. Also tells whether a connection has unread bytes.
 #pragma once
 
 #include "e2e/harness.h"
@@ -7,8 +7,8 @@
 
 namespace e2e {
 
-// Bytes of a connection to this port have come and were not read: at the scheduler's end (column 2), or at the client's
-// end (3).
+// Whether a connection to this port has received bytes that were not read yet. column: of /proc/net/tcp; 2: at the
+// scheduler's end, 3: at the client's end.
 inline bool received_by(int port, int column) {
     return !shell("awk '$" + std::to_string(column) + " ~ /:'$(printf %04X " + std::to_string(port) +
                   ")'$/ && $4 == \"01\" && $5 !~ /:00000000/' /proc/net/tcp")

@@ -275,7 +275,8 @@ TEST_F(E2eWatch, EndLosesNoMessage) {
             raise(text);
         }
         end(c.ends, c.signal);
-        if (c.after == "follow -n 1") { suite.stop(); }  // what an earlier one has left is written in an outage too
+        // A follower writes the messages of an earlier one also while the scheduler is down.
+        if (c.after == "follow -n 1") { suite.stop(); }
         std::string all = suite.read("lines");
         for (const std::string& text : texts) {
             EXPECT_TRUE(wait_until([&] {

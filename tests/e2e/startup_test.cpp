@@ -122,7 +122,7 @@ TEST(E2eStartup, AllowedAddressesAreReadInOrderAndOthersAreRefused) {
     suite.expect_trace({"hmi 0200007f matched to 0300007f(mask fffffffe)\n", "Warning:address is not allowed to"});
 }
 
-// Another process holds the FIFO open: it gets no bytes, and a read of it waits for ever.
+// Another process holds the FIFO open, so a read by the daemon would wait for ever. The daemon writes nothing into it.
 TEST(E2eStartup, GoesOnWithAFifoInPlaceOfAFile) {
     const struct {
         std::string file;

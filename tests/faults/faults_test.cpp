@@ -194,8 +194,8 @@ TEST(E2eClock, SetBackAndForwardNoMinuteRunsTwiceOrIsSkipped) {
     EXPECT_THAT(steps, testing::ElementsAre(-59, 61)) << testing::PrintToString(minutes);
 }
 
-// The daemon does not sleep. A clock that runs fast does not do here: libfaketime keeps it under a lock that processes
-// share, and one that is killed meanwhile keeps the lock.
+// The daemon's sleep() returns at once. A fast clock of libfaketime would not work: its processes share a lock, and a
+// process that is killed while it holds the lock blocks the others.
 TEST(E2eClock, SupervisorGivesUpAfterAHundredStarts) {
     Suite suite;
     suite.env["LD_PRELOAD"] = NO_SLEEP_LIBRARY;

@@ -2,8 +2,8 @@
 """answers_test.py MODULES: the checks find in recorded answers of the tools what answers.toml says, and nothing else.
 
 The tools are programs of the same names that print the recorded answer; collect and the checks are the real ones.
-Each of these programs starts once by itself; after that it runs in this process, because starting Python 400 times
-takes longer than all the rest.
+Each of these programs first runs once as a process of its own. After that it runs in this process, because starting
+Python 400 times takes longer than all the rest.
 """
 
 import contextlib
@@ -60,11 +60,11 @@ def recorded(tool, name, collection):
     sys.exit(f"no answer {tool}/{name}")
 
 
-started = set()  # programs that this process has started by themselves
+started = set()  # programs that have run as a process of their own
 
 
 def run_here(program, words, env):
-    """Runs a Python program in this process. Returns its status, its output and what it complains of."""
+    """Runs a Python program in this process. Returns its status, its standard output and its standard error."""
     sys.argv, sys.path[0] = [str(program), *words], str(program.parent)
     sys.modules.pop("hardware", None)  # it reads the environment
     status, out, err = 0, io.StringIO(), io.StringIO()
@@ -222,7 +222,7 @@ def try_odd_disks(names):
         return count, [f"a good disk with an odd field: {line}" for line in found if not line.startswith("seen\t")]
 
 
-# Says which chips it was asked for; like the real one, it prints an object for each name.
+# Prints the chips that it was asked for; like the real one, an object for each name.
 SENSORS = """#!/bin/sh
 shift
 for name in "${@:-all}"; do

@@ -67,7 +67,7 @@ for ((try = 1; try <= 5; try++)); do
     kill "$pid" 2>/dev/null || true
 done
 export IPMI_OPTIONS="-D LAN -h 127.0.0.1:$port -u ipmiusr -p test -l admin"
-# tell LINE...: commands for the simulator, which complains of the last one when it has carried out the others.
+# tell LINE...: sends commands to the simulator. When it has carried them out, it rejects the unknown one at the end.
 tell() {
     exec 3<>"/dev/tcp/127.0.0.1/$port"
     printf '%s\n' "$@" end >&3

@@ -51,7 +51,7 @@ for line in "${@:2}"; do
     zpty -w -n z "$line"$'\t'
     zpty -r -m z text '*<end>*'
     print -r -- "== $line"$'\n'${text##*<begin>}
-    zpty -w -n z $'\x15' # forgets the line
+    zpty -w -n z $'\x15' # Ctrl-U deletes the line
 done
 END
     cat >offer <<'END'
@@ -68,7 +68,7 @@ END
     zsh -f script "$dir/functions" "$@" | tr -d '\r' | grep -v '^<end>'
 }
 
-# All three shells offer at least these words for the line.
+# All three shells offer at least the words behind the bar for the line before it.
 wanted='schedctl |watch follow metrics check status show parts slow
 schedctl -p 9981 |status far
 schedctl --|--host --json

@@ -6,7 +6,7 @@ set -euo pipefail
 command -v mandoc >/dev/null || { echo 'skipped: mandoc is missing (package mandoc)'; exit 77; }
 cd "$1" # mandoc looks for other pages here
 mandoc -Tlint ./*.[1-9]
-# For groff, which man uses, an apostrophe ends the text that it measures.
+# groff, which man uses, measures the text of a column only up to an apostrophe.
 ! grep -n "^\.Bl -column.*'" ./*.[1-9] || { echo 'these columns have no width in groff'; exit 1; }
 
 # first_cells PAGE: for each row of its tables, the first cell, a tab and the first word of the second.
