@@ -51,9 +51,11 @@ void channel::send_waiting() {
 
 void channel::flush() {
     pollfd ready{fd(), POLLOUT, 0};
-    const auto limit = std::chrono::steady_clock::now() + close_timeout;
+    auto limit = std::chrono::steady_clock::now() + close_timeout;
     while (send_waiting(), !out_.empty() && std::chrono::steady_clock::now() < limit) {
-        poll(&ready, 1, 10);
+        if (poll(&ready, 1, 10) > 0) {
+            limit = std::chrono::steady_clock::now() + close_timeout;  // it reads
+        }
     }
 }
 

@@ -31,7 +31,9 @@ void spill_queue::add(std::string_view text) {
         const char* directory = std::getenv("TMPDIR");
         std::string path = std::string(directory != nullptr ? directory : "/tmp") + "/schedctl.XXXXXX";
         file_.reset(mkostemp(path.data(), O_APPEND | O_CLOEXEC));
-        unlink(path.c_str());  // O_TMPFILE would need no name, but not every file system has it
+        if (file_.is_open()) {
+            unlink(path.c_str());  // O_TMPFILE would need no name, but not every file system has it
+        }
     }
     if (!file_.is_open() || !write_all(file_.get(), text)) {
         fail();

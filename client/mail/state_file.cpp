@@ -81,11 +81,13 @@ bool state_file::truncate(std::uint64_t size) const {
 }
 
 bool state_file::remove_dead() {
-    if (flock(fd(), LOCK_SH | LOCK_NB) == 0) {
-        remove();  // of a process that was killed
-        return true;
+    if (flock(fd(), LOCK_SH | LOCK_NB) != 0) {
+        return is_removed();
     }
-    return is_removed();
+    if (!is_removed()) {  // else the name may be that of a new file
+        remove();         // of a process that was killed
+    }
+    return true;
 }
 
 void state_file::remove() {

@@ -195,7 +195,7 @@ void check_settings(const settings& chosen) {
     if (is_own && !chosen.words.empty()) {
         throw CLI::ExtrasError(chosen.words);
     }
-    if (chosen.json && chosen.words.empty() && chosen.what != task::follow) {
+    if (chosen.json && chosen.words.empty() && chosen.what != task::follow && !chosen.list) {
         throw CLI::RequiresError("--json", json_commands);
     }
     const bool for_one = chosen.what == task::metrics ? chosen.listen.empty() : !is_own;
@@ -292,7 +292,9 @@ int complete(CLI::App& app, settings& chosen, std::vector<std::string> arguments
     std::vector<std::string> modules;  // of the hosts on the line, as far as they are known
     try {
         parse_line(app, {arguments.begin(), mark});
-        read_environment(app, chosen);
+        if (chosen.hosts_file != "-") {  // the shell's own input
+            read_environment(app, chosen);
+        }
         for (const host_name& host : chosen.hosts) {
             const std::vector<std::string> of_host = kept_modules(host);
             modules.insert(modules.end(), of_host.begin(), of_host.end());

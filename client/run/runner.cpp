@@ -195,7 +195,9 @@ void command_runner::take_status(std::size_t host, const status_answer& answer) 
     std::vector<std::uint64_t> not_shown;
     for (const status_line& line : answer.lines) {
         if (!is_wanted) {
-            not_shown.push_back(line.id);
+            if (line.id != 0) {
+                not_shown.push_back(line.id);
+            }
             continue;
         }
         take_output(host, answer.request, line.text + "\n");
@@ -213,7 +215,8 @@ void command_runner::take_status(std::size_t host, const status_answer& answer) 
 // Writes messages that are neither shown nor stored to standard error: the scheduler does not send them again.
 void command_runner::print_unstored(std::size_t host, const std::vector<status_line>& lines) const {
     for (const status_line& line : lines) {
-        if (line.id == 0 && kind_of(line.text) != status_line_kind::condition) {
+        const status_line_kind kind = kind_of(line.text);
+        if (line.id == 0 && (kind == status_line_kind::message || kind == status_line_kind::lost)) {
             const std::string text = printable_text().clean(line.text);
             std::fprintf(stderr, "%s%s\n", chosen_.prefix_of(host).c_str(), text.c_str());
         }

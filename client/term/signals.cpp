@@ -35,6 +35,10 @@ signal_watch::signal_watch(std::function<void()> suspend) : suspend_(std::move(s
 }
 
 signal_watch::~signal_watch() {
+    // A signal that came at the end has done its work: the program ends.
+    signalfd_siginfo info;
+    while (read(fd_, &info, sizeof info) == sizeof info) {
+    }
     close(fd_);
     sigprocmask(SIG_SETMASK, &before_, nullptr);
 }

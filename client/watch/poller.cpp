@@ -13,12 +13,15 @@ namespace client {
 namespace {
 
 constexpr std::chrono::seconds details_interval{15};  // connections, modules and jobs seldom change
+constexpr std::chrono::seconds only_once = std::chrono::hours(24);
 
 }  // namespace
 
 poller::poller(const settings& chosen)
     : chosen_(chosen),
-      interval_(chosen.interval),
+      interval_(chosen.what == task::check || chosen.what == task::metrics
+                    ? only_once
+                    : std::chrono::seconds(chosen.interval)),
       asks_password_(chosen.what == task::watch && !chosen.several && chosen.connect.password_file.empty() &&
                      isatty(STDIN_FILENO) == 1 && counters_of(key_of(chosen.hosts[0])).login),
       agent_(chosen.hosts, asking(chosen),
@@ -196,12 +199,12 @@ agent_options asking(const settings& chosen) {
 }
 
 std::optional<std::string> poller::password(std::size_t host) {
-    const signals_through through;
-    std::string password;
-    std::string problem;
     if (chosen_.what != task::watch) {
         return std::nullopt;
     }
+    const signals_through through;
+    std::string password;
+    std::string problem;
     if (ask_password("Password for " + chosen_.hosts[host].name + ": ", false, password, problem)) {
         return password;
     }
