@@ -116,6 +116,7 @@ void agent::store_messages(std::size_t host, const std::vector<std::size_t>& mes
         return;
     }
     std::vector<std::string> lines;
+    lines.reserve(messages.size());
     for (const std::size_t at : messages) {
         lines.push_back(answer.lines[at].text);
     }
