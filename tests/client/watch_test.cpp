@@ -243,6 +243,13 @@ TEST_F(E2eWatch, UnansweredOrRefusedFirstQuestionEndsOnlyWatchOfOneHost) {
     EXPECT_EQ(suite.read("code"), "0\n");
 }
 
+TEST_F(E2eWatch, SignalEndsAFollowerWhoseReaderStalls) {
+    const std::string full = suite.path("full");
+    EXPECT_EQ(shell("mkfifo " + full + "; exec 3<>" + full + "; head -c 65536 /dev/zero >&3; " + environment() +
+                    SCHEDCTL_BINARY " -H 127.0.0.1:1,127.0.0.1:2 follow >&3 & sleep 1; kill $!; wait $!; echo $?"),
+              "0\n");
+}
+
 // A message is shown once: by the process that ends, by the one after it, or by an operator's command.
 TEST_F(E2eWatch, EndLosesNoMessage) {
     suite.start();
