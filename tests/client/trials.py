@@ -234,7 +234,8 @@ class Trial:
                       for use in self.uses)
         # Nobody can have a message that comes when the disk is full and the client has been left.
         no_room = self.disk in ("full", "tight") and any(
-            use.signal or use.fails() or self.pause and use.kind != "command" for use in self.uses)
+            use.signal or use.kind == "endless" or use.fails() or self.pause and use.kind != "command"
+            for use in self.uses)
         parts = sum(use.fails() for use in self.uses)  # a failed write may have put out one message
         result, at = collections.Counter(), collections.defaultdict(list)
         for number, count in self.raised.items():
