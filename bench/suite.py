@@ -27,6 +27,8 @@ signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # so that started process
 
 def build(directory=ROOT / "build-bench"):
     """Makes the release build with the benchmark programs and returns its directory."""
+    if str(directory).startswith("-"):
+        sys.exit(sys.modules["__main__"].__doc__)
     if not (shutil.which("cmake") and (shutil.which("ninja") or shutil.which("make")) and
             list(Path("/usr/lib").glob("**/libbenchmark.*"))):
         install("cmake", "g++", "ninja-build", "libbenchmark-dev")
