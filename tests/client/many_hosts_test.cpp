@@ -189,7 +189,7 @@ TEST_F(E2eManyHosts, HeldConnectionIsReportedAndKeepsItsMessages) {
     setenv("XDG_STATE_HOME", first.path("agent").c_str(), 1);
     const std::vector<client::host_name> hosts = {{"A", "127.0.0.1", static_cast<std::uint16_t>(first.port), ""}};
     const pid_t stalled = first.scheduler();
-    int held = 0, asked = 0, shown = 0;
+    int held = 0, closed = 0, asked = 0, shown = 0;
     std::thread resume;
     client::agent_listener events;
     events.status = [&](std::size_t, const client::status_answer& answer) {
@@ -219,7 +219,7 @@ TEST_F(E2eManyHosts, HeldConnectionIsReportedAndKeepsItsMessages) {
     EXPECT_TRUE(wait_until(
         [&] { return client::mailbox(client::mail_kind::operators).waiting(client::key_of(hosts[0])) == 1; }));
 
-    events.closed = [&](std::size_t, std::size_t, bool is_held) { held += is_held ? 1 : 0; };
+    events.closed = [&](std::size_t, std::size_t, bool is_held) { ++(is_held ? held : closed); };
     how.connect.source = "127.0.0.2";
     kill(stalled, SIGSTOP);
     client::agent agent(hosts, how, events);
@@ -232,6 +232,7 @@ TEST_F(E2eManyHosts, HeldConnectionIsReportedAndKeepsItsMessages) {
     kill(stalled, SIGCONT);
     EXPECT_TRUE(wait_until([&] { return step(), asked == 1; }));
     agent.finish();
+    EXPECT_EQ(closed, 1);  // after the refused login it is not held any more
     unsetenv("XDG_STATE_HOME");
 }
 

@@ -243,7 +243,11 @@ TEST_F(E2eWatch, UnansweredOrRefusedFirstQuestionEndsOnlyWatchOfOneHost) {
     EXPECT_EQ(suite.read("code"), "0\n");
 }
 
+// A window that changes its size does not end it.
 TEST_F(E2eWatch, SignalEndsAFollowerWhoseReaderStalls) {
+    EXPECT_EQ(shell(environment() + SCHEDCTL_BINARY " -H 127.0.0.1:1,127.0.0.1:2 follow >/dev/null & sleep 1; "
+                                                    "kill -WINCH $!; sleep 0.3; kill $! && wait $!; echo $?"),
+              "0\n");
     const std::string full = suite.path("full");
     EXPECT_EQ(shell("mkfifo " + full + "; exec 3<>" + full + "; head -c 65536 /dev/zero >&3; " + environment() +
                     SCHEDCTL_BINARY " -H 127.0.0.1:1,127.0.0.1:2 follow >&3 & sleep 1; kill $!; wait $!; echo $?"),
