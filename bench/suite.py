@@ -18,6 +18,7 @@ from scratch import ROOT, wait_for  # noqa: E402
 MOST_DESCRIPTORS = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
 TERMINATORS = ("__over__ ", "__timeout__", "__busy__", "__unsupported__", "Good-bye.")
 INTERNAL = "status modcntl debug quit restart lock unlock show hello login ipset send res_data res_send"
+CLIENT_PACKAGES = ("libcli11-dev", "libmicrohttpd-dev", "pkgconf", "nlohmann-json3-dev", "libedit-dev", "libssl-dev")
 EXTERNAL = ("allmodcall parts prognosis diag devconf confchg analysis qmx ehello "
             "nothing oneline stream sleep mix job")
 
@@ -29,9 +30,7 @@ def build(directory=ROOT / "build-bench"):
     """Makes the release build with the benchmark programs and returns its directory."""
     if str(directory).startswith("-"):
         sys.exit(sys.modules["__main__"].__doc__)
-    if not (shutil.which("cmake") and (shutil.which("ninja") or shutil.which("make")) and
-            list(Path("/usr/lib").glob("**/libbenchmark.*"))):
-        install("cmake", "g++", "ninja-build", "libbenchmark-dev")
+    install("cmake", "g++", "ninja-build", "libbenchmark-dev", *CLIENT_PACKAGES)
     if shutil.which("ninja"):
         os.environ.setdefault("CMAKE_GENERATOR", "Ninja")  # an existing tree keeps its generator
     kind = ("-DCMAKE_BUILD_TYPE=RelWithDebInfo", "-DSCHED_BENCH=ON")
@@ -42,6 +41,14 @@ def build(directory=ROOT / "build-bench"):
 
 
 def install(*packages):
+    """Installs the Debian packages that are missing; does nothing where there is no dpkg."""
+    if not shutil.which("dpkg-query"):
+        return
+    states = subprocess.run(["dpkg-query", "-W", "-f", "${Package} ${db:Status-Status}\n", *packages],
+                            stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True).stdout.splitlines()
+    packages = [name for name in packages if f"{name} installed" not in states]
+    if not packages:
+        return
     apt = ["env", "DEBIAN_FRONTEND=noninteractive", "apt-get", "-qq", "-o", "DPkg::Lock::Timeout=300"]
     if os.geteuid() != 0:
         apt = ["sudo", "-n", *apt]

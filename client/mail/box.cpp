@@ -141,7 +141,7 @@ std::optional<box> box::open(const std::string& key, std::string& problem) {
     state_subdirectory("mail");
     for (int number = 1; number <= max_boxes; ++number) {
         const std::string path = path_of(key, number);
-        const state_file made(path, state_file::access::create_new);  // an existing one stays
+        state_file(path, state_file::access::create_new);  // an existing one stays
         std::optional<box> opened = open_path(path, problem);
         // A box with a strange first line is not ours, or another version's.
         if (opened && (opened->size_ == 0 || opened->counters_.next_id != 1 || !opened->has_garbage_)) {

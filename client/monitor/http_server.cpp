@@ -66,7 +66,6 @@ struct http_server::callbacks {
     // Called when the headers are complete, when the request is, and again after a suspension.
     static MHD_Result request(void* self, MHD_Connection* connection, const char* url, const char* method,
                               const char*, const char*, std::size_t* upload_size, void** context) {
-        auto& server = *static_cast<http_server*>(self);
         if (*context == nullptr) {
             auto request = std::make_unique<http_request>();
             request->path = url;
@@ -80,7 +79,7 @@ struct http_server::callbacks {
         auto& request = *static_cast<http_request*>(*context);
         *upload_size = 0;
         if (!request.reply) {
-            request.reply = server.handler_(request);
+            request.reply = static_cast<http_server*>(self)->handler_(request);
         }
         if (!request.reply) {
             MHD_suspend_connection(connection);

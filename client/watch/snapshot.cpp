@@ -111,7 +111,7 @@ long uptime_of(const host_name& host) {
     // A file that is missing or damaged is no error; the uptime is then not known.
     long minutes = 0;
     std::ifstream file(std::string(data != nullptr ? data : service_data) + "/up_time");
-    return file >> minutes ? minutes : -1;
+    return (file >> minutes) ? minutes : -1;
 }
 
 }  // namespace client

@@ -20,6 +20,7 @@ import os
 import random
 import re
 import signal
+import socket
 import subprocess
 import sys
 import threading
@@ -34,6 +35,14 @@ DROPPED = re.compile(rb'(\d+) messages were lost|"lost":(\d+)|"count":(\d+)')
 GARBAGE = random.Random(1).randbytes(3000) + b"\n+no record\n"
 LETTER = f"+{1:020} 127.0.0.1:1 2026-01-31T12:00:00+00:00;W0104:not ours\n"  # as in a mailbox
 OTHER_USER = 64321  # a user that no system has
+
+
+def other_name():
+    """Another name of this host that belongs to the same mailbox; without /etc/hosts there is none."""
+    with contextlib.suppress(OSError):
+        socket.gethostbyname("localhost")
+        return "LOCALHOST"
+    return "127.0.0.1"
 
 
 class Trial:
@@ -71,7 +80,7 @@ class Trial:
     def set_up(self, directory):
         self.dir = directory
         directory.chmod(0o777)
-        self.places = {"dir": str(directory), "hosts": str(directory / "hosts")}
+        self.places = {"dir": str(directory), "hosts": str(directory / "hosts"), "here": other_name()}
         words = " ".join(use.words for use in self.uses)
         self.schedulers = [Scheduler(self.options.build, directory / f"suite{i}", "restart" in words)
                            for i in range(2 if "{hosts}" in words else 1)]

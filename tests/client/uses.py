@@ -18,7 +18,7 @@ from scratch import PATIENCE, free_port, state_of, wait_for
 # Kind, options and words, exit code, weight. A "command" ends by itself, a "session" reads lines from a pipe, a
 # "prompt" gets keys, an "endless" one is ended by a signal, by its terminal or by the end of its reader.
 USES = [
-    ("command", "status", 0, 6), ("command", "--json status", 0, 3), ("command", "-H LOCALHOST status", 0, 1),
+    ("command", "status", 0, 6), ("command", "--json status", 0, 3), ("command", "-H {here} status", 0, 1),
     ("command", "--hosts {hosts} status", 0, 4), ("command", "--hosts {hosts} --json status", 0, 2),
     ("command", "--hosts {hosts} --as-it-comes status", 0, 1), ("command", "parts status", 0, 3),
     ("command", "parts slow", 0, 2), ("command", "parts fail", 7, 1), ("command", "parts long", 0, 2),
