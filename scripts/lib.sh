@@ -172,7 +172,7 @@ summarise() {
         }'
 }
 
-# test_preset NAME: runs the tests of a built preset. Most tests wait for a daemon and do not compute, so more of them
+# test_preset NAME [CTEST-ARGUMENT...]: runs the tests of a built preset. Most tests wait for a daemon and do not compute, so more of them
 # run at once than there are processors.
 test_preset() {
     local run=() tree
@@ -182,7 +182,7 @@ test_preset() {
         run=(setarch -R)
     fi
     printf 'testing %s ...\n' "$1"
-    "${run[@]}" ctest --preset "$1" --parallel "${TEST_JOBS:-$((2 * $(nproc)))}" </dev/null |
+    "${run[@]}" ctest --preset "$@" --parallel "${TEST_JOBS:-$((2 * $(nproc)))}" </dev/null |
         summarise "$tree/Testing/Temporary/LastTest.log" ||
         fail "a test of $1 failed; the whole output is in $tree/Testing/Temporary/LastTest.log"
 }

@@ -68,7 +68,7 @@ protected:
 };
 
 // Sorts the lines when a sanitizer makes the schedulers slow: the order of the hosts is kept for 0.2 seconds.
-std::string in_order(const std::string& text) {
+std::string lines_sorted(const std::string& text) {
     if (std::string_view(SCHED_SANITIZE).empty()) { return text; }
     std::istringstream in(text);
     std::multiset<std::string> lines;
@@ -124,9 +124,9 @@ TEST_F(E2eManyHosts, EachHostIsAskedOnceAndTheFirstFailureIsTheExitCode) {
     shell("mkdir " + first.path("tmp"));
     for (const auto& c : cases) {
         const std::string got = ctl(c.arguments);
-        ASSERT_TRUE(in_order(got) == in_order(c.wanted)) << c.name << ":\n"
-                                                         << shortened(got) << "instead of:\n"
-                                                         << shortened(c.wanted);
+        ASSERT_TRUE(lines_sorted(got) == lines_sorted(c.wanted)) << c.name << ":\n"
+                                                                 << shortened(got) << "instead of:\n"
+                                                                 << shortened(c.wanted);
     }
     EXPECT_EQ(shell("ls " + first.path("tmp")), "");
     EXPECT_EQ(first.wait_exit(), 0);
@@ -278,8 +278,8 @@ TEST_F(E2eManyHosts, SuspendedClientDoesNotTimeOutHosts) {
         shell("kill -CONT " + first.read("client"));
     });
     const std::string client = "sh -c 'echo $$ >client; exec " SCHEDCTL_BINARY " -u op -t 2 -H $0,$1 status' $A $B";
-    EXPECT_EQ(in_order(mask_dates(shell(start + "30 " + client + " >out" + end))),
-              in_order("B: confdate  DATE\nA: confdate  DATE\n0\n"));
+    EXPECT_EQ(lines_sorted(mask_dates(shell(start + "30 " + client + " >out" + end))),
+              lines_sorted("B: confdate  DATE\nA: confdate  DATE\n0\n"));
     resume.join();
 }
 
