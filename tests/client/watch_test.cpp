@@ -245,13 +245,17 @@ TEST_F(E2eWatch, UnansweredOrRefusedFirstQuestionEndsOnlyWatchOfOneHost) {
 
 // A window that changes its size does not end it.
 TEST_F(E2eWatch, SignalEndsAFollowerWhoseReaderStalls) {
-    EXPECT_EQ(shell(environment() + SCHEDCTL_BINARY " -H 127.0.0.1:1,127.0.0.1:2 follow >/dev/null & sleep 1; "
-                                                    "kill -WINCH $!; sleep 0.3; kill $! && wait $!; echo $?"),
+    // Until it has blocked SIGTERM, which it reads from a descriptor, and one second more.
+    const std::string when_ready =
+        "while kill -0 $! && ! grep -q 'SigBlk:.*[4-7c-f]...$' /proc/$!/status; do sleep 0.1; done; sleep 1; ";
+    EXPECT_EQ(shell(environment() + SCHEDCTL_BINARY " -H 127.0.0.1:1,127.0.0.1:2 follow >/dev/null & " + when_ready +
+                    "kill -WINCH $!; sleep 0.3; kill $! && wait $!; echo $?"),
               "0\n");
     const std::string full = suite.path("full");
-    EXPECT_EQ(shell("mkfifo " + full + "; exec 3<>" + full + "; head -c 65536 /dev/zero >&3; " + environment() +
-                    SCHEDCTL_BINARY " -H 127.0.0.1:1,127.0.0.1:2 follow >&3 & sleep 1; kill $!; wait $!; echo $?"),
-              "0\n");
+    EXPECT_EQ(
+        shell("mkfifo " + full + "; exec 3<>" + full + "; head -c 65536 /dev/zero >&3; " + environment() +
+              SCHEDCTL_BINARY " -H 127.0.0.1:1,127.0.0.1:2 follow >&3 & " + when_ready + "kill $!; wait $!; echo $?"),
+        "0\n");
 }
 
 // A message is shown once: by the process that ends, by the one after it, or by an operator's command.
