@@ -44,17 +44,26 @@ bool is_question(const std::vector<std::string>& words) {
 
 }  // namespace
 
-int milliseconds_until(agent::clock::time_point when) {
-    if (when == agent::clock::time_point::max()) {
-        return -1;
+bool wait_for(int fd, short events, std::span<pollfd> others, agent::clock::time_point until) {
+    std::vector<pollfd> polled(others.begin(), others.end());
+    polled.push_back({fd, events, 0});
+    int limit = -1;
+    if (until != agent::clock::time_point::max()) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - agent::clock::now()).count();
+        limit = static_cast<int>(std::clamp<decltype(left)>(left, 0, 3600 * 1000));
     }
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(when - agent::clock::now()).count();
-    return static_cast<int>(std::clamp<decltype(left)>(left, 0, 3600 * 1000));
+    if (poll(polled.data(), polled.size(), limit) < 0) {
+        for (pollfd& p : polled) {
+            p.revents = 0;  // interrupted by a signal, or out of memory: the caller calls again
+        }
+    }
+    std::copy_n(polled.begin(), others.size(), others.begin());
+    return polled.back().revents != 0;
 }
 
-agent::agent(const std::vector<host_name>& hosts, agent_options how, agent_listener events)
+agent::agent(const std::vector<host_name>& hosts, agent_options how, agent_listener& events)
     : how_(std::move(how)),
-      listener_(std::move(events)),
+      listener_(events),
       parallel_(allowed_connections(how_.parallel)),
       most_open_(allowed_connections(std::numeric_limits<std::size_t>::max())),
       module_silence_(hosts.size() == 1 ? std::chrono::seconds(0) : default_module_silence),
@@ -204,13 +213,12 @@ void agent::cancel(std::size_t host, std::uint32_t request) {
     }
 }
 
-void agent::password(std::size_t host, std::optional<std::string> text) {
-    const std::string problem = text ? "" : "there is no --password-file";
-    if (text) {
-        passwords_.set(std::move(*text));
+void agent::password(std::size_t host, const std::string& text, bool is_given) {
+    if (is_given) {
+        passwords_.set(text);
     }
     if (hosts_[host].link.needs_password()) {
-        hosts_[host].link.log_in(problem);
+        hosts_[host].link.log_in(is_given ? "" : "there is no --password-file");
         update(host);  // without a password the command has ended
     }
 }
@@ -233,7 +241,7 @@ void agent::update(std::size_t host) {
     } else if (state.link.needs_password() && hosts_.size() == 1 && !is_finishing_) {
         listener_.password_needed(host);
     } else if (state.link.needs_password()) {
-        password(host, std::nullopt);
+        password(host, "", false);
     }
 }
 
@@ -275,7 +283,7 @@ void agent::on_late(std::size_t host) {
         if (state.asks_status()) {
             deliver_instead(host);
         }
-        listener_.late(host, state.queue.front().request);
+        listener_.ended(host, state.queue.front().request, {outcome::no_answer});
     }
 }
 
@@ -291,16 +299,8 @@ void agent::remember_login(const host_state& state) {
 }
 
 void agent::step(std::span<pollfd> others, clock::time_point until) {
-    until = std::min({until, start_ready(), first_deadline_});
-    std::vector<pollfd> polled(others.begin(), others.end());
-    polled.push_back({events_.get(), POLLIN, 0});
-    if (poll(polled.data(), polled.size(), milliseconds_until(until)) < 0) {
-        for (pollfd& p : polled) {
-            p.revents = 0;  // interrupted by a signal, or out of memory: the caller calls again
-        }
-    }
-    std::copy_n(polled.begin(), others.size(), others.begin());
-    if (polled.back().revents != 0) {
+    until = std::min(until, start_ready());  // which may lower first_deadline_
+    if (wait_for(events_.get(), POLLIN, others, std::min(until, first_deadline_))) {
         handle_ready();
     }
     expire_late();

@@ -24,7 +24,7 @@ void agent::close(std::size_t host) {
     host_state& state = hosts_[host];
     state.queue.erase(state.queue.begin() + (state.asking ? 1 : 0), state.queue.end());
     if (state.link.needs_password()) {
-        password(host, std::nullopt);  // nobody can type it any more
+        password(host, "", false);  // nobody can type it any more
     }
     if (state.closing) {
         return state.held ? listener_.closed(host, 0, true) : void();
