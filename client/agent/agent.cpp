@@ -70,10 +70,7 @@ agent::agent(const std::vector<host_name>& hosts, agent_options how, agent_liste
       passwords_(how_.connect.password_file),
       mailbox_(how_.kind),
       events_(epoll_create1(EPOLL_CLOEXEC)) {
-    epoll_event look_up{};
-    look_up.events = EPOLLIN;
-    look_up.data.u64 = tag_of(0, name_lookup::event());
-    if (epoll_ctl(events_.get(), EPOLL_CTL_ADD, name_lookup::event(), &look_up) != 0) {
+    if (!events_.is_open()) {
         throw std::system_error(errno, std::generic_category(), "epoll");
     }
     for (const host_name& host : hosts) {
@@ -228,10 +225,10 @@ void agent::update(std::size_t host) {
     host_state& state = hosts_[host];
     const host_link::news news = state.link.take_news();
     watch(host);
-    if (news.received.of_status) {
-        state.status_text += news.received.text;
-    } else if (!news.received.text.empty() && state.asking && !state.final_asked && !state.given_up) {
-        listener_.output(host, state.queue.front().request, news.received.text);
+    if (state.receives_status()) {
+        state.status_text += news.text;
+    } else if (!news.text.empty() && state.asking && !state.given_up) {
+        listener_.output(host, state.queue.front().request, news.text);
     }
     if (!state.link.is_open() && !state.link.is_busy()) {
         active_.erase(host);
@@ -325,15 +322,7 @@ void agent::handle_ready() {
     ready.resize(static_cast<std::size_t>(std::max(count, 0)));
     for (const epoll_event& event : ready) {
         const std::size_t host = event.data.u64 >> 32;
-        if (event.data.u64 == tag_of(0, name_lookup::event())) {
-            name_lookup::reset();
-            for (const std::size_t waiting : std::vector<std::size_t>(active_.begin(), active_.end())) {
-                if (hosts_[waiting].link.is_resolving()) {
-                    hosts_[waiting].link.on_looked_up();
-                    update(waiting);
-                }
-            }
-        } else if (event.data.u64 == tag_of(host, hosts_[host].link.fd())) {
+        if (event.data.u64 == tag_of(host, hosts_[host].link.fd())) {
             // Otherwise a callback has closed this link since the wait.
             hosts_[host].link.on_ready();
             update(host);

@@ -119,6 +119,11 @@ private:
         host_link link;
         // The command under way is a `status`, and not the last one.
         bool asks_status() const { return asking && !final_asked && queue.front().words[0] == "status"; }
+        // What comes is an answer of `status`, which comes before these other commands, too.
+        bool receives_status() const {
+            return asks_status() || final_asked ||
+                   (asking && (queue.front().words[0] == "restart" || queue.front().words[0] == "quit"));
+        }
 
         std::deque<command> queue;  // the first is under way when `asking`
         bool is_ready = false;      // in ready_
