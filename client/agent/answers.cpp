@@ -95,7 +95,7 @@ void agent::put_back(const std::vector<std::uint64_t>& ids) {
 void agent::add_stored(std::size_t host, status_answer& answer) {
     host_state& state = hosts_[host];
     state.looked = state.link.connected_at();
-    std::vector<stored_message> stored;
+    std::vector<status_line> stored;
     if (how_.stored == stored_messages::taken) {
         stored = mailbox_.take(state.key);
         // Looked up for one host only, because the search for other names reads the boxes of all schedulers.
@@ -103,7 +103,7 @@ void agent::add_stored(std::size_t host, status_answer& answer) {
     } else if (how_.stored == stored_messages::looked_at) {
         stored = mailbox_.look(state.key);
     }
-    for (stored_message& m : stored) {
+    for (status_line& m : stored) {
         answer.lines.push_back({tagged(host, m.id), std::move(m.text)});
     }
 }
@@ -111,10 +111,6 @@ void agent::add_stored(std::size_t host, status_answer& answer) {
 void agent::store_messages(std::size_t host, const std::vector<std::size_t>& messages,
                            status_answer& answer) {
     host_state& state = hosts_[host];
-    if (messages.empty()) {
-        answer.totals = counters_of(state.key).totals;
-        return;
-    }
     std::vector<std::string> lines;
     lines.reserve(messages.size());
     for (const std::size_t at : messages) {
@@ -123,13 +119,13 @@ void agent::store_messages(std::size_t host, const std::vector<std::size_t>& mes
     // Nobody shows the messages of an answer that was given up, or those before a `restart`. The next answer has them.
     const bool is_shown = !state.given_up && (state.asks_status() || state.final_asked);
     const bool shows = how_.stored == stored_messages::taken && is_shown;
-    if (!is_shown) {
+    if (!is_shown && !lines.empty()) {
         state.looked.reset();
     }
-    const std::vector<std::uint64_t> ids =
+    std::uint64_t id =
         mailbox_.store(state.key, state.link.address(), lines, shows, answer.totals, answer.unstored);
-    for (std::size_t i = 0; i < ids.size(); ++i) {
-        answer.lines[messages[i]].id = tagged(host, ids[i]);
+    for (std::size_t i = 0; id != 0 && i < messages.size(); ++i) {
+        answer.lines[messages[i]].id = tagged(host, id++);
     }
 }
 

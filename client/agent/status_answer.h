@@ -10,13 +10,6 @@
 
 namespace client {
 
-// One line without its line end. id: the number of the message in the mailbox; 0 for a line that is no message, or one
-// that could not be stored. The line that counts lost messages has a number too.
-struct status_line {
-    std::uint64_t id = 0;
-    std::string text;
-};
-
 struct status_answer {
     std::uint32_t request = 0;       // the request that this answers; 0 for the last `status`
     std::vector<status_line> lines;  // the messages that were stored before come first, then the answer
