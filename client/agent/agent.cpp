@@ -14,7 +14,6 @@ namespace client {
 namespace {
 
 constexpr std::chrono::milliseconds look_again_after{20};
-constexpr std::chrono::milliseconds count_again_after{100};
 constexpr rlim_t other_descriptors = 64;  // for standard streams, files and the resolver's threads
 
 // How many of the wanted connections the limit for descriptors allows, once it is raised. Each host may need two more
@@ -102,7 +101,7 @@ agent::clock::time_point agent::start_ready() {
     const clock::time_point now = clock::now();
     auto running = static_cast<std::size_t>(std::count_if(
         active_.begin(), active_.end(), [&](std::size_t host) { return takes_place(hosts_[host], now); }));
-    clock::time_point until = clock::time_point::max();
+    bool has_ended = false;
     for (std::size_t left = ready_.size(); left > 0 && running < parallel_; --left) {
         const std::size_t host = ready_.front();
         host_state& state = hosts_[host];
@@ -113,15 +112,13 @@ agent::clock::time_point agent::start_ready() {
         }
         if (!state.link.is_open() && (waits_for_room() || waits_for_older(state))) {
             schedule(host);
-            until = std::min(until, clock::now() + look_again_after);
             continue;
         }
         running += start(host, std::min(parallel_, running + left)) ? 1 : 0;
-        if (!state.asking) {
-            until = {};  // it has ended at once, which may be what the caller waits for
-        }
+        has_ended = has_ended || !state.asking;
     }
-    return ready_.empty() ? until : std::min(until, now + count_again_after);
+    // An end at once may be what the caller waits for.
+    return has_ended ? now : ready_.empty() ? clock::time_point::max() : now + look_again_after;
 }
 
 // A question that has no answer yet gives its place to the next host after a moment, so that many silent hosts do not
@@ -233,8 +230,10 @@ void agent::update(std::size_t host) {
     if (!state.link.is_open() && !state.link.is_busy()) {
         active_.erase(host);
     }
-    if (news.end) {
+    if (news.end && news.end->how != outcome::no_answer) {
         on_ended(host, *news.end);
+    } else if (news.end && state.asking && !state.final_asked) {
+        on_late(host);
     } else if (state.link.needs_password() && hosts_.size() == 1 && !is_finishing_) {
         listener_.password_needed(host);
     } else if (state.link.needs_password()) {
@@ -249,19 +248,16 @@ void agent::on_ended(std::size_t host, command_result end) {
     }
     const bool asked_status = state.asks_status();
     const bool complete = end.how == outcome::over || end.how == outcome::goodbye;
-    if (!state.status_text.empty() || (asked_status && complete)) {
-        const bool is_valid = deliver_status(host, complete);
-        if (asked_status && complete && !is_valid) {
+    const std::uint32_t request = state.asking ? state.queue.front().request : 0;
+    if (const std::string text = std::exchange(state.status_text, {}); asked_status || !text.empty()) {
+        if (!deliver(host, asked_status ? request : 0, text, complete) && asked_status && complete) {
             end = {outcome::bad_answer, "it is no status"};
         }
-    } else if (asked_status) {
-        deliver_instead(host);
     }
     if (state.final_asked) {
         return on_closed(host);
     }
     remember_login(state);
-    const std::uint32_t request = state.queue.front().request;
     state.queue.pop_front();
     state.asking = state.given_up = false;
     listener_.ended(host, request, end);
@@ -275,13 +271,12 @@ void agent::on_ended(std::size_t host, command_result end) {
 }
 
 void agent::on_late(std::size_t host) {
-    host_state& state = hosts_[host];
-    if (state.asking && !state.final_asked) {
-        if (state.asks_status()) {
-            deliver_instead(host);
-        }
-        listener_.ended(host, state.queue.front().request, {outcome::no_answer});
+    const host_state& state = hosts_[host];
+    const std::uint32_t request = state.queue.front().request;
+    if (state.asks_status()) {
+        deliver(host, request, "", false);
     }
+    listener_.ended(host, request, {outcome::no_answer});
 }
 
 // With one host, the password is asked for before connecting where one is known to be needed: while the operator types
@@ -344,11 +339,7 @@ void agent::expire_late() {
             continue;
         }
         link.expire();
-        if (link.is_late()) {
-            on_late(host);
-        } else {
-            update(host);
-        }
+        update(host);
     }
 }
 

@@ -3,7 +3,6 @@
 // ends with a last `status`.
 #pragma once
 
-#include "agent/status_answer.h"
 #include "mail/held_connection.h"
 #include "mail/mailbox.h"
 #include "net/host_link.h"
@@ -37,6 +36,18 @@ struct agent_options {
     bool must_store = false;
     stored_messages stored = stored_messages::left;
     mail_kind kind = mail_kind::operators;
+};
+
+// The answer of `status`, as the agent hands it on.
+struct status_answer {
+    std::uint32_t request = 0;       // the request that this answers; 0 for the last `status`
+    std::vector<status_line> lines;  // the messages that were stored before come first, then the answer
+    bool complete = false;           // false: the answer broke off, or there is none
+    bool last = false;               // of the last `status` before the connection ends
+    double seconds = 0;              // that the scheduler took for it
+    message_totals totals;           // of this scheduler, as the mailbox has counted them
+    std::string unstored;            // why the new messages could not be stored; empty when they are
+    std::string notice;              // for the operator, such as who holds messages; lines end with LF
 };
 
 // Gets the events of the hosts. host is the number in the list. All may call any function of the agent except step()
@@ -84,11 +95,9 @@ public:
     // one packet. closed() follows. The next ask() makes a new connection.
     void close(std::size_t host);
 
-    // These messages were written to the operator's output: they leave the mailbox.
-    void shown(const std::vector<std::uint64_t>& ids);
-
-    // These messages were not shown, because the operator no longer waits for their answer: the next `status` has them.
-    void put_back(const std::vector<std::uint64_t>& ids);
+    // were_shown: these messages were written to the operator's output, so they leave the mailbox. Else the operator no
+    // longer waits for their answer: the next `status` has them.
+    void settle(const std::vector<std::uint64_t>& ids, bool were_shown);
 
     // Hands the messages in the mailbox to the listener as the answer of this request, without a connection. Its
     // ended() says `how`.
@@ -160,11 +169,12 @@ private:
     void on_closed(std::size_t host);
     static void hold(host_state& state);
     // In agent/answers.cpp:
-    bool deliver_status(std::size_t host, bool complete);
-    void deliver_stored(std::size_t host, std::uint32_t request);
-    void deliver_instead(std::size_t host);
+    // Stores the messages of an answer of `status`, as far as it has come, and hands it to the listener; before it, once
+    // for each connection, what is in the mailbox. request: 0 for the last `status`, and one before another command.
+    // Returns false when the answer is not complete, or is no status.
+    bool deliver(std::size_t host, std::uint32_t request, std::string_view text, bool complete);
     void add_stored(std::size_t host, status_answer& answer);
-    void store_messages(std::size_t host, const std::vector<std::size_t>& messages, status_answer& answer);
+    void store_messages(std::size_t host, status_answer& answer);
 
     const agent_options how_;
     agent_listener& listener_;

@@ -19,7 +19,7 @@ namespace client {
 // CBOR. The text of a message may have any bytes, and CBOR keeps them as they are. Both sides are the same program, so
 // a call is never malformed.
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(message_totals, error, warning, info, lost)
-NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(status_line, id, text)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(status_line, id, text, is_message)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(status_answer, request, lines, complete, last, seconds, totals, unstored,
                                    notice)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(command_result, how, code, signal, reason)
@@ -28,8 +28,8 @@ namespace {
 
 using json = nlohmann::json;
 
-enum class call { ask, cancel, close, shown, put_back, fetch_stored, password };  // of the front
-enum class event { output, status, ended, closed, password_needed, left };        // of the agent
+enum class call { ask, cancel, close, settle, fetch_stored, password };     // of the front
+enum class event { output, status, ended, closed, password_needed, left };  // of the agent
 
 template <typename name, typename... argument>
 void send(channel& to, name function, const argument&... arguments) {
@@ -51,9 +51,9 @@ void on(object& of, const json& arguments) {
 }
 
 // In the order of `call`.
-constexpr void (*calls[])(agent&, const json&) = {
-    on<&agent::ask>,      on<&agent::cancel>,       on<&agent::close>,   on<&agent::shown>,
-    on<&agent::put_back>, on<&agent::fetch_stored>, on<&agent::password>};
+constexpr void (*calls[])(agent&, const json&) = {on<&agent::ask>,          on<&agent::cancel>,
+                                                  on<&agent::close>,        on<&agent::settle>,
+                                                  on<&agent::fetch_stored>, on<&agent::password>};
 
 // In the order of `event`.
 constexpr void (*events[])(agent_listener&, const json&) = {
@@ -165,12 +165,8 @@ void agent_client::close(std::size_t host) {
     send(channel_, call::close, host);
 }
 
-void agent_client::shown(const std::vector<std::uint64_t>& ids) {
-    send(channel_, call::shown, ids);
-}
-
-void agent_client::put_back(const std::vector<std::uint64_t>& ids) {
-    send(channel_, call::put_back, ids);
+void agent_client::settle(const std::vector<std::uint64_t>& ids, bool were_shown) {
+    send(channel_, call::settle, ids, were_shown);
 }
 
 void agent_client::password(std::size_t host, const std::optional<std::string>& text) {

@@ -24,8 +24,8 @@ public:
 
     void cancel(std::size_t host, std::uint32_t request);
     void close(std::size_t host);
-    void shown(const std::vector<std::uint64_t>& ids);
-    void put_back(const std::vector<std::uint64_t>& ids);
+    void shown(const std::vector<std::uint64_t>& ids) { settle(ids, true); }
+    void put_back(const std::vector<std::uint64_t>& ids) { settle(ids, false); }
     void password(std::size_t host, const std::optional<std::string>& text);
 
     const std::vector<host_name>& hosts() const { return hosts_; }
@@ -42,6 +42,7 @@ public:
     void finish(std::span<pollfd> others = {});
 
 private:
+    void settle(const std::vector<std::uint64_t>& ids, bool were_shown);
     void handle(const nlohmann::json& frame);
 
     const std::vector<host_name> hosts_;

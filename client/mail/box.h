@@ -19,11 +19,12 @@ namespace client {
 
 struct status_report;
 
-// One line of an answer of `status`, without its line end. id: the number of the message in the mailbox, which grows; 0
-// for a line that is no message, or one that could not be stored. The line that counts lost messages has a number too.
+// One line of an answer of `status`, without its line end. The line that counts lost messages is a message, too.
 struct status_line {
-    std::uint64_t id = 0;
+    std::uint64_t id =
+        0;  // of the message in the mailbox, which grows; 0: it could not be stored, or is no message
     std::string text;
+    bool is_message = true;
 };
 
 // They only grow.

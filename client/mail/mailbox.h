@@ -49,11 +49,8 @@ public:
     // The same without taking it, with what this process has stored.
     std::vector<status_line> look(const std::string& key);
 
-    // These messages, stored or taken by this process, were shown.
-    void shown(const std::string& key, const std::vector<std::uint64_t>& ids) { settle(key, ids, true); }
-
-    // These messages were not shown: any process may take them at once.
-    void put_back(const std::string& key, const std::vector<std::uint64_t>& ids) { settle(key, ids, false); }
+    // These messages, stored or taken by this process, were shown. Or they were not: any process may take them at once.
+    void settle(const std::string& key, const std::vector<std::uint64_t>& ids, bool were_shown);
 
     // Number of messages that wait for this scheduler and are not another living process's.
     std::size_t waiting(const std::string& key) { return look(key).size(); }
@@ -71,7 +68,6 @@ public:
 private:
     bool name_own(const std::function<bool(const std::string& path)>& make, std::string& problem);
     bool open_own(std::string& problem);
-    void settle(const std::string& key, const std::vector<std::uint64_t>& ids, bool were_shown);
     bool is_for_us(const box::record& r);
     std::map<std::string, std::size_t> held_by_others(const std::string& key);
 

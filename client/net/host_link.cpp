@@ -255,6 +255,7 @@ void host_link::expire() {
     } else {
         late_ = true;
         deadline_ = clock::time_point::max();
+        news_.end = outcome::no_answer;
     }
 }
 

@@ -7,7 +7,6 @@
 // may bring messages.
 #pragma once
 
-#include "net/connect_options.h"
 #include "net/exchange.h"
 #include "net/host_list.h"
 #include "net/name_lookup.h"
@@ -21,6 +20,14 @@
 namespace client {
 
 class password_store;
+
+// How all connections of a process are made.
+struct connect_options {
+    std::string source;         // local IPv4 address to connect from; empty: the system chooses
+    unsigned timeout = 0;       // seconds, of -t; 0: the limits of limits.h
+    std::string user;           // sent with "hello" on each new connection; empty: not sent
+    std::string password_file;  // empty: the listener is asked for the password, with one host only
+};
 
 class host_link {
 public:

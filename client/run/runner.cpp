@@ -203,8 +203,7 @@ void command_runner::status(std::size_t host, const status_answer& answer) {
 // Writes messages that are neither shown nor stored to standard error: the scheduler does not send them again.
 void command_runner::print_unstored(std::size_t host, const std::vector<status_line>& lines) const {
     for (const status_line& line : lines) {
-        const status_line_kind kind = kind_of(line.text);
-        if (line.id == 0 && (kind == status_line_kind::message || kind == status_line_kind::lost)) {
+        if (line.id == 0 && line.is_message) {
             const std::string text = printable_text().clean(line.text);
             std::fprintf(stderr, "%s%s\n", chosen_.prefix_of(host).c_str(), text.c_str());
         }

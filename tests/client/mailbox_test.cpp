@@ -132,13 +132,13 @@ struct Post {
             ids.push_back(m.id);
             std::erase_if(letters, [&](const Letter& l) { return l.text == m.text; });
         }
-        reader.shown(key, ids);
+        reader.settle(key, ids, true);
     }
     void show(int window, const std::string& key, std::size_t count) {
         std::vector<std::uint64_t> ids;
         for (const Letter& l : letters)
             if (l.holder == window && l.key == key && ids.size() < count) ids.push_back(l.id);
-        open(window).shown(key, ids);
+        open(window).settle(key, ids, true);
         std::erase_if(letters, [&](const Letter& l) {
             return l.holder == window && l.key == key && std::count(ids.begin(), ids.end(), l.id) != 0;
         });
@@ -235,7 +235,7 @@ TEST_F(Mailbox, WhatAnotherProcessHoldsStaysWithIt) {
         EXPECT_THAT(other.notice(hosts[0], "127.0.0.1"), testing::HasSubstr("held by"));
     EXPECT_LT(std::chrono::steady_clock::now() - start, 3 * lock_timeout);
     store(*std::make_unique<mailbox>(mail_kind::operators), hosts[0], {date + "E0101:fan 4"});
-    holder.shown(hosts[0], {held[0].id});
+    holder.settle(hosts[0], {held[0].id}, true);
     EXPECT_EQ(texts(other.take(hosts[0])), strings{date + "E0101:fan 4"});
 }
 
@@ -295,7 +295,7 @@ TEST_F(Mailbox, WhatIsNoMailIsLeftAndReported) {
         EXPECT_EQ(store(reader, hosts[0], {date + "E0101:fan 5"}).size(), 1U);
         EXPECT_EQ(store(reader, hosts[1], {date + "E0101:fan 4"}).size(), 1U);
         notice = reader.notice(hosts[0], "127.0.0.1");
-        reader.shown(hosts[0], {taken.empty() ? 0 : taken[0].id});
+        reader.settle(hosts[0], {taken.empty() ? 0 : taken[0].id}, true);
     }
     for (const char* name :
          {"127.0.0.1:9980.1.box", "db1:9981.1.box", "db1:9981.2.box", "db1:9981.3.box", "db1:9981.4.box"})
