@@ -14,7 +14,6 @@ namespace client {
 namespace {
 
 constexpr std::chrono::milliseconds look_again_after{20};
-constexpr std::chrono::milliseconds count_again_after{100};
 constexpr rlim_t other_descriptors = 64;  // for standard streams, files and the resolver's threads
 
 // How many of the wanted connections the limit for descriptors allows, once it is raised. Each host may need two more
@@ -44,27 +43,33 @@ bool is_question(const std::vector<std::string>& words) {
 
 }  // namespace
 
-int milliseconds_until(agent::clock::time_point when) {
-    if (when == agent::clock::time_point::max()) {
-        return -1;
+bool wait_for(int fd, short events, std::span<pollfd> others, agent::clock::time_point until) {
+    std::vector<pollfd> polled(others.begin(), others.end());
+    polled.push_back({fd, events, 0});
+    int limit = -1;
+    if (until != agent::clock::time_point::max()) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - agent::clock::now()).count();
+        limit = static_cast<int>(std::clamp<decltype(left)>(left, 0, 3600 * 1000));
     }
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(when - agent::clock::now()).count();
-    return static_cast<int>(std::clamp<decltype(left)>(left, 0, 3600 * 1000));
+    if (poll(polled.data(), polled.size(), limit) < 0) {
+        for (pollfd& p : polled) {
+            p.revents = 0;  // interrupted by a signal, or out of memory: the caller calls again
+        }
+    }
+    std::copy_n(polled.begin(), others.size(), others.begin());
+    return polled.back().revents != 0;
 }
 
-agent::agent(const std::vector<host_name>& hosts, agent_options how, agent_listener events)
+agent::agent(const std::vector<host_name>& hosts, agent_options how, agent_listener& events)
     : how_(std::move(how)),
-      listener_(std::move(events)),
+      listener_(events),
       parallel_(allowed_connections(how_.parallel)),
       most_open_(allowed_connections(std::numeric_limits<std::size_t>::max())),
       module_silence_(hosts.size() == 1 ? std::chrono::seconds(0) : default_module_silence),
       passwords_(how_.connect.password_file),
       mailbox_(how_.kind),
       events_(epoll_create1(EPOLL_CLOEXEC)) {
-    epoll_event look_up{};
-    look_up.events = EPOLLIN;
-    look_up.data.u64 = tag_of(0, name_lookup::event());
-    if (epoll_ctl(events_.get(), EPOLL_CTL_ADD, name_lookup::event(), &look_up) != 0) {
+    if (!events_.is_open()) {
         throw std::system_error(errno, std::generic_category(), "epoll");
     }
     for (const host_name& host : hosts) {
@@ -96,7 +101,7 @@ agent::clock::time_point agent::start_ready() {
     const clock::time_point now = clock::now();
     auto running = static_cast<std::size_t>(std::count_if(
         active_.begin(), active_.end(), [&](std::size_t host) { return takes_place(hosts_[host], now); }));
-    clock::time_point until = clock::time_point::max();
+    bool has_ended = false;
     for (std::size_t left = ready_.size(); left > 0 && running < parallel_; --left) {
         const std::size_t host = ready_.front();
         host_state& state = hosts_[host];
@@ -107,15 +112,13 @@ agent::clock::time_point agent::start_ready() {
         }
         if (!state.link.is_open() && (waits_for_room() || waits_for_older(state))) {
             schedule(host);
-            until = std::min(until, clock::now() + look_again_after);
             continue;
         }
         running += start(host, std::min(parallel_, running + left)) ? 1 : 0;
-        if (!state.asking) {
-            until = {};  // it has ended at once, which may be what the caller waits for
-        }
+        has_ended = has_ended || !state.asking;
     }
-    return ready_.empty() ? until : std::min(until, now + count_again_after);
+    // An end at once may be what the caller waits for.
+    return has_ended ? now : ready_.empty() ? clock::time_point::max() : now + look_again_after;
 }
 
 // A question that has no answer yet gives its place to the next host after a moment, so that many silent hosts do not
@@ -204,13 +207,12 @@ void agent::cancel(std::size_t host, std::uint32_t request) {
     }
 }
 
-void agent::password(std::size_t host, std::optional<std::string> text) {
-    const std::string problem = text ? "" : "there is no --password-file";
-    if (text) {
-        passwords_.set(std::move(*text));
+void agent::password(std::size_t host, const std::string& text, bool is_given) {
+    if (is_given) {
+        passwords_.set(text);
     }
     if (hosts_[host].link.needs_password()) {
-        hosts_[host].link.log_in(problem);
+        hosts_[host].link.log_in(is_given ? "" : "there is no --password-file");
         update(host);  // without a password the command has ended
     }
 }
@@ -220,20 +222,22 @@ void agent::update(std::size_t host) {
     host_state& state = hosts_[host];
     const host_link::news news = state.link.take_news();
     watch(host);
-    if (news.received.of_status) {
-        state.status_text += news.received.text;
-    } else if (!news.received.text.empty() && state.asking && !state.final_asked && !state.given_up) {
-        listener_.output(host, state.queue.front().request, news.received.text);
+    if (state.receives_status()) {
+        state.status_text += news.text;
+    } else if (!news.text.empty() && state.asking && !state.given_up) {
+        listener_.output(host, state.queue.front().request, news.text);
     }
     if (!state.link.is_open() && !state.link.is_busy()) {
         active_.erase(host);
     }
-    if (news.end) {
+    if (news.end && news.end->how != outcome::no_answer) {
         on_ended(host, *news.end);
+    } else if (news.end && state.asking && !state.final_asked) {
+        on_late(host);
     } else if (state.link.needs_password() && hosts_.size() == 1 && !is_finishing_) {
         listener_.password_needed(host);
     } else if (state.link.needs_password()) {
-        password(host, std::nullopt);
+        password(host, "", false);
     }
 }
 
@@ -244,19 +248,16 @@ void agent::on_ended(std::size_t host, command_result end) {
     }
     const bool asked_status = state.asks_status();
     const bool complete = end.how == outcome::over || end.how == outcome::goodbye;
-    if (!state.status_text.empty() || (asked_status && complete)) {
-        const bool is_valid = deliver_status(host, complete);
-        if (asked_status && complete && !is_valid) {
+    const std::uint32_t request = state.asking ? state.queue.front().request : 0;
+    if (const std::string text = std::exchange(state.status_text, {}); asked_status || !text.empty()) {
+        if (!deliver(host, asked_status ? request : 0, text, complete) && asked_status && complete) {
             end = {outcome::bad_answer, "it is no status"};
         }
-    } else if (asked_status) {
-        deliver_instead(host);
     }
     if (state.final_asked) {
         return on_closed(host);
     }
     remember_login(state);
-    const std::uint32_t request = state.queue.front().request;
     state.queue.pop_front();
     state.asking = state.given_up = false;
     listener_.ended(host, request, end);
@@ -270,13 +271,12 @@ void agent::on_ended(std::size_t host, command_result end) {
 }
 
 void agent::on_late(std::size_t host) {
-    host_state& state = hosts_[host];
-    if (state.asking && !state.final_asked) {
-        if (state.asks_status()) {
-            deliver_instead(host);
-        }
-        listener_.late(host, state.queue.front().request);
+    const host_state& state = hosts_[host];
+    const std::uint32_t request = state.queue.front().request;
+    if (state.asks_status()) {
+        deliver(host, request, "", false);
     }
+    listener_.ended(host, request, {outcome::no_answer});
 }
 
 // With one host, the password is asked for before connecting where one is known to be needed: while the operator types
@@ -291,16 +291,8 @@ void agent::remember_login(const host_state& state) {
 }
 
 void agent::step(std::span<pollfd> others, clock::time_point until) {
-    until = std::min({until, start_ready(), first_deadline_});
-    std::vector<pollfd> polled(others.begin(), others.end());
-    polled.push_back({events_.get(), POLLIN, 0});
-    if (poll(polled.data(), polled.size(), milliseconds_until(until)) < 0) {
-        for (pollfd& p : polled) {
-            p.revents = 0;  // interrupted by a signal, or out of memory: the caller calls again
-        }
-    }
-    std::copy_n(polled.begin(), others.size(), others.begin());
-    if (polled.back().revents != 0) {
+    until = std::min(until, start_ready());  // which may lower first_deadline_
+    if (wait_for(events_.get(), POLLIN, others, std::min(until, first_deadline_))) {
         handle_ready();
     }
     expire_late();
@@ -325,15 +317,7 @@ void agent::handle_ready() {
     ready.resize(static_cast<std::size_t>(std::max(count, 0)));
     for (const epoll_event& event : ready) {
         const std::size_t host = event.data.u64 >> 32;
-        if (event.data.u64 == tag_of(0, name_lookup::event())) {
-            name_lookup::reset();
-            for (const std::size_t waiting : std::vector<std::size_t>(active_.begin(), active_.end())) {
-                if (hosts_[waiting].link.is_resolving()) {
-                    hosts_[waiting].link.on_looked_up();
-                    update(waiting);
-                }
-            }
-        } else if (event.data.u64 == tag_of(host, hosts_[host].link.fd())) {
+        if (event.data.u64 == tag_of(host, hosts_[host].link.fd())) {
             // Otherwise a callback has closed this link since the wait.
             hosts_[host].link.on_ready();
             update(host);
@@ -355,11 +339,7 @@ void agent::expire_late() {
             continue;
         }
         link.expire();
-        if (link.is_late()) {
-            on_late(host);
-        } else {
-            update(host);
-        }
+        update(host);
     }
 }
 

@@ -3,7 +3,6 @@
 // ends with a last `status`.
 #pragma once
 
-#include "agent/status_answer.h"
 #include "mail/held_connection.h"
 #include "mail/mailbox.h"
 #include "net/host_link.h"
@@ -39,32 +38,47 @@ struct agent_options {
     mail_kind kind = mail_kind::operators;
 };
 
+// The answer of `status`, as the agent hands it on.
+struct status_answer {
+    std::uint32_t request = 0;       // the request that this answers; 0 for the last `status`
+    std::vector<status_line> lines;  // the messages that were stored before come first, then the answer
+    bool complete = false;           // false: the answer broke off, or there is none
+    bool last = false;               // of the last `status` before the connection ends
+    double seconds = 0;              // that the scheduler took for it
+    message_totals totals;           // of this scheduler, as the mailbox has counted them
+    std::string unstored;            // why the new messages could not be stored; empty when they are
+    std::string notice;              // for the operator, such as who holds messages; lines end with LF
+};
+
 // Gets the events of the hosts. host is the number in the list. All may call any function of the agent except step()
 // and finish().
-struct agent_listener {
+class agent_listener {
+public:
     // Output of a command that is not `status`; line ends are LF. request: the number of the command.
-    std::function<void(std::size_t host, std::uint32_t request, const std::string& text)> output;
+    virtual void output(std::size_t host, std::uint32_t request, const std::string& text) = 0;
     // The answer of `status`, complete or as far as it came; before the ended() of that command. Also what the last
     // `status` of a connection has brought; then `last` is set.
-    std::function<void(std::size_t host, status_answer& answer)> status;
-    // The end of a command. request 0: an idle connection was closed by the scheduler.
-    std::function<void(std::size_t host, std::uint32_t request, const command_result& end)> ended;
-    // The command was not answered within its limit. It is still under way; ended() comes later, or never.
-    std::function<void(std::size_t host, std::uint32_t request)> late;
+    virtual void status(std::size_t host, const status_answer& answer) = 0;
+    // The end of a command. request 0: an idle connection was closed by the scheduler. outcome::no_answer: the command
+    // was not answered within its limit. It is still under way; another call comes later, or never.
+    virtual void ended(std::size_t host, std::uint32_t request, const command_result& end) = 0;
     // close() is done: the last status is stored. waiting: messages of this scheduler that nobody has been shown.
     // held: a command is still under way, so the last status comes later; the agent waits for it. Also called when the
     // agent closed an idle connection, because there are too few descriptors for all hosts.
-    std::function<void(std::size_t host, std::size_t waiting, bool held)> closed;
+    virtual void closed(std::size_t /*host*/, std::size_t /*waiting*/, bool /*held*/) {}
     // The scheduler requires a login and there is no password yet. Answer with password(), at once or later.
-    std::function<void(std::size_t host)> password_needed;
+    virtual void password_needed(std::size_t host) = 0;
+
+protected:
+    ~agent_listener() = default;
 };
 
 class agent {
 public:
     using clock = host_link::clock;
 
-    // hosts: may grow with add(). Raises the limit for descriptors as needed.
-    agent(const std::vector<host_name>& hosts, agent_options how, agent_listener events);
+    // hosts: may grow with add(). Raises the limit for descriptors as needed. events must outlive the agent.
+    agent(const std::vector<host_name>& hosts, agent_options how, agent_listener& events);
 
     std::size_t add(const host_name& host);
     const host_name& host(std::size_t number) const { return hosts_[number].link.host(); }
@@ -81,18 +95,16 @@ public:
     // one packet. closed() follows. The next ask() makes a new connection.
     void close(std::size_t host);
 
-    // These messages were written to the operator's output: they leave the mailbox.
-    void shown(const std::vector<std::uint64_t>& ids);
-
-    // These messages were not shown, because the operator no longer waits for their answer: the next `status` has them.
-    void put_back(const std::vector<std::uint64_t>& ids);
+    // were_shown: these messages were written to the operator's output, so they leave the mailbox. Else the operator no
+    // longer waits for their answer: the next `status` has them.
+    void settle(const std::vector<std::uint64_t>& ids, bool were_shown);
 
     // Hands the messages in the mailbox to the listener as the answer of this request, without a connection. Its
     // ended() says `how`.
     void fetch_stored(std::size_t host, std::uint32_t request, outcome how);
 
-    // The operator's answer to password_needed; nothing: he has none, the login is refused.
-    void password(std::size_t host, std::optional<std::string> text);
+    // The operator's answer to password_needed. is_given: false when he has none; the login is then refused.
+    void password(std::size_t host, const std::string& text, bool is_given);
 
     // Waits for an event of the hosts or on the descriptors of `others` (whose revents are set), or until that time.
     void step(std::span<pollfd> others, clock::time_point until);
@@ -116,6 +128,11 @@ private:
         host_link link;
         // The command under way is a `status`, and not the last one.
         bool asks_status() const { return asking && !final_asked && queue.front().words[0] == "status"; }
+        // What comes is an answer of `status`, which comes before these other commands, too.
+        bool receives_status() const {
+            return asks_status() || final_asked ||
+                   (asking && (queue.front().words[0] == "restart" || queue.front().words[0] == "quit"));
+        }
 
         std::deque<command> queue;  // the first is under way when `asking`
         bool is_ready = false;      // in ready_
@@ -152,14 +169,15 @@ private:
     void on_closed(std::size_t host);
     static void hold(host_state& state);
     // In agent/answers.cpp:
-    bool deliver_status(std::size_t host, bool complete);
-    void deliver_stored(std::size_t host, std::uint32_t request);
-    void deliver_instead(std::size_t host);
+    // Stores the messages of an answer of `status`, as far as it has come, and hands it to the listener; before it, once
+    // for each connection, what is in the mailbox. request: 0 for the last `status`, and one before another command.
+    // Returns false when the answer is not complete, or is no status.
+    bool deliver(std::size_t host, std::uint32_t request, std::string_view text, bool complete);
     void add_stored(std::size_t host, status_answer& answer);
-    void store_messages(std::size_t host, const std::vector<std::size_t>& messages, status_answer& answer);
+    void store_messages(std::size_t host, status_answer& answer);
 
     const agent_options how_;
-    const agent_listener listener_;
+    agent_listener& listener_;
     const std::size_t parallel_;
     const std::size_t most_open_;  // connections at the same time; the limit for descriptors allows no more
     const std::chrono::seconds module_silence_;
@@ -173,8 +191,9 @@ private:
     clock::time_point first_deadline_ = clock::time_point::max();  // no link has an earlier one
 };
 
-// Returns the milliseconds left, for poll(2): -1 for clock::time_point::max(), else at most an hour.
-int milliseconds_until(agent::clock::time_point when);
+// Waits for an event of the descriptor or of `others`, whose revents are set, or until that time. A signal ends the
+// wait, too. Returns true when the descriptor has an event.
+bool wait_for(int fd, short events, std::span<pollfd> others, agent::clock::time_point until);
 
 // For a process that is left with an agent: neither the terminal nor a monitoring engine that kills the process group
 // of its check may end it before it has stored the messages. Nobody may wait for the end of its output.

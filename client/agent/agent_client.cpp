@@ -5,8 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <functional>
-#include <map>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <sys/socket.h>
@@ -21,7 +19,7 @@ namespace client {
 // CBOR. The text of a message may have any bytes, and CBOR keeps them as they are. Both sides are the same program, so
 // a call is never malformed.
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(message_totals, error, warning, info, lost)
-NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(status_line, id, text)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(status_line, id, text, is_message)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(status_answer, request, lines, complete, last, seconds, totals, unstored,
                                    notice)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(command_result, how, code, signal, reason)
@@ -30,8 +28,8 @@ namespace {
 
 using json = nlohmann::json;
 
-enum class call { ask, cancel, close, shown, put_back, fetch_stored, password };  // of the front
-enum class event { output, status, ended, late, closed, password_needed, left };  // of the agent
+enum class call { ask, cancel, close, settle, fetch_stored, password };     // of the front
+enum class event { output, status, ended, closed, password_needed, left };  // of the agent
 
 template <typename name, typename... argument>
 void send(channel& to, name function, const argument&... arguments) {
@@ -40,27 +38,33 @@ void send(channel& to, name function, const argument&... arguments) {
     to.send(frame);
 }
 
-// Calls a function with the arguments of a frame.
-template <typename... argument>
-void carry_out(const std::function<void(argument...)>& function, const json& arguments) {
+template <typename object, typename... argument>
+void carry_out(object& of, void (object::*function)(argument...), const json& arguments) {
     auto values = arguments.get<std::tuple<std::decay_t<argument>...>>();
-    std::apply(function, values);
+    std::apply([&](auto&... value) { (of.*function)(value...); }, values);
 }
 
-using handler = std::function<void(const json& arguments)>;
-
-template <typename... argument>
-handler calling(agent& of, void (agent::*function)(argument...)) {
-    return [&of, function](const json& arguments) {
-        carry_out(std::function<void(argument...)>(std::bind_front(function, &of)), arguments);
-    };
+// Calls a function with the arguments of a frame.
+template <auto function, typename object>
+void on(object& of, const json& arguments) {
+    carry_out(of, function, arguments);
 }
+
+// In the order of `call`.
+constexpr void (*calls[])(agent&, const json&) = {on<&agent::ask>,          on<&agent::cancel>,
+                                                  on<&agent::close>,        on<&agent::settle>,
+                                                  on<&agent::fetch_stored>, on<&agent::password>};
+
+// In the order of `event`.
+constexpr void (*events[])(agent_listener&, const json&) = {
+    on<&agent_listener::output>, on<&agent_listener::status>, on<&agent_listener::ended>,
+    on<&agent_listener::closed>, on<&agent_listener::password_needed>};
 
 // The agent's half of the conversation with its front.
-class agent_process {
+class agent_process : private agent_listener {
 public:
     agent_process(const std::vector<host_name>& hosts, const agent_options& how, descriptor socket)
-        : channel_(std::move(socket)), agent_(hosts, how, events()) {}
+        : channel_(std::move(socket)), agent_(hosts, how, *this) {}
 
     void run() {
         for (bool front_lives = true; front_lives;) {
@@ -69,7 +73,7 @@ public:
             front_lives = front[0].revents == 0 || channel_.update();
             while (std::optional<std::string> frame = channel_.next()) {
                 const json values = json::from_cbor(*frame);
-                handlers_.at(values[0])(values[1]);
+                calls[values[0].get<std::size_t>()](agent_, values[1]);
             }
         }
         agent_.finish([this] {
@@ -79,29 +83,22 @@ public:
     }
 
 private:
-    agent_listener events() {
-        const auto forward = [this](event what) {
-            return [this, what](const auto&... values) { send(channel_, what, values...); };
-        };
-        return {forward(event::output), forward(event::status), forward(event::ended),
-                forward(event::late),   forward(event::closed), forward(event::password_needed)};
+    void output(std::size_t host, std::uint32_t request, const std::string& text) override {
+        send(channel_, event::output, host, request, text);
     }
+    void status(std::size_t host, const status_answer& answer) override {
+        send(channel_, event::status, host, answer);
+    }
+    void ended(std::size_t host, std::uint32_t request, const command_result& end) override {
+        send(channel_, event::ended, host, request, end);
+    }
+    void closed(std::size_t host, std::size_t waiting, bool held) override {
+        send(channel_, event::closed, host, waiting, held);
+    }
+    void password_needed(std::size_t host) override { send(channel_, event::password_needed, host); }
 
     channel channel_;
     agent agent_;
-    const std::map<call, handler> handlers_ = {
-        {call::ask, calling(agent_, &agent::ask)},
-        {call::cancel, calling(agent_, &agent::cancel)},
-        {call::close, calling(agent_, &agent::close)},
-        {call::shown, calling(agent_, &agent::shown)},
-        {call::put_back, calling(agent_, &agent::put_back)},
-        {call::fetch_stored, calling(agent_, &agent::fetch_stored)},
-        {call::password,
-         [this](const json& arguments) {
-             agent_.password(arguments[0],
-                             arguments[2] ? std::optional<std::string>(arguments[1]) : std::nullopt);
-         }},
-    };
 };
 
 // Closes what the process has inherited, such as the lock file of a script: it must not stay open as long as the agent
@@ -143,9 +140,9 @@ descriptor start_agent(const std::vector<host_name>& hosts, const agent_options&
 
 }  // namespace
 
-agent_client::agent_client(std::vector<host_name> hosts, const agent_options& how, agent_listener events)
+agent_client::agent_client(std::vector<host_name> hosts, const agent_options& how, agent_listener& events)
     : hosts_(std::move(hosts)),
-      listener_(std::move(events)),
+      listener_(events),
       channel_(start_agent(hosts_, how)),
       closed_(hosts_.size()) {}
 
@@ -168,12 +165,8 @@ void agent_client::close(std::size_t host) {
     send(channel_, call::close, host);
 }
 
-void agent_client::shown(const std::vector<std::uint64_t>& ids) {
-    send(channel_, call::shown, ids);
-}
-
-void agent_client::put_back(const std::vector<std::uint64_t>& ids) {
-    send(channel_, call::put_back, ids);
+void agent_client::settle(const std::vector<std::uint64_t>& ids, bool were_shown) {
+    send(channel_, call::settle, ids, were_shown);
 }
 
 void agent_client::password(std::size_t host, const std::optional<std::string>& text) {
@@ -181,50 +174,33 @@ void agent_client::password(std::size_t host, const std::optional<std::string>& 
 }
 
 void agent_client::step(std::span<pollfd> others, clock::time_point until) {
-    std::vector<pollfd> polled(others.begin(), others.end());
-    polled.push_back({channel_.fd(), channel_.events(), 0});
-    if (poll(polled.data(), polled.size(), milliseconds_until(until)) < 0) {
-        return;  // interrupted by a signal: the caller calls again
-    }
-    std::copy_n(polled.begin(), others.size(), others.begin());
-    const bool lives = polled.back().revents == 0 || channel_.update();
+    const bool lives = !wait_for(channel_.fd(), channel_.events(), others, until) || channel_.update();
     while (const std::optional<std::string> frame = channel_.next()) {
-        handle(*frame);
+        handle(json::from_cbor(*frame));
     }
     if (!lives) {
         throw std::runtime_error("the agent, its process for the connections, has ended");
     }
 }
 
-void agent_client::handle(const std::string& frame) {
-    const json values = json::from_cbor(frame);
-    const json& arguments = values[1];
-    switch (values[0].get<event>()) {
-        case event::output:
-            return carry_out(listener_.output, arguments);
-        case event::status:
-            return take_status(arguments[0], arguments[1].get<status_answer>());
-        case event::ended:
-            return carry_out(listener_.ended, arguments);
-        case event::late:
-            return carry_out(listener_.late, arguments);
-        case event::closed:
-            closed_[arguments[0]] = true;
-            return carry_out(listener_.closed, arguments);
-        case event::password_needed:
-            return carry_out(listener_.password_needed, arguments);
-        case event::left:
-            left_ = true;
+void agent_client::handle(const json& frame) {
+    const json& arguments = frame[1];
+    const auto what = frame[0].get<event>();
+    if (what == event::left) {
+        left_ = true;
+        return;
     }
-}
-
-// Messages that come after our last call are not shown, because shown() can no longer be called for them. Other
-// processes get them.
-void agent_client::take_status(std::size_t host, status_answer answer) const {
-    if (is_ended_) {
+    if (what == event::closed) {
+        closed_[arguments[0]] = true;
+    }
+    if (what == event::status && is_ended_) {
+        // Messages that come after our last call are not shown, because shown() can no longer be called for them. Other
+        // processes get them.
+        auto answer = arguments[1].get<status_answer>();
         std::erase_if(answer.lines, [](const status_line& line) { return line.id != 0; });
+        return listener_.status(arguments[0], answer);
     }
-    listener_.status(host, answer);
+    events[static_cast<std::size_t>(what)](listener_, arguments);
 }
 
 void agent_client::finish(std::span<pollfd> others) {
@@ -232,7 +208,7 @@ void agent_client::finish(std::span<pollfd> others) {
         close(host);
     }
     const clock::time_point limit = clock::now() + close_timeout;
-    const auto step_until = [&](const std::function<bool()>& is_done) {
+    const auto step_until = [&](const auto& is_done) {
         const auto is_interrupted = [](const pollfd& p) { return p.revents != 0; };
         while (!is_done() && clock::now() < limit &&
                std::none_of(others.begin(), others.end(), is_interrupted)) {

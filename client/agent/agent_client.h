@@ -5,6 +5,8 @@
 #include "agent/agent.h"
 #include "agent/channel.h"
 
+#include <nlohmann/json_fwd.hpp>
+
 namespace client {
 
 class agent_client {
@@ -13,8 +15,8 @@ public:
 
     // Starts the agent. Call before there are threads, and before anything is written to stdio's buffers. Throws
     // std::system_error. The functions are those of `agent`, with the same meaning; each is sent to the agent, and its
-    // events come in step().
-    agent_client(std::vector<host_name> hosts, const agent_options& how, agent_listener events);
+    // events come in step(). events must outlive this.
+    agent_client(std::vector<host_name> hosts, const agent_options& how, agent_listener& events);
 
     // These return the number of the request.
     std::uint32_t ask(std::size_t host, const std::vector<std::string>& words);
@@ -22,8 +24,8 @@ public:
 
     void cancel(std::size_t host, std::uint32_t request);
     void close(std::size_t host);
-    void shown(const std::vector<std::uint64_t>& ids);
-    void put_back(const std::vector<std::uint64_t>& ids);
+    void shown(const std::vector<std::uint64_t>& ids) { settle(ids, true); }
+    void put_back(const std::vector<std::uint64_t>& ids) { settle(ids, false); }
     void password(std::size_t host, const std::optional<std::string>& text);
 
     const std::vector<host_name>& hosts() const { return hosts_; }
@@ -40,11 +42,11 @@ public:
     void finish(std::span<pollfd> others = {});
 
 private:
-    void handle(const std::string& frame);
-    void take_status(std::size_t host, status_answer answer) const;
+    void settle(const std::vector<std::uint64_t>& ids, bool were_shown);
+    void handle(const nlohmann::json& frame);
 
     const std::vector<host_name> hosts_;
-    const agent_listener listener_;
+    agent_listener& listener_;
     channel channel_;
     std::uint32_t last_request_ = 0;
     std::vector<bool> closed_;  // or held, since its last close()

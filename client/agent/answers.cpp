@@ -1,5 +1,6 @@
 // What the agent does with an answer of `status`: it is stored, and the messages of earlier processes come before it.
 #include "agent/agent.h"
+#include "protocol/status.h"
 #include "term/text.h"
 
 #include <map>
@@ -27,75 +28,50 @@ std::map<std::size_t, std::vector<std::uint64_t>> by_host(const std::vector<std:
 
 }  // namespace
 
-// Returns false when the answer is complete but is no status.
-bool agent::deliver_status(std::size_t host, bool complete) {
+bool agent::deliver(std::size_t host, std::uint32_t request, std::string_view text, bool complete) {
     host_state& state = hosts_[host];
     status_answer answer;
-    answer.last = !state.asks_status();
-    answer.request = answer.last ? 0 : state.queue.front().request;
+    answer.request = request;
+    answer.last = request == 0;
     answer.seconds = std::chrono::duration<double>(clock::now() - state.asked_at).count();
     if (!answer.last && !state.given_up && state.looked != state.link.connected_at()) {
         add_stored(host, answer);
     }
     bool is_valid = true;
     bool has_date = false;
-    std::vector<std::size_t> messages;  // their indexes in answer.lines
-    each_line(std::exchange(state.status_text, {}), [&](const std::string& line) {
-        const status_line_kind kind = kind_of(line);
-        is_valid = is_valid && kind != status_line_kind::unknown;
+    each_line(text, [&](const std::string& line) {
+        const status_report parsed = parse_status(line);
+        const bool is_message = !parsed.messages.empty() || parsed.lost != 0;
+        is_valid = is_valid && (is_message || !parsed.conditions.empty());
         has_date = has_date || line.starts_with("confdate ");
-        if (kind == status_line_kind::message || kind == status_line_kind::lost) {
-            messages.push_back(answer.lines.size());
-        }
-        answer.lines.push_back({0, line});
+        answer.lines.push_back({0, line, is_message});
     });
     answer.complete = complete && is_valid && has_date;
-    store_messages(host, messages, answer);
+    store_messages(host, answer);
     listener_.status(host, answer);
     return answer.complete;
 }
 
-void agent::deliver_stored(std::size_t host, std::uint32_t request) {
-    status_answer answer;
-    answer.request = request;
-    add_stored(host, answer);
-    answer.totals = counters_of(hosts_[host].key).totals;
-    listener_.status(host, answer);
-}
-
-// Without an answer from the scheduler, the listener at least gets the messages that were stored before, once in an
-// outage.
-void agent::deliver_instead(std::size_t host) {
-    const host_state& state = hosts_[host];
-    if (how_.stored == stored_messages::taken && !state.given_up &&
-        state.looked != state.link.connected_at()) {
-        deliver_stored(host, state.queue.front().request);
-    }
-}
-
 void agent::fetch_stored(std::size_t host, std::uint32_t request, outcome how) {
-    deliver_stored(host, request);
+    hosts_[host].looked.reset();
+    deliver(host, request, "", false);
     hosts_[host].looked.reset();
     listener_.ended(host, request, {how});
 }
 
-void agent::shown(const std::vector<std::uint64_t>& ids) {
+void agent::settle(const std::vector<std::uint64_t>& ids, bool were_shown) {
     for (const auto& [host, numbers] : by_host(ids)) {
-        mailbox_.shown(hosts_[host].key, numbers);
-    }
-}
-
-void agent::put_back(const std::vector<std::uint64_t>& ids) {
-    for (const auto& [host, numbers] : by_host(ids)) {
-        mailbox_.put_back(hosts_[host].key, numbers);
-        hosts_[host].looked.reset();
+        mailbox_.settle(hosts_[host].key, numbers, were_shown);
+        if (!were_shown) {
+            hosts_[host].looked.reset();
+        }
     }
 }
 
 void agent::add_stored(std::size_t host, status_answer& answer) {
     host_state& state = hosts_[host];
     state.looked = state.link.connected_at();
-    std::vector<stored_message> stored;
+    std::vector<status_line> stored;
     if (how_.stored == stored_messages::taken) {
         stored = mailbox_.take(state.key);
         // Looked up for one host only, because the search for other names reads the boxes of all schedulers.
@@ -103,33 +79,31 @@ void agent::add_stored(std::size_t host, status_answer& answer) {
     } else if (how_.stored == stored_messages::looked_at) {
         stored = mailbox_.look(state.key);
     }
-    for (stored_message& m : stored) {
+    for (status_line& m : stored) {
         answer.lines.push_back({tagged(host, m.id), std::move(m.text)});
     }
 }
 
-void agent::store_messages(std::size_t host, const std::vector<std::size_t>& messages,
-                           status_answer& answer) {
+void agent::store_messages(std::size_t host, status_answer& answer) {
     host_state& state = hosts_[host];
-    if (messages.empty()) {
-        answer.totals = counters_of(state.key).totals;
-        return;
-    }
-    std::vector<std::string> lines;
-    lines.reserve(messages.size());
-    for (const std::size_t at : messages) {
-        lines.push_back(answer.lines[at].text);
+    std::vector<std::string> texts;
+    std::vector<status_line*> messages;
+    for (status_line& line : answer.lines) {
+        if (line.is_message && line.id == 0) {
+            texts.push_back(line.text);
+            messages.push_back(&line);
+        }
     }
     // Nobody shows the messages of an answer that was given up, or those before a `restart`. The next answer has them.
     const bool is_shown = !state.given_up && (state.asks_status() || state.final_asked);
     const bool shows = how_.stored == stored_messages::taken && is_shown;
-    if (!is_shown) {
+    if (!is_shown && !texts.empty()) {
         state.looked.reset();
     }
-    const std::vector<std::uint64_t> ids =
-        mailbox_.store(state.key, state.link.address(), lines, shows, answer.totals, answer.unstored);
-    for (std::size_t i = 0; i < ids.size(); ++i) {
-        answer.lines[messages[i]].id = tagged(host, ids[i]);
+    std::uint64_t id =
+        mailbox_.store(state.key, state.link.address(), texts, shows, answer.totals, answer.unstored);
+    for (status_line* message : messages) {
+        message->id = id != 0 ? tagged(host, id++) : 0;
     }
 }
 

@@ -24,7 +24,7 @@ void agent::close(std::size_t host) {
     host_state& state = hosts_[host];
     state.queue.erase(state.queue.begin() + (state.asking ? 1 : 0), state.queue.end());
     if (state.link.needs_password()) {
-        password(host, std::nullopt);  // nobody can type it any more
+        password(host, "", false);  // nobody can type it any more
     }
     if (state.closing) {
         return state.held ? listener_.closed(host, 0, true) : void();
@@ -83,8 +83,11 @@ void agent::finish(const std::function<void()>& on_left) {
     if (on_left != nullptr) {
         on_left();
     }
-    const auto is_closing = [](const host_state& state) { return state.closing; };
-    while (std::any_of(hosts_.begin(), hosts_.end(), is_closing)) {
+    const auto goes_on = [this] {
+        return std::any_of(hosts_.begin(), hosts_.end(),
+                           [](const host_state& state) { return state.closing; });
+    };
+    while (goes_on()) {
         for (std::size_t host = 0; host < hosts_.size(); ++host) {
             host_state& state = hosts_[host];
             if (!state.closing || !state.link.is_open()) {
@@ -98,9 +101,9 @@ void agent::finish(const std::function<void()>& on_left) {
                 on_closed(host);
             }
         }
-        // No event comes after the last connection was dropped, so step() must not wait.
-        const bool goes_on = std::any_of(hosts_.begin(), hosts_.end(), is_closing);
-        step({}, goes_on ? clock::time_point::max() : clock::now());
+        if (goes_on()) {  // no event comes after the last connection was dropped
+            step({}, clock::time_point::max());
+        }
         mailbox_.leave();
     }
 }

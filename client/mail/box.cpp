@@ -6,9 +6,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
+#include <sstream>
 #include <system_error>
 
 namespace client {
@@ -30,15 +31,10 @@ std::string path_of(const std::string& key, int number) {
 // Reads the first line. Returns false when it has another form.
 bool read_counters(std::string_view text, counter_row& row) {
     const std::string line(text.substr(0, counters_size));
-    int login = 0;
-    char address[17] = "";
+    std::istringstream columns(line);
     message_totals& t = row.totals;
-    const bool is_valid = line.size() == counters_size && line.back() == '\n' &&
-                          std::sscanf(line.c_str(), "%20llu %20lu %20lu %20lu %20lu %d %16s", &row.next_id,
-                                      &t.error, &t.warning, &t.info, &t.lost, &login, address) == 7;
-    row.login = login != 0;
-    row.address = address;
-    return is_valid;
+    columns >> row.next_id >> t.error >> t.warning >> t.info >> t.lost >> row.login >> row.address;
+    return line.size() == counters_size && line.back() == '\n' && columns;
 }
 
 std::string line_of(const box::record& r) {
@@ -109,11 +105,11 @@ box::box(std::string_view text) : size_(text.size()) {
         const std::size_t end = std::min(text.find('\n', at), text.size());
         const std::string_view line = text.substr(at, end - at);
         if (is_record(line) && end < text.size()) {
-            const std::string columns(line.substr(0, text_column));
-            const std::string_view owner = std::string_view(columns).substr(owner_column, 16);
-            records_.push_back({at, line[0] == '+', std::strtoull(columns.c_str() + 1, nullptr, 10), line[22],
-                                std::string(owner.substr(0, owner.find(' '))),
-                                std::string(line.substr(text_column))});
+            const std::string_view owner =
+                line.substr(owner_column, line.find(' ', owner_column) - owner_column);
+            records_.push_back(
+                {at, line[0] == '+', 0, line[22], std::string(owner), std::string(line.substr(text_column))});
+            std::from_chars(&line[1], &line[21], records_.back().id);
         } else {
             has_garbage_ = true;
         }
@@ -123,9 +119,9 @@ box::box(std::string_view text) : size_(text.size()) {
 }
 
 std::optional<box> box::open_path(const std::string& path, std::string& problem) {
-    state_file file(path, state_file::access::update);
+    state_file file(path, state_file::access::create);
     if (!file.is_open()) {
-        problem = path + ": " + std::generic_category().message(file.error());
+        problem = path + ": " + std::generic_category().message(errno);
         return std::nullopt;
     }
     if (!file.lock(std::chrono::steady_clock::now() + lock_timeout)) {
@@ -140,9 +136,7 @@ std::optional<box> box::open_path(const std::string& path, std::string& problem)
 std::optional<box> box::open(const std::string& key, std::string& problem) {
     state_subdirectory("mail");
     for (int number = 1; number <= max_boxes; ++number) {
-        const std::string path = path_of(key, number);
-        state_file(path, state_file::access::create_new);  // an existing one stays
-        std::optional<box> opened = open_path(path, problem);
+        std::optional<box> opened = open_path(path_of(key, number), problem);
         // A box with a strange first line is not ours, or another version's.
         if (opened && (opened->size_ == 0 || opened->counters_.next_id != 1 || !opened->has_garbage_)) {
             problem.clear();
@@ -150,6 +144,21 @@ std::optional<box> box::open(const std::string& key, std::string& problem) {
         }
     }
     return std::nullopt;
+}
+
+std::vector<box> box::open_existing(const std::string& key, std::vector<std::string>& problems) {
+    std::vector<box> boxes;
+    for (const std::string& path : boxes_of(key)) {
+        std::string problem;
+        std::optional<box> opened = open_path(path, problem);
+        if (!opened || opened->has_garbage_) {
+            problems.push_back(opened ? path + ": has lines that are no messages" : problem);
+        }
+        if (opened) {
+            boxes.push_back(std::move(*opened));
+        }
+    }
+    return boxes;
 }
 
 bool box::write_counters() {

@@ -19,6 +19,14 @@ namespace client {
 
 struct status_report;
 
+// One line of an answer of `status`, without its line end. The line that counts lost messages is a message, too.
+struct status_line {
+    std::uint64_t id =
+        0;  // of the message in the mailbox, which grows; 0: it could not be stored, or is no message
+    std::string text;
+    bool is_message = true;
+};
+
 // They only grow.
 struct message_totals {
     unsigned long error = 0;
@@ -62,12 +70,11 @@ public:
     // The box of this scheduler for writing: the first that can be locked and read, or a new one. Nothing, with the
     // reason in problem, when there is none.
     static std::optional<box> open(const std::string& key, std::string& problem);
-    // The same for a box that exists. Nothing when it cannot be locked within lock_timeout.
-    static std::optional<box> open_path(const std::string& path, std::string& problem);
+    // All boxes of this scheduler that can be locked and read. problems: what is wrong with them and the others is added.
+    static std::vector<box> open_existing(const std::string& key, std::vector<std::string>& problems);
 
     counter_row& counters() { return counters_; }
     std::vector<record>& records() { return records_; }
-    bool has_garbage() const { return has_garbage_; }
 
     // Each writes at once; false with errno.
     bool append(
@@ -78,6 +85,8 @@ public:
     void clean();  // cuts off what was shown
 
 private:
+    // Nothing, with the reason in problem, when it cannot be locked within lock_timeout.
+    static std::optional<box> open_path(const std::string& path, std::string& problem);
     std::vector<record*> oldest_beyond(std::size_t added);
     record count_as_lost(const std::vector<record*>& dropped);
 

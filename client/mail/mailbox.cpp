@@ -9,7 +9,6 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
-#include <map>
 #include <regex>
 #include <system_error>
 #include <thread>
@@ -24,12 +23,16 @@ std::string error_text(int error) {
     return std::generic_category().message(error);
 }
 
-constexpr int max_names = 100;
+constexpr int max_names = 10;
 
-// Returns true for a name as name_own() makes it.
-bool is_name(const std::string& text) {
+// Also removes the file of a process that was killed. Other files, which name_own() has not made, are left alone.
+bool is_alive(const std::string& owner) {
     static const std::regex form("[0-9]+\\.[0-9a-f]{8}");
-    return std::regex_match(text, form);
+    if (!std::regex_match(owner, form)) {
+        return false;
+    }
+    state_file file(state_directory() + "/live/" + owner, state_file::access::update);
+    return file.is_open() && !file.remove_dead();
 }
 
 }  // namespace
@@ -58,9 +61,6 @@ bool mailbox::name_own(const std::function<bool(const std::string& path)>& make,
             name_ = name;
             return true;
         }
-        if (errno != EEXIST) {
-            break;
-        }
     }
     problem = live + ": " + error_text(errno);
     return false;
@@ -69,9 +69,7 @@ bool mailbox::name_own(const std::function<bool(const std::string& path)>& make,
 bool mailbox::open_own(std::string& problem) {
     const auto make = [this](const std::string& path) {
         own_ = state_file(path, state_file::access::create_new);
-        errno =
-            own_.is_open() ? EEXIST : own_.error();  // a new file that another took for one of a dead process
-        return own_.is_open() && own_.lock();
+        return own_.is_open() && own_.lock();  // another may take the new file for one of a dead process
     };
     if (own_.is_open()) {
         return true;
@@ -80,16 +78,11 @@ bool mailbox::open_own(std::string& problem) {
         own_ = state_file();
         return false;
     }
-    remove_dead();
-    return true;
-}
-
-// Removes the files of processes that were killed.
-void mailbox::remove_dead() {
     std::error_code ignored;
     for (const auto& entry : std::filesystem::directory_iterator(state_directory() + "/live", ignored)) {
-        is_alive(entry.path().filename());  // leaves other files alone
+        is_alive(entry.path().filename());  // removes the files of processes that were killed
     }
+    return true;
 }
 
 std::optional<std::string> mailbox::reserve(std::size_t answers) {
@@ -107,13 +100,13 @@ std::optional<std::string> mailbox::reserve(std::size_t answers) {
     return std::nullopt;
 }
 
-std::vector<std::uint64_t> mailbox::store(const std::string& key, const std::string& address,
-                                          const std::vector<std::string>& lines, bool shows,
-                                          message_totals& totals, std::string& problem) {
+std::uint64_t mailbox::store(const std::string& key, const std::string& address,
+                             const std::vector<std::string>& lines, bool shows, message_totals& totals,
+                             std::string& problem) {
     totals = counters_of(key).totals;
-    std::optional<box> to = open_own(problem) ? box::open(key, problem) : std::nullopt;
+    std::optional<box> to = !lines.empty() && open_own(problem) ? box::open(key, problem) : std::nullopt;
     if (!to) {
-        return {};
+        return 0;
     }
     std::string text;
     std::vector<box::record> records;
@@ -133,24 +126,12 @@ std::vector<std::uint64_t> mailbox::store(const std::string& key, const std::str
     }
     if (!is_stored) {
         problem = "the box of " + key + ": " + error_text(errno);
-        return {};
+        return 0;
     }
     has_some_ = has_some_ || shows;
     to->clean();
     totals = counters.totals;
-    std::vector<std::uint64_t> ids;
-    for (std::size_t i = 0; i < lines.size(); ++i) {
-        ids.push_back(counters.next_id - lines.size() + i);
-    }
-    return ids;
-}
-
-bool mailbox::is_alive(const std::string& owner) {
-    if (!is_name(owner)) {
-        return false;
-    }
-    state_file file(state_directory() + "/live/" + owner, state_file::access::update);
-    return file.is_open() && !file.remove_dead();
+    return counters.next_id - lines.size();
 }
 
 // True for what no other living process shows, of a kind that this process shows.
@@ -159,20 +140,17 @@ bool mailbox::is_for_us(const box::record& r) {
     return r.waits && is_wanted && (r.owner.empty() || r.owner == name_ || !is_alive(r.owner));
 }
 
-std::vector<stored_message> mailbox::take(const std::string& key) {
-    std::vector<stored_message> taken;
-    std::string problem;
-    for (const std::string& path : boxes_of(key)) {
-        std::optional<box> from = open_own(problem) ? box::open_path(path, problem) : std::nullopt;
-        if (!from || from->has_garbage()) {
-            problems_.push_back(from ? path + ": has lines that are no messages" : problem);
-        }
-        if (!from) {
-            continue;
-        }
-        for (box::record& r : from->records()) {
+std::vector<status_line> mailbox::take(const std::string& key) {
+    std::vector<status_line> taken;
+    std::vector<box> boxes = box::open_existing(key, problems_);
+    if (std::string problem; !boxes.empty() && !open_own(problem)) {
+        problems_.push_back(problem);
+        return taken;
+    }
+    for (box& from : boxes) {
+        for (box::record& r : from.records()) {
             if (is_for_us(r) && r.owner != name_) {
-                from->set_owner(r, name_);
+                from.set_owner(r, name_);
                 has_some_ = true;
                 taken.push_back({r.id, r.text});
             }
@@ -181,8 +159,8 @@ std::vector<stored_message> mailbox::take(const std::string& key) {
     return taken;
 }
 
-std::vector<stored_message> mailbox::look(const std::string& key) {
-    std::vector<stored_message> found;
+std::vector<status_line> mailbox::look(const std::string& key) {
+    std::vector<status_line> found;
     for (const std::string& path : boxes_of(key)) {
         box from(read_file(path).value_or(""));
         for (const box::record& r : from.records()) {
@@ -195,18 +173,14 @@ std::vector<stored_message> mailbox::look(const std::string& key) {
 }
 
 void mailbox::settle(const std::string& key, const std::vector<std::uint64_t>& ids, bool were_shown) {
-    for (const std::string& path : boxes_of(key)) {
-        std::string problem;
-        std::optional<box> from = box::open_path(path, problem);
-        if (!from) {
-            continue;
-        }
-        for (box::record& r : from->records()) {
+    std::vector<std::string> ignored;  // take() reports them
+    for (box& from : box::open_existing(key, ignored)) {
+        for (box::record& r : from.records()) {
             if (r.waits && r.owner == name_ && std::find(ids.begin(), ids.end(), r.id) != ids.end()) {
-                static_cast<void>(were_shown ? from->remove(r) : from->set_owner(r, ""));
+                static_cast<void>(were_shown ? from.remove(r) : from.set_owner(r, ""));
             }
         }
-        from->clean();
+        from.clean();
     }
 }
 
@@ -218,28 +192,31 @@ void mailbox::leave() {
     }
 }
 
+// The number of messages of each living process, by its number.
+std::map<std::string, std::size_t> mailbox::held_by_others(const std::string& key) {
+    std::map<std::string, std::size_t> held;
+    for (const std::string& path : boxes_of(key)) {
+        box from(read_file(path).value_or(""));
+        for (const box::record& r : from.records()) {
+            if (r.waits && !r.owner.empty() && r.owner != name_ && is_alive(r.owner)) {
+                ++held[r.owner.substr(0, r.owner.find('.'))];
+            }
+        }
+    }
+    return held;
+}
+
 std::string mailbox::notice(const std::string& key, const std::string& address) {
     std::string text;
     const auto say = [&text](std::size_t count, const std::string& what) {
         text += std::to_string(count) + (count == 1 ? " message " : " messages ") + what + "\n";
     };
-    std::map<std::string, std::size_t> held;
+    std::map<std::string, std::size_t> held = held_by_others(key);
     // A process that is about to show its messages is not meant. With many hosts, waiting for each would stop all.
-    const bool waits = std::chrono::steady_clock::now() >= may_wait_at_;
-    for (int look = 0; look == 0 || (look == 1 && waits && !held.empty()); ++look) {
-        if (look == 1) {
-            std::this_thread::sleep_for(held_briefly);
-            may_wait_at_ = std::chrono::steady_clock::now() + 10 * held_briefly;
-        }
-        held.clear();
-        for (const std::string& path : boxes_of(key)) {
-            box from(read_file(path).value_or(""));
-            for (const box::record& r : from.records()) {
-                if (r.waits && !r.owner.empty() && r.owner != name_ && is_alive(r.owner)) {
-                    ++held[r.owner.substr(0, r.owner.find('.'))];
-                }
-            }
-        }
+    if (!held.empty() && std::chrono::steady_clock::now() >= may_wait_at_) {
+        std::this_thread::sleep_for(held_briefly);
+        may_wait_at_ = std::chrono::steady_clock::now() + 10 * held_briefly;
+        held = held_by_others(key);
     }
     for (const auto& [pid, count] : held) {
         say(count, "held by process " + pid + ", which has not shown them yet");

@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -21,11 +22,6 @@ namespace client {
 
 // What a follower leaves is for the next follower first: its readers are programs. Operators get it too.
 enum class mail_kind { operators, followers };
-
-struct stored_message {
-    std::uint64_t id = 0;  // grows; the order of the messages of one scheduler
-    std::string text;      // the line of the answer of `status`
-};
 
 class mailbox {
 public:
@@ -39,24 +35,22 @@ public:
 
     // Stores the messages of one answer: lines with messages and lost counts. They survive the end of the process.
     // address: of the scheduler, dotted; empty when it is not known. shows: true when this process shows them;
-    // otherwise any process may take them at once. totals gets the new counts of the scheduler. Returns the numbers of
-    // the lines; nothing, with the reason in problem, when they could not be stored.
-    std::vector<std::uint64_t> store(const std::string& key, const std::string& address,
-                                     const std::vector<std::string>& lines, bool shows,
-                                     message_totals& totals, std::string& problem);
+    // otherwise any process may take them at once. totals gets the new counts of the scheduler. Returns the number of
+    // the first line, which the others follow; 0 when there is none, or, with the reason in problem, when they could
+    // not be stored.
+    std::uint64_t store(const std::string& key, const std::string& address,
+                        const std::vector<std::string>& lines, bool shows, message_totals& totals,
+                        std::string& problem);
 
     // Takes what other processes have left for this scheduler, oldest first. It stays on the disk until it is shown,
     // and others do not get it before leave() or the end of this process.
-    std::vector<stored_message> take(const std::string& key);
+    std::vector<status_line> take(const std::string& key);
 
     // The same without taking it, with what this process has stored.
-    std::vector<stored_message> look(const std::string& key);
+    std::vector<status_line> look(const std::string& key);
 
-    // These messages, stored or taken by this process, were shown.
-    void shown(const std::string& key, const std::vector<std::uint64_t>& ids) { settle(key, ids, true); }
-
-    // These messages were not shown: any process may take them at once.
-    void put_back(const std::string& key, const std::vector<std::uint64_t>& ids) { settle(key, ids, false); }
+    // These messages, stored or taken by this process, were shown. Or they were not: any process may take them at once.
+    void settle(const std::string& key, const std::vector<std::uint64_t>& ids, bool were_shown);
 
     // Number of messages that wait for this scheduler and are not another living process's.
     std::size_t waiting(const std::string& key) { return look(key).size(); }
@@ -74,10 +68,8 @@ public:
 private:
     bool name_own(const std::function<bool(const std::string& path)>& make, std::string& problem);
     bool open_own(std::string& problem);
-    void remove_dead();
-    void settle(const std::string& key, const std::vector<std::uint64_t>& ids, bool were_shown);
     bool is_for_us(const box::record& r);
-    bool is_alive(const std::string& owner);
+    std::map<std::string, std::size_t> held_by_others(const std::string& key);
 
     const mail_kind kind_;
     bool has_some_ = false;  // records may belong to this process

@@ -5,7 +5,6 @@
 #include "term/text.h"
 
 #include <cerrno>
-#include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <thread>
@@ -25,21 +24,15 @@ descriptor open_regular(const std::string& path, int flags) {
         file.reset();
         errno = EINVAL;
     } else if (file.is_open() && (flags & O_CREAT) != 0 && is_shared(directory_of(path))) {
-        fchmod(file.get(), 0660);  // the file is ours, so this fails only on an unusual file system
+        fchmod(file.get(), 0660);  // fails for a file of another user, which has its mode already
     }
     return file;
 }
 
 }  // namespace
 
-state_file::state_file(std::string path, access how) : path_(std::move(path)) {
-    constexpr int create_new = O_RDWR | O_CREAT | O_EXCL;
-    file_ = open_regular(path_, how == access::read ? O_RDONLY : how == access::update ? O_RDWR : create_new);
-    if (!is_open() && how == access::create && errno == EEXIST) {
-        file_ = open_regular(path_, O_RDWR);
-    }
-    error_ = is_open() ? 0 : errno;
-}
+state_file::state_file(std::string path, access how)
+    : path_(std::move(path)), file_(open_regular(path_, static_cast<int>(how))) {}
 
 bool state_file::lock(std::chrono::steady_clock::time_point until) {
     // flock has no time-out, so the lock is tried again and again.

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <fcntl.h>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -14,14 +15,19 @@ namespace client {
 
 class state_file {
 public:
-    enum class access { read, update, create, create_new };
+    enum class access {  // flags of open
+        read = O_RDONLY,
+        update = O_RDWR,
+        create = O_RDWR | O_CREAT,
+        create_new = create | O_EXCL,
+    };
 
     state_file() = default;
-    // A file that is created has the mode 0660 in a shared directory, else 0600, whatever the umask is.
+    // A file that is created has the mode 0660 in a shared directory, else 0600, whatever the umask is. errno has the
+    // reason when the file is not open.
     state_file(std::string path, access how);
 
     bool is_open() const { return file_.is_open(); }
-    int error() const { return error_; }  // errno of the constructor when it is not open
     int fd() const { return file_.get(); }
     const std::string& path() const { return path_; }
 
@@ -45,7 +51,6 @@ private:
 
     std::string path_;
     descriptor file_;
-    int error_ = 0;
 };
 
 // The bytes of a regular file, no link followed; nothing when it is another kind of file or cannot be read.

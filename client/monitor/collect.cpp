@@ -70,7 +70,7 @@ void report_unstored(const status_answer& answer) {
     }
     complain(answer.unstored + "; messages that could not be stored:");
     for (const status_line& line : answer.lines) {
-        if (line.id == 0 && kind_of(line.text) != status_line_kind::condition) {
+        if (line.id == 0 && line.is_message) {
             std::fprintf(stderr, "%s\n", line.text.c_str());
         }
     }

@@ -72,7 +72,7 @@ int listen_at(const std::string& text, std::string& host) {
     return fd;
 }
 
-class exporter {
+class exporter : private agent_listener {
 public:
     exporter(const settings& chosen, bool any_port, int listener);
 
@@ -92,7 +92,12 @@ private:
     std::optional<std::size_t> target_of(const http_request& request, std::string& problem);
     std::optional<http_reply> scrape(http_request& request, std::size_t number);
     void ask(std::size_t number) { agent_.ask(number, ++last_request_, targets_[number].work->words()); }
-    void ended(std::size_t number, const command_result& end);
+    void output(std::size_t number, std::uint32_t /*request*/, const std::string& text) override {
+        targets_[number].work->output(text);
+    }
+    void status(std::size_t number, const status_answer& answer) override;
+    void ended(std::size_t number, std::uint32_t request, const command_result& end) override;
+    void password_needed(std::size_t number) override { agent_.password(number, "", false); }
     http_reply reply_with(const http_request& request, const snapshot& known);
     void answer_waiting(target& of, const snapshot& known);
     clock::time_point give_up_silent();
@@ -137,21 +142,7 @@ exporter::exporter(const settings& chosen, bool any_port, int listener)
       any_port_(any_port),
       limit_(chosen.connect.timeout != 0 ? std::chrono::seconds(chosen.connect.timeout) : scrape_timeout),
       listed_(chosen.several ? chosen.hosts : std::vector<host_name>()),
-      agent_({}, exporting(chosen),
-             {.output = [this](std::size_t number, std::uint32_t,
-                               const std::string& text) { targets_[number].work->output(text); },
-              .status =
-                  [this](std::size_t number, const status_answer& answer) {
-                      report_unstored(answer);
-                      if (targets_[number].work) {  // else it is the last status of an idle connection
-                          targets_[number].work->status(answer);
-                      }
-                  },
-              .ended = [this](std::size_t number, std::uint32_t,
-                              const command_result& end) { ended(number, end); },
-              .late = [](std::size_t, std::uint32_t) {},  // the requests were answered before
-              .closed = [](std::size_t, std::size_t, bool) {},
-              .password_needed = [this](std::size_t number) { agent_.password(number, std::nullopt); }}),
+      agent_({}, exporting(chosen), *this),
       server_(listener, limit_ + http_lifetime, [this](http_request& request) { return handle(request); }) {
     std::for_each(listed_.begin(), listed_.end(), [this](const host_name& host) { add(host); });
 }
@@ -230,9 +221,17 @@ std::optional<http_reply> exporter::scrape(http_request& request, std::size_t nu
     return std::nullopt;
 }
 
-void exporter::ended(std::size_t number, const command_result& end) {
+void exporter::status(std::size_t number, const status_answer& answer) {
+    report_unstored(answer);
+    if (targets_[number].work) {  // else it is the last status of an idle connection
+        targets_[number].work->status(answer);
+    }
+}
+
+void exporter::ended(std::size_t number, std::uint32_t /*request*/, const command_result& end) {
     target& of = targets_[number];
-    if (ending_ || !of.work) {  // the exporter ends, or an idle connection has
+    // The exporter ends, or an idle connection has. The requests for a late answer were answered before.
+    if (ending_ || !of.work || end.how == outcome::no_answer) {
         return;
     }
     if (of.work->ended(end)) {

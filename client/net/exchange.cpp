@@ -55,15 +55,14 @@ bool exchange::may_take_long() const {
     return at_ == step::greeting || (at_ == step::command && !is_final() && !is_answered_at_once(words_[0]));
 }
 
-void exchange::feed(std::string_view bytes, output& received, std::string& requests) {
+void exchange::feed(std::string_view bytes, std::string& text, std::string& requests) {
     held_ += bytes;
     while (!done_ && !held_.empty() && !needs_password()) {
         const bool is_wanted = at_ == step::command || at_ == step::status_before;
         std::string unwanted;  // of the greeting, the login and the probe
-        const std::size_t before = received.text.size();
-        received.of_status = received.of_status || at_ == step::status_before || is("status");
-        held_.erase(0, parser_.feed(held_, is_wanted ? received.text : unwanted));
-        received_ += received.text.size() - before;
+        const std::size_t before = text.size();
+        held_.erase(0, parser_.feed(held_, is_wanted ? text : unwanted));
+        received_ += text.size() - before;
         if (!may_take_long() && received_ > max_answer) {
             return finish({outcome::bad_answer, "it is too long"});
         }
@@ -157,7 +156,7 @@ void exchange::login_answered(const command_result& end, std::string& requests) 
 
 void exchange::finish(command_result end) {
     if (end.how == outcome::busy && !is_final()) {
-        end.reason = why_busy(words_[0]);
+        end.reason = is("unlock") ? "this connection does not hold the lock" : "switched off or locked";
     }
     end_ = std::move(end);
     done_ = true;
@@ -171,7 +170,9 @@ void exchange::lost(bool received_any) {
     if (sets_address() && at_ == step::command) {
         return finish({outcome::closed, "the scheduler does not allow this address"});
     }
-    finish({outcome::closed, why_closed(received_any)});
+    finish({outcome::closed, received_any ? "the scheduler closed it"
+                                          : "the scheduler closed it at once: its table of connections may "
+                                            "be full, or this address is not allowed"});
 }
 
 }  // namespace client

@@ -22,14 +22,9 @@ public:
     // Appends the first requests to send.
     void begin(std::string& requests);
 
-    // Gets output of the command; line ends are LF. of_status: it belongs to an answer of `status`.
-    struct output {
-        std::string text;
-        bool of_status = false;
-    };
-
-    // Reads bytes of the scheduler, while the command is not done. Appends the next requests to send.
-    void feed(std::string_view bytes, output& received, std::string& requests);
+    // Reads bytes of the scheduler, while the command is not done. Appends the output of the command to text, with LF as
+    // line end, and the next requests to send.
+    void feed(std::string_view bytes, std::string& text, std::string& requests);
 
     // Call when the scheduler has closed the connection: the command is then done. received_any: bytes had come.
     void lost(bool received_any);

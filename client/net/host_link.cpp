@@ -75,7 +75,6 @@ void host_link::ask(std::vector<std::string> words) {
         return send_requests();
     }
     next_address_ = 0;
-    on_looked_up();  // a look-up may have ended after the command that began it
     in_addr address{};
     if (addresses_.empty() && inet_aton(where_.name.c_str(), &address) != 0) {
         addresses_ = {address};
@@ -84,16 +83,10 @@ void host_link::ask(std::vector<std::string> words) {
         return connect_next();
     }
     state_ = state::resolving;
-    if (!lookup_) {
-        lookup_.emplace(where_.name);
-    }
-}
-
-void host_link::on_looked_up() {
-    if (lookup_ && lookup_->is_done()) {
-        const name_lookup::answer found = lookup_->take();
-        lookup_.reset();
-        on_resolved(found.addresses, found.problem);
+    try {
+        lookup_ = lookup_ ? lookup_ : look_up(where_.name);
+    } catch (const std::system_error& problem) {
+        fail({outcome::closed, where_.name + ": " + problem.what()});
     }
 }
 
@@ -195,6 +188,10 @@ short host_link::events() const {
 }
 
 void host_link::on_ready() {
+    if (lookup_) {
+        const std::shared_ptr<name_lookup> ended = std::exchange(lookup_, nullptr);
+        return on_resolved(ended->addresses, ended->problem);
+    }
     if (state_ == state::connecting) {
         return finish_connecting();
     }
@@ -207,15 +204,11 @@ void host_link::on_ready() {
     if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
         return;
     }
-    if (n > 0 && state_ == state::talking) {
-        return on_received({buffer, static_cast<std::size_t>(n)});
-    }
-    // No command runs: bytes are not expected and are dropped, but a closed connection must be reported.
-    if (n <= 0 && state_ == state::idle) {
-        fail({outcome::closed, why_closed(true)});
-    } else if (n <= 0) {
+    if (n <= 0) {
         talk_->lost(received_any_);
         fail(talk_->end());
+    } else if (state_ == state::talking) {  // else no command runs; the bytes are dropped
+        on_received({buffer, static_cast<std::size_t>(n)});
     }
 }
 
@@ -234,7 +227,7 @@ void host_link::finish_connecting() {
 
 void host_link::on_received(std::string_view bytes) {
     received_any_ = true;
-    talk_->feed(bytes, news_.received, requests_);
+    talk_->feed(bytes, news_.text, requests_);
     needed_login_ = needed_login_ || talk_->needed_login();
     if (!talk_->done()) {
         return send_requests();
@@ -262,6 +255,7 @@ void host_link::expire() {
     } else {
         late_ = true;
         deadline_ = clock::time_point::max();
+        news_.end = outcome::no_answer;
     }
 }
 

@@ -7,7 +7,6 @@
 // may bring messages.
 #pragma once
 
-#include "net/connect_options.h"
 #include "net/exchange.h"
 #include "net/host_list.h"
 #include "net/name_lookup.h"
@@ -22,6 +21,14 @@ namespace client {
 
 class password_store;
 
+// How all connections of a process are made.
+struct connect_options {
+    std::string source;         // local IPv4 address to connect from; empty: the system chooses
+    unsigned timeout = 0;       // seconds, of -t; 0: the limits of limits.h
+    std::string user;           // sent with "hello" on each new connection; empty: not sent
+    std::string password_file;  // empty: the listener is asked for the password, with one host only
+};
+
 class host_link {
 public:
     using clock = std::chrono::steady_clock;
@@ -34,7 +41,6 @@ public:
 
     const host_name& host() const { return where_; }
     bool is_open() const { return state_ == state::talking || state_ == state::idle; }
-    bool is_resolving() const { return state_ == state::resolving; }
     // The connection is being made. The scheduler may have accepted it already, and given it what waits.
     bool is_connecting() const { return state_ == state::connecting; }
     // A command is under way.
@@ -53,16 +59,14 @@ public:
     // request of the connection; while connecting it takes the place of the command, which has not been sent.
     void ask(std::vector<std::string> words);
 
-    // Call when name_lookup::event() is readable, while is_resolving().
-    void on_looked_up();
     // Gives the addresses of the host. When there are none, problem has the reason.
     void on_resolved(std::vector<in_addr> addresses, const std::string& problem);
 
     // The store has the password now, or (no_password is not empty) there is none.
     void log_in(const std::string& no_password);
 
-    // The descriptor to poll, -1 for none, and the events to poll for.
-    int fd() const { return socket_.get(); }
+    // The descriptor to poll, -1 for none, and the events to poll for. It is that of the look-up, then of the connection.
+    int fd() const { return lookup_ ? lookup_->ended.get() : socket_.get(); }
     short events() const;
     void on_ready();
 
@@ -72,7 +76,7 @@ public:
     // What has happened since the last call: output, and the end of the command. If no command was under way, the end
     // says that the scheduler has closed the connection.
     struct news {
-        exchange::output received;
+        std::string text;
         std::optional<command_result> end;
     };
     news take_news() { return std::exchange(news_, {}); }
@@ -98,14 +102,14 @@ private:
     const std::chrono::seconds module_silence_;
     state state_ = state::closed;
     descriptor socket_;
-    std::optional<name_lookup> lookup_;  // may outlast its command
-    std::vector<in_addr> addresses_;     // kept for later connections
-    std::size_t next_address_ = 0;       // index of the address to try next
-    std::optional<exchange> talk_;       // of the running or the last command
-    std::string requests_;               // not sent yet
-    bool received_any_ = false;          // over this connection
-    bool needed_login_ = false;          // the same
-    bool took_long_ = false;             // the last deadline was that of a module
+    std::shared_ptr<name_lookup> lookup_;  // may outlast its command; then there is no socket
+    std::vector<in_addr> addresses_;       // kept for later connections
+    std::size_t next_address_ = 0;         // index of the address to try next
+    std::optional<exchange> talk_;         // of the running or the last command
+    std::string requests_;                 // not sent yet
+    bool received_any_ = false;            // over this connection
+    bool needed_login_ = false;            // the same
+    bool took_long_ = false;               // the last deadline was that of a module
     bool late_ = false;
     clock::time_point connecting_at_{};
     clock::time_point connected_at_{};

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <iostream>
 #include <set>
+#include <sstream>
 #include <system_error>
 
 namespace client {
@@ -55,18 +56,17 @@ struct host_adder {
 };
 
 // Returns the first of the tags that is not name=value, such as a second host in the line; empty when all are.
-std::string_view wrong_tag(std::string_view tags) {
-    while (!tags.empty()) {
-        const std::string_view tag = tags.substr(0, tags.find_first_of(blanks));
-        const std::size_t equals = tag.find('=');
-        const auto of_name = [](unsigned char c) { return std::isalnum(c) != 0 || c == '_'; };
-        if (equals == std::string_view::npos || equals == 0 || std::isdigit(tag[0]) != 0 ||
-            !std::all_of(tag.begin(), tag.begin() + static_cast<std::ptrdiff_t>(equals), of_name)) {
+std::string wrong_tag(std::string_view tags) {
+    const auto of_name = [](unsigned char c) { return std::isalnum(c) != 0 || c == '_'; };
+    std::istringstream words{std::string(tags)};
+    for (std::string tag; words >> tag;) {
+        const auto name_end = std::find_if_not(tag.begin(), tag.end(), of_name);
+        if (name_end == tag.begin() || name_end == tag.end() || *name_end != '=' ||
+            std::isdigit(tag[0]) != 0) {
             return tag;
         }
-        tags = trimmed(tags.substr(tag.size()));
     }
-    return {};
+    return "";
 }
 
 // Adds the host of one line of a file.
@@ -74,8 +74,8 @@ bool add_line(std::string_view line, host_adder& hosts, std::string& problem) {
     line = trimmed(line.substr(0, line.find('#')));
     const std::string_view entry = line.substr(0, line.find_first_of(blanks));
     const std::string_view tags = trimmed(line.substr(entry.size()));
-    if (const std::string_view wrong = wrong_tag(tags); !wrong.empty()) {
-        problem = "\"" + std::string(wrong) + "\" is not name=value";
+    if (const std::string wrong = wrong_tag(tags); !wrong.empty()) {
+        problem = "\"" + wrong + "\" is not name=value";
         return false;
     }
     return entry.empty() || hosts.add(entry, tags, problem);
@@ -96,14 +96,12 @@ std::string key_of(const host_name& host) {
 bool add_hosts(std::string_view list, std::uint16_t port, std::vector<host_name>& hosts,
                std::string& problem) {
     host_adder adder{port, hosts};
-    while (!list.empty()) {
-        const std::size_t comma = std::min(list.find(','), list.size());
-        const std::string_view entry = trimmed(list.substr(0, comma));
+    std::istringstream entries{std::string(list)};
+    for (std::string entry; std::getline(entries, entry, ',');) {
         // A script that joins names may leave a comma at the end; empty entries do no harm.
-        if (!entry.empty() && !adder.add(entry, "", problem)) {
+        if (!trimmed(entry).empty() && !adder.add(trimmed(entry), "", problem)) {
             return false;
         }
-        list.remove_prefix(std::min(comma + 1, list.size()));
     }
     if (hosts.empty()) {
         problem = "no host is named";

@@ -1,33 +1,27 @@
-// One look-up of a name, in another thread, because the resolver has only blocking calls.
+// Look-ups of names in other threads, because the resolver has only blocking calls.
 #pragma once
 
-#include <chrono>
-#include <future>
+#include "term/descriptor.h"
+
+#include <atomic>
+#include <memory>
 #include <netinet/in.h>
 #include <string>
 #include <vector>
 
 namespace client {
 
-class name_lookup {
-public:
-    struct answer {
-        std::vector<in_addr> addresses;
-        std::string problem;  // why there are none
-    };
-
-    // Starts it, or queues it while all threads are busy. Throws std::system_error when no thread can be created.
-    explicit name_lookup(const std::string& name);
-
-    bool is_done() const { return answer_.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }
-    answer take() { return answer_.get(); }  // once, when is_done()
-
-    // Readable when a look-up of the process has ended, until reset().
-    static int event();
-    static void reset();
-
-private:
-    std::future<answer> answer_;
+struct name_lookup {
+    std::string name;
+    descriptor ended;  // readable when the look-up has ended
+    std::atomic<bool> is_done = false;
+    // Valid when it is done.
+    std::vector<in_addr> addresses = {};
+    std::string problem = {};  // why there are none
 };
+
+// Starts a look-up, or queues it while all threads are busy. It may outlast its user. Throws std::system_error when the
+// system refuses a descriptor or the first thread.
+std::shared_ptr<name_lookup> look_up(const std::string& name);
 
 }  // namespace client

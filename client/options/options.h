@@ -1,8 +1,7 @@
 // The settings of a run, from the options, else the environment, else the services database, else built-in values.
 #pragma once
 
-#include "net/connect_options.h"
-#include "net/host_list.h"
+#include "net/host_link.h"
 
 #include <optional>
 

@@ -77,17 +77,6 @@ int exit_code_of(const command_result& end) {
     return meanings[static_cast<std::size_t>(end.how)].code;
 }
 
-const char* why_closed(bool served) {
-    return served
-               ? "the scheduler closed it"
-               : "the scheduler closed it at once: its table of connections may be full, or this address is "
-                 "not allowed";
-}
-
-const char* why_busy(std::string_view word) {
-    return word == "unlock" ? "this connection does not hold the lock" : "switched off or locked";
-}
-
 std::string describe(const command_result& end) {
     if (end.how == outcome::over && end.signal != 0) {
         return "ended by signal " + std::to_string(end.signal);

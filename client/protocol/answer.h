@@ -43,12 +43,6 @@ struct command_result {
 
 int exit_code_of(const command_result& end);
 
-// Returns the likely reason why the scheduler has closed a connection. served: bytes had come over it before.
-const char* why_closed(bool served);
-
-// Why the scheduler is busy for a command that begins with this word.
-const char* why_busy(std::string_view word);
-
 // Returns one line for the operator; empty for a command that succeeded.
 std::string describe(const command_result& end);
 

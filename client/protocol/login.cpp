@@ -1,7 +1,10 @@
 #include "protocol/login.h"
 
+#include "term/descriptor.h"
+
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <fcntl.h>
 #include <fstream>
 #include <openssl/crypto.h>
@@ -9,7 +12,6 @@
 #include <random>
 #include <stdexcept>
 #include <system_error>
-#include <unistd.h>
 #include <utility>
 
 namespace client {
@@ -26,11 +28,9 @@ std::string sha256_hex(std::string_view text) {
     if (EVP_Digest(text.data(), text.size(), digest.data(), &length, EVP_sha256(), nullptr) != 1) {
         throw std::runtime_error("libcrypto refuses SHA-256");
     }
-    constexpr char digits[] = "0123456789abcdef";
-    std::string hex;
+    char hex[2 * EVP_MAX_MD_SIZE + 1] = "";
     for (unsigned i = 0; i < length; ++i) {
-        hex += digits[digest[i] >> 4];
-        hex += digits[digest[i] & 15];
+        std::snprintf(hex + 2 * i, 3, "%02x", digest[i]);
     }
     return hex;
 }
@@ -56,12 +56,10 @@ std::string random_alphanumeric(std::size_t length) {
 
 bool ask_password(const std::string& prompt, bool verify, std::string& password, std::string& problem) {
     // Without a terminal, libcrypto's prompt would read standard input, which a script uses for other data.
-    const int terminal = open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC);
-    if (terminal < 0) {
+    if (!descriptor(open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC)).is_open()) {
         problem = "no terminal to ask for the password";
         return false;
     }
-    close(terminal);
     // One byte more for the final zero.
     char typed[longest_password + 1];
     const int result = EVP_read_pw_string_min(typed, 0, longest_password, prompt.c_str(), verify ? 1 : 0);

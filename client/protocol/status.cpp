@@ -98,15 +98,4 @@ std::vector<hmi_row> parse_show_ip(std::string_view answer) {
     return rows;
 }
 
-status_line_kind kind_of(const std::string& line) {
-    const status_report report = parse_status(line + "\n");
-    if (!report.messages.empty()) {
-        return status_line_kind::message;
-    }
-    if (report.lost != 0) {
-        return status_line_kind::lost;
-    }
-    return report.conditions.empty() ? status_line_kind::unknown : status_line_kind::condition;
-}
-
 }  // namespace client

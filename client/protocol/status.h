@@ -42,11 +42,6 @@ struct hmi_row {
     bool locked = false;
 };
 
-enum class status_line_kind { condition, message, lost, unknown };
-
-// The kind of one line of an answer of `status`, without its line end.
-status_line_kind kind_of(const std::string& line);
-
 // Lines end with LF; lines of any other form are skipped.
 status_report parse_status(std::string_view answer);
 std::vector<hmi_row> parse_show_ip(std::string_view answer);

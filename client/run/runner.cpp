@@ -28,17 +28,11 @@ command_runner::command_runner(const settings& chosen, manner how)
       how_(std::move(how)),
       terminal_(isatty(STDOUT_FILENO) == 1),
       shows_messages_(!how_.once || chosen.words[0] == "status"),
-      agent_(
-          chosen.hosts,
-          {.connect = chosen.connect,
-           .parallel = chosen.parallel,
-           .stored = shows_messages_ ? stored_messages::taken : stored_messages::left},
-          {.output = std::bind_front(&command_runner::take_output, this),
-           .status = std::bind_front(&command_runner::take_status, this),
-           .ended = std::bind_front(&command_runner::take_end, this),
-           .late = std::bind_front(&command_runner::take_silence, this),
-           .closed = [this](std::size_t host, std::size_t waiting, bool) { states_[host].waiting = waiting; },
-           .password_needed = std::bind_front(&command_runner::give_password, this)}),
+      agent_(chosen.hosts,
+             {.connect = chosen.connect,
+              .parallel = chosen.parallel,
+              .stored = shows_messages_ ? stored_messages::taken : stored_messages::left},
+             *this),
       signals_(how_.suspend),
       states_(chosen.hosts.size()),
       output_(chosen.hosts, chosen.several && how_.convert == nullptr, order_for(chosen),
@@ -141,13 +135,7 @@ void command_runner::give_up(std::size_t host, outcome how) {
     finish_host(host, {how});
 }
 
-void command_runner::take_silence(std::size_t host, std::uint32_t request) {
-    if (states_[host].request == request) {
-        give_up(host, outcome::no_answer);
-    }
-}
-
-void command_runner::give_password(std::size_t host) {
+void command_runner::password_needed(std::size_t host) {
     if (chosen_.hosts.size() > 1 || states_[host].request == 0 || !ask_for_password()) {
         agent_.password(host, std::nullopt);
     }
@@ -168,7 +156,7 @@ bool command_runner::ask_for_password() {
     return true;
 }
 
-void command_runner::take_output(std::size_t host, std::uint32_t request, const std::string& text) {
+void command_runner::output(std::size_t host, std::uint32_t request, const std::string& text) {
     host_state& state = states_[host];
     if (state.request != request) {
         return;
@@ -182,7 +170,7 @@ void command_runner::take_output(std::size_t host, std::uint32_t request, const 
 }
 
 // Shows the lines of an answer when its request is still wanted. Notices about it go to standard error in any case.
-void command_runner::take_status(std::size_t host, const status_answer& answer) {
+void command_runner::status(std::size_t host, const status_answer& answer) {
     const bool is_wanted = answer.request != 0 && answer.request == states_[host].request;
     const std::string label = chosen_.prefix_of(host);
     each_line(answer.notice, [&label](const std::string& line) { complain(label + line); });
@@ -200,7 +188,7 @@ void command_runner::take_status(std::size_t host, const status_answer& answer) 
             }
             continue;
         }
-        take_output(host, answer.request, line.text + "\n");
+        output(host, answer.request, line.text + "\n");
         if (how_.convert != nullptr) {
             states_[host].lines.push_back(line);
         } else {
@@ -215,16 +203,19 @@ void command_runner::take_status(std::size_t host, const status_answer& answer) 
 // Writes messages that are neither shown nor stored to standard error: the scheduler does not send them again.
 void command_runner::print_unstored(std::size_t host, const std::vector<status_line>& lines) const {
     for (const status_line& line : lines) {
-        const status_line_kind kind = kind_of(line.text);
-        if (line.id == 0 && (kind == status_line_kind::message || kind == status_line_kind::lost)) {
+        if (line.id == 0 && line.is_message) {
             const std::string text = printable_text().clean(line.text);
             std::fprintf(stderr, "%s%s\n", chosen_.prefix_of(host).c_str(), text.c_str());
         }
     }
 }
 
-void command_runner::take_end(std::size_t host, std::uint32_t request, const command_result& end) {
-    if (request != 0 && states_[host].request == request) {
+void command_runner::ended(std::size_t host, std::uint32_t request, const command_result& end) {
+    const bool is_wanted = request != 0 && states_[host].request == request;
+    if (end.how == outcome::no_answer) {
+        return is_wanted ? give_up(host, end.how) : void();
+    }
+    if (is_wanted) {
         command_result known = end;
         if (end.how == outcome::login_refused && !password_problem_.empty()) {
             known.reason = std::exchange(password_problem_, "");

@@ -11,7 +11,7 @@
 
 namespace client {
 
-class command_runner {
+class command_runner : private agent_listener {
 public:
     struct manner {
         bool once = false;                   // a single command: each connection is closed behind it
@@ -64,12 +64,12 @@ private:
     void interrupt();
     void start(std::size_t host);
     bool ask_for_password();
-    void take_output(std::size_t host, std::uint32_t request, const std::string& text);
-    void take_status(std::size_t host, const status_answer& answer);
+    void output(std::size_t host, std::uint32_t request, const std::string& text) override;
+    void status(std::size_t host, const status_answer& answer) override;
     void print_unstored(std::size_t host, const std::vector<status_line>& lines) const;
-    void take_end(std::size_t host, std::uint32_t request, const command_result& end);
-    void take_silence(std::size_t host, std::uint32_t request);
-    void give_password(std::size_t host);
+    void ended(std::size_t host, std::uint32_t request, const command_result& end) override;
+    void closed(std::size_t host, std::size_t waiting, bool) override { states_[host].waiting = waiting; }
+    void password_needed(std::size_t host) override;
     void give_up(std::size_t host, outcome how);
     void finish_host(std::size_t host, const command_result& end);
     void written(std::size_t host);

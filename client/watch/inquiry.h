@@ -1,7 +1,7 @@
 // What is known of one scheduler, and the requests that bring it up to date. Views, checks and the exporter share it.
 #pragma once
 
-#include "agent/status_answer.h"
+#include "agent/agent.h"
 #include "watch/events.h"
 #include "watch/snapshot.h"
 

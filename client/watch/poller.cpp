@@ -24,14 +24,7 @@ poller::poller(const settings& chosen)
                     : std::chrono::seconds(chosen.interval)),
       asks_password_(chosen.what == task::watch && !chosen.several && chosen.connect.password_file.empty() &&
                      isatty(STDIN_FILENO) == 1 && counters_of(key_of(chosen.hosts[0])).login),
-      agent_(chosen.hosts, asking(chosen),
-             {.output = [this](std::size_t host, std::uint32_t,
-                               const std::string& text) { states_[host].round.output(text); },
-              .status = std::bind_front(&poller::answered, this),
-              .ended = std::bind_front(&poller::ended, this),
-              .late = [this](std::size_t host, std::uint32_t) { late(host); },
-              .closed = [](std::size_t, std::size_t, bool) {},
-              .password_needed = [this](std::size_t host) { agent_.password(host, password(host)); }}) {
+      agent_(chosen.hosts, asking(chosen), *this) {
     for (const host_name& host : chosen.hosts) {
         states_.push_back({inquiry(host)});
     }
@@ -81,7 +74,7 @@ poller::clock::time_point poller::ask_due() {
     return next_due_;
 }
 
-void poller::answered(std::size_t host, const status_answer& answer) {
+void poller::status(std::size_t host, const status_answer& answer) {
     host_state& state = states_[host];
     const bool was_up = state.round.known.up;
     const bool has_failed = state.round.known.failure != 0;
@@ -97,6 +90,9 @@ void poller::answered(std::size_t host, const status_answer& answer) {
 
 void poller::ended(std::size_t host, std::uint32_t request, const command_result& end) {
     host_state& state = states_[host];
+    if (end.how == outcome::no_answer) {
+        return late(host);
+    }
     if (finishing_ || state.closed) {
         return;
     }

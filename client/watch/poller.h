@@ -17,7 +17,7 @@ namespace client {
 struct settings;
 
 // host is the number in the list. Only step() and finish() call the virtual functions.
-class poller {
+class poller : private agent_listener {
 public:
     using clock = agent_client::clock;
 
@@ -80,8 +80,12 @@ private:
 
     void ask(std::size_t host, clock::time_point now);
     clock::time_point ask_due();
-    void answered(std::size_t host, const status_answer& answer);
-    void ended(std::size_t host, std::uint32_t request, const command_result& end);
+    void output(std::size_t host, std::uint32_t /*request*/, const std::string& text) override {
+        states_[host].round.output(text);
+    }
+    void status(std::size_t host, const status_answer& answer) override;
+    void ended(std::size_t host, std::uint32_t request, const command_result& end) override;
+    void password_needed(std::size_t host) override { agent_.password(host, password(host)); }
     void fail(std::size_t host, const command_result& why);
 
     const std::chrono::seconds interval_;

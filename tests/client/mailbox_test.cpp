@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <numeric>
 #include <optional>
 #include <rapidcheck.h>
 #include <regex>
@@ -36,9 +37,9 @@ using strings = std::vector<std::string>;
 const std::string hosts[] = {"127.0.0.1:9980", "db1:9981"};
 const std::string date = "2026-01-31T12:00:00+00:00;";
 
-strings texts(const std::vector<stored_message>& messages) {
+strings texts(const std::vector<status_line>& messages) {
     strings result;
-    for (const stored_message& m : messages) result.push_back(m.text);
+    for (const status_line& m : messages) result.push_back(m.text);
     return result;
 }
 
@@ -71,9 +72,10 @@ protected:
     static std::vector<std::uint64_t> store(mailbox& in, const std::string& key, const strings& lines) {
         message_totals totals;
         std::string problem;
-        const std::vector<std::uint64_t> ids = in.store(key, "127.0.0.1", lines, true, totals, problem);
-        EXPECT_EQ(ids.empty() && !lines.empty(), !problem.empty()) << problem;
-        return ids;
+        std::vector<std::uint64_t> ids(lines.size());
+        std::iota(ids.begin(), ids.end(), in.store(key, "127.0.0.1", lines, true, totals, problem));
+        EXPECT_EQ(!lines.empty() && ids[0] == 0, !problem.empty()) << problem;
+        return problem.empty() ? ids : std::vector<std::uint64_t>();
     }
     std::string directory = testing::TempDir() + "sched-mail-XXXXXX";
 };
@@ -114,29 +116,29 @@ struct Post {
         const strings lines = next_lines(count);
         message_totals totals;
         std::string problem;
-        const auto ids = by.store(key, "", lines, true, totals, problem);
-        RC_ASSERT(ids.size() == count || (full && ids.empty() && !problem.empty()));
-        for (std::size_t i = 0; i < ids.size(); ++i)
-            letters.push_back({key, lines[i], ids[i], follows(window), holder});
+        const std::uint64_t first = by.store(key, "", lines, true, totals, problem);
+        RC_ASSERT((first != 0) == (count != 0 && problem.empty()) && (full || problem.empty()));
+        for (std::size_t i = 0; first != 0 && i < count; ++i)
+            letters.push_back({key, lines[i], first + i, follows(window), holder});
     }
     // As `status` does: the waiting messages come first, and the first `count` of them can be shown.
     void take(int window, const std::string& key, std::size_t count) {
         mailbox reader(kind_of(window));
-        std::vector<stored_message> taken = reader.take(key);
+        std::vector<status_line> taken = reader.take(key);
         RC_ASSERT(texts(taken) == waiting(key, window));
         taken.resize(std::min(count, taken.size()));
         std::vector<std::uint64_t> ids;
-        for (const stored_message& m : taken) {
+        for (const status_line& m : taken) {
             ids.push_back(m.id);
             std::erase_if(letters, [&](const Letter& l) { return l.text == m.text; });
         }
-        reader.shown(key, ids);
+        reader.settle(key, ids, true);
     }
     void show(int window, const std::string& key, std::size_t count) {
         std::vector<std::uint64_t> ids;
         for (const Letter& l : letters)
             if (l.holder == window && l.key == key && ids.size() < count) ids.push_back(l.id);
-        open(window).shown(key, ids);
+        open(window).settle(key, ids, true);
         std::erase_if(letters, [&](const Letter& l) {
             return l.holder == window && l.key == key && std::count(ids.begin(), ids.end(), l.id) != 0;
         });
@@ -233,7 +235,7 @@ TEST_F(Mailbox, WhatAnotherProcessHoldsStaysWithIt) {
         EXPECT_THAT(other.notice(hosts[0], "127.0.0.1"), testing::HasSubstr("held by"));
     EXPECT_LT(std::chrono::steady_clock::now() - start, 3 * lock_timeout);
     store(*std::make_unique<mailbox>(mail_kind::operators), hosts[0], {date + "E0101:fan 4"});
-    holder.shown(hosts[0], {held[0].id});
+    holder.settle(hosts[0], {held[0].id}, true);
     EXPECT_EQ(texts(other.take(hosts[0])), strings{date + "E0101:fan 4"});
 }
 
@@ -293,7 +295,7 @@ TEST_F(Mailbox, WhatIsNoMailIsLeftAndReported) {
         EXPECT_EQ(store(reader, hosts[0], {date + "E0101:fan 5"}).size(), 1U);
         EXPECT_EQ(store(reader, hosts[1], {date + "E0101:fan 4"}).size(), 1U);
         notice = reader.notice(hosts[0], "127.0.0.1");
-        reader.shown(hosts[0], {taken.empty() ? 0 : taken[0].id});
+        reader.settle(hosts[0], {taken.empty() ? 0 : taken[0].id}, true);
     }
     for (const char* name :
          {"127.0.0.1:9980.1.box", "db1:9981.1.box", "db1:9981.2.box", "db1:9981.3.box", "db1:9981.4.box"})

@@ -177,11 +177,11 @@ TEST(HostLink, TriesEachIPv4AddressAndUsesThoseThatComeLate) {
     client::host_link late({"late", "localhost", where.port, ""}, how, passwords, 0s);
     late.ask({"status"});
     late.expire();
-    pollfd found{client::name_lookup::event(), POLLIN, 0};
+    pollfd found{late.fd(), late.events(), 0};
     EXPECT_EQ(poll(&found, 1, 20'000), 1);
-    client::name_lookup::reset();
+    late.on_ready();
     late.ask({"status"});
-    EXPECT_FALSE(late.is_resolving());
+    EXPECT_TRUE(late.is_connecting() || late.is_open());
 }
 
 // A command is under way, so the last status comes later. Messages that come after the front's last call wait for
@@ -190,13 +190,22 @@ TEST_F(E2eManyHosts, HeldConnectionIsReportedAndKeepsItsMessages) {
     setenv("XDG_STATE_HOME", first.path("agent").c_str(), 1);
     const std::vector<client::host_name> hosts = {{"A", "127.0.0.1", static_cast<std::uint16_t>(first.port), ""}};
     const pid_t stalled = first.scheduler();
-    int held = 0, closed = 0, asked = 0, shown = 0;
+    int held = 0, closed = 0, shown = 0;
     std::thread resume;
-    client::agent_listener events;
-    events.status = [&](std::size_t, const client::status_answer& answer) {
+    struct : client::agent_listener {
+        std::function<void(const client::status_answer&)> on_status;
+        std::function<void(bool)> on_closed;
+        int asked = 0;
+        void output(std::size_t, std::uint32_t, const std::string&) override {}
+        void status(std::size_t, const client::status_answer& answer) override { on_status(answer); }
+        void ended(std::size_t, std::uint32_t, const client::command_result&) override {}
+        void closed(std::size_t, std::size_t, bool is_held) override { on_closed(is_held); }
+        void password_needed(std::size_t) override { ++asked; }
+    } events;
+    events.on_status = [&](const client::status_answer& answer) {
         for (const client::status_line& line : answer.lines) shown += line.id != 0 ? 1 : 0;
     };
-    events.closed = [&](std::size_t, std::size_t, bool) {
+    events.on_closed = [&](bool) {
         if (resume.joinable()) return;
         const pid_t agent = std::atoi(shell("pgrep -P " + std::to_string(getpid()) + " client_tests").c_str());
         kill(agent, SIGSTOP);
@@ -204,8 +213,6 @@ TEST_F(E2eManyHosts, HeldConnectionIsReportedAndKeepsItsMessages) {
         EXPECT_TRUE(wait_until([&] { return received_by(first.port, 3); }));
         resume = std::thread([agent] { usleep(200'000), kill(agent, SIGCONT); });
     };
-    events.ended = [](std::size_t, std::uint32_t, const client::command_result&) {};
-    events.password_needed = [&](std::size_t) { ++asked; };
     client::agent_options how;
     how.stored = client::stored_messages::taken;
     first.event("E0101:fan\n");
@@ -220,7 +227,7 @@ TEST_F(E2eManyHosts, HeldConnectionIsReportedAndKeepsItsMessages) {
     EXPECT_TRUE(wait_until(
         [&] { return client::mailbox(client::mail_kind::operators).waiting(client::key_of(hosts[0])) == 1; }));
 
-    events.closed = [&](std::size_t, std::size_t, bool is_held) { ++(is_held ? held : closed); };
+    events.on_closed = [&](bool is_held) { ++(is_held ? held : closed); };
     how.connect.source = "127.0.0.2";
     kill(stalled, SIGSTOP);
     client::agent agent(hosts, how, events);
@@ -231,7 +238,7 @@ TEST_F(E2eManyHosts, HeldConnectionIsReportedAndKeepsItsMessages) {
     agent.close(0);
     EXPECT_EQ(held, 2);
     kill(stalled, SIGCONT);
-    EXPECT_TRUE(wait_until([&] { return step(), asked == 1; }));
+    EXPECT_TRUE(wait_until([&] { return step(), events.asked == 1; }));
     agent.finish();
     EXPECT_EQ(closed, 1);  // after the refused login it is not held any more
     unsetenv("XDG_STATE_HOME");

@@ -1,5 +1,5 @@
 // `watch` and `follow`: what they show of each change, and that no message is lost when they end.
-#include "agent/status_answer.h"
+#include "agent/agent.h"
 #include "e2e/harness.h"
 #include "terminal.h"
 #include "watch/events.h"
