@@ -12,13 +12,11 @@ namespace {
 // Puts the prefix before each line. at_line_start is kept between calls, as a part may end inside a line.
 std::string with_prefix(const std::string& prefix, std::string_view text, bool& at_line_start) {
     std::string out;
-    while (!text.empty()) {
-        const std::size_t end = text.find('\n');
-        const std::size_t length = end == std::string_view::npos ? text.size() : end + 1;
-        out += at_line_start ? prefix : "";
-        out += text.substr(0, length);
-        at_line_start = end != std::string_view::npos;
-        text.remove_prefix(length);
+    for (const char c : text) {
+        if (std::exchange(at_line_start, c == '\n')) {
+            out += prefix;
+        }
+        out += c;
     }
     return out;
 }

@@ -3,7 +3,7 @@
 #include "mail/state_file.h"
 #include "protocol/limits.h"
 #include "protocol/words.h"
-#include "term/signals.h"
+#include "run/runner.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -60,8 +60,8 @@ void append_history(const std::string& path, History* lines) {
 
 }  // namespace
 
-line_editor::line_editor(const std::string& prompt, const std::string& history_path, signal_watch& signals)
-    : prompt_(prompt), history_path_(history_path), signals_(signals) {
+line_editor::line_editor(const std::string& prompt, const std::string& history_path, command_runner& runner)
+    : prompt_(prompt), history_path_(history_path), runner_(runner) {
     editor_ = el_init("schedctl", stdin, stdout, stderr);
     history_ = history_init();
     typed_ = history_init();
@@ -104,7 +104,7 @@ char* line_editor::prompt_of(EditLine* editor) {
 
 line_editor::result line_editor::read(std::string& line) {
     interrupted_ = false;
-    if (signals_.resized()) {
+    if (runner_.signals().resized()) {
         el_resize(editor_);
     }
     int length = 0;
@@ -112,7 +112,7 @@ line_editor::result line_editor::read(std::string& line) {
     const char* text = el_gets(editor_, &length);
     reading_ = false;
     // interrupt() ends the line with CC_EOF, which el_gets reports like the end of the input.
-    if (interrupted_ && !signals_.leaving()) {
+    if (interrupted_ && !runner_.signals().leaving()) {
         return result::interrupted;
     }
     if (text == nullptr || length <= 0) {
@@ -132,19 +132,19 @@ line_editor::result line_editor::read(std::string& line) {
 
 // Returns true when a key can be read, false when a signal stopped the wait.
 bool line_editor::wait_for_key() {
+    signal_watch& signals = runner_.signals();
     for (;;) {
-        pollfd ready[] = {
-            {STDIN_FILENO, POLLIN, 0}, {signals_.fd(), POLLIN, 0}, {watched ? watched() : -1, POLLIN, 0}};
+        pollfd ready[] = {{STDIN_FILENO, POLLIN, 0}, {signals.fd(), POLLIN, 0}, {runner_.fd(), POLLIN, 0}};
         if (poll(ready, 3, -1) < 0) {
             continue;
         }
-        if (ready[1].revents != 0 && signals_.take()) {
+        if (ready[1].revents != 0 && signals.take()) {
             return false;
         }
-        if (signals_.resized()) {
+        if (signals.resized()) {
             el_resize(editor_);
         }
-        if (const std::string text = ready[2].revents != 0 ? readable() : ""; !text.empty()) {
+        if (const std::string text = ready[2].revents != 0 ? runner_.absorb() : ""; !text.empty()) {
             // The row with the prompt is cleared, and drawn again below the text.
             std::printf("\r\033[K(%s)\n", text.c_str());
             std::fflush(stdout);
@@ -160,10 +160,7 @@ void line_editor::suspend() {
     if (reading_) {
         el_set(editor_, EL_PREP_TERM, 0);
     }
-    {
-        const signals_through through;
-        std::raise(SIGTSTP);
-    }
+    with_usual_signals([] { std::raise(SIGTSTP); });
     if (reading_) {
         el_set(editor_, EL_PREP_TERM, 1);
         el_set(editor_, EL_REFRESH);
@@ -177,7 +174,7 @@ int line_editor::next_char(EditLine* editor, wchar_t* wide) {
     for (;;) {
         char byte = 0;
         if (!own.wait_for_key()) {
-            if (own.signals_.leaving()) {
+            if (own.runner_.signals().leaving()) {
                 return 0;
             }
             *wide = L'\003';  // Ctrl-C, bound to interrupt

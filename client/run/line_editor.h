@@ -8,7 +8,7 @@
 
 namespace client {
 
-class signal_watch;
+class command_runner;
 
 class line_editor {
 public:
@@ -16,7 +16,7 @@ public:
 
     // Only one may exist at a time. history_path: a file that is read now, and to which the destructor appends the
     // typed lines; empty: the history is kept only for the session.
-    line_editor(const std::string& prompt, const std::string& history_path, signal_watch& signals);
+    line_editor(const std::string& prompt, const std::string& history_path, command_runner& runner);
     ~line_editor();
     line_editor(const line_editor&) = delete;
     line_editor& operator=(const line_editor&) = delete;
@@ -24,12 +24,8 @@ public:
     // Returns the words that may follow the words before the cursor.
     std::function<std::vector<std::string>(const std::vector<std::string>&)> candidates;
 
-    // While the operator types, `watched` returns a descriptor to poll (-1 for none). `readable` is called when it is
-    // readable; the text that it returns is shown above the prompt.
-    std::function<int()> watched;
-    std::function<std::string()> readable;
-
-    // Reads one line without its line feed and puts it into the history.
+    // Reads one line without its line feed and puts it into the history. While the operator types, a late answer may
+    // come, or the scheduler may close the connection; the note about it is shown above the prompt.
     result read(std::string& line);
 
     // Stops the process as Ctrl-Z usually does. When it continues, the terminal is set up and the prompt drawn again.
@@ -46,7 +42,7 @@ private:
 
     std::string prompt_;
     std::string history_path_;
-    signal_watch& signals_;
+    command_runner& runner_;
     EditLine* editor_;
     History* history_;  // the lines that the arrow keys show: earlier sessions and this one
     History* typed_;    // this session only

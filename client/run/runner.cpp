@@ -23,11 +23,13 @@ host_output::order order_for(const settings& chosen) {
 
 }  // namespace
 
-command_runner::command_runner(const settings& chosen, manner how)
+command_runner::command_runner(const settings& chosen, std::function<void()> suspend)
     : chosen_(chosen),
-      how_(std::move(how)),
+      once_(!chosen.words.empty()),
+      at_terminal_(suspend != nullptr),
       terminal_(isatty(STDOUT_FILENO) == 1),
-      shows_messages_(!how_.once || chosen.words[0] == "status"),
+      convert_(chosen.json ? json_writer_of(chosen.words) : nullptr),
+      shows_messages_(!once_ || chosen.words[0] == "status"),
       agent_(
           chosen.hosts,
           {.connect = chosen.connect,
@@ -36,12 +38,17 @@ command_runner::command_runner(const settings& chosen, manner how)
           {.output = std::bind_front(&command_runner::take_output, this),
            .status = std::bind_front(&command_runner::take_status, this),
            .ended = std::bind_front(&command_runner::take_end, this),
-           .late = std::bind_front(&command_runner::take_silence, this),
+           .late =
+               [this](std::size_t host, std::uint32_t request) {
+                   if (states_[host].request == request) {
+                       give_up(host, outcome::no_answer);
+                   }
+               },
            .closed = [this](std::size_t host, std::size_t waiting, bool) { states_[host].waiting = waiting; },
            .password_needed = std::bind_front(&command_runner::give_password, this)}),
-      signals_(how_.suspend),
+      signals_(std::move(suspend)),
       states_(chosen.hosts.size()),
-      output_(chosen.hosts, chosen.several && how_.convert == nullptr, order_for(chosen),
+      output_(chosen.hosts, chosen.several && !chosen.json, order_for(chosen),
               {.shown = std::bind_front(&agent_client::shown, &agent_),
                .ended = std::bind_front(&command_runner::written, this)}) {}
 
@@ -141,12 +148,6 @@ void command_runner::give_up(std::size_t host, outcome how) {
     finish_host(host, {how});
 }
 
-void command_runner::take_silence(std::size_t host, std::uint32_t request) {
-    if (states_[host].request == request) {
-        give_up(host, outcome::no_answer);
-    }
-}
-
 void command_runner::give_password(std::size_t host) {
     if (chosen_.hosts.size() > 1 || states_[host].request == 0 || !ask_for_password()) {
         agent_.password(host, std::nullopt);
@@ -156,16 +157,18 @@ void command_runner::give_password(std::size_t host) {
 // Returns false, with password_problem_, when there is none.
 bool command_runner::ask_for_password() {
     std::fflush(stdout);
-    const signals_through through;  // Ctrl-C at the prompt must have its usual effect
     std::string password;
     password_problem_.clear();
-    if (!ask_password("Password for " + chosen_.hosts[0].name + ": ", false, password, password_problem_)) {
-        return false;
+    const std::string prompt = "Password for " + chosen_.hosts[0].name + ": ";
+    // Ctrl-C at the prompt must have its usual effect.
+    bool given = false;
+    with_usual_signals([&] { given = ask_password(prompt, false, password, password_problem_); });
+    if (given) {
+        password_given_ = true;
+        agent_.password(0, password);
+        wipe(password);
     }
-    password_given_ = true;
-    agent_.password(0, password);
-    wipe(password);
-    return true;
+    return given;
 }
 
 void command_runner::take_output(std::size_t host, std::uint32_t request, const std::string& text) {
@@ -173,10 +176,10 @@ void command_runner::take_output(std::size_t host, std::uint32_t request, const 
     if (state.request != request) {
         return;
     }
-    if (how_.convert != nullptr || words_[0] == "modcntl") {
+    if (convert_ != nullptr || words_[0] == "modcntl") {
         state.kept += text;
     }
-    if (how_.convert == nullptr) {
+    if (convert_ == nullptr) {
         output_.add(host, terminal_ ? state.filter.clean(text) : text);
     }
 }
@@ -201,7 +204,7 @@ void command_runner::take_status(std::size_t host, const status_answer& answer) 
             continue;
         }
         take_output(host, answer.request, line.text + "\n");
-        if (how_.convert != nullptr) {
+        if (convert_ != nullptr) {
             states_[host].lines.push_back(line);
         } else {
             output_.mark(host, line.id);
@@ -244,13 +247,13 @@ void command_runner::finish_host(std::size_t host, const command_result& end) {
     state.request = 0;
     state.end = end;
     // A command that is still under way is left to finish().
-    if (how_.once && end.how != outcome::no_answer && end.how != outcome::interrupted) {
+    if (once_ && end.how != outcome::no_answer && end.how != outcome::interrupted) {
         agent_.close(host);
     }
     const bool over = end.how == outcome::over;
     // One object of JSON without an answer would look like a status.
-    if (how_.convert != nullptr && (over || chosen_.several)) {
-        const std::string object = over || !state.kept.empty() ? how_.convert(state.kept) : "";
+    if (convert_ != nullptr && (over || chosen_.several)) {
+        const std::string object = over || !state.kept.empty() ? convert_(state.kept) : "";
         output_.add(host,
                     chosen_.several ? host_json(chosen_.hosts[host].label, object, describe(end)) : object);
         for (const status_line& line : state.lines) {
@@ -272,11 +275,11 @@ void command_runner::written(std::size_t host) {
     const command_result& end = states_[host].end;
     const std::string text = describe(end);
     // A module that fails says why in its output; its exit code needs no message.
-    const bool module_spoke = how_.once && !chosen_.several && end.how == outcome::over && end.signal == 0;
+    const bool module_spoke = once_ && !chosen_.several && end.how == outcome::over && end.signal == 0;
     if (text.empty() || module_spoke) {
         return;
     }
-    if (how_.at_terminal) {
+    if (at_terminal_) {
         std::printf("[%s]\n", text.c_str());
         return;
     }
@@ -304,7 +307,7 @@ int command_runner::finish(int code) {
             names += (names.empty() ? " of " : ", ") + chosen_.hosts[host].label;
         }
     }
-    if (sum != 0 && isatty(STDERR_FILENO) == 1 && !(how_.once && shows_messages_)) {
+    if (sum != 0 && isatty(STDERR_FILENO) == 1 && !(once_ && shows_messages_)) {
         std::fprintf(stderr, "%zu new message%s%s; schedctl status shows %s\n", sum, sum == 1 ? "" : "s",
                      chosen_.several ? names.c_str() : "", sum == 1 ? "it" : "them");
     }
@@ -316,12 +319,10 @@ int run_command(const settings& chosen) {
     if (chosen.several && chosen.words[0] == "ipset") {
         throw std::runtime_error("ipset affects only its own connection; use it in a session");
     }
-    const command_runner::manner how{.once = true,
-                                     .convert = chosen.json ? json_writer_of(chosen.words) : nullptr};
-    if (chosen.json && how.convert == nullptr) {
+    if (chosen.json && json_writer_of(chosen.words) == nullptr) {
         throw std::runtime_error(std::string("--json is for ") + json_commands);
     }
-    command_runner runner(chosen, how);
+    command_runner runner(chosen);
     return runner.finish(runner.run(chosen.words));
 }
 

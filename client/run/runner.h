@@ -13,14 +13,9 @@ namespace client {
 
 class command_runner {
 public:
-    struct manner {
-        bool once = false;                   // a single command: each connection is closed behind it
-        bool at_terminal = false;            // a session at a terminal
-        json_writer convert = {};            // the form of the answers; empty: as they come
-        std::function<void()> suspend = {};  // see signal_watch
-    };
-
-    command_runner(const settings& chosen, manner how);
+    // For the command of the settings, behind which each connection is closed, or for a session. suspend: see
+    // signal_watch; set for a session at a terminal.
+    explicit command_runner(const settings& chosen, std::function<void()> suspend = nullptr);
 
     // Runs a command on all hosts. Returns its exit code, when its output is written or the operator has given it up.
     // Throws std::system_error when the output cannot be written.
@@ -68,15 +63,16 @@ private:
     void take_status(std::size_t host, const status_answer& answer);
     void print_unstored(std::size_t host, const std::vector<status_line>& lines) const;
     void take_end(std::size_t host, std::uint32_t request, const command_result& end);
-    void take_silence(std::size_t host, std::uint32_t request);
     void give_password(std::size_t host);
     void give_up(std::size_t host, outcome how);
     void finish_host(std::size_t host, const command_result& end);
     void written(std::size_t host);
 
     const settings& chosen_;
-    const manner how_;
-    const bool terminal_;  // standard output
+    const bool once_;            // a single command
+    const bool at_terminal_;     // a session at a terminal
+    const bool terminal_;        // standard output
+    const json_writer convert_;  // the form of the answers; empty: as they come
     const bool shows_messages_;
     agent_client agent_;
     signal_watch signals_;

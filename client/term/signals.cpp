@@ -60,13 +60,12 @@ bool signal_watch::take() {
     return stop;
 }
 
-signals_through::signals_through() {
+void with_usual_signals(const std::function<void()>& action) {
     const sigset_t set = watched();
-    sigprocmask(SIG_UNBLOCK, &set, &before_);
-}
-
-signals_through::~signals_through() {
-    sigprocmask(SIG_SETMASK, &before_, nullptr);
+    sigset_t before;
+    sigprocmask(SIG_UNBLOCK, &set, &before);
+    action();
+    sigprocmask(SIG_SETMASK, &before, nullptr);
 }
 
 }  // namespace client

@@ -36,16 +36,7 @@ private:
     bool resized_ = false;
 };
 
-// While it exists, the watched signals have their usual effect, for a prompt that handles them itself.
-class signals_through {
-public:
-    signals_through();
-    ~signals_through();
-    signals_through(const signals_through&) = delete;
-    signals_through& operator=(const signals_through&) = delete;
-
-private:
-    sigset_t before_;
-};
+// Does this while the watched signals have their usual effect, for a prompt that handles them itself.
+void with_usual_signals(const std::function<void()>& action);
 
 }  // namespace client

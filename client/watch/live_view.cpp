@@ -128,10 +128,7 @@ private:
     void without_screen(const std::function<void()>& action) {
         const bool is_shown = screen_.is_entered();
         screen_.leave();
-        {
-            const signals_through through;
-            action();
-        }
+        with_usual_signals(action);
         if (is_shown) {
             screen_.enter();
             key_pressed_ = true;

@@ -202,10 +202,12 @@ std::optional<std::string> poller::password(std::size_t host) {
     if (chosen_.what != task::watch) {
         return std::nullopt;
     }
-    const signals_through through;
+    const std::string prompt = "Password for " + chosen_.hosts[host].name + ": ";
     std::string password;
     std::string problem;
-    if (ask_password("Password for " + chosen_.hosts[host].name + ": ", false, password, problem)) {
+    bool given = false;
+    with_usual_signals([&] { given = ask_password(prompt, false, password, problem); });
+    if (given) {
         return password;
     }
     complain(problem);
