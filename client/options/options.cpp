@@ -1,7 +1,6 @@
 #include "options/options.h"
 
 #include "options/completion.h"
-#include "options/module_list.h"
 #include "protocol/answer.h"
 #include "protocol/status.h"
 #include "protocol/words.h"

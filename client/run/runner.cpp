@@ -1,6 +1,6 @@
 #include "run/runner.h"
 
-#include "options/module_list.h"
+#include "options/completion.h"
 #include "protocol/limits.h"
 #include "protocol/words.h"
 #include "term/output.h"
@@ -11,17 +11,6 @@
 #include <stdexcept>
 
 namespace client {
-
-namespace {
-
-host_output::order order_for(const settings& chosen) {
-    if (chosen.hosts.size() == 1) {
-        return host_output::order::stream;
-    }
-    return chosen.as_it_comes ? host_output::order::by_line : host_output::order::by_host;
-}
-
-}  // namespace
 
 command_runner::command_runner(const settings& chosen, std::function<void()> suspend)
     : chosen_(chosen),
@@ -48,9 +37,7 @@ command_runner::command_runner(const settings& chosen, std::function<void()> sus
            .password_needed = std::bind_front(&command_runner::give_password, this)}),
       signals_(std::move(suspend)),
       states_(chosen.hosts.size()),
-      output_(chosen.hosts, chosen.several && !chosen.json, order_for(chosen),
-              {.shown = std::bind_front(&agent_client::shown, &agent_),
-               .ended = std::bind_front(&command_runner::written, this)}) {}
+      output_(chosen, std::bind_front(&command_runner::written, this)) {}
 
 int command_runner::run(const std::vector<std::string>& words) {
     words_ = words;
@@ -270,8 +257,17 @@ void command_runner::finish_host(std::size_t host, const command_result& end) {
     output_.end(host);
 }
 
-void command_runner::written(std::size_t host) {
-    --running_;
+void command_runner::written(const std::vector<std::uint64_t>& shown, const std::vector<std::size_t>& ended) {
+    if (!shown.empty()) {
+        agent_.shown(shown);
+    }
+    running_ -= ended.size();
+    for (const std::size_t host : ended) {
+        report_end(host);
+    }
+}
+
+void command_runner::report_end(std::size_t host) const {
     const command_result& end = states_[host].end;
     const std::string text = describe(end);
     // A module that fails says why in its output; its exit code needs no message.

@@ -66,7 +66,8 @@ private:
     void give_password(std::size_t host);
     void give_up(std::size_t host, outcome how);
     void finish_host(std::size_t host, const command_result& end);
-    void written(std::size_t host);
+    void written(const std::vector<std::uint64_t>& shown, const std::vector<std::size_t>& ended);
+    void report_end(std::size_t host) const;
 
     const settings& chosen_;
     const bool once_;            // a single command

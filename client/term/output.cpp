@@ -51,4 +51,16 @@ void complain(const std::string& problem) {
     std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, problem.c_str());
 }
 
+bool line_writer::write(const std::string& line) {
+    if (is_open_ && !write_all(STDOUT_FILENO, line)) {
+        is_open_ = false;
+        exit_code_ = errno == EPIPE || errno == EINTR ? 0 : fail_output();
+    }
+    return is_open_;
+}
+
+bool line_writer::print(const std::string& text) {
+    return write((isatty(STDOUT_FILENO) == 1 ? fit(text) : text) + "\n");
+}
+
 }  // namespace client

@@ -1,9 +1,9 @@
 #include "options/options.h"
 #include "protocol/limits.h"
+#include "term/output.h"
 #include "term/screen.h"
 #include "term/signals.h"
 #include "watch/drawing.h"
-#include "watch/line_writer.h"
 #include "watch/poller.h"
 #include "watch/watch.h"
 
@@ -112,15 +112,17 @@ private:
     void draw() {
         drawn_at_ = clock::now();
         news_ = key_pressed_ = false;
+        std::vector<std::uint64_t> ids;
         for (event* message :
              chosen_.several ? draw_hosts(rows_, notice_, keys_) : draw_host(rows_[0], notice_, messages_)) {
-            shown(std::exchange(message->id, 0));
+            ids.push_back(std::exchange(message->id, 0));
         }
+        shown(ids);
     }
 
     void print(const listed_message& line) {
         if (out_.print(chosen_.prefix_of(line.host) + line.what.date + " " + line.what.text)) {
-            shown(line.what.id);
+            shown({line.what.id});
         }
     }
 

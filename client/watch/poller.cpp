@@ -146,9 +146,10 @@ void poller::step(std::span<pollfd> others, clock::time_point until) {
     }
 }
 
-void poller::shown(std::uint64_t id) {
-    if (id != 0) {
-        agent_.shown({id});
+void poller::shown(std::vector<std::uint64_t> ids) {
+    std::erase(ids, 0);
+    if (!ids.empty()) {
+        agent_.shown(ids);
     }
 }
 
