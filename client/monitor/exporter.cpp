@@ -10,17 +10,13 @@
 
 #include <algorithm>
 #include <charconv>
-#include <deque>
 #include <limits>
-#include <map>
 #include <netdb.h>
 #include <nlohmann/json.hpp>
-#include <poll.h>
 #include <sstream>
 #include <stdexcept>
 #include <sys/socket.h>
 #include <system_error>
-#include <unistd.h>
 #include <unordered_map>
 
 namespace client {
@@ -127,13 +123,11 @@ public:
                               targets_[number].work->status(answer);
                           }
                       },
-                  .ended = [this](std::size_t number, std::uint32_t,
-                                  const command_result& end) { ended(number, end); },
+                  .ended = std::bind_front(&exporter::ended, this),
                   .late = [](std::size_t, std::uint32_t) {},  // the requests were answered before
                   .closed = [](std::size_t, std::size_t, bool) {},
                   .password_needed = [this](std::size_t number) { agent_.password(number, std::nullopt); }}),
-          server_(listener, limit_ + http_lifetime,
-                  [this](http_request& request) { return handle(request); }) {
+          server_(listener, limit_ + http_lifetime, std::bind_front(&exporter::handle, this)) {
         std::for_each(listed_.begin(), listed_.end(), [this](const host_name& host) { add(host); });
     }
 
@@ -230,7 +224,7 @@ private:
         return std::nullopt;
     }
 
-    void ended(std::size_t number, const command_result& end) {
+    void ended(std::size_t number, std::uint32_t /*request*/, const command_result& end) {
         target& of = targets_[number];
         if (ending_ || !of.work) {  // the exporter ends, or an idle connection has
             return;

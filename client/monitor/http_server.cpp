@@ -93,16 +93,13 @@ struct http_server::callbacks {
         *context = nullptr;
     }
 
-    static void connection(void* self, MHD_Connection* connection, void** context,
+    static void connection(void* self, MHD_Connection* connection, void**,
                            MHD_ConnectionNotificationCode code) {
         auto& server = *static_cast<http_server*>(self);
         if (code == MHD_CONNECTION_NOTIFY_STARTED) {
-            server.open_[++server.last_number_] = {clock::now() + server.lifetime_, connection};
-            // The library keeps a pointer for us; we keep a number in it.
-            // NOLINTNEXTLINE(performance-no-int-to-ptr)
-            *context = reinterpret_cast<void*>(server.last_number_);
+            server.open_[connection] = clock::now() + server.lifetime_;
         } else {
-            server.open_.erase(reinterpret_cast<std::size_t>(*context));
+            server.open_.erase(connection);
         }
     }
 };
@@ -134,25 +131,21 @@ void http_server::stop() {
 }
 
 http_server::clock::time_point http_server::step() {
-    end_old_connections();
     MHD_run(daemon_);
+    const clock::time_point now = clock::now();
     MHD_UNSIGNED_LONG_LONG wait = 0;
-    clock::time_point next = open_.empty() ? clock::time_point::max() : open_.begin()->second.end;
-    if (MHD_get_timeout(daemon_, &wait) == MHD_YES) {
-        next = std::min(next, clock::now() + std::chrono::milliseconds(wait));
+    const bool waits = MHD_get_timeout(daemon_, &wait) == MHD_YES;
+    clock::time_point next = waits ? now + std::chrono::milliseconds(wait) : clock::time_point::max();
+    // The library's own time-out begins again with each byte, so one byte a second would keep a connection for hours.
+    for (auto& [connection, end] : open_) {
+        if (end <= now) {
+            shutdown(MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd,
+                     SHUT_RDWR);
+            end = clock::time_point::max();
+        }
+        next = std::min(next, end);
     }
     return next;
-}
-
-// The library's own time-out begins again with each byte, so one byte a second would keep a connection for hours.
-void http_server::end_old_connections() {
-    const clock::time_point now = clock::now();
-    while (!open_.empty() && open_.begin()->second.end <= now) {
-        shutdown(MHD_get_connection_info(open_.begin()->second.connection, MHD_CONNECTION_INFO_CONNECTION_FD)
-                     ->connect_fd,
-                 SHUT_RDWR);
-        open_.erase(open_.begin());
-    }
 }
 
 void http_server::answer(http_request& request, http_reply reply) {

@@ -55,17 +55,10 @@ public:
 
 private:
     struct callbacks;  // called by the library
-    struct open_connection {
-        clock::time_point end;
-        MHD_Connection* connection;
-    };
-
-    void end_old_connections();
 
     const std::chrono::seconds lifetime_;
     const handler handler_;
-    std::map<std::size_t, open_connection> open_;  // by number; the oldest first
-    std::size_t last_number_ = 0;
+    std::map<MHD_Connection*, clock::time_point> open_;  // with the time at which each ends
     MHD_Daemon* daemon_ = nullptr;
     int fd_ = -1;
 };

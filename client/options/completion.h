@@ -20,6 +20,7 @@ void print_completions(const CLI::App& app, const std::vector<std::string>& befo
 // is kept.
 void keep_modules(const host_name& host, std::string_view answer);
 
-std::vector<std::string> kept_modules(const host_name& host);
+// The names that were kept for any of these schedulers.
+std::vector<std::string> kept_modules(const std::vector<host_name>& hosts);
 
 }  // namespace client

@@ -34,7 +34,12 @@ command_runner::command_runner(const settings& chosen, std::function<void()> sus
                    }
                },
            .closed = [this](std::size_t host, std::size_t waiting, bool) { states_[host].waiting = waiting; },
-           .password_needed = std::bind_front(&command_runner::give_password, this)}),
+           .password_needed =
+               [this](std::size_t host) {
+                   if (states_.size() > 1 || states_[host].request == 0 || !ask_for_password()) {
+                       agent_.password(host, std::nullopt);
+                   }
+               }}),
       signals_(std::move(suspend)),
       states_(chosen.hosts.size()),
       output_(chosen, std::bind_front(&command_runner::written, this)) {}
@@ -86,7 +91,17 @@ void command_runner::wait() {
     std::fflush(stdout);  // the output goes past its buffer
     clock::time_point order_end = states_.size() > 1 ? clock::now() + order_limit : clock::time_point::max();
     while (running_ > 0) {
-        if (!step(order_end)) {
+        output_.write_some();
+        pollfd others[] = {{signals_.fd(), POLLIN, 0},
+                           {output_.is_waiting() ? STDOUT_FILENO : -1, POLLOUT, 0}};
+        // A module of one host has to wait for a slow reader; with several, the ends of the others must be seen.
+        if (states_.size() == 1 && output_.waiting_bytes() > max_answer) {
+            poll(others, std::size(others), -1);
+        } else if (running_ > 0) {
+            agent_.step(others, order_end);
+        }
+        output_.write_some();
+        if (others[0].revents != 0 && signals_.take()) {
             interrupt();
             break;
         }
@@ -98,20 +113,6 @@ void command_runner::wait() {
     std::fflush(stdout);
 }
 
-// Returns false when a signal ends the wait.
-bool command_runner::step(clock::time_point until) {
-    output_.write_some();
-    pollfd others[] = {{signals_.fd(), POLLIN, 0}, {output_.is_waiting() ? STDOUT_FILENO : -1, POLLOUT, 0}};
-    // A module of one host has to wait for a slow reader; with several, the ends of the others must be seen.
-    if (states_.size() == 1 && output_.waiting_bytes() > max_answer) {
-        poll(others, std::size(others), -1);
-    } else if (running_ > 0) {
-        agent_.step(others, until);
-    }
-    output_.write_some();
-    return others[0].revents == 0 || !signals_.take();
-}
-
 // A signal: gives up all commands, and writes what has come as long as the reader takes it.
 void command_runner::interrupt() {
     output_.stop_ordering();
@@ -121,10 +122,9 @@ void command_runner::interrupt() {
         }
     }
     pollfd ready{STDOUT_FILENO, POLLOUT, 0};
-    output_.write_some();
-    while (output_.is_waiting() && poll(&ready, 1, static_cast<int>(order_limit.count())) > 0) {
+    do {
         output_.write_some();
-    }
+    } while (output_.is_waiting() && poll(&ready, 1, static_cast<int>(order_limit.count())) > 0);
     exit_code_ = 128 + (signals_.leaving() ? SIGTERM : SIGINT);
 }
 
@@ -133,12 +133,6 @@ void command_runner::give_up(std::size_t host, outcome how) {
     ++given_up_;
     agent_.cancel(host, states_[host].request);
     finish_host(host, {how});
-}
-
-void command_runner::give_password(std::size_t host) {
-    if (chosen_.hosts.size() > 1 || states_[host].request == 0 || !ask_for_password()) {
-        agent_.password(host, std::nullopt);
-    }
 }
 
 // Returns false, with password_problem_, when there is none.

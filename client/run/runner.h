@@ -55,7 +55,6 @@ private:
         std::size_t waiting = 0;  // messages that nobody was shown, when the connection was closed
     };
     void wait();
-    bool step(clock::time_point until);
     void interrupt();
     void start(std::size_t host);
     bool ask_for_password();
@@ -63,7 +62,6 @@ private:
     void take_status(std::size_t host, const status_answer& answer);
     void print_unstored(std::size_t host, const std::vector<status_line>& lines) const;
     void take_end(std::size_t host, std::uint32_t request, const command_result& end);
-    void give_password(std::size_t host);
     void give_up(std::size_t host, outcome how);
     void finish_host(std::size_t host, const command_result& end);
     void written(const std::vector<std::uint64_t>& shown, const std::vector<std::size_t>& ended);

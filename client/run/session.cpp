@@ -134,7 +134,7 @@ private:
     }
 
     word_list candidates(const word_list& earlier) const {
-        word_list words = words_after(earlier, kept_modules(chosen_.hosts[0]));
+        word_list words = words_after(earlier, kept_modules(chosen_.hosts));
         if (earlier.empty()) {
             words.insert(words.end(), {"help", "exit"});
         }

@@ -11,14 +11,6 @@
 
 namespace client {
 
-namespace {
-
-ssize_t write_error(void* /*unused*/, const char* text, std::size_t size) {
-    return write_all(STDERR_FILENO, {text, size}) ? static_cast<ssize_t>(size) : 0;
-}
-
-}  // namespace
-
 bool open_standard_streams() {
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         // open returns the lowest free number, and the numbers below are open.
@@ -26,6 +18,9 @@ bool open_standard_streams() {
             return false;
         }
     }
+    const auto write_error = [](void*, const char* text, std::size_t size) -> ssize_t {
+        return write_all(STDERR_FILENO, {text, size}) ? static_cast<ssize_t>(size) : 0;
+    };
     if (std::FILE* const patient = fopencookie(nullptr, "w", {nullptr, write_error, nullptr, nullptr})) {
         std::setvbuf(patient, nullptr, _IONBF, 0);
         stderr = patient;

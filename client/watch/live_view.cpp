@@ -100,13 +100,8 @@ private:
 
     // Draws at once after a key, at a limited rate while many answers come, and each second to update the ages.
     clock::time_point draw_due() const {
-        if (!screen_.is_entered()) {
-            return clock::time_point::max();
-        }
-        if (key_pressed_) {
-            return drawn_at_;
-        }
-        return drawn_at_ + (news_ ? std::chrono::milliseconds(200) : std::chrono::milliseconds(1000));
+        const std::chrono::milliseconds pause(key_pressed_ ? 0 : news_ ? 200 : 1000);
+        return screen_.is_entered() ? drawn_at_ + pause : clock::time_point::max();
     }
 
     void draw() {

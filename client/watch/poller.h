@@ -5,13 +5,6 @@
 #include "agent/agent_client.h"
 #include "watch/inquiry.h"
 
-#include <chrono>
-#include <optional>
-#include <poll.h>
-#include <span>
-#include <string>
-#include <vector>
-
 namespace client {
 
 struct settings;
