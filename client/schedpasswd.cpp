@@ -23,13 +23,6 @@ constexpr int exit_output = 200;  // done, but standard output could not be writ
 
 // The functions below throw std::runtime_error with the reason, which main reports.
 
-bool give_to_owner(int fd, const std::string& path) {
-    struct stat owner {};
-    return geteuid() != 0 ||
-           ((stat(path.c_str(), &owner) == 0 || stat(client::directory_of(path).c_str(), &owner) == 0) &&
-            fchown(fd, owner.st_uid, owner.st_gid) == 0);
-}
-
 // Returns the path of the scheduler's password file. Its directory is VGD_data of the environment, else of the
 // installed service's settings: in a shell of root the variable is not set.
 std::string default_file() {
@@ -95,9 +88,14 @@ int set(const std::string& path, bool from_input) {
     const std::string salt = client::random_alphanumeric(8);
     const std::string text = client::hash_text(salt, password) + " " + salt + "\n";
     client::wipe(password);
+    const auto give_to_owner = [&path](int fd) {
+        struct stat owner {};
+        return geteuid() != 0 ||
+               ((stat(path.c_str(), &owner) == 0 || stat(client::directory_of(path).c_str(), &owner) == 0) &&
+                fchown(fd, owner.st_uid, owner.st_gid) == 0);
+    };
     std::string problem;
-    if (!client::replace_file(path, text, 0600, true, problem,
-                              [&path](int fd) { return give_to_owner(fd, path); })) {
+    if (!client::replace_file(path, text, 0600, true, problem, give_to_owner)) {
         throw std::runtime_error(problem);
     }
     std::printf("%s is written; the scheduler reads it at its next start.\n", path.c_str());

@@ -1,7 +1,5 @@
 #include "run/session.h"
 
-#include "mail/state_path.h"
-#include "options/completion.h"
 #include "options/options.h"
 #include "protocol/words.h"
 #include "run/line_editor.h"
@@ -16,8 +14,6 @@
 namespace client {
 
 namespace {
-
-using word_list = std::vector<std::string>;
 
 void print_help() {
     for (const daemon_word& known : daemon_words()) {
@@ -41,24 +37,14 @@ public:
     int at_terminal() {
         std::puts("(Tab completes, help lists the words, quit or Ctrl-D leaves)");
         runner_.show_stored();
-        const host_name& host = chosen_.hosts[0];
-        const std::string& user = chosen_.connect.user;
-        const std::string prompt =
-            (user.empty() ? "" : user + "@") + host.name + ":" + std::to_string(host.port) + "> ";
-        // Without a directory the history is not stored.
-        const std::string directory = private_directory();
-        const std::string history = directory.empty() ? "" : directory + "/history";
-        editor_ = std::make_unique<line_editor>(prompt, history, runner_);
-        editor_->candidates = [this](const word_list& earlier) { return candidates(earlier); };
+        editor_ = std::make_unique<line_editor>(chosen_, runner_);
         std::string line;
-        for (bool going = true; going;) {
-            const line_editor::result got = editor_->read(line);
-            if (got == line_editor::result::line) {
-                going = run_line(line);
-            } else if (got == line_editor::result::end_of_input) {
-                std::puts("quit");
-                going = false;
-            }
+        bool has_line = true;
+        do {
+            has_line = editor_->read(line);
+        } while (has_line && run_line(line));
+        if (!has_line) {
+            std::puts("quit");
         }
         editor_.reset();
         return runner_.finish(0);
@@ -86,7 +72,7 @@ private:
 
     // Returns false when the session is over.
     bool run_line(const std::string& line) {
-        word_list words;
+        std::vector<std::string> words;
         if (!split_words(line, words)) {
             complain("a quote is not closed");
             exit_code_ = exit_usage;
@@ -107,7 +93,7 @@ private:
         return !ends;
     }
 
-    bool run(const word_list& words) {
+    bool run(const std::vector<std::string>& words) {
         if (terminal_) {
             run_at_terminal(words);
             return !runner_.signals().leaving();
@@ -118,7 +104,7 @@ private:
         return how != outcome::closed && how != outcome::unsent && how != outcome::interrupted;
     }
 
-    void run_at_terminal(const word_list& words) {
+    void run_at_terminal(const std::vector<std::string>& words) {
         const std::size_t before = runner_.given_up_count();
         // The scheduler answers in the order of the requests, so the answer given up earlier comes first.
         if (before != 0) {
@@ -131,14 +117,6 @@ private:
         if (const std::string note = runner_.take_note(); !note.empty()) {
             std::printf("(%s)\n", note.c_str());
         }
-    }
-
-    word_list candidates(const word_list& earlier) const {
-        word_list words = words_after(earlier, kept_modules(chosen_.hosts));
-        if (earlier.empty()) {
-            words.insert(words.end(), {"help", "exit"});
-        }
-        return words;
     }
 
     const settings& chosen_;
