@@ -179,9 +179,7 @@ void command_runner::take_status(std::size_t host, const status_answer& answer) 
     std::vector<std::uint64_t> not_shown;
     for (const status_line& line : answer.lines) {
         if (!is_wanted) {
-            if (line.id != 0) {
-                not_shown.push_back(line.id);
-            }
+            not_shown.push_back(line.id);
             continue;
         }
         take_output(host, answer.request, line.text + "\n");
@@ -191,6 +189,7 @@ void command_runner::take_status(std::size_t host, const status_answer& answer) 
             output_.mark(host, line.id);
         }
     }
+    std::erase(not_shown, 0);  // lines that are no messages
     if (answer.request != 0 && !not_shown.empty()) {
         agent_.put_back(not_shown);  // the request was given up while its answer was on its way
     }

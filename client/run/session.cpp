@@ -8,7 +8,7 @@
 
 #include <cstdio>
 #include <iostream>
-#include <memory>
+#include <optional>
 #include <unistd.h>
 
 namespace client {
@@ -37,7 +37,7 @@ public:
     int at_terminal() {
         std::puts("(Tab completes, help lists the words, quit or Ctrl-D leaves)");
         runner_.show_stored();
-        editor_ = std::make_unique<line_editor>(chosen_, runner_);
+        editor_.emplace(chosen_, runner_);
         std::string line;
         bool has_line = true;
         do {
@@ -65,7 +65,7 @@ public:
 
 private:
     void suspend() {
-        if (editor_ != nullptr) {
+        if (editor_) {
             editor_->suspend();
         }
     }
@@ -121,7 +121,7 @@ private:
 
     const settings& chosen_;
     const bool terminal_;
-    std::unique_ptr<line_editor> editor_;
+    std::optional<line_editor> editor_;
     command_runner runner_;
     int exit_code_ = 0;
 };
