@@ -23,36 +23,6 @@ constexpr int exit_output = 200;  // done, but standard output could not be writ
 
 // The functions below throw std::runtime_error with the reason, which main reports.
 
-// A password file: hash text, a blank, salt, a line feed.
-struct password_record {
-    std::string hash;  // 64 lower-case hexadecimal digits
-    std::string salt;  // 8 letters or digits
-};
-
-bool give_to_owner(int fd, const std::string& path) {
-    struct stat owner {};
-    return geteuid() != 0 ||
-           ((stat(path.c_str(), &owner) == 0 || stat(client::directory_of(path).c_str(), &owner) == 0) &&
-            fchown(fd, owner.st_uid, owner.st_gid) == 0);
-}
-
-// Returns the record, if the scheduler would accept it.
-password_record read_password_file(const std::string& path) {
-    std::ifstream file(path);
-    if (!file) {
-        throw std::runtime_error(path + ": " + std::generic_category().message(errno));
-    }
-    char text[128] = "";  // as much as the scheduler reads
-    file.read(text, sizeof text - 1);
-    std::istringstream words(text);
-    password_record record;
-    words >> record.hash >> record.salt;
-    if (record.hash.size() != 64 || record.salt.size() != 8) {
-        throw std::runtime_error(path + ": not a password file (the scheduler would require no login)");
-    }
-    return record;
-}
-
 // Returns the path of the scheduler's password file. Its directory is VGD_data of the environment, else of the
 // installed service's settings: in a shell of root the variable is not set.
 std::string default_file() {
@@ -87,9 +57,21 @@ std::string get_password(bool from_input, bool is_new) {
 }
 
 int check(const std::string& path, bool from_input) {
-    const password_record record = read_password_file(path);
+    std::ifstream file(path);
+    if (!file) {
+        throw std::runtime_error(path + ": " + std::generic_category().message(errno));
+    }
+    char text[128] = "";  // as much as the scheduler reads
+    file.read(text, sizeof text - 1);
+    std::istringstream words(text);
+    std::string hash;  // 64 lower-case hexadecimal digits
+    std::string salt;  // 8 letters or digits
+    words >> hash >> salt;
+    if (hash.size() != 64 || salt.size() != 8) {
+        throw std::runtime_error(path + ": not a password file (the scheduler would require no login)");
+    }
     std::string password = get_password(from_input, false);
-    const bool right = client::hash_text(record.salt, password) == record.hash;
+    const bool right = client::hash_text(salt, password) == hash;
     client::wipe(password);  // passwords stay in memory no longer than needed
     std::puts(right ? "The password is right." : "The password is wrong.");
     return right ? 0 : exit_wrong;
@@ -106,9 +88,14 @@ int set(const std::string& path, bool from_input) {
     const std::string salt = client::random_alphanumeric(8);
     const std::string text = client::hash_text(salt, password) + " " + salt + "\n";
     client::wipe(password);
+    const auto give_to_owner = [&path](int fd) {
+        struct stat owner {};
+        return geteuid() != 0 ||
+               ((stat(path.c_str(), &owner) == 0 || stat(client::directory_of(path).c_str(), &owner) == 0) &&
+                fchown(fd, owner.st_uid, owner.st_gid) == 0);
+    };
     std::string problem;
-    if (!client::replace_file(path, text, 0600, true, problem,
-                              [&path](int fd) { return give_to_owner(fd, path); })) {
+    if (!client::replace_file(path, text, 0600, true, problem, give_to_owner)) {
         throw std::runtime_error(problem);
     }
     std::printf("%s is written; the scheduler reads it at its next start.\n", path.c_str());

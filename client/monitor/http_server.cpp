@@ -5,13 +5,11 @@
 #include "protocol/limits.h"
 
 #include <algorithm>
-#include <memory>
 #include <microhttpd.h>
 #include <stdexcept>
 #include <string_view>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <utility>
 
 namespace client {
 
@@ -93,66 +91,53 @@ struct http_server::callbacks {
         *context = nullptr;
     }
 
-    static void connection(void* self, MHD_Connection* connection, void** context,
+    static void connection(void* self, MHD_Connection* connection, void**,
                            MHD_ConnectionNotificationCode code) {
         auto& server = *static_cast<http_server*>(self);
         if (code == MHD_CONNECTION_NOTIFY_STARTED) {
-            server.open_[++server.last_number_] = {clock::now() + server.lifetime_, connection};
-            // The library keeps a pointer for us; we keep a number in it.
-            // NOLINTNEXTLINE(performance-no-int-to-ptr)
-            *context = reinterpret_cast<void*>(server.last_number_);
+            server.open_[connection] = clock::now() + server.lifetime_;
         } else {
-            server.open_.erase(reinterpret_cast<std::size_t>(*context));
+            server.open_.erase(connection);
         }
     }
 };
 
 http_server::http_server(int listener, std::chrono::seconds lifetime, handler answerer)
-    : lifetime_(lifetime), handler_(std::move(answerer)) {
+    : lifetime_(lifetime), handler_(std::move(answerer)), daemon_(nullptr, MHD_stop_daemon) {
     rlimit files{};
     getrlimit(RLIMIT_NOFILE, &files);
     // At most half of the descriptors, so that the others are left for what the requests ask for.
     const auto limit = static_cast<unsigned>(std::min<rlim_t>(max_http_connections, files.rlim_cur / 2));
-    daemon_ = MHD_start_daemon(MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME, 0, nullptr, nullptr,
-                               &callbacks::request, this,                        //
-                               MHD_OPTION_LISTEN_SOCKET, listener,               //
-                               MHD_OPTION_CONNECTION_MEMORY_LIMIT, http_memory,  //
-                               MHD_OPTION_CONNECTION_LIMIT, limit,               //
-                               MHD_OPTION_STRICT_FOR_CLIENT, 1,                  //
-                               MHD_OPTION_NOTIFY_COMPLETED, &callbacks::completed, this,
-                               MHD_OPTION_NOTIFY_CONNECTION, &callbacks::connection, this, MHD_OPTION_END);
+    daemon_.reset(MHD_start_daemon(
+        MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME, 0, nullptr, nullptr, &callbacks::request, this,  //
+        MHD_OPTION_LISTEN_SOCKET, listener,                                                        //
+        MHD_OPTION_CONNECTION_MEMORY_LIMIT, http_memory,                                           //
+        MHD_OPTION_CONNECTION_LIMIT, limit,                                                        //
+        MHD_OPTION_STRICT_FOR_CLIENT, 1,                                                           //
+        MHD_OPTION_NOTIFY_COMPLETED, &callbacks::completed, this,                                  //
+        MHD_OPTION_NOTIFY_CONNECTION, &callbacks::connection, this, MHD_OPTION_END));
     if (daemon_ == nullptr) {
         throw std::runtime_error("the HTTP server cannot be started");
     }
-    fd_ = MHD_get_daemon_info(daemon_, MHD_DAEMON_INFO_EPOLL_FD)->epoll_fd;
-}
-
-void http_server::stop() {
-    if (daemon_ != nullptr) {
-        MHD_stop_daemon(std::exchange(daemon_, nullptr));
-    }
+    fd_ = MHD_get_daemon_info(daemon_.get(), MHD_DAEMON_INFO_EPOLL_FD)->epoll_fd;
 }
 
 http_server::clock::time_point http_server::step() {
-    end_old_connections();
-    MHD_run(daemon_);
+    MHD_run(daemon_.get());
+    const clock::time_point now = clock::now();
     MHD_UNSIGNED_LONG_LONG wait = 0;
-    clock::time_point next = open_.empty() ? clock::time_point::max() : open_.begin()->second.end;
-    if (MHD_get_timeout(daemon_, &wait) == MHD_YES) {
-        next = std::min(next, clock::now() + std::chrono::milliseconds(wait));
+    const bool waits = MHD_get_timeout(daemon_.get(), &wait) == MHD_YES;
+    clock::time_point next = waits ? now + std::chrono::milliseconds(wait) : clock::time_point::max();
+    // The library's own time-out begins again with each byte, so one byte a second would keep a connection for hours.
+    for (auto& [connection, end] : open_) {
+        if (end <= now) {
+            shutdown(MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd,
+                     SHUT_RDWR);
+            end = clock::time_point::max();
+        }
+        next = std::min(next, end);
     }
     return next;
-}
-
-// The library's own time-out begins again with each byte, so one byte a second would keep a connection for hours.
-void http_server::end_old_connections() {
-    const clock::time_point now = clock::now();
-    while (!open_.empty() && open_.begin()->second.end <= now) {
-        shutdown(MHD_get_connection_info(open_.begin()->second.connection, MHD_CONNECTION_INFO_CONNECTION_FD)
-                     ->connect_fd,
-                 SHUT_RDWR);
-        open_.erase(open_.begin());
-    }
 }
 
 void http_server::answer(http_request& request, http_reply reply) {

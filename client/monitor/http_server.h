@@ -5,6 +5,7 @@
 #include <chrono>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -38,9 +39,6 @@ public:
 
     // listener: a listening socket, which the server closes. lifetime: of a connection. Throws std::runtime_error.
     http_server(int listener, std::chrono::seconds lifetime, handler answerer);
-    ~http_server() { stop(); }
-    http_server(const http_server&) = delete;
-    http_server& operator=(const http_server&) = delete;
 
     int fd() const { return fd_; }  // readable when step() has work
 
@@ -51,22 +49,16 @@ public:
     static void answer(http_request& request, http_reply reply);
 
     // Closes the listener and all connections. All requests must have been answered.
-    void stop();
+    void stop() { daemon_.reset(); }
 
 private:
     struct callbacks;  // called by the library
-    struct open_connection {
-        clock::time_point end;
-        MHD_Connection* connection;
-    };
-
-    void end_old_connections();
 
     const std::chrono::seconds lifetime_;
     const handler handler_;
-    std::map<std::size_t, open_connection> open_;  // by number; the oldest first
-    std::size_t last_number_ = 0;
-    MHD_Daemon* daemon_ = nullptr;
+    std::map<MHD_Connection*, clock::time_point> open_;  // with the time at which each ends
+    // After open_, which it changes until its end.
+    std::unique_ptr<MHD_Daemon, void (*)(MHD_Daemon*)> daemon_;
     int fd_ = -1;
 };
 

@@ -1,6 +1,11 @@
 #include "options/completion.h"
 
+#include "mail/replace_file.h"
+#include "mail/state_file.h"
+#include "mail/state_path.h"
+#include "protocol/listings.h"
 #include "protocol/words.h"
+#include "term/text.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -34,6 +39,12 @@ const CLI::Option* option_of(const std::vector<const CLI::App*>& apps, const std
         found = found != nullptr ? found : app->get_option_no_throw(word.substr(0, word.find('=')));
     }
     return word.starts_with("-") ? found : nullptr;
+}
+
+// Empty when there is no directory for it.
+std::string path_for(const host_name& host) {
+    const std::string directory = private_directory();
+    return directory.empty() ? "" : directory + "/modules-" + key_of(host);
 }
 
 }  // namespace
@@ -76,6 +87,27 @@ void print_completions(const CLI::App& app, const std::vector<std::string>& befo
             }
         }
     }
+}
+
+void keep_modules(const host_name& host, std::string_view answer) {
+    std::string names;
+    // The shells show these names on the terminal.
+    for (const module_row& row : parse_modules(printable_text().clean(answer))) {
+        names += row.name + "\n";
+    }
+    // A listing that cannot be kept is only missing in completion.
+    if (std::string path = path_for(host), problem; !path.empty()) {
+        replace_file(path, names, 0600, false, problem);
+    }
+}
+
+std::vector<std::string> kept_modules(const std::vector<host_name>& hosts) {
+    std::vector<std::string> names;
+    for (const host_name& host : hosts) {
+        each_line(read_file(path_for(host)).value_or(""),
+                  [&names](const std::string& name) { names.push_back(name); });
+    }
+    return names;
 }
 
 }  // namespace client

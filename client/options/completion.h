@@ -1,8 +1,8 @@
-// Completion of the command line for the shells.
+// Completion of the command line for the shells. It offers the modules of a scheduler without a connection: those of its
+// last listing.
 #pragma once
 
-#include <string>
-#include <vector>
+#include "net/host_list.h"
 
 namespace CLI {
 class App;
@@ -15,5 +15,12 @@ namespace client {
 // app has parsed them. words: the words of a command among them. modules: the names that the scheduler has listed.
 void print_completions(const CLI::App& app, const std::vector<std::string>& before, const std::string& last,
                        const std::vector<std::string>& words, const std::vector<std::string>& modules);
+
+// Keeps the names in an answer of `modcntl`, in a private file for each scheduler. Without a directory for it nothing
+// is kept.
+void keep_modules(const host_name& host, std::string_view answer);
+
+// The names that were kept for any of these schedulers.
+std::vector<std::string> kept_modules(const std::vector<host_name>& hosts);
 
 }  // namespace client

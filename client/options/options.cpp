@@ -1,7 +1,6 @@
 #include "options/options.h"
 
 #include "options/completion.h"
-#include "options/module_list.h"
 #include "protocol/answer.h"
 #include "protocol/status.h"
 #include "protocol/words.h"
@@ -44,12 +43,6 @@ constexpr const char* exit_codes =
     "A module may exit with a code of this list itself; for the client's own there is a message on standard\n"
     "error.";
 
-// Returns the port of the services entry `vgdsched`, else the scheduler's default.
-std::uint16_t default_port() {
-    const servent* const entry = getservbyname("vgdsched", "tcp");
-    return entry != nullptr ? ntohs(static_cast<std::uint16_t>(entry->s_port)) : 9980;
-}
-
 void add_options(CLI::App& app, settings& chosen) {
     app.option_defaults()->always_capture_default();
     app.add_option("-H,--host", chosen.host_list,
@@ -82,12 +75,16 @@ CLI::App& add_command(CLI::App& app, const char* word, const char* help, task wh
     return *command;
 }
 
-void add_live_command(CLI::App& app, const char* word, const char* help, task what, settings& chosen) {
-    CLI::App& command = add_command(app, word, help, what, chosen);
-    command.add_option("-n,--interval", chosen.interval, "Seconds between two status requests")
-        ->check(CLI::Range(1, 3600));
-    command.add_flag("--level-prefix", chosen.level_prefix,
-                     "Begin each line of JSON with its priority, \"<3>\"");
+void add_live_commands(CLI::App& app, settings& chosen) {
+    for (CLI::App* command :
+         {&add_command(app, "watch", "Show the status live until Ctrl-C", task::watch, chosen),
+          &add_command(app, "follow", "Write each message and change as a line of JSON", task::follow,
+                       chosen)}) {
+        command->add_option("-n,--interval", chosen.interval, "Seconds between two status requests")
+            ->check(CLI::Range(1, 3600));
+        command->add_flag("--level-prefix", chosen.level_prefix,
+                          "Begin each line of JSON with its priority, \"<3>\"");
+    }
 }
 
 void add_metrics(CLI::App& app, settings& chosen) {
@@ -130,13 +127,6 @@ void add_check(CLI::App& app, settings& chosen) {
                     "State when the scheduler does not answer in time")
         ->transform(CLI::CheckedTransformer(levels, CLI::ignore_case))
         ->default_str("unknown");
-}
-
-void add_commands(CLI::App& app, settings& chosen) {
-    add_live_command(app, "watch", "Show the status live until Ctrl-C", task::watch, chosen);
-    add_live_command(app, "follow", "Write each message and change as a line of JSON", task::follow, chosen);
-    add_metrics(app, chosen);
-    add_check(app, chosen);
 }
 
 // Returns the value of a variable; null when the option is given, or the variable is not set or empty.
@@ -226,12 +216,6 @@ const CLI::Option* option_of(const CLI::App& app, const std::string& word) {
     return word.size() == 2 || value_may_follow ? option : nullptr;
 }
 
-[[noreturn]] void refuse(const std::string& word, const std::string& why,
-                         const std::vector<std::string>& words) {
-    throw CLI::ValidationError(word + " " + why + "; to send it as a word: schedctl -- " +
-                               CLI::detail::join(words, " "));
-}
-
 // Parses the options. Returns the command words.
 std::vector<std::string> parse_line(CLI::App& app, const std::vector<std::string>& arguments) {
     app.prefix_command();  // stop at the first word that is neither an option nor a subcommand
@@ -263,18 +247,16 @@ void check_words(const CLI::App& app, const std::vector<std::string>& words) {
     const bool is_internal = is_internal_word(words.front());
     for (const std::string& word : words) {
         const std::size_t name = word.find_first_not_of('-');
-        if (!is_internal && option_of(app, word) != nullptr) {
-            refuse(word, "is an option of schedctl and must be before a module's words", words);
-        }
-        if (is_internal && (name == 1 || name == 2) &&
-            std::isalpha(static_cast<unsigned char>(word[name])) != 0) {
-            refuse(word, "is not an option of schedctl", words);
+        const bool looks_like_one =
+            (name == 1 || name == 2) && std::isalpha(static_cast<unsigned char>(word[name])) != 0;
+        if (is_internal ? looks_like_one : option_of(app, word) != nullptr) {
+            const std::string why = is_internal
+                                        ? " is not an option of schedctl"
+                                        : " is an option of schedctl and must be before a module's words";
+            throw CLI::ValidationError(word + why + "; to send it as a word: schedctl -- " +
+                                       CLI::detail::join(words, " "));
         }
     }
-}
-
-std::string usage_error(const CLI::App*, const CLI::Error& problem) {
-    return "schedctl: " + std::string(problem.what()) + "\nRun with --help for more information.\n";
 }
 
 // Prints a help or version text. A failed write of it gives an exit code as for any other output.
@@ -295,12 +277,9 @@ int complete(CLI::App& app, settings& chosen, std::vector<std::string> arguments
         if (chosen.hosts_file != "-") {  // the shell's own input
             read_environment(app, chosen);
         }
-        for (const host_name& host : chosen.hosts) {
-            const std::vector<std::string> of_host = kept_modules(host);
-            modules.insert(modules.end(), of_host.begin(), of_host.end());
-        }
+        modules = kept_modules(chosen.hosts);
     } catch (const CLI::ParseError&) {
-        modules.clear();  // while a line is typed, it may be wrong
+        // While a line is typed, it may be wrong: then no modules are known.
     }
     std::vector<std::string> words = app.remaining();
     std::erase_if(words, [](const std::string& word) { return word.starts_with("-"); });
@@ -312,14 +291,20 @@ int complete(CLI::App& app, settings& chosen, std::vector<std::string> arguments
 }  // namespace
 
 std::optional<int> parse_options(int argc, char** argv, settings& chosen) {
-    chosen.port = default_port();
+    // The entry of the services database, else the scheduler's default.
+    const servent* const entry = getservbyname("vgdsched", "tcp");
+    chosen.port = entry != nullptr ? ntohs(static_cast<std::uint16_t>(entry->s_port)) : 9980;
     CLI::App app(description, "schedctl");
     app.footer(exit_codes);
-    app.failure_message(usage_error);
+    app.failure_message([](const CLI::App*, const CLI::Error& problem) {
+        return "schedctl: " + std::string(problem.what()) + "\nRun with --help for more information.\n";
+    });
     app.set_version_flag("-V,--version", "schedctl " SCHED_VERSION, "Show the version and end");
     app.get_formatter()->label("SUBCOMMAND", "WORD... | COMMAND");
     add_options(app, chosen);
-    add_commands(app, chosen);
+    add_live_commands(app, chosen);
+    add_metrics(app, chosen);
+    add_check(app, chosen);
     const std::vector<std::string> arguments(argv + 1, argv + argc);
     if (!arguments.empty() && arguments[0] == "--complete") {
         return complete(app, chosen, {arguments.begin() + 1, arguments.end()});

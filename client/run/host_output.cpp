@@ -12,23 +12,25 @@ namespace {
 // Puts the prefix before each line. at_line_start is kept between calls, as a part may end inside a line.
 std::string with_prefix(const std::string& prefix, std::string_view text, bool& at_line_start) {
     std::string out;
-    while (!text.empty()) {
-        const std::size_t end = text.find('\n');
-        const std::size_t length = end == std::string_view::npos ? text.size() : end + 1;
-        out += at_line_start ? prefix : "";
-        out += text.substr(0, length);
-        at_line_start = end != std::string_view::npos;
-        text.remove_prefix(length);
+    for (const char c : text) {
+        if (std::exchange(at_line_start, c == '\n')) {
+            out += prefix;
+        }
+        out += c;
     }
     return out;
 }
 
 }  // namespace
 
-host_output::host_output(const std::vector<host_name>& hosts, bool prefixed, order how, listener events)
-    : order_(how), listener_(std::move(events)), in_order_(how == order::by_host) {
-    for (const host_name& host : hosts) {
-        lanes_.push_back({.prefix = prefixed ? host.label + ": " : ""});
+host_output::host_output(const settings& chosen, listener written)
+    : order_(chosen.hosts.size() == 1 ? order::stream
+             : chosen.as_it_comes     ? order::by_line
+                                      : order::by_host),
+      listener_(std::move(written)),
+      in_order_(order_ == order::by_host) {
+    for (std::size_t host = 0; host < chosen.hosts.size(); ++host) {
+        lanes_.push_back({.prefix = chosen.json ? "" : chosen.prefix_of(host)});
     }
 }
 
@@ -98,21 +100,17 @@ void host_output::release(std::size_t host) {
 }
 
 void host_output::report_written() {
-    std::vector<std::uint64_t> ids;
-    std::vector<std::size_t> ends;
+    std::vector<std::uint64_t> shown;
+    std::vector<std::size_t> ended;
     for (; !marks_.empty() && marks_.front().at <= written_; marks_.pop_front()) {
-        if (marks_.front().id != 0) {
-            ids.push_back(marks_.front().id);
+        const mark_row& first = marks_.front();
+        if (first.id != 0) {
+            shown.push_back(first.id);
         } else {
-            ends.push_back(marks_.front().host);
+            ended.push_back(first.host);
         }
     }
-    if (!ids.empty()) {
-        listener_.shown(ids);
-    }
-    for (const std::size_t host : ends) {
-        listener_.ended(host);
-    }
+    listener_(shown, ended);
 }
 
 void host_output::write_some() {

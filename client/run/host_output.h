@@ -3,7 +3,7 @@
 #pragma once
 
 #include "agent/spill_queue.h"
-#include "net/host_list.h"
+#include "options/options.h"
 
 #include <deque>
 #include <functional>
@@ -12,21 +12,11 @@ namespace client {
 
 class host_output {
 public:
-    enum class order {
-        stream,   // for one host: at once
-        by_host,  // all output of a host together when it has ended, in the order of the hosts
-        by_line,  // complete lines of any host at once
-    };
+    // These messages were written, and all output of these hosts, which have ended.
+    using listener =
+        std::function<void(const std::vector<std::uint64_t>& shown, const std::vector<std::size_t>& ended)>;
 
-    struct listener {
-        // These messages were written.
-        std::function<void(const std::vector<std::uint64_t>& ids)> shown;
-        // All output of a host that has ended was written.
-        std::function<void(std::size_t host)> ended;
-    };
-
-    // prefixed: each line begins with the host's label.
-    host_output(const std::vector<host_name>& hosts, bool prefixed, order how, listener events);
+    host_output(const settings& chosen, listener written);
 
     void add(std::size_t host, std::string_view text);
 
@@ -47,6 +37,12 @@ public:
     void write_some();
 
 private:
+    enum class order {
+        stream,   // for one host: at once
+        by_host,  // all output of a host together when it has ended, in the order of the hosts
+        by_line,  // complete lines of any host at once
+    };
+
     // After `at` bytes a message ends, or (id 0) the command of the host.
     struct mark_row {
         std::size_t at;
@@ -56,7 +52,7 @@ private:
 
     // What is not ready to be written.
     struct lane {
-        std::string prefix;
+        std::string prefix;  // of each line
         spill_queue text = {};
         std::size_t size = 0;  // bytes of text
         std::deque<mark_row> marks = {};

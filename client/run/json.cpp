@@ -3,6 +3,7 @@
 #include "protocol/listings.h"
 #include "protocol/status.h"
 
+#include <map>
 #include <nlohmann/json.hpp>
 
 namespace client {
@@ -68,25 +69,19 @@ json_writer json_writer_of(const std::vector<std::string>& words) {
     if (words[0] == "modcntl" && words.size() > 1) {
         return [words](std::string_view answer) { return switch_json(words, answer); };
     }
-    // An empty argument means any: the scheduler ignores further words.
-    const struct {
-        std::string_view command;
-        std::string_view argument;
-        json_writer writer;
-    } forms[] = {
-        {"status", "", status_json},
-        {"modcntl", "", rows_as<parse_modules>("modules")},
-        {"debug", "timer", rows_as<parse_timer_jobs>("jobs")},
-        {"show", "ip", rows_as<parse_show_ip>("connections")},
-        {"show", "allowed_ip", rows_as<parse_networks>("allowed")},
+    // Keys with a tab, which no word contains. The scheduler ignores further words.
+    const std::map<std::string, json_writer> forms = {
+        {"status", status_json},
+        {"modcntl", rows_as<parse_modules>("modules")},
+        {"debug\ttimer", rows_as<parse_timer_jobs>("jobs")},
+        {"show\tip", rows_as<parse_show_ip>("connections")},
+        {"show\tallowed_ip", rows_as<parse_networks>("allowed")},
     };
-    for (const auto& form : forms) {
-        if (words[0] == form.command &&
-            (form.argument.empty() || (words.size() > 1 && words[1] == form.argument))) {
-            return form.writer;
-        }
+    auto form = forms.find(words[0]);
+    if (form == forms.end() && words.size() > 1) {
+        form = forms.find(words[0] + "\t" + words[1]);
     }
-    return nullptr;
+    return form != forms.end() ? form->second : nullptr;
 }
 
 // "error" comes before the members of the answer, which may be long or incomplete.

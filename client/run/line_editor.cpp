@@ -1,9 +1,11 @@
 #include "run/line_editor.h"
 
 #include "mail/state_file.h"
+#include "mail/state_path.h"
+#include "options/completion.h"
 #include "protocol/limits.h"
 #include "protocol/words.h"
-#include "term/signals.h"
+#include "run/runner.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -60,8 +62,12 @@ void append_history(const std::string& path, History* lines) {
 
 }  // namespace
 
-line_editor::line_editor(const std::string& prompt, const std::string& history_path, signal_watch& signals)
-    : prompt_(prompt), history_path_(history_path), signals_(signals) {
+line_editor::line_editor(const settings& chosen, command_runner& runner) : chosen_(chosen), runner_(runner) {
+    const host_name& host = chosen.hosts[0];
+    const std::string& user = chosen.connect.user;
+    prompt_ = (user.empty() ? "" : user + "@") + host.name + ":" + std::to_string(host.port) + "> ";
+    const std::string directory = private_directory();
+    history_path_ = directory.empty() ? "" : directory + "/history";
     editor_ = el_init("schedctl", stdin, stdout, stderr);
     history_ = history_init();
     typed_ = history_init();
@@ -71,13 +77,19 @@ line_editor::line_editor(const std::string& prompt, const std::string& history_p
     history(typed_, &event, H_SETSIZE, history_size);
     load_history(history_path_, history_);
     el_set(editor_, EL_CLIENTDATA, this);
-    el_set(editor_, EL_PROMPT, prompt_of);
+    const auto prompt = [](EditLine* editor) { return self(editor).prompt_.data(); };
+    el_set(editor_, EL_PROMPT, +prompt);
     el_set(editor_, EL_EDITOR, "emacs");
     el_set(editor_, EL_HIST, history, history_);
     el_set(editor_, EL_GETCFN, next_char);
+    const auto interrupt = [](EditLine* editor, std::wint_t) -> unsigned char {
+        self(editor).interrupted_ = true;
+        std::fputs("^C\n", stdout);
+        return CC_EOF;
+    };
     // The narrow call would make copies of these texts that are never freed.
     el_wset(editor_, EL_ADDFN, L"schedctl-complete", L"complete the word", complete);
-    el_wset(editor_, EL_ADDFN, L"schedctl-interrupt", L"drop the line", interrupt);
+    el_wset(editor_, EL_ADDFN, L"schedctl-interrupt", L"drop the line", +interrupt);
     el_set(editor_, EL_BIND, "^I", "schedctl-complete", nullptr);
     el_set(editor_, EL_BIND, "^C", "schedctl-interrupt", nullptr);
     el_set(editor_, EL_BIND, "^R", "em-inc-search-prev", nullptr);  // as in the shell
@@ -98,25 +110,22 @@ line_editor& line_editor::self(EditLine* editor) {
     return *static_cast<line_editor*>(data);
 }
 
-char* line_editor::prompt_of(EditLine* editor) {
-    return self(editor).prompt_.data();
-}
-
-line_editor::result line_editor::read(std::string& line) {
+bool line_editor::read(std::string& line) {
     interrupted_ = false;
-    if (signals_.resized()) {
+    if (runner_.signals().resized()) {
         el_resize(editor_);
     }
     int length = 0;
     reading_ = true;
     const char* text = el_gets(editor_, &length);
     reading_ = false;
-    // interrupt() ends the line with CC_EOF, which el_gets reports like the end of the input.
-    if (interrupted_ && !signals_.leaving()) {
-        return result::interrupted;
+    // Ctrl-C ends the line with CC_EOF, which el_gets reports like the end of the input.
+    if (interrupted_ && !runner_.signals().leaving()) {
+        line.clear();
+        return true;
     }
     if (text == nullptr || length <= 0) {
-        return result::end_of_input;
+        return false;
     }
     line.assign(text, static_cast<std::size_t>(length));
     if (line.ends_with('\n')) {
@@ -127,24 +136,24 @@ line_editor::result line_editor::read(std::string& line) {
         history(history_, &event, H_ENTER, line.c_str());
         history(typed_, &event, H_ENTER, line.c_str());
     }
-    return result::line;
+    return true;
 }
 
 // Returns true when a key can be read, false when a signal stopped the wait.
 bool line_editor::wait_for_key() {
+    signal_watch& signals = runner_.signals();
     for (;;) {
-        pollfd ready[] = {
-            {STDIN_FILENO, POLLIN, 0}, {signals_.fd(), POLLIN, 0}, {watched ? watched() : -1, POLLIN, 0}};
+        pollfd ready[] = {{STDIN_FILENO, POLLIN, 0}, {signals.fd(), POLLIN, 0}, {runner_.fd(), POLLIN, 0}};
         if (poll(ready, 3, -1) < 0) {
             continue;
         }
-        if (ready[1].revents != 0 && signals_.take()) {
+        if (ready[1].revents != 0 && signals.take()) {
             return false;
         }
-        if (signals_.resized()) {
+        if (signals.resized()) {
             el_resize(editor_);
         }
-        if (const std::string text = ready[2].revents != 0 ? readable() : ""; !text.empty()) {
+        if (const std::string text = ready[2].revents != 0 ? runner_.absorb() : ""; !text.empty()) {
             // The row with the prompt is cleared, and drawn again below the text.
             std::printf("\r\033[K(%s)\n", text.c_str());
             std::fflush(stdout);
@@ -160,10 +169,7 @@ void line_editor::suspend() {
     if (reading_) {
         el_set(editor_, EL_PREP_TERM, 0);
     }
-    {
-        const signals_through through;
-        std::raise(SIGTSTP);
-    }
+    with_usual_signals([] { std::raise(SIGTSTP); });
     if (reading_) {
         el_set(editor_, EL_PREP_TERM, 1);
         el_set(editor_, EL_REFRESH);
@@ -177,11 +183,8 @@ int line_editor::next_char(EditLine* editor, wchar_t* wide) {
     for (;;) {
         char byte = 0;
         if (!own.wait_for_key()) {
-            if (own.signals_.leaving()) {
-                return 0;
-            }
             *wide = L'\003';  // Ctrl-C, bound to interrupt
-            return 1;
+            return own.runner_.signals().leaving() ? 0 : 1;
         }
         const ssize_t n = ::read(STDIN_FILENO, &byte, 1);
         if (n <= 0) {
@@ -198,12 +201,6 @@ int line_editor::next_char(EditLine* editor, wchar_t* wide) {
     }
 }
 
-unsigned char line_editor::interrupt(EditLine* editor, std::wint_t) {
-    self(editor).interrupted_ = true;
-    std::fputs("^C\n", stdout);
-    return CC_EOF;
-}
-
 unsigned char line_editor::complete(EditLine* editor, std::wint_t) {
     line_editor& own = self(editor);
     const LineInfo* info = el_line(editor);
@@ -213,7 +210,10 @@ unsigned char line_editor::complete(EditLine* editor, std::wint_t) {
     std::vector<std::string> earlier;
     split_words(std::string_view(before).substr(0, start), earlier);
 
-    std::vector<std::string> fitting = own.candidates(earlier);
+    std::vector<std::string> fitting = words_after(earlier, kept_modules(own.chosen_.hosts));
+    if (earlier.empty()) {
+        fitting.insert(fitting.end(), {"help", "exit"});
+    }
     std::erase_if(fitting, [&typed](const std::string& word) { return !word.starts_with(typed); });
     if (fitting.empty()) {
         return CC_ERROR;

@@ -1,6 +1,6 @@
 #include "run/runner.h"
 
-#include "options/module_list.h"
+#include "options/completion.h"
 #include "protocol/limits.h"
 #include "protocol/words.h"
 #include "term/output.h"
@@ -12,32 +12,21 @@
 
 namespace client {
 
-namespace {
-
-host_output::order order_for(const settings& chosen) {
-    if (chosen.hosts.size() == 1) {
-        return host_output::order::stream;
-    }
-    return chosen.as_it_comes ? host_output::order::by_line : host_output::order::by_host;
-}
-
-}  // namespace
-
-command_runner::command_runner(const settings& chosen, manner how)
+command_runner::command_runner(const settings& chosen, std::function<void()> suspend)
     : chosen_(chosen),
-      how_(std::move(how)),
+      once_(!chosen.words.empty()),
+      at_terminal_(suspend != nullptr),
       terminal_(isatty(STDOUT_FILENO) == 1),
-      shows_messages_(!how_.once || chosen.words[0] == "status"),
+      convert_(chosen.json ? json_writer_of(chosen.words) : nullptr),
+      shows_messages_(!once_ || chosen.words[0] == "status"),
       agent_(chosen.hosts,
              {.connect = chosen.connect,
               .parallel = chosen.parallel,
               .stored = shows_messages_ ? stored_messages::taken : stored_messages::left},
              *this),
-      signals_(how_.suspend),
+      signals_(std::move(suspend)),
       states_(chosen.hosts.size()),
-      output_(chosen.hosts, chosen.several && how_.convert == nullptr, order_for(chosen),
-              {.shown = std::bind_front(&agent_client::shown, &agent_),
-               .ended = std::bind_front(&command_runner::written, this)}) {}
+      output_(chosen, std::bind_front(&command_runner::written, this)) {}
 
 int command_runner::run(const std::vector<std::string>& words) {
     words_ = words;
@@ -86,7 +75,17 @@ void command_runner::wait() {
     std::fflush(stdout);  // the output goes past its buffer
     clock::time_point order_end = states_.size() > 1 ? clock::now() + order_limit : clock::time_point::max();
     while (running_ > 0) {
-        if (!step(order_end)) {
+        output_.write_some();
+        pollfd others[] = {{signals_.fd(), POLLIN, 0},
+                           {output_.is_waiting() ? STDOUT_FILENO : -1, POLLOUT, 0}};
+        // A module of one host has to wait for a slow reader; with several, the ends of the others must be seen.
+        if (states_.size() == 1 && output_.waiting_bytes() > max_answer) {
+            poll(others, std::size(others), -1);
+        } else if (running_ > 0) {
+            agent_.step(others, order_end);
+        }
+        output_.write_some();
+        if (others[0].revents != 0 && signals_.take()) {
             interrupt();
             break;
         }
@@ -98,20 +97,6 @@ void command_runner::wait() {
     std::fflush(stdout);
 }
 
-// Returns false when a signal ends the wait.
-bool command_runner::step(clock::time_point until) {
-    output_.write_some();
-    pollfd others[] = {{signals_.fd(), POLLIN, 0}, {output_.is_waiting() ? STDOUT_FILENO : -1, POLLOUT, 0}};
-    // A module of one host has to wait for a slow reader; with several, the ends of the others must be seen.
-    if (states_.size() == 1 && output_.waiting_bytes() > max_answer) {
-        poll(others, std::size(others), -1);
-    } else if (running_ > 0) {
-        agent_.step(others, until);
-    }
-    output_.write_some();
-    return others[0].revents == 0 || !signals_.take();
-}
-
 // A signal: gives up all commands, and writes what has come as long as the reader takes it.
 void command_runner::interrupt() {
     output_.stop_ordering();
@@ -121,10 +106,9 @@ void command_runner::interrupt() {
         }
     }
     pollfd ready{STDOUT_FILENO, POLLOUT, 0};
-    output_.write_some();
-    while (output_.is_waiting() && poll(&ready, 1, static_cast<int>(order_limit.count())) > 0) {
+    do {
         output_.write_some();
-    }
+    } while (output_.is_waiting() && poll(&ready, 1, static_cast<int>(order_limit.count())) > 0);
     exit_code_ = 128 + (signals_.leaving() ? SIGTERM : SIGINT);
 }
 
@@ -144,16 +128,18 @@ void command_runner::password_needed(std::size_t host) {
 // Returns false, with password_problem_, when there is none.
 bool command_runner::ask_for_password() {
     std::fflush(stdout);
-    const signals_through through;  // Ctrl-C at the prompt must have its usual effect
     std::string password;
     password_problem_.clear();
-    if (!ask_password("Password for " + chosen_.hosts[0].name + ": ", false, password, password_problem_)) {
-        return false;
+    const std::string prompt = "Password for " + chosen_.hosts[0].name + ": ";
+    // Ctrl-C at the prompt must have its usual effect.
+    bool given = false;
+    with_usual_signals([&] { given = ask_password(prompt, false, password, password_problem_); });
+    if (given) {
+        password_given_ = true;
+        agent_.password(0, password);
+        wipe(password);
     }
-    password_given_ = true;
-    agent_.password(0, password);
-    wipe(password);
-    return true;
+    return given;
 }
 
 void command_runner::output(std::size_t host, std::uint32_t request, const std::string& text) {
@@ -161,10 +147,10 @@ void command_runner::output(std::size_t host, std::uint32_t request, const std::
     if (state.request != request) {
         return;
     }
-    if (how_.convert != nullptr || words_[0] == "modcntl") {
+    if (convert_ != nullptr || words_[0] == "modcntl") {
         state.kept += text;
     }
-    if (how_.convert == nullptr) {
+    if (convert_ == nullptr) {
         output_.add(host, terminal_ ? state.filter.clean(text) : text);
     }
 }
@@ -183,18 +169,17 @@ void command_runner::status(std::size_t host, const status_answer& answer) {
     std::vector<std::uint64_t> not_shown;
     for (const status_line& line : answer.lines) {
         if (!is_wanted) {
-            if (line.id != 0) {
-                not_shown.push_back(line.id);
-            }
+            not_shown.push_back(line.id);
             continue;
         }
         output(host, answer.request, line.text + "\n");
-        if (how_.convert != nullptr) {
+        if (convert_ != nullptr) {
             states_[host].lines.push_back(line);
         } else {
             output_.mark(host, line.id);
         }
     }
+    std::erase(not_shown, 0);  // lines that are no messages
     if (answer.request != 0 && !not_shown.empty()) {
         agent_.put_back(not_shown);  // the request was given up while its answer was on its way
     }
@@ -235,13 +220,13 @@ void command_runner::finish_host(std::size_t host, const command_result& end) {
     state.request = 0;
     state.end = end;
     // A command that is still under way is left to finish().
-    if (how_.once && end.how != outcome::no_answer && end.how != outcome::interrupted) {
+    if (once_ && end.how != outcome::no_answer && end.how != outcome::interrupted) {
         agent_.close(host);
     }
     const bool over = end.how == outcome::over;
     // One object of JSON without an answer would look like a status.
-    if (how_.convert != nullptr && (over || chosen_.several)) {
-        const std::string object = over || !state.kept.empty() ? how_.convert(state.kept) : "";
+    if (convert_ != nullptr && (over || chosen_.several)) {
+        const std::string object = over || !state.kept.empty() ? convert_(state.kept) : "";
         output_.add(host,
                     chosen_.several ? host_json(chosen_.hosts[host].label, object, describe(end)) : object);
         for (const status_line& line : state.lines) {
@@ -258,16 +243,25 @@ void command_runner::finish_host(std::size_t host, const command_result& end) {
     output_.end(host);
 }
 
-void command_runner::written(std::size_t host) {
-    --running_;
+void command_runner::written(const std::vector<std::uint64_t>& shown, const std::vector<std::size_t>& ended) {
+    if (!shown.empty()) {
+        agent_.shown(shown);
+    }
+    running_ -= ended.size();
+    for (const std::size_t host : ended) {
+        report_end(host);
+    }
+}
+
+void command_runner::report_end(std::size_t host) const {
     const command_result& end = states_[host].end;
     const std::string text = describe(end);
     // A module that fails says why in its output; its exit code needs no message.
-    const bool module_spoke = how_.once && !chosen_.several && end.how == outcome::over && end.signal == 0;
+    const bool module_spoke = once_ && !chosen_.several && end.how == outcome::over && end.signal == 0;
     if (text.empty() || module_spoke) {
         return;
     }
-    if (how_.at_terminal) {
+    if (at_terminal_) {
         std::printf("[%s]\n", text.c_str());
         return;
     }
@@ -295,7 +289,7 @@ int command_runner::finish(int code) {
             names += (names.empty() ? " of " : ", ") + chosen_.hosts[host].label;
         }
     }
-    if (sum != 0 && isatty(STDERR_FILENO) == 1 && !(how_.once && shows_messages_)) {
+    if (sum != 0 && isatty(STDERR_FILENO) == 1 && !(once_ && shows_messages_)) {
         std::fprintf(stderr, "%zu new message%s%s; schedctl status shows %s\n", sum, sum == 1 ? "" : "s",
                      chosen_.several ? names.c_str() : "", sum == 1 ? "it" : "them");
     }
@@ -307,12 +301,10 @@ int run_command(const settings& chosen) {
     if (chosen.several && chosen.words[0] == "ipset") {
         throw std::runtime_error("ipset affects only its own connection; use it in a session");
     }
-    const command_runner::manner how{.once = true,
-                                     .convert = chosen.json ? json_writer_of(chosen.words) : nullptr};
-    if (chosen.json && how.convert == nullptr) {
+    if (chosen.json && json_writer_of(chosen.words) == nullptr) {
         throw std::runtime_error(std::string("--json is for ") + json_commands);
     }
-    command_runner runner(chosen, how);
+    command_runner runner(chosen);
     return runner.finish(runner.run(chosen.words));
 }
 

@@ -13,14 +13,9 @@ namespace client {
 
 class command_runner : private agent_listener {
 public:
-    struct manner {
-        bool once = false;                   // a single command: each connection is closed behind it
-        bool at_terminal = false;            // a session at a terminal
-        json_writer convert = {};            // the form of the answers; empty: as they come
-        std::function<void()> suspend = {};  // see signal_watch
-    };
-
-    command_runner(const settings& chosen, manner how);
+    // For the command of the settings, behind which each connection is closed, or for a session. suspend: see
+    // signal_watch; set for a session at a terminal.
+    explicit command_runner(const settings& chosen, std::function<void()> suspend = nullptr);
 
     // Runs a command on all hosts. Returns its exit code, when its output is written or the operator has given it up.
     // Throws std::system_error when the output cannot be written.
@@ -60,7 +55,6 @@ private:
         std::size_t waiting = 0;  // messages that nobody was shown, when the connection was closed
     };
     void wait();
-    bool step(clock::time_point until);
     void interrupt();
     void start(std::size_t host);
     bool ask_for_password();
@@ -72,11 +66,14 @@ private:
     void password_needed(std::size_t host) override;
     void give_up(std::size_t host, outcome how);
     void finish_host(std::size_t host, const command_result& end);
-    void written(std::size_t host);
+    void written(const std::vector<std::uint64_t>& shown, const std::vector<std::size_t>& ended);
+    void report_end(std::size_t host) const;
 
     const settings& chosen_;
-    const manner how_;
-    const bool terminal_;  // standard output
+    const bool once_;            // a single command
+    const bool at_terminal_;     // a session at a terminal
+    const bool terminal_;        // standard output
+    const json_writer convert_;  // the form of the answers; empty: as they come
     const bool shows_messages_;
     agent_client agent_;
     signal_watch signals_;

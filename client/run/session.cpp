@@ -1,181 +1,130 @@
 #include "run/session.h"
 
-#include "mail/state_path.h"
-#include "options/module_list.h"
 #include "options/options.h"
 #include "protocol/words.h"
 #include "run/line_editor.h"
 #include "run/runner.h"
+#include "term/output.h"
 
 #include <cstdio>
 #include <iostream>
-#include <memory>
+#include <optional>
 #include <unistd.h>
 
 namespace client {
 
 namespace {
 
-using word_list = std::vector<std::string>;
-
-// The session's own words.
-constexpr daemon_word own_words[] = {{"help", true, "this list", {}}, {"exit", true, "end the session", {}}};
-
-bool ends_session(const std::string& word) {
-    return word == "quit" || word == "exit";
+void print_help() {
+    for (const daemon_word& known : daemon_words()) {
+        std::printf("  %-10.*s%.*s\n", static_cast<int>(known.word.size()), known.word.data(),
+                    static_cast<int>(known.help.size()), known.help.data());
+    }
+    std::puts(
+        "  help      this list\n"
+        "  exit      end the session\n"
+        "All other words are modules; modcntl lists them. quit, exit and Ctrl-D end the session.");
+    std::fflush(stdout);
 }
 
 class session {
 public:
     session(const settings& chosen, bool at_terminal)
-        : chosen_(chosen), terminal_(at_terminal), runner_(chosen, manner_of(at_terminal)) {}
-    int at_terminal();
-    int from_pipe();
+        : chosen_(chosen),
+          terminal_(at_terminal),
+          runner_(chosen, at_terminal ? [this] { suspend(); } : std::function<void()>()) {}
+
+    int at_terminal() {
+        std::puts("(Tab completes, help lists the words, quit or Ctrl-D leaves)");
+        runner_.show_stored();
+        editor_.emplace(chosen_, runner_);
+        std::string line;
+        bool has_line = true;
+        do {
+            has_line = editor_->read(line);
+        } while (has_line && run_line(line));
+        if (!has_line) {
+            std::puts("quit");
+        }
+        editor_.reset();
+        return runner_.finish(0);
+    }
+
+    int from_pipe() {
+        // Standard output is no terminal here, so there is no prompt.
+        if (isatty(STDIN_FILENO) == 1) {
+            complain("reading commands from the terminal, one a line; Ctrl-D ends");
+        }
+        std::string line;
+        do {
+            // A signal ends the wait for the next line as usual.
+            with_usual_signals([&line] { std::getline(std::cin, line); });
+        } while (std::cin && run_line(line));
+        return runner_.finish(exit_code_);
+    }
 
 private:
-    command_runner::manner manner_of(bool at_terminal);
-    void suspend();
-    bool run_line(const std::string& line);
-    bool run(const word_list& words);
-    void run_at_terminal(const word_list& words);
-    word_list candidates(const word_list& earlier) const;
-    void print_help() const;
+    void suspend() {
+        if (editor_) {
+            editor_->suspend();
+        }
+    }
+
+    // Returns false when the session is over.
+    bool run_line(const std::string& line) {
+        std::vector<std::string> words;
+        if (!split_words(line, words)) {
+            complain("a quote is not closed");
+            exit_code_ = exit_usage;
+            return true;
+        }
+        if (words.empty()) {
+            return true;
+        }
+        const bool ends = words[0] == "quit" || words[0] == "exit";
+        const bool asks_help = words[0] == "help" || words[0] == "?";
+        if (!ends && !asks_help) {
+            return run(words);
+        }
+        if (asks_help) {
+            print_help();
+        }
+        exit_code_ = 0;
+        return !ends;
+    }
+
+    bool run(const std::vector<std::string>& words) {
+        if (terminal_) {
+            run_at_terminal(words);
+            return !runner_.signals().leaving();
+        }
+        exit_code_ = runner_.run(words);
+        // The next lines of a script would also fail, or run without the lock that it held.
+        const outcome how = runner_.last().how;
+        return how != outcome::closed && how != outcome::unsent && how != outcome::interrupted;
+    }
+
+    void run_at_terminal(const std::vector<std::string>& words) {
+        const std::size_t before = runner_.given_up_count();
+        // The scheduler answers in the order of the requests, so the answer given up earlier comes first.
+        if (before != 0) {
+            std::puts("(waiting for the answer given up earlier; Ctrl-C takes this command back)");
+        }
+        runner_.run(words);
+        if (runner_.given_up_count() > before) {
+            std::puts(before == 0 ? "(its answer, when it comes, will be dropped)" : "(it was not sent)");
+        }
+        if (const std::string note = runner_.take_note(); !note.empty()) {
+            std::printf("(%s)\n", note.c_str());
+        }
+    }
 
     const settings& chosen_;
     const bool terminal_;
-    std::unique_ptr<line_editor> editor_;
+    std::optional<line_editor> editor_;
     command_runner runner_;
     int exit_code_ = 0;
 };
-
-void session::suspend() {
-    if (editor_ != nullptr) {
-        editor_->suspend();
-    }
-}
-
-// Returns false when the session is over.
-bool session::run_line(const std::string& line) {
-    word_list words;
-    if (!split_words(line, words)) {
-        std::fputs("schedctl: a quote is not closed\n", stderr);
-        exit_code_ = exit_usage;
-        return true;
-    }
-    if (words.empty()) {
-        return true;
-    }
-    if (ends_session(words[0])) {
-        exit_code_ = 0;
-        return false;
-    }
-    if (words[0] == "help" || words[0] == "?") {
-        print_help();
-        exit_code_ = 0;
-        return true;
-    }
-    return run(words);
-}
-
-bool session::run(const word_list& words) {
-    if (terminal_) {
-        run_at_terminal(words);
-        return !runner_.signals().leaving();
-    }
-    exit_code_ = runner_.run(words);
-    // The next lines of a script would also fail, or run without the lock that it held.
-    const outcome how = runner_.last().how;
-    return how != outcome::closed && how != outcome::unsent && how != outcome::interrupted;
-}
-
-void session::run_at_terminal(const word_list& words) {
-    const std::size_t before = runner_.given_up_count();
-    // The scheduler answers in the order of the requests, so the answer given up earlier comes first.
-    if (before != 0) {
-        std::puts("(waiting for the answer given up earlier; Ctrl-C takes this command back)");
-    }
-    runner_.run(words);
-    if (runner_.given_up_count() > before) {
-        std::puts(before == 0 ? "(its answer, when it comes, will be dropped)" : "(it was not sent)");
-    }
-    if (const std::string note = runner_.take_note(); !note.empty()) {
-        std::printf("(%s)\n", note.c_str());
-    }
-}
-
-void session::print_help() const {
-    for (const auto& words : {daemon_words(), std::span<const daemon_word>(own_words)}) {
-        for (const daemon_word& known : words) {
-            std::printf("  %-10.*s%.*s\n", static_cast<int>(known.word.size()), known.word.data(),
-                        static_cast<int>(known.help.size()), known.help.data());
-        }
-    }
-    std::puts("All other words are modules; modcntl lists them. quit, exit and Ctrl-D end the session.");
-    std::fflush(stdout);
-}
-
-word_list session::candidates(const word_list& earlier) const {
-    word_list words = words_after(earlier, kept_modules(chosen_.hosts[0]));
-    for (const daemon_word& own : own_words) {
-        if (earlier.empty()) {
-            words.emplace_back(own.word);
-        }
-    }
-    return words;
-}
-
-command_runner::manner session::manner_of(bool at_terminal) {
-    command_runner::manner how{.at_terminal = at_terminal};
-    if (at_terminal) {
-        how.suspend = [this] { suspend(); };
-    }
-    return how;
-}
-
-int session::at_terminal() {
-    std::puts("(Tab completes, help lists the words, quit or Ctrl-D leaves)");
-    runner_.show_stored();
-    const host_name& host = chosen_.hosts[0];
-    const std::string place = host.name + ":" + std::to_string(host.port);
-    const std::string& user = chosen_.connect.user;
-    // Without a directory the history is not stored.
-    const std::string directory = private_directory();
-    editor_ =
-        std::make_unique<line_editor>((user.empty() ? place : user + "@" + place) + "> ",
-                                      directory.empty() ? "" : directory + "/history", runner_.signals());
-    editor_->candidates = [this](const word_list& earlier) { return candidates(earlier); };
-    // A late answer may come, or the scheduler may close the connection, while the operator types.
-    editor_->watched = [this] { return runner_.fd(); };
-    editor_->readable = [this] { return runner_.absorb(); };
-    std::string line;
-    for (bool going = true; going;) {
-        const line_editor::result got = editor_->read(line);
-        if (got == line_editor::result::line) {
-            going = run_line(line);
-        } else if (got == line_editor::result::end_of_input) {
-            std::puts("quit");
-            going = false;
-        }
-    }
-    editor_.reset();
-    return runner_.finish(0);
-}
-
-int session::from_pipe() {
-    // Standard output is no terminal here, so there is no prompt.
-    if (isatty(STDIN_FILENO) == 1) {
-        std::fputs("schedctl: reading commands from the terminal, one a line; Ctrl-D ends\n", stderr);
-    }
-    const auto read_line = [](std::string& line) {
-        const signals_through through;  // a signal ends the wait for the next line as usual
-        return static_cast<bool>(std::getline(std::cin, line));
-    };
-    bool going = true;
-    for (std::string line; going && read_line(line);) {
-        going = run_line(line);
-    }
-    return runner_.finish(exit_code_);
-}
 
 }  // namespace
 

@@ -11,14 +11,6 @@
 
 namespace client {
 
-namespace {
-
-ssize_t write_error(void* /*unused*/, const char* text, std::size_t size) {
-    return write_all(STDERR_FILENO, {text, size}) ? static_cast<ssize_t>(size) : 0;
-}
-
-}  // namespace
-
 bool open_standard_streams() {
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         // open returns the lowest free number, and the numbers below are open.
@@ -26,6 +18,9 @@ bool open_standard_streams() {
             return false;
         }
     }
+    const auto write_error = [](void*, const char* text, std::size_t size) -> ssize_t {
+        return write_all(STDERR_FILENO, {text, size}) ? static_cast<ssize_t>(size) : 0;
+    };
     if (std::FILE* const patient = fopencookie(nullptr, "w", {nullptr, write_error, nullptr, nullptr})) {
         std::setvbuf(patient, nullptr, _IONBF, 0);
         stderr = patient;
@@ -49,6 +44,18 @@ int fail_output() {
 
 void complain(const std::string& problem) {
     std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, problem.c_str());
+}
+
+bool line_writer::write(const std::string& line) {
+    if (is_open_ && !write_all(STDOUT_FILENO, line)) {
+        is_open_ = false;
+        exit_code_ = errno == EPIPE || errno == EINTR ? 0 : fail_output();
+    }
+    return is_open_;
+}
+
+bool line_writer::print(const std::string& text) {
+    return write((isatty(STDOUT_FILENO) == 1 ? fit(text) : text) + "\n");
 }
 
 }  // namespace client

@@ -1,7 +1,6 @@
 #include "term/signals.h"
 
 #include <sys/signalfd.h>
-#include <unistd.h>
 
 namespace client {
 
@@ -28,8 +27,8 @@ signal_watch::signal_watch(std::function<void()> suspend) : suspend_(std::move(s
         sigdelset(&set, SIGTSTP);
     }
     sigprocmask(SIG_BLOCK, &set, &before_);
-    fd_ = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
-    if (fd_ < 0) {  // without a descriptor, let the signals have their usual effect
+    fd_.reset(signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC));
+    if (!fd_.is_open()) {  // without a descriptor, let the signals have their usual effect
         sigprocmask(SIG_SETMASK, &before_, nullptr);
     }
 }
@@ -37,9 +36,8 @@ signal_watch::signal_watch(std::function<void()> suspend) : suspend_(std::move(s
 signal_watch::~signal_watch() {
     // A signal that came at the end has done its work: the program ends.
     signalfd_siginfo info;
-    while (read(fd_, &info, sizeof info) == sizeof info) {
+    while (read(fd(), &info, sizeof info) == sizeof info) {
     }
-    close(fd_);
     sigprocmask(SIG_SETMASK, &before_, nullptr);
 }
 
@@ -47,7 +45,7 @@ signal_watch::~signal_watch() {
 bool signal_watch::take() {
     bool stop = false;
     signalfd_siginfo info;
-    while (read(fd_, &info, sizeof info) == sizeof info) {
+    while (read(fd(), &info, sizeof info) == sizeof info) {
         if (info.ssi_signo == SIGWINCH) {
             resized_ = true;
         } else if (info.ssi_signo == SIGTSTP) {
@@ -60,13 +58,12 @@ bool signal_watch::take() {
     return stop;
 }
 
-signals_through::signals_through() {
+void with_usual_signals(const std::function<void()>& action) {
     const sigset_t set = watched();
-    sigprocmask(SIG_UNBLOCK, &set, &before_);
-}
-
-signals_through::~signals_through() {
-    sigprocmask(SIG_SETMASK, &before_, nullptr);
+    sigset_t before;
+    sigprocmask(SIG_UNBLOCK, &set, &before);
+    action();
+    sigprocmask(SIG_SETMASK, &before, nullptr);
 }
 
 }  // namespace client

@@ -2,9 +2,10 @@
 // a signal that comes just before the wait must not be lost.
 #pragma once
 
+#include "term/descriptor.h"
+
 #include <csignal>
 #include <functional>
-#include <utility>
 
 namespace client {
 
@@ -14,10 +15,8 @@ public:
     // suspend: watches SIGTSTP too, and calls this instead of stopping the process.
     explicit signal_watch(std::function<void()> suspend = nullptr);
     ~signal_watch();
-    signal_watch(const signal_watch&) = delete;
-    signal_watch& operator=(const signal_watch&) = delete;
 
-    int fd() const { return fd_; }
+    int fd() const { return fd_.get(); }
 
     // Handles the signals that have come. Returns true when the wait must end: after SIGINT, or when leaving().
     bool take();
@@ -31,21 +30,12 @@ public:
 private:
     std::function<void()> suspend_;
     sigset_t before_;
-    int fd_ = -1;
+    descriptor fd_;
     bool leaving_ = false;
     bool resized_ = false;
 };
 
-// While it exists, the watched signals have their usual effect, for a prompt that handles them itself.
-class signals_through {
-public:
-    signals_through();
-    ~signals_through();
-    signals_through(const signals_through&) = delete;
-    signals_through& operator=(const signals_through&) = delete;
-
-private:
-    sigset_t before_;
-};
+// Does this while the watched signals have their usual effect, for a prompt that handles them itself.
+void with_usual_signals(const std::function<void()>& action);
 
 }  // namespace client

@@ -64,10 +64,6 @@ std::string printable_text::clean(std::string_view bytes) {
 }
 
 bool write_all(int fd, std::string_view bytes) {
-    if (fd < 0) {
-        errno = EBADF;
-        return false;
-    }
     while (!bytes.empty()) {
         pollfd ready{fd, POLLOUT, 0};
         if (poll(&ready, 1, signal_interval) <= 0) {

@@ -4,8 +4,8 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <cstdio>
+#include <cstring>
 
 namespace client {
 
@@ -86,12 +86,6 @@ described_row describe(std::size_t host, const host_row& row, std::size_t label_
     return line;
 }
 
-// True when text contains part, in upper or lower case.
-bool contains_ignoring_case(std::string_view text, std::string_view part) {
-    const auto is_same = [](unsigned char a, unsigned char b) { return std::tolower(a) == std::tolower(b); };
-    return std::search(text.begin(), text.end(), part.begin(), part.end(), is_same) != text.end();
-}
-
 // Describes all hosts, and counts their states in the heading. Returns those that the filter lets through, the worst
 // first.
 std::vector<described_row> chosen_rows(const std::vector<host_row>& rows, const std::string& filter,
@@ -105,7 +99,7 @@ std::vector<described_row> chosen_rows(const std::vector<host_row>& rows, const 
     for (std::size_t host = 0; host < rows.size(); ++host) {
         described_row line = describe(host, rows[host], label_width);
         ++counts[static_cast<std::size_t>(line.state)];
-        if (contains_ignoring_case(line.text, filter)) {
+        if (strcasestr(line.text.c_str(), filter.c_str()) != nullptr) {
             lines.push_back(std::move(line));
         }
     }

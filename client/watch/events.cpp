@@ -2,9 +2,6 @@
 
 #include "run/json.h"
 
-#include <algorithm>
-#include <cctype>
-
 namespace client {
 
 namespace {
@@ -14,9 +11,7 @@ using json = nlohmann::ordered_json;
 // Returns the code before the colon, such as "E0101"; empty when the text has none.
 std::string code_of(const std::string& text) {
     constexpr std::size_t length = 5;
-    const auto is_digit = [](unsigned char c) { return std::isdigit(c) != 0; };
-    const bool has_code = text.size() > length && text[length] == ':' &&
-                          std::all_of(text.begin() + 1, text.begin() + length, is_digit);
+    const bool has_code = text.find_first_not_of("0123456789", 1) == length && text[length] == ':';
     return has_code ? text.substr(0, length) : "";
 }
 

@@ -1,9 +1,9 @@
 #include "options/options.h"
 #include "protocol/limits.h"
+#include "term/output.h"
 #include "term/screen.h"
 #include "term/signals.h"
 #include "watch/drawing.h"
-#include "watch/line_writer.h"
 #include "watch/poller.h"
 #include "watch/watch.h"
 
@@ -100,27 +100,24 @@ private:
 
     // Draws at once after a key, at a limited rate while many answers come, and each second to update the ages.
     clock::time_point draw_due() const {
-        if (!screen_.is_entered()) {
-            return clock::time_point::max();
-        }
-        if (key_pressed_) {
-            return drawn_at_;
-        }
-        return drawn_at_ + (news_ ? std::chrono::milliseconds(200) : std::chrono::milliseconds(1000));
+        const std::chrono::milliseconds pause(key_pressed_ ? 0 : news_ ? 200 : 1000);
+        return screen_.is_entered() ? drawn_at_ + pause : clock::time_point::max();
     }
 
     void draw() {
         drawn_at_ = clock::now();
         news_ = key_pressed_ = false;
+        std::vector<std::uint64_t> ids;
         for (event* message :
              chosen_.several ? draw_hosts(rows_, notice_, keys_) : draw_host(rows_[0], notice_, messages_)) {
-            shown(std::exchange(message->id, 0));
+            ids.push_back(std::exchange(message->id, 0));
         }
+        shown(ids);
     }
 
     void print(const listed_message& line) {
         if (out_.print(chosen_.prefix_of(line.host) + line.what.date + " " + line.what.text)) {
-            shown(line.what.id);
+            shown({line.what.id});
         }
     }
 
@@ -128,10 +125,7 @@ private:
     void without_screen(const std::function<void()>& action) {
         const bool is_shown = screen_.is_entered();
         screen_.leave();
-        {
-            const signals_through through;
-            action();
-        }
+        with_usual_signals(action);
         if (is_shown) {
             screen_.enter();
             key_pressed_ = true;

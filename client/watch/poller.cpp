@@ -142,9 +142,10 @@ void poller::step(std::span<pollfd> others, clock::time_point until) {
     }
 }
 
-void poller::shown(std::uint64_t id) {
-    if (id != 0) {
-        agent_.shown({id});
+void poller::shown(std::vector<std::uint64_t> ids) {
+    std::erase(ids, 0);
+    if (!ids.empty()) {
+        agent_.shown(ids);
     }
 }
 
@@ -198,10 +199,12 @@ std::optional<std::string> poller::password(std::size_t host) {
     if (chosen_.what != task::watch) {
         return std::nullopt;
     }
-    const signals_through through;
+    const std::string prompt = "Password for " + chosen_.hosts[host].name + ": ";
     std::string password;
     std::string problem;
-    if (ask_password("Password for " + chosen_.hosts[host].name + ": ", false, password, problem)) {
+    bool given = false;
+    with_usual_signals([&] { given = ask_password(prompt, false, password, problem); });
+    if (given) {
         return password;
     }
     complain(problem);

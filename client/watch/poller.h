@@ -5,13 +5,6 @@
 #include "agent/agent_client.h"
 #include "watch/inquiry.h"
 
-#include <chrono>
-#include <optional>
-#include <poll.h>
-#include <span>
-#include <string>
-#include <vector>
-
 namespace client {
 
 struct settings;
@@ -43,8 +36,8 @@ protected:
     // Asks the hosts that are due, then waits as agent_client::step() does.
     void step(std::span<pollfd> others, clock::time_point until);
 
-    // This message was written to the operator's output. 0 is ignored.
-    void shown(std::uint64_t id);
+    // These messages were written to the operator's output. 0 is ignored.
+    void shown(std::vector<std::uint64_t> ids);
 
     // The host has not answered within the limit of the agent, or within the caller's own.
     void late(std::size_t host);

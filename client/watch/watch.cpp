@@ -4,7 +4,6 @@
 #include "term/output.h"
 #include "term/screen.h"
 #include "term/signals.h"
-#include "watch/line_writer.h"
 #include "watch/poller.h"
 
 #include <cstdio>
@@ -48,7 +47,7 @@ private:
         }
         for (const event& message : update.messages) {
             if (write(host, message)) {
-                shown(message.id);
+                shown({message.id});
             } else if (message.id == 0) {  // it is not in the mailbox either
                 std::fprintf(stderr, "%s%s %s\n", chosen_.prefix_of(host).c_str(), message.date.c_str(),
                              message.text.c_str());

@@ -243,7 +243,8 @@ class Trial:
                       for use in self.uses)
         # Nobody can have a message that comes when the disk is full and the client has been left.
         no_room = self.disk in ("full", "tight") and any(
-            use.signal or use.kind == "endless" or use.fails() or self.pause and use.kind != "command"
+            use.signal or use.kind == "endless" or use.fails()
+            or self.pause and (use.kind != "command" or "-t 1" in use.words)
             for use in self.uses)
         parts = sum(use.fails() for use in self.uses)  # a failed write may have put out one message
         result, at = collections.Counter(), collections.defaultdict(list)
