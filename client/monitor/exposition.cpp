@@ -39,7 +39,23 @@ public:
     void add(kind of, const std::string& name, const char* help, const char* label,
              const sample_list& samples) {
         const std::string full = name + (of == counter ? "_total" : of == info ? "_info" : "");
-        declare(of, format_ == exposition::openmetrics ? name : full, help);
+        // OpenMetrics declares a family without the suffix of its samples, the Prometheus format with it.
+        const std::string& declared = format_ == exposition::openmetrics ? name : full;
+        text_ << "# HELP " << declared << ' ' << help << '\n';
+        // The formats name the family of a counter differently. Without a type, one text is valid in both.
+        if (of != counter || format_ != exposition::common) {
+            const bool is_info = of == info && format_ == exposition::openmetrics;
+            text_ << "# TYPE " << declared
+                  << (of == counter ? " counter\n"
+                      : is_info     ? " info\n"
+                                    : " gauge\n");
+        }
+        // OpenMetrics requires the declared name to end with the unit.
+        for (const std::string unit : {"seconds", "bytes"}) {
+            if (declared.ends_with("_" + unit)) {
+                text_ << "# UNIT " << declared << ' ' << unit << '\n';
+            }
+        }
         for (const auto& [value, number] : samples) {
             text_ << full;
             if (label != nullptr) {
@@ -64,22 +80,6 @@ public:
     }
 
 private:
-    // OpenMetrics declares a family without the suffix of its samples, the Prometheus format with it.
-    void declare(kind of, const std::string& name, const char* help) {
-        text_ << "# HELP " << name << ' ' << help << '\n';
-        // The formats name the family of a counter differently. Without a type, one text is valid in both.
-        if (of != counter || format_ != exposition::common) {
-            const bool is_info = of == info && format_ == exposition::openmetrics;
-            text_ << "# TYPE " << name << (of == counter ? " counter\n" : is_info ? " info\n" : " gauge\n");
-        }
-        // OpenMetrics requires the declared name to end with the unit.
-        for (const std::string unit : {"seconds", "bytes"}) {
-            if (name.ends_with("_" + unit)) {
-                text_ << "# UNIT " << name << ' ' << unit << '\n';
-            }
-        }
-    }
-
     exposition format_;
     std::ostringstream text_;
 };

@@ -196,12 +196,6 @@ void check_settings(const settings& chosen) {
     }
 }
 
-// CLI11 expects the arguments in reverse order.
-void parse_list(CLI::App& app, const std::vector<std::string>& arguments) {
-    std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());
-    app.parse(reversed);
-}
-
 // Returns the client's option that this word would be before the command; null when it is none.
 const CLI::Option* option_of(const CLI::App& app, const std::string& word) {
     if (word.starts_with("--")) {
@@ -216,10 +210,10 @@ const CLI::Option* option_of(const CLI::App& app, const std::string& word) {
     return word.size() == 2 || value_may_follow ? option : nullptr;
 }
 
-// Parses the options. Returns the command words.
+// Parses the options. Returns the command words. CLI11 expects the arguments in reverse order.
 std::vector<std::string> parse_line(CLI::App& app, const std::vector<std::string>& arguments) {
     app.prefix_command();  // stop at the first word that is neither an option nor a subcommand
-    parse_list(app, arguments);
+    app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
     std::vector<std::string> words = app.remaining();
     if (words.empty() || !is_internal_word(words.front())) {
         return words;
@@ -230,7 +224,7 @@ std::vector<std::string> parse_line(CLI::App& app, const std::vector<std::string
     }
     app.prefix_command(false);
     app.allow_extras();
-    parse_list(app, arguments);
+    app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
     return app.remaining();
 }
 
