@@ -43,7 +43,6 @@ struct status_answer {
     std::uint32_t request = 0;       // the request that this answers; 0 for the last `status`
     std::vector<status_line> lines;  // the messages that were stored before come first, then the answer
     bool complete = false;           // false: the answer broke off, or there is none
-    bool last = false;               // of the last `status` before the connection ends
     double seconds = 0;              // that the scheduler took for it
     message_totals totals;           // of this scheduler, as the mailbox has counted them
     std::string unstored;            // why the new messages could not be stored; empty when they are
@@ -57,7 +56,7 @@ public:
     // Output of a command that is not `status`; line ends are LF. request: the number of the command.
     virtual void output(std::size_t host, std::uint32_t request, const std::string& text) = 0;
     // The answer of `status`, complete or as far as it came; before the ended() of that command. Also what the last
-    // `status` of a connection has brought; then `last` is set.
+    // `status` of a connection has brought.
     virtual void status(std::size_t host, const status_answer& answer) = 0;
     // The end of a command. request 0: an idle connection was closed by the scheduler. outcome::no_answer: the command
     // was not answered within its limit. It is still under way; another call comes later, or never.
@@ -165,7 +164,6 @@ private:
     void remember_login(const host_state& state);
     // In agent/closing.cpp:
     void ask_final(std::size_t host);
-    void drop(std::size_t host);
     void on_closed(std::size_t host);
     static void hold(host_state& state);
     // In agent/answers.cpp:

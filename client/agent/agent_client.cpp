@@ -20,8 +20,7 @@ namespace client {
 // a call is never malformed.
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(message_totals, error, warning, info, lost)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(status_line, id, text, is_message)
-NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(status_answer, request, lines, complete, last, seconds, totals, unstored,
-                                   notice)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(status_answer, request, lines, complete, seconds, totals, unstored, notice)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(command_result, how, code, signal, reason)
 
 namespace {
@@ -51,12 +50,12 @@ void on(object& of, const json& arguments) {
 }
 
 // In the order of `call`.
-constexpr void (*calls[])(agent&, const json&) = {on<&agent::ask>,          on<&agent::cancel>,
-                                                  on<&agent::close>,        on<&agent::settle>,
-                                                  on<&agent::fetch_stored>, on<&agent::password>};
+constexpr void (*call_handlers[])(agent&, const json&) = {on<&agent::ask>,          on<&agent::cancel>,
+                                                          on<&agent::close>,        on<&agent::settle>,
+                                                          on<&agent::fetch_stored>, on<&agent::password>};
 
 // In the order of `event`.
-constexpr void (*events[])(agent_listener&, const json&) = {
+constexpr void (*event_handlers[])(agent_listener&, const json&) = {
     on<&agent_listener::output>, on<&agent_listener::status>, on<&agent_listener::ended>,
     on<&agent_listener::closed>, on<&agent_listener::password_needed>};
 
@@ -73,7 +72,7 @@ public:
             front_lives = front[0].revents == 0 || channel_.update();
             while (std::optional<std::string> frame = channel_.next()) {
                 const json values = json::from_cbor(*frame);
-                calls[values[0].get<std::size_t>()](agent_, values[1]);
+                call_handlers[values[0].get<std::size_t>()](agent_, values[1]);
             }
         }
         agent_.finish([this] {
@@ -200,7 +199,7 @@ void agent_client::handle(const json& frame) {
         std::erase_if(answer.lines, [](const status_line& line) { return line.id != 0; });
         return listener_.status(arguments[0], answer);
     }
-    events[static_cast<std::size_t>(what)](listener_, arguments);
+    event_handlers[static_cast<std::size_t>(what)](listener_, arguments);
 }
 
 void agent_client::finish(std::span<pollfd> others) {

@@ -32,9 +32,8 @@ bool agent::deliver(std::size_t host, std::uint32_t request, std::string_view te
     host_state& state = hosts_[host];
     status_answer answer;
     answer.request = request;
-    answer.last = request == 0;
     answer.seconds = std::chrono::duration<double>(clock::now() - state.asked_at).count();
-    if (!answer.last && !state.given_up && state.looked != state.link.connected_at()) {
+    if (request != 0 && !state.given_up && state.looked != state.link.connected_at()) {
         add_stored(host, answer);
     }
     bool is_valid = true;

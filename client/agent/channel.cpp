@@ -19,10 +19,8 @@ short channel::events() const {
 
 void channel::send(std::string_view frame) {
     const auto size = static_cast<frame_size>(frame.size());
-    char bytes[sizeof size];
-    std::memcpy(bytes, &size, sizeof size);
     try {
-        out_.add({bytes, sizeof size});
+        out_.add({reinterpret_cast<const char*>(&size), sizeof size});
         out_.add(frame);
     } catch (const std::system_error&) {
         // No room for output that the other side has not read. Without it the other side cannot go on.

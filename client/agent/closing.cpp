@@ -30,7 +30,6 @@ void agent::close(std::size_t host) {
         return state.held ? listener_.closed(host, 0, true) : void();
     }
     if (!state.link.is_open() && !state.link.is_connecting()) {
-        drop(host);
         return on_closed(host);
     }
     state.closing = true;
@@ -47,11 +46,6 @@ void agent::ask_final(std::size_t host) {
     begin(host, {});
 }
 
-void agent::drop(std::size_t host) {
-    hosts_[host].link.drop();
-    active_.erase(host);
-}
-
 void agent::hold(host_state& state) {
     if (!state.held || !state.held->is_held()) {
         state.held.emplace(state.key, state.link.connected_at());
@@ -60,6 +54,8 @@ void agent::hold(host_state& state) {
 
 void agent::on_closed(std::size_t host) {
     host_state& state = hosts_[host];
+    state.link.drop();
+    active_.erase(host);
     const bool was_held = state.held.has_value();
     state.held.reset();
     if (state.asking) {
@@ -97,7 +93,6 @@ void agent::finish(const std::function<void()>& on_left) {
             // An older connection to this scheduler, held by another process, gets the same messages.
             if (!state.held->is_held() &&
                 held_connection::older_exists(state.key, state.link.connecting_at())) {
-                drop(host);
                 on_closed(host);
             }
         }

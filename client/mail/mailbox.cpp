@@ -91,12 +91,10 @@ std::optional<std::string> mailbox::reserve(std::size_t answers) {
         return problem;
     }
     const std::size_t wanted = answers * room_per_answer;
-    if (wanted > reserved_) {
-        if (!own_.reserve(reserved_, wanted)) {
-            return own_.path() + ": " + error_text(errno);
-        }
-        reserved_ = wanted;
+    if (wanted > reserved_ && !own_.reserve(reserved_, wanted)) {
+        return own_.path() + ": " + error_text(errno);
     }
+    reserved_ = std::max(reserved_, wanted);
     return std::nullopt;
 }
 

@@ -69,10 +69,6 @@ bool state_file::reserve(std::uint64_t from, std::uint64_t to) const {
     return errno == 0;
 }
 
-bool state_file::truncate(std::uint64_t size) const {
-    return ftruncate(fd(), static_cast<off_t>(size)) == 0;
-}
-
 bool state_file::remove_dead() {
     if (flock(fd(), LOCK_SH | LOCK_NB) != 0) {
         return is_removed();

@@ -42,9 +42,9 @@ public:
     std::string read() const;
     bool write_at(std::uint64_t offset, std::string_view bytes) const;  // false with errno
     bool reserve(std::uint64_t from, std::uint64_t to) const;           // the same; the room between these
-    bool truncate(std::uint64_t size) const;                            // the same
-    void remove();                                                      // only while it is locked
-    bool move_to(const std::string& path);                              // false with errno when it exists
+    bool truncate(std::uint64_t size) const { return ftruncate(fd(), static_cast<off_t>(size)) == 0; }
+    void remove();                          // only while it is locked
+    bool move_to(const std::string& path);  // false with errno when it exists
 
 private:
     bool is_removed() const;  // it has no name any more

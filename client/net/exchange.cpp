@@ -12,11 +12,7 @@ exchange::exchange(std::vector<std::string> words, std::string user, password_st
     : words_(std::move(words)), user_(std::move(user)), passwords_(passwords) {}
 
 void exchange::begin(std::string& requests) {
-    if (!user_.empty()) {
-        say(step::greeting, requests);
-    } else {
-        begin_command(requests);
-    }
+    return user_.empty() ? begin_command(requests) : say(step::greeting, requests);
 }
 
 // The last request and "restart sched" have `status` before them: messages that the scheduler has queued for this
@@ -24,13 +20,11 @@ void exchange::begin(std::string& requests) {
 // for a restart. A successful "ipset" has no answer, so an empty line follows it, and it is first asked for alone, because
 // an unknown word and an empty line get the same answer.
 void exchange::begin_command(std::string& requests) {
-    if (is_final() || is("restart")) {
-        say(step::status_before, requests);
-    } else if (sets_address()) {
-        say(step::ipset_known, requests);
-    } else {
-        say(step::command, requests);
-    }
+    const bool comes_behind_status = is_final() || is("restart");
+    say(comes_behind_status ? step::status_before
+        : sets_address()    ? step::ipset_known
+                            : step::command,
+        requests);
 }
 
 void exchange::say(step next, std::string& requests) {

@@ -102,10 +102,10 @@ void host_link::on_resolved(std::vector<in_addr> addresses, const std::string& p
     }
 }
 
-// Tries the next address of the host, until one is connected or connecting. None left: the command has failed.
-void host_link::connect_next() {
+// Tries the next address of the host, until one is connected or connecting. None left: the command has failed with the
+// last problem.
+void host_link::connect_next(int problem) {
     state_ = state::connecting;
-    int problem = 0;
     while (next_address_ < addresses_.size()) {
         connecting_at_ = clock::now();
         socket_.reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
@@ -193,7 +193,10 @@ void host_link::on_ready() {
         return on_resolved(ended->addresses, ended->problem);
     }
     if (state_ == state::connecting) {
-        return finish_connecting();
+        int problem = 0;
+        socklen_t size = sizeof problem;
+        getsockopt(fd(), SOL_SOCKET, SO_ERROR, &problem, &size);
+        return problem == 0 ? on_connected() : connect_next(problem);
     }
     if (!requests_.empty()) {
         send_requests();
@@ -209,19 +212,6 @@ void host_link::on_ready() {
         fail(talk_->end());
     } else if (state_ == state::talking) {  // else no command runs; the bytes are dropped
         on_received({buffer, static_cast<std::size_t>(n)});
-    }
-}
-
-void host_link::finish_connecting() {
-    int problem = 0;
-    socklen_t size = sizeof problem;
-    getsockopt(fd(), SOL_SOCKET, SO_ERROR, &problem, &size);
-    if (problem == 0) {
-        on_connected();
-    } else if (next_address_ < addresses_.size()) {
-        connect_next();
-    } else {
-        fail({outcome::closed, text_of(problem)});
     }
 }
 

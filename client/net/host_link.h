@@ -87,9 +87,8 @@ public:
 private:
     enum class state { closed, resolving, connecting, talking, idle };
 
-    void connect_next();
+    void connect_next(int problem = 0);
     void on_connected();
-    void finish_connecting();
     void on_received(std::string_view bytes);
     void send_requests();
     void set_deadline();

@@ -32,15 +32,15 @@ struct host_adder {
     std::set<std::string> known = {};
 
     bool add(std::string_view entry, std::string_view tags, std::string& problem) {
-        const std::size_t colon = std::min(entry.find(':'), entry.size());
-        const std::string_view digits = entry.substr(std::min(colon + 1, entry.size()));
+        const std::size_t colon = entry.find(':');
         host_name host{std::string(entry), std::string(entry.substr(0, colon)), port, std::string(tags)};
         for (char& c : host.name) {
             c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
         }
         // Two names in one entry would be looked up as one name.
         bool good = !host.name.empty() && entry.find_first_of(" \t,") == std::string_view::npos;
-        if (colon != entry.size()) {
+        if (colon != std::string_view::npos) {
+            const std::string_view digits = entry.substr(colon + 1);
             const auto [end, error] =
                 std::from_chars(digits.data(), digits.data() + digits.size(), host.port);
             // from_chars stops at the first character that is no digit, so the end is checked too.

@@ -103,7 +103,7 @@ std::string login_line(const command_result& challenge, const std::string& passw
 }
 
 const std::string* password_store::get(std::string& problem) {
-    if (!password_ && has_file()) {
+    if (!password_ && !file_.empty()) {
         // A stream does not store the reason of a failure; errno may have it.
         errno = 0;
         std::ifstream file(file_);

@@ -44,8 +44,6 @@ public:
     password_store(const password_store&) = delete;
     password_store& operator=(const password_store&) = delete;
 
-    bool has_file() const { return !file_.empty(); }
-
     // Returns the password; null when there is none, with the reason in problem when its file cannot be read.
     const std::string* get(std::string& problem);
 
