@@ -28,13 +28,13 @@ std::string shortened(const std::string& text) {
 class E2eManyHosts : public testing::Test {
 protected:
     void SetUp() override {
-        first.module("slow", "sleep 0.5; printf 'one\\ntwo'");
-        second.module("slow", "seq 100000; printf end");
         first.module("code", "exit 3");
         second.module("code", "exit 7");
         const auto wait_for = [this](const char* name) {
             return "while [ -e " + first.path("hosts") + " ] && [ ! -e " + first.path(name) + " ]; do sleep 0.02; done";
         };
+        first.module("slow", wait_for("written") + "; sleep 1; printf 'one\\ntwo'");
+        second.module("slow", "seq 100000; printf end; touch " + first.path("written"));
         first.module("turn", "sleep 0.3; touch " + first.path("done"));
         second.module("turn", "[ -e " + first.path("done") + " ]");
         first.module("meet", wait_for("met"));
