@@ -58,7 +58,7 @@ void work() {
 }  // namespace
 
 std::shared_ptr<name_lookup> look_up(const std::string& name) {
-    const std::shared_ptr<name_lookup> added(new name_lookup{name, descriptor(eventfd(0, EFD_CLOEXEC))});
+    std::shared_ptr<name_lookup> added(new name_lookup{name, descriptor(eventfd(0, EFD_CLOEXEC))});
     if (!added->ended.is_open()) {
         throw std::system_error(errno, std::generic_category());
     }
