@@ -172,8 +172,8 @@ summarise() {
         }'
 }
 
-# test_preset NAME [CTEST-ARGUMENT...]: runs the tests of a built preset. Most tests wait for a daemon and do not compute, so more of them
-# run at once than there are processors.
+# test_preset NAME [CTEST-ARGUMENT...]: runs the tests of a built preset. Most tests wait for a daemon and do not
+# compute, so more of them run at once than there are processors.
 test_preset() {
     local run=() tree
     tree=$(tree_of "$1")

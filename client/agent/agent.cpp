@@ -117,7 +117,7 @@ agent::clock::time_point agent::start_ready() {
         running += start(host, std::min(parallel_, running + left)) ? 1 : 0;
         has_ended = has_ended || !state.asking;
     }
-    // An end at once may be what the caller waits for.
+    // The caller may wait for a command that has ended at once, so the next step must not wait.
     return has_ended ? now : ready_.empty() ? clock::time_point::max() : now + look_again_after;
 }
 

@@ -23,7 +23,7 @@ enum class stored_messages {
     left,       // they stay where they are (module commands, `show`)
     looked_at,  // they are part of the answer of `status`, and stay (`check`, `metrics`)
     // They come first in the answer of the first `status` of each connection, even when the scheduler gives no answer.
-    // shown() removes them.
+    // settle() removes them once they were shown.
     taken,
 };
 
@@ -40,17 +40,17 @@ struct agent_options {
 
 // The answer of `status`, as the agent hands it on.
 struct status_answer {
-    std::uint32_t request = 0;       // the request that this answers; 0 for the last `status`
+    std::uint32_t request = 0;       // that this answers; 0: the last `status`, or the one before `restart`
     std::vector<status_line> lines;  // the messages that were stored before come first, then the answer
-    bool complete = false;           // false: the answer broke off, or there is none
+    bool complete = false;           // false: there is no answer, it broke off, or it is no status
     double seconds = 0;              // that the scheduler took for it
     message_totals totals;           // of this scheduler, as the mailbox has counted them
     std::string unstored;            // why the new messages could not be stored; empty when they are
     std::string notice;              // for the operator, such as who holds messages; lines end with LF
 };
 
-// Gets the events of the hosts. host is the number in the list. All may call any function of the agent except step()
-// and finish().
+// Gets the events of the hosts. host: the number in the list. Each function may call any function of the
+// agent except step() and finish().
 class agent_listener {
 public:
     // Output of a command that is not `status`; line ends are LF. request: the number of the command.
@@ -94,12 +94,12 @@ public:
     // one packet. closed() follows. The next ask() makes a new connection.
     void close(std::size_t host);
 
-    // were_shown: these messages were written to the operator's output, so they leave the mailbox. Else the operator no
-    // longer waits for their answer: the next `status` has them.
+    // were_shown: true when these messages were written to the operator's output; they then leave the
+    // mailbox. False when the operator no longer waits for their answer; the next `status` then brings them.
     void settle(const std::vector<std::uint64_t>& ids, bool were_shown);
 
-    // Hands the messages in the mailbox to the listener as the answer of this request, without a connection. Its
-    // ended() says `how`.
+    // Hands the messages in the mailbox to the listener as the answer of this request, without a connection.
+    // Then calls ended() with `how`.
     void fetch_stored(std::size_t host, std::uint32_t request, outcome how);
 
     // The operator's answer to password_needed. is_given: false when he has none; the login is then refused.
@@ -109,7 +109,7 @@ public:
     void step(std::span<pollfd> others, clock::time_point until);
 
     // For the end of the process: leaves what nobody was shown to others, closes all connections and stores what comes,
-    // however long that takes. on_left: called when the first is done.
+    // however long that takes. on_left: called once others can take them.
     void finish(const std::function<void()>& on_left = nullptr);
 
 private:
@@ -127,7 +127,8 @@ private:
         host_link link;
         // The command under way is a `status`, and not the last one.
         bool asks_status() const { return asking && !final_asked && queue.front().words[0] == "status"; }
-        // What comes is an answer of `status`, which comes before these other commands, too.
+        // The output belongs to a `status`: to the command itself, to the last one, or to the one before
+        // these words.
         bool receives_status() const {
             return asks_status() || final_asked ||
                    (asking && (queue.front().words[0] == "restart" || queue.front().words[0] == "quit"));
@@ -167,9 +168,10 @@ private:
     void on_closed(std::size_t host);
     static void hold(host_state& state);
     // In agent/answers.cpp:
-    // Stores the messages of an answer of `status`, as far as it has come, and hands it to the listener; before it, once
-    // for each connection, what is in the mailbox. request: 0 for the last `status`, and one before another command.
-    // Returns false when the answer is not complete, or is no status.
+    // Stores the messages of an answer of `status` and hands the answer to the listener. Once for each
+    // connection, the messages in the mailbox come before it. request: 0 for the last `status` and for the
+    // one before `restart`. text: the answer, as far as it has come. Returns false when the answer is not
+    // complete, or is no status.
     bool deliver(std::size_t host, std::uint32_t request, std::string_view text, bool complete);
     void add_stored(std::size_t host, status_answer& answer);
     void store_messages(std::size_t host, status_answer& answer);
@@ -185,7 +187,7 @@ private:
     std::deque<host_state> hosts_;
     std::deque<std::size_t> ready_;  // hosts whose next command waits for its start
     std::set<std::size_t> active_;   // hosts whose link is not closed
-    descriptor events_;              // of epoll: all links, and the look-ups
+    descriptor events_;              // of epoll: the descriptors of all links
     clock::time_point first_deadline_ = clock::time_point::max();  // no link has an earlier one
 };
 

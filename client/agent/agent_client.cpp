@@ -54,7 +54,7 @@ constexpr void (*call_handlers[])(agent&, const json&) = {on<&agent::ask>,      
                                                           on<&agent::close>,        on<&agent::settle>,
                                                           on<&agent::fetch_stored>, on<&agent::password>};
 
-// In the order of `event`.
+// In the order of `event`, without `left`.
 constexpr void (*event_handlers[])(agent_listener&, const json&) = {
     on<&agent_listener::output>, on<&agent_listener::status>, on<&agent_listener::ended>,
     on<&agent_listener::closed>, on<&agent_listener::password_needed>};

@@ -51,6 +51,7 @@ bool agent::deliver(std::size_t host, std::uint32_t request, std::string_view te
     return answer.complete;
 }
 
+// Forgets that the mailbox was read: it is read for this request, and again for the next `status`.
 void agent::fetch_stored(std::size_t host, std::uint32_t request, outcome how) {
     hosts_[host].looked.reset();
     deliver(host, request, "", false);

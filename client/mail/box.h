@@ -21,8 +21,7 @@ struct status_report;
 
 // One line of an answer of `status`, without its line end. The line that counts lost messages is a message, too.
 struct status_line {
-    std::uint64_t id =
-        0;  // of the message in the mailbox, which grows; 0: it could not be stored, or is no message
+    std::uint64_t id = 0;  // its number in the mailbox, rising; 0: it is no message, or could not be stored
     std::string text;
     bool is_message = true;
 };
@@ -70,7 +69,8 @@ public:
     // The box of this scheduler for writing: the first that can be locked and read, or a new one. Nothing, with the
     // reason in problem, when there is none.
     static std::optional<box> open(const std::string& key, std::string& problem);
-    // All boxes of this scheduler that can be locked and read. problems: what is wrong with them and the others is added.
+    // All boxes of this scheduler that can be locked and read. Adds to problems why the others cannot, and
+    // which of the boxes have lines that are no records.
     static std::vector<box> open_existing(const std::string& key, std::vector<std::string>& problems);
 
     counter_row& counters() { return counters_; }
@@ -85,7 +85,8 @@ public:
     void clean();  // cuts off what was shown
 
 private:
-    // Nothing, with the reason in problem, when it cannot be locked within lock_timeout.
+    // Opens and locks the box, which is created if it does not exist. Nothing, with the reason in problem,
+    // when this fails or the lock is not free within lock_timeout.
     static std::optional<box> open_path(const std::string& path, std::string& problem);
     std::vector<record*> oldest_beyond(std::size_t added);
     record count_as_lost(const std::vector<record*>& dropped);

@@ -25,7 +25,8 @@ std::string error_text(int error) {
 
 constexpr int max_names = 10;
 
-// Also removes the file of a process that was killed. Other files, which name_own() has not made, are left alone.
+// True when the process with this name lives. Removes the file of a process that was killed. Files that
+// name_own() has not made are left alone.
 bool is_alive(const std::string& owner) {
     static const std::regex form("[0-9]+\\.[0-9a-f]{8}");
     if (!std::regex_match(owner, form)) {
@@ -190,7 +191,7 @@ void mailbox::leave() {
     }
 }
 
-// The number of messages of each living process, by its number.
+// Returns how many messages each other living process holds, by the number of the process.
 std::map<std::string, std::size_t> mailbox::held_by_others(const std::string& key) {
     std::map<std::string, std::size_t> held;
     for (const std::string& path : boxes_of(key)) {
@@ -210,7 +211,8 @@ std::string mailbox::notice(const std::string& key, const std::string& address) 
         text += std::to_string(count) + (count == 1 ? " message " : " messages ") + what + "\n";
     };
     std::map<std::string, std::size_t> held = held_by_others(key);
-    // A process that is about to show its messages is not meant. With many hosts, waiting for each would stop all.
+    // A process that is about to show its messages is not reported, so look again after a moment. With many
+    // hosts, a wait for each would delay all of them.
     if (!held.empty() && std::chrono::steady_clock::now() >= may_wait_at_) {
         std::this_thread::sleep_for(held_briefly);
         may_wait_at_ = std::chrono::steady_clock::now() + 10 * held_briefly;

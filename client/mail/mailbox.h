@@ -36,8 +36,8 @@ public:
     // Stores the messages of one answer: lines with messages and lost counts. They survive the end of the process.
     // address: of the scheduler, dotted; empty when it is not known. shows: true when this process shows them;
     // otherwise any process may take them at once. totals gets the new counts of the scheduler. Returns the number of
-    // the first line, which the others follow; 0 when there is none, or, with the reason in problem, when they could
-    // not be stored.
+    // the first line; the others have the numbers after it. Returns 0 when there are no lines, and when they
+    // could not be stored; then problem has the reason.
     std::uint64_t store(const std::string& key, const std::string& address,
                         const std::vector<std::string>& lines, bool shows, message_totals& totals,
                         std::string& problem);
@@ -49,7 +49,8 @@ public:
     // The same without taking it, with what this process has stored.
     std::vector<status_line> look(const std::string& key);
 
-    // These messages, stored or taken by this process, were shown. Or they were not: any process may take them at once.
+    // For messages that this process has stored or taken. were_shown: true: they leave the mailbox; false:
+    // any process may take them at once.
     void settle(const std::string& key, const std::vector<std::uint64_t>& ids, bool were_shown);
 
     // Number of messages that wait for this scheduler and are not another living process's.

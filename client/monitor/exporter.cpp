@@ -226,7 +226,8 @@ private:
 
     void ended(std::size_t number, std::uint32_t /*request*/, const command_result& end) override {
         target& of = targets_[number];
-        // The exporter ends, or an idle connection has. The requests for a late answer were answered before.
+        // No request waits while the exporter ends, or when an idle connection was closed. When an answer is
+        // late, give_up_silent() has answered its requests before.
         if (ending_ || !of.work || end.how == outcome::no_answer) {
             return;
         }
@@ -270,7 +271,8 @@ private:
         return clock::time_point::max();
     }
 
-    // A process of its own closes the connections and waits for the silent schedulers, which may have handed us messages.
+    // A process of its own closes the connections. It waits for the silent schedulers, because they may have
+    // handed messages to us.
     void end() {
         ending_ = true;
         for (target& of : targets_) {
@@ -306,7 +308,7 @@ private:
     bool ending_ = false;
     unsigned long errors_ = 0;
     std::uint32_t last_request_ = 0;
-    agent agent_;  // before the server, which may have half of the descriptors that it gets
+    agent agent_;  // before the server: it raises the limit for descriptors; the server gets half
     http_server server_;
 };
 

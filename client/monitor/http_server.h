@@ -57,7 +57,7 @@ private:
     const std::chrono::seconds lifetime_;
     const handler handler_;
     std::map<MHD_Connection*, clock::time_point> open_;  // with the time at which each ends
-    // After open_, which it changes until its end.
+    // Declared after open_, because the library changes open_ until it has stopped.
     std::unique_ptr<MHD_Daemon, void (*)(MHD_Daemon*)> daemon_;
     int fd_ = -1;
 };

@@ -16,9 +16,9 @@ void exchange::begin(std::string& requests) {
 }
 
 // The last request and "restart sched" have `status` before them: messages that the scheduler has queued for this
-// connection come with it. It also proves that the scheduler serves this connection, so that a refused one is not taken
-// for a restart. A successful "ipset" has no answer, so an empty line follows it, and it is first asked for alone, because
-// an unknown word and an empty line get the same answer.
+// connection come with it. It also proves that the scheduler serves this connection, so that a refused one is
+// not taken for a restart. A successful "ipset" has no answer, so an empty line follows it. An unknown word
+// and an empty line get the same answer, so "ipset" is first sent alone.
 void exchange::begin_command(std::string& requests) {
     const bool comes_behind_status = is_final() || is("restart");
     say(comes_behind_status ? step::status_before

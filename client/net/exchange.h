@@ -22,8 +22,8 @@ public:
     // Appends the first requests to send.
     void begin(std::string& requests);
 
-    // Reads bytes of the scheduler, while the command is not done. Appends the output of the command to text, with LF as
-    // line end, and the next requests to send.
+    // Reads bytes of the scheduler, while the command is not done. Appends the output of the command, with LF
+    // as line end, to text, and what must be sent next to requests.
     void feed(std::string_view bytes, std::string& text, std::string& requests);
 
     // Call when the scheduler has closed the connection: the command is then done. received_any: bytes had come.

@@ -102,8 +102,8 @@ void host_link::on_resolved(std::vector<in_addr> addresses, const std::string& p
     }
 }
 
-// Tries the next address of the host, until one is connected or connecting. None left: the command has failed with the
-// last problem.
+// Tries the next addresses of the host, until one is connected or connecting. When none is left, the command
+// has failed. problem: the error of the address before, which is reported when none is left.
 void host_link::connect_next(int problem) {
     state_ = state::connecting;
     while (next_address_ < addresses_.size()) {

@@ -65,7 +65,8 @@ public:
     // The store has the password now, or (no_password is not empty) there is none.
     void log_in(const std::string& no_password);
 
-    // The descriptor to poll, -1 for none, and the events to poll for. It is that of the look-up, then of the connection.
+    // The descriptor to poll: first that of the look-up, then that of the connection; -1 for none. events():
+    // what to poll it for.
     int fd() const { return lookup_ ? lookup_->ended.get() : socket_.get(); }
     short events() const;
     void on_ready();
@@ -73,8 +74,9 @@ public:
     clock::time_point deadline() const { return deadline_; }
     void expire();
 
-    // What has happened since the last call: output, and the end of the command. If no command was under way, the end
-    // says that the scheduler has closed the connection.
+    // What has happened since the last call: output, and the end of the command. outcome::no_answer: the
+    // command is late, and still under way. If no command was under way, the scheduler has closed the
+    // connection.
     struct news {
         std::string text;
         std::optional<command_result> end;

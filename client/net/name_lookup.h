@@ -15,13 +15,13 @@ struct name_lookup {
     std::string name;
     descriptor ended;  // readable when the look-up has ended
     std::atomic<bool> is_done = false;
-    // Valid when it is done.
+    // The thread of the look-up writes these; valid when it has ended.
     std::vector<in_addr> addresses = {};
     std::string problem = {};  // why there are none
 };
 
-// Starts a look-up, or queues it while all threads are busy. It may outlast its user. Throws std::system_error when the
-// system refuses a descriptor or the first thread.
+// Starts a look-up, or queues it while all threads are busy. The caller may drop it before it has ended.
+// Throws std::system_error when the system refuses a descriptor or the first thread.
 std::shared_ptr<name_lookup> look_up(const std::string& name);
 
 }  // namespace client

@@ -1,5 +1,5 @@
-// Completion of the command line for the shells. It offers the modules of a scheduler without a connection: those of its
-// last listing.
+// Completion of the command line for the shells. It makes no connection: it offers the modules of the
+// scheduler's last listing.
 #pragma once
 
 #include "net/host_list.h"

@@ -273,7 +273,7 @@ int complete(CLI::App& app, settings& chosen, std::vector<std::string> arguments
         }
         modules = kept_modules(chosen.hosts);
     } catch (const CLI::ParseError&) {
-        // While a line is typed, it may be wrong: then no modules are known.
+        // A line that is still being typed may be wrong. Then no modules are offered.
     }
     std::vector<std::string> words = app.remaining();
     std::erase_if(words, [](const std::string& word) { return word.starts_with("-"); });

@@ -42,7 +42,7 @@ struct hmi_row {
     bool locked = false;
 };
 
-// Lines end with LF; lines of any other form are skipped.
+// Lines end with LF, except perhaps the last. Lines of any other form are skipped.
 status_report parse_status(std::string_view answer);
 std::vector<hmi_row> parse_show_ip(std::string_view answer);
 

@@ -12,7 +12,8 @@ namespace client {
 
 class host_output {
 public:
-    // These messages were written, and all output of these hosts, which have ended.
+    // shown: messages that were written. ended: hosts whose command has ended and whose output is all
+    // written. Both may be empty.
     using listener =
         std::function<void(const std::vector<std::uint64_t>& shown, const std::vector<std::size_t>& ended)>;
 

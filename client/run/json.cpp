@@ -69,7 +69,7 @@ json_writer json_writer_of(const std::vector<std::string>& words) {
     if (words[0] == "modcntl" && words.size() > 1) {
         return [words](std::string_view answer) { return switch_json(words, answer); };
     }
-    // Keys with a tab, which no word contains. The scheduler ignores further words.
+    // A tab joins two words of a key, because no word contains one. The scheduler ignores further words.
     const std::map<std::string, json_writer> forms = {
         {"status", status_json},
         {"modcntl", rows_as<parse_modules>("modules")},

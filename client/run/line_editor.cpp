@@ -183,7 +183,7 @@ int line_editor::next_char(EditLine* editor, wchar_t* wide) {
     for (;;) {
         char byte = 0;
         if (!own.wait_for_key()) {
-            *wide = L'\003';  // Ctrl-C, bound to interrupt
+            *wide = L'\003';  // Ctrl-C, bound to schedctl-interrupt
             return own.runner_.signals().leaving() ? 0 : 1;
         }
         const ssize_t n = ::read(STDIN_FILENO, &byte, 1);

@@ -18,9 +18,10 @@ public:
     line_editor(const line_editor&) = delete;
     line_editor& operator=(const line_editor&) = delete;
 
-    // Reads one line without its line feed and puts it into the history. While the operator types, a late answer may
-    // come, or the scheduler may close the connection; the note about it is shown above the prompt. Returns false at the
-    // end of the input, and an empty line after Ctrl-C.
+    // Reads one line without its line feed and puts it into the history; after Ctrl-C the line is empty.
+    // While the operator types, a late answer may come, or the scheduler may close the connection; the note
+    // about it is shown above the prompt. Returns false at the end of the input, and after a signal that ends
+    // the session.
     bool read(std::string& line);
 
     // Stops the process as Ctrl-Z usually does. When it continues, the terminal is set up and the prompt drawn again.

@@ -179,7 +179,7 @@ void command_runner::status(std::size_t host, const status_answer& answer) {
             output_.mark(host, line.id);
         }
     }
-    std::erase(not_shown, 0);  // lines that are no messages
+    std::erase(not_shown, 0);  // lines that are not in the mailbox
     if (answer.request != 0 && !not_shown.empty()) {
         agent_.put_back(not_shown);  // the request was given up while its answer was on its way
     }

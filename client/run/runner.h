@@ -13,8 +13,8 @@ namespace client {
 
 class command_runner : private agent_listener {
 public:
-    // For the command of the settings, behind which each connection is closed, or for a session. suspend: see
-    // signal_watch; set for a session at a terminal.
+    // When the settings have a command, only that is run, and each connection is closed after it. Without
+    // one, for a session. suspend: see signal_watch; set for a session at a terminal.
     explicit command_runner(const settings& chosen, std::function<void()> suspend = nullptr);
 
     // Runs a command on all hosts. Returns its exit code, when its output is written or the operator has given it up.

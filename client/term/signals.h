@@ -35,7 +35,7 @@ private:
     bool resized_ = false;
 };
 
-// Does this while the watched signals have their usual effect, for a prompt that handles them itself.
+// Calls action while the watched signals have their usual effect, for a prompt that handles them itself.
 void with_usual_signals(const std::function<void()>& action);
 
 }  // namespace client

@@ -77,7 +77,7 @@ status_update inquiry::status(const status_answer& answer) {
         known.problem.clear();
         known.uptime_minutes = uptime_of(host);
     }
-    if (answer.complete && answer.request != 0) {  // else it is the last one
+    if (answer.complete && answer.request != 0) {  // else it is the last `status`
         known.answered = wall_clock();
         known.answer_seconds = answer.seconds;
     }

@@ -87,7 +87,7 @@ private:
     clock::time_point next_due_{};  // no host is due before
     std::optional<command_result> given_up_;
     bool finishing_ = false;
-    agent_client agent_;  // last: its listener uses the members above
+    agent_client agent_;  // last: its events use the members above
 };
 
 // True when trying again soon is useless: neither a lost connection nor silence.

@@ -173,7 +173,7 @@ TEST(HostLink, TriesEachIPv4AddressAndUsesThoseThatComeLate) {
     }));
     EXPECT_GE(link.fd(), 0);
     EXPECT_EQ(descriptors(), before + 1);
-    if (shell("getent hosts localhost").empty()) return;  // without /etc/hosts no name has an address
+    if (shell("getent hosts localhost").empty()) return;  // without /etc/hosts it has no address
     client::host_link late({"late", "localhost", where.port, ""}, how, passwords, 0s);
     late.ask({"status"});
     late.expire();

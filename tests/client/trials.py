@@ -38,7 +38,7 @@ OTHER_USER = 64321  # a user that no system has
 
 
 def other_name():
-    """Another name of this host that belongs to the same mailbox; without /etc/hosts there is none."""
+    """A name of this host that has the mailbox of 127.0.0.1; without /etc/hosts that address itself."""
     with contextlib.suppress(OSError):
         socket.gethostbyname("localhost")
         return "LOCALHOST"
@@ -241,7 +241,7 @@ class Trial:
         # Keys may get into a prompt for the password. What a refused connection took is lost.
         refused = any("wrong" in use.words or (use.kind == "prompt" and b"login refused" in use.out)
                       for use in self.uses)
-        # Nobody can have a message that comes when the disk is full and the client has been left.
+        # A message is lost when the disk is full and the client no longer waits for it.
         no_room = self.disk in ("full", "tight") and any(
             use.signal or use.kind == "endless" or use.fails()
             or self.pause and (use.kind != "command" or "-t 1" in use.words)

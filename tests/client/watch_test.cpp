@@ -245,7 +245,7 @@ TEST_F(E2eWatch, UnansweredOrRefusedFirstQuestionEndsOnlyWatchOfOneHost) {
 
 // A window that changes its size does not end it.
 TEST_F(E2eWatch, SignalEndsAFollowerWhoseReaderStalls) {
-    // Until it has blocked SIGTERM, which it reads from a descriptor, and one second more.
+    // Waits until the follower has blocked SIGTERM, which it reads from a descriptor, and one second more.
     const std::string when_ready =
         "while kill -0 $! && ! grep -q 'SigBlk:.*[4-7c-f]...$' /proc/$!/status; do sleep 0.1; done; sleep 1; ";
     EXPECT_EQ(shell(environment() + SCHEDCTL_BINARY " -H 127.0.0.1:1,127.0.0.1:2 follow >/dev/null & " + when_ready +
@@ -389,7 +389,7 @@ TEST_F(E2eWatchTerminal, MessagesThatWereNeverDrawnStayUntilTheEndOfTheView) {
         screen.expect("W0104:d");
         std::string rest;
         if (killed) {
-            screen.expect("W0104:d");  // drawn once more, so the first time it was removed from the mailbox
+            screen.expect("W0104:d");  // a second drawing: after the first, it left the mailbox
             screen.get_signal(SIGKILL);
             EXPECT_EQ(screen.wait_exit(), 128 + SIGKILL);
             EXPECT_TRUE(wait_until([&] { return (rest += status()).find("W0104:a") != std::string::npos; }));
