@@ -14,7 +14,7 @@ namespace client {
 namespace {
 
 constexpr std::chrono::milliseconds look_again_after{20};
-constexpr rlim_t other_descriptors = 64;  // for standard streams, files and the resolver's threads
+constexpr rlim_t other_descriptors = 64;  // for standard streams, files, and look-ups that have been given up
 
 // How many of the wanted connections the limit for descriptors allows, once it is raised. Each host may need two more
 // for its files.
@@ -310,8 +310,9 @@ void agent::watch(std::size_t host) {
 }
 
 void agent::handle_ready() {
-    // One call takes all events, so that an answer that has come does not count as late.
-    std::vector<epoll_event> ready(active_.size() + 1);
+    // One call takes the events of all busy links, so that an answer that has come does not count as late. Look-ups
+    // that were given up may need more room; what is left comes with the next call.
+    std::vector<epoll_event> ready(active_.size() + 16);
     const int count = epoll_wait(events_.get(), ready.data(), static_cast<int>(ready.size()), 0);
     ready.resize(static_cast<std::size_t>(std::max(count, 0)));
     for (const epoll_event& event : ready) {

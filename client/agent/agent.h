@@ -40,7 +40,7 @@ struct agent_options {
 
 // The answer of `status`, as the agent hands it on.
 struct status_answer {
-    std::uint32_t request = 0;       // that this answers; 0: the last `status`, or the one before `restart`
+    std::uint32_t request = 0;  // that this answers; 0: a last `status`, or one before `restart` or `quit`
     std::vector<status_line> lines;  // the messages that were stored before come first, then the answer
     bool complete = false;           // false: there is no answer, it broke off, or it is no status
     double seconds = 0;              // that the scheduler took for it
@@ -99,7 +99,7 @@ public:
     void settle(const std::vector<std::uint64_t>& ids, bool were_shown);
 
     // Hands the messages in the mailbox to the listener as the answer of this request, without a connection.
-    // Then calls ended() with `how`.
+    // Then calls ended() with `how`, which is not outcome::no_answer.
     void fetch_stored(std::size_t host, std::uint32_t request, outcome how);
 
     // The operator's answer to password_needed. is_given: false when he has none; the login is then refused.

@@ -33,7 +33,8 @@ bool agent::deliver(std::size_t host, std::uint32_t request, std::string_view te
     status_answer answer;
     answer.request = request;
     answer.seconds = std::chrono::duration<double>(clock::now() - state.asked_at).count();
-    if (request != 0 && !state.given_up && state.looked != state.link.connected_at()) {
+    const bool is_given_up = state.given_up && request == state.queue.front().request;
+    if (request != 0 && !is_given_up && state.looked != state.link.connected_at()) {
         add_stored(host, answer);
     }
     bool is_valid = true;

@@ -146,8 +146,8 @@ std::optional<box> box::open(const std::string& key, std::string& problem) {
     return std::nullopt;
 }
 
-std::vector<box> box::open_existing(const std::string& key, std::vector<std::string>& problems) {
-    std::vector<box> boxes;
+void box::each(const std::string& key, std::vector<std::string>& problems,
+               const std::function<void(box&)>& action) {
     for (const std::string& path : boxes_of(key)) {
         std::string problem;
         std::optional<box> opened = open_path(path, problem);
@@ -155,10 +155,9 @@ std::vector<box> box::open_existing(const std::string& key, std::vector<std::str
             problems.push_back(opened ? path + ": has lines that are no messages" : problem);
         }
         if (opened) {
-            boxes.push_back(std::move(*opened));
+            action(*opened);
         }
     }
-    return boxes;
 }
 
 bool box::write_counters() {

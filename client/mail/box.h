@@ -10,6 +10,7 @@
 #include "mail/state_file.h"
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -69,9 +70,10 @@ public:
     // The box of this scheduler for writing: the first that can be locked and read, or a new one. Nothing, with the
     // reason in problem, when there is none.
     static std::optional<box> open(const std::string& key, std::string& problem);
-    // All boxes of this scheduler that can be locked and read. Adds to problems why the others cannot, and
-    // which of the boxes have lines that are no records.
-    static std::vector<box> open_existing(const std::string& key, std::vector<std::string>& problems);
+    // Calls action for each box of this scheduler that can be locked and read, one after the other. Adds to
+    // problems why the others cannot, and which of the boxes have lines that are no records.
+    static void each(const std::string& key, std::vector<std::string>& problems,
+                     const std::function<void(box&)>& action);
 
     counter_row& counters() { return counters_; }
     std::vector<record>& records() { return records_; }

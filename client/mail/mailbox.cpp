@@ -141,12 +141,11 @@ bool mailbox::is_for_us(const box::record& r) {
 
 std::vector<status_line> mailbox::take(const std::string& key) {
     std::vector<status_line> taken;
-    std::vector<box> boxes = box::open_existing(key, problems_);
-    if (std::string problem; !boxes.empty() && !open_own(problem)) {
-        problems_.push_back(problem);
-        return taken;
-    }
-    for (box& from : boxes) {
+    box::each(key, problems_, [&](box& from) {
+        if (std::string problem; !open_own(problem)) {
+            problems_.push_back(problem);
+            return;
+        }
         for (box::record& r : from.records()) {
             if (is_for_us(r) && r.owner != name_) {
                 from.set_owner(r, name_);
@@ -154,7 +153,7 @@ std::vector<status_line> mailbox::take(const std::string& key) {
                 taken.push_back({r.id, r.text});
             }
         }
-    }
+    });
     return taken;
 }
 
@@ -173,14 +172,14 @@ std::vector<status_line> mailbox::look(const std::string& key) {
 
 void mailbox::settle(const std::string& key, const std::vector<std::uint64_t>& ids, bool were_shown) {
     std::vector<std::string> ignored;  // take() reports them
-    for (box& from : box::open_existing(key, ignored)) {
+    box::each(key, ignored, [&](box& from) {
         for (box::record& r : from.records()) {
             if (r.waits && r.owner == name_ && std::find(ids.begin(), ids.end(), r.id) != ids.end()) {
                 static_cast<void>(were_shown ? from.remove(r) : from.set_owner(r, ""));
             }
         }
         from.clean();
-    }
+    });
 }
 
 // Under another name: the owner of the records does not live any more.

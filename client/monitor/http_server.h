@@ -40,6 +40,9 @@ public:
     // listener: a listening socket, which the server closes. lifetime: of a connection. Throws std::runtime_error.
     http_server(int listener, std::chrono::seconds lifetime, handler answerer);
 
+    http_server(const http_server&) = delete;
+    http_server& operator=(const http_server&) = delete;
+
     int fd() const { return fd_; }  // readable when step() has work
 
     // Serves what has come. Returns the time at which to call it again at the latest.

@@ -188,6 +188,9 @@ short host_link::events() const {
 }
 
 void host_link::on_ready() {
+    if (lookup_ && !lookup_->is_done) {
+        return;
+    }
     if (lookup_) {
         const std::shared_ptr<name_lookup> ended = std::exchange(lookup_, nullptr);
         return on_resolved(ended->addresses, ended->problem);

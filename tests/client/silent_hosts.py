@@ -25,8 +25,8 @@ ANSWER = b"confdate  2026-01-31T12:00:00+00:00\r\n"
 HEALTHY = 3
 PROMPT = 7  # seconds in which a healthy host's answer must be shown; behind a silent host it would take 10
 # Words, the seconds after which the last silent host is given up, and whether a byte a second is an answer.
-USES = (("status", 10, False), ("--json status", 10, False), ("modcntl", 10, False), ("-t 2 status", 2, False),
-        ("-t 2 parts status", 2, True), ("--as-it-comes status", 10, False), ("watch", 0, False), ("follow", 0, False))
+USES = (("status", 10, False), ("--json status", 10, False), ("modcntl", 10, False), ("-t 8 status", 8, False),
+        ("-t 8 parts status", 8, True), ("--as-it-comes status", 10, False), ("watch", 0, False), ("follow", 0, False))
 
 
 class SilentHost(threading.Thread):
