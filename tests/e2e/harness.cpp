@@ -214,7 +214,8 @@ Suite::~Suite() {
     stop();
     if (testing::Test::HasFailure()) std::cerr << shell("cd " + dir_ + "; tail -n 60 log/sched_log stdout stderr");
     EXPECT_EQ(shell("cd " + dir_ + "; cat sanitizer* 2> /dev/null; grep -s -A 99 Sanitizer stderr"), "");
-    fs::remove_all(dir_);
+    std::error_code problem;  // a process that is just ending may still write there
+    EXPECT_TRUE(wait_until([&] { return fs::remove_all(dir_, problem), !problem; })) << problem.message();
 }
 
 void Suite::write(const std::string& name, std::string_view text) const {
