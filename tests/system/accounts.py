@@ -72,14 +72,12 @@ class Log(threading.Thread):
                         opened[number] = self.files[number]
                     else:
                         opened[number] = [file, 0]
-            for number in [n for n in self.files if n not in opened]:
-                self.read(self.files[number])  # it was renamed during the search, or it is gone
-                opened[number] = self.files[number]
-            for place in opened.values():
+            # Files without a name: renamed during the search, or gone. They come first, so that they are dropped first.
+            self.files = {n: place for n, place in self.files.items() if n not in opened} | opened
+            for place in self.files.values():
                 self.read(place)
-            for place in list(opened.values())[:-8]:
-                os.close(place[0])
-            self.files = dict(list(opened.items())[-8:])
+            while len(self.files) > 8:
+                os.close(self.files.pop(next(iter(self.files)))[0])
             time.sleep(0.02)
 
     def forget(self):
