@@ -351,7 +351,7 @@ TEST_F(E2eWatchTerminal, ShowsChangesReconnectsAndRestoresTheTerminal) {
     screen.expect("E0101:fan \\x1b[31m 3");
     screen.resize(6, 70);
     suite.event("E0103:a\nE0104:b\nE0107:c\n");
-    screen.expect("prevent, diag, conf");
+    screen.expect("\x1b[33mprevent, diag, conf");
     screen.expect("Messages: 4");
     screen.expect("E0107:c");
     screen.resize(9, 30);
