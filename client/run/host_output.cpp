@@ -55,9 +55,6 @@ void host_output::mark(std::size_t host, std::uint64_t id) {
     if (id != 0) {
         of.marks.push_back({of.size, host, id});
     }
-    if (of.size == 0) {  // the text is ready already
-        release(host);
-    }
 }
 
 void host_output::end(std::size_t host) {
@@ -96,7 +93,6 @@ void host_output::release(std::size_t host) {
         from.text.pop(piece.size());
     }
     added_ += std::exchange(from.size, 0);
-    from.ended = false;
 }
 
 void host_output::report_written() {

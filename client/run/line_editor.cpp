@@ -112,9 +112,6 @@ line_editor& line_editor::self(EditLine* editor) {
 
 bool line_editor::read(std::string& line) {
     interrupted_ = false;
-    if (runner_.signals().resized()) {
-        el_resize(editor_);
-    }
     int length = 0;
     reading_ = true;
     const char* text = el_gets(editor_, &length);
@@ -156,7 +153,6 @@ bool line_editor::wait_for_key() {
         if (const std::string text = ready[2].revents != 0 ? runner_.absorb() : ""; !text.empty()) {
             // The row with the prompt is cleared, and drawn again below the text.
             std::printf("\r\033[K(%s)\n", text.c_str());
-            std::fflush(stdout);
             el_set(editor_, EL_REFRESH);
         }
         if (ready[0].revents != 0) {

@@ -41,8 +41,6 @@ int command_runner::run(const std::vector<std::string>& words) {
 
 void command_runner::start(std::size_t host) {
     host_state& state = states_[host];
-    state.kept.clear();
-    state.lines.clear();
     state.filter = printable_text();
     std::string line;
     if (const std::optional<std::string> problem = join_words(words_, line)) {
@@ -72,7 +70,6 @@ void command_runner::show_stored() {
 
 // Waits until the output of all hosts is written.
 void command_runner::wait() {
-    std::fflush(stdout);  // the output goes past its buffer
     clock::time_point order_end = states_.size() > 1 ? clock::now() + order_limit : clock::time_point::max();
     while (running_ > 0) {
         output_.write_some();
@@ -94,7 +91,6 @@ void command_runner::wait() {
             output_.stop_ordering();
         }
     }
-    std::fflush(stdout);
 }
 
 // A signal: gives up all commands, and writes what has come as long as the reader takes it.
@@ -127,7 +123,6 @@ void command_runner::password_needed(std::size_t host) {
 
 // Returns false, with password_problem_, when there is none.
 bool command_runner::ask_for_password() {
-    std::fflush(stdout);
     std::string password;
     password_problem_.clear();
     const std::string prompt = "Password for " + chosen_.hosts[0].name + ": ";

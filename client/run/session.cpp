@@ -24,7 +24,7 @@ void print_help() {
         "  help      this list\n"
         "  exit      end the session\n"
         "All other words are modules; modcntl lists them. quit, exit and Ctrl-D end the session.");
-    std::fflush(stdout);
+    std::fflush(stdout);  // the output of commands goes past this buffer
 }
 
 class session {
@@ -46,7 +46,6 @@ public:
         if (!has_line) {
             std::puts("quit");
         }
-        editor_.reset();
         return runner_.finish(0);
     }
 
@@ -121,8 +120,8 @@ private:
 
     const settings& chosen_;
     const bool terminal_;
-    std::optional<line_editor> editor_;
     command_runner runner_;
+    std::optional<line_editor> editor_;
     int exit_code_ = 0;
 };
 

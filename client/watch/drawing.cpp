@@ -128,22 +128,21 @@ void draw_conditions(const std::vector<condition>& conditions, canvas& page) {
     const std::size_t single =
         conditions.size() <= free ? conditions.size() : std::max<std::size_t>(free, 1) - 1;
     std::string names;
-    const char* names_colour = plain;
+    health names_state = health::well;  // the worst of them
     for (std::size_t i = 0; i < conditions.size(); ++i) {
         const condition& c = conditions[i];
-        const char* const colour = colour_of(health_of(c));
         if (i < single) {
             char row[96];
             std::snprintf(row, sizeof row, "%-9s %s  %s", c.name.c_str(), c.since.c_str(),
                           age_of(c.since).c_str());
-            page.line(row, colour);
+            page.line(row, colour_of(health_of(c)));
         } else {
             names += (names.empty() ? "" : ", ") + c.name;
-            names_colour = names_colour == red ? red : colour;
+            names_state = std::min(names_state, health_of(c));
         }
     }
     if (!names.empty()) {
-        page.line(names, names_colour);
+        page.line(names, colour_of(names_state));
     }
 }
 

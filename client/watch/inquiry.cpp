@@ -43,7 +43,6 @@ std::vector<event> changes(const std::vector<condition>& before, const std::vect
 
 void inquiry::begin(bool with_details) {
     next_ = with_details ? 0 : std::size(questions) - 1;
-    answer_.clear();
 }
 
 const std::vector<std::string>& inquiry::words() const {
@@ -85,15 +84,15 @@ status_update inquiry::status(const status_answer& answer) {
 }
 
 bool inquiry::ended(const command_result& end) {
+    const std::string answer = std::exchange(answer_, {});
     const std::string& word = words()[0];
     if (word == "status" ||
         (end.how != outcome::over && end.how != outcome::unsupported && end.how != outcome::busy)) {
         return false;
     }
     if (end.how == outcome::over) {
-        read_detail(word, answer_, known);
+        read_detail(word, answer, known);
     }
-    answer_.clear();
     ++next_;
     return true;
 }

@@ -1,4 +1,4 @@
-// A program at a pseudo-terminal.
+// The client as a program: with its output as text, and at a pseudo-terminal.
 #pragma once
 
 #include "e2e/harness.h"
@@ -13,6 +13,25 @@
 #include <unistd.h>
 
 namespace e2e {
+
+class ClientTest : public testing::Test {
+protected:
+    // What the client prints on both outputs, then "code" and its exit code: 124 when it hangs.
+    std::string ctl(const std::string& arguments) const {
+        return shell(environment() + "timeout " + limit + " " SCHEDCTL_BINARY " " + arguments +
+                     " 2>&1 </dev/null; echo code $?");
+    }
+
+    std::string environment() const {
+        return "export VGD_data=" + suite.path("data") + " XDG_STATE_HOME=" + suite.path("state") +
+               " SCHED_PORT=" + std::to_string(suite.port) + "; ";
+    }
+
+    int connections() const { return occurrences(suite.trace(), ") is coming"); }  // since the start
+
+    const std::string limit = std::to_string(patience / 1s);
+    Suite suite;
+};
 
 class Terminal {
 public:
