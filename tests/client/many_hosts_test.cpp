@@ -217,7 +217,6 @@ TEST_F(E2eManyHosts, HeldConnectionIsReportedAndKeepsItsMessages) {
     EXPECT_TRUE(wait_until([&] { return received_by(first.port, 2); }));
     front.finish();
     resume.join();
-    EXPECT_EQ(shown[1], "");
     EXPECT_TRUE(wait_until(
         [&] { return client::mailbox(client::mail_kind::operators).waiting(client::key_of(hosts[0])) == 1; }));
 
@@ -234,7 +233,7 @@ TEST_F(E2eManyHosts, HeldConnectionIsReportedAndKeepsItsMessages) {
     const auto ends = [&](unsigned n) { return wait_until([&] { return step(late), events.ends.size() == n; }); };
     late.ask(0, 1, {"status"});
     EXPECT_TRUE(ends(1));
-    EXPECT_EQ(shown[1], "E0101:fan");
+    EXPECT_EQ(shown[1], "E0101:fan");  // once: the front got nothing after its last call
     late.cancel(0, 1);
     const auto begin = std::chrono::steady_clock::now();
     for (int i = 0; i < 10; ++i) step(late);
