@@ -181,7 +181,6 @@ bool agent::start(std::size_t host, std::size_t answers) {
         return false;
     }
     state.asking = true;
-    state.status_text.clear();
     state.asked_at = clock::now();
     const bool quits = first.words.size() == 1 && first.words[0] == "quit";
     begin(host, quits ? std::vector<std::string>() : first.words);

@@ -30,7 +30,7 @@ void spill_queue::add(std::string_view text) {
     if (!file_.is_open()) {
         const char* directory = std::getenv("TMPDIR");
         std::string path = std::string(directory != nullptr ? directory : "/tmp") + "/schedctl.XXXXXX";
-        file_.reset(mkostemp(path.data(), O_APPEND | O_CLOEXEC));
+        file_.reset(mkostemp(path.data(), O_CLOEXEC));
         if (file_.is_open()) {
             unlink(path.c_str());  // O_TMPFILE would need no name, but not every file system has it
         }

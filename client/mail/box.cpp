@@ -253,7 +253,6 @@ void box::clean() {
     if (lines.size() * 2 <= size_ && file_.write_at(counters_size, lines)) {
         size_ = counters_size + lines.size();
         file_.truncate(size_);
-        records_ = box(file_.read()).records_;
     }
 }
 

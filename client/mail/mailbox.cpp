@@ -117,8 +117,8 @@ std::uint64_t mailbox::store(const std::string& key, const std::string& address,
     counters.totals.add(parse_status(text));
     counters.address = address.empty() ? counters.address : address;
     bool is_stored = to->append(records);
-    if (!is_stored && errno == ENOSPC && reserved_ != 0) {
-        // The disk is full: now the reserved room is needed.
+    if (!is_stored && reserved_ != 0) {
+        // The disk is full, or the user's share of it: now the reserved room is needed.
         own_.truncate(0);
         reserved_ = 0;
         is_stored = to->append(records);

@@ -88,7 +88,6 @@ void exchange::answered(const command_result& end, std::string& requests) {
     }
     if (at_ == step::greeting) {
         // It does not matter whether the scheduler has a module for the greeting. The command may require a login.
-        logged_in_ = false;
         return begin_command(requests);
     }
     if (at_ == step::ipset_known && end.how == outcome::over) {

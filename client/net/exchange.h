@@ -60,7 +60,7 @@ private:
     password_store& passwords_;
     step at_ = step::command;
     step after_login_ = step::command;
-    bool logged_in_ = false;  // since the step that required it
+    bool logged_in_ = false;
     command_result challenge_;
     answer_parser parser_;
     std::string held_;  // bytes that came behind an answer, of a packet with two requests

@@ -66,7 +66,7 @@ void host_link::ask(std::vector<std::string> words) {
         return;
     }
     requests_.clear();
-    late_ = took_long_ = false;
+    took_long_ = false;
     // This limit covers look-up, connecting and, for a command that the scheduler answers itself, the answer.
     deadline_ = clock::now() + limit();
     if (state_ == state::idle) {

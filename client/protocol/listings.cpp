@@ -31,7 +31,6 @@ void take_slots(std::string_view label, std::string_view digits, timer_job& job)
             continue;
         }
         std::vector<int>& values = job.*known.values;
-        values.clear();
         for (std::size_t i = known.first; i < known.end && i < digits.size(); ++i) {
             if (digits[i] == '1') {
                 values.push_back(static_cast<int>(i));
