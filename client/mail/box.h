@@ -84,7 +84,8 @@ public:
     bool set_owner(record& of, const std::string& owner);
     bool remove(record& shown);
     bool write_counters();
-    void clean();  // cuts off what was shown; the last call
+    // Cuts off what was shown. No other call may follow: the offsets of the records no longer hold.
+    void clean();
 
 private:
     // Opens and locks the box, which is created if it does not exist. Nothing, with the reason in problem,

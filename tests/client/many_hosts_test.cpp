@@ -67,13 +67,14 @@ protected:
     std::string end;
 };
 
-// In any order when a sanitizer makes the schedulers slow: that of the hosts is kept for 0.2 seconds.
-std::string in_order_kept(std::string text) {
+// With a sanitizer the schedulers are slow, and the client keeps the order of the hosts for 0.2 seconds only. Then the
+// characters are compared in any order.
+std::string comparable(std::string text) {
     if (!std::string_view(SCHED_SANITIZE).empty()) std::sort(text.begin(), text.end());
     return text;
 }
 
-TEST_F(E2eManyHosts, EachHostIsAskedOnceAndTheFirstFailureIsTheExitCode) {
+TEST_F(E2eManyHosts, EachHostIsAskedOnceAndTheHighestExitCodeIsReturned) {
     const std::string numbers = shell("seq 100000 | sed 's/^/B: /'") + "B: end\n";
     const std::string calm = R"("conditions":[{"name":"confdate","since":"DATE"}],"messages":[],"lost":0})"
                              "\n";
@@ -81,8 +82,7 @@ TEST_F(E2eManyHosts, EachHostIsAskedOnceAndTheFirstFailureIsTheExitCode) {
     const std::string name = shell("getent hosts localhost").empty() ? "127.1" : "localhost";  // without /etc/hosts
     const struct {
         const char* name;
-        std::string arguments;
-        std::string wanted;
+        std::string arguments, wanted;
     } cases[] = {
         {"a list", "-H $B,$A status", "B: confdate  DATE\nA: confdate  DATE\n0\n"},
         {"a file", "--hosts hosts status", "A: confdate  DATE\nB: confdate  DATE\n0\n"},
@@ -110,32 +110,31 @@ TEST_F(E2eManyHosts, EachHostIsAskedOnceAndTheFirstFailureIsTheExitCode) {
     };
     shell("mkdir " + first.path("tmp"));
     for (const auto& c : cases) {
-        const std::string got = ctl(c.arguments);
-        ASSERT_TRUE(in_order_kept(got) == in_order_kept(c.wanted)) << c.name << ":\n"
-                                                                   << shortened(got) << "instead of:\n"
-                                                                   << shortened(c.wanted);
+        std::string got;
+        const auto fits = [&] { return comparable(got = ctl(c.arguments)) == comparable(c.wanted); };
+        // Again when a busy machine was slow: the order is kept for 0.2 seconds. No file of the modules is left then.
+        ASSERT_TRUE(fits() || (shell("cd " + first.path("") + "; rm -f done written met shown"), fits()))
+            << c.name << ":\n"
+            << shortened(got) << "instead of:\n"
+            << shortened(c.wanted);
     }
     EXPECT_EQ(shell("ls " + first.path("tmp")), "");
 }
 
 TEST_F(E2eManyHosts, WrongUseEndsWithAMessage) {
     shell("cd " + first.path("") + "; printf 'db1\\ndb2:0\\n' >bad; echo db1 db2 >two");
-    const struct {
-        const char* arguments;
-        const char* message;
-    } cases[] = {{"-H $A,$B", "everything else works with one host only"},
-                 {"-H $A,db:x status", "\"db:x\" is not name[:port]"},
-                 {"-H , status", "no host is named"},
-                 {"-H $A --hosts hosts status", "--host"},
-                 {"--hosts /dev/null status", "/dev/null: no host is named"},
-                 {"--hosts absent status", "absent: No such file"},
-                 {"--hosts bad status", "bad:2: \"db2:0\" is not"},
-                 {"--hosts two status", "two:1: \"db2\" is not name=value"},
-                 {"--hosts hosts --json code", "--json is for"},
-                 {"--hosts hosts ipset 10.1.1.1", "use it in a session"},
-                 {"--hosts hosts restart", "restart needs"}};
-    for (const auto& c : cases) {
-        EXPECT_THAT(ctl(c.arguments), testing::AllOf(HasSubstr(c.message), EndsWith("\n200\n"))) << c.arguments;
+    for (const auto& [arguments, message] : {std::pair("-H $A,$B", "everything else works with one host only"),
+                                             {"-H $A,db:x status", "\"db:x\" is not name[:port]"},
+                                             {"-H , status", "no host is named"},
+                                             {"-H $A --hosts hosts status", "--host"},
+                                             {"--hosts /dev/null status", "/dev/null: no host is named"},
+                                             {"--hosts absent status", "absent: No such file"},
+                                             {"--hosts bad status", "bad:2: \"db2:0\" is not"},
+                                             {"--hosts two status", "two:1: \"db2\" is not name=value"},
+                                             {"--hosts hosts --json code", "--json is for"},
+                                             {"--hosts hosts ipset 10.1.1.1", "use it in a session"},
+                                             {"--hosts hosts restart", "restart needs"}}) {
+        EXPECT_THAT(ctl(arguments), testing::AllOf(HasSubstr(message), EndsWith("\n200\n"))) << arguments;
     }
 }
 
@@ -171,8 +170,8 @@ TEST(HostLink, TriesEachIPv4AddressAndUsesThoseThatComeLate) {
 }
 
 // A command is under way, so the last status comes later. Messages that come after the front's last call wait for
-// another process, and those of an answer that was given up for the next one. Each close() is reported. finish() ends
-// the wait for a password that nobody gives any more.
+// another process. Messages of an answer that was given up wait for the next answer. Each close() is reported. finish()
+// ends the wait for a password that nobody gives any more.
 TEST_F(E2eManyHosts, HeldConnectionIsReportedAndKeepsItsMessages) {
     setenv("XDG_STATE_HOME", first.path("agent").c_str(), 1);
     const std::vector<client::host_name> hosts = {{"A", "127.0.0.1", static_cast<std::uint16_t>(first.port), ""}};
@@ -209,8 +208,7 @@ TEST_F(E2eManyHosts, HeldConnectionIsReportedAndKeepsItsMessages) {
     };
     client::agent_options how;
     how.stored = client::stored_messages::taken;
-    first.event("E0101:fan\n");
-    first.await_events(1);
+    first.raise("E0101:fan");
     kill(stalled, SIGSTOP);
     client::agent_client front(hosts, how, events);
     front.ask(0, {"status"});
@@ -226,8 +224,7 @@ TEST_F(E2eManyHosts, HeldConnectionIsReportedAndKeepsItsMessages) {
     how.connect.timeout = 1;
     client::mailbox::remember_login(client::key_of(hosts[0]), true);
     first.await_trace(") is gone.");
-    first.event("E0101:late\n");
-    first.await_events(2);
+    first.raise("E0101:late");
     kill(stalled, SIGSTOP);
     client::agent late(hosts, how, events);
     const auto ends = [&](unsigned n) { return wait_until([&] { return step(late), events.ends.size() == n; }); };
@@ -242,7 +239,7 @@ TEST_F(E2eManyHosts, HeldConnectionIsReportedAndKeepsItsMessages) {
     EXPECT_TRUE(ends(2));
     late.ask(0, 2, {"status"});
     late.step({}, {});
-    usleep(1'200'000);  // an answer that has come is not late when its reader was stopped
+    usleep(3'000'000);  // an answer that has come is not late when its reader was stopped for longer than the limit
     EXPECT_TRUE(ends(3));
     EXPECT_THAT(events.ends,
                 testing::ElementsAre(client::outcome::no_answer, client::outcome::over, client::outcome::over));
@@ -274,22 +271,20 @@ TEST_F(E2eManyHosts, SilentHostNeitherDelaysNorLosesTheAnswersOfTheOthers) {
     const std::string answer = "B: confdate  DATE\nB: error     DATE\nB: DATE;E0101:fan\nschedctl: A: ";
     const struct {
         const char* name;
-        std::string arguments;
-        std::string wanted;
+        std::string arguments, wanted;
     } cases[] = {
         {"interrupt, and A has given its place to B", "--parallel 1 -H $A,$B status",
          answer + "stopped waiting\n130\n"},
         {"what its reader did not take is not kept as long as A is silent",
-         "-H $A,$B status | true; sleep 0.5; " SCHEDCTL_BINARY " -H $B status",
+         "-H $A,$B status | true; for i in $(seq 50); do " SCHEDCTL_BINARY " -H $B status >got 2>&1; "
+         "grep -q fan got && break; sleep 0.1; done; cat got",
          "DATE;E0101:fan\nconfdate  DATE\nerror     DATE\n0\n"},
-        {"time-out, and A has given its place to B", "-t 1 --parallel 1 -H $A,$B code",
+        {"time-out, and A has given its place to B", "-t 2 --parallel 1 -H $A,$B code",
          "schedctl: A: no answer in time\nschedctl: B: exit code 7\n206\n"},
     };
-    std::size_t events = 0;
     for (const auto& c : cases) {
         kill(first.scheduler(), SIGSTOP);
-        second.event("E0101:fan\n");
-        second.await_events(++events);
+        second.raise("E0101:fan");
         EXPECT_EQ(ctl(c.arguments, 6), c.wanted) << c.name;
         kill(first.scheduler(), SIGCONT);
         EXPECT_TRUE(wait_until([&] { return shell("ls " + first.path("state/schedctl/live")).empty(); }));

@@ -24,9 +24,7 @@ protected:
     // Sends a message while no client is connected. A connection that is just ending would take it.
     void raise(const std::string& text) {
         ASSERT_TRUE(wait_until([&] { return traced(") is gone.") == connections(); }));
-        const std::size_t before = suite.events().size();
-        suite.event(text + "\n");
-        suite.await_events(before + 1);
+        suite.raise(text);
     }
 
     // Nothing can be stored any more.
@@ -97,11 +95,10 @@ TEST_F(E2eMonitor, UptimeOfTheServiceIsThatOfItsPortOnly) {
         "mount -t tmpfs none /var/lib && mkdir /var/lib/sched && "
         "echo 60 >/var/lib/sched/up_time && ";
     if (shell(inside + "echo made' 2>/dev/null") != "made\n") { GTEST_SKIP() << "no namespaces here"; }
-    for (const std::string host : {"localhost", "127.0.0.1:9979", "db1"}) {
+    for (const std::string host : {"localhost", "127.0.0.1:9979", "db1"})
         EXPECT_EQ(shell(environment() + inside + SCHEDCTL_BINARY " -t 1 -H " + host +
                         " metrics 2>/dev/null | grep ^sched_uptime'"),
                   host == "localhost" ? "sched_uptime_seconds_total 3600\n" : "");
-    }
 }
 
 TEST_F(E2eMonitor, CheckStateFollowsTheConditionsAndThresholds) {
@@ -230,6 +227,10 @@ protected:
         return std::atol(shell("sed -n 's/^" + name + "//p' /proc/" + std::to_string(pid_) + "/" + file).c_str());
     }
 
+    int descriptors(const std::string& kind = "\n") const {
+        return occurrences(shell("ls -l /proc/" + std::to_string(pid_) + "/fd"), kind);
+    }
+
     const std::string http = std::to_string(free_port());
     const std::string here = "127.0.0.1:" + std::to_string(suite.port);
     pid_t pid_ = -1;
@@ -238,24 +239,21 @@ protected:
 TEST_F(E2eExporter, AnswersOnlyForAValidTarget) {
     suite.start();
     serve();
-    const auto descriptors = [&] { return occurrences(shell("ls /proc/" + std::to_string(pid_) + "/fd"), "\n"); };
     EXPECT_THAT(get("/metrics?target=" + here), HasSubstr("\nsched_up 1\n"));
     const int open_before = descriptors();  // with the file of the mailbox
     const std::string nobody = "127.0.0.1:" + std::to_string(free_port());
-    const struct {
-        std::string request;
-        const char* answer;
-    } cases[] = {
-        {"/metrics?target=" + nobody, "\nsched_up 0\n"},
-        {"/metrics?target=" + std::string(255, 'a') + ":12345", "\nsched_up 0\n"},
-        {"/other", "404"},
-        {"/", "<a href=\"/metrics\">"},
-        {"/targets", "[]\n200"},
-        {"/metrics", "\nsched_exporter_errors_total 0\n"},
-        {"/metrics", "\nsched_exporter_targets 3\n"},
-        {"/metrics", "\n# UNIT process_resident_memory_bytes bytes\nprocess_resident_memory_bytes "},
-    };
-    for (const auto& c : cases) { ASSERT_THAT(get(c.request), HasSubstr(c.answer)) << c.request; }
+    for (const auto& [request, answer] : {
+             std::pair("/metrics?target=" + nobody, "\nsched_up 0\n"),
+             {"/metrics?target=" + std::string(255, 'a') + ":12345", "\nsched_up 0\n"},
+             {"/other", "404"},
+             {"/", "<a href=\"/metrics\">"},
+             {"/targets", "[]\n200"},
+             {"/metrics", "\nsched_exporter_errors_total 0\n"},
+             {"/metrics", "\nsched_exporter_targets 3\n"},
+             {"/metrics", "\n# UNIT process_resident_memory_bytes bytes\nprocess_resident_memory_bytes "},
+         }) {
+        ASSERT_THAT(get(request), HasSubstr(answer)) << request;
+    }
     for (const std::string& target : {""s, "-V"s, "a%20b:1"s, here + "%00", "127.0.0.1:0"s, "127.0.0.1:99999"s,
                                       here + "&target=localhost", std::string(256, 'a') + ":12345"}) {
         EXPECT_THAT(get("/metrics?target=" + target), EndsWith("400")) << target;
@@ -318,8 +316,7 @@ TEST_F(E2eExporter, CostOfARequestIsBounded) {
         "[x.send(b\"GET / HTTP/1.1\\r\\nX: \") for x in s]\n"
         "time.sleep(60)' " +
         http + " >/dev/null 2>&1 & echo $! >" + suite.path("slow"));
-    ASSERT_TRUE(
-        wait_until([&] { return occurrences(shell("ls /proc/" + std::to_string(pid_) + "/fd"), "\n") > 1000; }));
+    ASSERT_TRUE(wait_until([&] { return descriptors() > 1000; }));
     EXPECT_THAT(get(target), HasSubstr("\nsched_up 1\n"));
 #ifdef __SANITIZE_THREAD__
     constexpr long most = 80'000;  // its own records of each byte
@@ -327,7 +324,7 @@ TEST_F(E2eExporter, CostOfARequestIsBounded) {
     constexpr long most = 20'000;
 #endif
     EXPECT_LT(field("status", "VmHWM:") - before, most);  // kB
-    EXPECT_TRUE(wait_until([&] { return occurrences(shell("ls /proc/" + std::to_string(pid_) + "/fd"), "\n") < 100; }));
+    EXPECT_TRUE(wait_until([&] { return descriptors() < 100; }));
     shell("kill " + suite.read("slow"));
 }
 
@@ -354,15 +351,14 @@ TEST_F(E2eExporter, SilentSchedulerDelaysNobodyAndLosesNoMessage) {
 TEST_F(E2eExporter, SecondRequestJoinsTheVisit) {
     suite.start();
     serve("-t " + limit);
-    const auto sockets = [&] { return occurrences(shell("ls -l /proc/" + std::to_string(pid_) + "/fd"), "socket:"); };
-    const int sockets_before = sockets();
+    const int sockets = descriptors("socket:");
     const int before = connections();
     kill(suite.scheduler(), SIGSTOP);
     for (int i = 0; i < 2; ++i) {
         shell("curl -s -m " + limit + " 'http://127.0.0.1:" + http + "/metrics?target=" + here + "' >>" +
               suite.path("answers") + " 2>/dev/null &");
     }
-    EXPECT_TRUE(wait_until([&] { return sockets() == sockets_before + 3; }));
+    EXPECT_TRUE(wait_until([&] { return descriptors("socket:") == sockets + 3; }));
     EXPECT_THAT(get("/-/healthy"), HasSubstr("OK"));  // both requests have been read before this one
     kill(suite.scheduler(), SIGCONT);
     EXPECT_TRUE(wait_until([&] { return occurrences(suite.read("answers"), "\nsched_up 1\n") == 2; }));

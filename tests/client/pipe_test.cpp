@@ -57,12 +57,10 @@ TEST_F(E2eClientPipe, ExitCodeAndMessageTellEachFailure) {
     suite.write("config/common.ini", "[sched]\nallowed_ip_address = 127.0.0.2, 10.0.0.0/8\n");
     ASSERT_EQ(run(suite, SCHEDPASSWD_BINARY " --stdin", "secret\n").code, 0);
     suite.start();
-    const std::string nobody = std::to_string(free_port());
     const struct {
         std::string arguments;
         int code;
-        std::string out;
-        std::string err;  // a part of it; empty: no message
+        std::string out, err;  // err: a part of it; empty: no message
     } cases[] = {
         {"odd exit 7", 7, "", ""},
         {"odd signal 15", 128 + 15, "", "signal 15"},
@@ -89,7 +87,6 @@ TEST_F(E2eClientPipe, ExitCodeAndMessageTellEachFailure) {
         {"fly $(head -c 16378 /dev/zero | tr '\\0' x)", 202, "", "unsupported"},
         {"fly $(head -c 16379 /dev/zero | tr '\\0' x)", 200, "", "more than 16382 characters"},
         {"--json lock", 200, "", "--json"},
-        {"status -p " + nobody, 205, "", "Connection refused"},
         {"show -b127.0.0.3 ip", 205, "", "closed"},
         {"status --json --timeout=3", 0,
          R"({"conditions":[{"name":"confdate","since":"DATE"}],"messages":[],"lost":0})"
@@ -142,9 +139,8 @@ TEST_F(E2eClientPipe, OptionsAndVariablesHaveLimits) {
         EXPECT_THAT(got.err, StartsWith("schedctl: " + (wrong[0] == 'S' ? wrong.substr(0, wrong.find('=')) : "")));
     }
     const std::string taken = "metrics --listen 127.0.0.1:" + std::to_string(suite.port);
-    for (const std::string& wrong : {"--json"s, "-H a,b metrics"s, "metrics --listen 127.0.0.1:0"s, taken}) {
+    for (const std::string& wrong : {"--json"s, "-H a,b metrics"s, "metrics --listen 127.0.0.1:0"s, taken})
         EXPECT_EQ(ctl(suite, wrong).code, 200) << wrong;
-    }
     EXPECT_TRUE(in_order(ctl(suite, "--help").out, {"WORD... | COMMAND", "127.0.0.1", "128+N"}));
 }
 
@@ -153,7 +149,7 @@ TEST_F(E2eClientPipe, CompletionOffersWhatMayFollow) {
     suite.start();
     ctl(suite, "modcntl");
     EXPECT_EQ(shell("stat -c %a " + suite.path("state/schedctl") + "/modules-*"), "600\n");
-    for (const std::string line :  // what is typed, and what is offered
+    for (const std::string line :  // what is typed > what is offered
          {"modcntl odd ''>off\non\n", "modcntl -- spare ''>off\non\n", "sp>spare\tmodule\n",
           "--json sp>spare\tmodule\n", "--host=localhost sp>spare\tmodule\n", "stat>status\tconditions and messages\n",
           "watch ''>", "-- ->", "-t ''>", "wat>watch\tShow the status live until Ctrl-C\n",
@@ -167,30 +163,16 @@ TEST_F(E2eClientPipe, CompletionOffersWhatMayFollow) {
 // Output that looks like the end of an answer, line ends of all kinds, and pieces that split such words.
 TEST_F(E2eClientPipe, OutputIsThatOfTheModuleByteForByte) {
     suite.start();
-    const struct {
-        std::string arguments;
-        std::string out;
-    } cases[] = {
-        {R"(odd text 'a\r\nb\rc\r\r\n\rd\r')", "a\r\nb\rc\r\r\n\rd\r\n"},
-        {R"(odd text '\n\n\000\001\377\n')", "\n\n\0\1\377\n"s},
-    };
-    for (const auto& c : cases) {
-        const result got = ctl(suite, c.arguments);
-        EXPECT_EQ(got.code, 0) << got.err;
-        EXPECT_TRUE(got.out == c.out) << c.arguments << " gave " << got.out.substr(0, 300);
-    }
+    EXPECT_EQ(ctl(suite, R"(odd text 'a\r\nb\rc\r\r\n\rd\r')").out, "a\r\nb\rc\r\r\n\rd\r\n");
+    EXPECT_EQ(ctl(suite, R"(odd text '\n\n\000\001\377\n')").out, "\n\n\0\1\377\n"s);
     // Output appears while the module still runs, and the client ends when its reader ends.
     const std::string command = "SCHED_PORT=" + std::to_string(suite.port) + " " SCHEDCTL_BINARY " ";
     // The timer of the client's connection: 02 is that of keep-alive, and a second is 64 in hexadecimal.
     const std::string timer =
         "awk '$4 == \"01\" && $3 ~ /:'$(printf %04X " + std::to_string(suite.port) + ")'$/ { print $6 }' /proc/net/tcp";
     suite.write("hosts", "127.0.0.1\n");
-    const struct {
-        const char* go;
-        std::string options;
-        std::string prefix;
-    } ways[] = {{"go1", "", ""}, {"go2", "--hosts " + suite.path("hosts"), "127.0.0.1: "}};
-    for (const auto& [go, options, prefix] : ways) {
+    for (const auto& [go, options, prefix] :
+         {std::tuple("go1", ""s, ""s), {"go2", "--hosts " + suite.path("hosts"), "127.0.0.1: "}}) {
         FILE* const pipe = popen((command + options + " odd wait " + suite.path(go)).c_str(), "re");
         char line[32] = "";
         EXPECT_TRUE(std::fgets(line, sizeof line, pipe) != nullptr && line == prefix + "begin\n") << line;
@@ -201,7 +183,6 @@ TEST_F(E2eClientPipe, OutputIsThatOfTheModuleByteForByte) {
         EXPECT_EQ(pclose(pipe), 0);
     }
     EXPECT_EQ(shell(command + "odd many | head -n 1"), "1\n");
-    EXPECT_EQ(shell("timeout 30 env " + command + "odd many | { sleep 1; tail -n 1; }"), "300000\n");
 }
 
 TEST_F(E2eClientPipe, CommandsFromAPipeRunInOrderAndTheLastGivesTheExitCode) {
@@ -210,9 +191,8 @@ TEST_F(E2eClientPipe, CommandsFromAPipeRunInOrderAndTheLastGivesTheExitCode) {
     EXPECT_EQ(got.code, 4);
     EXPECT_EQ(got.out, "<a  b><c'd><e>\n");
     EXPECT_TRUE(in_order(got.err, {"quote", "unsupported", "exit code 4"}));
-    for (const char* end : {"quit\nodd exit 4\n", "exit\nodd exit 4\n", "?\n"}) {
+    for (const char* end : {"quit\nodd exit 4\n", "exit\nodd exit 4\n", "?\n"})
         EXPECT_EQ(ctl(suite, "", "odd exit 4\n"s + end).code, 0) << end;
-    }
     EXPECT_EQ(ctl(suite, "", "lock\nfly\nslow\nmodcntl slow off\nslow\nunlock\n").code, 0);  // one connection
     EXPECT_EQ(ctl(suite, "", "odd exit 4\nodd 'open\n").code, 200);
     EXPECT_EQ(ctl(suite, "").code, 0);
@@ -282,7 +262,7 @@ TEST_F(E2eClientPipe, OutputThatCannotBeWrittenIsReported) {
         {inject + " >&- 2>&-", 200, ""},
         {SCHEDCTL_BINARY " odd exit 3 <&- >&- 2>&-", 3, ""},
         {"[ \"$(" SCHEDCTL_BINARY " odd many | { sleep 1; cksum; })\" = \"$(seq 300000 | cksum)\" ]", 0, ""},
-        {"for i in 1 2 3 4 5 6; do timeout -s KILL 0.9 " SCHEDCTL_BINARY " odd exit && exit; done; exit 1", 0, ""},
+        {"for i in $(seq 20); do timeout -s KILL 0.9 " SCHEDCTL_BINARY " odd exit && exit; done; exit 1", 0, ""},
         {SCHEDCTL_BINARY " status >/dev/full", 200, "schedctl: cannot write: "},
         {SCHEDCTL_BINARY " watch >/dev/full", 200, "schedctl: cannot write: "},
         {SCHEDCTL_BINARY " watch --json >/dev/full", 200, "schedctl: cannot write: "},
@@ -302,8 +282,9 @@ TEST_F(E2eClientPipe, OutputThatCannotBeWrittenIsReported) {
     const std::string blocked =
         "{ head -c 65536 /dev/zero; for use in \"INT fly\" \"TERM fly\" \"HUP fly\" \"INT odd many\" \"TERM odd "
         "many\"; do "
-        "{ timeout --preserve-status -s ${use%% *} 1 " SCHEDCTL_BINARY " ${use#* }; echo $use $? >>" +
-        ended + "; } & done; wait; } 2>&1 | { sleep 4; sort " + ended + "; }";
+        "{ timeout --preserve-status -s ${use%% *} 3 " SCHEDCTL_BINARY " ${use#* }; echo $use $? >>" +
+        ended + "; } & done; wait; } 2>&1 | { for i in $(seq 200); do [ $(cat " + ended +
+        " | wc -l) = 5 ] && break; sleep 0.1; done; sort " + ended + "; }";
     EXPECT_EQ(run(suite, "sh -c '" + blocked + "'").out,
               "HUP fly 202\nINT fly 202\nINT odd many 130\nTERM fly 202\nTERM odd many 143\n");
 }
@@ -328,8 +309,7 @@ TEST_F(E2eClientPipe, JsonHasEveryFieldAndIsValidForAnyText) {
     EXPECT_THAT(ctl(suite, "--json status").out, HasSubstr(R"("messages":[])"));
 
     const struct {
-        std::string arguments;
-        std::string out;
+        std::string arguments, out;
         int code;
     } cases[] = {
         {"--json modcntl spare off", R"({"module":"spare","on":false})", 0},
@@ -366,15 +346,14 @@ TEST_F(E2eClientPipe, JsonHasEveryFieldAndIsValidForAnyText) {
     EXPECT_EQ(shown[mine]["user"], "me");
 }
 
-// The disk has room for what is reserved or for what is received, and then for nothing.
+// The disk has room for the reserve or for the messages, but not for both. At the end it has none.
 TEST_F(E2eClientPipe, FullDiskTakesTheRoomThatWasReserved) {
     const std::string inside = "env S=" + suite.path("state") +
                                " unshare --user --map-root-user --mount sh -c 'mkdir -p $S && "
                                "mount -t tmpfs -o size=400k none $S && head -c 240000 /dev/zero >$S/filler && ";
     if (run(suite, inside + "echo made'").out != "made\n") { GTEST_SKIP() << "no namespaces here"; }
     suite.start();
-    for (int i = 0; i < 100; ++i) suite.event("E0101:" + std::string(1000, 'x') + "\n");
-    suite.await_events(100);
+    for (int i = 0; i < 100; ++i) suite.raise("E0101:" + std::string(1000, 'x'));
     const char* const uses =
         SCHEDCTL_BINARY " check; " SCHEDCTL_BINARY " status; cat /dev/zero >$S/rest; " SCHEDCTL_BINARY " check'";
     const result got = run(suite, inside + uses);

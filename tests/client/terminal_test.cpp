@@ -34,8 +34,7 @@ TEST_F(E2eClientTerminal, SessionCompletesShowsControlCharactersAndKeepsItsHisto
     // The file has more lines than are kept, and two sessions end one after the other.
     shell("mkdir -p " + suite.path("state/schedctl"));
     suite.write("state/schedctl/history", "_HiStOrY_V2_\n" + repeated(30000, "an\\040old\\040line\n"));
-    suite.event("E0101:stored\n");
-    suite.await_events(1);
+    suite.raise("E0101:stored");
     ctl("check");
     Terminal other(suite, {SCHEDCTL_BINARY});
     EXPECT_TRUE(in_order(other.expect(prompt), {"Tab completes", "E0101:stored"}));
@@ -137,8 +136,7 @@ TEST_F(E2eClientTerminal, InterruptEndsTheWaitAndTheSessionGoesOn) {
     screen.expect(prompt);
     // The answer is on its way when the operator stops waiting for it.
     const pid_t agent = std::atoi(shell("pgrep -P " + std::to_string(screen.pid())).c_str());
-    suite.event("E0101:fan\n");
-    suite.await_events(1);
+    suite.raise("E0101:fan");
     const pid_t frozen = suite.scheduler();
     kill(frozen, SIGSTOP);
     const std::string running = "grep -L ') T' /proc/" + std::to_string(frozen) + "/task/*/stat";

@@ -34,7 +34,7 @@ from uses import Use  # noqa: E402
 DROPPED = re.compile(rb'(\d+) messages were lost|"lost":(\d+)|"count":(\d+)')
 GARBAGE = random.Random(1).randbytes(3000) + b"\n+no record\n"
 LETTER = f"+{1:020} 127.0.0.1:1 2026-01-31T12:00:00+00:00;W0104:not ours\n"  # as in a mailbox
-KILLED_IN_CHECK = re.compile(r"(==\d+==Unable to get registers from thread \d+\.\n)+")  # by LeakSanitizer, no finding
+KILLED_IN_CHECK = re.compile(r"(==\d+==Unable to get registers from thread \d+\.\n)+")  # LeakSanitizer was killed too
 OTHER_USER = 64321  # a user that no system has
 
 

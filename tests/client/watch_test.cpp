@@ -129,7 +129,7 @@ TEST(WatchStateFile, IsBelievedForTwiceItsIntervalAndUntilTheMachineRestarts) {
 }
 
 TEST(WatchKeys, MoveTheTopEditTheFilterAndQuit) {
-    for (const std::string line :  // the keys, then the top and the filter
+    for (const std::string line :  // typed keys > top and filter; _: being edited
          {"\033[A>9 old", "\033OA>9 old", "\033[B>11 old", "\033OB>11 old", "\033[5~>5 old", "\033[6~\033[A>14 old",
           "\033[H>0 old", "\033[F>1000010 old", "\033>10 ", "x>10 old", "/>10 _", "/qu\n>10 qu",
           "/b\177a\bb\177c\r>10 c", "/qu\033[B>11 qu_", "/qu\033>10 ", "q>10 old ends", "qx>10 old ends"}) {
@@ -143,14 +143,6 @@ TEST(WatchKeys, MoveTheTopEditTheFilterAndQuit) {
 
 class E2eWatch : public ClientTest {
 protected:
-    // Returns when the scheduler has queued it for its connections.
-    void raise(const std::string& text, const Suite* of = nullptr) const {
-        const Suite& at = of != nullptr ? *of : suite;
-        const std::size_t before = at.events().size();
-        at.event(text + "\n");
-        at.await_events(before + 1);
-    }
-
     // Starts it with the files pid, reader (its pid), lines, code, and ended when both processes have ended.
     void run(const std::string& arguments) const {
         shell(environment() + "cd " + suite.path("") +
@@ -203,7 +195,7 @@ TEST_P(E2eFollower, WritesEachChangeAndServesTheChecks) {
         suite.write("config/timer_jobs", repeated(i, "0 3 1 1 * diag\tstatus\n"));
         suite.start();
         await("\"connected\"", 2 * i - 1, suite.port);
-        raise("E0101:fan " + number);
+        suite.raise("E0101:fan " + number);
         await("\"text\":\"E0101:fan " + number, 1, suite.port);
         await("\"name\":\"error\",\"set\":true}", i, suite.port);
         EXPECT_THAT(ctl("check"), testing::AllOf(HasSubstr("CRITICAL"), HasSubstr("E0101:fan " + number)));
@@ -214,7 +206,7 @@ TEST_P(E2eFollower, WritesEachChangeAndServesTheChecks) {
         kill(stalled, SIGSTOP);  // its connection is kept, and what comes late is written
         await("no answer in time", i, suite.port);
         suite.event("W0104:late " + number + "\n");
-        raise("W0104:second " + number, &second);
+        second.raise("W0104:second " + number);
         await("W0104:second " + number, GetParam() ? 1 : 0, second.port);
         EXPECT_THAT(ctl("check"), HasSubstr("no answer in time"));
         kill(stalled, SIGCONT);
@@ -293,7 +285,7 @@ TEST_F(E2eWatch, EndLosesNoMessage) {
         std::string texts[2];
         for (std::string& text : texts) {  // they wait at the scheduler for the last answer
             text = "E0101:number " + std::to_string(++number) + ".";
-            raise(text);
+            suite.raise(text);
         }
         EXPECT_EQ(shown("E0101:number " + std::to_string(number)), 0);  // the next question is not due
         end(c.ends, c.signal);
@@ -317,7 +309,7 @@ TEST_F(E2eWatch, StoredMessagesAreShownToTheirReadersOnly) {
     suite.start();
     for (int i = 1; i <= 2; ++i) {
         const std::string text = "E0101:of a check " + std::to_string(i);
-        raise(text);
+        suite.raise(text);
         ctl("check");
         run("follow -n 60");
         await("\"connected\"");

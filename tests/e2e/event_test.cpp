@@ -120,13 +120,11 @@ TEST(E2eEvent, EachCodeSetsItsMarksAndRunsItsModules) {
         {"E0016:a", "error prevent korvo"},
         {"E0199:a", "error prevent korvo"},
     };
-    std::size_t count = 0;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.message + (c.module != nullptr ? " with "s + c.module + ": " + c.reaction : ""));
         if (c.module != nullptr) suite.react(c.module, c.reaction);
         const std::string before = suite.calls(3);
-        suite.event(c.message + "\n"s);
-        suite.await_events(++count);
+        suite.raise(c.message);
         EXPECT_EQ(suite.status(client), status_answer(c.marks, c.delivered ? delivered(c.message) : ""));
         EXPECT_EQ(suite.calls(3), before + c.calls);
     }
@@ -134,7 +132,7 @@ TEST(E2eEvent, EachCodeSetsItsMarksAndRunsItsModules) {
     EXPECT_THAT(dates, HasSubstr("confdate  2013-02-07T06:45:12+00:00\r\n"));
     EXPECT_THAT(dates, HasSubstr("korvo     1970-01-01T00:00:00+00:00\r\n"));  // raised again, never stamped
     suite.event("E0012:x\nE0017:x\n");
-    suite.await_events(count + 2);
+    suite.await_events(std::size(cases) + 2);
     EXPECT_THAT(client.ask("status"), Not(testing::ContainsRegex("confdate  2013|korvo     1970")));
     suite.expect_trace({"devconf date => 2013-02-07T15:45:12+09:00\n20"});
 }
@@ -146,11 +144,9 @@ TEST(E2eEvent, ConfigurationDateIsLocalTimeWithThePresentOffset) {
         suite.env["TZ"] = zone;
         suite.start();
         Client client = suite.client();
-        std::size_t count = 0;
         for (const std::string moment : {"2013-02-07T06:45:12Z", "2013-07-01T00:15:12+05:45"}) {
             suite.react("devconf.date", "echo " + moment);
-            suite.event("I0005:x\n");
-            suite.await_events(++count);
+            suite.raise("I0005:x");
             const std::string local = shell("export TZ=" + zone + "; date +%Y-%m-%dT%H:%M:%S -d " + moment);
             const std::string offset = shell("TZ=" + zone + " date +%:z");
             EXPECT_THAT(client.ask("status"), HasSubstr(local.substr(0, 19) + offset.substr(0, 6) + "\r\n")) << zone;

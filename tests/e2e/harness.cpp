@@ -346,6 +346,12 @@ void Suite::await_events(std::size_t count) const {
     EXPECT_EQ(events().size(), count);
 }
 
+void Suite::raise(const std::string& text) const {
+    const std::size_t before = events().size();
+    event(text + "\n");
+    await_events(before + 1);
+}
+
 void Suite::await_trace(const std::string& text, milliseconds deadline) const {
     EXPECT_TRUE(wait_until([&] { return traced(text); }, deadline)) << "not traced: " << text;
 }

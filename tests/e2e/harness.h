@@ -110,6 +110,7 @@ public:
     std::string status(Client& client) const { return mask_dates(client.ask("status")); }
     strings events() const;  // the texts of the event log, all generations, oldest first
     void await_events(std::size_t count) const;
+    void raise(const std::string& text) const;  // an event line; returns when the daemon has queued it
     std::string out() const { return read("stdout"); }
     std::string trace() const { return read("log/sched_log") + out(); }
     // Some lines are written after the answer, so this waits for them.

@@ -31,8 +31,7 @@ TEST(E2eSupervisor, DetachesTheSchedulerAndStartsItAgainCleanAfterItsDeath) {
     {
         Client client = suite.client();
         EXPECT_EQ(client.ask("modcntl\tparts\toff"), over);
-        suite.event("E0001:bad\n");
-        suite.await_events(1);
+        suite.raise("E0001:bad");
         EXPECT_EQ(suite.status(client), status_answer("error", "DATE;E0001:bad\r\n"));
     }
     for (const auto& [signal, raw_status] : {std::pair{SIGKILL, "0x9"}, std::pair{SIGTERM, "0xf"}}) {

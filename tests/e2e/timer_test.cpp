@@ -38,8 +38,7 @@ TEST(E2eMinute, JobsRunOnceReloadAndWaitForTheLockAndTheUptimeCounts) {
     EXPECT_EQ(mask_dates(idle.read("data/up_time_start")), "DATE");
     EXPECT_EQ(held.read("data/up_time_start"), "");
     Client client = idle.client();
-    idle.event("E0007:x\n");
-    idle.await_events(1);
+    idle.raise("E0007:x");
     EXPECT_EQ(idle.status(client), status_answer("diag patrol padiag", "DATE;E0007:x\r\n"));
     Client holder = held.client();
     holder.send("slow\r");

@@ -119,8 +119,7 @@ void refuse_processes(Suite& suite) {
     EXPECT_EQ(suite.status(client), status_answer(""));  // and no answer for the module that was not started
     EXPECT_EQ(client.ask("quit"), goodbye);
     suite.await_trace(" is gone.\n");
-    suite.event("E0103:waits for an operator\n");
-    suite.await_events(1);
+    suite.raise("E0103:waits for an operator");
     EXPECT_EQ(suite.client().rest(), "");
     suite.await_trace("Error:comm:thread create fails.(11)");
     EXPECT_EQ(shell_as_other_user(limit + "500:"), "");

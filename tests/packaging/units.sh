@@ -7,6 +7,7 @@ set -euo pipefail
 command -v systemd-analyze >/dev/null || { echo 'skipped: systemd-analyze is missing (package systemd)'; exit 77; }
 exposure=$1 built=$2 source=$3
 shift 3
+export LC_ALL=C # the order of the names
 dir=$(mktemp -d)
 trap 'rm -rf "$dir"' EXIT
 
