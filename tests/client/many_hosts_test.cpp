@@ -249,6 +249,7 @@ TEST_F(E2eManyHosts, HeldConnectionIsReportedAndKeepsItsMessages) {
     client::agent named({{"N", "localhost", hosts[0].port, ""}}, how, events);
     named.ask(0, 3, {"status"});
     named.step({}, {}), named.close(0);  // while the name is looked up: the command is not sent later
+    EXPECT_TRUE(wait_until([&] { return step(named), closed == 1; }));
     for (int i = 0; i < 20; ++i) step(named);
     EXPECT_EQ(events.ends.size(), 3U);
     how.connect.source = "127.0.0.2";

@@ -234,8 +234,9 @@ TEST_F(E2eWatch, UnansweredOrRefusedFirstQuestionEndsOnlyWatchOfOneHost) {
         EXPECT_THAT(ctl("-b 127.0.0.2 "s + command), EndsWith("\ncode 204\n"));
     }
     // With more schedulers than descriptors, an idle connection is closed for the next one.
-    EXPECT_EQ(shell(environment() + "ulimit -n 12; timeout -s INT 20 " SCHEDCTL_BINARY " -H $(seq -s , -f 127.0.0.%g 8)"
-                                    " follow -n 1 | grep -m 8 -c '\"connected'"),
+    EXPECT_EQ(shell(environment() + "ulimit -n 12; timeout -s INT " + limit +
+                    " " SCHEDCTL_BINARY " -H $(seq -s , -f 127.0.0.%g 8)"
+                    " follow -n 1 | grep -m 8 -c '\"connected'"),
               "8\n");
     const int before = connections();
     run("-b 127.0.0.2 -H 127.0.0.1," + nobody + " watch -n 1");

@@ -52,7 +52,6 @@ TEST(E2eEvent, LongLinesAreCutForOperatorsAndLogsAndPiecesOfALineAreJoined) {
     Client client = suite.client();
     EXPECT_EQ(suite.status(client), status_answer(""));
     const std::string text = "I1000:" + std::string(1994, 'x');
-    std::size_t count = 0;
     const struct {
         std::size_t size;
         const char* rest;  // the trace of the rest of the line
@@ -65,8 +64,7 @@ TEST(E2eEvent, LongLinesAreCutForOperatorsAndLogsAndPiecesOfALineAreJoined) {
         {2000, "event:ignore:\"xx"},
     };
     for (const auto& [size, rest] : cases) {
-        suite.event(text.substr(0, size) + "\n");
-        suite.await_events(++count);
+        suite.raise(text.substr(0, size));
         EXPECT_EQ(suite.status(client), status_answer("", delivered(text.substr(0, std::min<std::size_t>(size, 1023)))))
             << size;
         suite.await_trace(rest);
