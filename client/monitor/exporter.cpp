@@ -55,17 +55,17 @@ int listen_at(const std::string& text, std::string& host) {
     addrinfo hints{};
     hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
     hints.ai_socktype = SOCK_STREAM;
-    addrinfo* found = nullptr;
-    if (const int unknown = getaddrinfo(host.c_str(), port.c_str(), &hints, &found); unknown != 0) {
+    addrinfo* list = nullptr;
+    if (const int unknown = getaddrinfo(host.c_str(), port.c_str(), &hints, &list); unknown != 0) {
         throw std::runtime_error(fault + gai_strerror(unknown));
     }
+    const std::unique_ptr<addrinfo, void (*)(addrinfo*)> found(list, freeaddrinfo);
     const int fd = socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     const int on = 1;  // a new server may start while connections of the last one are closing
     if (fd < 0 || setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
         bind(fd, found->ai_addr, found->ai_addrlen) != 0 || listen(fd, SOMAXCONN) != 0) {
         throw std::runtime_error(fault + std::generic_category().message(errno));
     }
-    freeaddrinfo(found);
     return fd;
 }
 

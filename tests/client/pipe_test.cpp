@@ -277,14 +277,15 @@ TEST_F(E2eClientPipe, OutputThatCannotBeWrittenIsReported) {
     }
     EXPECT_EQ(ctl(suite, "parts status").code, 0);
     EXPECT_EQ(suite.calls(), "parts status");
-    // Nobody reads the outputs, whose pipe is full: a signal ends the wait.
-    const std::string ended = suite.path("ended");
-    const std::string blocked =
-        "{ head -c 65536 /dev/zero; for use in \"INT fly\" \"TERM fly\" \"HUP fly\" \"INT odd many\" \"TERM odd "
-        "many\"; do "
-        "{ timeout --preserve-status -s ${use%% *} 3 " SCHEDCTL_BINARY " ${use#* }; echo $use $? >>" +
-        ended + "; } & done; wait; } 2>&1 | { for i in $(seq 200); do [ $(cat " + ended +
-        " | wc -l) = 5 ] && break; sleep 0.1; done; sort " + ended + "; }";
+    // Nobody reads the outputs, whose pipe is full: a signal ends the wait. The scheduler has answered when it comes.
+    const std::string blocked = "cd " + suite.path("") + R"sh(
+        { head -c 65536 /dev/zero
+          for use in "INT fly" "TERM fly" "HUP fly" "INT odd many" "TERM odd many"; do
+              { env --default-signal )sh" SCHEDCTL_BINARY R"sh( ${use#* } & until [ -e go ]; do sleep 0.1; done
+                kill -${use%% *} $!; wait $!; echo $use $? >>ended; } &
+          done; wait; } 2>&1 | {
+          until [ "$(grep -c unsupported..fly stdout)" = 3 ]; do sleep 0.1; done; sleep 2; : >go
+          until [ "$(cat ended | wc -l)" = 5 ]; do sleep 0.1; done; LC_ALL=C sort ended; })sh";
     EXPECT_EQ(run(suite, "sh -c '" + blocked + "'").out,
               "HUP fly 202\nINT fly 202\nINT odd many 130\nTERM fly 202\nTERM odd many 143\n");
 }
