@@ -23,6 +23,8 @@ const std::string then = "2026-11-25T10:00:00+00:00";
 const std::string later = "2026-11-25T10:00:02+00:00";
 
 TEST(WatchChanges, AnAnswerTellsWhatWasSetAgainWhatEndedAndWhatBrokeOff) {
+    const Suite scratch;
+    setenv("XDG_STATE_HOME", scratch.path("state").c_str(), 1);
     client::inquiry round({"db1", "db1", 9980, ""});
     round.known.conditions = {{"conf", then}, {"error", then}, {"prevent", then}};
     round.known.messages.resize(20);  // no more are kept
