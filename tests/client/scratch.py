@@ -88,10 +88,11 @@ class Scheduler:
                                             stdout=trace, stderr=trace)
 
     def listens(self):
-        if self.process.poll() == 0 and self.supervised:  # after "restart sched", as the service does
+        code = self.process.poll()
+        if code == 0 and self.supervised:  # after "restart sched", as the service does
             self.start()
-        if self.process.poll() is not None:
-            raise RuntimeError(f"the scheduler ended with {self.process.returncode}")
+        elif code is not None:
+            raise RuntimeError(f"the scheduler ended with {code}")
         return f":{self.port:04X} 00000000:0000 0A" in Path("/proc/net/tcp").read_text()
 
     def signal(self, number):
