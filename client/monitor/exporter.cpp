@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <charconv>
 #include <limits>
+#include <memory>
 #include <netdb.h>
 #include <nlohmann/json.hpp>
 #include <sstream>
