@@ -56,6 +56,7 @@ int hmistruc_setup(hmistruc& entry) {
 int hmistruc_init() {
     st->hmi = new (std::nothrow) hmistruc[hmi_max]{};
     st->dummy_hmi = new (std::nothrow) hmistruc{};
+    const mutex_guard guard(st->hmistruc_lock);
     bool complete = st->hmi != nullptr && st->dummy_hmi != nullptr && hmistruc_setup(*st->dummy_hmi) == 0;
     for (int i = 0; complete && i < hmi_max; ++i) {
         complete = hmistruc_setup(st->hmi[i]) == 0;

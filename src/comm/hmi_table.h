@@ -32,20 +32,21 @@ constexpr int next_slot(int slot) {
     return (slot + 1) % ring_slots;
 }
 
-// One connection. hmistruc_lock guards the ring, flag and receives. Only the connection thread writes the texts, under that
-// lock: it reads them without the lock, dumps read them with it. The other fields belong to the connection thread;
-// those that dumps also read are relaxed.
+// One connection. Only the connection thread writes remote, user and ipset. It writes them under hmistruc_lock and
+// reads them without it; dumps read them under it. The other fields without GUARDED_BY belong to the connection thread.
+// Those that dumps also read are relaxed.
 struct hmistruc {
-    std::uint8_t flag;                   // 1 while in use
-    int soc;                             // socket, -1 once a command has closed it
-    sockaddr_in peer;                    // address that accept returned
-    char remote[remote_size];            // client address text; ipset replaces it
-    relaxed<std::uint32_t> tid;          // connection thread, written by main once that thread runs
-    message_slot* queue;                 // ring of ring_slots
-    int in;                              // next slot to fill
-    int out;                             // next slot to read
-    int lost;                            // messages dropped since the last hmistruc_lostcount
-    relaxed<std::uint32_t> login;        // when it was accepted, seconds since the epoch
+    std::uint8_t flag GUARDED_BY(st->hmistruc_lock);      // 1 while in use
+    std::uint8_t receives GUARDED_BY(st->hmistruc_lock);  // 1 while it gets messages; 0 after its last look
+    message_slot* queue GUARDED_BY(st->hmistruc_lock);    // ring of ring_slots
+    int in GUARDED_BY(st->hmistruc_lock);                 // next slot to fill
+    int out GUARDED_BY(st->hmistruc_lock);                // next slot to read
+    int lost GUARDED_BY(st->hmistruc_lock);  // messages dropped since the last hmistruc_lostcount
+    int soc;                                 // socket, -1 once a command has closed it
+    sockaddr_in peer;                        // address that accept returned
+    char remote[remote_size];                // client address text; ipset replaces it
+    relaxed<std::uint32_t> tid;              // connection thread, written by main once that thread runs
+    relaxed<std::uint32_t> login;            // when it was accepted, seconds since the epoch
     relaxed<std::uint32_t> last_status;  // last status command, seconds since the epoch; 0 before the first
     int locked;                          // 1 while this HMI holds hmi_mutex
     char user[user_size];                // name given by hello
@@ -53,15 +54,15 @@ struct hmistruc {
     char nonce[nonce_size];              // login challenge, empty when none
     char ipset[ipset_size];              // address given by ipset, empty when none
     relaxed<int> resource_fd;            // resource connection, -1 when none
-    std::uint8_t receives;               // 1 while it gets messages: in use, and not after its last look
     line_reader* lines;                  // what the client has sent; null while no thread serves it
 };
 
-// Creates the table and the dummy entry in st. Returns 0, or -1 when memory is short. Start-up only.
+// Creates the table and the dummy entry in st. Returns 0, or -1 when memory is short. Takes hmistruc_lock. Start-up
+// only.
 int hmistruc_init();
 
 // Allocates the zero-filled ring of an entry that is all zeros. Returns 0, or -1 when memory is short.
-int hmistruc_setup(hmistruc& entry);
+int hmistruc_setup(hmistruc& entry) REQUIRES(st->hmistruc_lock);
 
 // Takes a free entry and resets it. When no other entry receives, it gets the dummy's messages. Null when all entries
 // are in use. Takes hmistruc_lock. Main thread only.

@@ -10,6 +10,7 @@ int line_reader::read_line(char* buf, int size) {
     while (!ended && stored < size - 1 && (next_ < end_ || fill())) {
         const char byte = received_[next_++];
         ended = byte == '\r';
+        lines_ += ended ? 1 : 0;
         if (!ended && byte != '\0' && byte != '\n') {
             buf[stored++] = byte;
         }
@@ -25,15 +26,16 @@ bool line_reader::fill() {
         got = recv(soc_, received_, sizeof received_, 0);
     } while (got < 0 && errno == EINTR);
     next_ = 0;
+    lines_ = 0;
     end_ = got > 0 ? static_cast<std::size_t>(got) : 0;
     return got > 0;
 }
 
 bool line_reader::is_next_line(std::string_view text) {
-    // A buffer that the last receive did not fill held all that had arrived. Receiving again would cost each caller a
-    // system call.
-    if (end_ == sizeof received_ &&
-        std::find(received_ + next_, received_ + end_, '\r') == received_ + end_) {
+    // A line that came alone is carried out at once, so more has hardly arrived: receiving again would cost each caller
+    // a system call. Behind other lines it may have waited, for a module for instance.
+    const bool came_alone = lines_ == 1 && next_ == end_ && end_ < sizeof received_;
+    if (!came_alone && std::find(received_ + next_, received_ + end_, '\r') == received_ + end_) {
         add_arrived();
     }
     std::size_t matched = 0;

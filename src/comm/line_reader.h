@@ -17,8 +17,8 @@ public:
     // was read. The text always ends with NUL. Waits without limit.
     int read_line(char* buf, int size);
 
-    // Returns true when the next line is this text and has arrived completely, together with the line before it. Takes
-    // nothing from the buffer and never waits.
+    // Returns true when the next line is this text and has arrived completely. Behind a line that came alone, it does
+    // not look for more. Takes nothing from the buffer and never waits.
     bool is_next_line(std::string_view text);
 
 private:
@@ -28,5 +28,6 @@ private:
     int soc_;
     std::size_t next_ = 0;  // first byte not yet taken
     std::size_t end_ = 0;   // one past the last byte received
+    int lines_ = 0;         // taken since the last wait for bytes
     char received_[4096];   // not initialised, so that unused pages cost no memory
 };

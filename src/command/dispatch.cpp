@@ -86,11 +86,10 @@ int run_with_parked(const char* caller, hmistruc* hmi, const char* line, char* c
 
 void park(const char* line, int number) {
     const mutex_guard guard(queue_lock);
-    cmdq_entry& slot = cmdq[number];
-    if (slot.queued == 0) {
+    if (cmdq[number].queued == 0) {
         trprintf("command:no.%d is queue-ed.\n", number);
-        slot.queued = 1;
-        copy_text(slot.line, line);
+        cmdq[number].queued = 1;
+        copy_text(cmdq[number].line, line);
     }
 }
 

@@ -78,6 +78,15 @@ int append_line(const char* name, const char* line) {
     return 0;
 }
 
+// To the trace; in the foreground, to standard output.
+void put_line(const char* line) REQUIRES(mp) {
+    if (st->debug != 0) {
+        [[maybe_unused]] const ssize_t written = write(STDOUT_FILENO, line, std::strlen(line));
+    } else {
+        trflush(line);
+    }
+}
+
 }  // namespace
 
 unsigned thread_id() {
@@ -108,11 +117,7 @@ int trprintf(const char* format, ...) {
         va_end(arguments);
         cut_long_line(line);
         std::replace(line, line + std::strlen(line), '\t', ' ');
-        if (st->debug != 0) {
-            [[maybe_unused]] const ssize_t written = write(STDOUT_FILENO, line, std::strlen(line));
-        } else {
-            trflush(line);
-        }
+        put_line(line);
     }
     errno = saved_errno;
     return 0;

@@ -30,8 +30,6 @@ public:
     void wait(pthread_cond_t& condition) REQUIRES(this) {
         static_cast<void>(pthread_cond_wait(&condition, &mutex_));
     }
-    // Takes the lock if it is free, and then returns true. Never waits.
-    [[nodiscard]] bool try_lock() TRY_ACQUIRE(true) { return pthread_mutex_trylock(&mutex_) == 0; }
 
 private:
     pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;

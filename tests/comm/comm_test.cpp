@@ -1,3 +1,4 @@
+#include "comm/disconnect.h"
 #include "comm/line_reader.h"
 #include "comm/reply.h"
 #include "unit_support.h"
@@ -98,7 +99,7 @@ TEST_F(Comm, NoMessageIsQueuedForAConnectionAfterItsLastLook) {
     EXPECT_EQ(next(first), "E4");
 }
 
-// Looks at the line after the present one before it is read. Bytes that come later cost no further receive.
+// Looks at the line after the present one before it is read. Behind a line that came alone it costs no further receive.
 TEST_F(Comm, NextLineIsKnownWhenItHasArrivedWhole) {
     const std::string most(4092, 'x');
     const struct {
@@ -108,8 +109,9 @@ TEST_F(Comm, NextLineIsKnownWhenItHasArrivedWhole) {
     } cases[] = {
         {"in one piece", "status\rquit\r", "", true},
         {"LF and NUL between", "status\r\nqu\0it\n\r\n"s, "", true},
-        {"rest comes later", "status\rqu", "it\r", false},
+        {"rest comes later", "status\rqu", "it\r", true},
         {"comes later", "status\r", "quit\rmore", false},
+        {"comes later, while another line is carried out", "lock\rstatus\r", "quit\rmore", true},
         {"across the end of the buffer", most + "\rquit\r", "", true},
         {"nothing", "status\r", "", false},
         {"no end of line", "status\r", "quit", false},
@@ -128,7 +130,11 @@ TEST_F(Comm, NextLineIsKnownWhenItHasArrivedWhole) {
         line_reader reader(mine.get());
         char line[line_max];
         send(peer.get(), c.first.data(), c.first.size(), 0);
-        EXPECT_EQ(reader.read_line(line, line_max), static_cast<int>(c.first.find('\r')));
+        std::size_t taken = 0;
+        do {
+            EXPECT_EQ(reader.read_line(line, line_max), static_cast<int>(c.first.find('\r', taken) - taken));
+            taken = c.first.find('\r', taken) + 1;
+        } while (line == "lock"s);
         send(peer.get(), c.then.data(), c.then.size(), 0);
         EXPECT_EQ(reader.is_next_line("quit"), c.wanted);
         shutdown(peer.get(), SHUT_WR);
@@ -136,7 +142,7 @@ TEST_F(Comm, NextLineIsKnownWhenItHasArrivedWhole) {
         for (int length = 0; (length = reader.read_line(line, line_max)) >= 0;) rest += line + "\r"s;
         std::string sent = c.first + c.then;
         std::erase_if(sent, [](char byte) { return byte == '\n' || byte == '\0'; });
-        EXPECT_EQ(rest, sent.substr(sent.find('\r') + 1) + (sent.back() == '\r' ? "" : "\r"));
+        EXPECT_EQ(rest, sent.substr(taken) + (sent.back() == '\r' ? "" : "\r"));
     }
 }
 
@@ -182,6 +188,19 @@ TEST_F(Comm, WriteToAPeerThatDoesNotReadWaitsUntilItsDeadlineAndNoLonger) {
     for (ssize_t got = 1; got > 0; length += static_cast<std::size_t>(got))
         got = recv(peer.get(), &received[length], received.size() - length, 0);
     EXPECT_EQ(received.find("late"), std::string::npos);
+}
+
+TEST_F(Comm, CloseDiscardsWhatThePeerHasSentUpToALimit) {
+    for (const int sent : {64, 65}) {
+        int ends[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0, ends), 0);
+        const unique_fd peer(ends[1]);
+        for (int i = 0; i < sent; ++i) EXPECT_EQ(send(peer.get(), "x", 1, 0), 1);
+        close_connection(ends[0]);
+        EXPECT_EQ(ends[0], -1);
+        char byte = 0;
+        EXPECT_EQ(recv(peer.get(), &byte, 1, 0), sent == 64 ? 0 : -1);  // an unread packet resets it
+    }
 }
 
 }  // namespace unit

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sstream>
 #include <sys/resource.h>
 #include <thread>
 
@@ -91,8 +92,13 @@ allowed ip address 1 = 1.2.3.4 mask ffffffff
                         "Info:sched:waiting vgdpipe ready\n", "Info:calling VGDstart\n",
                         "command_buffer:\"allmodcall start\"\n", "binding to 127.100.100.100 (port " + port + ") ...\n",
                         "Info:comm:bind succeed. (port " + port + ")\n", "Info:sched:accepting socket = "});
-    suite.expect_trace({"Info:event:pipe reader:fd=", "Info:event:dummy pipe writer:fd=",
-                        "Info:event:vgd_pipe is ready now\n", "Info:event:pend time = -9\n"});
+    const int reader = open(suite.path("pipe").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    std::ostringstream flags;
+    flags << std::hex << fcntl(reader, F_GETFL);
+    close(reader);
+    suite.expect_trace({"Info:event:pipe reader:fd=", " flag=0x" + flags.str() + "\n",
+                        "Info:event:dummy pipe writer:fd=", "Info:event:vgd_pipe is ready now\n",
+                        "Info:event:pend time = -9\n"});
     suite.await_trace("Error:timer:timer_job /nonexistent/jobs cannot open.(errno=2)\n");
     EXPECT_EQ(suite.calls(1), "allmodcall start,parts status,diag status");
     EXPECT_EQ(suite.read("stderr"), "");

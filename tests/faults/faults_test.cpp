@@ -124,6 +124,11 @@ void refuse_processes(Suite& suite) {
     suite.await_trace("Error:comm:thread create fails.(11)");
     EXPECT_EQ(shell_as_other_user(limit + "500:"), "");
     EXPECT_THAT(suite.status(client = suite.client()), HasSubstr("DATE;E0103:waits for an operator\r\n"));
+    Suite supervised;  // it cannot start its scheduler
+    supervised.wrapper = {"sh", "-c", "exec " + as_other_user() + "prlimit --nproc=0: \"$@\"", "sh"};
+    supervised.env["ASAN_OPTIONS"] += ":detect_leaks=0";  // the search for leaks needs a process
+    EXPECT_EQ(supervised.run({"-N", "0", "-p", std::to_string(supervised.port)}), 1);
+    supervised.expect_trace({"Error: fork failed. errno=11\n"});
 }
 
 const Fault faults[] = {

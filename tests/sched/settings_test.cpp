@@ -2,7 +2,9 @@
 #include "sched/main_loop.h"
 #include "unit_support.h"
 
+#include <arpa/inet.h>
 #include <map>
+#include <netdb.h>
 #include <type_traits>
 
 namespace unit {
@@ -50,7 +52,9 @@ struct Settings : Scratch {
 
 TEST_F(Settings, EachKeyOfItsFileChangesItsValueWhenItIsValid) {
     before["port"] = "whatever the list of services says";
-    EXPECT_EQ(changed(), "port=" + std::to_string(st->port));
+    const servent* entry = getservbyname("vgdsched", "tcp");
+    const int usual_port = entry != nullptr ? ntohs(static_cast<std::uint16_t>(entry->s_port)) : 9980;
+    EXPECT_EQ(changed(), "port=" + std::to_string(usual_port));
     before = {{"pendtime", "60"},
               {"syslog_poll_interval", "60"},
               {"udp_dest_addr", "127.0.0.1"},
@@ -78,6 +82,7 @@ TEST_F(Settings, EachKeyOfItsFileChangesItsValueWhenItIsValid) {
         {"shortest poll", "sched.conf", "syslog_poll_interval = 1s", "syslog_poll_interval=1"},
         {"no poll 0", "sched.conf", "syslog_poll_interval = 0", ""},
         {"receiver", "sched.conf", "udp_dest_addr = 10.0.0.1", "udp_dest_addr=10.0.0.1"},
+        {"receiver too long", "sched.conf", "udp_dest_addr = " + pattern(128), "udp_dest_addr=" + pattern(127)},
         {"receiver's ports may be anything", "sched.conf", "udp_dest_port = -3", "udp_dest_port=-3"},
         {"receiver's port is no number", "sched.conf", "qmxut_port = x", "qmxut_port=0"},
         {"bound address", "common.ini", "bound_ip_address = " + thirty, "bound_ip_address=" + thirty},

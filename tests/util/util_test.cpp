@@ -1,3 +1,4 @@
+#include "internal/debug_command.h"
 #include "state/mark_question.h"
 #include "timer/job_table.h"
 #include "timer/timer_loop.h"
@@ -69,6 +70,9 @@ TEST_F(Util, FirstLineIsCutToTheBuffer) {
         EXPECT_STREQ(buf, c.line);
     }
     EXPECT_EQ(read_one_line_from_file(path("data/missing").c_str(), nullptr, 8), -1);
+    char empty[] = "\n";
+    chomp(empty + 1);  // an empty text: the byte before it is not touched
+    EXPECT_STREQ(empty, "\n");
 }
 
 TEST_F(Util, OnlyRegularFilesAreOpenedAndNothingBlocks) {
@@ -131,6 +135,9 @@ TEST_F(Util, IsoTextHasTheOffsetOfTheZone) {
         set_zone(c.zone);
         EXPECT_EQ(iso_text(c.when), c.text) << c.zone << " " << c.when;
     }
+    const std::tm day{};
+    EXPECT_STRNE(time2string(&day), "");
+    EXPECT_STREQ(time2string(nullptr), "");  // a time that could not be converted
 }
 
 TEST_F(Util, IsoTextIsReadTheSameInEveryZone) {
