@@ -42,7 +42,8 @@ export VGD_bin=$dir/bin VGD_config=$dir/config VGD_data=$dir/data VGD_log=$dir/l
     VGD_update=$dir/update VGD_PIPE=$dir/pipe
 for ((try = 1; try <= 5; try++)); do
     port=$((10000 + RANDOM % 10000)) # the other tests use higher ones
-    "$sched" -D -N 0 -p "$port" >trace 2>&1 </dev/null &
+    : >trace
+    "$sched" -D -N 0 -p "$port" >>trace 2>&1 </dev/null & # it goes on while lines are added below
     pid=$!
     until_true listening_or_ended
     ended || break

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # units.sh EXPOSURE BUILT SOURCE UNIT...: systemd accepts the timers in SOURCE and all units, those in BUILT and the
 # others, and the daemon's also with the drop-in for modules that need raw hardware. Of the ways to confine a service
-# that systemd rates, each unit leaves out those in the file EXPOSURE, and no other.
+# that systemd rates, each unit leaves out those in the file EXPOSURE, and no other, and it opens the devices there.
+# Each manual page that a unit names is one of ours.
 set -euo pipefail
 
 command -v systemd-analyze >/dev/null || { echo 'skipped: systemd-analyze is missing (package systemd)'; exit 77; }
@@ -18,11 +19,13 @@ verify() {
     [ -z "$complaints" ] || { printf '%s\n' "$complaints"; exit 1; }
 }
 
-# open_ways NAME UNIT: one line in the form of EXPOSURE.
+# open_ways NAME UNIT [DROP-IN]: the lines in the form of EXPOSURE.
 open_ways() {
     systemd-analyze security --offline=yes --json=short --no-pager "$2" | python3 -c '
 import json, sys
 print(sys.argv[1] + ":", *sorted(way["json_field"] for way in json.load(sys.stdin) if not way["set"]))' "$1"
+    grep -hq '^DeviceAllow=' "${@:2}" || return 0
+    printf '%s opens %s\n' "$1" "$(sed -n 's/^DeviceAllow=//p' "${@:2}" | paste -sd, | sed 's/,/, /g')"
 }
 
 # The programs need not be installed yet.
@@ -37,5 +40,8 @@ for unit in "$dir"/*.service; do
 done >"$dir/open"
 install -D -m 644 -t "$dir/sched.service.d" "$built/raw-hardware.conf"
 verify "$dir/sched.service"
-open_ways 'sched.service with raw-hardware.conf' "$dir/sched.service" >>"$dir/open"
+open_ways 'sched.service with raw-hardware.conf' "$dir/sched.service" "$dir/sched.service.d/raw-hardware.conf" >>"$dir/open"
 diff "$exposure" "$dir/open"
+grep -ohE 'man:[a-z-]+\([1-8]\)' "$dir"/*.service | tr '()' '. ' | while read -r page; do
+    [ -f "$source/../man/${page#man:}" ] || { echo "no such page: $page" && exit 1; }
+done
