@@ -3,7 +3,6 @@
 #include "findings.h"
 #include "timer/job_field.h"
 #include "timer/job_table.h"
-#include "trace_capture.h"
 
 #include <cctype>
 #include <cstring>
@@ -70,9 +69,8 @@ std::string finding_in(const time_field& field, const std::string& text, const s
     return std::string(field.name).append(" ").append(quoted(text)).append(": ").append(problem);
 }
 
-// Appends what is wrong with one field. A problem that only the daemon finds is reported with the daemon's own text.
+// Appends what is wrong with one field.
 void validate_field(const std::string& text, const time_field& field, std::vector<std::string>& findings) {
-    const std::size_t before = findings.size();
     for (std::size_t begin = 0; begin <= text.size();) {
         const std::size_t end = std::min(text.find(',', begin), text.size());
         const std::string item = text.substr(begin, end - begin);
@@ -80,12 +78,6 @@ void validate_field(const std::string& text, const time_field& field, std::vecto
             findings.push_back(finding_in(field, item, problem));
         }
         begin = end + 1;
-    }
-    std::uint8_t slots[minute_slots] = {};
-    set_job_field(text.c_str(), slots, field.slots);
-    const std::string trace = take_trace();
-    if (!trace.empty() && findings.size() == before) {
-        findings.push_back(finding_in(field, text, trace.substr(0, trace.find('\n'))));
     }
 }
 

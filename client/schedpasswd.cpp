@@ -1,12 +1,14 @@
 // schedpasswd: writes or checks the scheduler's password file.
 #include "mail/replace_file.h"
 #include "protocol/login.h"
+#include "term/descriptor.h"
 #include "term/output.h"
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <fstream>
 #include <iostream>
 #include <sstream>
@@ -45,13 +47,14 @@ std::string default_file() {
 
 // A new password is asked for twice, since a typing mistake would lock all operators out.
 std::string get_password(bool from_input, bool is_new) {
+    errno = 0;
+    if (from_input) {
+        return client::read_password(std::cin, "standard input");
+    }
     std::string password;
     std::string problem;
-    errno = 0;
-    if (!(from_input
-              ? client::read_password(std::cin, password, problem)
-              : client::ask_password(is_new ? "New password: " : "Password: ", is_new, password, problem))) {
-        throw std::runtime_error((from_input ? "standard input: " : "") + problem);
+    if (!client::ask_password(is_new ? "New password: " : "Password: ", is_new, password, problem)) {
+        throw std::runtime_error(problem);
     }
     return password;
 }
@@ -77,9 +80,10 @@ int check(const std::string& path, bool from_input) {
     return right ? 0 : exit_wrong;
 }
 
-// Replaces the file in one step: a scheduler that starts at any moment reads the old file or the new one, never a part.
-// A symbolic link, a device and a pipe are refused. The mode is 0600. When root writes it, the file gets the owner of
-// the old file, else of the directory: a file that the scheduler cannot read would switch the login off.
+// Replaces the file in one step and waits until it is on the disk: a scheduler that starts at any moment reads the old
+// file or the new one, never a part. A symbolic link, a device and a pipe are refused. The mode is 0600. When root
+// writes it, the file gets the owner of the old one, else of the directory: one that the scheduler cannot read would
+// switch the login off.
 int set(const std::string& path, bool from_input) {
     std::string password = get_password(from_input, true);
     if (password.empty()) {
@@ -88,15 +92,18 @@ int set(const std::string& path, bool from_input) {
     const std::string salt = client::random_alphanumeric(8);
     const std::string text = client::hash_text(salt, password) + " " + salt + "\n";
     client::wipe(password);
-    const auto give_to_owner = [&path](int fd) {
+    const auto complete = [&path](int fd) {
         struct stat owner {};
-        return geteuid() != 0 ||
-               ((stat(path.c_str(), &owner) == 0 || stat(client::directory_of(path).c_str(), &owner) == 0) &&
-                fchown(fd, owner.st_uid, owner.st_gid) == 0);
+        return (geteuid() != 0 ||
+                ((stat(path.c_str(), &owner) == 0 || stat(client::directory_of(path).c_str(), &owner) == 0) &&
+                 fchown(fd, owner.st_uid, owner.st_gid) == 0)) &&
+               fsync(fd) == 0;
     };
-    std::string problem;
-    if (!client::replace_file(path, text, 0600, true, problem, give_to_owner)) {
-        throw std::runtime_error(problem);
+    client::replace_file(path, text, 0600, complete);
+    const client::descriptor directory(open(client::directory_of(path).c_str(), O_RDONLY | O_CLOEXEC));
+    if (!directory.is_open() || fsync(directory.get()) != 0) {
+        throw std::system_error(errno, std::generic_category(),
+                                path + " is written, but may be lost after a power failure");
     }
     std::printf("%s is written; the scheduler reads it at its next start.\n", path.c_str());
     return 0;

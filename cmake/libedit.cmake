@@ -1,6 +1,6 @@
 # libedit has no CMake package. The target sched_libedit links it where it is installed (Debian: libedit-dev), and does
 # not exist elsewhere.
-find_path(LIBEDIT_INCLUDE_DIR histedit.h)
+find_path(LIBEDIT_INCLUDE_DIR editline/readline.h)
 find_library(LIBEDIT_LIBRARY edit)
 mark_as_advanced(LIBEDIT_INCLUDE_DIR LIBEDIT_LIBRARY)
 

@@ -19,9 +19,10 @@ fail() {
 # shellcheck disable=SC2034 # the scripts use them
 build_packages=(g++ cmake ninja-build libcli11-dev libmicrohttpd-dev pkgconf nlohmann-json3-dev libedit-dev libssl-dev)
 unit_test_packages=(libgtest-dev libgmock-dev librapidcheck-dev)
+client_test_packages=(python3-pytest python3-pexpect)
 # shellcheck disable=SC2034
-test_packages=("${build_packages[@]}" "${unit_test_packages[@]}" rsyslog python3-croniter
-    python3-prometheus-client libfaketime curl mandoc systemd zsh fish jq openipmi freeipmi-tools mdadm shellcheck
+test_packages=("${build_packages[@]}" "${unit_test_packages[@]}" "${client_test_packages[@]}" rsyslog python3-croniter
+    python3-prometheus-client libfaketime mandoc systemd zsh fish jq openipmi freeipmi-tools mdadm shellcheck
     systemd-container debootstrap debhelper)
 
 # can_be_root: sudo may ask for a password only on a terminal.
@@ -164,7 +165,7 @@ summarise() {
         END {
             while ((getline line <log_file) > 0) {
                 if (line ~ /^[0-9]+\/[0-9]+ Test: /) { name = line; sub(/.* Test: /, "", name) }
-                says_why = reason_follows || sub(/^skipped: /, "", line)
+                says_why = reason_follows || sub(/^(skipped:|SKIPPED \[1\] [^ ]*) /, "", line)
                 if (says_why) print "skipped " name ": " line
                 reason_follows = line ~ /: Skipped$/
             }
@@ -182,7 +183,7 @@ test_preset() {
         run=(setarch -R)
     fi
     printf 'testing %s ...\n' "$1"
-    "${run[@]}" ctest --preset "$@" --parallel "${TEST_JOBS:-$((2 * $(nproc)))}" </dev/null |
+    "${run[@]}" ctest --preset "$@" --parallel "${TEST_JOBS:-$((4 * $(nproc)))}" </dev/null |
         summarise "$tree/Testing/Temporary/LastTest.log" ||
         fail "a test of $1 failed; the whole output is in $tree/Testing/Temporary/LastTest.log"
 }

@@ -16,16 +16,12 @@ namespace {
 constexpr std::chrono::milliseconds look_again_after{20};
 constexpr rlim_t other_descriptors = 64;  // for standard streams, files, and look-ups that have been given up
 
-// How many of the wanted connections the limit for descriptors allows, once it is raised. Each host may need two more
-// for its files.
+// How many of the wanted connections the limit for descriptors allows. Each host may need two more for its files.
 std::size_t allowed_connections(std::size_t wanted) {
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
         return wanted;
     }
-    limit.rlim_cur = limit.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &limit);  // a refusal shows in the next call
-    getrlimit(RLIMIT_NOFILE, &limit);
     const rlim_t free = limit.rlim_cur > other_descriptors ? limit.rlim_cur - other_descriptors : 1;
     return std::clamp<std::size_t>(wanted, 1, std::max<rlim_t>(free / 3, 1));
 }
@@ -43,26 +39,9 @@ bool is_question(const std::vector<std::string>& words) {
 
 }  // namespace
 
-bool wait_for(int fd, short events, std::span<pollfd> others, agent::clock::time_point until) {
-    std::vector<pollfd> polled(others.begin(), others.end());
-    polled.push_back({fd, events, 0});
-    int limit = -1;
-    if (until != agent::clock::time_point::max()) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - agent::clock::now()).count();
-        limit = static_cast<int>(std::clamp<decltype(left)>(left, 0, 3600 * 1000));
-    }
-    if (poll(polled.data(), polled.size(), limit) < 0) {
-        for (pollfd& p : polled) {
-            p.revents = 0;  // interrupted by a signal, or out of memory: the caller calls again
-        }
-    }
-    std::copy_n(polled.begin(), others.size(), others.begin());
-    return polled.back().revents != 0;
-}
-
-agent::agent(const std::vector<host_name>& hosts, agent_options how, agent_listener& events)
+agent::agent(const std::vector<host_name>& hosts, agent_options how, channel front)
     : how_(std::move(how)),
-      listener_(events),
+      front_(std::move(front)),
       parallel_(allowed_connections(how_.parallel)),
       most_open_(allowed_connections(std::numeric_limits<std::size_t>::max())),
       module_silence_(hosts.size() == 1 ? std::chrono::seconds(0) : default_module_silence),
@@ -72,14 +51,33 @@ agent::agent(const std::vector<host_name>& hosts, agent_options how, agent_liste
     if (!events_.is_open()) {
         throw std::system_error(errno, std::generic_category(), "epoll");
     }
-    for (const host_name& host : hosts) {
-        add(host);
-    }
+    std::for_each(hosts.begin(), hosts.end(), [this](const host_name& host) { add(host); });
 }
 
-std::size_t agent::add(const host_name& host) {
+void agent::run() {
+    // In the order of `to_agent`.
+    static constexpr void (*calls[])(agent&, const nlohmann::json&) = {
+        carry_out<&agent::add>,     carry_out<&agent::ask>,    carry_out<&agent::cancel>,
+        carry_out<&agent::close>,   carry_out<&agent::settle>, carry_out<&agent::fetch_stored>,
+        carry_out<&agent::password>};
+    for (bool front_lives = true; front_lives;) {
+        pollfd front[] = {{front_.fd(), front_.events(), 0}};
+        // A front that does not read, because it was stopped, must not fill the memory: then the hosts wait, too.
+        if (front_.waiting() > max_unread) {
+            poll(front, 1, -1);
+        } else {
+            step(front);
+        }
+        front_lives = front[0].revents == 0 || front_.update();
+        while (const std::optional<nlohmann::json> call = front_.next()) {
+            calls[(*call)[0].get<std::size_t>()](*this, (*call)[1]);
+        }
+    }
+    finish();
+}
+
+void agent::add(const host_name& host) {
     hosts_.emplace_back(host, how_.connect, passwords_, module_silence_);
-    return hosts_.size() - 1;
 }
 
 void agent::ask(std::size_t host, std::uint32_t request, std::vector<std::string> words) {
@@ -101,24 +99,22 @@ agent::clock::time_point agent::start_ready() {
     const clock::time_point now = clock::now();
     auto running = static_cast<std::size_t>(std::count_if(
         active_.begin(), active_.end(), [&](std::size_t host) { return takes_place(hosts_[host], now); }));
-    bool has_ended = false;
     for (std::size_t left = ready_.size(); left > 0 && running < parallel_; --left) {
         const std::size_t host = ready_.front();
         host_state& state = hosts_[host];
         ready_.pop_front();
         state.is_ready = false;
-        if (state.asking || state.closing || state.queue.empty()) {
+        if (state.current || state.closing || state.queue.empty()) {
             continue;
         }
         if (!state.link.is_open() && (waits_for_room() || waits_for_older(state))) {
             schedule(host);
             continue;
         }
-        running += start(host, std::min(parallel_, running + left)) ? 1 : 0;
-        has_ended = has_ended || !state.asking;
+        start(host, std::min(parallel_, running + left));
+        running += state.current ? 1 : 0;  // else it has ended at once
     }
-    // The caller may wait for a command that has ended at once, so the next step must not wait.
-    return has_ended ? now : ready_.empty() ? clock::time_point::max() : now + look_again_after;
+    return ready_.empty() ? clock::time_point::max() : now + look_again_after;
 }
 
 // A question that has no answer yet gives its place to the next host after a moment, so that many silent hosts do not
@@ -128,7 +124,7 @@ bool agent::takes_place(const host_state& state, clock::time_point now) const {
         return false;
     }
     const bool is_old = now - state.asked_at >= place_time && active_.size() < most_open_;
-    return !is_old || !is_question(state.queue.front().words);
+    return !is_old || !is_question(state.current->words);
 }
 
 // Whether a new connection must wait, because all descriptors are in use. Closes an idle connection to make room.
@@ -153,55 +149,47 @@ bool agent::waits_for_room() {
 bool agent::waits_for_older(host_state& state) {
     const clock::time_point now = clock::now();
     if (now < state.look_at) {
-        return true;  // other hosts' events come more often than a look is worth
+        return true;  // events of other hosts come often; not each is worth a look
     }
-    if (!held_connection::exists(state.key)) {
-        state.wait_until = {};
+    if (!is_held(state.key)) {
         return false;
     }
-    if (state.wait_until == clock::time_point{}) {
-        state.wait_until = now + lock_timeout;
-    }
+    std::optional<clock::time_point>& until = state.queue.front().waits_until;
+    until = until.value_or(now + lock_timeout);
     state.look_at = now + look_again_after;
-    return now < state.wait_until;
+    return now < *until;
 }
 
-// Starts the first command of a host. Returns false when it has ended at once. answers: how many answers are under way
-// or about to be.
-bool agent::start(std::size_t host, std::size_t answers) {
+// Starts the first command of a host. answers: how many answers are under way or about to be.
+void agent::start(std::size_t host, std::size_t answers) {
     host_state& state = hosts_[host];
-    const command& first = state.queue.front();
+    command first = std::move(state.queue.front());
+    state.queue.pop_front();
     // Reserve room first: the connection alone already gets the messages that wait for the first client.
     const std::optional<std::string> no_room = mailbox_.reserve(answers);
     if (no_room && how_.must_store) {
-        const std::uint32_t request = first.request;
-        state.queue.pop_front();
         schedule(host);
-        listener_.ended(host, request, {outcome::no_room, *no_room});
-        return false;
+        return front_.send(to_front::ended, host, first.request, command_result(outcome::no_room, *no_room));
     }
-    state.asking = true;
     state.asked_at = clock::now();
-    const bool quits = first.words.size() == 1 && first.words[0] == "quit";
-    begin(host, quits ? std::vector<std::string>() : first.words);
-    return true;
+    begin(host, std::move(first));
 }
 
-void agent::begin(std::size_t host, std::vector<std::string> words) {
+void agent::begin(std::size_t host, command next) {
+    host_state& state = hosts_[host];
     active_.insert(host);
-    hosts_[host].link.ask(std::move(words));
+    const bool quits = next.words.size() == 1 && next.words[0] == "quit";
+    state.link.ask(quits ? std::vector<std::string>() : next.words);
+    state.current = std::move(next);
     update(host);
 }
 
 void agent::cancel(std::size_t host, std::uint32_t request) {
     host_state& state = hosts_[host];
-    const auto found = std::find_if(state.queue.begin(), state.queue.end(),
-                                    [=](const command& c) { return c.request == request; });
-    if (found == state.queue.begin() && state.asking) {
-        state.given_up = true;
-    } else if (found != state.queue.end()) {
-        state.queue.erase(found);
-        listener_.ended(host, request, {outcome::interrupted});
+    if (state.current && state.current->request == request) {
+        state.current->given_up = true;
+    } else if (std::erase_if(state.queue, [=](const command& c) { return c.request == request; }) != 0) {
+        front_.send(to_front::ended, host, request, command_result(outcome::interrupted));
     }
 }
 
@@ -210,7 +198,7 @@ void agent::password(std::size_t host, const std::string& text, bool is_given) {
         passwords_.set(text);
     }
     if (hosts_[host].link.needs_password()) {
-        hosts_[host].link.log_in(is_given ? "" : "there is no --password-file");
+        hosts_[host].link.log_in(is_given ? "" : text.empty() ? "there is no --password-file" : text);
         update(host);  // without a password the command has ended
     }
 }
@@ -220,20 +208,21 @@ void agent::update(std::size_t host) {
     host_state& state = hosts_[host];
     const host_link::news news = state.link.take_news();
     watch(host);
-    if (state.receives_status()) {
+    // Of the command itself, or of the `status` that is sent before these words.
+    if (state.is("status") || state.is_final() || state.is("restart") || state.is("quit")) {
         state.status_text += news.text;
-    } else if (!news.text.empty() && state.asking && !state.given_up) {
-        listener_.output(host, state.queue.front().request, news.text);
+    } else if (!news.text.empty() && state.current && !state.current->given_up && !is_finishing_) {
+        front_.send(to_front::output, host, state.current->request, news.text);
     }
     if (!state.link.is_open() && !state.link.is_busy()) {
         active_.erase(host);
     }
     if (news.end && news.end->how != outcome::no_answer) {
         on_ended(host, *news.end);
-    } else if (news.end && state.asking && !state.final_asked) {
+    } else if (news.end && state.current && !state.is_final()) {
         on_late(host);
     } else if (state.link.needs_password() && hosts_.size() == 1 && !is_finishing_) {
-        listener_.password_needed(host);
+        front_.send(to_front::password_needed, host);
     } else if (state.link.needs_password()) {
         password(host, "", false);
     }
@@ -241,28 +230,26 @@ void agent::update(std::size_t host) {
 
 void agent::on_ended(std::size_t host, command_result end) {
     host_state& state = hosts_[host];
-    if (!state.asking && !state.final_asked) {
-        return listener_.ended(host, 0, end);
-    }
-    const bool asked_status = state.asks_status();
+    const std::uint32_t request = state.current ? state.current->request : 0;
+    const bool asked_status = state.is("status");
     const bool complete = end.how == outcome::over || end.how == outcome::goodbye;
-    const std::uint32_t request = state.asking ? state.queue.front().request : 0;
     if (const std::string text = std::exchange(state.status_text, {}); asked_status || !text.empty()) {
         if (!deliver(host, asked_status ? request : 0, text, complete) && asked_status && complete) {
             end = {outcome::bad_answer, "it is no status"};
         }
     }
-    if (state.final_asked) {
+    if (state.is_final()) {
         return on_closed(host);
     }
     remember_login(state);
-    state.queue.pop_front();
-    state.asking = state.given_up = false;
-    listener_.ended(host, request, end);
-    if (!state.closing || state.final_asked) {
+    front_.send(to_front::ended, host, request, end);
+    if (!std::exchange(state.current, std::nullopt)) {
+        return;  // an idle connection was closed
+    }
+    if (!state.closing) {
         schedule(host);
     } else if (state.link.is_open()) {
-        ask_final(host);
+        begin(host, {});
     } else {
         on_closed(host);
     }
@@ -270,11 +257,11 @@ void agent::on_ended(std::size_t host, command_result end) {
 
 void agent::on_late(std::size_t host) {
     const host_state& state = hosts_[host];
-    const std::uint32_t request = state.queue.front().request;
-    if (state.asks_status()) {
+    const std::uint32_t request = state.current->request;
+    if (state.is("status")) {
         deliver(host, request, "", false);
     }
-    listener_.ended(host, request, {outcome::no_answer});
+    front_.send(to_front::ended, host, request, command_result(outcome::no_answer));
 }
 
 // With one host, the password is asked for before connecting where one is known to be needed: while the operator types
@@ -288,8 +275,9 @@ void agent::remember_login(const host_state& state) {
     }
 }
 
-void agent::step(std::span<pollfd> others, clock::time_point until) {
-    until = std::min(until, start_ready());  // which may lower first_deadline_
+// Waits for an event of the hosts or on the descriptors of `others`.
+void agent::step(std::span<pollfd> others) {
+    const clock::time_point until = start_ready();  // which may lower first_deadline_
     if (wait_for(events_.get(), POLLIN, others, std::min(until, first_deadline_))) {
         handle_ready();
     }
@@ -317,7 +305,7 @@ void agent::handle_ready() {
     for (const epoll_event& event : ready) {
         const std::size_t host = event.data.u64 >> 32;
         if (event.data.u64 == tag_of(host, hosts_[host].link.fd())) {
-            // Otherwise a callback has closed this link since the wait.
+            // Otherwise the link has another descriptor since the wait.
             hosts_[host].link.on_ready();
             update(host);
         }
@@ -330,7 +318,7 @@ void agent::expire_late() {
         return;
     }
     first_deadline_ = clock::time_point::max();
-    // A copy: the listener may begin and end commands.
+    // A copy: a link that is closed leaves the set.
     for (const std::size_t host : std::vector<std::size_t>(active_.begin(), active_.end())) {
         host_link& link = hosts_[host].link;
         if (link.deadline() > now) {

@@ -1,6 +1,5 @@
 #include "mail/box.h"
 
-#include "mail/state_path.h"
 #include "protocol/limits.h"
 #include "protocol/status.h"
 
@@ -9,7 +8,9 @@
 #include <charconv>
 #include <cstdio>
 #include <filesystem>
+#include <iterator>
 #include <sstream>
+#include <stdexcept>
 #include <system_error>
 
 namespace client {
@@ -50,6 +51,18 @@ bool is_record(std::string_view line) {
            line[text_column - 1] == ' ';
 }
 
+// The paths of the boxes of this scheduler that exist. There is more than one only when one cannot be used.
+std::vector<std::string> boxes_of(const std::string& key) {
+    std::vector<std::string> paths;
+    for (int number = 1; number <= max_boxes; ++number) {
+        std::error_code ignored;
+        if (std::filesystem::exists(std::filesystem::symlink_status(path_of(key, number), ignored))) {
+            paths.push_back(path_of(key, number));
+        }
+    }
+    return paths;
+}
+
 }  // namespace
 
 void message_totals::add(const status_report& report) {
@@ -70,25 +83,24 @@ counter_row counters_of(const std::string& key) {
     return {};
 }
 
-std::vector<std::string> boxes_of(const std::string& key) {
-    std::vector<std::string> paths;
-    for (int number = 1; number <= max_boxes; ++number) {
-        std::error_code ignored;
-        if (!std::filesystem::exists(std::filesystem::symlink_status(path_of(key, number), ignored))) {
-            break;
-        }
-        paths.push_back(path_of(key, number));
+std::vector<box::record> waiting_records(const std::string& key) {
+    std::vector<box::record> waiting;
+    for (const std::string& path : boxes_of(key)) {
+        box from(read_file(path).value_or(""));
+        std::copy_if(from.records().begin(), from.records().end(), std::back_inserter(waiting),
+                     [](const box::record& r) { return r.waits; });
     }
-    return paths;
+    return waiting;
 }
 
-std::vector<std::string> keys_of_boxes() {
-    std::vector<std::string> keys;
-    std::error_code ignored;
-    for (const auto& entry : std::filesystem::directory_iterator(state_subdirectory("mail"), ignored)) {
-        const std::string name = entry.path().filename();
-        if (name.ends_with(".1.box")) {
-            keys.push_back(name.substr(0, name.size() - 6));
+std::set<std::string> keys_of_boxes() {
+    std::set<std::string> keys;
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(state_directory() + "/mail", error), end;
+         !error && entry != end; entry.increment(error)) {
+        const std::string name = entry->path().filename();
+        if (name.ends_with(".box")) {
+            keys.insert(name.substr(0, name.size() - std::string_view(".1.box").size()));
         }
     }
     return keys;
@@ -107,8 +119,12 @@ box::box(std::string_view text) : size_(text.size()) {
         if (is_record(line) && end < text.size()) {
             const std::string_view owner =
                 line.substr(owner_column, line.find(' ', owner_column) - owner_column);
-            records_.push_back(
-                {at, line[0] == '+', 0, line[22], std::string(owner), std::string(line.substr(text_column))});
+            records_.push_back({at,
+                                line[0] == '+',
+                                {},
+                                line[22],
+                                std::string(owner),
+                                std::string(line.substr(text_column))});
             std::from_chars(&line[1], &line[21], records_.back().id);
         } else {
             has_garbage_ = true;
@@ -118,44 +134,47 @@ box::box(std::string_view text) : size_(text.size()) {
     }
 }
 
-std::optional<box> box::open_path(const std::string& path, std::string& problem) {
+box box::open_path(const std::string& path) {
     state_file file(path, state_file::access::create);
     if (!file.is_open()) {
-        problem = path + ": " + std::generic_category().message(errno);
-        return std::nullopt;
+        throw std::system_error(errno, std::generic_category(), path);
     }
     if (!file.lock(std::chrono::steady_clock::now() + lock_timeout)) {
-        problem = path + ": another process has locked it";
-        return std::nullopt;
+        throw std::runtime_error(path + ": another process has locked it");
     }
     box opened(file.read());
     opened.file_ = std::move(file);
     return opened;
 }
 
-std::optional<box> box::open(const std::string& key, std::string& problem) {
+box box::open(const std::string& key) {
     state_subdirectory("mail");
+    std::string problem = "each box of " + key + " has another form";
     for (int number = 1; number <= max_boxes; ++number) {
-        std::optional<box> opened = open_path(path_of(key, number), problem);
-        // A box with a strange first line is not ours, or another version's.
-        if (opened && (opened->size_ == 0 || opened->counters_.next_id != 1 || !opened->has_garbage_)) {
-            problem.clear();
-            return opened;
+        try {
+            box opened = open_path(path_of(key, number));
+            // A box with a strange first line is not ours, or another version's.
+            if (opened.counters_.next_id != 1 || !opened.has_garbage_) {
+                return opened;
+            }
+        } catch (const std::runtime_error& fault) {
+            problem = fault.what();
         }
     }
-    return std::nullopt;
+    throw std::runtime_error(problem);
 }
 
 void box::each(const std::string& key, std::vector<std::string>& problems,
                const std::function<void(box&)>& action) {
     for (const std::string& path : boxes_of(key)) {
-        std::string problem;
-        std::optional<box> opened = open_path(path, problem);
-        if (!opened || opened->has_garbage_) {
-            problems.push_back(opened ? path + ": has lines that are no messages" : problem);
-        }
-        if (opened) {
-            action(*opened);
+        try {
+            box opened = open_path(path);
+            if (opened.has_garbage_) {
+                problems.push_back(path + ": has lines that are no messages");
+            }
+            action(opened);
+        } catch (const std::runtime_error& problem) {
+            problems.emplace_back(problem.what());
         }
     }
 }
@@ -178,9 +197,7 @@ bool box::append(std::vector<record> more) {
     }
     std::string lines = ends_in_a_line_ ? "\n" : "";
     for (record& r : more) {
-        r.waits = true;
         r.id = counters_.next_id++;
-        r.offset = std::max(size_, counters_size) + lines.size();
         lines += line_of(r);
     }
     // The counters first: without the numbers, a later process could use them again.
@@ -189,14 +206,13 @@ bool box::append(std::vector<record> more) {
         counters_ = counters_before;
         size_ = size_before;
         file_.truncate(size_);
-        static_cast<void>(size_ == 0 || write_counters());
+        static_cast<void>(size_ == 0 || write_counters());  // else what was dropped counts as lost each time
         errno = error;
         return false;
     }
     for (record* r : dropped) {
         remove(*r);
     }
-    ends_in_a_line_ = false;
     size_ += lines.size();
     records_.insert(records_.end(), more.begin(), more.end());
     return true;
@@ -223,8 +239,8 @@ box::record box::count_as_lost(const std::vector<record*>& dropped) {
         lost += report.messages.empty() ? report.lost : 1;
         counters_.totals.lost += report.messages.size();
     }
-    return {0,   true, 0,
-            'o', "",   "W0100: message queue overflow, " + std::to_string(lost) + " messages were lost."};
+    return {.waits = true,
+            .text = "W0100: message queue overflow, " + std::to_string(lost) + " messages were lost."};
 }
 
 bool box::set_owner(record& of, const std::string& owner) {
@@ -242,7 +258,7 @@ bool box::remove(record& shown) {
 void box::clean() {
     const bool is_empty =
         std::none_of(records_.begin(), records_.end(), [](const record& r) { return r.waits; });
-    if (has_garbage_ || (!is_empty && size_ <= clean_above)) {
+    if (has_garbage_ || size_ == 0 || (!is_empty && size_ <= clean_above)) {
         return;
     }
     std::string lines;

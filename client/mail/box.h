@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -47,11 +48,8 @@ struct counter_row {
 // Returns the counters of one scheduler; zeros before its first message. Needs no lock.
 counter_row counters_of(const std::string& key);
 
-// The paths of the boxes of this scheduler that exist. There is more than one only when one cannot be used.
-std::vector<std::string> boxes_of(const std::string& key);
-
 // Returns the keys of all schedulers with a box.
-std::vector<std::string> keys_of_boxes();
+std::set<std::string> keys_of_boxes();
 
 class box {
 public:
@@ -59,19 +57,19 @@ public:
         std::size_t offset = 0;
         bool waits = false;
         std::uint64_t id = 0;
-        char kind = 'o';    // what left it: 'o' an operator's process, 'f' a follower
-        std::string owner;  // the process that shows it, as the mailbox names it
-        std::string text;
+        char kind = 'o';         // what left it: 'o' an operator's process, 'f' a follower
+        std::string owner = {};  // the process that shows it, as the mailbox names it
+        std::string text = {};
     };
 
     // Reads the text of a box. Lines that are no records are left where they are.
     explicit box(std::string_view text);
 
-    // The box of this scheduler for writing: the first that can be locked and read, or a new one. Nothing, with the
-    // reason in problem, when there is none.
-    static std::optional<box> open(const std::string& key, std::string& problem);
-    // Calls action for each box of this scheduler that can be locked and read, one after the other. Adds to
-    // problems why the others cannot, and which of the boxes have lines that are no records.
+    // The box of this scheduler for writing: the first that can be locked and read, or a new one. Throws
+    // std::runtime_error with the reason when there is none.
+    static box open(const std::string& key);
+    // Calls action for each box of this scheduler that can be locked and read, one after the other. Adds to problems
+    // why the others cannot, which of the boxes have lines that are no records, and what action throws.
     static void each(const std::string& key, std::vector<std::string>& problems,
                      const std::function<void(box&)>& action);
 
@@ -84,22 +82,26 @@ public:
     bool set_owner(record& of, const std::string& owner);
     bool remove(record& shown);
     bool write_counters();
-    // Cuts off what was shown. No other call may follow: the offsets of the records no longer hold.
+    // Cuts off what was shown. No other call may follow clean(), and only clean() may follow append(): the offsets of
+    // the records do not hold.
     void clean();
 
 private:
-    // Opens and locks the box, which is created if it does not exist. Nothing, with the reason in problem,
-    // when this fails or the lock is not free within lock_timeout.
-    static std::optional<box> open_path(const std::string& path, std::string& problem);
+    // Opens and locks the box, which is created if it does not exist. Throws std::runtime_error with the reason when
+    // this fails or the lock is not free within lock_timeout.
+    static box open_path(const std::string& path);
     std::vector<record*> oldest_beyond(std::size_t added);
     record count_as_lost(const std::vector<record*>& dropped);
 
     state_file file_;
     counter_row counters_;
     std::vector<record> records_;  // those that wait and those that were shown, in the order of the file
-    std::size_t size_ = 0;
+    std::size_t size_;
     bool has_garbage_ = false;
     bool ends_in_a_line_ = false;  // the last line has no line end
 };
+
+// The messages that wait for this scheduler. Needs no lock.
+std::vector<box::record> waiting_records(const std::string& key);
 
 }  // namespace client

@@ -1,6 +1,5 @@
 #include "mail/mailbox.h"
 
-#include "mail/state_path.h"
 #include "protocol/limits.h"
 #include "protocol/status.h"
 
@@ -8,8 +7,10 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <regex>
+#include <stdexcept>
 #include <system_error>
 #include <thread>
 #include <unistd.h>
@@ -19,11 +20,12 @@ namespace client {
 
 namespace {
 
-std::string error_text(int error) {
-    return std::generic_category().message(error);
-}
-
 constexpr int max_names = 10;
+
+// The lock file of the connection to this scheduler that a process holds.
+std::string held_path(const std::string& key) {
+    return state_directory() + "/live/" + key + ".held";
+}
 
 // True when the process with this name lives. Removes the file of a process that was killed. Files that
 // name_own() has not made are left alone.
@@ -45,11 +47,10 @@ mailbox::~mailbox() {
 }
 
 // Calls make with names for a file by which others know that this process lives, until it returns true. Sets name_.
-bool mailbox::name_own(const std::function<bool(const std::string& path)>& make, std::string& problem) {
+void mailbox::name_own(const std::function<bool(const std::string& path)>& make) {
     const std::string live = state_subdirectory("live");
     if (live.empty()) {
-        problem = "no directory to store messages: set XDG_STATE_HOME";
-        return false;
+        throw std::runtime_error("no directory to store messages: set XDG_STATE_HOME");
     }
     // The parent is the process that people see. The time makes the name one that no earlier process has had.
     const pid_t pid = getppid() > 1 ? getppid() : getpid();
@@ -60,77 +61,71 @@ bool mailbox::name_own(const std::function<bool(const std::string& path)>& make,
                       static_cast<unsigned>(now));
         if (make(live + name)) {
             name_ = name;
-            return true;
+            return;
         }
     }
-    problem = live + ": " + error_text(errno);
-    return false;
+    throw std::system_error(errno, std::generic_category(), live);
 }
 
-bool mailbox::open_own(std::string& problem) {
-    const auto make = [this](const std::string& path) {
-        own_ = state_file(path, state_file::access::create_new);
-        return own_.is_open() && own_.lock();  // another may take the new file for one of a dead process
-    };
+void mailbox::open_own() {
     if (own_.is_open()) {
+        return;
+    }
+    name_own([this](const std::string& path) {
+        state_file file(path, state_file::access::create_new);
+        if (!file.is_open() || !file.lock()) {  // another may take the new file for one of a dead process
+            return false;
+        }
+        own_ = std::move(file);
         return true;
-    }
-    if (!name_own(make, problem)) {
-        own_ = state_file();
-        return false;
-    }
+    });
     std::error_code ignored;
     for (const auto& entry : std::filesystem::directory_iterator(state_directory() + "/live", ignored)) {
         is_alive(entry.path().filename());  // removes the files of processes that were killed
     }
-    return true;
 }
 
-std::optional<std::string> mailbox::reserve(std::size_t answers) {
-    std::string problem;
-    if (!open_own(problem)) {
-        return problem;
-    }
-    const std::size_t wanted = answers * room_per_answer;
-    if (wanted > reserved_ && !own_.reserve(reserved_, wanted)) {
-        return own_.path() + ": " + error_text(errno);
-    }
-    reserved_ = std::max(reserved_, wanted);
+std::optional<std::string> mailbox::reserve(std::size_t answers) try {
+    open_own();
+    own_.reserve(answers * room_per_answer);
     return std::nullopt;
+} catch (const std::runtime_error& problem) {
+    return problem.what();
 }
 
-std::uint64_t mailbox::store(const std::string& key, const std::string& address,
-                             const std::vector<std::string>& lines, bool shows, message_totals& totals,
-                             std::string& problem) {
-    totals = counters_of(key).totals;
-    std::optional<box> to = !lines.empty() && open_own(problem) ? box::open(key, problem) : std::nullopt;
-    if (!to) {
-        return 0;
+std::string mailbox::store(const std::string& key, const std::string& address,
+                           std::vector<status_line>& lines, bool shows) try {
+    const auto is_new = [](const status_line& line) { return line.is_message && line.id == 0; };
+    if (std::none_of(lines.begin(), lines.end(), is_new)) {
+        return "";
     }
-    std::string text;
+    open_own();
+    box to = box::open(key);
     std::vector<box::record> records;
-    for (const std::string& line : lines) {
-        text += line + "\n";
-        records.push_back({0, true, 0, kind_ == mail_kind::followers ? 'f' : 'o', shows ? name_ : "", line});
+    for (const status_line& line : lines) {
+        if (is_new(line)) {
+            to.counters().totals.add(parse_status(line.text));
+            records.push_back({.waits = true,
+                               .kind = kind_ == mail_kind::followers ? 'f' : 'o',
+                               .owner = shows ? name_ : "",
+                               .text = line.text});
+        }
     }
-    counter_row& counters = to->counters();
-    counters.totals.add(parse_status(text));
+    counter_row& counters = to.counters();
     counters.address = address.empty() ? counters.address : address;
-    bool is_stored = to->append(records);
-    if (!is_stored && reserved_ != 0) {
-        // The disk is full, or the user's share of it: now the reserved room is needed.
-        own_.truncate(0);
-        reserved_ = 0;
-        is_stored = to->append(records);
+    // When the disk is full, or the user's share of it, the reserved room is needed.
+    if (!to.append(records) && !(own_.truncate(0) && to.append(records))) {
+        throw std::system_error(errno, std::generic_category(), "the box of " + key);
     }
-    if (!is_stored) {
-        problem = "the box of " + key + ": " + error_text(errno);
-        return 0;
+    std::uint64_t id = counters.next_id - records.size();
+    for (status_line& line : lines) {
+        line.id = is_new(line) ? id++ : line.id;
     }
     has_some_ = has_some_ || shows;
-    to->clean();
-    totals = counters.totals;
-    return counters.next_id - lines.size();
+    to.clean();
+    return "";
+} catch (const std::runtime_error& problem) {
+    return problem.what();
 }
 
 // True for what no other living process shows, of a kind that this process shows.
@@ -142,10 +137,7 @@ bool mailbox::is_for_us(const box::record& r) {
 std::vector<status_line> mailbox::take(const std::string& key) {
     std::vector<status_line> taken;
     box::each(key, problems_, [&](box& from) {
-        if (std::string problem; !open_own(problem)) {
-            problems_.push_back(problem);
-            return;
-        }
+        open_own();
         for (box::record& r : from.records()) {
             if (is_for_us(r) && r.owner != name_) {
                 from.set_owner(r, name_);
@@ -159,12 +151,9 @@ std::vector<status_line> mailbox::take(const std::string& key) {
 
 std::vector<status_line> mailbox::look(const std::string& key) {
     std::vector<status_line> found;
-    for (const std::string& path : boxes_of(key)) {
-        box from(read_file(path).value_or(""));
-        for (const box::record& r : from.records()) {
-            if (is_for_us(r)) {
-                found.push_back({r.id, r.text});
-            }
+    for (const box::record& r : waiting_records(key)) {
+        if (is_for_us(r)) {
+            found.push_back({r.id, r.text});
         }
     }
     return found;
@@ -183,22 +172,21 @@ void mailbox::settle(const std::string& key, const std::vector<std::uint64_t>& i
 }
 
 // Under another name: the owner of the records does not live any more.
-void mailbox::leave() {
-    std::string problem;  // then the messages wait for the end of this process
-    if (has_some_ && name_own([this](const std::string& path) { return own_.move_to(path); }, problem)) {
+void mailbox::leave() try {
+    if (has_some_) {
+        name_own([this](const std::string& path) { return own_.move_to(path); });
         has_some_ = false;
     }
+} catch (const std::runtime_error&) {
+    // The messages wait for the end of this process.
 }
 
 // Returns how many messages each other living process holds, by the number of the process.
 std::map<std::string, std::size_t> mailbox::held_by_others(const std::string& key) {
     std::map<std::string, std::size_t> held;
-    for (const std::string& path : boxes_of(key)) {
-        box from(read_file(path).value_or(""));
-        for (const box::record& r : from.records()) {
-            if (r.waits && !r.owner.empty() && r.owner != name_ && is_alive(r.owner)) {
-                ++held[r.owner.substr(0, r.owner.find('.'))];
-            }
+    for (const box::record& r : waiting_records(key)) {
+        if (!r.owner.empty() && r.owner != name_ && is_alive(r.owner)) {
+            ++held[r.owner.substr(0, r.owner.find('.'))];
         }
     }
     return held;
@@ -221,7 +209,7 @@ std::string mailbox::notice(const std::string& key, const std::string& address) 
         say(count, "held by process " + pid + ", which has not shown them yet");
     }
     const std::string port = key.substr(key.rfind(':'));
-    for (const std::string& name : address.empty() ? std::vector<std::string>() : keys_of_boxes()) {
+    for (const std::string& name : address.empty() ? std::set<std::string>() : keys_of_boxes()) {
         if (name != key && name.ends_with(port) && counters_of(name).address == address &&
             waiting(name) != 0) {
             std::string what = "under the name ";
@@ -235,12 +223,29 @@ std::string mailbox::notice(const std::string& key, const std::string& address) 
     return text;
 }
 
-void mailbox::remember_login(const std::string& key, bool needed) {
-    std::string problem;
-    if (std::optional<box> of = box::open(key, problem)) {
-        of->counters().login = needed;
-        of->write_counters();  // a failure only means that the password is asked for later
-    }
+state_file hold_connection(const std::string& key, std::chrono::steady_clock::time_point connected_at) {
+    // The clock counts from the start of the machine, so processes can compare it.
+    char text[21];
+    std::snprintf(text, sizeof text, "%020lld",
+                  static_cast<long long>(connected_at.time_since_epoch().count()));
+    state_file file(held_path(key), state_file::access::create);
+    return file.is_open() && file.lock() && file.write_at(0, text) ? std::move(file) : state_file();
+}
+
+bool is_held(const std::string& key, std::chrono::steady_clock::time_point before) {
+    state_file file(held_path(key), state_file::access::update);
+    const long long since = file.is_open() ? std::strtoll(file.read().c_str(), nullptr, 10) : 0;
+    // remove_dead() comes last: the holder may have ended since the file was opened. Then no other process gets our
+    // messages.
+    return since != 0 && since < before.time_since_epoch().count() && !file.remove_dead();
+}
+
+void mailbox::remember_login(const std::string& key, bool needed) try {
+    box of = box::open(key);
+    of.counters().login = needed;
+    of.write_counters();
+} catch (const std::runtime_error&) {
+    // Only means that the password is asked for later.
 }
 
 }  // namespace client

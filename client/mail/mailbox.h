@@ -33,14 +33,12 @@ public:
     // Makes sure that so many answers of `status` can be stored. Call before connecting. Returns the reason when not.
     std::optional<std::string> reserve(std::size_t answers);
 
-    // Stores the messages of one answer: lines with messages and lost counts. They survive the end of the process.
-    // address: of the scheduler, dotted; empty when it is not known. shows: true when this process shows them;
-    // otherwise any process may take them at once. totals gets the new counts of the scheduler. Returns the number of
-    // the first line; the others have the numbers after it. Returns 0 when there are no lines, and when they
-    // could not be stored; then problem has the reason.
-    std::uint64_t store(const std::string& key, const std::string& address,
-                        const std::vector<std::string>& lines, bool shows, message_totals& totals,
-                        std::string& problem);
+    // Stores those lines of an answer that are messages and have no number yet, and gives them their numbers. They
+    // survive the end of the process. address: of the scheduler, dotted; empty when it is not known. shows: true when
+    // this process shows them; otherwise any process may take them at once. Returns why they could not be stored; empty
+    // when they are.
+    std::string store(const std::string& key, const std::string& address, std::vector<status_line>& lines,
+                      bool shows);
 
     // Takes what other processes have left for this scheduler, oldest first. It stays on the disk until it is shown,
     // and others do not get it before leave() or the end of this process.
@@ -67,8 +65,9 @@ public:
     static void remember_login(const std::string& key, bool needed);
 
 private:
-    bool name_own(const std::function<bool(const std::string& path)>& make, std::string& problem);
-    bool open_own(std::string& problem);
+    // Both throw std::runtime_error with the reason.
+    void name_own(const std::function<bool(const std::string& path)>& make);
+    void open_own();
     bool is_for_us(const box::record& r);
     std::map<std::string, std::size_t> held_by_others(const std::string& key);
 
@@ -76,9 +75,18 @@ private:
     bool has_some_ = false;  // records may belong to this process
     state_file own_;
     std::string name_;                                     // of own_, without the directory
-    std::size_t reserved_ = 0;                             // bytes
     std::vector<std::string> problems_;                    // files that cannot be read
     std::chrono::steady_clock::time_point may_wait_at_{};  // in notice()
 };
+
+// Declares that this process holds a connection to this scheduler: one that was made at this time, and whose last
+// status does not come. Returns the locked file that says so, to be removed at the end; it is not open when another
+// process holds one already.
+state_file hold_connection(const std::string& key, std::chrono::steady_clock::time_point connected_at);
+
+// True when another process holds a connection that was made before this time. When that is the time at which
+// our connection was begun, the other one gets every message that ours gets.
+bool is_held(const std::string& key,
+             std::chrono::steady_clock::time_point before = std::chrono::steady_clock::time_point::max());
 
 }  // namespace client

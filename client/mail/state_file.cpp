@@ -1,12 +1,14 @@
 #include "mail/state_file.h"
 
 #include "mail/replace_file.h"
-#include "mail/state_path.h"
 #include "term/text.h"
 
 #include <cerrno>
+#include <cstdlib>
+#include <pwd.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -15,6 +17,43 @@ namespace client {
 namespace {
 
 constexpr std::chrono::milliseconds retry_after{10};
+
+// Made by the package; members of its group share one mailbox.
+constexpr const char* package_directory = "/var/lib/schedctl";
+
+// Returns the variable's value if it is an absolute path, else an empty text: others must be ignored.
+std::string absolute_variable(const char* name) {
+    const char* value = std::getenv(name);
+    return value != nullptr && value[0] == '/' ? value : "";
+}
+
+// HOME may be missing below a monitoring engine, and below sudo it may be another user's: then the user database has
+// it.
+std::string home_directory() {
+    std::string home = absolute_variable("HOME");
+    struct stat info {};
+    if (!home.empty() && stat(home.c_str(), &info) == 0 && info.st_uid == geteuid()) {
+        return home;
+    }
+    const passwd* self = getpwuid(geteuid());
+    return self != nullptr && self->pw_dir[0] == '/' ? self->pw_dir : home;
+}
+
+// Creates each directory of the path; a failure shows when a file in it cannot be opened.
+std::string created(const std::string& path) {
+    for (std::size_t at = 0; at != std::string::npos && access(path.c_str(), F_OK) != 0;) {
+        at = path.find('/', at + 1);
+        mkdir(path.substr(0, at).c_str(), 0700);
+    }
+    return path;
+}
+
+// True when this directory is shared by a group: its files then have the mode 0660.
+bool is_shared(const std::string& directory) {
+    struct stat info {};
+    constexpr mode_t shared = S_ISGID | S_IWGRP;
+    return stat(directory.c_str(), &info) == 0 && (info.st_mode & shared) == shared;
+}
 
 // A FIFO must not block, and what is no regular file is not ours.
 descriptor open_regular(const std::string& path, int flags) {
@@ -31,13 +70,45 @@ descriptor open_regular(const std::string& path, int flags) {
 
 }  // namespace
 
+std::string private_directory() {
+    std::string path = absolute_variable("XDG_STATE_HOME");
+    if (path.empty()) {
+        path = home_directory();
+        if (path.empty()) {
+            return "";
+        }
+        path += "/.local/state";
+    }
+    return created(path + "/schedctl");
+}
+
+std::string state_directory() {
+    if (absolute_variable("XDG_STATE_HOME").empty() &&
+        faccessat(AT_FDCWD, package_directory, W_OK | X_OK, AT_EACCESS) == 0) {
+        return package_directory;
+    }
+    return private_directory();
+}
+
+std::string state_subdirectory(const char* name) {
+    const std::string state = state_directory();
+    std::string path = state.empty() ? "" : state + "/" + name + "/";
+    // The set-group-ID bit comes from the directory above. A service may not set it with chmod, which an operator may
+    // need: his umask can be stricter than that of a service.
+    const bool shared = !path.empty() && is_shared(state);
+    if (!path.empty() && mkdir(path.c_str(), shared ? 0770 : 0700) == 0 && shared) {
+        chmod(path.c_str(), 02770);
+    }
+    return path;
+}
+
 state_file::state_file(std::string path, access how)
     : path_(std::move(path)), file_(open_regular(path_, static_cast<int>(how))) {}
 
 bool state_file::lock(std::chrono::steady_clock::time_point until) {
     // flock has no time-out, so the lock is tried again and again.
     while (is_open() && flock(fd(), LOCK_EX | LOCK_NB) != 0) {
-        if (errno != EINTR && std::chrono::steady_clock::now() >= until) {
+        if (std::chrono::steady_clock::now() >= until) {
             return false;
         }
         std::this_thread::sleep_for(retry_after);
@@ -64,9 +135,13 @@ bool state_file::write_at(std::uint64_t offset, std::string_view bytes) const {
     return lseek(fd(), static_cast<off_t>(offset), SEEK_SET) >= 0 && write_all(fd(), bytes);
 }
 
-bool state_file::reserve(std::uint64_t from, std::uint64_t to) const {
-    errno = posix_fallocate(fd(), static_cast<off_t>(from), static_cast<off_t>(to - from));
-    return errno == 0;
+void state_file::reserve(std::size_t size) const {
+    struct stat info {};
+    const auto wanted = static_cast<off_t>(size);
+    const bool has_it = fstat(fd(), &info) == 0 && info.st_size >= wanted;
+    if (const int problem = has_it ? 0 : posix_fallocate(fd(), 0, wanted); problem != 0) {
+        throw std::system_error(problem, std::generic_category(), path_);
+    }
 }
 
 bool state_file::remove_dead() {

@@ -1,5 +1,4 @@
-// A file of the state directory, which several processes and, in a shared directory, several users write: only a
-// regular file, no link is followed.
+// What outlives the client: its directories, and the files in them.
 #pragma once
 
 #include "term/descriptor.h"
@@ -13,6 +12,19 @@
 
 namespace client {
 
+// Returns the directory for state files and mailbox: $XDG_STATE_HOME/schedctl when that is set; else the directory of
+// the package when it is writable (its users share one mailbox); else the user's own, ~/.local/state/schedctl, created
+// with mode 0700. Empty when there is none.
+std::string state_directory();
+
+// A directory below it, with a slash at the end; created with the mode of state_directory() when it is missing. Empty
+// when there is no state_directory().
+std::string state_subdirectory(const char* name);
+
+// The same for what is private: the history of sessions. Never the package's directory.
+std::string private_directory();
+
+// Several processes and, in a shared directory, several users write it: only a regular file, no link is followed.
 class state_file {
 public:
     enum class access {  // flags of open
@@ -41,7 +53,7 @@ public:
 
     std::string read() const;
     bool write_at(std::uint64_t offset, std::string_view bytes) const;  // false with errno
-    bool reserve(std::uint64_t from, std::uint64_t to) const;           // the same; the room between these
+    void reserve(std::size_t size) const;  // room, as far as it is missing; throws std::system_error
     bool truncate(std::uint64_t size) const { return ftruncate(fd(), static_cast<off_t>(size)) == 0; }
     void remove();                          // only while it is locked
     bool move_to(const std::string& path);  // false with errno when it exists

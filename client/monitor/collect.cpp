@@ -44,7 +44,7 @@ public:
     }
 
 private:
-    void received(std::size_t, const status_answer& answer, const status_update&) override {
+    void received(std::size_t, const status_answer& answer, const std::vector<event>&) override {
         report_unstored(answer);
     }
 

@@ -1,7 +1,7 @@
 // How `check`, `metrics` and the exporter get the state of schedulers.
 #pragma once
 
-#include "agent/agent.h"
+#include "agent/channel.h"
 #include "watch/snapshot.h"
 
 namespace client {

@@ -3,11 +3,8 @@
 #include "watch/snapshot.h"
 
 #include <algorithm>
-#include <charconv>
-#include <fstream>
 #include <iomanip>
 #include <sstream>
-#include <unistd.h>
 #include <utility>
 
 namespace client {
@@ -16,71 +13,51 @@ namespace {
 
 constexpr long seconds_per_minute = 60;
 
-enum class kind { gauge, counter, info };
-using enum kind;
+enum kind { gauge, counter };
 
 // Pairs of a value of the label and the number.
 using sample_list = std::vector<std::pair<std::string, double>>;
 
-// Formats a number with the fewest digits that give the same value.
-std::string number_text(double value) {
-    // A double has at most 24 characters. to_chars writes a decimal point in every locale.
-    char text[32];
-    const auto [end, error] = std::to_chars(std::begin(text), std::end(text), value);
-    return {text, error == std::errc() ? end : text};
-}
-
 // The text so far. Collectors require all samples of a family to follow its declaration.
 class page {
 public:
-    explicit page(exposition format) : format_(format) {}
+    explicit page(destination to) : to_(to) { text_.precision(15); }  // a time in seconds keeps its fraction
 
-    // A family with a sample for each value of the label. name: without the suffix of its kind.
+    // A family with a sample for each value of the label.
     void add(kind of, const std::string& name, const char* help, const char* label,
              const sample_list& samples) {
-        const std::string full = name + (of == counter ? "_total" : of == info ? "_info" : "");
-        // OpenMetrics declares a family without the suffix of its samples, the Prometheus format with it.
-        const std::string& declared = format_ == exposition::openmetrics ? name : full;
-        text_ << "# HELP " << declared << ' ' << help << '\n';
-        // The formats name the family of a counter differently. Without a type, one text is valid in both.
-        if (of != counter || format_ != exposition::common) {
-            const bool is_info = of == info && format_ == exposition::openmetrics;
-            text_ << "# TYPE " << declared
-                  << (of == counter ? " counter\n"
-                      : is_info     ? " info\n"
-                                    : " gauge\n");
-        }
-        // OpenMetrics requires the declared name to end with the unit.
-        for (const std::string unit : {"seconds", "bytes"}) {
-            if (declared.ends_with("_" + unit)) {
-                text_ << "# UNIT " << declared << ' ' << unit << '\n';
-            }
+        text_ << "# HELP " << name << ' ' << help << '\n';
+        // OpenMetrics forbids the name with which the format of Prometheus declares a counter. Without a declaration
+        // of its type, the text is valid in both.
+        if (of == gauge || to_ != destination::output) {
+            text_ << "# TYPE " << name << (of == gauge ? " gauge\n" : " counter\n");
         }
         for (const auto& [value, number] : samples) {
-            text_ << full;
+            text_ << name;
             if (label != nullptr) {
                 text_ << '{' << label << '=' << std::quoted(value) << '}';
             }
-            text_ << ' ' << number_text(number) << '\n';
+            text_ << ' ' << number << '\n';
         }
     }
 
     // A family with one sample. A negative number means not known and gives no family: 0 would be a wrong value.
-    template <typename type>
-    void add(kind of, const std::string& name, const char* help, type number) {
-        if (number >= type(0)) {
-            add(of, name, help, nullptr, {{"", static_cast<double>(number)}});
+    template <typename number>
+    void add(kind of, const std::string& name, const char* help, number value) {
+        if (value >= number(0)) {
+            add(of, name, help, nullptr, {{"", static_cast<double>(value)}});
         }
     }
 
-    // OpenMetrics requires the last line; in the Prometheus format it is a comment.
+    // OpenMetrics requires the last line; in the format of Prometheus it is a comment.
     std::string finish() {
-        add(info, "sched_build", "Version of the client that collects.", "version", {{SCHED_VERSION, 1}});
-        return text_.str() + (format_ == exposition::prometheus ? "" : "# EOF\n");
+        add(gauge, "sched_build_info", "Version of the client that collects.", "version",
+            {{SCHED_VERSION, 1}});
+        return text_.str() + "# EOF\n";
     }
 
 private:
-    exposition format_;
+    destination to_;
     std::ostringstream text_;
 };
 
@@ -125,11 +102,11 @@ void expose_answer(const snapshot& known, page& out) {
 void expose_snapshot(const snapshot& known, page& out) {
     const message_totals& totals = known.totals;
     out.add(gauge, "sched_up", "Whether the scheduler answers.", known.up);
-    out.add(counter, "sched_messages", "Messages received, by severity.", "severity",
+    out.add(counter, "sched_messages_total", "Messages received, by severity.", "severity",
             {{"error", totals.error}, {"warning", totals.warning}, {"info", totals.info}});
-    out.add(counter, "sched_messages_lost", "Messages dropped because nobody fetched them in time.",
+    out.add(counter, "sched_messages_lost_total", "Messages dropped because nobody fetched them in time.",
             totals.lost);
-    out.add(counter, "sched_uptime_seconds",
+    out.add(counter, "sched_uptime_seconds_total",
             "How long the scheduler has run over all its starts, in full minutes.",
             known.uptime_minutes * seconds_per_minute);
     if (known.answered > 0) {
@@ -142,19 +119,11 @@ void expose_snapshot(const snapshot& known, page& out) {
     }
 }
 
-// Resident memory in bytes; 0 when the kernel does not tell.
-double resident_bytes() {
-    std::ifstream file("/proc/self/statm");
-    double pages = 0;
-    file >> pages >> pages;  // the first number is the address space
-    return pages * static_cast<double>(sysconf(_SC_PAGESIZE));
-}
-
 }  // namespace
 
-std::string expose(const snapshot& known, exposition format, bool to_file) {
-    page out(format);
-    if (to_file) {
+std::string expose(const snapshot& known, destination to) {
+    page out(to);
+    if (to == destination::file) {
         out.add(gauge, "sched_collect_error",
                 "Whether a fault of the client prevents it from asking the scheduler.", known.is_own_fault());
     }
@@ -164,21 +133,11 @@ std::string expose(const snapshot& known, exposition format, bool to_file) {
     return out.finish();
 }
 
-std::string expose_exporter(unsigned long errors, std::size_t targets, std::size_t silent,
-                            exposition format) {
-    page out(format);
-    out.add(counter, "sched_exporter_errors",
+std::string expose_exporter(unsigned long errors) {
+    page out(destination::http);
+    out.add(counter, "sched_exporter_errors_total",
             "Requests that failed because of a fault of the exporter, its store or its password.", errors);
-    out.add(gauge, "sched_exporter_targets", "Schedulers that were asked since the start.", targets);
-    out.add(gauge, "sched_exporter_silent_targets",
-            "Schedulers that are being asked and have not answered yet.", silent);
-    out.add(gauge, "process_resident_memory_bytes", "Resident memory.", resident_bytes());
     return out.finish();
-}
-
-const char* media_type_of(exposition format) {
-    return format == exposition::openmetrics ? "application/openmetrics-text; version=1.0.0; charset=utf-8"
-                                             : "text/plain; version=0.0.4; charset=utf-8";
 }
 
 }  // namespace client

@@ -2,14 +2,18 @@
 // has a thread for each request and stores a header line of any length. Debian maintains both.
 #include "monitor/http_server.h"
 
+#include "net/host_list.h"
 #include "protocol/limits.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <microhttpd.h>
+#include <netdb.h>
 #include <stdexcept>
 #include <string_view>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <system_error>
 
 namespace client {
 
@@ -32,11 +36,6 @@ MHD_Result queue(MHD_Connection* connection, const http_reply& reply) {
     return queued;
 }
 
-std::string header(MHD_Connection* connection, const char* name) {
-    const char* value = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, name);
-    return value != nullptr ? value : "";
-}
-
 MHD_Result add_target(void* targets, MHD_ValueKind, const char* key, std::size_t key_size, const char* value,
                       std::size_t size) {
     if (std::string_view(key, key_size) == "target") {
@@ -45,38 +44,30 @@ MHD_Result add_target(void* targets, MHD_ValueKind, const char* key, std::size_t
     return MHD_YES;
 }
 
-// Why the request is refused before its body is read; nothing for one that the handler gets.
-std::optional<http_reply> refusal(MHD_Connection* connection, std::string_view method) {
-    if (method != MHD_HTTP_METHOD_GET && method != MHD_HTTP_METHOD_HEAD) {
-        return http_reply{.status = MHD_HTTP_METHOD_NOT_ALLOWED, .text = "only GET and HEAD\n"};
-    }
-    const std::string length = header(connection, MHD_HTTP_HEADER_CONTENT_LENGTH);
-    if ((!length.empty() && length != "0") ||
-        !header(connection, MHD_HTTP_HEADER_TRANSFER_ENCODING).empty()) {
-        return http_reply{.status = MHD_HTTP_CONTENT_TOO_LARGE, .text = "a body is not accepted\n"};
-    }
-    return std::nullopt;
-}
-
 }  // namespace
 
 struct http_server::callbacks {
-    // Called when the headers are complete, when the request is, and again after a suspension.
+    // Called when the headers are complete, for each part of a body, when the request is complete, and again after a
+    // suspension.
     static MHD_Result request(void* self, MHD_Connection* connection, const char* url, const char* method,
                               const char*, const char*, std::size_t* upload_size, void** context) {
         if (*context == nullptr) {
             auto request = std::make_unique<http_request>();
             request->path = url;
-            request->accept = header(connection, MHD_HTTP_HEADER_ACCEPT);
             request->connection = connection;
             MHD_get_connection_values_n(connection, MHD_GET_ARGUMENT_KIND, add_target, &request->targets);
             *context = request.release();  // until completed()
-            const std::optional<http_reply> refused = refusal(connection, method);
-            return refused ? queue(connection, *refused) : MHD_YES;
+            return MHD_YES;
+        }
+        if (*upload_size != 0) {
+            *upload_size = 0;  // a part of a body, which is dropped
+            return MHD_YES;
         }
         auto& request = *static_cast<http_request*>(*context);
-        *upload_size = 0;
-        if (!request.reply) {
+        const std::string_view wanted = method;
+        if (wanted != MHD_HTTP_METHOD_GET && wanted != MHD_HTTP_METHOD_HEAD) {
+            request.reply = {.status = MHD_HTTP_METHOD_NOT_ALLOWED, .text = "only GET and HEAD\n"};
+        } else if (!request.reply) {
             request.reply = static_cast<http_server*>(self)->handler_(request);
         }
         if (!request.reply) {
@@ -102,22 +93,35 @@ struct http_server::callbacks {
     }
 };
 
-http_server::http_server(int listener, std::chrono::seconds lifetime, handler answerer)
+http_server::http_server(const std::string& address, const std::string& port, std::chrono::seconds lifetime,
+                         handler answerer)
     : lifetime_(lifetime), handler_(std::move(answerer)), daemon_(nullptr, MHD_stop_daemon) {
+    const std::string fault = "cannot listen at " + address + ":" + port + ": ";
+    if (!port_of(port)) {
+        throw std::runtime_error(fault + "expected ADDRESS:PORT");
+    }
+    addrinfo hints{};  // without AI_ADDRCONFIG, which refuses ::1 on a machine that has no other IPv6 address
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* list = nullptr;
+    if (const int unknown = getaddrinfo(address.c_str(), port.c_str(), &hints, &list); unknown != 0) {
+        throw std::runtime_error(fault + gai_strerror(unknown));
+    }
+    const std::unique_ptr<addrinfo, void (*)(addrinfo*)> found(list, freeaddrinfo);
+    const unsigned family = found->ai_family == AF_INET6 ? unsigned{MHD_USE_DUAL_STACK} : 0;
     rlimit files{};
     getrlimit(RLIMIT_NOFILE, &files);
-    // At most half of the descriptors, so that the others are left for what the requests ask for.
+    // At most half of the descriptors, so that the others are left for files.
     const auto limit = static_cast<unsigned>(std::min<rlim_t>(max_http_connections, files.rlim_cur / 2));
     daemon_.reset(MHD_start_daemon(
-        MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME, 0, nullptr, nullptr, &callbacks::request, this,  //
-        MHD_OPTION_LISTEN_SOCKET, listener,                                                        //
-        MHD_OPTION_CONNECTION_MEMORY_LIMIT, http_memory,                                           //
-        MHD_OPTION_CONNECTION_LIMIT, limit,                                                        //
-        MHD_OPTION_STRICT_FOR_CLIENT, 1,                                                           //
-        MHD_OPTION_NOTIFY_COMPLETED, &callbacks::completed, this,                                  //
+        family | MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME, 0, nullptr, nullptr, &callbacks::request, this,  //
+        MHD_OPTION_SOCK_ADDR, found->ai_addr,                                                               //
+        MHD_OPTION_CONNECTION_MEMORY_LIMIT, http_memory,                                                    //
+        MHD_OPTION_CONNECTION_LIMIT, limit,                                                                 //
+        MHD_OPTION_STRICT_FOR_CLIENT, 1,                                                                    //
+        MHD_OPTION_NOTIFY_COMPLETED, &callbacks::completed, this,                                           //
         MHD_OPTION_NOTIFY_CONNECTION, &callbacks::connection, this, MHD_OPTION_END));
     if (daemon_ == nullptr) {
-        throw std::runtime_error("the HTTP server cannot be started");
+        throw std::runtime_error(fault + std::generic_category().message(errno));  // of its system call
     }
     fd_ = MHD_get_daemon_info(daemon_.get(), MHD_DAEMON_INFO_EPOLL_FD)->epoll_fd;
 }

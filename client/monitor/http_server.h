@@ -24,7 +24,6 @@ struct http_reply {
 struct http_request {
     std::string path;
     std::vector<std::string> targets;  // the values of "target" in the query, decoded
-    std::string accept;                // media types that the client wants; empty: any
 
     MHD_Connection* connection = nullptr;
     std::optional<http_reply> reply;  // when it is known
@@ -37,8 +36,10 @@ public:
     // Called once for each well-formed GET or HEAD. Returns nothing when answer() will be called for it later.
     using handler = std::function<std::optional<http_reply>(http_request&)>;
 
-    // listener: a listening socket, which the server closes. lifetime: of a connection. Throws std::runtime_error.
-    http_server(int listener, std::chrono::seconds lifetime, handler answerer);
+    // Listens at that address and TCP port. lifetime: of a connection. Throws std::runtime_error.
+    // Before its end all requests must have been answered.
+    http_server(const std::string& address, const std::string& port, std::chrono::seconds lifetime,
+                handler answerer);
 
     http_server(const http_server&) = delete;
     http_server& operator=(const http_server&) = delete;
@@ -50,9 +51,6 @@ public:
 
     // The next step() sends it.
     static void answer(http_request& request, http_reply reply);
-
-    // Closes the listener and all connections. All requests must have been answered.
-    void stop() { daemon_.reset(); }
 
 private:
     struct callbacks;  // called by the library

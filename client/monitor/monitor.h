@@ -12,6 +12,7 @@ int run_check(const settings& chosen);
 // `metrics`: prints the metrics, writes them to --output, or serves them at --listen. Returns 0 when that succeeded.
 // That includes a scheduler that is down, which the metric sched_up reports. When a fault of this client leaves that
 // unknown, nothing is printed, and the file gets the metric sched_collect_error.
+// Throws std::runtime_error when the file cannot be written.
 int run_metrics(const settings& chosen);
 
 // `metrics --listen`: an exporter for schedulers on hosts without their own collector. Serves

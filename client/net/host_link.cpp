@@ -61,17 +61,19 @@ std::chrono::seconds host_link::limit() const {
 
 void host_link::ask(std::vector<std::string> words) {
     // The greeting is needed once for each connection.
-    talk_.emplace(std::move(words), is_open() || is_connecting() ? "" : how_.user, passwords_);
+    greets_ = !is_open() && !is_connecting() && !how_.user.empty();
+    words_ = std::move(words);
     if (is_connecting()) {
         return;
     }
     requests_.clear();
-    took_long_ = false;
+    input_.clear();
+    failed_ipset_.reset();
+    took_long_ = logged_in_ = false;
     // This limit covers look-up, connecting and, for a command that the scheduler answers itself, the answer.
     deadline_ = clock::now() + limit();
     if (state_ == state::idle) {
-        state_ = state::talking;
-        talk_->begin(requests_);
+        begin();
         return send_requests();
     }
     next_address_ = 0;
@@ -125,10 +127,9 @@ void host_link::connect_next(int problem) {
 
 void host_link::on_connected() {
     detect_dead_peer(fd());
-    state_ = state::talking;
     connected_at_ = clock::now();
     received_any_ = needed_login_ = false;
-    talk_->begin(requests_);
+    begin();
     send_requests();
 }
 
@@ -138,8 +139,8 @@ void host_link::set_deadline() {
     if (late_) {
         return;
     }
-    const bool takes_long = talk_->may_take_long();
-    if (talk_->needs_password()) {
+    const bool takes_long = may_take_long();
+    if (needs_password()) {
         deadline_ = clock::time_point::max();
     } else if (takes_long) {
         std::chrono::seconds silence = how_.timeout != 0 ? limit() : module_silence_;
@@ -157,14 +158,8 @@ void host_link::set_deadline() {
 void host_link::send_requests() {
     while (!requests_.empty()) {
         const ssize_t n = send(fd(), requests_.data(), requests_.size(), MSG_NOSIGNAL);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n < 0 && errno != EAGAIN) {
-            requests_.clear();  // the peer has closed; read the bytes that came before
-        }
         if (n < 0) {
-            break;
+            break;  // also when the peer has closed: on_ready() reads the bytes that came before
         }
         requests_.erase(0, static_cast<std::size_t>(n));
     }
@@ -172,10 +167,10 @@ void host_link::send_requests() {
 }
 
 void host_link::log_in(const std::string& no_password) {
-    talk_->log_in(no_password, requests_);
-    if (talk_->done()) {
-        return fail(talk_->end());
+    if (!no_password.empty()) {
+        return fail({outcome::login_refused, no_password});
     }
+    say(state::login);
     send_requests();
 }
 
@@ -207,31 +202,47 @@ void host_link::on_ready() {
     // One receive for each event: other hosts must not wait for one that sends without a pause.
     char buffer[receive_size];
     const ssize_t n = recv(fd(), buffer, sizeof buffer, 0);
-    if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
+    if (n < 0 && errno == EAGAIN) {
         return;
     }
     if (n <= 0) {
-        talk_->lost(received_any_);
-        fail(talk_->end());
-    } else if (state_ == state::talking) {  // else no command runs; the bytes are dropped
+        fail(reason_for_closing());
+    } else if (is_busy()) {  // else the bytes are dropped
         on_received({buffer, static_cast<std::size_t>(n)});
     }
 }
 
 void host_link::on_received(std::string_view bytes) {
     received_any_ = true;
-    talk_->feed(bytes, news_.text, requests_);
-    needed_login_ = needed_login_ || talk_->needed_login();
-    if (!talk_->done()) {
-        return send_requests();
+    received_ += bytes.size();
+    input_ += bytes;
+    while (is_busy() && !input_.empty() && !needs_password()) {
+        std::string unwanted;  // of the greeting, the login and the probe
+        const bool is_wanted = state_ == state::command || state_ == state::status;
+        const std::optional<command_result> end = parser_.feed(input_, is_wanted ? news_.text : unwanted);
+        if (!may_take_long() && received_ > max_answer) {
+            return fail({outcome::bad_answer, "it is too long"});
+        }
+        if (!end) {
+            break;
+        }
+        on_answer(*end);
     }
-    const outcome how = talk_->end().how;
-    const bool goes_on = how == outcome::over || how == outcome::module_timeout || how == outcome::busy ||
-                         how == outcome::unsupported;
-    if (!goes_on) {
-        return fail(talk_->end());
+    if (is_busy()) {
+        send_requests();
     }
-    news_.end = talk_->end();
+}
+
+// The end of the command.
+void host_link::finish(command_result end) {
+    if (end.how == outcome::busy && !is_final()) {
+        end.reason = is("unlock") ? "this connection does not hold the lock" : "switched off or locked";
+    }
+    if (end.how != outcome::over && end.how != outcome::module_timeout && end.how != outcome::busy &&
+        end.how != outcome::unsupported) {
+        return fail(std::move(end));
+    }
+    news_.end = std::move(end);
     state_ = state::idle;
     late_ = false;
     deadline_ = clock::time_point::max();

@@ -1,15 +1,19 @@
 // The connection to one host and the command that runs there. No function here waits.
 //
-//     closed --ask--> resolving --> connecting --> talking --> idle --ask--> talking
+//     closed --ask--> resolving --> connecting --> hello --> command --> idle --ask--> command
+//     hello, command --login required--> password --> login --> hello or command
 //     any state --failure, drop--> closed
+//
+// A hello is sent only with a name (-u). A password that is known is not asked for. Some commands need other requests
+// first: see net/exchange.cpp.
 //
 // A command that is not answered within its limit is reported once by expire(); it stays under way, because its answer
 // may bring messages.
 #pragma once
 
-#include "net/exchange.h"
 #include "net/host_list.h"
 #include "net/name_lookup.h"
+#include "protocol/answer.h"
 #include "term/descriptor.h"
 
 #include <chrono>
@@ -40,13 +44,13 @@ public:
         : where_(std::move(where)), how_(how), passwords_(passwords), module_silence_(module_silence) {}
 
     const host_name& host() const { return where_; }
-    bool is_open() const { return state_ == state::talking || state_ == state::idle; }
+    bool is_open() const { return state_ >= state::idle; }
     // The connection is being made. The scheduler may have accepted it already, and given it what waits.
     bool is_connecting() const { return state_ == state::connecting; }
     // A command is under way.
     bool is_busy() const { return state_ != state::closed && state_ != state::idle; }
     bool is_late() const { return late_; }
-    bool needs_password() const { return state_ == state::talking && talk_->needs_password(); }
+    bool needs_password() const { return state_ == state::password; }
     bool needed_login() const { return needed_login_; }  // of the connection, or of the last one
     // The address of the connection, or of the last one, as text; empty before the first.
     std::string address() const;
@@ -87,15 +91,32 @@ public:
     void drop();
 
 private:
-    enum class state { closed, resolving, connecting, talking, idle };
+    // From idle on there is a connection; in the states after idle a command is under way. status: the request `status`
+    // before the command. probe: asks whether the scheduler knows ipset.
+    enum class state { closed, resolving, connecting, idle, hello, password, login, status, probe, command };
 
     void connect_next(int problem = 0);
     void on_connected();
     void on_received(std::string_view bytes);
     void send_requests();
     void set_deadline();
+    void finish(command_result end);
     void fail(command_result end);
     std::chrono::seconds limit() const;
+
+    // In net/exchange.cpp:
+    void begin();
+    void begin_command();
+    void say(state next);
+    void on_answer(const command_result& end);
+    void on_ipset(const command_result& end);
+    void on_challenge(const command_result& challenge);
+    void on_login(const command_result& end);
+    command_result reason_for_closing() const;
+    bool may_take_long() const;
+    bool is_final() const { return words_.empty(); }
+    bool is(std::string_view word) const { return !words_.empty() && words_[0] == word; }
+    bool sets_address() const { return is("ipset") && words_.size() > 1; }
 
     const host_name where_;
     const connect_options& how_;
@@ -106,11 +127,18 @@ private:
     std::shared_ptr<name_lookup> lookup_;  // may outlast its command; then there is no socket
     std::vector<in_addr> addresses_;       // kept for later connections
     std::size_t next_address_ = 0;         // index of the address to try next
-    std::optional<exchange> talk_;         // of the running or the last command
+    std::vector<std::string> words_;       // of the running or the last command; empty: the last request
+    bool greets_ = false;                  // a hello comes before the command
+    bool logged_in_ = false;               // since ask()
+    command_result challenge_;             // the nonce and the salt for the login
     std::string requests_;                 // not sent yet
-    bool received_any_ = false;            // over this connection
-    bool needed_login_ = false;            // the same
-    bool took_long_ = false;               // the last deadline was that of a module
+    std::string input_;                    // not parsed yet
+    answer_parser parser_;
+    std::optional<command_result> failed_ipset_;  // its end, while the answer to the empty line is to come
+    std::size_t received_ = 0;                    // bytes since the last request
+    bool received_any_ = false;                   // over this connection
+    bool needed_login_ = false;                   // the same
+    bool took_long_ = false;                      // the last deadline was that of a module
     bool late_ = false;
     clock::time_point connecting_at_{};
     clock::time_point connected_at_{};

@@ -8,135 +8,117 @@
 #include <iostream>
 #include <set>
 #include <sstream>
+#include <stdexcept>
 #include <system_error>
 
 namespace client {
 
 namespace {
 
-constexpr std::string_view blanks = " \t\r";  // CR: a file may have lines of CR LF
 constexpr std::string_view byte_order_mark = "\xEF\xBB\xBF";
 
-std::string_view trimmed(std::string_view text) {
-    const std::size_t first = text.find_first_not_of(blanks);
-    if (first == std::string_view::npos) {
-        return {};
+host_name parse_host(const std::string& entry, std::uint16_t port) {
+    const std::size_t colon = entry.find(':');
+    host_name host{entry, entry.substr(0, colon), port};
+    for (char& c : host.name) {
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     }
-    return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+    if (colon != std::string::npos) {
+        host.port = port_of(std::string_view(entry).substr(colon + 1)).value_or(0);
+    }
+    // The name becomes part of file names. Two names in one entry would be looked up as one name.
+    const auto of_name = [](unsigned char c) {
+        return std::isalnum(c) != 0 || c == '.' || c == '-' || c == '_';
+    };
+    if (host.name.empty() || host.port == 0 || !std::all_of(host.name.begin(), host.name.end(), of_name)) {
+        throw std::runtime_error("\"" + entry + "\" is not name[:port]");
+    }
+    return host;
 }
 
-// A list to which each host is added only once: a host that is named twice would get the command twice.
-struct host_adder {
-    const std::uint16_t port;
-    std::vector<host_name>& hosts;
-    std::set<std::string> known = {};
-
-    bool add(std::string_view entry, std::string_view tags, std::string& problem) {
-        const std::size_t colon = entry.find(':');
-        host_name host{std::string(entry), std::string(entry.substr(0, colon)), port, std::string(tags)};
-        for (char& c : host.name) {
-            c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-        }
-        // Two names in one entry would be looked up as one name.
-        bool good = !host.name.empty() && entry.find_first_of(" \t,") == std::string_view::npos;
-        if (colon != std::string_view::npos) {
-            const std::string_view digits = entry.substr(colon + 1);
-            const auto [end, error] =
-                std::from_chars(digits.data(), digits.data() + digits.size(), host.port);
-            // from_chars stops at the first character that is no digit, so the end is checked too.
-            good = good && error == std::errc() && end == digits.data() + digits.size() && host.port != 0;
-        }
-        if (!good) {
-            problem = "\"" + host.label + "\" is not name[:port]";
-        } else if (known.insert(key_of(host)).second) {
-            hosts.push_back(std::move(host));
-        }
-        return good;
-    }
-};
-
-// Returns the first of the tags that is not name=value, such as a second host in the line; empty when all are.
-std::string wrong_tag(std::string_view tags) {
+// A word that is no tag may be a second host in the line.
+void add_tag(const std::string& tag, host_name& host) {
     const auto of_name = [](unsigned char c) { return std::isalnum(c) != 0 || c == '_'; };
-    std::istringstream words{std::string(tags)};
-    for (std::string tag; words >> tag;) {
-        const auto name_end = std::find_if_not(tag.begin(), tag.end(), of_name);
-        if (name_end == tag.begin() || name_end == tag.end() || *name_end != '=' ||
-            std::isdigit(tag[0]) != 0) {
-            return tag;
-        }
+    const std::size_t equals = tag.find('=');
+    const std::string name = tag.substr(0, equals);
+    if (equals == std::string::npos || name.empty() ||
+        std::isdigit(static_cast<unsigned char>(name[0])) != 0 ||
+        !std::all_of(name.begin(), name.end(), of_name)) {
+        throw std::runtime_error("\"" + tag + "\" is not name=value");
     }
-    return "";
+    host.tags[name] = tag.substr(equals + 1);
 }
 
-// Adds the host of one line of a file.
-bool add_line(std::string_view line, host_adder& hosts, std::string& problem) {
-    line = trimmed(line.substr(0, line.find('#')));
-    const std::string_view entry = line.substr(0, line.find_first_of(blanks));
-    const std::string_view tags = trimmed(line.substr(entry.size()));
-    if (const std::string wrong = wrong_tag(tags); !wrong.empty()) {
-        problem = "\"" + wrong + "\" is not name=value";
-        return false;
+// Adds the host of one line of a file, if it has one.
+void add_line(const std::string& line, std::uint16_t port, std::vector<host_name>& hosts) {
+    std::istringstream words(line.substr(0, line.find('#')));  // a CR at the end counts as a blank
+    std::string word;
+    if (words >> word) {
+        hosts.push_back(parse_host(word, port));
     }
-    return entry.empty() || hosts.add(entry, tags, problem);
+    while (words >> word) {
+        add_tag(word, hosts.back());
+    }
+}
+
+// A host that is named twice would get the command twice. source: comes first in the message when no host
+// is named.
+std::vector<host_name> each_once(std::vector<host_name> hosts, const std::string& source) {
+    if (hosts.empty()) {
+        throw std::runtime_error(source + "no host is named");
+    }
+    std::set<std::string> known;
+    std::erase_if(hosts, [&known](const host_name& host) { return !known.insert(key_of(host)).second; });
+    return hosts;
 }
 
 }  // namespace
 
 std::string key_of(const host_name& host) {
-    std::string name = host.name == "localhost" ? "127.0.0.1" : host.name;
-    // It becomes a file name, so a slash must not get into it.
-    for (char& c : name) {
-        const auto byte = static_cast<unsigned char>(c);
-        c = std::isalnum(byte) != 0 || c == '.' || c == '-' ? static_cast<char>(std::tolower(byte)) : '_';
-    }
-    return name + ":" + std::to_string(host.port);
+    return (host.name == "localhost" ? "127.0.0.1" : host.name) + ":" + std::to_string(host.port);
 }
 
-bool add_hosts(std::string_view list, std::uint16_t port, std::vector<host_name>& hosts,
-               std::string& problem) {
-    host_adder adder{port, hosts};
-    std::istringstream entries{std::string(list)};
+std::optional<std::uint16_t> port_of(std::string_view text) {
+    std::uint16_t port = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
+    // from_chars stops at the first character that is no digit, so the end is checked too.
+    const bool is_number = error == std::errc() && end == text.data() + text.size();
+    return is_number && port != 0 ? std::optional(port) : std::nullopt;
+}
+
+std::vector<host_name> parse_hosts(const std::string& list, std::uint16_t port) {
+    std::vector<host_name> hosts;
+    std::istringstream entries(list);
     for (std::string entry; std::getline(entries, entry, ',');) {
+        const std::size_t first = entry.find_first_not_of(" \t");
         // A script that joins names may leave a comma at the end; empty entries do no harm.
-        if (!trimmed(entry).empty() && !adder.add(trimmed(entry), "", problem)) {
-            return false;
+        if (first != std::string::npos) {
+            hosts.push_back(parse_host(entry.substr(first, entry.find_last_not_of(" \t") - first + 1), port));
         }
     }
-    if (hosts.empty()) {
-        problem = "no host is named";
-    }
-    return !hosts.empty();
+    return each_once(std::move(hosts), "");
 }
 
-bool read_hosts(const std::string& file, std::uint16_t port, std::vector<host_name>& hosts,
-                std::string& problem) {
+std::vector<host_name> read_hosts(const std::string& file, std::uint16_t port) {
     std::ifstream opened;
-    errno = 0;  // a stream does not store the reason of a failure
     if (file != "-") {
         opened.open(file);
     }
     std::istream& input = file == "-" ? std::cin : opened;
-    host_adder adder{port, hosts};
+    std::vector<host_name> hosts;
     int number = 0;
-    for (std::string line; std::getline(input, line);) {
-        if (++number == 1 && line.starts_with(byte_order_mark)) {
-            line.erase(0, byte_order_mark.size());
+    try {
+        for (std::string line; std::getline(input, line);) {
+            const bool has_mark = ++number == 1 && line.starts_with(byte_order_mark);
+            add_line(has_mark ? line.substr(byte_order_mark.size()) : line, port, hosts);
         }
-        if (!add_line(line, adder, problem)) {
-            problem.insert(0, file + ":" + std::to_string(number) + ": ");
-            return false;
-        }
+    } catch (const std::runtime_error& wrong) {
+        throw std::runtime_error(file + ":" + std::to_string(number) + ": " + wrong.what());
     }
-    // At the end of a file errno may have an old value, so it counts only before the end.
-    if (errno != 0 && !input.eof()) {
-        problem = file + ": " + std::generic_category().message(errno);
-        return false;
+    if (!input.eof()) {  // a stream does not store the reason of a failure; errno has it
+        throw std::runtime_error(file + ": " + std::generic_category().message(errno));
     }
-    if (hosts.empty()) {
-        problem = file + ": no host is named";
-    }
-    return !hosts.empty();
+    return each_once(std::move(hosts), file + ": ");
 }
 
 }  // namespace client

@@ -34,10 +34,10 @@ void resolve(name_lookup& what) {
         what.problem = gai_strerror(error);
         return;
     }
+    const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, freeaddrinfo);
     for (const addrinfo* a = found; a != nullptr; a = a->ai_next) {
         what.addresses.push_back(reinterpret_cast<const sockaddr_in*>(a->ai_addr)->sin_addr);
     }
-    freeaddrinfo(found);
 }
 
 void work() {

@@ -2,7 +2,6 @@
 
 #include "mail/replace_file.h"
 #include "mail/state_file.h"
-#include "mail/state_path.h"
 #include "protocol/listings.h"
 #include "protocol/words.h"
 #include "term/text.h"
@@ -23,11 +22,8 @@ void print(const std::string& word, const std::string& help, const std::string& 
 
 void print_options(const CLI::App& app, const std::string& start) {
     for (const CLI::Option* option : app.get_options()) {
-        for (const std::string& name : option->get_lnames()) {
-            print("--" + name, option->get_description(), start);
-        }
-        for (const std::string& name : option->get_snames()) {
-            print("-" + name, option->get_description(), start);
+        for (const std::string& name : CLI::detail::split(option->get_name(false, true), ',')) {
+            print(name, option->get_description(), start);
         }
     }
 }
@@ -77,28 +73,29 @@ void print_completions(const CLI::App& app, const std::vector<std::string>& befo
             for (const CLI::App* own : app.get_subcommands([](const CLI::App*) { return true; })) {
                 print(own->get_name(), own->get_description(), last);
             }
-            for (const daemon_word& known : daemon_words()) {
+            for (const daemon_word& known : daemon_words) {
                 print(std::string(known.word), std::string(known.help), last);
             }
         }
         for (const std::string& word : words_after(words, modules)) {
-            if (!words.empty() || !is_internal_word(word)) {
+            if (!words.empty() || find_daemon_word(word) == nullptr) {
                 print(word, words.empty() ? "module" : "", last);
             }
         }
     }
 }
 
-void keep_modules(const host_name& host, std::string_view answer) {
+void keep_modules(const host_name& host, std::string_view answer) try {
     std::string names;
     // The shells show these names on the terminal.
     for (const module_row& row : parse_modules(printable_text().clean(answer))) {
         names += row.name + "\n";
     }
-    // A listing that cannot be kept is only missing in completion.
-    if (std::string path = path_for(host), problem; !path.empty()) {
-        replace_file(path, names, 0600, false, problem);
+    if (const std::string path = path_for(host); !path.empty()) {
+        replace_file(path, names, 0600);
     }
+} catch (const std::runtime_error&) {
+    // A listing that cannot be kept is only missing in completion.
 }
 
 std::vector<std::string> kept_modules(const std::vector<host_name>& hosts) {

@@ -29,20 +29,6 @@ constexpr const char* description =
     "answers\n"
     "itself. Words after `--` are sent unchanged.";
 
-constexpr const char* exit_codes =
-    "Exit codes:\n"
-    "  0-255  the module's own exit code\n"
-    "  128+N  signal N ended the module\n"
-    "  200    wrong usage, or the client itself failed: writing the output, computing the login\n"
-    "  201    busy: the module is switched off, or the lock is held (unlock: not held)\n"
-    "  202    unsupported: the scheduler does not know the command\n"
-    "  203    the module overran its time-out and was killed\n"
-    "  204    login refused\n"
-    "  205    no connection, or it was closed before the answer was complete\n"
-    "  206    no answer within --timeout\n"
-    "A module may exit with a code of this list itself; for the client's own there is a message on standard\n"
-    "error.";
-
 void add_options(CLI::App& app, settings& chosen) {
     app.option_defaults()->always_capture_default();
     app.add_option("-H,--host", chosen.host_list,
@@ -96,8 +82,6 @@ void add_metrics(CLI::App& app, settings& chosen) {
     // --output writes a file once; --listen serves until it is stopped.
     metrics.add_option("--listen", chosen.listen, "Serve /metrics?target=HOST:PORT at ADDRESS:PORT")
         ->excludes(output);
-    metrics.add_option("--format", chosen.format, "Format of the text; default: one that is valid in both")
-        ->check(CLI::IsMember({"prometheus", "openmetrics"}));
 }
 
 void add_check(CLI::App& app, settings& chosen) {
@@ -167,14 +151,14 @@ void read_environment(const CLI::App& app, settings& chosen) {
     if (has_file && app.count("--host") != 0) {
         throw CLI::ValidationError("--hosts", "cannot be used together with --host");
     }
-    const std::string list = usual != nullptr ? usual : chosen.host_list;
-    std::string problem;
-    if (!(has_file ? read_hosts(chosen.hosts_file, chosen.port, chosen.hosts, problem)
-                   : add_hosts(list, chosen.port, chosen.hosts, problem))) {
+    try {
+        chosen.hosts = has_file ? read_hosts(chosen.hosts_file, chosen.port)
+                                : parse_hosts(usual != nullptr ? usual : chosen.host_list, chosen.port);
+    } catch (const std::runtime_error& problem) {
         throw CLI::ValidationError(has_file           ? "--hosts"
                                    : usual != nullptr ? "SCHED_HOST"
                                                       : "--host",
-                                   problem);
+                                   problem.what());
     }
     chosen.several = chosen.hosts.size() > 1 || !chosen.hosts_file.empty();
 }
@@ -215,7 +199,7 @@ std::vector<std::string> parse_line(CLI::App& app, const std::vector<std::string
     app.prefix_command();  // stop at the first word that is neither an option nor a subcommand
     app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
     std::vector<std::string> words = app.remaining();
-    if (words.empty() || !is_internal_word(words.front())) {
+    if (words.empty() || find_daemon_word(words.front()) == nullptr) {
         return words;
     }
     // The scheduler's own words have no options, so options of the client may follow them, too.
@@ -238,7 +222,7 @@ void check_words(const CLI::App& app, const std::vector<std::string>& words) {
     if (words.front().starts_with("-")) {
         throw CLI::ExtrasError(words);
     }
-    const bool is_internal = is_internal_word(words.front());
+    const bool is_internal = find_daemon_word(words.front()) != nullptr;
     for (const std::string& word : words) {
         const std::size_t name = word.find_first_not_of('-');
         const bool looks_like_one =
@@ -289,7 +273,7 @@ std::optional<int> parse_options(int argc, char** argv, settings& chosen) {
     const servent* const entry = getservbyname("vgdsched", "tcp");
     chosen.port = entry != nullptr ? ntohs(static_cast<std::uint16_t>(entry->s_port)) : 9980;
     CLI::App app(description, "schedctl");
-    app.footer(exit_codes);
+    app.footer("Exit codes: see schedctl(1).");
     app.failure_message([](const CLI::App*, const CLI::Error& problem) {
         return "schedctl: " + std::string(problem.what()) + "\nRun with --help for more information.\n";
     });

@@ -38,7 +38,6 @@ struct settings {
     // `metrics`
     std::string output;  // file to write; empty: standard output
     std::string listen;  // "ADDRESS:PORT" to serve at; empty: do not
-    std::string format;  // "prometheus" or "openmetrics"; empty: a text that is valid in both
 
     // `check`
     std::vector<std::string> warning;               // conditions, or "all" or "none"

@@ -88,20 +88,19 @@ std::string describe(const command_result& end) {
     return end.reason.empty() ? text : text + ": " + end.reason;
 }
 
-std::size_t answer_parser::feed(std::string_view bytes, std::string& text) {
-    const std::size_t held = held_.size();
-    const std::string all = std::exchange(held_, {}).append(bytes);
-    for (std::size_t at = 0; at < all.size();) {
-        const std::size_t line_feed = all.find('\n', at);
+std::optional<command_result> answer_parser::feed(std::string& input, std::string& text) {
+    std::optional<command_result> end;
+    std::size_t used = 0;
+    for (std::size_t next = 0; used < input.size() && !end; used = next) {
+        const std::size_t line_feed = input.find('\n', used);
         const bool is_whole = line_feed != std::string::npos;
-        const std::string_view line(all.data() + at, (is_whole ? line_feed + 1 : all.size()) - at);
-        at += line.size();
-        if (at_line_start_ && is_whole && is_end(line)) {
-            done_ = true;
-            return at - held;
+        next = is_whole ? line_feed + 1 : input.size();
+        const std::string_view line(input.data() + used, next - used);
+        end = at_line_start_ && is_whole ? end_of(line) : std::nullopt;
+        if (end) {
+            continue;
         }
         if (at_line_start_ && !is_whole && may_end(line)) {
-            held_ = line;
             break;
         }
         at_line_start_ = is_whole;
@@ -110,12 +109,14 @@ std::size_t answer_parser::feed(std::string_view bytes, std::string& text) {
             text.append(line, 0, line.size() - 2) += '\n';
         } else if (line.ends_with('\r')) {
             text.append(line, 0, line.size() - 1);
-            held_ = '\r';  // the LF of this line end may come with the next bytes
+            used = next - 1;  // the LF of this line end may come with the next bytes
+            break;
         } else {
             text += line;
         }
     }
-    return bytes.size();
+    input.erase(0, used);
+    return end;
 }
 
 // After output only the words for a finished command are possible; "Good-bye." is the answer only to `quit`.
@@ -134,14 +135,16 @@ bool answer_parser::may_end(std::string_view start) const {
     });
 }
 
-bool answer_parser::is_end(std::string_view line) {
+std::optional<command_result> answer_parser::end_of(std::string_view line) const {
     for (const terminator& t : terminators) {
         if (expected(t.how) && line.starts_with(t.word)) {
-            end_ = command_result(t.how);  // drops the fields of an earlier line that did not end the answer
-            return t.longest == 0 || (line.size() <= t.longest && read_fields(std::string(line), end_));
+            command_result end(t.how);
+            const bool is_end =
+                t.longest == 0 || (line.size() <= t.longest && read_fields(std::string(line), end));
+            return is_end ? std::optional(end) : std::nullopt;
         }
     }
-    return false;
+    return std::nullopt;
 }
 
 }  // namespace client

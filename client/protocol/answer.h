@@ -3,7 +3,7 @@
 
 #include "term/exit_code.h"
 
-#include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -53,25 +53,19 @@ public:
     // quitting: the command was `quit`, whose answer ends with "Good-bye.".
     explicit answer_parser(bool quitting = false) : quitting_(quitting) {}
 
-    // Appends the output found in bytes to text, with CR LF as LF. Returns how many bytes were used: all of them, or
-    // those up to the end of the answer. Only two things are held back: the start of a line that may become a
-    // terminating line, and a CR whose LF may follow.
-    std::size_t feed(std::string_view bytes, std::string& text);
-
-    bool done() const { return done_; }
-    const command_result& end() const { return end_; }
+    // Takes bytes from the front of input and appends the output among them to text, with CR LF as LF. Returns the end
+    // of the answer when it is there; the bytes behind it stay. Otherwise only two things stay, until more bytes are
+    // added: the start of a line that may become a terminating line, and a CR whose LF may follow.
+    std::optional<command_result> feed(std::string& input, std::string& text);
 
 private:
     bool expected(outcome how) const;
     bool may_end(std::string_view start) const;
-    bool is_end(std::string_view line);
+    std::optional<command_result> end_of(std::string_view line) const;
 
     bool quitting_;
-    bool done_ = false;
-    bool at_line_start_ = true;  // what is held back may end the answer
+    bool at_line_start_ = true;  // the next bytes may end the answer
     bool first_line_ = true;     // no output seen yet
-    std::string held_;
-    command_result end_;
 };
 
 }  // namespace client

@@ -6,7 +6,8 @@
 
 namespace client {
 
-// For look-up, connecting, sending, and a command that the scheduler answers itself, when the operator sets no time-out.
+// For look-up, connecting, sending, and a command that the scheduler answers itself, when the operator sets no
+// time-out.
 constexpr std::chrono::seconds default_timeout{10};
 // Silence of a module with several hosts, when the operator sets no time-out. With one host there is no limit.
 constexpr std::chrono::seconds default_module_silence{600};
@@ -35,6 +36,7 @@ constexpr std::size_t max_messages = 1000;   // in the mailbox of one scheduler,
 constexpr std::size_t max_listed = 10'000;   // messages in a view of several hosts
 constexpr std::size_t room_per_answer = 140'000;  // bytes; 127 messages of 1023 bytes and their dates
 constexpr std::size_t receive_size = 65536;       // bytes of one receive
+constexpr std::size_t max_unread = 64 << 20;      // bytes of output that the agent keeps for a front
 constexpr std::size_t http_memory =
     8192;  // bytes of a connection: the request, and the headers of the answer
 constexpr unsigned max_http_connections = 4096;

@@ -1,39 +1,49 @@
 #include "protocol/listings.h"
 
+#include "protocol/status.h"
 #include "term/text.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstdint>
 #include <cstdio>
+#include <nlohmann/json.hpp>
 
 namespace client {
 
+using json = nlohmann::ordered_json;
+
 namespace {
 
-// The columns of a line of slots that may contain a 1: slot 0 of days and months never matches, and the scheduler
-// stores two more minutes, which never match.
+// A line of slots and its first column that can match: slot 0 of days and months never does. The line of minutes has
+// two more columns, which never match.
 struct slots {
     std::string_view label;
-    std::vector<int> timer_job::*values;
+    const char* member;  // of the object of the job
     std::size_t first;
-    std::size_t end;
 };
 
-constexpr slots all_slots[] = {{"minute", &timer_job::minutes, 0, 60},
-                               {"hour", &timer_job::hours, 0, 24},
-                               {"mday", &timer_job::days, 1, 32},
-                               {"month", &timer_job::months, 1, 13},
-                               {"wday", &timer_job::weekdays, 0, 7}};
+constexpr slots all_slots[] = {{"minute", "minutes", 0},
+                               {"hour", "hours", 0},
+                               {"mday", "days", 1},
+                               {"month", "months", 1},
+                               {"wday", "weekdays", 0}};
 
-void take_slots(std::string_view label, std::string_view digits, timer_job& job) {
+constexpr std::size_t minutes = 60;  // no other line has more columns
+
+json new_job(const std::string& command) {
+    json job{{"command", command}};
     for (const slots& known : all_slots) {
-        if (label != known.label) {
-            continue;
-        }
-        std::vector<int>& values = job.*known.values;
-        for (std::size_t i = known.first; i < known.end && i < digits.size(); ++i) {
+        job[known.member] = json::array();  // stays empty for a day field when the other one decides
+    }
+    return job;
+}
+
+void take_slots(std::string_view label, std::string_view digits, json& job) {
+    for (const slots& known : all_slots) {
+        for (std::size_t i = known.first; label == known.label && i < std::min(digits.size(), minutes); ++i) {
             if (digits[i] == '1') {
-                values.push_back(static_cast<int>(i));
+                job[known.member].push_back(i);
             }
         }
     }
@@ -54,14 +64,13 @@ std::vector<module_row> parse_modules(std::string_view answer) {
     return rows;
 }
 
-std::vector<timer_job> parse_timer_jobs(std::string_view answer) {
-    std::vector<timer_job> jobs;
+json parse_timer_jobs(std::string_view answer) {
+    json jobs = json::array();
     each_line(answer, [&jobs](const std::string& line) {
-        // From the first quote to the end of the line: the command may contain quotes.
+        // From the first quote to the last character, which is a quote too: the command may contain quotes.
         const std::size_t quote = line.find('"');
-        if (line.starts_with("job#") && quote != std::string::npos && line.back() == '"' &&
-            line.size() > quote + 1) {
-            jobs.push_back({line.substr(quote + 1, line.size() - quote - 2), {}, {}, {}, {}, {}});
+        if (quote != std::string::npos) {
+            jobs.push_back(new_job(line.substr(quote + 1, line.size() - quote - 2)));
             return;
         }
         // The lines of slots follow the line of their job.
@@ -74,16 +83,39 @@ std::vector<timer_job> parse_timer_jobs(std::string_view answer) {
     return jobs;
 }
 
-std::vector<network_row> parse_networks(std::string_view answer) {
-    std::vector<network_row> rows;
+json parse_connections(std::string_view answer) {
+    json rows = json::array();
     each_line(answer, [&rows](const std::string& line) {
-        int number = 0;
+        // The user's name may contain any text that a client sent, so it is all between the two marks.
+        const std::size_t user = line.find(" user=");
+        const std::size_t login = line.rfind(" login=");
+        if (!line.starts_with("ip=") || user == std::string::npos || login == std::string::npos ||
+            login < user + 6) {
+            return;
+        }
+        std::string date = line.substr(login + 7, 19);  // "2026/11/16 15:47:03", of the scheduler's clock
+        std::replace(date.begin(), date.end(), '/', '-');
+        std::replace(date.begin(), date.end(), ' ', 'T');
+        if (seconds_of(date + "+00:00")) {
+            rows.push_back({{"ip", line.substr(3, user - 3)},
+                            {"user", line.substr(user + 6, login - user - 6)},
+                            {"login", date},
+                            {"locked", line.ends_with(" locked=1")}});
+        }
+    });
+    return rows;
+}
+
+json parse_networks(std::string_view answer) {
+    json rows = json::array();
+    each_line(answer, [&rows](const std::string& line) {
         // The longest IPv4 address has 15 characters.
         char address[16];
         unsigned mask = 0;
-        if (std::sscanf(line.c_str(), "%d addr=%15s mask=%8x", &number, address, &mask) == 3) {
+        if (std::sscanf(line.c_str(), "%*d addr=%15s mask=%8x", address, &mask) == 2) {
             // The number of ones is the same in either byte order.
-            rows.push_back({address, std::popcount(static_cast<std::uint32_t>(mask))});
+            rows.push_back(
+                {{"address", address}, {"prefix", std::popcount(static_cast<std::uint32_t>(mask))}});
         }
     });
     return rows;

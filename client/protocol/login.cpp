@@ -54,15 +54,19 @@ std::string random_alphanumeric(std::size_t length) {
     return text;
 }
 
+bool has_terminal() {
+    return descriptor(open("/dev/tty", O_RDONLY | O_CLOEXEC)).is_open();
+}
+
 bool ask_password(const std::string& prompt, bool verify, std::string& password, std::string& problem) {
     // Without a terminal, libcrypto's prompt would read standard input, which a script uses for other data.
-    if (!descriptor(open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC)).is_open()) {
+    if (!has_terminal()) {
         problem = "no terminal to ask for the password";
         return false;
     }
     // One byte more for the final zero.
     char typed[longest_password + 1];
-    const int result = EVP_read_pw_string_min(typed, 0, longest_password, prompt.c_str(), verify ? 1 : 0);
+    const int result = EVP_read_pw_string_min(typed, 0, longest_password, prompt.c_str(), int{verify});
     if (result == 0) {
         password = typed;
     } else {
@@ -73,26 +77,26 @@ bool ask_password(const std::string& prompt, bool verify, std::string& password,
     return result == 0;
 }
 
-bool read_password(std::istream& from, std::string& password, std::string& problem) {
+std::string read_password(std::istream& from, const std::string& name) {
+    std::string password;
     if (!std::getline(from, password)) {
-        problem = errno != 0 ? std::generic_category().message(errno) : "no password";
-        return false;
+        const std::string reason = errno != 0 ? std::generic_category().message(errno) : "no password";
+        throw std::runtime_error(name + ": " + reason);
     }
     // The line may come from a file with CR LF.
     if (password.ends_with('\r')) {
         password.pop_back();
     }
     if (password.size() > longest_password) {
-        problem = "a password has at most " + std::to_string(longest_password) + " bytes";
-        return false;
+        throw std::runtime_error(name + ": a password has at most " + std::to_string(longest_password) +
+                                 " bytes");
     }
-    return true;
+    return password;
 }
 
 void wipe(std::string& text) {
     // The compiler may leave out a memset of memory that is not read again.
     OPENSSL_cleanse(text.data(), text.size());
-    text.clear();
 }
 
 std::string login_line(const command_result& challenge, const std::string& password) {
@@ -102,17 +106,12 @@ std::string login_line(const command_result& challenge, const std::string& passw
     return "login\t" + response + "\t" + challenge.nonce + "\t" + own_nonce;
 }
 
-const std::string* password_store::get(std::string& problem) {
+const std::string* password_store::get() {
     if (!password_ && !file_.empty()) {
         // A stream does not store the reason of a failure; errno may have it.
         errno = 0;
         std::ifstream file(file_);
-        std::string text;
-        if (read_password(file, text, problem)) {
-            set(std::move(text));
-        } else {
-            problem.insert(0, file_ + ": ");
-        }
+        set(read_password(file, file_));
     }
     return password_ ? &*password_ : nullptr;
 }

@@ -20,13 +20,16 @@ std::string hash_text(std::string_view salt, std::string_view password);
 // Returns random letters and digits, each of the 62 equally likely.
 std::string random_alphanumeric(std::size_t length);
 
+// Whether there is a terminal for ask_password().
+bool has_terminal();
+
 // Asks on the terminal without echo; twice when verify is set. Returns false when there is no terminal, the operator
 // gives up, or the two differ; problem gets the reason.
 bool ask_password(const std::string& prompt, bool verify, std::string& password, std::string& problem);
 
-// Reads the first line without its LF or CR LF. The caller sets errno to 0 before it opens or reads the stream. Returns
-// false when there is no line, or one that is too long for a prompt; problem gets the reason.
-bool read_password(std::istream& from, std::string& password, std::string& problem);
+// Returns the first line without its LF or CR LF. The caller sets errno to 0 before it opens or reads the stream.
+// Throws std::runtime_error, with the name of the stream, when there is no line, or one that is too long for a prompt.
+std::string read_password(std::istream& from, const std::string& name);
 
 // Overwrites the text before it is released.
 void wipe(std::string& text);
@@ -44,8 +47,8 @@ public:
     password_store(const password_store&) = delete;
     password_store& operator=(const password_store&) = delete;
 
-    // Returns the password; null when there is none, with the reason in problem when its file cannot be read.
-    const std::string* get(std::string& problem);
+    // Returns the password; null when there is none. Throws std::runtime_error when its file cannot be read.
+    const std::string* get();
 
     void set(std::string password);
     void forget();  // it was refused

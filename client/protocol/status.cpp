@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
 
 namespace client {
 
@@ -43,15 +44,12 @@ std::string age_of(const std::string& date) {
         return "never";
     }
     // The scheduler's clock may be ahead of this one.
-    long left = std::max(0L, static_cast<long>(std::time(nullptr) - then));
-    std::string text;
-    int shown = 0;
-    for (const auto& [seconds, sign] : units) {
-        // Starts at the largest unit that is not 0; an age below one second is "0s".
-        if (shown < 2 && (shown != 0 || left >= seconds || seconds == 1)) {
-            text += (shown++ != 0 ? " " : "") + std::to_string(left / seconds) + sign;
-            left %= seconds;
-        }
+    const long age = std::max(0L, static_cast<long>(std::time(nullptr) - then));
+    const auto* const unit =
+        std::find_if(std::begin(units), std::end(units) - 1, [age](const auto& u) { return age >= u.first; });
+    std::string text = std::to_string(age / unit->first) + unit->second;
+    if (unit != std::end(units) - 1) {
+        text += " " + std::to_string(age % unit->first / unit[1].first) + unit[1].second;
     }
     return text;
 }
@@ -64,8 +62,7 @@ status_report parse_status(std::string_view answer) {
         char date[32];
         unsigned long lost = 0;
         // Messages are checked first, because their text may look like the other two kinds of lines.
-        if (line.size() > date_length && line[date_length] == ';' &&
-            seconds_of(line.substr(0, date_length))) {
+        if (seconds_of(line.substr(0, date_length)) && line[date_length] == ';') {
             report.messages.push_back({line.substr(0, date_length), line.substr(date_length + 1)});
         } else if (std::sscanf(line.c_str(), "W0100: message queue overflow, %lu messages", &lost) == 1) {
             // A sum, because stored messages and a new answer may each have such a line.
@@ -75,27 +72,6 @@ status_report parse_status(std::string_view answer) {
         }
     });
     return report;
-}
-
-std::vector<hmi_row> parse_show_ip(std::string_view answer) {
-    std::vector<hmi_row> rows;
-    each_line(answer, [&rows](const std::string& line) {
-        // The user's name may contain any text that a client sent, so it is all between the two marks.
-        const std::size_t user = line.find(" user=");
-        const std::size_t login = line.rfind(" login=");
-        if (!line.starts_with("ip=") || user == std::string::npos || login == std::string::npos ||
-            login < user + 6) {
-            return;
-        }
-        std::string date = line.substr(login + 7, date_length - 6);  // "2026/11/16 15:47:03"
-        std::replace(date.begin(), date.end(), '/', '-');
-        std::replace(date.begin(), date.end(), ' ', 'T');
-        if (seconds_of(date + "+00:00")) {
-            rows.push_back({line.substr(3, user - 3), line.substr(user + 6, login - user - 6), date,
-                            line.ends_with(" locked=1")});
-        }
-    });
-    return rows;
 }
 
 }  // namespace client

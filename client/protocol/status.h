@@ -1,4 +1,4 @@
-// Parsing the answers of `status` and `show ip`.
+// Parsing the answer of `status`, and its dates.
 #pragma once
 
 #include <ctime>
@@ -35,16 +35,8 @@ struct status_report {
     unsigned long lost = 0;             // messages dropped because they were not fetched in time
 };
 
-struct hmi_row {
-    std::string ip;
-    std::string user;
-    std::string login;  // scheduler's local time, "YYYY-MM-DDTHH:MM:SS"
-    bool locked = false;
-};
-
 // Lines end with LF, except perhaps the last. Lines of any other form are skipped.
 status_report parse_status(std::string_view answer);
-std::vector<hmi_row> parse_show_ip(std::string_view answer);
 
 // Returns the current time as such a date.
 std::string now_date();

@@ -6,44 +6,11 @@
 
 namespace client {
 
-namespace {
-
-constexpr daemon_word table[] = {
-    {"status", true, "conditions and messages", {}},
-    {"modcntl", true, "list the modules, or switch one", {"MODULE on", "MODULE off"}},
-    {"debug", true, "tables of the scheduler", {"timer", "hmi all"}},
-    {"quit", true, "end the connection", {}},
-    {"restart", true, "restart the scheduler", {"sched"}},
-    {"lock", true, "take the lock of the operators", {}},
-    {"unlock", true, "give the lock back", {}},
-    {"show", true, "connections, or allowed networks", {"ip", "allowed_ip"}},
-    {"hello", false, "greet with a name", {}},
-    {"login", true, "log in by hand", {}},
-    {"ipset", true, "speak for another address", {}},
-    {"send", true, "forward a line to the log host", {}},
-    {"res_data", false, "forward resource data", {}},
-    {"res_send", true, "forward resource data", {}},
-};
-
-const daemon_word* find(std::string_view word) {
-    const daemon_word* const found = std::find_if(std::begin(table), std::end(table),
-                                                  [word](const daemon_word& w) { return w.word == word; });
-    return found != std::end(table) ? found : nullptr;
-}
-
-}  // namespace
-
-std::span<const daemon_word> daemon_words() {
-    return table;
-}
-
-bool is_internal_word(std::string_view word) {
-    return find(word) != nullptr;
-}
-
-bool is_answered_at_once(std::string_view word) {
-    const daemon_word* const known = find(word);
-    return known != nullptr && known->at_once;
+const daemon_word* find_daemon_word(std::string_view word) {
+    const daemon_word* const found =
+        std::find_if(std::begin(daemon_words), std::end(daemon_words),
+                     [word](const daemon_word& known) { return known.word == word; });
+    return found != std::end(daemon_words) ? found : nullptr;
 }
 
 std::vector<std::string> words_after(const std::vector<std::string>& earlier,
@@ -52,7 +19,7 @@ std::vector<std::string> words_after(const std::vector<std::string>& earlier,
         return word == "MODULE" || word == typed;
     };
     std::set<std::string> words;  // a module may have the name of an internal word
-    for (const daemon_word& known : table) {
+    for (const daemon_word& known : daemon_words) {
         for (const std::string_view form : known.forms) {
             std::vector<std::string> all;
             split_words(std::string(known.word).append(" ").append(form), all);
@@ -71,7 +38,6 @@ std::vector<std::string> words_after(const std::vector<std::string>& earlier,
 bool split_words(std::string_view line, std::vector<std::string>& words) {
     char quote = '\0';    // the open quote, or NUL
     bool inside = false;  // in a word; an empty pair of quotes is a word too
-    words.clear();
     for (const char c : line) {
         if (quote == '\0' && (c == ' ' || c == '\t' || c == '\n')) {
             inside = false;

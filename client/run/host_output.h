@@ -1,8 +1,8 @@
-// The output of the hosts on its way to standard output. It waits here, so that a reader who does not read, such as a
-// pager, keeps nobody waiting: the caller polls standard output and calls write_some().
+// The output of the hosts on its way to standard output. It waits here, so that a slow reader, such as a pager, delays
+// no host: the caller polls standard output and calls write_some().
 #pragma once
 
-#include "agent/spill_queue.h"
+#include "agent/byte_queue.h"
 #include "options/options.h"
 
 #include <deque>
@@ -12,10 +12,10 @@ namespace client {
 
 class host_output {
 public:
-    // shown: messages that were written. ended: hosts whose command has ended and whose output is all
-    // written. Both may be empty.
+    // Called when output of the host may have been written. shown: its messages that are written now; may be empty.
+    // ends: how many of its commands have ended with all their output written.
     using listener =
-        std::function<void(const std::vector<std::uint64_t>& shown, const std::vector<std::size_t>& ended)>;
+        std::function<void(std::size_t host, const std::vector<std::uint64_t>& shown, std::size_t ends)>;
 
     host_output(const settings& chosen, listener written);
 
@@ -24,55 +24,48 @@ public:
     // The text that was added so far ends with the message with this number. 0 is ignored.
     void mark(std::size_t host, std::uint64_t id);
 
-    // The host's command has ended. In a stream another one may follow.
+    // The host's command has ended. In a session another one may follow.
     void end(std::size_t host);
 
     // From now on the output of a host is written when it has ended, whatever the others do.
     void stop_ordering();
 
-    // Bytes that are ready to be written, and ends that are to be reported.
-    bool is_waiting() const { return waiting_bytes() != 0 || !marks_.empty(); }
-    std::size_t waiting_bytes() const { return added_ - written_; }
+    // There are bytes that may be written, or ends that are to be reported.
+    bool is_waiting() const { return !turns_.empty(); }
+    std::size_t waiting_bytes(std::size_t host) const { return lanes_[host].added - lanes_[host].written; }
 
     // Writes what standard output takes without waiting. Throws std::system_error when it cannot be written.
     void write_some();
 
 private:
-    enum class order {
-        stream,   // for one host: at once
-        by_host,  // all output of a host together when it has ended, in the order of the hosts
-        by_line,  // complete lines of any host at once
-    };
-
-    // After `at` bytes a message ends, or (id 0) the command of the host.
-    struct mark_row {
-        std::size_t at;
+    // The output of this host may be written up to there.
+    struct turn {
         std::size_t host;
-        std::uint64_t id;
+        std::size_t until;
     };
 
-    // What is not ready to be written.
+    // The counts, also that of a turn, are bytes since the beginning.
     struct lane {
         std::string prefix;  // of each line
-        spill_queue text = {};
-        std::size_t size = 0;  // bytes of text
-        std::deque<mark_row> marks = {};
+        byte_queue text = {};
+        std::size_t added = 0;
+        std::size_t written = 0;
+        // Where a message ends, or (id 0) the command.
+        std::deque<std::pair<std::size_t, std::uint64_t>> marks = {};
         bool at_line_start = true;
         bool ended = false;
     };
 
-    void release(std::size_t host);
-    void report_written();
+    void release(std::size_t host, std::size_t until);
+    void report_written(std::size_t host);
 
-    const order order_;
+    // True: complete lines of any host at once. False: all output of a host together when it has ended.
+    const bool by_line_;
     const listener listener_;
     std::vector<lane> lanes_;
-    std::size_t first_ = 0;  // by_host: the first host that was not released
-    bool in_order_;
-    spill_queue ready_;
-    std::size_t added_ = 0;  // to ready_, since the beginning
-    std::size_t written_ = 0;
-    std::deque<mark_row> marks_;  // of the bytes of ready_
+    std::deque<turn> turns_;  // the first is being written
+    bool in_order_;           // output is released in the order of the hosts
+    std::size_t first_ = 0;   // in_order_: the first host that was not released
 };
 
 }  // namespace client

@@ -20,21 +20,8 @@ static void to_json(json& to, const message& m) {
     to = {{"date", m.date}, {"text", m.text}};
 }
 
-static void to_json(json& to, const hmi_row& r) {
-    to = {{"ip", r.ip}, {"user", r.user}, {"login", r.login}, {"locked", r.locked}};
-}
-
 static void to_json(json& to, const module_row& m) {
     to = {{"name", m.name}, {"on", m.on}};
-}
-
-static void to_json(json& to, const timer_job& j) {
-    to = {{"command", j.command}, {"minutes", j.minutes}, {"hours", j.hours},
-          {"days", j.days},       {"months", j.months},   {"weekdays", j.weekdays}};
-}
-
-static void to_json(json& to, const network_row& n) {
-    to = {{"address", n.address}, {"prefix", n.prefix}};
 }
 
 namespace {
@@ -74,7 +61,7 @@ json_writer json_writer_of(const std::vector<std::string>& words) {
         {"status", status_json},
         {"modcntl", rows_as<parse_modules>("modules")},
         {"debug\ttimer", rows_as<parse_timer_jobs>("jobs")},
-        {"show\tip", rows_as<parse_show_ip>("connections")},
+        {"show\tip", rows_as<parse_connections>("connections")},
         {"show\tallowed_ip", rows_as<parse_networks>("allowed")},
     };
     auto form = forms.find(words[0]);

@@ -2,12 +2,12 @@
 
 #include "options/completion.h"
 #include "protocol/limits.h"
+#include "protocol/login.h"
 #include "protocol/words.h"
 #include "term/output.h"
 
 #include <algorithm>
 #include <cstdio>
-#include <fcntl.h>
 #include <stdexcept>
 
 namespace client {
@@ -31,12 +31,23 @@ command_runner::command_runner(const settings& chosen, std::function<void()> sus
 int command_runner::run(const std::vector<std::string>& words) {
     words_ = words;
     exit_code_ = 0;
+    // The scheduler answers in the order of the requests, so the answer given up earlier comes first.
+    if (given_up_ != 0) {
+        print_at_terminal("waiting for the answer given up earlier; Ctrl-C takes this command back");
+    }
     running_ += states_.size();  // output that a signal has left behind may still wait
     for (std::size_t host = 0; host < states_.size(); ++host) {
         start(host);
     }
     wait();
+    print_at_terminal(std::exchange(note_, {}));
     return exit_code_;
+}
+
+void command_runner::print_at_terminal(const std::string& note) const {
+    if (at_terminal_ && !note.empty()) {
+        std::printf("(%s)\n", note.c_str());
+    }
 }
 
 void command_runner::start(std::size_t host) {
@@ -46,18 +57,14 @@ void command_runner::start(std::size_t host) {
     if (const std::optional<std::string> problem = join_words(words_, line)) {
         return finish_host(host, {outcome::invalid, *problem});
     }
-    // When a login is known to be required, do not connect without a password: the connection would take messages and
-    // then be refused.
-    const bool is_refused =
-        states_.size() == 1 && !password_given_ && chosen_.connect.password_file.empty() &&
-        counters_of(key_of(chosen_.hosts[0])).login &&
-        descriptor(open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC)).is_open() && !ask_for_password();
-    if (!is_refused) {
+    const std::optional<std::string> refused =
+        agent_.needs_password() ? agent_.ask_password(host) : std::nullopt;
+    if (!refused) {
         state.request = agent_.ask(host, words_);
     } else if (words_[0] == "status") {
-        state.request = agent_.fetch_stored(host, outcome::login_refused);
+        state.request = agent_.fetch_stored(host, {outcome::login_refused, *refused});
     } else {
-        finish_host(host, {outcome::login_refused, password_problem_});
+        finish_host(host, {outcome::login_refused, *refused});
     }
 }
 
@@ -76,7 +83,7 @@ void command_runner::wait() {
         pollfd others[] = {{signals_.fd(), POLLIN, 0},
                            {output_.is_waiting() ? STDOUT_FILENO : -1, POLLOUT, 0}};
         // A module of one host has to wait for a slow reader; with several, the ends of the others must be seen.
-        if (states_.size() == 1 && output_.waiting_bytes() > max_answer) {
+        if (states_.size() == 1 && output_.waiting_bytes(0) > max_answer) {
             poll(others, std::size(others), -1);
         } else if (running_ > 0) {
             agent_.step(others, order_end);
@@ -116,25 +123,11 @@ void command_runner::give_up(std::size_t host, outcome how) {
 }
 
 void command_runner::password_needed(std::size_t host) {
-    if (chosen_.hosts.size() > 1 || states_[host].request == 0 || !ask_for_password()) {
-        agent_.password(host, std::nullopt);
+    if (states_[host].request != 0) {
+        agent_.ask_password(host);
+    } else {
+        agent_.refuse_password(host);
     }
-}
-
-// Returns false, with password_problem_, when there is none.
-bool command_runner::ask_for_password() {
-    std::string password;
-    password_problem_.clear();
-    const std::string prompt = "Password for " + chosen_.hosts[0].name + ": ";
-    // Ctrl-C at the prompt must have its usual effect.
-    bool given = false;
-    with_usual_signals([&] { given = ask_password(prompt, false, password, password_problem_); });
-    if (given) {
-        password_given_ = true;
-        agent_.password(0, password);
-        wipe(password);
-    }
-    return given;
 }
 
 void command_runner::output(std::size_t host, std::uint32_t request, const std::string& text) {
@@ -174,7 +167,6 @@ void command_runner::status(std::size_t host, const status_answer& answer) {
             output_.mark(host, line.id);
         }
     }
-    std::erase(not_shown, 0);  // lines that are not in the mailbox
     if (answer.request != 0 && !not_shown.empty()) {
         agent_.put_back(not_shown);  // the request was given up while its answer was on its way
     }
@@ -196,11 +188,7 @@ void command_runner::ended(std::size_t host, std::uint32_t request, const comman
         return is_wanted ? give_up(host, end.how) : void();
     }
     if (is_wanted) {
-        command_result known = end;
-        if (end.how == outcome::login_refused && !password_problem_.empty()) {
-            known.reason = std::exchange(password_problem_, "");
-        }
-        return finish_host(host, known);
+        return finish_host(host, end);
     }
     given_up_ -= request != 0 ? 1 : 0;
     if (request == 0 || end.how == outcome::closed) {
@@ -238,12 +226,12 @@ void command_runner::finish_host(std::size_t host, const command_result& end) {
     output_.end(host);
 }
 
-void command_runner::written(const std::vector<std::uint64_t>& shown, const std::vector<std::size_t>& ended) {
+void command_runner::written(std::size_t host, const std::vector<std::uint64_t>& shown, std::size_t ends) {
     if (!shown.empty()) {
         agent_.shown(shown);
     }
-    running_ -= ended.size();
-    for (const std::size_t host : ended) {
+    running_ -= ends;
+    for (; ends > 0; --ends) {
         report_end(host);
     }
 }
@@ -258,6 +246,10 @@ void command_runner::report_end(std::size_t host) const {
     }
     if (at_terminal_) {
         std::printf("[%s]\n", text.c_str());
+        if (given_up_ != 0 && (end.how == outcome::no_answer || end.how == outcome::interrupted)) {
+            print_at_terminal(given_up_ == 1 ? "its answer, when it comes, will be dropped"
+                                             : "it was not sent");
+        }
         return;
     }
     const bool of_connection =
@@ -270,23 +262,19 @@ void command_runner::report_end(std::size_t host) const {
 
 std::string command_runner::absorb() {
     agent_.step({}, clock::now());
-    return take_note();
+    return std::exchange(note_, {});
 }
 
 int command_runner::finish(int code) {
     pollfd others[] = {{signals_.fd(), POLLIN, 0}};
     agent_.finish(others);
     std::size_t sum = 0;
-    std::string names;
-    for (std::size_t host = 0; host < states_.size(); ++host) {
-        if (states_[host].waiting != 0) {
-            sum += states_[host].waiting;
-            names += (names.empty() ? " of " : ", ") + chosen_.hosts[host].label;
-        }
+    for (const host_state& state : states_) {
+        sum += state.waiting;
     }
     if (sum != 0 && isatty(STDERR_FILENO) == 1 && !(once_ && shows_messages_)) {
-        std::fprintf(stderr, "%zu new message%s%s; schedctl status shows %s\n", sum, sum == 1 ? "" : "s",
-                     chosen_.several ? names.c_str() : "", sum == 1 ? "it" : "them");
+        std::fprintf(stderr, "%zu new message%s; schedctl status shows %s\n", sum, sum == 1 ? "" : "s",
+                     sum == 1 ? "it" : "them");
     }
     return code;
 }

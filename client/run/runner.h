@@ -28,19 +28,13 @@ public:
     const command_result& last() const { return states_[0].end; }
 
     // For a caller that waits for something else: the descriptor to poll, and the function to call when it is readable.
-    // Returns take_note().
+    // Returns what has happened, as a line for the operator; mostly empty.
     int fd() const { return agent_.fd(); }
     std::string absorb();
 
-    // What has happened besides the commands, as a line for the operator; mostly empty.
-    std::string take_note() { return std::exchange(note_, {}); }
-
-    // Number of commands that the operator no longer waits for, and that have not ended.
-    std::size_t given_up_count() const { return given_up_; }
-
     signal_watch& signals() { return signals_; }
 
-    // Closes the connections, and tells the operator at a terminal which messages wait. Returns the code.
+    // Closes the connections, and tells the operator at a terminal how many messages wait. Returns the code.
     int finish(int code);
 
 private:
@@ -57,7 +51,6 @@ private:
     void wait();
     void interrupt();
     void start(std::size_t host);
-    bool ask_for_password();
     void output(std::size_t host, std::uint32_t request, const std::string& text) override;
     void status(std::size_t host, const status_answer& answer) override;
     void print_unstored(std::size_t host, const std::vector<status_line>& lines) const;
@@ -66,8 +59,9 @@ private:
     void password_needed(std::size_t host) override;
     void give_up(std::size_t host, outcome how);
     void finish_host(std::size_t host, const command_result& end);
-    void written(const std::vector<std::uint64_t>& shown, const std::vector<std::size_t>& ended);
+    void written(std::size_t host, const std::vector<std::uint64_t>& shown, std::size_t ends);
     void report_end(std::size_t host) const;
+    void print_at_terminal(const std::string& note) const;
 
     const settings& chosen_;
     const bool once_;            // a single command
@@ -82,10 +76,8 @@ private:
     std::vector<std::string> words_;  // of the last command
     std::size_t running_ = 0;         // hosts whose output is not written
     int exit_code_ = 0;               // the largest of the hosts
-    bool password_given_ = false;
-    std::string password_problem_;  // why there is no password
-    std::size_t given_up_ = 0;      // see given_up_count()
-    std::string note_;              // for take_note()
+    std::size_t given_up_ = 0;  // commands that the operator no longer waits for, and that have not ended
+    std::string note_;          // what has happened besides the commands
 };
 
 // Runs one command. Returns its exit code; with several hosts, the largest of theirs. Throws std::runtime_error when

@@ -63,22 +63,27 @@ std::string printable_text::clean(std::string_view bytes) {
     return out;
 }
 
+ssize_t write_ready(int fd, std::string_view bytes, int milliseconds) {
+    pollfd ready{fd, POLLOUT, 0};
+    if (poll(&ready, 1, milliseconds) <= 0) {
+        return 0;
+    }
+    // A pipe that is ready takes PIPE_BUF bytes without blocking.
+    const ssize_t n = write(fd, bytes.data(), std::min<std::size_t>(bytes.size(), PIPE_BUF));
+    return n < 0 && errno == EAGAIN ? 0 : n;
+}
+
 bool write_all(int fd, std::string_view bytes) {
     while (!bytes.empty()) {
-        pollfd ready{fd, POLLOUT, 0};
-        if (poll(&ready, 1, signal_interval) <= 0) {
-            if (is_told_to_end()) {
-                errno = EINTR;
-                return false;
-            }
-            continue;
-        }
-        // A pipe that is ready takes PIPE_BUF bytes without blocking.
-        const ssize_t n = write(fd, bytes.data(), std::min<std::size_t>(bytes.size(), PIPE_BUF));
-        if (n < 0 && errno != EINTR && errno != EAGAIN) {
+        const ssize_t n = write_ready(fd, bytes, signal_interval);
+        if (n == 0 && is_told_to_end()) {
+            errno = EINTR;
             return false;
         }
-        bytes.remove_prefix(n > 0 ? static_cast<std::size_t>(n) : 0);
+        if (n < 0) {
+            return false;
+        }
+        bytes.remove_prefix(static_cast<std::size_t>(n));
     }
     return true;
 }

@@ -3,6 +3,7 @@
 
 #include <string>
 #include <string_view>
+#include <sys/types.h>
 
 namespace client {
 
@@ -15,6 +16,10 @@ public:
 private:
     std::string pending_;
 };
+
+// Waits for the descriptor to take bytes, at most so many milliseconds, and writes as much as it takes at once. Returns
+// the number of bytes; 0 when it took none; -1 with errno.
+ssize_t write_ready(int fd, std::string_view bytes, int milliseconds);
 
 // Writes all bytes, however slowly their reader takes them. Returns false with errno when that fails; EINTR: a blocked
 // signal tells the program to end.

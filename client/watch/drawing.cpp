@@ -52,18 +52,16 @@ std::string state_text(const host_row& row, health& state) {
         return "asked";
     }
     state = row.lost != 0 ? health::lost : health::well;
-    std::string alarms;
-    std::string others;
+    bool has_fault = false;
+    std::string text;
     for (const condition& c : row.known.conditions) {
         state = std::min(state, health_of(c));
-        const std::string text = c.name + " " + age_of(c.since);
-        if (is_fault(c.name)) {
-            alarms += (alarms.empty() ? "" : ", ") + text;
-        } else if (c.name != "confdate") {  // every host has this one
-            others += ", " + text;
+        has_fault = has_fault || is_fault(c.name);
+        if (c.name != "confdate") {  // every host has this one
+            text += ", " + c.name + " " + age_of(c.since);
         }
     }
-    return (alarms.empty() ? "ok" : alarms) + others;
+    return has_fault ? text.substr(2) : "ok" + text;
 }
 
 // A text that is too long is shown whole; it shifts the rest of its line.
@@ -120,32 +118,6 @@ std::string time_of_day() {
     return "  " + now_date().substr(11, 8) + "  ";
 }
 
-// Draws one row for each condition. When no row would be left for the heading and one message, the last conditions
-// share one row, with only their names.
-void draw_conditions(const std::vector<condition>& conditions, canvas& page) {
-    constexpr std::size_t rows_below = 2;  // the heading and one message
-    const std::size_t free = page.rows_left() > rows_below ? page.rows_left() - rows_below : 0;
-    const std::size_t single =
-        conditions.size() <= free ? conditions.size() : std::max<std::size_t>(free, 1) - 1;
-    std::string names;
-    health names_state = health::well;  // the worst of them
-    for (std::size_t i = 0; i < conditions.size(); ++i) {
-        const condition& c = conditions[i];
-        if (i < single) {
-            char row[96];
-            std::snprintf(row, sizeof row, "%-9s %s  %s", c.name.c_str(), c.since.c_str(),
-                          age_of(c.since).c_str());
-            page.line(row, colour_of(health_of(c)));
-        } else {
-            names += (names.empty() ? "" : ", ") + c.name;
-            names_state = std::min(names_state, health_of(c));
-        }
-    }
-    if (!names.empty()) {
-        page.line(names, colour_of(names_state));
-    }
-}
-
 }  // namespace
 
 std::vector<event*> draw_host(const host_row& host, const std::string& notice,
@@ -159,7 +131,12 @@ std::vector<event*> draw_host(const host_row& host, const std::string& notice,
     if (!notice.empty()) {
         page.line(notice, yellow);
     }
-    draw_conditions(host.known.conditions, page);
+    for (const condition& c : host.known.conditions) {
+        char row[96];
+        std::snprintf(row, sizeof row, "%-9s %s  %s", c.name.c_str(), c.since.c_str(),
+                      age_of(c.since).c_str());
+        page.line(row, colour_of(health_of(c)));
+    }
     page.line("Messages: " + std::to_string(messages.size()), bold);
     std::vector<event*> shown;
     for (std::size_t i = messages.size() - std::min(page.rows_left(), messages.size()); i < messages.size();
@@ -192,7 +169,7 @@ std::vector<event*> draw_hosts(std::vector<host_row>& rows, const std::string& n
     for (std::size_t i = keys.top; i < lines.size() && page.rows_left() != 0; ++i) {
         page.line(lines[i].text, colour_of(lines[i].state));
         // The date alone is no message.
-        if (lines[i].message_at != 0 && lines[i].message_at + shown_date + 1 < page.columns()) {
+        if (lines[i].message_at + shown_date + 1 < page.columns()) {
             shown.push_back(&rows[lines[i].host].newest);
         }
     }

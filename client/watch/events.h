@@ -21,6 +21,8 @@ struct event {
     nlohmann::ordered_json more;  // the further members of its JSON
     std::uint64_t id = 0;         // in the mailbox; 0: it is not there, so nothing has to be acknowledged
     unsigned long lost = 0;       // number of messages that the scheduler or the mailbox has dropped
+
+    bool is_message() const { return lost != 0 || name == std::string_view("message"); }  // else a change
 };
 
 event connected_event();

@@ -1,6 +1,7 @@
 #include "watch/inquiry.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace client {
 
@@ -15,11 +16,11 @@ const std::vector<std::string> questions[] = {{"show", "ip"}, {"modcntl"}, {"deb
 void read_detail(const std::string& word, std::string_view answer, snapshot& known) {
     if (word == "show") {
         // Our own connection does not count.
-        known.operators = std::max(0L, std::ssize(parse_show_ip(answer)) - 1);
+        known.operators = std::max(0L, static_cast<long>(parse_connections(answer).size()) - 1);
     } else if (word == "modcntl") {
         known.modules = parse_modules(answer);
     } else {
-        known.timer_jobs = std::ssize(parse_timer_jobs(answer));
+        known.timer_jobs = static_cast<long>(parse_timer_jobs(answer).size());
     }
 }
 
@@ -50,18 +51,19 @@ const std::vector<std::string>& inquiry::words() const {
 }
 
 // An answer that broke off lacks conditions, which would look cleared: it changes none.
-status_update inquiry::status(const status_answer& answer) {
-    status_update update;
+std::vector<event> inquiry::status(const status_answer& answer) {
+    std::vector<event> messages;
+    std::vector<event> all;
     std::vector<condition> conditions;
     for (const status_line& line : answer.lines) {
         const status_report report = parse_status(line.text);
         conditions.insert(conditions.end(), report.conditions.begin(), report.conditions.end());
         for (const message& m : report.messages) {
-            update.messages.push_back(message_event(m, line.id));
+            messages.push_back(message_event(m, line.id));
             known.messages.push_back(m);
         }
         if (report.lost != 0) {
-            update.messages.push_back(lost_event(report.lost, line.id));
+            messages.push_back(lost_event(report.lost, line.id));
         }
     }
     while (known.messages.size() > kept_messages) {
@@ -69,7 +71,7 @@ status_update inquiry::status(const status_answer& answer) {
     }
     known.totals = answer.totals;
     if (answer.complete) {
-        update.changes = changes(known.conditions, conditions);
+        all = changes(known.conditions, conditions);
         known.conditions = std::move(conditions);
         known.up = true;
         known.failure = 0;
@@ -80,7 +82,8 @@ status_update inquiry::status(const status_answer& answer) {
         known.answered = wall_clock();
         known.answer_seconds = answer.seconds;
     }
-    return update;
+    std::move(messages.begin(), messages.end(), std::back_inserter(all));
+    return all;
 }
 
 bool inquiry::ended(const command_result& end) {

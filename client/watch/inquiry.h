@@ -1,19 +1,13 @@
 // What is known of one scheduler, and the requests that bring it up to date. Views, checks and the exporter share it.
 #pragma once
 
-#include "agent/agent.h"
+#include "agent/channel.h"
 #include "watch/events.h"
 #include "watch/snapshot.h"
 
 #include <utility>
 
 namespace client {
-
-// What an answer of `status` brings, compared with what was known.
-struct status_update {
-    std::vector<event> changes;   // of conditions; one with a new date counts as set again
-    std::vector<event> messages;  // also counts of lost messages
-};
 
 // Its owner calls begin(), asks words(), and hands on what comes until ended() returns false.
 class inquiry {
@@ -25,7 +19,9 @@ public:
     const std::vector<std::string>& words() const;
 
     void output(std::string_view text) { answer_ += text; }
-    status_update status(const status_answer& answer);
+    // Returns what an answer of `status` brings: first the changes of conditions, compared with what was known (one
+    // with a new date counts as set again), then messages and counts of lost ones.
+    std::vector<event> status(const status_answer& answer);
 
     // The end of a command. Returns true when the next words() are to be asked.
     bool ended(const command_result& end);

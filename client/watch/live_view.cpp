@@ -41,7 +41,7 @@ public:
     }
 
 private:
-    void received(std::size_t host, const status_answer& answer, const status_update& update) override {
+    void received(std::size_t host, const status_answer& answer, const std::vector<event>& news) override {
         host_row& row = rows_[host];
         if (row.known.up) {
             row.since.clear();
@@ -49,12 +49,12 @@ private:
                 screen_.enter();
             }
         }
-        for (const event& m : update.messages) {
+        for (const event& m : news) {
             row.lost += m.lost;
-            row.newest = m.lost == 0 ? m : row.newest;
-            if (is_over_) {
+            row.newest = m.is_message() && m.lost == 0 ? m : row.newest;
+            if (m.is_message() && is_over_) {
                 print({host, m});
-            } else {
+            } else if (m.is_message()) {
                 messages_.push_back({host, m});
             }
         }
@@ -74,10 +74,10 @@ private:
 
     void polled(std::size_t /*host*/) override { news_ = true; }
 
-    std::optional<std::string> password(std::size_t host) override {
-        std::optional<std::string> answer;
-        without_screen([&] { answer = poller::password(host); });
-        return answer;
+    std::optional<std::string> ask_password(std::size_t host) override {
+        std::optional<std::string> problem;
+        without_screen([&] { problem = poller::ask_password(host); });
+        return problem;
     }
 
     // Handles one event of the hosts, the keyboard or signals. Returns false when the operator ends the view.
@@ -110,9 +110,13 @@ private:
         std::vector<std::uint64_t> ids;
         for (event* message :
              chosen_.several ? draw_hosts(rows_, notice_, keys_) : draw_host(rows_[0], notice_, messages_)) {
-            ids.push_back(std::exchange(message->id, 0));
+            if (const std::uint64_t id = std::exchange(message->id, 0); id != 0) {
+                ids.push_back(id);
+            }
         }
-        shown(ids);
+        if (!ids.empty()) {  // each drawing would wake the agent
+            shown(ids);
+        }
     }
 
     void print(const listed_message& line) {

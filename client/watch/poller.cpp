@@ -2,8 +2,8 @@
 
 #include "options/options.h"
 #include "protocol/limits.h"
+#include "protocol/login.h"
 #include "term/output.h"
-#include "term/signals.h"
 #include "term/text.h"
 
 #include <algorithm>
@@ -22,8 +22,6 @@ poller::poller(const settings& chosen)
       interval_(chosen.what == task::check || chosen.what == task::metrics
                     ? only_once
                     : std::chrono::seconds(chosen.interval)),
-      asks_password_(chosen.what == task::watch && !chosen.several && chosen.connect.password_file.empty() &&
-                     isatty(STDIN_FILENO) == 1 && counters_of(key_of(chosen.hosts[0])).login),
       agent_(chosen.hosts, asking(chosen), *this) {
     for (const host_name& host : chosen.hosts) {
         states_.push_back({inquiry(host)});
@@ -33,15 +31,12 @@ poller::poller(const settings& chosen)
 // now: the same for all hosts that are due, so that they stay due together: an event for each costs more.
 void poller::ask(std::size_t host, clock::time_point now) {
     host_state& state = states_[host];
-    // Without a password nothing is asked: the connection would take messages and then be refused.
-    if (std::exchange(asks_password_, false)) {
-        const std::optional<std::string> text = password(host);
-        agent_.password(host, text);
-        if (!text) {
-            return fail(host, outcome::login_refused);
+    if (chosen_.what == task::watch && agent_.needs_password()) {
+        if (const std::optional<std::string> problem = ask_password(host)) {
+            state.due = now + std::max<clock::duration>(login_retry, interval_);
+            return fail(host, {outcome::login_refused, *problem});
         }
     }
-    state.asked_at = now;
     // In an outage only the status: without an answer it brings what waits in the mailbox.
     const bool with_details = (chosen_.what == task::follow || chosen_.what == task::metrics) &&
                               state.round.known.failure == 0 && state.details_due <= now;
@@ -78,14 +73,14 @@ void poller::status(std::size_t host, const status_answer& answer) {
     host_state& state = states_[host];
     const bool was_up = state.round.known.up;
     const bool has_failed = state.round.known.failure != 0;
-    status_update update = state.round.status(answer);
+    std::vector<event> news = state.round.status(answer);
     if (state.round.known.up && !was_up) {
         state.refused = false;
         if (has_failed || chosen_.what == task::follow) {
-            update.changes.insert(update.changes.begin(), connected_event());
+            news.insert(news.begin(), connected_event());
         }
     }
-    received(host, answer, update);
+    received(host, answer, news);
 }
 
 void poller::ended(std::size_t host, std::uint32_t request, const command_result& end) {
@@ -102,10 +97,9 @@ void poller::ended(std::size_t host, std::uint32_t request, const command_result
             state.request = agent_.ask(host, state.round.words());
             return;
         }
-        // From the time of the request, so that a slow answer does not make the interval longer.
-        state.due = is_refusal(end.how) ? clock::now() + std::max(login_retry, interval_)
-                                        : state.asked_at + interval_;
-        next_due_ = std::min(next_due_, state.due);
+        if (is_refusal(end.how)) {
+            state.due = clock::now() + std::max(login_retry, interval_);
+        }
     }
     if (end.how != outcome::over) {
         fail(host, end);
@@ -139,13 +133,6 @@ void poller::step(std::span<pollfd> others, clock::time_point until) {
     const clock::time_point next = ask_due();
     if (!given_up_) {
         agent_.step(others, std::min(next, until));
-    }
-}
-
-void poller::shown(std::vector<std::uint64_t> ids) {
-    std::erase(ids, 0);
-    if (!ids.empty()) {
-        agent_.shown(ids);
     }
 }
 
@@ -195,20 +182,12 @@ agent_options asking(const settings& chosen) {
     return how;
 }
 
-std::optional<std::string> poller::password(std::size_t host) {
-    if (chosen_.what != task::watch) {
-        return std::nullopt;
+void poller::password_needed(std::size_t host) {
+    if (chosen_.what == task::watch) {
+        ask_password(host);
+    } else {
+        agent_.refuse_password(host);
     }
-    const std::string prompt = "Password for " + chosen_.hosts[host].name + ": ";
-    std::string password;
-    std::string problem;
-    bool given = false;
-    with_usual_signals([&] { given = ask_password(prompt, false, password, problem); });
-    if (given) {
-        return password;
-    }
-    complain(problem);
-    return std::nullopt;
 }
 
 }  // namespace client

@@ -20,16 +20,15 @@ public:
     virtual ~poller() = default;
 
 protected:
-    // An answer, complete or as far as it came. After an outage the changes begin with connected_event(); for `follow`,
-    // with the first answer, too. Call shown() for each message that was written.
-    virtual void received(std::size_t host, const status_answer& answer, const status_update& update) = 0;
+    // An answer, complete or as far as it came, and what it brings. After an outage that begins with connected_event();
+    // for `follow`, with the first answer, too. Call shown() for each message that was written.
+    virtual void received(std::size_t host, const status_answer& answer, const std::vector<event>& news) = 0;
     // There is no answer. is_news: the first time in this outage, or the scheduler refuses for the first time.
     virtual void failed(std::size_t /*host*/, const command_result& /*why*/, bool /*is_news*/) {}
     // The round of this host is complete; also called once in each interval of a silence.
     virtual void polled(std::size_t /*host*/) {}
-    // The scheduler requires a login. `watch` asks at the terminal; without an answer it reports the reason and returns
-    // nothing. The other commands return nothing.
-    virtual std::optional<std::string> password(std::size_t host);
+    // Asks at the terminal for the password that `watch` needs. Returns the reason when there is none.
+    virtual std::optional<std::string> ask_password(std::size_t host) { return agent_.ask_password(host); }
 
     const snapshot& known(std::size_t host) const { return states_[host].round.known; }
 
@@ -37,7 +36,7 @@ protected:
     void step(std::span<pollfd> others, clock::time_point until);
 
     // These messages were written to the operator's output. 0 is ignored.
-    void shown(std::vector<std::uint64_t> ids);
+    void shown(const std::vector<std::uint64_t>& ids) { agent_.shown(ids); }
 
     // The host has not answered within the limit of the agent, or within the caller's own.
     void late(std::size_t host);
@@ -66,8 +65,7 @@ private:
         bool refused = false;       // in this outage
         bool closed = false;        // by close()
         std::uint32_t request = 0;  // under way; 0: none
-        clock::time_point asked_at{};
-        clock::time_point due{};  // next status; while a request is under way: the next call of polled()
+        clock::time_point due{};    // next status; while a request is under way: the next call of polled()
         clock::time_point details_due{};
     };
 
@@ -78,11 +76,10 @@ private:
     }
     void status(std::size_t host, const status_answer& answer) override;
     void ended(std::size_t host, std::uint32_t request, const command_result& end) override;
-    void password_needed(std::size_t host) override { agent_.password(host, password(host)); }
+    void password_needed(std::size_t host) override;
     void fail(std::size_t host, const command_result& why);
 
     const std::chrono::seconds interval_;
-    bool asks_password_;  // before the first connection
     std::vector<host_state> states_;
     clock::time_point next_due_{};  // no host is due before
     std::optional<command_result> given_up_;

@@ -1,7 +1,8 @@
 #include "watch/snapshot.h"
 
+#include "agent/channel.h"
 #include "mail/replace_file.h"
-#include "mail/state_path.h"
+#include "mail/state_file.h"
 #include "run/json.h"
 #include "term/exit_code.h"
 
@@ -15,7 +16,6 @@ namespace client {
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(condition, name, since)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(message, date, text)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(module_row, name, on)
-NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(message_totals, error, warning, info, lost)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(snapshot, up, failure, problem, answered, answer_seconds, conditions,
                                    messages, totals, operators, timer_jobs, uptime_minutes, modules)
 
@@ -35,9 +35,7 @@ double boot_clock() {
 
 // Differs after each start of the machine, when the clock above begins anew.
 std::string boot_id() {
-    std::string id = read_file("/proc/sys/kernel/random/boot_id").value_or("");
-    id.resize(id.find_last_not_of('\n') + 1);
-    return id;
+    return read_file("/proc/sys/kernel/random/boot_id").value_or("");
 }
 
 // Reads a state file; nothing when it is missing, damaged or too old.
@@ -77,17 +75,16 @@ double wall_clock() {
     return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
 }
 
-// Not durable: after a crash of the machine the follower writes a new one.
-bool write_state_file(const host_name& host, const snapshot& known, double interval, std::string& problem) {
+void write_state_file(const host_name& host, const snapshot& known, double interval) {
     const std::string path = own_path(host);
     if (path.empty()) {
-        return true;
+        return;
     }
     nlohmann::json value(known);
     value["boot"] = boot_id();
     value["written"] = boot_clock();
     value["interval"] = interval;
-    return replace_file(path, json_text(value), 0644, false, problem);
+    replace_file(path, json_text(value), 0644);
 }
 
 // A failure is ignored: readers soon find that the file is too old.

@@ -34,10 +34,10 @@ struct snapshot {
 // Returns the current time in seconds since the epoch.
 double wall_clock();
 
-// Replaces the state file of a follower of this scheduler with a rename; every user may read it. Readers accept it for
-// twice the interval, in seconds, in which its follower renews it, because the follower may have ended. Without a
-// directory for the file nothing is written. Returns false with the reason.
-bool write_state_file(const host_name& host, const snapshot& known, double interval, std::string& problem);
+// Replaces the state file of a follower in one step. Every user may read it. Readers accept it for twice the interval
+// (seconds) in which its follower renews it, because the follower may have ended. Without a
+// directory for the file nothing is written. Throws std::runtime_error with the reason when it cannot be written.
+void write_state_file(const host_name& host, const snapshot& known, double interval);
 void remove_state_file(const host_name& host);
 
 // Returns the state that the user's own follower or that of the service has written, if one is running.

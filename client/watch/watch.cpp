@@ -41,16 +41,14 @@ public:
 
 private:
     // A change that cannot be written is not kept: the first answer to the next process lists all conditions again.
-    void received(std::size_t host, const status_answer& answer, const status_update& update) override {
-        for (const event& change : update.changes) {
-            write(host, change);
-        }
-        for (const event& message : update.messages) {
-            if (write(host, message)) {
-                shown({message.id});
-            } else if (message.id == 0) {  // it is not in the mailbox either
-                std::fprintf(stderr, "%s%s %s\n", chosen_.prefix_of(host).c_str(), message.date.c_str(),
-                             message.text.c_str());
+    void received(std::size_t host, const status_answer& answer, const std::vector<event>& news) override {
+        for (const event& what : news) {
+            const bool is_written = write(host, what);
+            if (is_written && what.id != 0) {
+                shown({what.id});
+            } else if (!is_written && what.is_message() && what.id == 0) {  // it is not in the mailbox either
+                std::fprintf(stderr, "%s%s %s\n", chosen_.prefix_of(host).c_str(), what.date.c_str(),
+                             what.text.c_str());
             }
         }
         std::fputs(notices_of(host, answer).c_str(), stderr);
@@ -67,11 +65,13 @@ private:
     }
 
     // The state file of a follower. A failure is reported once, because a full disk would give a line in each interval.
-    void polled(std::size_t host) override {
-        std::string problem;
-        if (follows_ && !write_state_file(chosen_.hosts[host], known(host), chosen_.interval, problem) &&
-            !std::exchange(save_failed_, true)) {
-            complain("the state file cannot be written: " + problem);
+    void polled(std::size_t host) override try {
+        if (follows_) {
+            write_state_file(chosen_.hosts[host], known(host), chosen_.interval);
+        }
+    } catch (const std::runtime_error& problem) {
+        if (!std::exchange(save_failed_, true)) {
+            complain(std::string("the state file cannot be written: ") + problem.what());
         }
     }
 

@@ -118,32 +118,6 @@ TEST_F(E2eClientPipe, ExitCodeAndMessageTellEachFailure) {
     EXPECT_EQ(suite.wait_exit(), 0);
 }
 
-TEST_F(E2eClientPipe, OptionsAndVariablesHaveLimits) {
-    const unique_fd used = listen_on(suite.port);
-    const auto list = [&](const std::string& use) {
-        return run(suite, "env S=" SCHEDCTL_BINARY " sh -c '" + use + " --list'");
-    };
-    for (const char* right :
-         {"$S --parallel 1 -p 1 -t 0", "$S --parallel 10000 -p 65535 -t 86400", "$S watch -n 3600",
-          "$S metrics --format prometheus", "$S check --timeout-state ok", "$S check --timeout-state Warning",
-          "SCHED_TIMEOUT=0 SCHED_PORT=1 SCHED_HOST= $S", "SCHED_TIMEOUT=86400 SCHED_PORT=65535 $S"}) {
-        EXPECT_EQ(list(right).out, "127.0.0.1\n") << right;
-    }
-    for (const std::string wrong :
-         {"$S --parallel 0", "$S --parallel 10001", "$S -p 0", "$S -p 65536", "$S -t 86401", "$S watch -n 0",
-          "$S watch -n 3601", "$S metrics --format xml", "$S metrics -o x --listen 1", "$S status -j",
-          "$S --jsn status", "SCHED_TIMEOUT=1:x $S", "SCHED_TIMEOUT=-1 $S", "SCHED_TIMEOUT=86401 $S", "SCHED_PORT=0 $S",
-          "SCHED_PORT=65536 $S", "SCHED_HOST=1:x $S"}) {
-        const result got = list(wrong);
-        EXPECT_EQ(got.code, 200) << wrong;
-        EXPECT_THAT(got.err, StartsWith("schedctl: " + (wrong[0] == 'S' ? wrong.substr(0, wrong.find('=')) : "")));
-    }
-    const std::string taken = "metrics --listen 127.0.0.1:" + std::to_string(suite.port);
-    for (const std::string& wrong : {"--json"s, "-H a,b metrics"s, "metrics --listen 127.0.0.1:0"s, taken})
-        EXPECT_EQ(ctl(suite, wrong).code, 200) << wrong;
-    EXPECT_TRUE(in_order(ctl(suite, "--help").out, {"WORD... | COMMAND", "127.0.0.1", "128+N"}));
-}
-
 TEST_F(E2eClientPipe, CompletionOffersWhatMayFollow) {
     suite.listed("spare odd yes 0");
     suite.start();
@@ -152,12 +126,17 @@ TEST_F(E2eClientPipe, CompletionOffersWhatMayFollow) {
     for (const std::string line :  // what is typed > what is offered
          {"modcntl odd ''>off\non\n", "modcntl -- spare ''>off\non\n", "sp>spare\tmodule\n",
           "--json sp>spare\tmodule\n", "--host=localhost sp>spare\tmodule\n", "stat>status\tconditions and messages\n",
-          "watch ''>", "-- ->", "-t ''>", "wat>watch\tShow the status live until Ctrl-C\n",
-          "-p>-p\tTCP port; else SCHED_PORT\n", "-H ''>:host\n", "watch --hosts ''>:file\n", "--hosts=>:file\n",
+          "watch ''>", "-- ->", "-t ''>", "wat>watch\tShow the status live until Ctrl-C\n", "show ''>allowed_ip\nip\n",
+          "debug ''>hmi\ntimer\n", "debug hmi ''>all\n", "restart ''>sched\n", "-p>-p\tTCP port; else SCHED_PORT\n",
+          "-H ''>:host\n", "watch --hosts ''>:file\n", "--hosts=>:file\n",
           "watch --int>--interval\tSeconds between two status requests\n"}) {
         const std::size_t end = line.find('>');
         EXPECT_EQ(ctl(suite, "--complete " + line.substr(0, end)).out, line.substr(end + 1)) << line;
     }
+    const std::string offered = "\n" + ctl(suite, "--complete ''").out;
+    for (const std::string word : {"status", "modcntl", "debug", "quit", "restart", "lock", "unlock", "show", "hello",
+                                   "login", "ipset", "send", "res_data", "res_send"})
+        EXPECT_THAT(offered, HasSubstr("\n" + word + "\t"));
 }
 
 // Output that looks like the end of an answer, line ends of all kinds, and pieces that split such words.
@@ -167,17 +146,12 @@ TEST_F(E2eClientPipe, OutputIsThatOfTheModuleByteForByte) {
     EXPECT_EQ(ctl(suite, R"(odd text '\n\n\000\001\377\n')").out, "\n\n\0\1\377\n"s);
     // Output appears while the module still runs, and the client ends when its reader ends.
     const std::string command = "SCHED_PORT=" + std::to_string(suite.port) + " " SCHEDCTL_BINARY " ";
-    // The timer of the client's connection: 02 is that of keep-alive, and a second is 64 in hexadecimal.
-    const std::string timer =
-        "awk '$4 == \"01\" && $3 ~ /:'$(printf %04X " + std::to_string(suite.port) + ")'$/ { print $6 }' /proc/net/tcp";
     suite.write("hosts", "127.0.0.1\n");
     for (const auto& [go, options, prefix] :
          {std::tuple("go1", ""s, ""s), {"go2", "--hosts " + suite.path("hosts"), "127.0.0.1: "}}) {
         FILE* const pipe = popen((command + options + " odd wait " + suite.path(go)).c_str(), "re");
         char line[32] = "";
         EXPECT_TRUE(std::fgets(line, sizeof line, pipe) != nullptr && line == prefix + "begin\n") << line;
-        EXPECT_TRUE(wait_until([&] { return shell(timer) > "02:" && shell(timer) < "02:00000400"; }, 10s))
-            << "a host that dies is waited for forever";
         suite.write(go, "");
         EXPECT_TRUE(std::fgets(line, sizeof line, pipe) != nullptr && line == prefix + "end\n") << line;
         EXPECT_EQ(pclose(pipe), 0);
@@ -191,6 +165,7 @@ TEST_F(E2eClientPipe, CommandsFromAPipeRunInOrderAndTheLastGivesTheExitCode) {
     EXPECT_EQ(got.code, 4);
     EXPECT_EQ(got.out, "<a  b><c'd><e>\n");
     EXPECT_TRUE(in_order(got.err, {"quote", "unsupported", "exit code 4"}));
+    EXPECT_TRUE(in_order(ctl(suite, "", "?\nodd args a\n").out, {"conditions and messages", "end the session", "<a>"}));
     for (const char* end : {"quit\nodd exit 4\n", "exit\nodd exit 4\n", "?\n"})
         EXPECT_EQ(ctl(suite, "", "odd exit 4\n"s + end).code, 0) << end;
     EXPECT_EQ(ctl(suite, "", "lock\nfly\nslow\nmodcntl slow off\nslow\nunlock\n").code, 0);  // one connection
@@ -234,8 +209,25 @@ TEST_F(E2eClientPipe, ReportsUnexpectedAnswers) {
         {"status", {{{"status", "whole\r\n" + status}}}, 205, "whole\n" + date + "\nschedctl: " + no_status + "\n"},
         {"status", {{{"status", error + over}}}, 205, "\nschedctl: " + no_status},
         {"check", {{{"status", error + over}}}, 2, "SCHED CRITICAL - " + no_status},
-        {"status", {{{"status", std::string(3 << 20, 'x')}}}, 205, "schedctl: unusable answer: it is too long"},
+        {"status", {{{"status", std::string(1 << 20, 'x')}}}, 205, ": no connection: the scheduler closed it\n"},
+        {"status", {{{"status", std::string((1 << 20) + 1, 'x')}}}, 205, "schedctl: unusable answer: it is too long"},
+        {"",
+         {{{"modcntl", std::string(600'000, 'x') + "\r\n" + over},
+           {"modcntl", std::string(600'000, 'y') + "\r\n" + over}}},
+         0,
+         "x\nyyy",
+         "modcntl\nmodcntl\n"},
+        {"-H 127.0.0.1,127.1 --parallel 1 odd",
+         {{{"odd", "half"}}, {{"odd", over}}},
+         205,
+         "127.0.0.1: half\nschedctl: 127.0.0.1: no connection"},
         {login + two, {{refused, {"login", over}, refused}, {{"status", status}}}, 204, "still requires a login\n"},
+        {login,
+         {{refused, {"login", over}, {"status", status}, {"status", status}, {"restart\tsched", ""}},
+          {refused, {"login", over}, {"status", status}}},
+         0,
+         date + "\n" + date + "\n",
+         "status\nrestart sched\nstatus\n"},
         {login + " status", {{refused, {"login", "__unsupported__\r\n"}}}, 204, "does not know the login command\n"},
     };
     for (const auto& c : cases) {
@@ -253,6 +245,8 @@ TEST_F(E2eClientPipe, OutputThatCannotBeWrittenIsReported) {
     ASSERT_EQ(run(suite, SCHEDPASSWD_BINARY " --stdin", "secret\n").code, 0);
     suite.start();
     const std::string inject = SCHEDCTL_BINARY R"( odd text "parts\tclear\rx\n")";
+    // A client that waited for one more answer would need a second. With a sanitizer, its end may take as long.
+    const std::string soon = std::string_view(SCHED_SANITIZE).empty() ? "0.9 " : "9 ";
     const struct {
         std::string command;
         int code;
@@ -262,7 +256,7 @@ TEST_F(E2eClientPipe, OutputThatCannotBeWrittenIsReported) {
         {inject + " >&- 2>&-", 200, ""},
         {SCHEDCTL_BINARY " odd exit 3 <&- >&- 2>&-", 3, ""},
         {"[ \"$(" SCHEDCTL_BINARY " odd many | { sleep 1; cksum; })\" = \"$(seq 300000 | cksum)\" ]", 0, ""},
-        {"for i in $(seq 20); do timeout -s KILL 0.9 " SCHEDCTL_BINARY " odd exit && exit; done; exit 1", 0, ""},
+        {"for i in $(seq 20); do timeout -s KILL " + soon + SCHEDCTL_BINARY " odd exit && exit; done; exit 1", 0, ""},
         {SCHEDCTL_BINARY " status >/dev/full", 200, "schedctl: cannot write: "},
         {SCHEDCTL_BINARY " watch >/dev/full", 200, "schedctl: cannot write: "},
         {SCHEDCTL_BINARY " watch --json >/dev/full", 200, "schedctl: cannot write: "},
@@ -394,8 +388,15 @@ TEST_F(E2eClientPipe, PasswordFileIsWrittenWholeAndOnlyItsPasswordLogsIn) {
                  {"--check --stdin " + suite.path("link"), " s\xc3\xa4lz\t\n", 0}};  // but read
     shell("ln -s " + file + " " + suite.path("link") + "; mkfifo " + suite.path("fifo") + "; head -c 70 " + file +
           " >" + suite.path("cut"));
-    for (const auto& c : cases)
-        EXPECT_EQ(run(suite, SCHEDPASSWD_BINARY " " + c.arguments, c.input).code, c.code) << c.arguments;
+    for (const auto& c : cases) {
+        const result got = run(suite, SCHEDPASSWD_BINARY " " + c.arguments, c.input);
+        EXPECT_EQ(got.code, c.code) << c.arguments;
+        EXPECT_THAT(got.err,
+                    c.code == 2 ? MatchesRegex("schedpasswd: .*[^:]: [^:]+\n|schedpasswd: [^:]*\n") : MatchesRegex(""))
+            << c.arguments;
+        EXPECT_EQ(got.out, c.code == 2 ? "" : c.code == 1 ? "The password is wrong.\n" : "The password is right.\n");
+    }
+    EXPECT_EQ(run(suite, SCHEDPASSWD_BINARY " --check --stdin").err, "schedpasswd: standard input: no password\n");
     // A full disk: the old file stays, since without one no login is required.
     EXPECT_EQ(run(suite, "sh -c \"trap '' XFSZ; ulimit -f 0; " SCHEDPASSWD_BINARY " --stdin\"", "x\n").code, 2);
     EXPECT_EQ(suite.read("data/password"), first);

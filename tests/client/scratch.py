@@ -1,5 +1,6 @@
-"""Schedulers and clients in a scratch directory, and the processes that they leave; shared by the trials."""
+"""Schedulers and clients in a scratch directory, and the processes that they leave; for the trials and the tests."""
 
+import collections
 import contextlib
 import ctypes
 import os
@@ -10,13 +11,16 @@ import signal
 import socket
 import subprocess
 import tempfile
+import threading
 import time
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parent.parent.parent
 LIBC = ctypes.CDLL(None, use_errno=True)
-PATIENCE = 60  # seconds after which a program that should have ended is killed
+# Seconds that any wait may take before the test fails. scripts/mutate sets a shorter time.
+PATIENCE = int(os.environ.get("TEST_PATIENCE", 60))
 NUMBER = re.compile(rb"W0104:n(\d+)\.")  # of a message
+KILLED_IN_CHECK = re.compile(r"(==\d+==Unable to get registers from thread \d+\.\n)+")  # LeakSanitizer was killed too
 MODULE = "#!/bin/sh\ncase $1 in slow) sleep 0.4 ;; fail) exit 7 ;; long) seq 30000 ;; hang) sleep 5 ;; esac\n"
 
 
@@ -25,17 +29,26 @@ def wait_for(condition, what, limit=PATIENCE):
     while not (found := condition()):
         if time.monotonic() > end:
             raise TimeoutError(what)
-        time.sleep(0.01)
+        time.sleep(0.02)
     return found
 
 
 def state_of(pid):
     """The letter of a process's state, its parent and its name; X when it is gone."""
     try:
-        head, _, tail = Path(f"/proc/{pid}/stat").read_text().rpartition(") ")
+        with open(f"/proc/{pid}/stat", errors="replace") as file:
+            head, _, tail = file.read().rpartition(") ")
         return tail[0], int(tail.split()[1]), head.partition("(")[2]
     except OSError:
         return "X", 0, ""
+
+
+def send_signal(pid, number):
+    """When it stops the process, waits until all threads have stopped: on a busy machine they run for a while."""
+    os.kill(pid, number)
+    if number == signal.SIGSTOP:
+        threads = [f"{pid}/task/{thread}" for thread in os.listdir(f"/proc/{pid}/task")]
+        wait_for(lambda: all(state_of(thread)[0] in "TZX" for thread in threads), "it does not stop")
 
 
 def descendants():
@@ -49,38 +62,64 @@ def descendants():
     return {pid: name for pid, (letter, _, name) in states.items() if letter not in "XZ" and is_ours(pid)}
 
 
+def bound(port):
+    """A socket with this port; None when it is taken."""
+    probe = socket.socket()
+    try:
+        probe.bind(("0.0.0.0", port))
+        return probe
+    except OSError:
+        probe.close()
+
+
+def drawn_ports():
+    """Yields free ports. The first of each twenty is kept bound, so that no test beside this one takes the others."""
+    claims = collections.deque(maxlen=2)
+    while True:
+        first = random.SystemRandom().randrange(10000, 20000, 20)
+        if claim := bound(first):
+            claims.append(claim)
+            for port in range(first + 1, first + 20):
+                if probe := bound(port):
+                    probe.close()
+                    yield port
+
+
+PORTS = drawn_ports()
+PORTS_LOCK = threading.Lock()
+
+
 def free_port():
-    for port in random.SystemRandom().sample(range(10000, 20000), 500):
-        with contextlib.suppress(OSError), socket.socket() as probe:
-            probe.bind(("0.0.0.0", port))
-            return port
-    raise OSError("no free port")
+    with PORTS_LOCK:  # two uses of a trial ask at once
+        return next(PORTS)
 
 
-class Scheduler:
-    """A scheduler in a suite directory of its own."""
+class Suite:
+    """A suite directory with a port; start() starts its scheduler. The words of modules all call bin/module."""
 
-    def __init__(self, build, directory, supervised=False):
-        self.dir, self.port, self.raised = directory, free_port(), 0
-        env = dict(os.environ, VGD_PIPE=str(directory / "pipe"))
+    def __init__(self, build, directory):
+        self.build, self.dir, self.port, self.process, self.supervised = build, directory, free_port(), None, False
+        self.env = dict(os.environ, VGD_PIPE=str(directory / "pipe"))
         for name in ("bin", "config", "temp", "update", "data", "log"):
             (directory / name).mkdir(parents=True)
-            env[f"VGD_{name}"] = str(directory / name)
-        (directory / "bin/module").write_text(MODULE)
-        (directory / "bin/module").chmod(0o755)
+            self.env[f"VGD_{name}"] = str(directory / name)
         modules = "allmodcall parts prognosis diag devconf confchg analysis qmx ehello"
         internal = "status modcntl debug quit restart lock unlock show hello login ipset send res_data res_send"
         lines = [f"{word} module on 60\n" for word in modules.split()] + ["brief module on 1\n"]
         (directory / "config/vgd_modules").write_text("".join(lines + [f"{w} - on 0\n" for w in internal.split()]))
         (directory / "config/timer_jobs").touch()
+        self.module("module", MODULE)
         os.mkfifo(directory / "pipe")
         self.pipe = os.open(directory / "pipe", os.O_RDWR)
-        subprocess.run([build / "schedpasswd", "--stdin"], env=env, input=b"secret\n", check=True,
-                       stdout=subprocess.DEVNULL)
-        self.env, self.supervised = env, supervised
-        self.command = [build / "sched", *([] if supervised else ["-D"]), "-N", "0", "-p", str(self.port)]
-        self.start()
-        wait_for(self.listens, "the scheduler does not listen")
+        self.command = [build / "sched", "-D", "-N", "0", "-p", str(self.port)]
+
+    def module(self, name, script):
+        (self.dir / "bin" / name).write_text(script)
+        (self.dir / "bin" / name).chmod(0o755)
+
+    def password(self):
+        subprocess.run([self.build / "schedpasswd", "--stdin"], env=self.env, input=b"secret\n", check=True,
+                       stdout=subprocess.DEVNULL, timeout=PATIENCE)
 
     def start(self):
         with (self.dir / "log/trace").open("w") as trace:
@@ -95,9 +134,25 @@ class Scheduler:
             raise RuntimeError(f"the scheduler ended with {code}")
         return f":{self.port:04X} 00000000:0000 0A" in Path("/proc/net/tcp").read_text()
 
+    def pid(self):
+        return int((self.dir / "log/sched.pid").read_text())
+
     def signal(self, number):
         with contextlib.suppress(ProcessLookupError):  # it ends after "restart sched", and the file stays
-            os.kill(int((self.dir / "log/sched.pid").read_text()), number)
+            send_signal(self.pid(), number)
+
+
+class Scheduler(Suite):
+    """A scheduler that is started, with a password."""
+
+    def __init__(self, build, directory, supervised=False):
+        super().__init__(build, directory)
+        self.supervised, self.raised = supervised, 0
+        if supervised:
+            self.command.remove("-D")
+        self.password()
+        self.start()
+        wait_for(self.listens, "the scheduler does not listen")
 
     def add(self, text):
         os.write(self.pipe, text.encode())
@@ -117,6 +172,12 @@ def scratch():
     if LIBC.unshare(0x20000) == 0:  # CLONE_NEWNS
         LIBC.mount(b"none", b"/", None, 0x44000, None)  # MS_REC | MS_PRIVATE
     return Path(tempfile.mkdtemp(prefix="sched-trial-"))
+
+
+def reports(directory):
+    """The reports of sanitizers below the directory."""
+    texts = [path.read_text(errors="replace") for path in directory.rglob("sanitizer*")]
+    return [text for text in texts if not KILLED_IN_CHECK.fullmatch(text)]
 
 
 def clear(directory, keep):

@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 """Tries whether the client loses a message, whatever it is used for and however the use ends.
 
 Usage: trials.py [--seed N] [--trials N] [--jobs N] [--only N] [--use REGEX] [--build DIR] [--keep]
@@ -12,10 +12,9 @@ that, or when a use hung, crashed or left a process. --stream raises 100 message
 
 import argparse
 import collections
-import concurrent.futures
 import contextlib
 import itertools
-import json
+import multiprocessing
 import os
 import random
 import re
@@ -25,16 +24,18 @@ import subprocess
 import sys
 import threading
 import time
+import traceback
 from pathlib import Path
 
 sys.dont_write_bytecode = True
-from scratch import LIBC, NUMBER, PATIENCE, ROOT, Scheduler, clear, descendants, scratch, wait_for  # noqa: E402
+from scratch import (LIBC, NUMBER, PATIENCE, ROOT, Scheduler, clear, descendants, reports, scratch,  # noqa: E402
+                     wait_for)
 from uses import Use  # noqa: E402
 
 DROPPED = re.compile(rb'(\d+) messages were lost|"lost":(\d+)|"count":(\d+)')
 GARBAGE = random.Random(1).randbytes(3000) + b"\n+no record\n"
 LETTER = f"+{1:020} 127.0.0.1:1 2026-01-31T12:00:00+00:00;W0104:not ours\n"  # as in a mailbox
-KILLED_IN_CHECK = re.compile(r"(==\d+==Unable to get registers from thread \d+\.\n)+")  # LeakSanitizer was killed too
+NO_RESULT = {"counts": {}, "uses": [], "faults": [], "killed": 0, "text": "no result"}
 OTHER_USER = 64321  # a user that no system has
 
 
@@ -216,8 +217,7 @@ class Trial:
                 self.faults.append(f"processes are left: {lingering}")
                 break
         self.faults += [f"{use}: {fault}" for use in self.uses for fault in use.faults]
-        reports = [path.read_text(errors="replace") for path in self.dir.glob("sanitizer*")]
-        self.faults += [report for report in reports if not KILLED_IN_CHECK.fullmatch(report)]
+        self.faults += reports(self.dir)
 
     def look(self, text, one_screen=False):
         """Counts the messages of an output. A screen shows a message again and again."""
@@ -275,16 +275,18 @@ class Trial:
         return f"disk {self.disk}, {self.sharing}{pause}; " + "; ".join(map(str, self.uses)) + f"\n    {phases}"
 
 
-def one(options):
-    """One trial, in a process of its own."""
+def run_trial(options, number):
+    """Runs one trial. Called in a process of its own."""
     directory = scratch()
     try:
-        trial = Trial(options, options.one)
+        trial = Trial(options, number)
         trial.set_up(directory)
         result = trial.run()
+    except Exception:
+        result = NO_RESULT | {"faults": [traceback.format_exc()[-1500:]]}
     finally:
         clear(directory, options.keep)
-    print(json.dumps(result | ({"text": f"{result['text']}\n    {directory}"} if options.keep else {})))
+    return result | ({"text": f"{result['text']}\n    {directory}"} if options.keep else {})
 
 
 def stream(options):
@@ -320,12 +322,14 @@ def stream(options):
     sys.exit(1 if counts["lost"] or counts["twice"] or counts["dropped"] or trial.faults else 0)
 
 
-def run_trial(options, number):
-    command = [sys.executable, __file__, *sys.argv[1:], "--seed", str(options.seed), "--one", str(number)]
-    run = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, timeout=600)
-    with contextlib.suppress(json.JSONDecodeError):
-        return number, json.loads(run.stdout)
-    return number, {"counts": {}, "uses": [], "faults": [run.stderr[-1500:]], "killed": 0, "text": "no result"}
+def results(options, numbers):
+    with multiprocessing.get_context("fork").Pool(options.jobs, maxtasksperchild=1) as pool:
+        running = [(number, pool.apply_async(run_trial, (options, number))) for number in numbers]
+        for number, trial in running:
+            try:
+                yield number, trial.get(600)
+            except multiprocessing.TimeoutError:
+                yield number, NO_RESULT | {"faults": ["it does not end"]}
 
 
 def main():
@@ -338,26 +342,23 @@ def main():
     parser.add_argument("--build", type=lambda name: Path(name).resolve(), default=ROOT / "build")
     parser.add_argument("--keep", action="store_true", help="leave the scratch directories")
     parser.add_argument("--stream", type=float, metavar="SECONDS")
-    parser.add_argument("--one", type=int, help=argparse.SUPPRESS)
     options = parser.parse_args()
     options.client = options.build / "schedctl"
-    if options.one is not None or options.stream:
-        return stream(options) if options.stream else one(options)
+    if options.stream:
+        return stream(options)
     print(f"seed {options.seed}", flush=True)
     sums, table, bad, killed = collections.Counter(), collections.defaultdict(collections.Counter), 0, 0
-    with concurrent.futures.ThreadPoolExecutor(options.jobs) as pool:
-        numbers = range(options.trials) if options.only is None else [options.only]
-        for number, result in pool.map(lambda number: run_trial(options, number), numbers):
-            counts = collections.Counter(result["counts"])
-            sums += counts
-            killed += result["killed"]
-            for use in result["uses"]:
-                table[use] += counts + collections.Counter(trials=1)
-            is_bad = bool(counts["lost"] or counts["twice"] or result["faults"])
-            bad += is_bad
-            if is_bad or options.only is not None:
-                print(f"trial {number}: {dict(counts)}\n    {result['text']}", *result["faults"], sep="\n    ",
-                      flush=True)
+    numbers = range(options.trials) if options.only is None else [options.only]
+    for number, result in results(options, numbers):
+        counts = collections.Counter(result["counts"])
+        sums += counts
+        killed += result["killed"]
+        for use in result["uses"]:
+            table[use] += counts + collections.Counter(trials=1)
+        is_bad = bool(counts["lost"] or counts["twice"] or result["faults"])
+        bad += is_bad
+        if is_bad or options.only is not None:
+            print(f"trial {number}: {dict(counts)}\n    {result['text']}", *result["faults"], sep="\n    ", flush=True)
     columns = ("trials", "raised", "shown", "kept", "lost", "twice", "killed", "twice a", "twice b", "twice c",
                "dropped", "refused", "no room")
     print(f"{'a message of two uses counts for both':<58}", *(f"{column:>7}" for column in columns))

@@ -11,6 +11,7 @@ trap '[ -z "$pid" ] || kill "$pid" 2>/dev/null || true; rm -rf "$dir"' EXIT
 fail() { printf 'FAILED: %s\n' "$*"; exit 1; }
 cd "$dir"
 cp -r "$modules" bin
+rm bin/parts.d/{bmc,fans,memory,power,temperatures,voltages} # they find nothing here, and each start takes time
 cp -r "$config" config
 sed -i 's/^limit=20 /limit=200 /' bin/parts # for a busy machine; the check that hangs below gets the real limit
 sed -i 's/ 60$/ 250/' config/vgd_modules
