@@ -23,7 +23,7 @@ client_test_packages=(python3-pytest python3-pexpect)
 # shellcheck disable=SC2034
 test_packages=("${build_packages[@]}" "${unit_test_packages[@]}" "${client_test_packages[@]}" rsyslog python3-croniter
     python3-prometheus-client libfaketime mandoc systemd zsh fish jq openipmi freeipmi-tools mdadm shellcheck
-    systemd-container debootstrap debhelper)
+    systemd-container mmdebstrap debhelper)
 
 # can_be_root: sudo may ask for a password only on a terminal.
 can_be_root() {

@@ -120,6 +120,7 @@ class Trial:
                 **({} if self.sharing == "shared" else {"XDG_STATE_HOME": str(self.states[user])})}
         for name in ("ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"):
             env[name] = f"{os.environ.get(name, '')}:log_path={self.dir}/sanitizer"
+        env["ASAN_OPTIONS"] += ":detect_leaks=0"  # takes longer than the client itself; other tests look for leaks
         options = {"env": env, "cwd": self.dir, "umask": self.umasks[user]}
         return options | ({} if user == os.geteuid() else {"user": user, "group": user, "extra_groups": []})
 

@@ -11,8 +11,8 @@ skip() { # where each change is tested, nobody would notice a skipped test
     exit 77
 }
 [ "$(id -u)" -eq 0 ] || skip 'only root can boot a tree'
-for program in systemd-nspawn debootstrap dh; do
-    command -v "$program" >/dev/null || skip "$program is missing (packages systemd-container, debootstrap, debhelper)"
+for program in systemd-nspawn mmdebstrap dh; do
+    command -v "$program" >/dev/null || skip "$program is missing (packages systemd-container, mmdebstrap, debhelper)"
 done
 grep -qx 'VERSION_CODENAME=bookworm' /etc/os-release || skip 'programs that were built on another system do not run in Debian 12'
 work=$(mktemp -d)
@@ -23,9 +23,8 @@ fetch_tree() {
     local mirror
     mirror=$(apt-get indextargets --format "\$(SITE)" 'Codename: bookworm' 'Created-By: Packages' | head -n 1)
     rm -rf --one-file-system "$build/debian.new"
-    debootstrap --variant=minbase --include=systemd-sysv,python3,libedit2,libmicrohttpd12 \
+    mmdebstrap --variant=minbase --dpkgopt=force-unsafe-io --include=systemd-sysv,python3,libedit2,libmicrohttpd12 \
         bookworm "$build/debian.new" ${mirror:+"$mirror"} >"$work/log" 2>&1 || { tail "$work/log" && return 1; }
-    rm -rf "$build"/debian.new/var/{cache/apt,lib/apt/lists}
     mv "$build/debian.new" "$build/debian"
 }
 
