@@ -115,7 +115,7 @@ public:
     std::string trace() const { return read("log/sched_log") + out(); }
     // Some lines are written after the answer, so this waits for them.
     void expect_trace(std::initializer_list<std::string> parts) const {
-        wait_until([&] { return static_cast<bool>(in_order(trace(), parts)); }, 10s);
+        wait_until([&] { return static_cast<bool>(in_order(trace(), parts)); });
         EXPECT_TRUE(in_order(trace(), parts));
     }
     bool traced(const std::string& text) const { return trace().find(text) != std::string::npos; }
