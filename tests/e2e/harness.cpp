@@ -280,9 +280,9 @@ void Suite::start(const strings& args) {
     EXPECT_GT(pid, 0) << "the daemon has ended";
 }
 
-int Suite::wait_exit() {
+int Suite::wait_exit(milliseconds deadline) {
     int status = 0;
-    const bool ended = wait_until([&] { return waitpid(pid, &status, WNOHANG) != 0; });
+    const bool ended = wait_until([&] { return waitpid(pid, &status, WNOHANG) != 0; }, deadline);
     EXPECT_TRUE(ended) << "the daemon does not end";
     if (!ended) kill(pid, SIGKILL);
     pid = -1;

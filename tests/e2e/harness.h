@@ -99,9 +99,9 @@ public:
 
     // The daemon. start() returns when it accepts connections, run() when it has ended.
     void start(const strings& args = {"-D"});
-    int run(const strings& args) { return launch(args), wait_exit(); }
-    int wait_exit();  // exit code, or 128 and the signal
-    void stop();      // the supervisor's scheduler too
+    int run(const strings& args, milliseconds deadline = patience) { return launch(args), wait_exit(deadline); }
+    int wait_exit(milliseconds deadline = patience);  // exit code, or 128 and the signal
+    void stop();                                      // the supervisor's scheduler too
     pid_t scheduler() const { return std::atoi(read("log/sched.pid").c_str()); }
 
     Client client(const std::string& source = "127.0.0.1") const { return Client(port, source); }

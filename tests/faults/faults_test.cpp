@@ -204,7 +204,7 @@ TEST(E2eClock, SupervisorGivesUpAfterAHundredStarts) {
     Suite suite;
     suite.env["LD_PRELOAD"] = NO_SLEEP_LIBRARY;
     suite.write("bin/allmodcall", "#!/bin/sh\nkill -9 $PPID\n");
-    EXPECT_EQ(suite.run({"-p", std::to_string(suite.port), "-N", "0"}), 1);
+    EXPECT_EQ(suite.run({"-p", std::to_string(suite.port), "-N", "0"}, 4 * patience), 1);
     EXPECT_EQ(
         shell("cat " + suite.path("log/sched_log") + "* | grep -c 'alive_check:waitpid(pid=[0-9]*) returns 0x9('"),
         "100\n");
