@@ -370,7 +370,7 @@ def main():
             answers += 1
         kept = {path.name.removesuffix(".json").split(".")[0] for path in (HERE / "answers" / tool).iterdir()}
         bad += [f"{tool}/{name}: not in the table" for name in kept - set(cases)]
-    odd, found = try_odd_disks(["ata-good", "nvme-good", "sas-good"])
+    odd, found = try_odd_disks(["ata-good", "ssd-good", "nvme-good", "sas-good"])
     bad += found[:20] + [*try_chips(), *try_hanging_disk(), *try_disks_that_go()]
     print("\n".join(bad) or f"{answers} recorded answers, {odd} odd ones")
     sys.exit(bool(bad))
