@@ -128,7 +128,8 @@ def block_device(name):
     whole_disks = {f"/dev/{re.sub(part, '', name)}" for part in ("$", r"\d+$", r"n\d+(p\d+)?$")}
     for file in files("smart", ".json"):
         disk = answer("smart/" + file)
-        if text(at(disk, "device", "name")) in whole_disks:
+        behind_controller = "," in text(at(disk, "device", "type"))
+        if text(at(disk, "device", "name")) in whole_disks and not behind_controller:
             model = text(disk.get("model_name")) or text(disk.get("scsi_model_name")) or "unknown model"
             return f"{name}{slot(name)} ({model}, serial number {text(disk.get('serial_number')) or 'unknown'})"
     return name + slot(name)

@@ -276,6 +276,58 @@ def try_hanging_disk():
                 yield f"a hanging disk: {source} answered before and not now, but {file}.status says:\n{said}"
 
 
+def good_disk(name, serial, **more):
+    return json.dumps({"smartctl": {"exit_status": 0}, "device": {"name": name, "type": "sat"}, "model_name": "Makro",
+                       "serial_number": serial, "firmware_version": "FW42", "smart_status": {"passed": True}} | more)
+
+
+def try_disks_that_go():
+    """What a disk that sleeps, is unplugged or dies leaves behind."""
+    with tempfile.TemporaryDirectory() as directory:
+        machine = Machine(directory)
+        asleep = '{"smartctl": {"exit_status": 2}, "device": {"name": "/dev/sleeps"}}'
+        answers = {"backup": good_disk("/dev/backup", "B1"), "sleeps": asleep, "asleep-gone": asleep,
+                   "dies": good_disk("/dev/dies", "D1", smart_status={"passed": False}),
+                   "moves": good_disk("/dev/moves", "M1"), "moved": good_disk("/dev/moved", "M1")}
+        machine.tool("smartctl", SMARTCTL.format(dir=machine.dir))
+        machine.tool("lsblk", f'#!/bin/sh\nexec cat "{machine.dir}/lsblk"\n')
+
+        def collect(*names):
+            found = [{"name": f"/dev/{name}", "type": "sat"} for name in names]
+            (machine.dir / "scan").write_text(json.dumps({"devices": found}))
+            (machine.dir / "lsblk").write_text("".join(
+                f'NAME="{name}" MODEL="Makro" SERIAL="{name[0].upper()}1" REV="42" RM="0" '
+                f'TRAN="{"usb" if name == "backup" else "sata"}"\n' for name in names if name != "dies"))
+            for name in names:
+                (machine.dir / "now" / name).write_text(answers[name])
+                (machine.dir / "now" / f"{name}.exit").write_text("2\n" if answers[name] == asleep else "0\n")
+            machine.collect("smartctl")
+            return machine.run(MODULES / "inventory").splitlines()
+
+        before = collect("backup", "sleeps", "asleep-gone", "dies", "moves")
+        answers["sleeps"] = good_disk("/dev/sleeps", "S1")
+        after = collect("sleeps", "moved")
+        health = [line[2] for line in machine.judge("smartctl")]
+        collect("sleeps")
+        collect("sleeps")
+        told = (machine.dir / "run/disks.status").read_text()
+        failed = {line.split("\t")[0]: line.split("\t")[3] for line in told.splitlines() if "\tfailed\t3\t" in line}
+        wanted = {"smartctl /dev/asleep-gone": "the device is no longer there",
+                  "smartctl /dev/dies": "the disk (Makro, serial number D1) is no longer there"}
+        slept = {line for line in before if "S1" in line}
+        if failed != wanted:
+            yield f"disks that go: failed are {failed}, not {wanted}"
+        if len(health) != 1 or "/dev/dies (Makro, serial number D1): it fails" not in health[0]:
+            yield f"disks that go: what was wrong with one of them is now {health}"
+        if not slept or slept - set(after) or "firmware of disk S1: FW42" not in after or "B1" in str(before):
+            yield f"disks that go: the inventory was {before} and is {after}"
+        machine.tool("smartctl", "#!/bin/sh\necho 'UNRECOGNIZED OPTION: json'\nexit 1\n")
+        shutil.rmtree(machine.dir / "hardware-state")
+        machine.collect("smartctl")
+        if "smartctl\tleft out" not in (machine.dir / "run/disks.status").read_text():
+            yield "an old smartctl is not left out"
+
+
 def what(tool, key):
     """The key without the tool's or the disk's own name."""
     parts = key.split(":")
@@ -318,8 +370,8 @@ def main():
             answers += 1
         kept = {path.name.removesuffix(".json").split(".")[0] for path in (HERE / "answers" / tool).iterdir()}
         bad += [f"{tool}/{name}: not in the table" for name in kept - set(cases)]
-    odd, found = try_odd_disks(["ata-good", "nvme-good", "sas-good"])
-    bad += found[:20] + [*try_chips(), *try_hanging_disk()]
+    odd, found = try_odd_disks(["ata-good", "ssd-good", "nvme-good", "sas-good"])
+    bad += found[:20] + [*try_chips(), *try_hanging_disk(), *try_disks_that_go()]
     print("\n".join(bad) or f"{answers} recorded answers, {odd} odd ones")
     sys.exit(bool(bad))
 
