@@ -48,7 +48,7 @@ TEST(Channel, CallsArriveInOrderHoweverSlowTheirReaderIs) {
     EXPECT_LT(writer->waiting(), waiting);
     std::thread slow([&] {
         int i = 0;
-        for (bool lives = true; lives; usleep(20'000)) {  // longer than close_timeout in all
+        for (bool lives = true; lives; usleep(5'000)) {  // longer than close_timeout in all
             lives = reader.update();
             for (std::optional<nlohmann::json> call; (call = reader.next()); ++i)
                 EXPECT_TRUE(*call == nlohmann::json({to_agent::close, {i, std::string(1000 * i, 'x')}})) << i;
