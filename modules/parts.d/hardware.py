@@ -109,7 +109,8 @@ def answer(name):
     or there is a line with its error."""
     try:
         content = re.sub(r"^ERROR: .*\n", "", read(name), flags=re.M)
-        return json.loads(re.sub(r",(?=\s*})", "", re.sub(r"(:\s*)-?nan\b", r"\1null", content)))
+        content = re.sub(r",(?=\s*})", "", re.sub(r"(:\s*)-?nan\b", r"\1null", content))
+        return json.JSONDecoder().raw_decode(content.strip())[0]  # something may follow
     except (ValueError, RecursionError):
         return None
 
@@ -216,7 +217,7 @@ def rows(name, columns):
                    and fields[columns.index("state")].lower() not in STATES):
                 place = columns.index("name")
                 fields[place:place + 2] = [", ".join(fields[place:place + 2])]
-            fields[len(columns) - 1:] = [",".join(fields[len(columns) - 1:])]
+            fields[len(columns) - 1:] = [", ".join(fields[len(columns) - 1:])]
             found.append(dict(zip(columns, fields)))
     return found, bad
 
