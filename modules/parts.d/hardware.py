@@ -326,8 +326,8 @@ def judge_reading(sensor, before, told):
             was_bad = before is not None and bool(before.violated(level) or before.violated("crit"))
         if not bad and key in told:
             which = next((name for name in LIMITS[level] if not sensor.back(name)), "")
-            bad = was_bad = bool(which)
-        if bad and was_bad:
+            bad = bool(which)
+        if bad and (was_bad or key in told):
             limit = f"{'' if level == 'warn' else 'critical '}limit {shown(sensor.limits[which])}" if which else \
                 f"{'critical' if level == 'crit' else 'warning'} for the BMC"
             say(key, f"{value}, {limit}; {advice}")
@@ -413,6 +413,8 @@ def sensors_of_bmc(check, of_type, told):
     was_there = parts_there(check, {sensor.key for sensor in mine if present(sensor)}) if check == "power" else set()
     for sensor in mine:
         last = before.get(sensor.key)
+        if not sensor.state_known and sensor.value is None and last is not None:
+            sensor, last = last, None  # a busy BMC leaves one out now and then; what was told stays for a collection
         words = [event for event in sensor.events if not re.fullmatch(r"|ok|n/a|[0-9a-f]+h|.*threshold", event, re.I)]
         # Without limits the state is that of the words, which may be harmless ones.
         if sensor.value is not None and not (set(words) & set(harmful(sensor)) if sensor.has_limits else words):

@@ -46,8 +46,8 @@ exit "$code"
 def collections(tool, names):
     """How many collections show all that these answers can tell: a limit counts after two."""
     files = [path.name for path in (HERE / "answers" / tool).iterdir()]
-    changes = any(file.startswith(f"{name}.") and file[len(name) + 1].isdigit() for name in names for file in files)
-    return 3 if changes else 2
+    changes = [file[len(name) + 1] for name in names for file in files if file.startswith(f"{name}.")]
+    return max([2] + [max(3, int(number)) for number in changes if number.isdigit()])
 
 
 def recorded(tool, name, collection):
