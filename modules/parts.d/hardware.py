@@ -206,7 +206,7 @@ def rows(name, columns):
     found, bad = [], 0
     for line in read(name).splitlines():
         fields = [field.strip() for field in line.split(",")]
-        if columns == COLUMNS and len(fields) >= len(COLUMNS) + len(LIMIT_COLUMNS):  # the header is missing
+        if columns is COLUMNS and len(fields) >= len(COLUMNS) + len(LIMIT_COLUMNS):  # the header is missing
             columns = COLUMNS[:-1] + list(LIMIT_COLUMNS) + COLUMNS[-1:]
         if fields[0].lower() == "id":
             columns = [field.lower() for field in fields]
