@@ -337,9 +337,9 @@ def judge_reading(sensor, before, told):
 NOT_THERE = re.compile(r"absent|not present|removed|not installed|\bempty\b|no presence|terminator presence", re.I)
 LOST = re.compile(r"redundancy lost|from redundant|non-redundant: ?insufficient", re.I)
 # "Non-redundant:Sufficient Resources from Insufficient Resources" is a machine that never had a second part.
-HARMLESS = re.compile(r"ok|n/a|presence detected|.*threshold|identify status .*|power supply inactive|"
-                      r"non-redundant.* from insufficient.*|entity absent|terminator presence.*|slot.* is disabled|"
-                      r"transition to (on line|off duty|power save)|pxe server not found|"
+HARMLESS = re.compile(r"ok|n/a|unknown|no reading|presence detected|.*threshold|identify status .*|"
+                      r"power supply inactive|non-redundant.* from insufficient.*|entity absent|terminator presence.*|"
+                      r"slot.* is disabled|transition to (on line|off duty|power save)|pxe server not found|"
                       r"lower .* going high|upper .* going low", re.I)  # a value that comes back
 # These types are about the use of the machine, not about its hardware; of the first ones, only the warnings.
 OF_USE = ("system event", "version change", "button/switch", "os critical stop")
