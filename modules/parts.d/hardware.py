@@ -4,6 +4,7 @@ An answer may lack any field, and a field may have any type: what is not underst
 parts sets SCHED_HARDWARE (the answers), PARTS_KNOWN (keys found the last time) and PARTS_STATE (a directory).
 """
 
+import collections
 import functools
 import json
 import math
@@ -104,9 +105,12 @@ def files(directory, suffix):
 
 
 def answer(name):
-    """A JSON answer; None when it cannot be read. sensors writes nan for a value that it cannot read."""
+    """A JSON answer; None when it cannot be read. Where sensors cannot read a value, it writes nan, or only a comma,
+    or there is a line with its error."""
     try:
-        return json.loads(re.sub(r"(:\s*)-?nan\b", r"\1null", read(name)))
+        content = re.sub(r"^ERROR: .*\n", "", read(name), flags=re.M)
+        content = re.sub(r",(?=\s*})", "", re.sub(r"(:\s*)-?nan\b", r"\1null", content))
+        return json.JSONDecoder().raw_decode(content.strip())[0]  # something may follow
     except (ValueError, RecursionError):
         return None
 
@@ -146,6 +150,9 @@ def known():
 
 # ---- sensors --------------------------------------------------------------------------------------------------------
 
+LIMITS = {"crit": ("uc", "lc", "unr", "lnr"), "warn": ("unc", "lnc")}
+
+
 class Sensor:
     """One sensor. limits: by name (uc, unc, lnc, lc for upper and lower, critical and not). level: the BMC's own
     judgement, "crit", "warn" or ""; None where the limits have to tell."""
@@ -176,8 +183,7 @@ class Sensor:
 
     def violated(self, level):
         """The name of the limit that the value is beyond at this level ("crit", "warn"); "" when it is none."""
-        names = ("uc", "lc", "unr", "lnr") if level == "crit" else ("unc", "lnc")
-        return next((name for name in names if self.beyond(name)), "")
+        return next((name for name in LIMITS[level] if self.beyond(name)), "")
 
 
 TYPES = {
@@ -190,21 +196,29 @@ TYPES = {
 }
 KINDS = {"temperature": "temperature", "fan": "fan", "voltage": "voltage"}
 COLUMNS = ["id", "name", "type", "state", "reading", "units", "event"]
-LIMIT_COLUMNS = {"upper nr": "unr", "upper c": "uc", "upper nc": "unc", "lower nc": "lnc", "lower c": "lc",
-                 "lower nr": "lnr"}
+LIMIT_COLUMNS = {"lower nr": "lnr", "lower c": "lc", "lower nc": "lnc", "upper nc": "unc", "upper c": "uc",
+                 "upper nr": "unr"}
+STATES = ("nominal", "warning", "critical", "n/a")
 
 
 def rows(name, columns):
-    """Rows of a CSV answer as dictionaries, and the number of lines that are none. The last column may hold commas."""
+    """Rows of a CSV answer as dictionaries, and the number of lines that are none. Name and last column may hold
+    commas; the state tells where the name ends."""
     found, bad = [], 0
     for line in read(name).splitlines():
         fields = [field.strip() for field in line.split(",")]
+        if columns is COLUMNS and len(fields) >= len(COLUMNS) + len(LIMIT_COLUMNS):  # the header is missing
+            columns = COLUMNS[:-1] + list(LIMIT_COLUMNS) + COLUMNS[-1:]
         if fields[0].lower() == "id":
             columns = [field.lower() for field in fields]
         elif len(fields) < len(columns) or not fields[0].isdigit():
             bad += bool(line.strip())
         else:
-            fields[len(columns) - 1:] = [",".join(fields[len(columns) - 1:])]
+            while (len(fields) > len(columns) and {"name", "state"} <= set(columns)
+                   and fields[columns.index("state")].lower() not in STATES):
+                place = columns.index("name")
+                fields[place:place + 2] = [", ".join(fields[place:place + 2])]
+            fields[len(columns) - 1:] = [", ".join(fields[len(columns) - 1:])]
             found.append(dict(zip(columns, fields)))
     return found, bad
 
@@ -212,13 +226,16 @@ def rows(name, columns):
 def of_bmc(suffix=""):
     """The BMC's sensors by key."""
     sensors = {}
-    for row in rows("ipmi-sensors.csv" + suffix, COLUMNS)[0]:
+    found = rows("ipmi-sensors.csv" + suffix, COLUMNS)[0]
+    names = collections.Counter(row.get("name") for row in found)
+    for row in found:
         name = text(row.get("name", "")) or "sensor"
         key = f"ipmi:{name}" if f"ipmi:{name}" not in sensors else f"ipmi:{name}:{row['id']}"
         kind = row.get("type", "").lower()
         level = {"critical": "crit", "warning": "warn"}.get(row.get("state", "").lower(), "")
         limits = {short: number(row[column]) for column, short in LIMIT_COLUMNS.items() if column in row}
         events = [text(event) for event in re.findall(r"'([^']*)'", row.get("event", "")) or [row.get("event", "")]]
+        name += f" (ID {row['id']})" if names[row.get("name")] > 1 else ""
         sensors[key] = Sensor(key, name, KINDS.get(kind, kind), number(row.get("reading", "")), limits, level, events,
                               text(row.get("units", "")))
         sensors[key].has_limits = any(limit is not None for limit in limits.values())
@@ -280,8 +297,10 @@ def limits_of(name, what, values, scale):
     elif what.startswith("fan"):
         wanted = {"lc": "min"}
     limits = {which: number(values.get(f"{what}_{limit}")) for which, limit in wanted.items()}
-    # Drivers tell 0 or less, or what no part would survive, where the chip has no limit.
-    return {which: limit / scale for which, limit in limits.items() if limit is not None and limit > 0}
+    # Where there is no limit, drivers tell 0 or less, or what no part would survive, and firmware tells some degrees.
+    lowest = {"uc": 40, "unc": 40} if what.startswith("temp") else {}
+    limits = {which: limit / scale for which, limit in limits.items() if limit is not None and limit > 0}
+    return {which: limit for which, limit in limits.items() if limit >= lowest.get(which, 0)}
 
 
 ADVICE = {
@@ -301,16 +320,15 @@ def judge_reading(sensor, before, told):
         key = f"{sensor.kind}:{sensor.key}:{level}"
         which = sensor.violated(level)
         if sensor.level is not None:
-            bad = sensor.level == level and (bool(which) or not sensor.has_limits)
+            bad = sensor.level in ("crit", level) and (bool(which) or not sensor.has_limits)
             was_bad = before is not None and before.value is not None and before.level in ("crit", level)
         else:
             bad = bool(which)
             was_bad = before is not None and bool(before.violated(level) or before.violated("crit"))
         if not bad and key in told:
-            names = ("uc", "lc") if level == "crit" else ("unc", "lnc")
-            which = next((name for name in names if not sensor.back(name)), "")
-            bad = was_bad = bool(which)
-        if bad and was_bad:
+            which = next((name for name in LIMITS[level] if not sensor.back(name)), "")
+            bad = bool(which)
+        if bad and (was_bad or key in told):
             limit = f"{'' if level == 'warn' else 'critical '}limit {shown(sensor.limits[which])}" if which else \
                 f"{'critical' if level == 'crit' else 'warning'} for the BMC"
             say(key, f"{value}, {limit}; {advice}")
@@ -320,12 +338,14 @@ def judge_reading(sensor, before, told):
 NOT_THERE = re.compile(r"absent|not present|removed|not installed|\bempty\b|no presence|terminator presence", re.I)
 LOST = re.compile(r"redundancy lost|from redundant|non-redundant: ?insufficient", re.I)
 # "Non-redundant:Sufficient Resources from Insufficient Resources" is a machine that never had a second part.
-HARMLESS = re.compile(r"ok|n/a|presence detected|.*threshold|identify status .*|power supply inactive|"
-                      r"non-redundant.* from insufficient.*|entity absent|terminator presence.*|slot.* is disabled|"
-                      r"transition to (on line|off duty|power save)", re.I)
-# Warnings of these types are about the use of the machine, not about its hardware.
-OF_USE = ("system event", "version change", "session audit", "button/switch", "system boot initiated", "os boot",
-          "os critical stop", "system acpi power state")
+HARMLESS = re.compile(r"ok|n/a|unknown|no reading|presence detected|.*threshold|identify status .*|"
+                      r"power supply inactive|non-redundant.* from insufficient.*|entity absent|terminator presence.*|"
+                      r"slot.* is disabled|transition to (on line|off duty|power save)|pxe server not found|"
+                      r"lower .* going high|upper .* going low", re.I)  # a value that comes back
+# These types are about the use of the machine, not about its hardware; of the first ones, only the warnings.
+OF_USE = ("system event", "version change", "button/switch", "os critical stop")
+ONLY_OF_USE = ("session audit", "platform security violation attempt", "system boot initiated", "os boot",
+               "system acpi power state")
 
 
 def present(sensor):
@@ -334,7 +354,8 @@ def present(sensor):
 
 def worth_telling(kind, state, event):
     """Whether an event of a BMC's sensor is about the hardware. kind: sensor type; state: "warning" or "critical"."""
-    return bool(event) and not HARMLESS.fullmatch(event) and not (state == "warning" and kind in OF_USE)
+    of_use = kind in ONLY_OF_USE or (state == "warning" and kind in OF_USE)
+    return bool(event) and not HARMLESS.fullmatch(event) and not of_use
 
 
 def harmful(sensor):
@@ -393,8 +414,11 @@ def sensors_of_bmc(check, of_type, told):
     was_there = parts_there(check, {sensor.key for sensor in mine if present(sensor)}) if check == "power" else set()
     for sensor in mine:
         last = before.get(sensor.key)
-        told_in_words = [event for event in harmful(sensor) if not re.fullmatch(r"[0-9a-f]+h", event, re.I)]
-        if sensor.value is not None and not told_in_words:
+        if not sensor.state_known and sensor.value is None and last is not None:
+            sensor, last = last, None  # a busy BMC leaves one out now and then; what was told stays for a collection
+        words = [event for event in sensor.events if not re.fullmatch(r"|ok|n/a|[0-9a-f]+h|.*threshold", event, re.I)]
+        # Without limits the state is that of the words, which may be harmless ones.
+        if sensor.value is not None and not (set(words) & set(harmful(sensor)) if sensor.has_limits else words):
             judge_reading(sensor, last, told)
         elif not sensor.absurd:
             gone = sensor.key in was_there and last is not None and not any(

@@ -46,8 +46,8 @@ exit "$code"
 def collections(tool, names):
     """How many collections show all that these answers can tell: a limit counts after two."""
     files = [path.name for path in (HERE / "answers" / tool).iterdir()]
-    changes = any(file.startswith(f"{name}.") and file[len(name) + 1].isdigit() for name in names for file in files)
-    return 3 if changes else 2
+    changes = [file[len(name) + 1] for name in names for file in files if file.startswith(f"{name}.")]
+    return max([2] + [max(3, int(number)) for number in changes if number.isdigit()])
 
 
 def recorded(tool, name, collection):
@@ -121,6 +121,7 @@ class Machine:
     def tree(self, text):
         """The files of the kernel: lines with a path and a text."""
         shutil.rmtree(self.dir / "root")
+        (self.dir / "root").mkdir()
         for line in text.splitlines():
             path, value = line.split("\t")
             path = self.dir / "root" / path.lstrip("/")
@@ -141,15 +142,16 @@ def try_tool(tool, name):
     """The findings of the last of the collections."""
     with tempfile.TemporaryDirectory() as directory:
         machine = Machine(directory)
-        silent = {"ras-mc-ctl": '--summary' if name != "summary" else '--error-count'}.get(tool, "-no-")
+        silent = {"summary": "--error-count", "both": "-no-"}.get(name, "--summary" if tool == "ras-mc-ctl" else "-no-")
         if tool == "mdadm":
             (machine.dir / "root/proc/mdstat").write_text("Personalities : [raid1]\nmd0 : active raid1 sda1[0] sdb1[1]\n")
         machine.tool(tool, f'#!/bin/sh\ncase "$*" in *{silent}*) exit 1 ;; esac\ncat "{machine.dir}/now/answer"\n')
         last = collections(tool, [name])
         for collection in range(1, last + 1):
             shutil.copy(recorded(tool, name, collection), machine.dir / "now/answer")
-            if tool == "kernel":
-                machine.tree((machine.dir / "now/answer").read_text())
+            if tool in ("kernel", "ras-mc-ctl"):
+                lines = (machine.dir / "now/answer").read_text().splitlines(True)
+                machine.tree("".join(line for line in lines if line.startswith("/")))
             machine.collect(tool)
             if last > 2 or collection == last:  # what was found before matters only when the answer changes
                 found = machine.judge(tool)
