@@ -105,8 +105,8 @@ def files(directory, suffix):
 
 
 def answer(name):
-    """A JSON answer; None when it cannot be read. Where sensors cannot read a value, it writes nan, or only a comma,
-    or there is a line with its error."""
+    """A JSON answer; None when it cannot be read. For a value that it cannot read, sensors writes nan or a line with an
+    error, or leaves a comma behind the last value."""
     try:
         content = re.sub(r"^ERROR: .*\n", "", read(name), flags=re.M)
         content = re.sub(r",(?=\s*})", "", re.sub(r"(:\s*)-?nan\b", r"\1null", content))
@@ -165,6 +165,9 @@ class Sensor:
         self.broken, self.has_limits, self.state_known = False, False, False
         # A limit of 0 is one that nobody set.
         self.limits = {which: limit for which, limit in limits.items() if limit}
+        for outer, inner, sign in (("unr", "uc", 1), ("lnr", "lc", -1)):  # some boards have senseless outer limits
+            if {outer, inner} <= set(self.limits) and sign * (self.limits[outer] - self.limits[inner]) < 0:
+                del self.limits[outer]
 
     def beyond(self, which):
         limit = self.limits.get(which)
@@ -297,7 +300,8 @@ def limits_of(name, what, values, scale):
     elif what.startswith("fan"):
         wanted = {"lc": "min"}
     limits = {which: number(values.get(f"{what}_{limit}")) for which, limit in wanted.items()}
-    # Where there is no limit, drivers tell 0 or less, or what no part would survive, and firmware tells some degrees.
+    # Where there is no limit, drivers tell 0 or less, or what no part would survive, and firmware tells a temperature
+    # that any part has.
     lowest = {"uc": 40, "unc": 40} if what.startswith("temp") else {}
     limits = {which: limit / scale for which, limit in limits.items() if limit is not None and limit > 0}
     return {which: limit for which, limit in limits.items() if limit >= lowest.get(which, 0)}
@@ -342,7 +346,7 @@ HARMLESS = re.compile(r"ok|n/a|unknown|no reading|presence detected|.*threshold|
                       r"power supply inactive|non-redundant.* from insufficient.*|entity absent|terminator presence.*|"
                       r"slot.* is disabled|transition to (on line|off duty|power save)|pxe server not found|"
                       r"lower .* going high|upper .* going low", re.I)  # a value that comes back
-# These types are about the use of the machine, not about its hardware; of the first ones, only the warnings.
+# Types that are about the use of the machine. Of OF_USE only the warnings are left out, of ONLY_OF_USE everything.
 OF_USE = ("system event", "version change", "button/switch", "os critical stop")
 ONLY_OF_USE = ("session audit", "platform security violation attempt", "system boot initiated", "os boot",
                "system acpi power state")
@@ -415,14 +419,15 @@ def sensors_of_bmc(check, of_type, told):
     for sensor in mine:
         last = before.get(sensor.key)
         if not sensor.state_known and sensor.value is None and last is not None:
-            sensor, last = last, None  # a busy BMC leaves one out now and then; what was told stays for a collection
+            # A busy BMC cannot read a sensor now and then. Its last answer is valid for one more collection.
+            sensor, last = last, None
         words = [event for event in sensor.events if not re.fullmatch(r"|ok|n/a|[0-9a-f]+h|.*threshold", event, re.I)]
         # Without limits the state is that of the words, which may be harmless ones.
         if sensor.value is not None and not (set(words) & set(harmful(sensor)) if sensor.has_limits else words):
             judge_reading(sensor, last, told)
         elif not sensor.absurd:
-            gone = sensor.key in was_there and last is not None and not any(
-                present(answer) or not answer.state_known for answer in (sensor, last))
+            gone = sensor.key in was_there and not present(sensor) and (f"{check}:{sensor.key}:absent" in told or (
+                last is not None and not any(present(answer) or not answer.state_known for answer in (sensor, last))))
             judge_events(sensor, check, gone)
     return sum(sensor.value is not None or sensor.level is not None for sensor in mine)
 

@@ -36,7 +36,7 @@ TEST(Channel, CallsArriveInOrderHoweverSlowTheirReaderIs) {
     }
     EXPECT_EQ(reader.next(), nlohmann::json({7}));
     const std::size_t before = memory();
-    for (int i = 0; i < 100; ++i) writer->send(to_agent::close, i, std::string(1000 * i, 'x'));
+    for (int i = 0; i < 100; ++i) writer->send(to_agent::close, i, std::string(4000 * i, 'x'));
     EXPECT_EQ(writer->events(), POLLIN | POLLOUT);
     const std::size_t waiting = writer->waiting();
     const auto begin = std::chrono::steady_clock::now();
@@ -51,11 +51,13 @@ TEST(Channel, CallsArriveInOrderHoweverSlowTheirReaderIs) {
         for (bool lives = true; lives; usleep(5'000)) {  // longer than close_timeout in all
             lives = reader.update();
             for (std::optional<nlohmann::json> call; (call = reader.next()); ++i)
-                EXPECT_TRUE(*call == nlohmann::json({to_agent::close, {i, std::string(1000 * i, 'x')}})) << i;
+                EXPECT_TRUE(*call == nlohmann::json({to_agent::close, {i, std::string(4000 * i, 'x')}})) << i;
         }
         EXPECT_EQ(i, 100);
     });
+    const auto end_begins = std::chrono::steady_clock::now();
     writer->end();
+    EXPECT_GT(std::chrono::steady_clock::now() - end_begins, close_timeout);
     slow.join();
     EXPECT_EQ(writer->events(), POLLIN);
     EXPECT_LT(memory(), before + 2'000'000);

@@ -290,7 +290,8 @@ def try_disks_that_go():
         asleep = '{"smartctl": {"exit_status": 2}, "device": {"name": "/dev/sleeps"}}'
         answers = {"backup": good_disk("/dev/backup", "B1"), "sleeps": asleep, "asleep-gone": asleep,
                    "dies": good_disk("/dev/dies", "D1", smart_status={"passed": False}),
-                   "moves": good_disk("/dev/moves", "M1"), "moved": good_disk("/dev/moved", "M1")}
+                   "moves": good_disk("/dev/moves", "M1"), "moved": good_disk("/dev/moved", "M1"),
+                   "path": good_disk("/dev/path", "P1"), "path-2": good_disk("/dev/path-2", "P1")}
         machine.tool("smartctl", SMARTCTL.format(dir=machine.dir))
         machine.tool("lsblk", f'#!/bin/sh\nexec cat "{machine.dir}/lsblk"\n')
 
@@ -306,22 +307,24 @@ def try_disks_that_go():
             machine.collect("smartctl")
             return machine.run(MODULES / "inventory").splitlines()
 
-        before = collect("backup", "sleeps", "asleep-gone", "dies", "moves")
+        before = collect("backup", "sleeps", "asleep-gone", "dies", "moves", "path", "path-2")
         answers["sleeps"] = good_disk("/dev/sleeps", "S1")
-        after = collect("sleeps", "moved")
+        after = collect("sleeps", "moved", "path")
         health = [line[2] for line in machine.judge("smartctl")]
-        collect("sleeps")
-        collect("sleeps")
+        collect("sleeps", "path")
+        collect("sleeps", "path")
         told = (machine.dir / "run/disks.status").read_text()
         failed = {line.split("\t")[0]: line.split("\t")[3] for line in told.splitlines() if "\tfailed\t3\t" in line}
         wanted = {"smartctl /dev/asleep-gone": "the device is no longer there",
-                  "smartctl /dev/dies": "the disk (Makro, serial number D1) is no longer there"}
+                  "smartctl /dev/dies": "the disk (Makro, serial number D1) is no longer there",
+                  "smartctl /dev/path-2": "the disk (Makro, serial number P1) is no longer there"}
         slept = {line for line in before if "S1" in line}
         if failed != wanted:
             yield f"disks that go: failed are {failed}, not {wanted}"
         if len(health) != 1 or "/dev/dies (Makro, serial number D1): it fails" not in health[0]:
             yield f"disks that go: what was wrong with one of them is now {health}"
-        if not slept or slept - set(after) or "firmware of disk S1: FW42" not in after or "B1" in str(before):
+        if (not slept or slept - set(after) or "firmware of disk S1: FW42" not in after
+                or "B1" in str(before) or "D1" in str(after)):
             yield f"disks that go: the inventory was {before} and is {after}"
         machine.tool("smartctl", "#!/bin/sh\necho 'UNRECOGNIZED OPTION: json'\nexit 1\n")
         shutil.rmtree(machine.dir / "hardware-state")
