@@ -110,6 +110,9 @@ ask devconf check >answer || status=$?
 grep -q '^< disk: .*SERIAL7' answer || fail "the old disk is not named: $(cat answer)"
 grep -q '^> disk: .*SERIAL8' answer || fail "the new disk is not named: $(cat answer)"
 until_true grep -q 'W0104:devconf: .*SERIAL7' log/event_log
+ask devconf update >/dev/null
+sed -i 's/^disk: .*serial number [^,]*/&, firmware 1/' data/devconf # as an earlier version wrote it
+ask devconf check >answer || fail "with a record of an earlier version: $(cat answer)"
 
 # A site's checks: one hangs, one fails, one talks nonsense; the others' findings stay.
 printf '#!/bin/sh\nsleep 600\n' >config/parts.d/hangs
