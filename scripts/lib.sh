@@ -173,12 +173,12 @@ summarise() {
         }'
 }
 
-# test_preset NAME [CTEST-ARGUMENT...]: runs the tests of a built preset. Most tests wait for a daemon and do not
-# compute, so more of them run at once than there are processors. Some depend on time, which a busy machine may not have:
+# test_preset NAME [CTEST-ARGUMENT...]: runs the tests of a built preset. Many wait for a daemon, so more of them run at
+# once than there are processors. Some depend on time, which a busy machine may not have:
 # each failed test runs once more, alone, and both results are in the output.
 test_preset() {
-    local run=() tree tests_failed=8 status=0 # the exit code of ctest
-    tree=$(tree_of "$1")
+    local run=() tree failed status=0
+    tree=$(tree_of "$1") failed=$(tree_of "$1")/Testing/Temporary/LastTestsFailed.log
     # ThreadSanitizer cannot map its shadow memory when the kernel randomises addresses by more than 28 bits.
     if [ "$1" = tsan ] && [ "$(cat /proc/sys/vm/mmap_rnd_bits 2>/dev/null || echo 28)" -gt 28 ]; then
         run=(setarch -R)
@@ -187,9 +187,9 @@ test_preset() {
         "${run[@]}" ctest --preset "$@" </dev/null | summarise "$tree/Testing/Temporary/LastTest.log"
     }
     printf 'testing %s ...\n' "$1"
-    rm -f "$tree/Testing/Temporary/LastTestsFailed.log"
+    rm -f "$failed"
     run_tests "$@" --parallel "${TEST_JOBS:-$((4 * $(nproc)))}" || status=$?
-    if [ $status -eq $tests_failed ]; then
+    if [ $status -eq 8 ] && [ -s "$failed" ]; then # tests failed, and not ctest
         heading 'the tests that failed, once more, one at a time'
         status=0
         run_tests "$@" --rerun-failed || status=$?
