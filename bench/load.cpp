@@ -91,10 +91,9 @@ int run_commands(const char* port, double duration, long pause_us, std::string_v
     }
     const double rate = static_cast<double>(times.size()) / seconds(before - start).count();
     std::sort(times.begin(), times.end());
-    std::printf(
-        "{\"rate\": %.1f, \"median_us\": %.1f, \"p99_us\": %.1f, \"max_us\": %.1f, \"stalls\": %td}\n", rate,
-        times[times.size() / 2], times[times.size() * 99 / 100], times.back(),
-        times.end() - std::lower_bound(times.begin(), times.end(), stall_us));
+    std::printf("{\"rate\": %.1f, \"median_us\": %.1f, \"p99_us\": %.1f, \"max_us\": %.1f, \"stalls\": %td}\n", rate,
+                times[times.size() / 2], times[times.size() * 99 / 100], times.back(),
+                times.end() - std::lower_bound(times.begin(), times.end(), stall_us));
     return 0;
 }
 
@@ -125,8 +124,7 @@ int run_events(const char* pipe, double duration) {
     while (ioctl(fd, FIONREAD, &waiting) == 0 && waiting > 0) {
         std::this_thread::sleep_for(std::chrono::microseconds(200));
     }
-    std::printf("{\"rate\": %.1f}\n",
-                static_cast<double>(lines) / seconds(clock_type::now() - start).count());
+    std::printf("{\"rate\": %.1f}\n", static_cast<double>(lines) / seconds(clock_type::now() - start).count());
     return 0;
 }
 
@@ -143,7 +141,6 @@ int main(int argc, char** argv) {
     if (mode == "events" && argc == 4) {
         return run_events(argv[2], std::atof(argv[3]));
     }
-    std::fputs("usage: load commands PORT SECONDS PAUSE_US LINE | stream PORT BYTES | events PIPE SECONDS\n",
-               stderr);
+    std::fputs("usage: load commands PORT SECONDS PAUSE_US LINE | stream PORT BYTES | events PIPE SECONDS\n", stderr);
     return 1;
 }

@@ -49,8 +49,7 @@ void enqueue_for_all(benchmark::State& state) {
     while (hmistruc* const client = hmistruc_get()) {
         clients.push_back(client);
     }
-    state.SetLabel(std::to_string(clients.size()) +
-                   (full ? " clients, rings full" : " clients, rings not full"));
+    state.SetLabel(std::to_string(clients.size()) + (full ? " clients, rings full" : " clients, rings not full"));
     for (auto _ : state) {
         hmistruc_all_enqueue(text.c_str());
         for (hmistruc* const client : clients) {

@@ -18,7 +18,8 @@ from scratch import ROOT, wait_for  # noqa: E402
 MOST_DESCRIPTORS = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
 TERMINATORS = ("__over__ ", "__timeout__", "__busy__", "__unsupported__", "Good-bye.")
 INTERNAL = "status modcntl debug quit restart lock unlock show hello login ipset send res_data res_send"
-CLIENT_PACKAGES = ("libcli11-dev", "libmicrohttpd-dev", "pkgconf", "nlohmann-json3-dev", "libedit-dev", "libssl-dev")
+CLIENT_PACKAGES = ("libcli11-dev", "libmicrohttpd-dev", "pkgconf", "nlohmann-json3-dev", "libedit-dev", "libbsd-dev",
+                   "libmd-dev")
 EXTERNAL = ("allmodcall parts prognosis diag devconf confchg analysis qmx ehello "
             "nothing oneline stream sleep mix job")
 

@@ -15,8 +15,8 @@ namespace {
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-void validate_line(const std::string& path, int number, const std::string& line, std::size_t size,
-                   findings& to, const std::function<void(const line_piece&)>& validate) {
+void validate_line(const std::string& path, int number, const std::string& line, std::size_t size, findings& to,
+                   const std::function<void(const line_piece&)>& validate) {
     if (line.find('\0') != std::string::npos) {
         to.add(path, number, "a NUL character: what follows it is not read");
     }

@@ -64,8 +64,7 @@ const char* value_behind(const std::string& header, const std::string& line, con
 std::string first_word(const std::string& line) {
     constexpr const char* separators = " =\t\n";
     const std::size_t begin = line.find_first_not_of(separators);
-    return begin == std::string::npos ? ""
-                                      : line.substr(begin, line.find_first_of(separators, begin) - begin);
+    return begin == std::string::npos ? "" : line.substr(begin, line.find_first_of(separators, begin) - begin);
 }
 
 std::string without_newline(const std::string& line) {
@@ -118,14 +117,12 @@ private:
     void validate_pair(const line_piece& line) {
         const std::string key = first_word(line.text);
         if (!inside_) {
-            add(line,
-                quoted(without_newline(line.text)) +
-                    (section_.empty() ? " stands before any section and is not read"
-                                      : " is in the section " + quoted(section_) + ", which is not read"));
+            add(line, quoted(without_newline(line.text)) +
+                          (section_.empty() ? " stands before any section and is not read"
+                                            : " is in the section " + quoted(section_) + ", which is not read"));
             return;
         }
-        const auto known =
-            std::ranges::find_if(known_.keys, [&key](const known_key& k) { return key == k.name; });
+        const auto known = std::ranges::find_if(known_.keys, [&key](const known_key& k) { return key == k.name; });
         if (known == known_.keys.end()) {
             add(line, unknown_key(key));
             return;
@@ -137,8 +134,7 @@ private:
         }
         const auto [first, is_new] = first_line_.emplace(std::pair(section_, key), line.number);
         if (!is_new) {
-            add(line,
-                quoted(key) + " is not read: line " + std::to_string(first->second) + " sets it already");
+            add(line, quoted(key) + " is not read: line " + std::to_string(first->second) + " sets it already");
         }
         if (const std::string problem = known->validate(value); !problem.empty()) {
             add(line, key + ": " + problem);

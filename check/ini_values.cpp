@@ -26,8 +26,7 @@ std::string validate_number(const std::string& value, int low, int high) {
         return quoted(value) + " is not a number; it is read as " + std::to_string(number);
     }
     if (number < low || number > high || std::stold(value) > INT_MAX) {
-        return quoted(value) + " is out of range (" + std::to_string(low) + " to " + std::to_string(high) +
-               ")";
+        return quoted(value) + " is out of range (" + std::to_string(low) + " to " + std::to_string(high) + ")";
     }
     return "";
 }
@@ -41,8 +40,7 @@ bool is_address(const std::string& text) {
 bool is_own_address(in_addr_t address) {
     const unique_fd probe(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     const sockaddr_in local{AF_INET, 0, {address}, {}};
-    return bind(probe.get(), reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0 ||
-           errno != EADDRNOTAVAIL;
+    return bind(probe.get(), reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0 || errno != EADDRNOTAVAIL;
 }
 
 // is_first: no entry of the list stands before it.
@@ -76,9 +74,8 @@ std::string validate_seconds(const std::string& value) {
 
 std::string validate_address(const std::string& value) {
     // The scheduler's conversion ends at white space, too.
-    return is_address(value.substr(0, value.find_last_not_of(" \t\r") + 1))
-               ? ""
-               : quoted(value) + " is not an IPv4 address";
+    return is_address(value.substr(0, value.find_last_not_of(" \t\r") + 1)) ? ""
+                                                                            : quoted(value) + " is not an IPv4 address";
 }
 
 std::string validate_bound_address(const std::string& value) {
@@ -96,15 +93,13 @@ std::string validate_networks(const std::string& value) {
     static const std::regex separators("[ ,\t]+");
     int count = 0;
     std::string problems;
-    for (std::sregex_token_iterator token(value.begin(), value.end(), separators, -1), end; token != end;
-         ++token) {
+    for (std::sregex_token_iterator token(value.begin(), value.end(), separators, -1), end; token != end; ++token) {
         if (token->length() == 0) {
             continue;
         }
         std::string problem = validate_network(*token, count == 0);
         if (*token->first != '/' && ++count > allowed_max) {
-            problem =
-                quoted(token->str()) + " is ignored: at most " + std::to_string(allowed_max) + " are kept";
+            problem = quoted(token->str()) + " is ignored: at most " + std::to_string(allowed_max) + " are kept";
         }
         if (!problem.empty()) {
             problems += (problems.empty() ? "" : "; ") + problem;
@@ -114,9 +109,7 @@ std::string validate_networks(const std::string& value) {
 }
 
 std::string validate_switch(const std::string& value) {
-    return value == "yes" || value == "no"
-               ? ""
-               : quoted(value) + " is neither \"yes\" nor \"no\"; it is taken as no";
+    return value == "yes" || value == "no" ? "" : quoted(value) + " is neither \"yes\" nor \"no\"; it is taken as no";
 }
 
 std::string validate_text(const std::string& value) {

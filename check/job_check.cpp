@@ -26,8 +26,7 @@ struct listed_job {
 
 class job_file {
 public:
-    job_file(bool has_modules, findings& to)
-        : file_(st->timer_jobs_path), has_modules_(has_modules), to_(to) {}
+    job_file(bool has_modules, findings& to) : file_(st->timer_jobs_path), has_modules_(has_modules), to_(to) {}
 
     const std::string& file() const { return file_; }
     const std::vector<listed_job>& jobs() const { return jobs_; }
@@ -71,8 +70,7 @@ private:
         if (given.size() > command.size()) {
             add(line, "the command is cut to " + std::to_string(job_command_size - 1) + " characters");
         }
-        if (const char last = given.empty() ? 'x' : given.back();
-            last == ' ' || last == '\t' || last == '\r') {
+        if (const char last = given.empty() ? 'x' : given.back(); last == ' ' || last == '\t' || last == '\r') {
             add(line, "the blank or control character at the end belongs to the command");
         }
         if (("\t" + given + "\t").find("\t\t") != std::string::npos) {
@@ -95,8 +93,7 @@ private:
         if (is_internal(word.c_str()) != 0) {
             add(line, quoted(word) + " is answered by the scheduler itself; a job cannot run it");
         } else if (first != word && is_external(first.c_str()) != 0) {
-            add(line,
-                quoted(word) + " is not a module: the words of a command are separated by one tab each");
+            add(line, quoted(word) + " is not a module: the words of a command are separated by one tab each");
         } else {
             const std::string known = nearest(word, module_words());
             add(line, quoted(word) + " is not a module" + (known.empty() ? "" : "; the nearest is " + known));

@@ -31,8 +31,7 @@ std::string validate_number(const std::string& digits, const time_field& field) 
     if (value >= field.low && value <= field.high) {
         return "";
     }
-    return digits + " is out of range (" + std::to_string(field.low) + " to " + std::to_string(field.high) +
-           ")";
+    return digits + " is out of range (" + std::to_string(field.low) + " to " + std::to_string(field.high) + ")";
 }
 
 std::string validate_item(const std::string& item, const time_field& field) {
@@ -42,8 +41,8 @@ std::string validate_item(const std::string& item, const time_field& field) {
         return "an empty item is skipped";
     }
     if (!std::regex_match(item, part, form)) {
-        const bool is_name = std::isalpha(static_cast<unsigned char>(item[0])) != 0 &&
-                             item.find_first_of("0123456789/") == item.npos;
+        const bool is_name =
+            std::isalpha(static_cast<unsigned char>(item[0])) != 0 && item.find_first_of("0123456789/") == item.npos;
         return std::string("not a number, a range or *") + (!is_name ? ""
                                                             : field.slots == wday_slots
                                                                 ? "; it is read as 0, which is Sunday"

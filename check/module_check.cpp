@@ -72,8 +72,8 @@ public:
 private:
     std::string missing_words() const {
         std::string missing;
-        for (const char* word : {"allmodcall", "parts", "prognosis", "diag", "devconf", "confchg", "analysis",
-                                 "qmx", "ehello"}) {
+        for (const char* word :
+             {"allmodcall", "parts", "prognosis", "diag", "devconf", "confchg", "analysis", "qmx", "ehello"}) {
             const bool is_called = word != std::string_view("prognosis") || is_prognosis_platform();
             if (is_called && !first_line_.contains(word)) {
                 missing += std::string(" ") + word;
@@ -90,8 +90,8 @@ private:
         }
         const auto [known, is_new] = first_line_.emplace(entry.name, line.number);
         if (!is_new) {
-            add(line, quoted(entry.name) + " is never found: line " + std::to_string(known->second) +
-                          " lists it already");
+            add(line,
+                quoted(entry.name) + " is never found: line " + std::to_string(known->second) + " lists it already");
         }
         validate_timeout(line, entry);
         if (entry.entrypath[0] == '-') {
@@ -114,8 +114,7 @@ private:
         const long value = std::strtol(text, &rest, 10);
         const std::string_view number(text, std::strcspn(text, " \t\r\n"));
         if (errno != 0 || value < 0 || value > INT_MAX) {
-            add(line,
-                "time-out " + quoted(number) + " is out of range (0 to " + std::to_string(INT_MAX) + ")");
+            add(line, "time-out " + quoted(number) + " is out of range (0 to " + std::to_string(INT_MAX) + ")");
         } else if (rest != number.data() + number.size()) {
             add(line, "time-out " + quoted(number) + " is read as " + std::to_string(entry.timeout));
         }

@@ -27,8 +27,7 @@ void check_password(findings& to) {
         std::string word;
         while (text >> word) {
             hash = ++words == 1 ? word : hash;
-            const std::size_t end =
-                before + (text.eof() ? line.text.size() : static_cast<std::size_t>(text.tellg()));
+            const std::size_t end = before + (text.eof() ? line.text.size() : static_cast<std::size_t>(text.tellg()));
             ignored = ignored == 0 && (words > 2 || end > read_at_once) ? line.number : ignored;
         }
         before += line.text.size();

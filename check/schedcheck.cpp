@@ -56,9 +56,8 @@ int check_all(const settings& chosen) {
 
 int main(int argc, char** argv) try {
     settings chosen;
-    CLI::App app(
-        "Reads the scheduler's configuration with its own parsers and prints what is wrong, line by line.",
-        "schedcheck");
+    CLI::App app("Reads the scheduler's configuration with its own parsers and prints what is wrong, line by line.",
+                 "schedcheck");
     app.add_option("--config", chosen.config, "Directory of the configuration")
         ->envname("VGD_config")
         ->required()

@@ -17,7 +17,8 @@ fail() {
 # ---- packages ------------------------------------------------------------------------------------------------------
 
 # shellcheck disable=SC2034 # the scripts use them
-build_packages=(g++ cmake ninja-build libcli11-dev libmicrohttpd-dev pkgconf nlohmann-json3-dev libedit-dev libssl-dev)
+build_packages=(g++ cmake ninja-build libcli11-dev libmicrohttpd-dev pkgconf nlohmann-json3-dev libedit-dev
+    libbsd-dev libmd-dev)
 unit_test_packages=(libgtest-dev libgmock-dev librapidcheck-dev)
 client_test_packages=(python3-pytest python3-pexpect)
 # shellcheck disable=SC2034

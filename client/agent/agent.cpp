@@ -130,8 +130,8 @@ bool agent::takes_place(const host_state& state, clock::time_point now) const {
 // Whether a new connection must wait, because all descriptors are in use. Closes an idle connection to make room.
 bool agent::waits_for_room() {
     // Late ones do not count: they may stay for ever, and some of the descriptors are left for that.
-    const auto late = std::count_if(active_.begin(), active_.end(),
-                                    [this](std::size_t host) { return hosts_[host].link.is_late(); });
+    const auto late =
+        std::count_if(active_.begin(), active_.end(), [this](std::size_t host) { return hosts_[host].link.is_late(); });
     if (active_.size() < most_open_ + static_cast<std::size_t>(late)) {
         return false;
     }

@@ -45,8 +45,8 @@ public:
 private:
     struct command {
         std::uint32_t request;
-        std::vector<std::string> words;  // empty: the last `status`, which ends the connection
-        bool given_up = false;           // cancel() was called after it was sent
+        std::vector<std::string> words;                     // empty: the last `status`, which ends the connection
+        bool given_up = false;                              // cancel() was called after it was sent
         std::optional<clock::time_point> waits_until = {};  // for an older connection
     };
 
@@ -68,7 +68,7 @@ private:
         std::optional<clock::time_point> looked;
         std::string status_text;  // as far as it has come
         clock::time_point asked_at{};
-        clock::time_point look_at{};  // when to look again for an older connection that another process holds
+        clock::time_point look_at{};     // when to look again for an older connection that another process holds
         std::optional<state_file> held;  // not open when another process holds a connection
     };
 
@@ -120,9 +120,9 @@ private:
     mailbox mailbox_;
     bool is_finishing_ = false;  // nobody can be asked for a password, and nobody gets output
     std::deque<host_state> hosts_;
-    std::deque<std::size_t> ready_;  // hosts whose next command waits for its start
-    std::set<std::size_t> active_;   // hosts whose link is not closed
-    descriptor events_;              // of epoll: the descriptors of all links
+    std::deque<std::size_t> ready_;                                // hosts whose next command waits for its start
+    std::set<std::size_t> active_;                                 // hosts whose link is not closed
+    descriptor events_;                                            // of epoll: the descriptors of all links
     clock::time_point first_deadline_ = clock::time_point::max();  // no link has an earlier one
 };
 

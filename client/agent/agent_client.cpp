@@ -98,9 +98,8 @@ std::optional<std::string> agent_client::ask_password(std::size_t host) {
     std::string problem;
     bool given = false;
     // Ctrl-C at the prompt must have its usual effect.
-    with_usual_signals([&] {
-        given = client::ask_password("Password for " + hosts_[host].name + ": ", false, text, problem);
-    });
+    with_usual_signals(
+        [&] { given = client::ask_password("Password for " + hosts_[host].name + ": ", false, text, problem); });
     has_password_ = has_password_ || given;
     password(host, given ? text : problem, given);
     wipe(text);
@@ -148,8 +147,7 @@ void agent_client::finish(std::span<pollfd> others) {
     const clock::time_point limit = clock::now() + close_timeout;
     const auto step_until = [&](const auto& is_done) {
         const auto is_interrupted = [](const pollfd& p) { return p.revents != 0; };
-        while (!is_done() && clock::now() < limit &&
-               std::none_of(others.begin(), others.end(), is_interrupted)) {
+        while (!is_done() && clock::now() < limit && std::none_of(others.begin(), others.end(), is_interrupted)) {
             step(others, limit);
         }
     };

@@ -22,7 +22,7 @@ namespace client {
 
 // The answer of `status`, as the agent hands it on.
 struct status_answer {
-    std::uint32_t request = 0;  // that this answers; 0: a last `status`, or one before `restart` or `quit`
+    std::uint32_t request = 0;       // that this answers; 0: a last `status`, or one before `restart` or `quit`
     std::vector<status_line> lines;  // the messages that were stored before come first, then the answer
     bool complete = false;           // false: there is no answer, it broke off, or it is no status
     double seconds = 0;              // that the scheduler took for it

@@ -57,8 +57,7 @@ void agent::finish() {
     front_.send(to_front::left);
     front_.flush();
     const auto goes_on = [this] {
-        return std::any_of(hosts_.begin(), hosts_.end(),
-                           [](const host_state& state) { return state.closing; });
+        return std::any_of(hosts_.begin(), hosts_.end(), [](const host_state& state) { return state.closing; });
     };
     while (goes_on()) {
         for (std::size_t host = 0; host < hosts_.size(); ++host) {

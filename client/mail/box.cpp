@@ -40,8 +40,8 @@ bool read_counters(std::string_view text, counter_row& row) {
 
 std::string line_of(const box::record& r) {
     char columns[text_column + 1];
-    std::snprintf(columns, sizeof columns, record_format, r.waits ? '+' : '-',
-                  static_cast<unsigned long long>(r.id), r.kind, r.owner.c_str());
+    std::snprintf(columns, sizeof columns, record_format, r.waits ? '+' : '-', static_cast<unsigned long long>(r.id),
+                  r.kind, r.owner.c_str());
     return columns + r.text + "\n";
 }
 
@@ -96,8 +96,8 @@ std::vector<box::record> waiting_records(const std::string& key) {
 std::set<std::string> keys_of_boxes() {
     std::set<std::string> keys;
     std::error_code error;
-    for (std::filesystem::directory_iterator entry(state_directory() + "/mail", error), end;
-         !error && entry != end; entry.increment(error)) {
+    for (std::filesystem::directory_iterator entry(state_directory() + "/mail", error), end; !error && entry != end;
+         entry.increment(error)) {
         const std::string name = entry->path().filename();
         if (name.ends_with(".box")) {
             keys.insert(name.substr(0, name.size() - std::string_view(".1.box").size()));
@@ -117,14 +117,9 @@ box::box(std::string_view text) : size_(text.size()) {
         const std::size_t end = std::min(text.find('\n', at), text.size());
         const std::string_view line = text.substr(at, end - at);
         if (is_record(line) && end < text.size()) {
-            const std::string_view owner =
-                line.substr(owner_column, line.find(' ', owner_column) - owner_column);
-            records_.push_back({at,
-                                line[0] == '+',
-                                {},
-                                line[22],
-                                std::string(owner),
-                                std::string(line.substr(text_column))});
+            const std::string_view owner = line.substr(owner_column, line.find(' ', owner_column) - owner_column);
+            records_.push_back(
+                {at, line[0] == '+', {}, line[22], std::string(owner), std::string(line.substr(text_column))});
             std::from_chars(&line[1], &line[21], records_.back().id);
         } else {
             has_garbage_ = true;
@@ -164,8 +159,7 @@ box box::open(const std::string& key) {
     throw std::runtime_error(problem);
 }
 
-void box::each(const std::string& key, std::vector<std::string>& problems,
-               const std::function<void(box&)>& action) {
+void box::each(const std::string& key, std::vector<std::string>& problems, const std::function<void(box&)>& action) {
     for (const std::string& path : boxes_of(key)) {
         try {
             box opened = open_path(path);
@@ -239,8 +233,7 @@ box::record box::count_as_lost(const std::vector<record*>& dropped) {
         lost += report.messages.empty() ? report.lost : 1;
         counters_.totals.lost += report.messages.size();
     }
-    return {.waits = true,
-            .text = "W0100: message queue overflow, " + std::to_string(lost) + " messages were lost."};
+    return {.waits = true, .text = "W0100: message queue overflow, " + std::to_string(lost) + " messages were lost."};
 }
 
 bool box::set_owner(record& of, const std::string& owner) {
@@ -256,8 +249,7 @@ bool box::remove(record& shown) {
 }
 
 void box::clean() {
-    const bool is_empty =
-        std::none_of(records_.begin(), records_.end(), [](const record& r) { return r.waits; });
+    const bool is_empty = std::none_of(records_.begin(), records_.end(), [](const record& r) { return r.waits; });
     if (has_garbage_ || size_ == 0 || (!is_empty && size_ <= clean_above)) {
         return;
     }

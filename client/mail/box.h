@@ -77,8 +77,7 @@ public:
     std::vector<record>& records() { return records_; }
 
     // Each writes at once; false with errno.
-    bool append(
-        std::vector<record> more);  // numbers them; the oldest beyond max_messages are dropped and counted
+    bool append(std::vector<record> more);  // numbers them; the oldest beyond max_messages are dropped and counted
     bool set_owner(record& of, const std::string& owner);
     bool remove(record& shown);
     bool write_counters();

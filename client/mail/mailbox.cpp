@@ -57,8 +57,7 @@ void mailbox::name_own(const std::function<bool(const std::string& path)>& make)
     auto now = std::chrono::system_clock::now().time_since_epoch() / std::chrono::microseconds(1);
     for (int tries = 0; tries < max_names; ++tries, ++now) {
         char name[32];
-        std::snprintf(name, sizeof name, "%d.%08x", static_cast<int>(pid % 10'000'000),
-                      static_cast<unsigned>(now));
+        std::snprintf(name, sizeof name, "%d.%08x", static_cast<int>(pid % 10'000'000), static_cast<unsigned>(now));
         if (make(live + name)) {
             name_ = name;
             return;
@@ -93,8 +92,8 @@ std::optional<std::string> mailbox::reserve(std::size_t answers) try {
     return problem.what();
 }
 
-std::string mailbox::store(const std::string& key, const std::string& address,
-                           std::vector<status_line>& lines, bool shows) try {
+std::string mailbox::store(const std::string& key, const std::string& address, std::vector<status_line>& lines,
+                           bool shows) try {
     const auto is_new = [](const status_line& line) { return line.is_message && line.id == 0; };
     if (std::none_of(lines.begin(), lines.end(), is_new)) {
         return "";
@@ -210,8 +209,7 @@ std::string mailbox::notice(const std::string& key, const std::string& address) 
     }
     const std::string port = key.substr(key.rfind(':'));
     for (const std::string& name : address.empty() ? std::set<std::string>() : keys_of_boxes()) {
-        if (name != key && name.ends_with(port) && counters_of(name).address == address &&
-            waiting(name) != 0) {
+        if (name != key && name.ends_with(port) && counters_of(name).address == address && waiting(name) != 0) {
             std::string what = "under the name ";
             what.append(name).append("; schedctl -H ").append(name).append(" status shows them");
             say(waiting(name), what);
@@ -226,8 +224,7 @@ std::string mailbox::notice(const std::string& key, const std::string& address) 
 state_file hold_connection(const std::string& key, std::chrono::steady_clock::time_point connected_at) {
     // The clock counts from the start of the machine, so processes can compare it.
     char text[21];
-    std::snprintf(text, sizeof text, "%020lld",
-                  static_cast<long long>(connected_at.time_since_epoch().count()));
+    std::snprintf(text, sizeof text, "%020lld", static_cast<long long>(connected_at.time_since_epoch().count()));
     state_file file(held_path(key), state_file::access::create);
     return file.is_open() && file.lock() && file.write_at(0, text) ? std::move(file) : state_file();
 }

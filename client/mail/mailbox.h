@@ -37,8 +37,7 @@ public:
     // survive the end of the process. address: of the scheduler, dotted; empty when it is not known. shows: true when
     // this process shows them; otherwise any process may take them at once. Returns why they could not be stored; empty
     // when they are.
-    std::string store(const std::string& key, const std::string& address, std::vector<status_line>& lines,
-                      bool shows);
+    std::string store(const std::string& key, const std::string& address, std::vector<status_line>& lines, bool shows);
 
     // Takes what other processes have left for this scheduler, oldest first. It stays on the disk until it is shown,
     // and others do not get it before leave() or the end of this process.

@@ -44,8 +44,7 @@ std::string performance_of(const settings& chosen, const snapshot& known) {
                 (level == plugin_warning ? "0;" : ";") + (level == plugin_critical ? "0;" : ";") + "0;1 ";
     }
     char rest[96];
-    std::snprintf(rest, sizeof rest, "answer_time=%.6fs;;;0 lost=%luc;;;0", known.answer_seconds,
-                  known.totals.lost);
+    std::snprintf(rest, sizeof rest, "answer_time=%.6fs;;;0 lost=%luc;;;0", known.answer_seconds, known.totals.lost);
     return text + rest;
 }
 

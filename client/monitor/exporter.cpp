@@ -254,8 +254,7 @@ private:
     std::deque<std::pair<clock::time_point, std::size_t>> begun_;  // requests, oldest first
     bool ending_ = false;
     unsigned long errors_ = 0;
-    agent_client
-        agent_;  // before the server: it raises the limit for descriptors, on which the server's depends
+    agent_client agent_;  // before the server: it raises the limit for descriptors, on which the server's depends
     http_server server_;
 };
 

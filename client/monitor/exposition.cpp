@@ -24,8 +24,7 @@ public:
     explicit page(destination to) : to_(to) { text_.precision(15); }  // a time in seconds keeps its fraction
 
     // A family with a sample for each value of the label.
-    void add(kind of, const std::string& name, const char* help, const char* label,
-             const sample_list& samples) {
+    void add(kind of, const std::string& name, const char* help, const char* label, const sample_list& samples) {
         text_ << "# HELP " << name << ' ' << help << '\n';
         // OpenMetrics forbids the name with which the format of Prometheus declares a counter. Without a declaration
         // of its type, the text is valid in both.
@@ -51,8 +50,7 @@ public:
 
     // OpenMetrics requires the last line; in the format of Prometheus it is a comment.
     std::string finish() {
-        add(gauge, "sched_build_info", "Version of the client that collects.", "version",
-            {{SCHED_VERSION, 1}});
+        add(gauge, "sched_build_info", "Version of the client that collects.", "version", {{SCHED_VERSION, 1}});
         return text_.str() + "# EOF\n";
     }
 
@@ -69,8 +67,7 @@ double since(const snapshot& known, const char* name) {
 
 // Old values of a scheduler that is down would look current, so they are left out.
 void expose_answer(const snapshot& known, page& out) {
-    out.add(gauge, "sched_answer_seconds", "How long the scheduler took for the status.",
-            known.answer_seconds);
+    out.add(gauge, "sched_answer_seconds", "How long the scheduler took for the status.", known.answer_seconds);
     // Conditions that are not set have a sample too: alert rules need a value at all times. But a time of 0 would look
     // like a very old fault, so a condition that is not set has none.
     sample_list conditions;
@@ -83,12 +80,12 @@ void expose_answer(const snapshot& known, page& out) {
         }
     }
     out.add(gauge, "sched_condition", "Whether the condition is set.", "name", conditions);
-    out.add(gauge, "sched_condition_since_timestamp_seconds",
-            "When the condition was set last; only while it is set.", "name", times);
+    out.add(gauge, "sched_condition_since_timestamp_seconds", "When the condition was set last; only while it is set.",
+            "name", times);
     out.add(gauge, "sched_configuration_timestamp_seconds", "When the hardware configuration was read last.",
             since(known, "confdate"));
-    out.add(gauge, "sched_connected_operators",
-            "Connections of operators and relays, without the one that collects.", known.operators);
+    out.add(gauge, "sched_connected_operators", "Connections of operators and relays, without the one that collects.",
+            known.operators);
     if (!known.modules.empty()) {
         sample_list modules;
         for (const module_row& m : known.modules) {
@@ -104,8 +101,7 @@ void expose_snapshot(const snapshot& known, page& out) {
     out.add(gauge, "sched_up", "Whether the scheduler answers.", known.up);
     out.add(counter, "sched_messages_total", "Messages received, by severity.", "severity",
             {{"error", totals.error}, {"warning", totals.warning}, {"info", totals.info}});
-    out.add(counter, "sched_messages_lost_total", "Messages dropped because nobody fetched them in time.",
-            totals.lost);
+    out.add(counter, "sched_messages_lost_total", "Messages dropped because nobody fetched them in time.", totals.lost);
     out.add(counter, "sched_uptime_seconds_total",
             "How long the scheduler has run over all its starts, in full minutes.",
             known.uptime_minutes * seconds_per_minute);
@@ -124,8 +120,8 @@ void expose_snapshot(const snapshot& known, page& out) {
 std::string expose(const snapshot& known, destination to) {
     page out(to);
     if (to == destination::file) {
-        out.add(gauge, "sched_collect_error",
-                "Whether a fault of the client prevents it from asking the scheduler.", known.is_own_fault());
+        out.add(gauge, "sched_collect_error", "Whether a fault of the client prevents it from asking the scheduler.",
+                known.is_own_fault());
     }
     if (!known.is_own_fault()) {
         expose_snapshot(known, out);

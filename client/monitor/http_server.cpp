@@ -21,8 +21,8 @@ namespace {
 
 MHD_Result queue(MHD_Connection* connection, const http_reply& reply) {
     // The library takes a pointer to bytes that it only reads.
-    MHD_Response* response = MHD_create_response_from_buffer(
-        reply.text.size(), const_cast<char*>(reply.text.data()), MHD_RESPMEM_MUST_COPY);
+    MHD_Response* response =
+        MHD_create_response_from_buffer(reply.text.size(), const_cast<char*>(reply.text.data()), MHD_RESPMEM_MUST_COPY);
     if (response == nullptr) {
         return MHD_NO;  // no memory: the connection is closed
     }
@@ -49,8 +49,8 @@ MHD_Result add_target(void* targets, MHD_ValueKind, const char* key, std::size_t
 struct http_server::callbacks {
     // Called when the headers are complete, for each part of a body, when the request is complete, and again after a
     // suspension.
-    static MHD_Result request(void* self, MHD_Connection* connection, const char* url, const char* method,
-                              const char*, const char*, std::size_t* upload_size, void** context) {
+    static MHD_Result request(void* self, MHD_Connection* connection, const char* url, const char* method, const char*,
+                              const char*, std::size_t* upload_size, void** context) {
         if (*context == nullptr) {
             auto request = std::make_unique<http_request>();
             request->path = url;
@@ -82,8 +82,7 @@ struct http_server::callbacks {
         *context = nullptr;
     }
 
-    static void connection(void* self, MHD_Connection* connection, void**,
-                           MHD_ConnectionNotificationCode code) {
+    static void connection(void* self, MHD_Connection* connection, void**, MHD_ConnectionNotificationCode code) {
         auto& server = *static_cast<http_server*>(self);
         if (code == MHD_CONNECTION_NOTIFY_STARTED) {
             server.open_[connection] = clock::now() + server.lifetime_;
@@ -112,14 +111,14 @@ http_server::http_server(const std::string& address, const std::string& port, st
     getrlimit(RLIMIT_NOFILE, &files);
     // At most half of the descriptors, so that the others are left for files.
     const auto limit = static_cast<unsigned>(std::min<rlim_t>(max_http_connections, files.rlim_cur / 2));
-    daemon_.reset(MHD_start_daemon(
-        family | MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME, 0, nullptr, nullptr, &callbacks::request, this,  //
-        MHD_OPTION_SOCK_ADDR, found->ai_addr,                                                               //
-        MHD_OPTION_CONNECTION_MEMORY_LIMIT, http_memory,                                                    //
-        MHD_OPTION_CONNECTION_LIMIT, limit,                                                                 //
-        MHD_OPTION_STRICT_FOR_CLIENT, 1,                                                                    //
-        MHD_OPTION_NOTIFY_COMPLETED, &callbacks::completed, this,                                           //
-        MHD_OPTION_NOTIFY_CONNECTION, &callbacks::connection, this, MHD_OPTION_END));
+    daemon_.reset(MHD_start_daemon(family | MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME, 0, nullptr, nullptr,
+                                   &callbacks::request, this,                                 //
+                                   MHD_OPTION_SOCK_ADDR, found->ai_addr,                      //
+                                   MHD_OPTION_CONNECTION_MEMORY_LIMIT, http_memory,           //
+                                   MHD_OPTION_CONNECTION_LIMIT, limit,                        //
+                                   MHD_OPTION_STRICT_FOR_CLIENT, 1,                           //
+                                   MHD_OPTION_NOTIFY_COMPLETED, &callbacks::completed, this,  //
+                                   MHD_OPTION_NOTIFY_CONNECTION, &callbacks::connection, this, MHD_OPTION_END));
     if (daemon_ == nullptr) {
         throw std::runtime_error(fault + std::generic_category().message(errno));  // of its system call
     }
@@ -135,8 +134,7 @@ http_server::clock::time_point http_server::step() {
     // The library's own time-out begins again with each byte, so one byte a second would keep a connection for hours.
     for (auto& [connection, end] : open_) {
         if (end <= now) {
-            shutdown(MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd,
-                     SHUT_RDWR);
+            shutdown(MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd, SHUT_RDWR);
             end = clock::time_point::max();
         }
         next = std::min(next, end);

@@ -38,8 +38,7 @@ public:
 
     // Listens at that address and TCP port. lifetime: of a connection. Throws std::runtime_error.
     // Before its end all requests must have been answered.
-    http_server(const std::string& address, const std::string& port, std::chrono::seconds lifetime,
-                handler answerer);
+    http_server(const std::string& address, const std::string& port, std::chrono::seconds lifetime, handler answerer);
 
     http_server(const http_server&) = delete;
     http_server& operator=(const http_server&) = delete;

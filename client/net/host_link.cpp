@@ -111,8 +111,7 @@ void host_link::connect_next(int problem) {
     while (next_address_ < addresses_.size()) {
         connecting_at_ = clock::now();
         socket_.reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-        problem =
-            fd() < 0 ? errno : begin_connection(fd(), addresses_[next_address_], where_.port, how_.source);
+        problem = fd() < 0 ? errno : begin_connection(fd(), addresses_[next_address_], where_.port, how_.source);
         ++next_address_;
         if (problem == 0) {
             return on_connected();

@@ -27,9 +27,7 @@ host_name parse_host(const std::string& entry, std::uint16_t port) {
         host.port = port_of(std::string_view(entry).substr(colon + 1)).value_or(0);
     }
     // The name becomes part of file names. Two names in one entry would be looked up as one name.
-    const auto of_name = [](unsigned char c) {
-        return std::isalnum(c) != 0 || c == '.' || c == '-' || c == '_';
-    };
+    const auto of_name = [](unsigned char c) { return std::isalnum(c) != 0 || c == '.' || c == '-' || c == '_'; };
     if (host.name.empty() || host.port == 0 || !std::all_of(host.name.begin(), host.name.end(), of_name)) {
         throw std::runtime_error("\"" + entry + "\" is not name[:port]");
     }
@@ -41,8 +39,7 @@ void add_tag(const std::string& tag, host_name& host) {
     const auto of_name = [](unsigned char c) { return std::isalnum(c) != 0 || c == '_'; };
     const std::size_t equals = tag.find('=');
     const std::string name = tag.substr(0, equals);
-    if (equals == std::string::npos || name.empty() ||
-        std::isdigit(static_cast<unsigned char>(name[0])) != 0 ||
+    if (equals == std::string::npos || name.empty() || std::isdigit(static_cast<unsigned char>(name[0])) != 0 ||
         !std::all_of(name.begin(), name.end(), of_name)) {
         throw std::runtime_error("\"" + tag + "\" is not name=value");
     }

@@ -101,8 +101,7 @@ void keep_modules(const host_name& host, std::string_view answer) try {
 std::vector<std::string> kept_modules(const std::vector<host_name>& hosts) {
     std::vector<std::string> names;
     for (const host_name& host : hosts) {
-        each_line(read_file(path_for(host)).value_or(""),
-                  [&names](const std::string& name) { names.push_back(name); });
+        each_line(read_file(path_for(host)).value_or(""), [&names](const std::string& name) { names.push_back(name); });
     }
     return names;
 }

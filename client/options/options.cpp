@@ -34,21 +34,17 @@ void add_options(CLI::App& app, settings& chosen) {
     app.add_option("-H,--host", chosen.host_list,
                    "Host of the scheduler, NAME[:PORT]; several separated by commas; else SCHED_HOST")
         ->type_name("HOST");
-    app.add_option("--hosts", chosen.hosts_file, "File with one host a line; - for standard input")
-        ->type_name("FILE");
+    app.add_option("--hosts", chosen.hosts_file, "File with one host a line; - for standard input")->type_name("FILE");
     app.add_flag("--list", chosen.list, "Print the hosts, one a line, and end");
-    app.add_option("--parallel", chosen.parallel, "Number of hosts asked at once")
-        ->check(CLI::Range(1, 10000));
+    app.add_option("--parallel", chosen.parallel, "Number of hosts asked at once")->check(CLI::Range(1, 10000));
     app.add_flag("--as-it-comes", chosen.as_it_comes,
                  "Lines of several hosts as they come, not together for each host");
     app.add_option("-p,--port", chosen.port, "TCP port; else SCHED_PORT")->check(CLI::Range(1, 65535));
-    app.add_option("-u,--user", chosen.connect.user,
-                   "Name that other operators see with `show ip`; else SCHED_USER");
+    app.add_option("-u,--user", chosen.connect.user, "Name that other operators see with `show ip`; else SCHED_USER");
     app.add_option("-t,--timeout", chosen.connect.timeout,
                    "Seconds without a byte before giving up; 0: the usual limits; else SCHED_TIMEOUT")
         ->check(CLI::Range(0, 86400));
-    app.add_option("-b,--bind", chosen.connect.source, "Local IPv4 address to connect from")
-        ->check(CLI::ValidIPV4);
+    app.add_option("-b,--bind", chosen.connect.source, "Local IPv4 address to connect from")->check(CLI::ValidIPV4);
     app.add_option("--password-file", chosen.connect.password_file, "File whose first line is the password")
         ->type_name("FILE");
     app.add_flag("--json", chosen.json, std::string("Answer of ") + json_commands + " as JSON");
@@ -64,51 +60,41 @@ CLI::App& add_command(CLI::App& app, const char* word, const char* help, task wh
 void add_live_commands(CLI::App& app, settings& chosen) {
     for (CLI::App* command :
          {&add_command(app, "watch", "Show the status live until Ctrl-C", task::watch, chosen),
-          &add_command(app, "follow", "Write each message and change as a line of JSON", task::follow,
-                       chosen)}) {
+          &add_command(app, "follow", "Write each message and change as a line of JSON", task::follow, chosen)}) {
         command->add_option("-n,--interval", chosen.interval, "Seconds between two status requests")
             ->check(CLI::Range(1, 3600));
-        command->add_flag("--level-prefix", chosen.level_prefix,
-                          "Begin each line of JSON with its priority, \"<3>\"");
+        command->add_flag("--level-prefix", chosen.level_prefix, "Begin each line of JSON with its priority, \"<3>\"");
     }
 }
 
 void add_metrics(CLI::App& app, settings& chosen) {
-    CLI::App& metrics = add_command(app, "metrics", "Print the metrics of the scheduler for collectors",
-                                    task::metrics, chosen);
+    CLI::App& metrics =
+        add_command(app, "metrics", "Print the metrics of the scheduler for collectors", task::metrics, chosen);
     CLI::Option* const output =
         metrics.add_option("-o,--output", chosen.output, "Replace this file, for the textfile collector")
             ->type_name("FILE");
     // --output writes a file once; --listen serves until it is stopped.
-    metrics.add_option("--listen", chosen.listen, "Serve /metrics?target=HOST:PORT at ADDRESS:PORT")
-        ->excludes(output);
+    metrics.add_option("--listen", chosen.listen, "Serve /metrics?target=HOST:PORT at ADDRESS:PORT")->excludes(output);
 }
 
 void add_check(CLI::App& app, settings& chosen) {
-    CLI::App& check =
-        add_command(app, "check", "Check the scheduler as a monitoring plugin", task::check, chosen);
+    CLI::App& check = add_command(app, "check", "Check the scheduler as a monitoring plugin", task::check, chosen);
     std::vector<std::string> words = {"all", "none"};
     words.insert(words.end(), std::begin(condition_names), std::end(condition_names));
-    std::copy_if(std::begin(condition_names), std::end(condition_names), std::back_inserter(chosen.warning),
-                 is_fault);
+    std::copy_if(std::begin(condition_names), std::end(condition_names), std::back_inserter(chosen.warning), is_fault);
     // A misspelt condition would never match, so the check would miss the fault: refuse it.
     const CLI::IsMember known(words);
     check
-        .add_option("-w,--warning", chosen.warning,
-                    "Conditions that give a warning, separated by commas; or all, none")
+        .add_option("-w,--warning", chosen.warning, "Conditions that give a warning, separated by commas; or all, none")
         ->delimiter(',')
         ->check(known);
     check.add_option("-c,--critical", chosen.critical, "Conditions that are critical; they override -w")
         ->delimiter(',')
         ->check(known);
     // The names of the exit codes that all monitoring plugins share.
-    const std::map<std::string, int> levels = {{"ok", plugin_ok},
-                                               {"warning", plugin_warning},
-                                               {"critical", plugin_critical},
-                                               {"unknown", plugin_unknown}};
-    check
-        .add_option("--timeout-state", chosen.timeout_level,
-                    "State when the scheduler does not answer in time")
+    const std::map<std::string, int> levels = {
+        {"ok", plugin_ok}, {"warning", plugin_warning}, {"critical", plugin_critical}, {"unknown", plugin_unknown}};
+    check.add_option("--timeout-state", chosen.timeout_level, "State when the scheduler does not answer in time")
         ->transform(CLI::CheckedTransformer(levels, CLI::ignore_case))
         ->default_str("unknown");
 }
@@ -121,15 +107,14 @@ const char* from_environment(const CLI::App& app, const char* option, const char
 
 // The libraries' own way does not refuse a wrong number in every version: the default would be used without a message.
 template <typename number>
-void read_number(const CLI::App& app, const char* option, const char* variable, long first, long last,
-                 number& chosen) {
+void read_number(const CLI::App& app, const char* option, const char* variable, long first, long last, number& chosen) {
     if (const char* const value = from_environment(app, option, variable)) {
         const char* const end = value + std::strlen(value);
         long read = 0;
         const auto [stop, error] = std::from_chars(value, end, read);
         if (error != std::errc() || stop != end || read < first || read > last) {
-            throw CLI::ValidationError(variable, std::string(value) + " is not a number from " +
-                                                     std::to_string(first) + " to " + std::to_string(last));
+            throw CLI::ValidationError(variable, std::string(value) + " is not a number from " + std::to_string(first) +
+                                                     " to " + std::to_string(last));
         }
         chosen = static_cast<number>(read);
     }
@@ -155,10 +140,7 @@ void read_environment(const CLI::App& app, settings& chosen) {
         chosen.hosts = has_file ? read_hosts(chosen.hosts_file, chosen.port)
                                 : parse_hosts(usual != nullptr ? usual : chosen.host_list, chosen.port);
     } catch (const std::runtime_error& problem) {
-        throw CLI::ValidationError(has_file           ? "--hosts"
-                                   : usual != nullptr ? "SCHED_HOST"
-                                                      : "--host",
-                                   problem.what());
+        throw CLI::ValidationError(has_file ? "--hosts" : usual != nullptr ? "SCHED_HOST" : "--host", problem.what());
     }
     chosen.several = chosen.hosts.size() > 1 || !chosen.hosts_file.empty();
 }
@@ -175,8 +157,7 @@ void check_settings(const settings& chosen) {
     const bool for_one = chosen.what == task::metrics ? chosen.listen.empty() : !is_own;
     if (chosen.several && chosen.words.empty() && for_one) {
         throw CLI::ValidationError(
-            "several hosts",
-            "need a command, `watch`, `follow` or `check`; everything else works with one host only");
+            "several hosts", "need a command, `watch`, `follow` or `check`; everything else works with one host only");
     }
 }
 
@@ -228,9 +209,8 @@ void check_words(const CLI::App& app, const std::vector<std::string>& words) {
         const bool looks_like_one =
             (name == 1 || name == 2) && std::isalpha(static_cast<unsigned char>(word[name])) != 0;
         if (is_internal ? looks_like_one : option_of(app, word) != nullptr) {
-            const std::string why = is_internal
-                                        ? " is not an option of schedctl"
-                                        : " is an option of schedctl and must be before a module's words";
+            const std::string why = is_internal ? " is not an option of schedctl"
+                                                : " is an option of schedctl and must be before a module's words";
             throw CLI::ValidationError(word + why + "; to send it as a word: schedctl -- " +
                                        CLI::detail::join(words, " "));
         }

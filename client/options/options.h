@@ -46,8 +46,7 @@ struct settings {
 };
 
 // The commands whose answers have a JSON form, for messages.
-inline constexpr const char* json_commands =
-    "`status`, `modcntl`, `debug timer`, `show ip` or `show allowed_ip`";
+inline constexpr const char* json_commands = "`status`, `modcntl`, `debug timer`, `show ip` or `show allowed_ip`";
 
 // Reads the command line. Returns an exit code when the program must end at once (help, wrong usage, completion), else
 // nothing.

@@ -44,8 +44,7 @@ constexpr meaning meanings[] = {
     {exit_login, "login refused"},
     {exit_usage, "messages could not be stored"},
 };
-static_assert(std::size(meanings) == static_cast<std::size_t>(outcome::count_),
-              "one meaning for each outcome");
+static_assert(std::size(meanings) == static_cast<std::size_t>(outcome::count_), "one meaning for each outcome");
 
 // Reads the fields after the word. Returns true only when formatting these fields gives exactly this line.
 bool read_fields(const std::string& line, command_result& end) {
@@ -139,8 +138,7 @@ std::optional<command_result> answer_parser::end_of(std::string_view line) const
     for (const terminator& t : terminators) {
         if (expected(t.how) && line.starts_with(t.word)) {
             command_result end(t.how);
-            const bool is_end =
-                t.longest == 0 || (line.size() <= t.longest && read_fields(std::string(line), end));
+            const bool is_end = t.longest == 0 || (line.size() <= t.longest && read_fields(std::string(line), end));
             return is_end ? std::optional(end) : std::nullopt;
         }
     }

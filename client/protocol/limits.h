@@ -31,14 +31,13 @@ constexpr std::chrono::seconds scrape_timeout{2};
 // For receiving a request of HTTP and sending its answer.
 constexpr std::chrono::seconds http_lifetime{10};
 
-constexpr std::size_t max_answer = 1 << 20;  // bytes of a command that the scheduler answers itself
-constexpr std::size_t max_messages = 1000;   // in the mailbox of one scheduler, and in a view of one host
-constexpr std::size_t max_listed = 10'000;   // messages in a view of several hosts
+constexpr std::size_t max_answer = 1 << 20;       // bytes of a command that the scheduler answers itself
+constexpr std::size_t max_messages = 1000;        // in the mailbox of one scheduler, and in a view of one host
+constexpr std::size_t max_listed = 10'000;        // messages in a view of several hosts
 constexpr std::size_t room_per_answer = 140'000;  // bytes; 127 messages of 1023 bytes and their dates
 constexpr std::size_t receive_size = 65536;       // bytes of one receive
 constexpr std::size_t max_unread = 64 << 20;      // bytes of output that the agent keeps for a front
-constexpr std::size_t http_memory =
-    8192;  // bytes of a connection: the request, and the headers of the answer
+constexpr std::size_t http_memory = 8192;         // bytes of a connection: the request, and the headers of the answer
 constexpr unsigned max_http_connections = 4096;
 constexpr std::size_t max_targets = 20'000;  // of an exporter without a hosts file; each keeps some memory
 

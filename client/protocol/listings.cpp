@@ -89,8 +89,7 @@ json parse_connections(std::string_view answer) {
         // The user's name may contain any text that a client sent, so it is all between the two marks.
         const std::size_t user = line.find(" user=");
         const std::size_t login = line.rfind(" login=");
-        if (!line.starts_with("ip=") || user == std::string::npos || login == std::string::npos ||
-            login < user + 6) {
+        if (!line.starts_with("ip=") || user == std::string::npos || login == std::string::npos || login < user + 6) {
             return;
         }
         std::string date = line.substr(login + 7, 19);  // "2026/11/16 15:47:03", of the scheduler's clock
@@ -114,8 +113,7 @@ json parse_networks(std::string_view answer) {
         unsigned mask = 0;
         if (std::sscanf(line.c_str(), "%*d addr=%15s mask=%8x", address, &mask) == 2) {
             // The number of ones is the same in either byte order.
-            rows.push_back(
-                {{"address", address}, {"prefix", std::popcount(static_cast<std::uint32_t>(mask))}});
+            rows.push_back({{"address", address}, {"prefix", std::popcount(static_cast<std::uint32_t>(mask))}});
         }
     });
     return rows;

@@ -2,14 +2,14 @@
 
 #include "term/descriptor.h"
 
-#include <array>
+#include <bsd/readpassphrase.h>
 #include <cerrno>
-#include <cstdio>
+#include <csignal>
+#include <cstring>
 #include <fcntl.h>
 #include <fstream>
-#include <openssl/crypto.h>
-#include <openssl/evp.h>
 #include <random>
+#include <sha2.h>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -19,20 +19,22 @@ namespace client {
 namespace {
 
 constexpr std::string_view alphanumeric = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
-constexpr int longest_password = 512;  // bytes
+constexpr std::size_t longest_password = 512;  // bytes
+constexpr const char* too_long = "a password has at most 512 bytes";
 
 // Returns the SHA-256 of the text as 64 lower-case hexadecimal digits.
-std::string sha256_hex(std::string_view text) {
-    std::array<unsigned char, EVP_MAX_MD_SIZE> digest;
-    unsigned length = 0;
-    if (EVP_Digest(text.data(), text.size(), digest.data(), &length, EVP_sha256(), nullptr) != 1) {
-        throw std::runtime_error("libcrypto refuses SHA-256");
-    }
-    char hex[2 * EVP_MAX_MD_SIZE + 1] = "";
-    for (unsigned i = 0; i < length; ++i) {
-        std::snprintf(hex + 2 * i, 3, "%02x", digest[i]);
-    }
-    return hex;
+std::string sha256_hex(const std::string& text) {
+    char hex[SHA256_DIGEST_STRING_LENGTH];
+    return SHA256Data(reinterpret_cast<const std::uint8_t*>(text.data()), text.size(), hex);
+}
+
+// Asks once. Returns false with errno; 0: nothing was typed.
+bool read_at_terminal(const std::string& prompt, std::string& password) {
+    char typed[longest_password + 2];  // one byte more shows that it is too long, and one is for the final zero
+    errno = 0;
+    password = readpassphrase(prompt.c_str(), typed, sizeof typed, RPP_REQUIRE_TTY) != nullptr ? typed : "";
+    explicit_bzero(typed, sizeof typed);
+    return !password.empty();
 }
 
 }  // namespace
@@ -59,22 +61,22 @@ bool has_terminal() {
 }
 
 bool ask_password(const std::string& prompt, bool verify, std::string& password, std::string& problem) {
-    // Without a terminal, libcrypto's prompt would read standard input, which a script uses for other data.
-    if (!has_terminal()) {
-        problem = "no terminal to ask for the password";
-        return false;
+    std::string again;
+    // Ctrl-C gives up the password, not the program. Other signals have their effect when the terminal is restored.
+    const auto usual = std::signal(SIGINT, [](int) {});
+    if (!read_at_terminal(prompt, password) || (verify && !read_at_terminal("Verifying - " + prompt, again))) {
+        problem = errno == ENOTTY ? "no terminal to ask for the password" : "no password given";
+    } else if (verify && again != password) {
+        problem = "the passwords differ";
+    } else if (password.size() > longest_password) {
+        problem = too_long;
     }
-    // One byte more for the final zero.
-    char typed[longest_password + 1];
-    const int result = EVP_read_pw_string_min(typed, 0, longest_password, prompt.c_str(), int{verify});
-    if (result == 0) {
-        password = typed;
-    } else {
-        problem = result == -1 && verify ? "the passwords differ" : "no password given";
+    std::signal(SIGINT, usual);
+    wipe(again);
+    if (!problem.empty()) {
+        wipe(password);
     }
-    // On failure too, as it may contain a part of the password.
-    OPENSSL_cleanse(typed, sizeof typed);
-    return result == 0;
+    return problem.empty();
 }
 
 std::string read_password(std::istream& from, const std::string& name) {
@@ -88,21 +90,18 @@ std::string read_password(std::istream& from, const std::string& name) {
         password.pop_back();
     }
     if (password.size() > longest_password) {
-        throw std::runtime_error(name + ": a password has at most " + std::to_string(longest_password) +
-                                 " bytes");
+        throw std::runtime_error(name + ": " + too_long);
     }
     return password;
 }
 
 void wipe(std::string& text) {
-    // The compiler may leave out a memset of memory that is not read again.
-    OPENSSL_cleanse(text.data(), text.size());
+    explicit_bzero(text.data(), text.size());  // the compiler may leave out other writes, as nobody reads them
 }
 
 std::string login_line(const command_result& challenge, const std::string& password) {
     const std::string own_nonce = random_alphanumeric(64);
-    const std::string response =
-        sha256_hex(hash_text(challenge.salt, password) + challenge.nonce + own_nonce);
+    const std::string response = sha256_hex(hash_text(challenge.salt, password) + challenge.nonce + own_nonce);
     return "login\t" + response + "\t" + challenge.nonce + "\t" + own_nonce;
 }
 

@@ -2,8 +2,6 @@
 //
 // The hash text is the SHA-256 of the salt followed by the password, as 64 lower-case hexadecimal digits. The scheduler
 // stores it with the salt and never sees the password.
-//
-// The functions for digests and random texts throw when the library fails.
 #pragma once
 
 #include "protocol/answer.h"
@@ -24,7 +22,7 @@ std::string random_alphanumeric(std::size_t length);
 bool has_terminal();
 
 // Asks on the terminal without echo; twice when verify is set. Returns false when there is no terminal, the operator
-// gives up, or the two differ; problem gets the reason.
+// types nothing or Ctrl-C, the two differ, or it is too long; problem, which is empty before, gets the reason.
 bool ask_password(const std::string& prompt, bool verify, std::string& password, std::string& problem);
 
 // Returns the first line without its LF or CR LF. The caller sets errno to 0 before it opens or reads the stream.

@@ -10,8 +10,7 @@
 namespace client {
 
 // The conditions that `status` shows while they are set, in its order.
-constexpr const char* condition_names[] = {"error",  "prevent", "diag",  "conf",
-                                           "patrol", "snap",    "korvo", "padiag"};
+constexpr const char* condition_names[] = {"error", "prevent", "diag", "conf", "patrol", "snap", "korvo", "padiag"};
 
 // False for the two that say that a timer job exists, and for the date of the configuration.
 constexpr bool is_fault(std::string_view condition) {

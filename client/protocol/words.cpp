@@ -7,14 +7,12 @@
 namespace client {
 
 const daemon_word* find_daemon_word(std::string_view word) {
-    const daemon_word* const found =
-        std::find_if(std::begin(daemon_words), std::end(daemon_words),
-                     [word](const daemon_word& known) { return known.word == word; });
+    const daemon_word* const found = std::find_if(std::begin(daemon_words), std::end(daemon_words),
+                                                  [word](const daemon_word& known) { return known.word == word; });
     return found != std::end(daemon_words) ? found : nullptr;
 }
 
-std::vector<std::string> words_after(const std::vector<std::string>& earlier,
-                                     const std::vector<std::string>& modules) {
+std::vector<std::string> words_after(const std::vector<std::string>& earlier, const std::vector<std::string>& modules) {
     const auto fits = [](const std::string& typed, const std::string& word) {
         return word == "MODULE" || word == typed;
     };
@@ -23,8 +21,7 @@ std::vector<std::string> words_after(const std::vector<std::string>& earlier,
         for (const std::string_view form : known.forms) {
             std::vector<std::string> all;
             split_words(std::string(known.word).append(" ").append(form), all);
-            if (all.size() > earlier.size() &&
-                std::equal(earlier.begin(), earlier.end(), all.begin(), fits)) {
+            if (all.size() > earlier.size() && std::equal(earlier.begin(), earlier.end(), all.begin(), fits)) {
                 words.insert(all[earlier.size()]);
             }
         }

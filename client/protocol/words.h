@@ -45,8 +45,7 @@ inline constexpr daemon_word daemon_words[] = {
 const daemon_word* find_daemon_word(std::string_view word);
 
 // Returns the words that may follow these words of a command, sorted. modules: the names of the scheduler's modules.
-std::vector<std::string> words_after(const std::vector<std::string>& earlier,
-                                     const std::vector<std::string>& modules);
+std::vector<std::string> words_after(const std::vector<std::string>& earlier, const std::vector<std::string>& modules);
 
 // Splits a typed line at blanks and appends the words; '…' and "…" keep blanks in a word. Returns false when a quote is
 // not closed.

@@ -25,9 +25,7 @@ std::string with_prefix(const std::string& prefix, std::string_view text, bool& 
 }  // namespace
 
 host_output::host_output(const settings& chosen, listener written)
-    : by_line_(chosen.as_it_comes),
-      listener_(std::move(written)),
-      in_order_(chosen.hosts.size() > 1 && !by_line_) {
+    : by_line_(chosen.as_it_comes), listener_(std::move(written)), in_order_(chosen.hosts.size() > 1 && !by_line_) {
     for (std::size_t host = 0; host < chosen.hosts.size(); ++host) {
         lanes_.push_back({.prefix = chosen.json ? "" : chosen.prefix_of(host)});
     }

@@ -14,8 +14,7 @@ class host_output {
 public:
     // Called when output of the host may have been written. shown: its messages that are written now; may be empty.
     // ends: how many of its commands have ended with all their output written.
-    using listener =
-        std::function<void(std::size_t host, const std::vector<std::uint64_t>& shown, std::size_t ends)>;
+    using listener = std::function<void(std::size_t host, const std::vector<std::uint64_t>& shown, std::size_t ends)>;
 
     host_output(const settings& chosen, listener written);
 

@@ -28,8 +28,7 @@ namespace {
 
 std::string status_json(std::string_view answer) {
     const status_report report = parse_status(answer);
-    return json_text(
-        {{"conditions", report.conditions}, {"messages", report.messages}, {"lost", report.lost}});
+    return json_text({{"conditions", report.conditions}, {"messages", report.messages}, {"lost", report.lost}});
 }
 
 // The answer of `modcntl` is empty when the module was switched, and has a text when that was refused.

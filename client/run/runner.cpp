@@ -57,8 +57,7 @@ void command_runner::start(std::size_t host) {
     if (const std::optional<std::string> problem = join_words(words_, line)) {
         return finish_host(host, {outcome::invalid, *problem});
     }
-    const std::optional<std::string> refused =
-        agent_.needs_password() ? agent_.ask_password(host) : std::nullopt;
+    const std::optional<std::string> refused = agent_.needs_password() ? agent_.ask_password(host) : std::nullopt;
     if (!refused) {
         state.request = agent_.ask(host, words_);
     } else if (words_[0] == "status") {
@@ -80,8 +79,7 @@ void command_runner::wait() {
     clock::time_point order_end = states_.size() > 1 ? clock::now() + order_limit : clock::time_point::max();
     while (running_ > 0) {
         output_.write_some();
-        pollfd others[] = {{signals_.fd(), POLLIN, 0},
-                           {output_.is_waiting() ? STDOUT_FILENO : -1, POLLOUT, 0}};
+        pollfd others[] = {{signals_.fd(), POLLIN, 0}, {output_.is_waiting() ? STDOUT_FILENO : -1, POLLOUT, 0}};
         // A module of one host has to wait for a slow reader; with several, the ends of the others must be seen.
         if (states_.size() == 1 && output_.waiting_bytes(0) > max_answer) {
             poll(others, std::size(others), -1);
@@ -210,8 +208,7 @@ void command_runner::finish_host(std::size_t host, const command_result& end) {
     // One object of JSON without an answer would look like a status.
     if (convert_ != nullptr && (over || chosen_.several)) {
         const std::string object = over || !state.kept.empty() ? convert_(state.kept) : "";
-        output_.add(host,
-                    chosen_.several ? host_json(chosen_.hosts[host].label, object, describe(end)) : object);
+        output_.add(host, chosen_.several ? host_json(chosen_.hosts[host].label, object, describe(end)) : object);
         for (const status_line& line : state.lines) {
             output_.mark(host, line.id);
         }
@@ -247,8 +244,7 @@ void command_runner::report_end(std::size_t host) const {
     if (at_terminal_) {
         std::printf("[%s]\n", text.c_str());
         if (given_up_ != 0 && (end.how == outcome::no_answer || end.how == outcome::interrupted)) {
-            print_at_terminal(given_up_ == 1 ? "its answer, when it comes, will be dropped"
-                                             : "it was not sent");
+            print_at_terminal(given_up_ == 1 ? "its answer, when it comes, will be dropped" : "it was not sent");
         }
         return;
     }
@@ -256,8 +252,7 @@ void command_runner::report_end(std::size_t host) const {
         end.how == outcome::closed || end.how == outcome::unsent || end.how == outcome::no_answer;
     const host_name& named = chosen_.hosts[host];
     const bool needs_port = of_connection && !chosen_.several;
-    complain((needs_port ? named.name + ":" + std::to_string(named.port) + ": " : chosen_.prefix_of(host)) +
-             text);
+    complain((needs_port ? named.name + ":" + std::to_string(named.port) + ": " : chosen_.prefix_of(host)) + text);
 }
 
 std::string command_runner::absorb() {

@@ -76,8 +76,8 @@ private:
     std::vector<std::string> words_;  // of the last command
     std::size_t running_ = 0;         // hosts whose output is not written
     int exit_code_ = 0;               // the largest of the hosts
-    std::size_t given_up_ = 0;  // commands that the operator no longer waits for, and that have not ended
-    std::string note_;          // what has happened besides the commands
+    std::size_t given_up_ = 0;        // commands that the operator no longer waits for, and that have not ended
+    std::string note_;                // what has happened besides the commands
 };
 
 // Runs one command. Returns its exit code; with several hosts, the largest of theirs. Throws std::runtime_error when

@@ -90,12 +90,10 @@ public:
         with_history_file(history_path_, [this] {
             const char* const path = history_path_.c_str();
             clear_history();
-            std::for_each(typed_.begin(), typed_.end(),
-                          [](const std::string& line) { add_history(line.c_str()); });
+            std::for_each(typed_.begin(), typed_.end(), [](const std::string& line) { add_history(line.c_str()); });
             append_history(history_size, path);
             std::error_code ignored;
-            if (const auto size = std::filesystem::file_size(path, ignored);
-                !ignored && size > longest_history_file) {
+            if (const auto size = std::filesystem::file_size(path, ignored); !ignored && size > longest_history_file) {
                 clear_history();
                 read_history(path);
                 write_history(path);
@@ -145,8 +143,7 @@ private:
     bool wait_for_key() {
         signal_watch& signals = runner_.signals();
         for (;;) {
-            pollfd ready[] = {
-                {STDIN_FILENO, POLLIN, 0}, {signals.fd(), POLLIN, 0}, {runner_.fd(), POLLIN, 0}};
+            pollfd ready[] = {{STDIN_FILENO, POLLIN, 0}, {signals.fd(), POLLIN, 0}, {runner_.fd(), POLLIN, 0}};
             if (poll(ready, 3, -1) < 0) {
                 continue;
             }
@@ -297,8 +294,7 @@ private:
         exit_code_ = runner_.run(words);
         // The next lines of a script would also fail, or run without the lock that it held.
         const outcome how = runner_.last().how;
-        const bool is_broken =
-            how == outcome::closed || how == outcome::unsent || how == outcome::interrupted;
+        const bool is_broken = how == outcome::closed || how == outcome::unsent || how == outcome::interrupted;
         return at_terminal_ ? !runner_.signals().leaving() : !is_broken;
     }
 

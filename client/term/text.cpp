@@ -34,9 +34,8 @@ std::string escaped(std::string_view bytes) {
 // Whether a signal that ends the program has come. The signals may be blocked during a write.
 bool is_told_to_end() {
     sigset_t pending;
-    return sigpending(&pending) == 0 &&
-           (sigismember(&pending, SIGINT) == 1 || sigismember(&pending, SIGTERM) == 1 ||
-            sigismember(&pending, SIGHUP) == 1);
+    return sigpending(&pending) == 0 && (sigismember(&pending, SIGINT) == 1 || sigismember(&pending, SIGTERM) == 1 ||
+                                         sigismember(&pending, SIGHUP) == 1);
 }
 
 }  // namespace

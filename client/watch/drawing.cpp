@@ -120,8 +120,7 @@ std::string time_of_day() {
 
 }  // namespace
 
-std::vector<event*> draw_host(const host_row& host, const std::string& notice,
-                              std::deque<listed_message>& messages) {
+std::vector<event*> draw_host(const host_row& host, const std::string& notice, std::deque<listed_message>& messages) {
     canvas page;
     page.line(host.label + time_of_day() + "Ctrl-C quits", bold);
     if (!host.since.empty()) {
@@ -133,14 +132,12 @@ std::vector<event*> draw_host(const host_row& host, const std::string& notice,
     }
     for (const condition& c : host.known.conditions) {
         char row[96];
-        std::snprintf(row, sizeof row, "%-9s %s  %s", c.name.c_str(), c.since.c_str(),
-                      age_of(c.since).c_str());
+        std::snprintf(row, sizeof row, "%-9s %s  %s", c.name.c_str(), c.since.c_str(), age_of(c.since).c_str());
         page.line(row, colour_of(health_of(c)));
     }
     page.line("Messages: " + std::to_string(messages.size()), bold);
     std::vector<event*> shown;
-    for (std::size_t i = messages.size() - std::min(page.rows_left(), messages.size()); i < messages.size();
-         ++i) {
+    for (std::size_t i = messages.size() - std::min(page.rows_left(), messages.size()); i < messages.size(); ++i) {
         event& m = messages[i].what;
         shown.push_back(&m);
         const bool warns = m.priority == warning_level && m.lost == 0;
@@ -158,9 +155,7 @@ std::vector<event*> draw_hosts(std::vector<host_row>& rows, const std::string& n
         page.line(notice, yellow);
     }
     if (keys.editing || !keys.filter.empty()) {
-        page.line(
-            "/" + keys.filter + (keys.editing ? "_" : "") + "  " + std::to_string(lines.size()) + " shown",
-            bold);
+        page.line("/" + keys.filter + (keys.editing ? "_" : "") + "  " + std::to_string(lines.size()) + " shown", bold);
     }
     keys.page = page.rows_left();
     // The filter may have made the list shorter since the last key.

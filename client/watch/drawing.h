@@ -24,8 +24,7 @@ struct listed_message {
 
 // Draws the host, a line for the operator (empty: none) and as many of the newest messages as fit. Returns these
 // messages; none when the terminal could not be written.
-std::vector<event*> draw_host(const host_row& host, const std::string& notice,
-                              std::deque<listed_message>& messages);
+std::vector<event*> draw_host(const host_row& host, const std::string& notice, std::deque<listed_message>& messages);
 
 // The state of the view of many hosts that keys change.
 struct host_keys {

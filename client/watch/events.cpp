@@ -32,9 +32,8 @@ event condition_event(const condition& which, bool is_set) {
     const level alarm = which.name == "error" ? error_level : warning_level;
     const level priority = !is_set ? notice_level : is_fault(which.name) ? alarm : info_level;
     // The answer has no date for a condition that it no longer lists.
-    return {priority, is_set ? which.since : now_date(),
-            "condition " + which.name + (is_set ? " set" : " cleared"), "condition",
-            json{{"name", which.name}, {"set", is_set}}};
+    return {priority, is_set ? which.since : now_date(), "condition " + which.name + (is_set ? " set" : " cleared"),
+            "condition", json{{"name", which.name}, {"set", is_set}}};
 }
 
 event message_event(const message& what, std::uint64_t id) {

@@ -16,8 +16,8 @@ enum level : int { error_level = 3, warning_level = 4, notice_level = 5, info_le
 struct event {
     level priority;
     std::string date;
-    std::string text;  // for people, such as "condition error set"; of a message, the message itself
-    const char* name;  // for programs: "connected", "disconnected", "condition", "message" or "lost"
+    std::string text;             // for people, such as "condition error set"; of a message, the message itself
+    const char* name;             // for programs: "connected", "disconnected", "condition", "message" or "lost"
     nlohmann::ordered_json more;  // the further members of its JSON
     std::uint64_t id = 0;         // in the mailbox; 0: it is not there, so nothing has to be acknowledged
     unsigned long lost = 0;       // number of messages that the scheduler or the mailbox has dropped

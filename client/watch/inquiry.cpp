@@ -89,8 +89,7 @@ std::vector<event> inquiry::status(const status_answer& answer) {
 bool inquiry::ended(const command_result& end) {
     const std::string answer = std::exchange(answer_, {});
     const std::string& word = words()[0];
-    if (word == "status" ||
-        (end.how != outcome::over && end.how != outcome::unsupported && end.how != outcome::busy)) {
+    if (word == "status" || (end.how != outcome::over && end.how != outcome::unsupported && end.how != outcome::busy)) {
         return false;
     }
     if (end.how == outcome::over) {

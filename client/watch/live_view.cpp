@@ -20,8 +20,7 @@ public:
         : poller(chosen), signals_([this] { without_screen([] { std::raise(SIGTSTP); }); }) {
         for (std::size_t number = 0; number < chosen.hosts.size(); ++number) {
             const host_name& host = chosen.hosts[number];
-            rows_.push_back(
-                {chosen.several ? host.label : host.name + ":" + std::to_string(host.port), known(number)});
+            rows_.push_back({chosen.several ? host.label : host.name + ":" + std::to_string(host.port), known(number)});
         }
     }
 

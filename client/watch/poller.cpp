@@ -19,9 +19,8 @@ constexpr std::chrono::seconds only_once = std::chrono::hours(24);
 
 poller::poller(const settings& chosen)
     : chosen_(chosen),
-      interval_(chosen.what == task::check || chosen.what == task::metrics
-                    ? only_once
-                    : std::chrono::seconds(chosen.interval)),
+      interval_(chosen.what == task::check || chosen.what == task::metrics ? only_once
+                                                                           : std::chrono::seconds(chosen.interval)),
       agent_(chosen.hosts, asking(chosen), *this) {
     for (const host_name& host : chosen.hosts) {
         states_.push_back({inquiry(host)});
@@ -166,13 +165,11 @@ int poller::report_given_up(int otherwise) const {
 }
 
 bool is_refusal(outcome how) {
-    return how != outcome::closed && how != outcome::unsent && how != outcome::no_answer &&
-           how != outcome::over;
+    return how != outcome::closed && how != outcome::unsent && how != outcome::no_answer && how != outcome::over;
 }
 
 agent_options asking(const settings& chosen) {
-    agent_options how{
-        .connect = chosen.connect, .parallel = chosen.parallel, .stored = stored_messages::taken};
+    agent_options how{.connect = chosen.connect, .parallel = chosen.parallel, .stored = stored_messages::taken};
     how.kind = chosen.what == task::follow ? mail_kind::followers : mail_kind::operators;
     if (chosen.what == task::check || chosen.what == task::metrics) {
         how.must_store = true;

@@ -16,8 +16,8 @@ namespace client {
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(condition, name, since)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(message, date, text)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(module_row, name, on)
-NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(snapshot, up, failure, problem, answered, answer_seconds, conditions,
-                                   messages, totals, operators, timer_jobs, uptime_minutes, modules)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(snapshot, up, failure, problem, answered, answer_seconds, conditions, messages,
+                                   totals, operators, timer_jobs, uptime_minutes, modules)
 
 namespace {
 
@@ -61,8 +61,8 @@ std::string own_path(const host_name& host) {
 }  // namespace
 
 const condition* snapshot::find(std::string_view name) const {
-    const auto found = std::find_if(conditions.begin(), conditions.end(),
-                                    [name](const condition& c) { return c.name == name; });
+    const auto found =
+        std::find_if(conditions.begin(), conditions.end(), [name](const condition& c) { return c.name == name; });
     return found != conditions.end() ? &*found : nullptr;
 }
 

@@ -41,12 +41,12 @@ struct hmistruc {
     message_slot* queue GUARDED_BY(st->hmistruc_lock);    // ring of ring_slots
     int in GUARDED_BY(st->hmistruc_lock);                 // next slot to fill
     int out GUARDED_BY(st->hmistruc_lock);                // next slot to read
-    int lost GUARDED_BY(st->hmistruc_lock);  // messages dropped since the last hmistruc_lostcount
-    int soc;                                 // socket, -1 once a command has closed it
-    sockaddr_in peer;                        // address that accept returned
-    char remote[remote_size];                // client address text; ipset replaces it
-    relaxed<std::uint32_t> tid;              // connection thread, written by main once that thread runs
-    relaxed<std::uint32_t> login;            // when it was accepted, seconds since the epoch
+    int lost GUARDED_BY(st->hmistruc_lock);               // messages dropped since the last hmistruc_lostcount
+    int soc;                                              // socket, -1 once a command has closed it
+    sockaddr_in peer;                                     // address that accept returned
+    char remote[remote_size];                             // client address text; ipset replaces it
+    relaxed<std::uint32_t> tid;                           // connection thread, written by main once that thread runs
+    relaxed<std::uint32_t> login;                         // when it was accepted, seconds since the epoch
     relaxed<std::uint32_t> last_status;  // last status command, seconds since the epoch; 0 before the first
     int locked;                          // 1 while this HMI holds hmi_mutex
     char user[user_size];                // name given by hello

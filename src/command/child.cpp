@@ -102,8 +102,7 @@ int init_child_environment() {
 
 pid_t start_child(const char* path, char* const argv[], const char* addition, int output, int null) {
     child_plan plan{path, argv, build_environment(addition), output, null, descriptor_limit(), {}, 0};
-    plan.message_length =
-        format_text(plan.message, "Error:command:exec fails (path=%s argv0=%s errno=", path, argv[0]);
+    plan.message_length = format_text(plan.message, "Error:command:exec fails (path=%s argv0=%s errno=", path, argv[0]);
     plan.message_length = std::min(plan.message_length, sizeof plan.message - error_number_size);
     // vfork does not copy the page tables, so the cost of a start does not depend on the size of this process. The
     // child uses our memory until the exec, and only this thread waits for it. Signals cannot run a handler in the

@@ -13,5 +13,4 @@ int init_child_environment() REQUIRES(com_lock);
 // or empty) is added to the scheduler's environment.
 // When the program cannot be executed, the child writes a message to output and ends with exit code 1.
 // Returns the process id, or -1 with errno.
-pid_t start_child(const char* path, char* const argv[], const char* addition, int output, int null)
-    REQUIRES(com_lock);
+pid_t start_child(const char* path, char* const argv[], const char* addition, int output, int null) REQUIRES(com_lock);

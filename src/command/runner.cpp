@@ -82,8 +82,7 @@ std::size_t to_crlf(const char* from, std::size_t n, char* to) {
     const char* const end = from + n;
     char* out = to;
     while (from < end) {
-        const auto* lf =
-            static_cast<const char*>(std::memchr(from, '\n', static_cast<std::size_t>(end - from)));
+        const auto* lf = static_cast<const char*>(std::memchr(from, '\n', static_cast<std::size_t>(end - from)));
         const auto run = static_cast<std::size_t>((lf != nullptr ? lf : end) - from);
         std::memcpy(out, from, run);
         out += run;

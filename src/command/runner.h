@@ -11,5 +11,5 @@
 //   capture      with soc -1: receives the first capture_size bytes of the output unchanged, without a NUL;
 //                null drops the output
 // Returns the child's wait status (0 for exit code 0), or -1 when it could not be started.
-int start_command(const char* path, int soc, unsigned timeout, char* const argv[], const char* addition,
-                  char* capture, int capture_size) REQUIRES(com_lock);
+int start_command(const char* path, int soc, unsigned timeout, char* const argv[], const char* addition, char* capture,
+                  int capture_size) REQUIRES(com_lock);

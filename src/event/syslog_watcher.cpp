@@ -58,8 +58,7 @@ void syslog_poll(const char* path, syslog_seen& seen) {
         event_hard_error();
     } else if (log.st_size != seen.size || log.st_ino != seen.inode) {
         trprintf("event:%s size changed.(%d:%u -> %d:%u)\n", path, static_cast<int>(seen.inode),
-                 static_cast<unsigned>(seen.size), static_cast<int>(log.st_ino),
-                 static_cast<unsigned>(log.st_size));
+                 static_cast<unsigned>(seen.size), static_cast<int>(log.st_ino), static_cast<unsigned>(log.st_size));
         event_hard_error();
     } else {
         forward_what_is_unsent(log);

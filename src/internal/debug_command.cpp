@@ -33,10 +33,9 @@ void show_queue(int soc, const hmistruc& entry, const hmi_snapshot& seen) {
 
 void show_entry(int soc, const hmistruc& entry, const hmi_snapshot& seen) {
     reply_text(soc, "--------------------------------\r\n");
-    reply(soc, "remote:%s (tid=%d) user=\"%s\" login=%s\r\n", seen.remote, static_cast<int>(entry.tid.get()),
-          seen.user, stamp(entry.login));
-    reply(soc, "in=%d out=%d lost=%d last_status=%s\r\n", seen.in, seen.out, seen.lost,
-          stamp(entry.last_status));
+    reply(soc, "remote:%s (tid=%d) user=\"%s\" login=%s\r\n", seen.remote, static_cast<int>(entry.tid.get()), seen.user,
+          stamp(entry.login));
+    reply(soc, "in=%d out=%d lost=%d last_status=%s\r\n", seen.in, seen.out, seen.lost, stamp(entry.last_status));
     reply(soc, "ipset=\"%s\" resource_fd=%d\r\n", seen.ipset, entry.resource_fd.get());
 }
 

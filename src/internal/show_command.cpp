@@ -33,8 +33,8 @@ void show_connections(int soc) {
             continue;
         }
         char date[date_size];
-        reply(soc, "ip=%s user=%s login=%s %s\r\n", seen.remote, seen.user,
-              date_text(local_time(entry.login), date), last_locked_hmi == &entry ? "locked=1" : "");
+        reply(soc, "ip=%s user=%s login=%s %s\r\n", seen.remote, seen.user, date_text(local_time(entry.login), date),
+              last_locked_hmi == &entry ? "locked=1" : "");
     }
 }
 

@@ -30,8 +30,7 @@ std::uint32_t prefix_mask(int length) {
 // Stores "address" or "address/length". Returns false when there is no address.
 bool store_allowed_address(const char* token, int index) {
     const char* slash = std::strchr(token, '/');
-    const std::size_t length =
-        slash != nullptr ? static_cast<std::size_t>(slash - token) : std::strlen(token);
+    const std::size_t length = slash != nullptr ? static_cast<std::size_t>(slash - token) : std::strlen(token);
     char address[128];
     if (copy_text(address, {token, length}) == 0) {
         return false;
@@ -68,8 +67,7 @@ constexpr setting settings[] = {
     {"sched.conf", "qmxut_port", [](const char* value) { st->qmxut_port = decimal_value(value); }},
     {"sched.conf", "port_no", [](const char* value) { set_if_positive(st->port, value); }},
     {"sched.conf", "analysis_interval", [](const char* value) { set_if_positive(st->pendtime, value); }},
-    {"sched.conf", "syslog_poll_interval",
-     [](const char* value) { set_if_positive(st->syslog_poll_interval, value); }},
+    {"sched.conf", "syslog_poll_interval", [](const char* value) { set_if_positive(st->syslog_poll_interval, value); }},
     {"common.ini", "bound_ip_address",
      [](const char* value) {
          copy_text(st->bound_ip_address, {value, strnlen(value, bound_address_max)});
@@ -86,8 +84,7 @@ void read_config() {
             continue;
         }
         // Traced before the check, so that the trace shows a rejected value too.
-        trprintf("ini:file=\"%s\" section=\"%s\" key=\"%s\" value=\"%s\"\n", row.file, section, row.key,
-                 value);
+        trprintf("ini:file=\"%s\" section=\"%s\" key=\"%s\" value=\"%s\"\n", row.file, section, row.key, value);
         row.apply(value);
     }
 }

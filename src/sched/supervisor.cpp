@@ -55,8 +55,7 @@ bool wait_for_sched(pid_t pid, int& status) {
         trprintf("alive_check:waitpid(pid=%d) errors.(errno=%d)\n", pid, errno);
         return false;
     }
-    trprintf("alive_check:waitpid(pid=%d) returns 0x%x(errno=%d)\n", pid, static_cast<unsigned>(status),
-             errno);
+    trprintf("alive_check:waitpid(pid=%d) returns 0x%x(errno=%d)\n", pid, static_cast<unsigned>(status), errno);
     return true;
 }
 

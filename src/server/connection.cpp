@@ -23,8 +23,7 @@ static_assert(line_max == command_line_size, "what a connection reads, the dispa
 namespace {
 
 bool passes_login_gate(const hmistruc& hmi, std::string_view line) {
-    return hmi.auth != auth_required || line == "quit" || line.starts_with("login\t") ||
-           line.starts_with("ipset\t");
+    return hmi.auth != auth_required || line == "quit" || line.starts_with("login\t") || line.starts_with("ipset\t");
 }
 
 void refuse_overflow(const hmistruc& hmi, const char* line) {
@@ -83,8 +82,7 @@ public:
             ++lines_;
             return true;
         }
-        trprintf("Warning:comm:hmi(%s) is gone, %d lines carried out after it, the rest dropped\n",
-                 hmi.remote, lines_);
+        trprintf("Warning:comm:hmi(%s) is gone, %d lines carried out after it, the rest dropped\n", hmi.remote, lines_);
         return false;
     }
 

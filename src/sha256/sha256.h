@@ -5,15 +5,14 @@
 #include <cstdint>
 
 constexpr std::size_t sha256_digest_size = 32;
-constexpr std::size_t sha256_text_min =
-    72;  // bytes that the output routines need: up to 71 characters and the NUL
+constexpr std::size_t sha256_text_min = 72;  // bytes that the output routines need: up to 71 characters and the NUL
 
 struct sha256_ctx {
     std::uint32_t state[8];
     std::uint8_t digest[sha256_digest_size];  // valid after sha256_checksum
-    std::uint32_t block[16];  // the block being filled; each word has its most significant byte first
-    std::uint32_t count_hi;   // bytes processed, high word
-    std::uint32_t count_lo;   // low word
+    std::uint32_t block[16];                  // the block being filled; each word has its most significant byte first
+    std::uint32_t count_hi;                   // bytes processed, high word
+    std::uint32_t count_lo;                   // low word
 };
 
 // Order of calls: reset, any number of process calls, checksum once, then any output routine. The caller owns the

@@ -5,8 +5,7 @@
 
 #include <cstdint>
 
-constexpr int condition_status =
-    512;  // wait status of exit code 2: the modules' code for "condition present"
+constexpr int condition_status = 512;  // wait status of exit code 2: the modules' code for "condition present"
 
 // Marks a condition as reported and stamps it with the current time. Any thread.
 void set_and_stamp(status_mark& mark);

@@ -66,11 +66,10 @@ struct sched_status {
     posix_mutex hmistruc_lock;  // guards the HMI table and every message ring
 
     // ---- access and login
-    char bound_ip_address[32];  // local address to bind; empty means all
-    allowed_address
-        allowed_ip_address[allowed_max];  // networks that may connect; all may when the first addr is 0
-    char auth_hash[128];                  // 64 characters, or empty when no login is required
-    char auth_salt[128];                  // 8 characters, or empty
+    char bound_ip_address[32];                        // local address to bind; empty means all
+    allowed_address allowed_ip_address[allowed_max];  // networks that may connect; all may when the first addr is 0
+    char auth_hash[128];                              // 64 characters, or empty when no login is required
+    char auth_salt[128];                              // 8 characters, or empty
 
     // ---- forwarding
     char udp_dest_addr[128];     // receiver of forwarded data, default "127.0.0.1"

@@ -69,8 +69,7 @@ void set_job_field(const char* field, std::uint8_t* slots, int n) {
     char work[field_size];
     copy_text(work, {field, std::strcspn(field, " \t\n\v\f\r")});
     char* rest = nullptr;
-    for (const char* text = strtok_r(work, ",", &rest); text != nullptr;
-         text = strtok_r(nullptr, ",", &rest)) {
+    for (const char* text = strtok_r(work, ",", &rest); text != nullptr; text = strtok_r(nullptr, ",", &rest)) {
         field_item item{};
         if (!parse_item(text, n, item)) {
             return;

@@ -154,7 +154,6 @@ void wait_for_jobs() {
 }
 
 bool is_job_due(const job_record& record, const std::tm& now) {
-    return record.minute[now.tm_min] != 0 && record.hour[now.tm_hour] != 0 &&
-           record.month[now.tm_mon + 1] != 0 &&
+    return record.minute[now.tm_min] != 0 && record.hour[now.tm_hour] != 0 && record.month[now.tm_mon + 1] != 0 &&
            (record.mday[now.tm_mday] != 0 || record.wday[now.tm_wday] != 0);
 }

@@ -31,8 +31,7 @@ void load_count(unique_fd file) {
 bool write_start_date() {
     const unique_fd file = open_regular(st->up_time_start_path, O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (!file) {
-        trprintf("Error:failed to create uptime start file.(path=%s errno=%d)\n", st->up_time_start_path,
-                 errno);
+        trprintf("Error:failed to create uptime start file.(path=%s errno=%d)\n", st->up_time_start_path, errno);
         return false;
     }
     char date[iso_size];

@@ -71,8 +71,7 @@ int timezone_offset(const std::tm& utc, const std::tm& local) {
     } else if (utc.tm_year > local.tm_year) {
         local_day = -1;
     }
-    return (utc.tm_min - local.tm_min) + (utc_day * 24 + utc.tm_hour) * 60 -
-           (local_day * 24 + local.tm_hour) * 60;
+    return (utc.tm_min - local.tm_min) + (utc_day * 24 + utc.tm_hour) * 60 - (local_day * 24 + local.tm_hour) * 60;
 }
 
 int get_timezone_offset() {
@@ -91,23 +90,23 @@ int date2iso8601(std::time_t when, char (&out)[iso_size]) {
         offset = -offset;
     }
     return static_cast<int>(format_text(out, "%04d-%02d-%02dT%02d:%02d:%02d%c%02d:%02d", parts.tm_year + 1900,
-                                        parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min,
-                                        parts.tm_sec, sign, offset / 60, offset % 60));
+                                        parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec,
+                                        sign, offset / 60, offset % 60));
 }
 
 std::time_t iso2date(const char* text) {
     iso_fields f{};
     int end = -1;  // set only when the text has its "Z"
-    if (std::sscanf(text, "%4d-%2d-%2dT%2d:%2d:%2dZ%n", &f.year, &f.month, &f.day, &f.hour, &f.minute,
-                    &f.second, &end) == 6 &&
+    if (std::sscanf(text, "%4d-%2d-%2dT%2d:%2d:%2dZ%n", &f.year, &f.month, &f.day, &f.hour, &f.minute, &f.second,
+                    &end) == 6 &&
         end >= 0) {
         return utc_seconds(f);
     }
     char sign = '\0';
     int hours = 0;
     int minutes = 0;
-    if (std::sscanf(text, "%4d-%2d-%2dT%2d:%2d:%2d%c%2d:%2d", &f.year, &f.month, &f.day, &f.hour, &f.minute,
-                    &f.second, &sign, &hours, &minutes) != 9) {
+    if (std::sscanf(text, "%4d-%2d-%2dT%2d:%2d:%2d%c%2d:%2d", &f.year, &f.month, &f.day, &f.hour, &f.minute, &f.second,
+                    &sign, &hours, &minutes) != 9) {
         return -1;
     }
     const std::time_t offset = (std::time_t{hours} * 60 + minutes) * 60;

@@ -30,9 +30,7 @@ public:
     explicit deadline(std::int64_t ms) : end_(monotonic_ms() + ms) {}
 
     // Milliseconds left, 0 when the time has passed: a time-out for poll.
-    [[nodiscard]] int left_ms() const {
-        return static_cast<int>(std::max<std::int64_t>(end_ - monotonic_ms(), 0));
-    }
+    [[nodiscard]] int left_ms() const { return static_cast<int>(std::max<std::int64_t>(end_ - monotonic_ms(), 0)); }
 
 private:
     std::int64_t end_;  // monotonic clock, milliseconds

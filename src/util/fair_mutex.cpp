@@ -23,8 +23,7 @@ void fair_mutex::unlock() {
     waiter& next = *first_;
     first_ = next.next;
     next.is_owner = true;
-    pthread_cond_signal(
-        &next.turn);  // under state_: the waiter is gone as soon as it sees that it is the owner
+    pthread_cond_signal(&next.turn);  // under state_: the waiter is gone as soon as it sees that it is the owner
 }
 
 bool fair_mutex::try_lock() {

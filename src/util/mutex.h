@@ -27,9 +27,7 @@ public:
     void lock() ACQUIRE() { static_cast<void>(pthread_mutex_lock(&mutex_)); }
     void unlock() RELEASE() { static_cast<void>(pthread_mutex_unlock(&mutex_)); }
     // Unlocks, waits for a signal on condition, and locks again; may also return without a signal.
-    void wait(pthread_cond_t& condition) REQUIRES(this) {
-        static_cast<void>(pthread_cond_wait(&condition, &mutex_));
-    }
+    void wait(pthread_cond_t& condition) REQUIRES(this) { static_cast<void>(pthread_cond_wait(&condition, &mutex_)); }
 
 private:
     pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;

@@ -359,15 +359,18 @@ class E2eClientTerminal:
         before = suite.read("data/password")
         owner = 12345 if os.geteuid() == 0 else os.geteuid()
         os.chown(suite.dir / "data/password", owner, -1)
-        for again in ("otherwise", "fresh"):
+        long = "x" * 513
+        for typed, again, says in (("fresh", "otherwise", "the passwords differ"), ("", "", "no password given"),
+                                   (long, long, "a password has at most 512 bytes"), ("fresh", "fresh", " is written;")):
             passwd = suite.terminal(suite.path("data/password"), program=str(suite.build / "schedpasswd"))
             passwd.until("New password: ")
-            passwd.press("fresh\n")
-            passwd.until("New password: ")  # "Verifying - ..."
-            passwd.press(again + "\n")
+            passwd.press(typed + "\n")
+            if typed:
+                passwd.until("Verifying - New password: ")
+                passwd.press(again + "\n")
             code, rest = passwd.ended()
             assert code == (0 if again == "fresh" else 2)
-            assert (" is written;" if again == "fresh" else "the passwords differ") in rest
+            assert says in rest
             assert os.stat(suite.dir / "data/password").st_uid == owner
-            assert again not in rest
+            assert not again or again not in rest
             assert (suite.read("data/password") != before) == (again == "fresh")
