@@ -14,41 +14,41 @@
 namespace {
 
 // Selects the mode; parse_options has refused combinations that make no sense. Each mode starts its agent.
-int run(const client::settings& chosen) {
+int run(const settings& chosen) {
     switch (chosen.what) {
-        case client::task::metrics:
-            return client::run_metrics(chosen);
-        case client::task::check:
-            return client::run_check(chosen);
-        case client::task::watch:
-        case client::task::follow:
-            return client::run_watch(chosen);
-        case client::task::list:
-            for (const client::host_name& host : chosen.hosts) {
+        case task::metrics:
+            return run_metrics(chosen);
+        case task::check:
+            return run_check(chosen);
+        case task::watch:
+        case task::follow:
+            return run_watch(chosen);
+        case task::list:
+            for (const host_name& host : chosen.hosts) {
                 std::puts(host.label.c_str());
             }
             return 0;
         default:
-            return chosen.words.empty() ? client::run_session(chosen) : client::run_command(chosen);
+            return chosen.words.empty() ? run_session(chosen) : run_command(chosen);
     }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) try {
-    if (!client::open_standard_streams()) {
-        return client::exit_usage;
+    if (!open_standard_streams()) {
+        return exit_usage;
     }
     // The operator's locale tells which bytes are printable; numbers and dates stay independent of it.
     std::setlocale(LC_CTYPE, "");
-    client::settings chosen;
-    if (const std::optional<int> end = client::parse_options(argc, argv, chosen)) {
+    settings chosen;
+    if (const std::optional<int> end = parse_options(argc, argv, chosen)) {
         return *end;
     }
     // A command whose output was lost must not look successful.
     const int code = run(chosen);
-    return client::flush_output() ? code : client::exit_usage;
+    return flush_output() ? code : exit_usage;
 } catch (const std::exception& problem) {
-    client::complain(problem.what());
-    return client::exit_usage;
+    complain(problem.what());
+    return exit_usage;
 }

@@ -49,11 +49,11 @@ std::string default_file() {
 std::string get_password(bool from_input, bool is_new) {
     errno = 0;
     if (from_input) {
-        return client::read_password(std::cin, "standard input");
+        return read_password(std::cin, "standard input");
     }
     std::string password;
     std::string problem;
-    if (!client::ask_password(is_new ? "New password: " : "Password: ", is_new, password, problem)) {
+    if (!ask_password(is_new ? "New password: " : "Password: ", is_new, password, problem)) {
         throw std::runtime_error(problem);
     }
     return password;
@@ -74,8 +74,8 @@ int check(const std::string& path, bool from_input) {
         throw std::runtime_error(path + ": not a password file (the scheduler would require no login)");
     }
     std::string password = get_password(from_input, false);
-    const bool right = client::hash_text(salt, password) == hash;
-    client::wipe(password);  // passwords stay in memory no longer than needed
+    const bool right = hash_text(salt, password) == hash;
+    wipe(password);  // passwords stay in memory no longer than needed
     std::puts(right ? "The password is right." : "The password is wrong.");
     return right ? 0 : exit_wrong;
 }
@@ -89,18 +89,17 @@ int set(const std::string& path, bool from_input) {
     if (password.empty()) {
         throw std::runtime_error("an empty password protects nothing");
     }
-    const std::string salt = client::random_alphanumeric(8);
-    const std::string text = client::hash_text(salt, password) + " " + salt + "\n";
-    client::wipe(password);
+    const std::string salt = random_alphanumeric(8);
+    const std::string text = hash_text(salt, password) + " " + salt + "\n";
+    wipe(password);
     const auto complete = [&path](int fd) {
         struct stat owner {};
-        return (geteuid() != 0 ||
-                ((stat(path.c_str(), &owner) == 0 || stat(client::directory_of(path).c_str(), &owner) == 0) &&
-                 fchown(fd, owner.st_uid, owner.st_gid) == 0)) &&
+        return (geteuid() != 0 || ((stat(path.c_str(), &owner) == 0 || stat(directory_of(path).c_str(), &owner) == 0) &&
+                                   fchown(fd, owner.st_uid, owner.st_gid) == 0)) &&
                fsync(fd) == 0;
     };
-    client::replace_file(path, text, 0600, complete);
-    const client::descriptor directory(open(client::directory_of(path).c_str(), O_RDONLY | O_CLOEXEC));
+    replace_file(path, text, 0600, complete);
+    const descriptor directory(open(directory_of(path).c_str(), O_RDONLY | O_CLOEXEC));
     if (!directory.is_open() || fsync(directory.get()) != 0) {
         throw std::system_error(errno, std::generic_category(),
                                 path + " is written, but may be lost after a power failure");
@@ -112,7 +111,7 @@ int set(const std::string& path, bool from_input) {
 }  // namespace
 
 int main(int argc, char** argv) try {
-    if (!client::open_standard_streams()) {
+    if (!open_standard_streams()) {
         return exit_output;
     }
     std::string file;
@@ -136,8 +135,8 @@ int main(int argc, char** argv) try {
     } catch (const CLI::ParseError& problem) {
         code = app.exit(problem) != 0 ? exit_trouble : 0;
     }
-    return code == exit_trouble || client::flush_output() ? code : exit_output;
+    return code == exit_trouble || flush_output() ? code : exit_output;
 } catch (const std::exception& problem) {
-    client::complain(problem.what());
+    complain(problem.what());
     return exit_trouble;
 }

@@ -9,8 +9,6 @@
 #include <system_error>
 #include <utility>
 
-namespace client {
-
 namespace {
 
 constexpr std::chrono::milliseconds look_again_after{20};
@@ -329,5 +327,3 @@ void agent::expire_late() {
         update(host);
     }
 }
-
-}  // namespace client

@@ -10,8 +10,6 @@
 #include <deque>
 #include <set>
 
-namespace client {
-
 // What becomes of the messages that earlier processes have left in the mailbox.
 enum class stored_messages {
     left,       // they stay where they are (module commands, `show`)
@@ -125,5 +123,3 @@ private:
     descriptor events_;                                            // of epoll: the descriptors of all links
     clock::time_point first_deadline_ = clock::time_point::max();  // no link has an earlier one
 };
-
-}  // namespace client

@@ -14,8 +14,6 @@
 #include <system_error>
 #include <unistd.h>
 
-namespace client {
-
 namespace {
 
 using json = nlohmann::json;
@@ -99,7 +97,7 @@ std::optional<std::string> agent_client::ask_password(std::size_t host) {
     bool given = false;
     // Ctrl-C at the prompt must have its usual effect.
     with_usual_signals(
-        [&] { given = client::ask_password("Password for " + hosts_[host].name + ": ", false, text, problem); });
+        [&] { given = ::ask_password("Password for " + hosts_[host].name + ": ", false, text, problem); });
     has_password_ = has_password_ || given;
     password(host, given ? text : problem, given);
     wipe(text);
@@ -156,5 +154,3 @@ void agent_client::finish(std::span<pollfd> others) {
     channel_.end();
     step_until([this] { return left_; });
 }
-
-}  // namespace client

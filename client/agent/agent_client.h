@@ -6,8 +6,6 @@
 
 #include "agent/agent.h"
 
-namespace client {
-
 // Gets the events of the hosts. host: the number in the list. Each function may call any function of the client except
 // step() and finish().
 class agent_listener {
@@ -116,5 +114,3 @@ private:
     bool is_ended_ = false;     // the agent gets no more calls
     bool left_ = false;
 };
-
-}  // namespace client

@@ -6,8 +6,6 @@
 #include <map>
 #include <utility>
 
-namespace client {
-
 namespace {
 
 constexpr unsigned tag_shift = 40;
@@ -92,5 +90,3 @@ void agent::store_messages(std::size_t host, status_answer& answer) {
         line.id = line.id != 0 ? tagged(host, line.id) : 0;
     }
 }
-
-}  // namespace client

@@ -6,8 +6,6 @@
 #include <string_view>
 #include <utility>
 
-namespace client {
-
 class byte_queue {
 public:
     void add(std::string_view bytes) { bytes_ += bytes; }
@@ -31,5 +29,3 @@ private:
     std::string bytes_;
     std::size_t taken_ = 0;  // bytes that pop() has taken
 };
-
-}  // namespace client

@@ -10,8 +10,6 @@
 #include <poll.h>
 #include <sys/socket.h>
 
-namespace client {
-
 using frame_size = std::uint32_t;  // precedes each frame
 
 short channel::events() const {
@@ -86,5 +84,3 @@ bool wait_for(int fd, short events, std::span<pollfd> others, std::chrono::stead
     std::copy_n(polled.begin(), others.size(), others.begin());
     return polled.back().revents != 0;
 }
-
-}  // namespace client

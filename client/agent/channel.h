@@ -18,8 +18,6 @@
 #include <tuple>
 #include <vector>
 
-namespace client {
-
 // The answer of `status`, as the agent hands it on.
 struct status_answer {
     std::uint32_t request = 0;       // that this answers; 0: a last `status`, or one before `restart` or `quit`
@@ -94,5 +92,3 @@ void carry_out(object& of, const nlohmann::json& arguments) {
 // Waits for an event of the descriptor or of `others`, whose revents are set, or until that time; it may end earlier.
 // Returns true when the descriptor has an event.
 bool wait_for(int fd, short events, std::span<pollfd> others, std::chrono::steady_clock::time_point until);
-
-}  // namespace client

@@ -4,8 +4,6 @@
 #include <algorithm>
 #include <utility>
 
-namespace client {
-
 void agent::close(std::size_t host) {
     host_state& state = hosts_[host];
     state.queue.clear();
@@ -76,5 +74,3 @@ void agent::finish() {
         mailbox_.leave();
     }
 }
-
-}  // namespace client

@@ -13,8 +13,6 @@
 #include <stdexcept>
 #include <system_error>
 
-namespace client {
-
 namespace {
 
 constexpr const char* counters_format = "%020llu %020lu %020lu %020lu %020lu %d %-15.15s\n";
@@ -263,5 +261,3 @@ void box::clean() {
         file_.truncate(size_);
     }
 }
-
-}  // namespace client

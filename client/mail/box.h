@@ -17,8 +17,6 @@
 #include <string_view>
 #include <vector>
 
-namespace client {
-
 struct status_report;
 
 // One line of an answer of `status`, without its line end. The line that counts lost messages is a message, too.
@@ -102,5 +100,3 @@ private:
 
 // The messages that wait for this scheduler. Needs no lock.
 std::vector<box::record> waiting_records(const std::string& key);
-
-}  // namespace client

@@ -16,8 +16,6 @@
 #include <unistd.h>
 #include <utility>
 
-namespace client {
-
 namespace {
 
 constexpr int max_names = 10;
@@ -244,5 +242,3 @@ void mailbox::remember_login(const std::string& key, bool needed) try {
 } catch (const std::runtime_error&) {
     // Only means that the password is asked for later.
 }
-
-}  // namespace client

@@ -18,8 +18,6 @@
 #include <string>
 #include <vector>
 
-namespace client {
-
 // What a follower leaves is for the next follower first: its readers are programs. Operators get it too.
 enum class mail_kind { operators, followers };
 
@@ -87,5 +85,3 @@ state_file hold_connection(const std::string& key, std::chrono::steady_clock::ti
 // our connection was begun, the other one gets every message that ours gets.
 bool is_held(const std::string& key,
              std::chrono::steady_clock::time_point before = std::chrono::steady_clock::time_point::max());
-
-}  // namespace client

@@ -12,8 +12,6 @@
 #include <system_error>
 #include <unistd.h>
 
-namespace client {
-
 std::string directory_of(const std::string& path) {
     const std::string directory = std::filesystem::path(path).parent_path();
     return directory.empty() ? "." : directory;
@@ -40,5 +38,3 @@ void replace_file(const std::string& path, std::string_view text, mode_t mode,
         throw std::system_error(problem, std::generic_category(), path);
     }
 }
-
-}  // namespace client

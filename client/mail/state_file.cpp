@@ -12,8 +12,6 @@
 #include <thread>
 #include <utility>
 
-namespace client {
-
 namespace {
 
 constexpr std::chrono::milliseconds retry_after{10};
@@ -173,5 +171,3 @@ std::optional<std::string> read_file(const std::string& path) {
     const state_file file(path, state_file::access::read);
     return file.is_open() ? std::optional(file.read()) : std::nullopt;
 }
-
-}  // namespace client

@@ -10,8 +10,6 @@
 #include <string>
 #include <string_view>
 
-namespace client {
-
 // Returns the directory for state files and mailbox: $XDG_STATE_HOME/schedctl when that is set; else the directory of
 // the package when it is writable (its users share one mailbox); else the user's own, ~/.local/state/schedctl, created
 // with mode 0700. Empty when there is none.
@@ -67,5 +65,3 @@ private:
 
 // The bytes of a regular file, no link followed; nothing when it is another kind of file or cannot be read.
 std::optional<std::string> read_file(const std::string& path);
-
-}  // namespace client

@@ -8,8 +8,6 @@
 #include <stdexcept>
 #include <unistd.h>
 
-namespace client {
-
 namespace {
 
 constexpr const char* state_names[] = {"OK", "WARNING", "CRITICAL", "UNKNOWN"};
@@ -94,5 +92,3 @@ int run_check(const settings& chosen) try {
     std::printf("SCHED UNKNOWN - %s\n", one_line(problem.what()).c_str());
     return plugin_unknown;
 }
-
-}  // namespace client

@@ -7,8 +7,6 @@
 
 #include <cstdio>
 
-namespace client {
-
 namespace {
 
 class collector : private poller {
@@ -75,5 +73,3 @@ void report_unstored(const status_answer& answer) {
         }
     }
 }
-
-}  // namespace client

@@ -4,8 +4,6 @@
 #include "agent/channel.h"
 #include "watch/snapshot.h"
 
-namespace client {
-
 struct settings;
 
 // Returns the state of each host of the settings, in their order: from a follower's state file when it is fresh, else
@@ -15,5 +13,3 @@ std::vector<snapshot> collect(const settings& chosen);
 
 // Writes messages that could not be stored to standard error, so that they are not lost without a trace.
 void report_unstored(const status_answer& answer);
-
-}  // namespace client

@@ -14,11 +14,7 @@
 #include <stdexcept>
 #include <unordered_map>
 
-namespace client {
-
 namespace {
-
-using clock = agent_client::clock;
 
 constexpr std::size_t longest_target = 255 + 6;  // a name and a port
 
@@ -58,6 +54,8 @@ agent_options exporting(const settings& chosen) {
 }
 
 class exporter : private agent_listener {
+    using clock = agent_client::clock;
+
 public:
     // listed: the hosts of --hosts or -H; empty when any may be asked.
     exporter(const settings& chosen, const std::vector<host_name>& listed, const std::string& address,
@@ -264,5 +262,3 @@ int serve_metrics(const settings& chosen) {
     const auto [address, port] = split_address(chosen.listen);
     return exporter(chosen, chosen.several ? chosen.hosts : std::vector<host_name>(), address, port).run();
 }
-
-}  // namespace client

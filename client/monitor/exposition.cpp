@@ -7,8 +7,6 @@
 #include <sstream>
 #include <utility>
 
-namespace client {
-
 namespace {
 
 constexpr long seconds_per_minute = 60;
@@ -135,5 +133,3 @@ std::string expose_exporter(unsigned long errors) {
             "Requests that failed because of a fault of the exporter, its store or its password.", errors);
     return out.finish();
 }
-
-}  // namespace client

@@ -3,8 +3,6 @@
 
 #include <string>
 
-namespace client {
-
 struct snapshot;
 
 constexpr const char* exposition_type =
@@ -19,5 +17,3 @@ std::string expose(const snapshot& known, destination to);
 
 // Returns the exporter's own metrics. errors: number of requests that were answered with a fault of the exporter.
 std::string expose_exporter(unsigned long errors);
-
-}  // namespace client

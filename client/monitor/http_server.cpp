@@ -15,8 +15,6 @@
 #include <sys/socket.h>
 #include <system_error>
 
-namespace client {
-
 namespace {
 
 MHD_Result queue(MHD_Connection* connection, const http_reply& reply) {
@@ -146,5 +144,3 @@ void http_server::answer(http_request& request, http_reply reply) {
     request.reply = std::move(reply);
     MHD_resume_connection(request.connection);
 }
-
-}  // namespace client

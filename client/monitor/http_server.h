@@ -13,8 +13,6 @@
 struct MHD_Connection;
 struct MHD_Daemon;
 
-namespace client {
-
 struct http_reply {
     unsigned status = 200;
     std::string type = "text/plain; charset=utf-8";
@@ -61,5 +59,3 @@ private:
     std::unique_ptr<MHD_Daemon, void (*)(MHD_Daemon*)> daemon_;
     int fd_ = -1;
 };
-
-}  // namespace client

@@ -8,8 +8,6 @@
 
 #include <unistd.h>
 
-namespace client {
-
 int run_metrics(const settings& chosen) {
     if (!chosen.listen.empty()) {
         return serve_metrics(chosen);
@@ -29,5 +27,3 @@ int run_metrics(const settings& chosen) {
     // A scheduler that is down is no failure of the command: collectors need the metric sched_up 0.
     return !path.empty() || write_all(STDOUT_FILENO, expose(known, destination::output)) ? 0 : fail_output();
 }
-
-}  // namespace client

@@ -1,8 +1,6 @@
 // The commands for monitoring systems.
 #pragma once
 
-namespace client {
-
 struct settings;
 
 // `check`: a plugin for monitoring engines, as the Monitoring Plugins guidelines define it. Prints one line for each
@@ -18,5 +16,3 @@ int run_metrics(const settings& chosen);
 // `metrics --listen`: an exporter for schedulers on hosts without their own collector. Serves
 // "/metrics?target=HOST[:PORT]" until SIGINT or SIGTERM and then returns 0. Returns 200 when it cannot listen.
 int serve_metrics(const settings& chosen);
-
-}  // namespace client

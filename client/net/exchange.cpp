@@ -5,8 +5,6 @@
 
 #include <stdexcept>
 
-namespace client {
-
 void host_link::begin() {
     return greets_ ? say(state::hello) : begin_command();
 }
@@ -131,5 +129,3 @@ command_result host_link::reason_for_closing() const {
                                            : "the scheduler closed it at once: its table of connections may "
                                              "be full, or this address is not allowed"};
 }
-
-}  // namespace client

@@ -10,8 +10,6 @@
 #include <sys/socket.h>
 #include <system_error>
 
-namespace client {
-
 namespace {
 
 std::string text_of(int error) {
@@ -276,5 +274,3 @@ void host_link::drop() {
     late_ = false;
     deadline_ = clock::time_point::max();
 }
-
-}  // namespace client

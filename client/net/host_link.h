@@ -21,8 +21,6 @@
 #include <string>
 #include <vector>
 
-namespace client {
-
 class password_store;
 
 // How all connections of a process are made.
@@ -145,5 +143,3 @@ private:
     clock::time_point deadline_ = clock::time_point::max();
     news news_;
 };
-
-}  // namespace client

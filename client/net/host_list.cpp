@@ -11,8 +11,6 @@
 #include <stdexcept>
 #include <system_error>
 
-namespace client {
-
 namespace {
 
 constexpr std::string_view byte_order_mark = "\xEF\xBB\xBF";
@@ -117,5 +115,3 @@ std::vector<host_name> read_hosts(const std::string& file, std::uint16_t port) {
     }
     return each_once(std::move(hosts), file + ": ");
 }
-
-}  // namespace client

@@ -8,8 +8,6 @@
 #include <string_view>
 #include <vector>
 
-namespace client {
-
 struct host_name {
     std::string label;       // as the operator wrote it; printed before the host's lines
     std::string name;        // name or IPv4 address: letters in lower case, digits, '.', '-' and '_'
@@ -31,5 +29,3 @@ std::vector<host_name> parse_hosts(const std::string& list, std::uint16_t port);
 // The same from a file, or from standard input when file is "-": one host a line, with tags behind it; # begins a
 // comment. A byte order mark and lines that end with CR LF are accepted.
 std::vector<host_name> read_hosts(const std::string& file, std::uint16_t port);
-
-}  // namespace client

@@ -9,8 +9,6 @@
 #include <thread>
 #include <utility>
 
-namespace client {
-
 namespace {
 
 constexpr std::size_t max_threads = 16;  // more would only load the name server
@@ -77,5 +75,3 @@ std::shared_ptr<name_lookup> look_up(const std::string& name) {
     queue.waiting.push_back(added);
     return added;
 }
-
-}  // namespace client

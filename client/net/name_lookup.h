@@ -9,8 +9,6 @@
 #include <string>
 #include <vector>
 
-namespace client {
-
 struct name_lookup {
     std::string name;
     descriptor ended;  // readable when the look-up has ended
@@ -23,5 +21,3 @@ struct name_lookup {
 // Starts a look-up, or queues it while all threads are busy. The caller may drop it before it has ended.
 // Throws std::system_error when the system refuses a descriptor or the first thread.
 std::shared_ptr<name_lookup> look_up(const std::string& name);
-
-}  // namespace client

@@ -10,8 +10,6 @@
 #include <algorithm>
 #include <cstdio>
 
-namespace client {
-
 namespace {
 
 void print(const std::string& word, const std::string& help, const std::string& start) {
@@ -105,5 +103,3 @@ std::vector<std::string> kept_modules(const std::vector<host_name>& hosts) {
     }
     return names;
 }
-
-}  // namespace client

@@ -8,8 +8,6 @@ namespace CLI {
 class App;
 }
 
-namespace client {
-
 // Prints what may stand in place of the last argument, one candidate a line, with a tab and its help where there is
 // one; or the line ":host" or ":file" where the shell completes hosts or files. before: the arguments before the last;
 // app has parsed them. words: the words of a command among them. modules: the names that the scheduler has listed.
@@ -22,5 +20,3 @@ void keep_modules(const host_name& host, std::string_view answer);
 
 // The names that were kept for any of these schedulers.
 std::vector<std::string> kept_modules(const std::vector<host_name>& hosts);
-
-}  // namespace client

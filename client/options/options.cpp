@@ -17,8 +17,6 @@
 #include <map>
 #include <netdb.h>
 
-namespace client {
-
 namespace {
 
 constexpr const char* description =
@@ -286,5 +284,3 @@ std::optional<int> parse_options(int argc, char** argv, settings& chosen) {
     }
     return std::nullopt;
 }
-
-}  // namespace client

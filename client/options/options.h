@@ -5,8 +5,6 @@
 
 #include <optional>
 
-namespace client {
-
 // What the client does. `words`: a command of the scheduler, or a session. `list`: --list. The others are its own
 // commands.
 enum class task { words, list, watch, follow, metrics, check };
@@ -51,5 +49,3 @@ inline constexpr const char* json_commands = "`status`, `modcntl`, `debug timer`
 // Reads the command line. Returns an exit code when the program must end at once (help, wrong usage, completion), else
 // nothing.
 std::optional<int> parse_options(int argc, char** argv, settings& chosen);
-
-}  // namespace client

@@ -5,8 +5,6 @@
 #include <cstdio>
 #include <iterator>
 
-namespace client {
-
 namespace {
 
 // The forms of a terminating line. In a form with fields, the line goes on after the word, up to `longest` bytes.
@@ -144,5 +142,3 @@ std::optional<command_result> answer_parser::end_of(std::string_view line) const
     }
     return std::nullopt;
 }
-
-}  // namespace client

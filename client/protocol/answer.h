@@ -8,8 +8,6 @@
 #include <string_view>
 #include <utility>
 
-namespace client {
-
 // How a command ended. The first six are terminating lines of the scheduler; the client detects the others itself.
 enum class outcome {
     over,            // finished: code and signal are set
@@ -67,5 +65,3 @@ private:
     bool at_line_start_ = true;  // the next bytes may end the answer
     bool first_line_ = true;     // no output seen yet
 };
-
-}  // namespace client

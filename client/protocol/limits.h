@@ -4,8 +4,6 @@
 #include <chrono>
 #include <cstddef>
 
-namespace client {
-
 // For look-up, connecting, sending, and a command that the scheduler answers itself, when the operator sets no
 // time-out.
 constexpr std::chrono::seconds default_timeout{10};
@@ -40,5 +38,3 @@ constexpr std::size_t max_unread = 64 << 20;      // bytes of output that the ag
 constexpr std::size_t http_memory = 8192;         // bytes of a connection: the request, and the headers of the answer
 constexpr unsigned max_http_connections = 4096;
 constexpr std::size_t max_targets = 20'000;  // of an exporter without a hosts file; each keeps some memory
-
-}  // namespace client

@@ -9,8 +9,6 @@
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
-namespace client {
-
 using json = nlohmann::ordered_json;
 
 namespace {
@@ -118,5 +116,3 @@ json parse_networks(std::string_view answer) {
     });
     return rows;
 }
-
-}  // namespace client

@@ -6,8 +6,6 @@
 #include <string_view>
 #include <vector>
 
-namespace client {
-
 struct module_row {
     std::string name;
     bool on = false;
@@ -20,5 +18,3 @@ std::vector<module_row> parse_modules(std::string_view answer);  // of `modcntl`
 nlohmann::ordered_json parse_timer_jobs(std::string_view answer);   // of `debug timer`
 nlohmann::ordered_json parse_connections(std::string_view answer);  // of `show ip`
 nlohmann::ordered_json parse_networks(std::string_view answer);     // of `show allowed_ip`
-
-}  // namespace client

@@ -14,8 +14,6 @@
 #include <system_error>
 #include <utility>
 
-namespace client {
-
 namespace {
 
 constexpr std::string_view alphanumeric = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
@@ -126,5 +124,3 @@ void password_store::forget() {
     }
     password_.reset();
 }
-
-}  // namespace client

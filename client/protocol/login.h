@@ -11,8 +11,6 @@
 #include <string>
 #include <string_view>
 
-namespace client {
-
 std::string hash_text(std::string_view salt, std::string_view password);
 
 // Returns random letters and digits, each of the 62 equally likely.
@@ -55,5 +53,3 @@ private:
     std::string file_;
     std::optional<std::string> password_;
 };
-
-}  // namespace client

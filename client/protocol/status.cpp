@@ -6,8 +6,6 @@
 #include <cstdio>
 #include <iterator>
 
-namespace client {
-
 namespace {
 
 constexpr std::size_t date_length = 25;  // 2026-11-16T15:47:03+00:00
@@ -73,5 +71,3 @@ status_report parse_status(std::string_view answer) {
     });
     return report;
 }
-
-}  // namespace client

@@ -7,8 +7,6 @@
 #include <string_view>
 #include <vector>
 
-namespace client {
-
 // The conditions that `status` shows while they are set, in its order.
 constexpr const char* condition_names[] = {"error", "prevent", "diag", "conf", "patrol", "snap", "korvo", "padiag"};
 
@@ -45,5 +43,3 @@ std::optional<std::time_t> seconds_of(const std::string& date);
 
 // Returns the age of a date in its two largest units; "never" for the epoch.
 std::string age_of(const std::string& date);
-
-}  // namespace client

@@ -4,8 +4,6 @@
 #include <iterator>
 #include <set>
 
-namespace client {
-
 const daemon_word* find_daemon_word(std::string_view word) {
     const daemon_word* const found = std::find_if(std::begin(daemon_words), std::end(daemon_words),
                                                   [word](const daemon_word& known) { return known.word == word; });
@@ -75,5 +73,3 @@ std::optional<std::string> join_words(const std::vector<std::string>& words, std
     }
     return std::nullopt;
 }
-
-}  // namespace client

@@ -6,8 +6,6 @@
 #include <string_view>
 #include <vector>
 
-namespace client {
-
 // The limits of a request line; the scheduler would refuse a longer one or read its end as another command.
 constexpr std::size_t most_words = 15;
 constexpr std::size_t longest_line = 16382;
@@ -54,5 +52,3 @@ bool split_words(std::string_view line, std::vector<std::string>& words);
 // Joins the words, at least one, with TABs. Returns the reason when they cannot be sent as one line, or would never be
 // answered.
 std::optional<std::string> join_words(const std::vector<std::string>& words, std::string& line);
-
-}  // namespace client

@@ -6,8 +6,6 @@
 #include <system_error>
 #include <unistd.h>
 
-namespace client {
-
 namespace {
 
 // Puts the prefix before each line. at_line_start is kept between calls, as a part may end inside a line.
@@ -116,5 +114,3 @@ void host_output::write_some() {
         from.text.pop(static_cast<std::size_t>(n));
     }
 }
-
-}  // namespace client

@@ -8,8 +8,6 @@
 #include <deque>
 #include <functional>
 
-namespace client {
-
 class host_output {
 public:
     // Called when output of the host may have been written. shown: its messages that are written now; may be empty.
@@ -66,5 +64,3 @@ private:
     bool in_order_;           // output is released in the order of the hosts
     std::size_t first_ = 0;   // in_order_: the first host that was not released
 };
-
-}  // namespace client

@@ -6,8 +6,6 @@
 #include <map>
 #include <nlohmann/json.hpp>
 
-namespace client {
-
 // Members keep the order in which they are added.
 using json = nlohmann::ordered_json;
 
@@ -81,5 +79,3 @@ std::string host_json(const std::string& host, const std::string& line, const st
     }
     return json_text(value);
 }
-
-}  // namespace client

@@ -7,8 +7,6 @@
 #include <string_view>
 #include <vector>
 
-namespace client {
-
 // Returns one line of JSON in ASCII, with a line feed. Messages may contain bytes that are not UTF-8; these become
 // U+FFFD.
 std::string json_text(const nlohmann::ordered_json& value);
@@ -22,5 +20,3 @@ json_writer json_writer_of(const std::vector<std::string>& words);
 // Returns such a line for one host of many, with "host" as the first member. line is empty when no answer has come.
 // error is empty for a command that succeeded.
 std::string host_json(const std::string& host, const std::string& line, const std::string& error);
-
-}  // namespace client

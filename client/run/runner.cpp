@@ -10,8 +10,6 @@
 #include <cstdio>
 #include <stdexcept>
 
-namespace client {
-
 command_runner::command_runner(const settings& chosen, std::function<void()> suspend)
     : chosen_(chosen),
       once_(!chosen.words.empty()),
@@ -285,5 +283,3 @@ int run_command(const settings& chosen) {
     command_runner runner(chosen);
     return runner.finish(runner.run(chosen.words));
 }
-
-}  // namespace client

@@ -9,8 +9,6 @@
 #include "term/signals.h"
 #include "term/text.h"
 
-namespace client {
-
 class command_runner : private agent_listener {
 public:
     // When the settings have a command, only that is run, and each connection is closed after it. Without
@@ -83,5 +81,3 @@ private:
 // Runs one command. Returns its exit code; with several hosts, the largest of theirs. Throws std::runtime_error when
 // the options do not fit the command.
 int run_command(const settings& chosen);
-
-}  // namespace client

@@ -22,8 +22,6 @@
 #include <poll.h>
 #include <unistd.h>
 
-namespace client {
-
 namespace {
 
 void print_help() {
@@ -310,5 +308,3 @@ private:
 int run_session(const settings& chosen) {
     return session(chosen, isatty(STDIN_FILENO) == 1 && isatty(STDOUT_FILENO) == 1).run();
 }
-
-}  // namespace client

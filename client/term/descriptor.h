@@ -4,8 +4,6 @@
 #include <unistd.h>
 #include <utility>
 
-namespace client {
-
 class descriptor {
 public:
     // fd: -1 for none, as the system's calls return it.
@@ -29,5 +27,3 @@ public:
 private:
     int fd_;
 };
-
-}  // namespace client

@@ -1,8 +1,6 @@
 // How schedctl ends when no module decides it.
 #pragma once
 
-namespace client {
-
 // Exit codes of schedctl itself. A module's exit code is used unchanged, and a signal is 128 + its number (129 to
 // 192). So these begin at 200, which modules and shells rarely use.
 enum exit_code : int {
@@ -14,5 +12,3 @@ enum exit_code : int {
     exit_connection = 205,
     exit_silence = 206,
 };
-
-}  // namespace client

@@ -9,8 +9,6 @@
 #include <system_error>
 #include <unistd.h>
 
-namespace client {
-
 bool open_standard_streams() {
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         // open returns the lowest free number, and the numbers below are open.
@@ -57,5 +55,3 @@ bool line_writer::write(const std::string& line) {
 bool line_writer::print(const std::string& text) {
     return write((isatty(STDOUT_FILENO) == 1 ? fit(text) : text) + "\n");
 }
-
-}  // namespace client

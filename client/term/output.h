@@ -4,8 +4,6 @@
 #include <csignal>
 #include <string>
 
-namespace client {
-
 // Call first in main. If one of the descriptors 0, 1 and 2 is closed, the next socket or file would get its number, and
 // output for the operator would go there. So closed ones are opened on /dev/null for reading: input is empty, and
 // writing still fails. Returns false when that fails.
@@ -41,5 +39,3 @@ private:
     bool is_open_ = true;
     int exit_code_ = 0;
 };
-
-}  // namespace client

@@ -8,8 +8,6 @@
 #include <unistd.h>
 #include <utility>
 
-namespace client {
-
 bool can_draw() {
     const char* term = std::getenv("TERM");
     return isatty(STDOUT_FILENO) == 1 && term != nullptr && term[0] != '\0' && std::strcmp(term, "dumb") != 0;
@@ -71,5 +69,3 @@ void canvas::line(const std::string& text, const char* colour) {
 bool canvas::show() {
     return write_all(STDOUT_FILENO, out_ + "\033[J");
 }
-
-}  // namespace client

@@ -5,8 +5,6 @@
 #include <string>
 #include <termios.h>
 
-namespace client {
-
 // Returns true when standard output is a terminal that can show a live view.
 bool can_draw();
 
@@ -61,5 +59,3 @@ private:
     std::size_t used_ = 0;  // rows
     std::string out_ = "\033[H";
 };
-
-}  // namespace client

@@ -2,8 +2,6 @@
 
 #include <sys/signalfd.h>
 
-namespace client {
-
 namespace {
 
 sigset_t watched() {
@@ -65,5 +63,3 @@ void with_usual_signals(const std::function<void()>& action) {
     action();
     sigprocmask(SIG_SETMASK, &before, nullptr);
 }
-
-}  // namespace client

@@ -7,8 +7,6 @@
 #include <csignal>
 #include <functional>
 
-namespace client {
-
 // Blocks SIGINT, SIGTERM, SIGHUP and SIGWINCH while it exists and makes them readable. Only one may exist at a time.
 class signal_watch {
 public:
@@ -37,5 +35,3 @@ private:
 
 // Calls action while the watched signals have their usual effect, for a prompt that handles them itself.
 void with_usual_signals(const std::function<void()>& action);
-
-}  // namespace client

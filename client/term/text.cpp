@@ -11,8 +11,6 @@
 #include <unistd.h>
 #include <utility>
 
-namespace client {
-
 namespace {
 
 constexpr int signal_interval = 100;  // milliseconds
@@ -108,5 +106,3 @@ std::string fit(std::string_view text, std::size_t columns) {
     line.resize(at);
     return line;
 }
-
-}  // namespace client

@@ -5,8 +5,6 @@
 #include <string_view>
 #include <sys/types.h>
 
-namespace client {
-
 // Makes a stream printable: line feeds, tabs and printable characters of the locale stay, carriage returns are dropped,
 // any other byte becomes \xHH. A character may be split between two calls.
 class printable_text {
@@ -37,5 +35,3 @@ void each_line(std::string_view text, reader read) {
         text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
     }
 }
-
-}  // namespace client

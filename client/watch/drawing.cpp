@@ -7,8 +7,6 @@
 #include <cstdio>
 #include <cstring>
 
-namespace client {
-
 namespace {
 
 constexpr std::size_t shown_date = 19;    // without the zone
@@ -209,5 +207,3 @@ std::size_t host_keys::handle_first(std::string_view keys) {
     }
     return 1;
 }
-
-}  // namespace client

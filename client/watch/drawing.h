@@ -5,8 +5,6 @@
 
 #include <deque>
 
-namespace client {
-
 // A host in a live view.
 struct host_row {
     std::string label;
@@ -45,5 +43,3 @@ private:
 // Draws as many hosts as fit, below a line for the operator (empty: none). Limits keys.top to the last host, and sets
 // keys.page. Returns the newest messages that were on the screen; none when the terminal could not be written.
 std::vector<event*> draw_hosts(std::vector<host_row>& rows, const std::string& notice, host_keys& keys);
-
-}  // namespace client

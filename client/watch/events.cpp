@@ -2,8 +2,6 @@
 
 #include "run/json.h"
 
-namespace client {
-
 namespace {
 
 using json = nlohmann::ordered_json;
@@ -58,5 +56,3 @@ std::string json_line(const event& what, const host_name& host, bool level_prefi
     value.update(what.more);
     return (level_prefix ? "<" + std::to_string(what.priority) + ">" : "") + json_text(value);
 }
-
-}  // namespace client

@@ -7,8 +7,6 @@
 
 #include <nlohmann/json.hpp>
 
-namespace client {
-
 // Priorities of syslog(3).
 enum level : int { error_level = 3, warning_level = 4, notice_level = 5, info_level = 6 };
 
@@ -36,5 +34,3 @@ std::string line_of(const event& what);
 
 // One line of JSON. level_prefix: it begins with its priority, such as "<3>", for the journal and logger(1).
 std::string json_line(const event& what, const host_name& host, bool level_prefix);
-
-}  // namespace client

@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <iterator>
 
-namespace client {
-
 namespace {
 
 constexpr std::size_t kept_messages = 20;
@@ -107,5 +105,3 @@ void inquiry::failed(const command_result& why) {
     known.totals = counters_of(key_of(host)).totals;
     known.uptime_minutes = uptime_of(host);
 }
-
-}  // namespace client

@@ -7,8 +7,6 @@
 
 #include <utility>
 
-namespace client {
-
 // Its owner calls begin(), asks words(), and hands on what comes until ended() returns false.
 class inquiry {
 public:
@@ -36,5 +34,3 @@ private:
     std::size_t next_ = 0;  // index of the next request
     std::string answer_;    // of a detail, as far as it has come
 };
-
-}  // namespace client

@@ -10,8 +10,6 @@
 #include <algorithm>
 #include <cstdio>
 
-namespace client {
-
 namespace {
 
 class live_view : private poller {
@@ -163,5 +161,3 @@ private:
 int run_live_view(const settings& chosen) {
     return live_view(chosen).run();
 }
-
-}  // namespace client

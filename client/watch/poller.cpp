@@ -8,8 +8,6 @@
 
 #include <algorithm>
 
-namespace client {
-
 namespace {
 
 constexpr std::chrono::seconds details_interval{15};  // connections, modules and jobs seldom change
@@ -186,5 +184,3 @@ void poller::password_needed(std::size_t host) {
         agent_.refuse_password(host);
     }
 }
-
-}  // namespace client

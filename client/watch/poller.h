@@ -5,8 +5,6 @@
 #include "agent/agent_client.h"
 #include "watch/inquiry.h"
 
-namespace client {
-
 struct settings;
 
 // host is the number in the list. Only step() and finish() call the virtual functions.
@@ -93,5 +91,3 @@ bool is_refusal(outcome how);
 // The settings of the agent. `watch` and `follow` show what they receive. `check` and `metrics` store all of it and
 // show nothing.
 agent_options asking(const settings& chosen);
-
-}  // namespace client

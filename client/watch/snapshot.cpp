@@ -11,8 +11,6 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 
-namespace client {
-
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(condition, name, since)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(message, date, text)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(module_row, name, on)
@@ -110,5 +108,3 @@ long uptime_of(const host_name& host) {
     std::ifstream file(std::string(data != nullptr ? data : service_data) + "/up_time");
     return (file >> minutes) ? minutes : -1;
 }
-
-}  // namespace client

@@ -8,8 +8,6 @@
 
 #include <deque>
 
-namespace client {
-
 struct snapshot {
     bool up = false;
     int failure = 0;            // exit code that says why it is not up
@@ -45,5 +43,3 @@ std::optional<snapshot> followed_state(const host_name& host);
 
 // Returns the minutes that a scheduler on this host has been up, from its uptime file; -1 for another host.
 long uptime_of(const host_name& host);
-
-}  // namespace client

@@ -9,8 +9,6 @@
 #include <cstdio>
 #include <unistd.h>
 
-namespace client {
-
 namespace {
 
 // `watch` without a terminal, and `follow`: a line for each thing that happens.
@@ -91,5 +89,3 @@ private:
 int run_watch(const settings& chosen) {
     return chosen.what == task::watch && can_draw() ? run_live_view(chosen) : line_output(chosen).run();
 }
-
-}  // namespace client

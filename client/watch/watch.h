@@ -1,8 +1,6 @@
 // `watch` and `follow`: they show what changes at the schedulers until they are ended.
 #pragma once
 
-namespace client {
-
 struct settings;
 
 // The live view, or without a terminal a line for each change. Runs until the operator ends it (0) or the output can no
@@ -18,5 +16,3 @@ int run_watch(const settings& chosen);
 // The live view. What was on the screen counts as shown. The view vanishes at the end, so all messages of its list are
 // then printed.
 int run_live_view(const settings& chosen);
-
-}  // namespace client

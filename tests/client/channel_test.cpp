@@ -13,8 +13,6 @@
 #include <thread>
 #include <unistd.h>
 
-namespace client {
-
 namespace {
 
 std::size_t memory() {
@@ -73,5 +71,3 @@ TEST(Channel, CallsArriveInOrderHoweverSlowTheirReaderIs) {
 }
 
 }  // namespace
-
-}  // namespace client

@@ -24,16 +24,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace client {
-
 namespace {
 
 namespace fs = std::filesystem;
 using namespace std::string_literals;
 using strings = std::vector<std::string>;
 
-const std::string hosts[] = {"127.0.0.1:9980", "db1:9981"};
-const std::string date = "2026-01-31T12:00:00+00:00;";
+const std::string box_keys[] = {"127.0.0.1:9980", "db1:9981"};
+const std::string stamp = "2026-01-31T12:00:00+00:00;";
 
 strings texts(const std::vector<status_line>& messages) {
     strings result;
@@ -115,7 +113,7 @@ struct Post {
     strings next_lines(std::size_t count) {
         strings lines;
         for (std::size_t i = 0; i < count; ++i)
-            lines.push_back(date + "W0104:" + std::to_string(++sent) + std::string(i % 3 * 50, 'x'));
+            lines.push_back(stamp + "W0104:" + std::to_string(++sent) + std::string(i % 3 * 50, 'x'));
         return lines;
     }
     void receive(mailbox& by, int window, int holder, const std::string& key, std::size_t count, bool full) {
@@ -172,7 +170,7 @@ TEST_F(Mailbox, EveryMessageIsHeldByOneUntilItIsShown) {
         fs::remove_all(path(""));
         Post post;
         for (const auto& [act, window, host, count, room] : *steps) {
-            const std::string& key = hosts[host];
+            const std::string& key = box_keys[host];
             if (act == "receive") post.receive(post.open(window), window, window, key, count, false);
             if (act.ends_with("full disk")) limit_files(largest_file() + room);
             if (act == "full disk") post.receive(post.open(window), window, window, key, count, true);
@@ -184,9 +182,9 @@ TEST_F(Mailbox, EveryMessageIsHeldByOneUntilItIsShown) {
             RC_ASSERT(texts(mailbox(Post::kind_of(window)).look(key)) == post.waiting(key, window));
         }
         for (const int window : {0, 1, 2}) post.end(window);
-        for (const std::string& key : hosts) post.take(0, key), post.show(0, key, post.letters.size());
+        for (const std::string& key : box_keys) post.take(0, key), post.show(0, key, post.letters.size());
         RC_ASSERT(post.letters.empty());
-        for (const std::string& key : hosts) RC_ASSERT(post.open(0).notice(key, "") == "");
+        for (const std::string& key : box_keys) RC_ASSERT(post.open(0).notice(key, "") == "");
         post.end(0);
         for (const auto& entry : fs::recursive_directory_iterator(directory)) {
             RC_ASSERT(entry.is_directory() || (entry.path().extension() == ".box" && entry.file_size() < 150));
@@ -199,22 +197,22 @@ TEST_F(Mailbox, EveryMessageIsHeldByOneUntilItIsShown) {
 TEST_F(Mailbox, NewestThousandStayAndTheOthersAreCounted) {
     const auto lines = [](int from, int to) {
         strings result;
-        for (int i = from; i < to; ++i) result.push_back(date + "W0104:" + std::to_string(i));
+        for (int i = from; i < to; ++i) result.push_back(stamp + "W0104:" + std::to_string(i));
         return result;
     };
     {
         mailbox window(mail_kind::operators);
         for (int i = 0; i < 1300; i += 100) {
-            store(window, hosts[0], lines(i, i + 100));
-            ASSERT_EQ(window.waiting(hosts[0]), std::min<std::size_t>(i + 100, max_messages));
+            store(window, box_keys[0], lines(i, i + 100));
+            ASSERT_EQ(window.waiting(box_keys[0]), std::min<std::size_t>(i + 100, max_messages));
         }
     }
     {
         mailbox window(mail_kind::operators);
-        store(window, hosts[0], lines(1300, 1700));
+        store(window, box_keys[0], lines(1300, 1700));
     }
     mailbox reader(mail_kind::operators);
-    strings kept = texts(reader.take(hosts[0]));
+    strings kept = texts(reader.take(box_keys[0]));
     EXPECT_EQ(kept.size(), max_messages);
     unsigned long lost = 0;
     for (const std::string& line : kept) lost += parse_status(line).lost;
@@ -222,49 +220,50 @@ TEST_F(Mailbox, NewestThousandStayAndTheOthersAreCounted) {
     EXPECT_GE(kept.size(), max_messages - 10);
     EXPECT_EQ(kept, lines(1700 - static_cast<int>(kept.size()), 1700));
     EXPECT_EQ(lost, 1700 - kept.size());
-    EXPECT_EQ(counters_of(hosts[0]).totals.lost, lost);
-    EXPECT_EQ(counters_of(hosts[0]).totals.warning, 1700U);
+    EXPECT_EQ(counters_of(box_keys[0]).totals.lost, lost);
+    EXPECT_EQ(counters_of(box_keys[0]).totals.warning, 1700U);
 }
 
 TEST_F(Mailbox, MessageThatNobodyIsShownDoesNotLetItsFileGrow) {
     mailbox window(mail_kind::operators);
-    const strings lines(100, date + std::string(900, 'x'));
+    const strings lines(100, stamp + std::string(900, 'x'));
     std::vector<std::uint64_t> ids;
     for (int i = 0; i < 30; ++i) {
-        std::ranges::copy(store(window, hosts[0], lines), std::back_inserter(ids));
-        if (i == 25) store(window, hosts[0], {date + "W0104:kept"});
+        std::ranges::copy(store(window, box_keys[0], lines), std::back_inserter(ids));
+        if (i == 25) store(window, box_keys[0], {stamp + "W0104:kept"});
     }
     EXPECT_LT(largest_file(), 2'100'000U);
-    window.settle(hosts[0], ids, true);
+    window.settle(box_keys[0], ids, true);
     EXPECT_LT(largest_file(), 600'000U);
-    strings left = texts(window.look(hosts[0]));
+    strings left = texts(window.look(box_keys[0]));
     std::erase_if(left, [](const std::string& line) { return parse_status(line).lost != 0; });
-    EXPECT_EQ(left, strings{date + "W0104:kept"});
+    EXPECT_EQ(left, strings{stamp + "W0104:kept"});
 }
 
 // The directory is one that the users of a group share: what is created in it is open to the group.
 TEST_F(Mailbox, WhatAnotherProcessHoldsStaysWithIt) {
     mkdir(path("").c_str(), 0700);
     chmod(path("").c_str(), 02770);
-    store(*std::make_unique<mailbox>(mail_kind::operators), hosts[0], {date + "E0101:fan 3", date + "E0101:fan 4"});
-    store(*std::make_unique<mailbox>(mail_kind::operators), "db2:9980", {date + "E0101:fan 5"});
-    store(*std::make_unique<mailbox>(mail_kind::operators), hosts[1], {date + "E0101:at another port"});
+    store(*std::make_unique<mailbox>(mail_kind::operators), box_keys[0],
+          {stamp + "E0101:fan 3", stamp + "E0101:fan 4"});
+    store(*std::make_unique<mailbox>(mail_kind::operators), "db2:9980", {stamp + "E0101:fan 5"});
+    store(*std::make_unique<mailbox>(mail_kind::operators), box_keys[1], {stamp + "E0101:at another port"});
     mailbox holder(mail_kind::operators);
-    const auto held = holder.take(hosts[0]);
+    const auto held = holder.take(box_keys[0]);
     ASSERT_EQ(held.size(), 2U);
-    EXPECT_EQ(holder.notice(hosts[0], ""), "");
+    EXPECT_EQ(holder.notice(box_keys[0], ""), "");
     mailbox other(mail_kind::operators);
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_TRUE(other.take(hosts[0]).empty());
+    EXPECT_TRUE(other.take(box_keys[0]).empty());
     const std::string notice = "2 messages held by process " + std::to_string(getppid() > 1 ? getppid() : getpid()) +
                                ", which has not shown them yet\n"
                                "1 message under the name db2:9980; schedctl -H db2:9980 status shows them\n";
     for (int i = 0; i < 100; ++i)  // not every call waits for the holder
-        ASSERT_EQ(other.notice(hosts[0], "127.0.0.1"), notice);
+        ASSERT_EQ(other.notice(box_keys[0], "127.0.0.1"), notice);
     EXPECT_LT(std::chrono::steady_clock::now() - start, 50 * held_briefly);
-    holder.settle(hosts[0], {held[0].id}, true);
-    holder.settle(hosts[0], {held[1].id}, false);
-    EXPECT_EQ(texts(other.take(hosts[0])), strings{date + "E0101:fan 4"});
+    holder.settle(box_keys[0], {held[0].id}, true);
+    holder.settle(box_keys[0], {held[1].id}, false);
+    EXPECT_EQ(texts(other.take(box_keys[0])), strings{stamp + "E0101:fan 4"});
     for (const auto& entry : fs::recursive_directory_iterator(path("")))
         EXPECT_EQ(entry.status().permissions(), fs::perms(entry.is_directory() ? 02770 : 0660)) << entry.path();
 }
@@ -287,35 +286,35 @@ TEST_F(Mailbox, HeldConnectionEndsWithItsProcess) {
     mkdir(path("live").c_str(), 0700);
     const pid_t child = fork();
     if (child == 0) {
-        const state_file held = hold_connection(hosts[0], now);
+        const state_file held = hold_connection(box_keys[0], now);
         raise(held.is_open() ? SIGSTOP : SIGKILL);
         raise(SIGKILL);
     }
     waitpid(child, nullptr, WUNTRACED);
-    EXPECT_TRUE(is_held(hosts[0]));
-    EXPECT_FALSE(is_held(hosts[0], now));
-    EXPECT_TRUE(is_held(hosts[0], now + std::chrono::nanoseconds(1)));
-    EXPECT_FALSE(hold_connection(hosts[0], now).is_open());
+    EXPECT_TRUE(is_held(box_keys[0]));
+    EXPECT_FALSE(is_held(box_keys[0], now));
+    EXPECT_TRUE(is_held(box_keys[0], now + std::chrono::nanoseconds(1)));
+    EXPECT_FALSE(hold_connection(box_keys[0], now).is_open());
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
     {
-        const state_file other(path("live/" + hosts[0] + ".held"), state_file::access::read);
+        const state_file other(path("live/" + box_keys[0] + ".held"), state_file::access::read);
         flock(other.fd(), LOCK_SH);  // another process looks at the same time
-        EXPECT_FALSE(is_held(hosts[0]));
+        EXPECT_FALSE(is_held(box_keys[0]));
     }
     EXPECT_TRUE(fs::is_empty(path("live")));
-    EXPECT_TRUE(hold_connection(hosts[0], now).is_open());
-    state_file fresh(path("live/" + hosts[1] + ".held"), state_file::access::create);
+    EXPECT_TRUE(hold_connection(box_keys[0], now).is_open());
+    state_file fresh(path("live/" + box_keys[1] + ".held"), state_file::access::create);
     EXPECT_TRUE(fresh.lock());
-    EXPECT_FALSE(is_held(hosts[1])) << "its time is not written yet";
+    EXPECT_FALSE(is_held(box_keys[1])) << "its time is not written yet";
     unlink(fresh.path().c_str());
     EXPECT_FALSE(fresh.lock());
 }
 
 // Files that the mailbox has not written, under names that it uses, and lines in its own files.
 TEST_F(Mailbox, WhatIsNoMailIsLeftAndReported) {
-    store(*std::make_unique<mailbox>(mail_kind::operators), hosts[0], {date + "E0101:fan 3"});
-    const std::string box = path("mail/" + hosts[0] + ".1.box");
+    store(*std::make_unique<mailbox>(mail_kind::operators), box_keys[0], {stamp + "E0101:fan 3"});
+    const std::string box = path("mail/" + box_keys[0] + ".1.box");
     const std::string whole = *read_file(box), record = whole.substr(123);
     std::string garbage = "no record\n+\xff\n" + record.substr(0, 40) + "\n";
     for (const std::size_t at : {0, 1, 5, 21, 23, 40}) garbage += std::string(record).replace(at, 1, "x");
@@ -332,34 +331,34 @@ TEST_F(Mailbox, WhatIsNoMailIsLeftAndReported) {
         std::ofstream(path("mail/db4:9982." + std::to_string(i) + ".box")) << std::string(122, 'x') << "\n" << record;
     }
     mkfifo(path("mail/db4:9982.9.box").c_str(), 0600);
-    mkfifo(path("mail/" + hosts[1] + ".1.box").c_str(), 0600);
-    fs::create_symlink(directory + "/letter", path("mail/" + hosts[1] + ".2.box"));
-    fs::create_directory(path("mail/" + hosts[1] + ".3.box"));
-    std::ofstream(path("mail/" + hosts[1] + ".4.box")) << "the file of another program\n";
+    mkfifo(path("mail/" + box_keys[1] + ".1.box").c_str(), 0600);
+    fs::create_symlink(directory + "/letter", path("mail/" + box_keys[1] + ".2.box"));
+    fs::create_directory(path("mail/" + box_keys[1] + ".3.box"));
+    std::ofstream(path("mail/" + box_keys[1] + ".4.box")) << "the file of another program\n";
     std::string notice;
     {
         mailbox reader(mail_kind::operators);
-        const auto taken = reader.take(hosts[0]);
-        EXPECT_EQ(texts(taken), strings(2, date + "E0101:fan 3"));
-        EXPECT_TRUE(reader.take(hosts[1]).empty() && reader.take("db3:9982").empty());
-        EXPECT_EQ(store(reader, hosts[0], {date + "E0101:fan 5"}).size(), 1U);
-        EXPECT_EQ(store(reader, hosts[1], {date + "E0101:fan 4"}).size(), 1U);
-        EXPECT_EQ(store(reader, "db3:9982", {date + "E0101:fan 6"}).size(), 1U);
-        auto more = messages_of({date + "E0101:fan 7"});
+        const auto taken = reader.take(box_keys[0]);
+        EXPECT_EQ(texts(taken), strings(2, stamp + "E0101:fan 3"));
+        EXPECT_TRUE(reader.take(box_keys[1]).empty() && reader.take("db3:9982").empty());
+        EXPECT_EQ(store(reader, box_keys[0], {stamp + "E0101:fan 5"}).size(), 1U);
+        EXPECT_EQ(store(reader, box_keys[1], {stamp + "E0101:fan 4"}).size(), 1U);
+        EXPECT_EQ(store(reader, "db3:9982", {stamp + "E0101:fan 6"}).size(), 1U);
+        auto more = messages_of({stamp + "E0101:fan 7"});
         EXPECT_EQ(reader.store("db4:9982", "", more, true), path("mail/db4:9982.9.box") + ": Invalid argument");
-        notice = reader.notice(hosts[0], "127.0.0.1");
-        reader.settle(hosts[0], {taken.empty() ? 0 : taken[0].id}, true);
+        notice = reader.notice(box_keys[0], "127.0.0.1");
+        reader.settle(box_keys[0], {taken.empty() ? 0 : taken[0].id}, true);
         EXPECT_TRUE(fs::exists(path("live/notes")) && !fs::exists(path("live/4711.0badf00d")));
     }
     for (const char* name :
          {"127.0.0.1:9980.1.box", "db1:9981.1.box", "db1:9981.2.box", "db1:9981.3.box", "db1:9981.4.box"})
         EXPECT_THAT(notice, testing::HasSubstr(name));
-    EXPECT_EQ(*read_file(path("mail/" + hosts[1] + ".4.box")), "the file of another program\n");
-    EXPECT_EQ(texts(mailbox(mail_kind::operators).take(hosts[0])).back(), date + "E0101:fan 5");
-    EXPECT_EQ(texts(mailbox(mail_kind::operators).take(hosts[1])), strings{date + "E0101:fan 4"});
+    EXPECT_EQ(*read_file(path("mail/" + box_keys[1] + ".4.box")), "the file of another program\n");
+    EXPECT_EQ(texts(mailbox(mail_kind::operators).take(box_keys[0])).back(), stamp + "E0101:fan 5");
+    EXPECT_EQ(texts(mailbox(mail_kind::operators).take(box_keys[1])), strings{stamp + "E0101:fan 4"});
     mailbox last(mail_kind::operators);
-    EXPECT_EQ(texts(last.take("db3:9982")), strings{date + "E0101:fan 6"});
-    for (const status_line& m : last.take(hosts[0])) last.settle(hosts[0], {m.id}, true);
+    EXPECT_EQ(texts(last.take("db3:9982")), strings{stamp + "E0101:fan 6"});
+    for (const status_line& m : last.take(box_keys[0])) last.settle(box_keys[0], {m.id}, true);
     EXPECT_THAT(*read_file(box), testing::HasSubstr(garbage));
 }
 
@@ -434,16 +433,14 @@ TEST(Status, AgeHasTheTwoLargestUnits) {
 TEST(Status, ReportHasEveryLineAndAgainGivesThem) {
     const std::string lost = "W0100: message queue overflow, 3 messages were lost.\n";
     const std::string confdate = "confdate  2026-01-31T12:00:00+00:00\n";
-    const status_report report =
-        parse_status(date + lost + lost + confdate + "no form\n" + date + confdate + lost + date + date + "x\n" + date);
+    const status_report report = parse_status(stamp + lost + lost + confdate + "no form\n" + stamp + confdate + lost +
+                                              stamp + stamp + "x\n" + stamp);
     strings messages;
     for (const message& m : report.messages) messages.push_back(m.date + ";" + m.text + "\n");
-    EXPECT_THAT(messages, testing::ElementsAre(date + lost, date + confdate, date + date + "x\n", date + "\n"));
+    EXPECT_THAT(messages, testing::ElementsAre(stamp + lost, stamp + confdate, stamp + stamp + "x\n", stamp + "\n"));
     EXPECT_EQ(report.lost, 6U);
     ASSERT_EQ(report.conditions.size(), 1U);
     EXPECT_EQ("confdate  " + report.conditions[0].since + "\n", confdate);
 }
 
 }  // namespace
-
-}  // namespace client

@@ -144,16 +144,16 @@ TEST_F(E2eManyHosts, WrongUseEndsWithAMessage) {
 }
 
 TEST(HostLink, TriesEachIPv4AddressAndUsesThoseThatComeLate) {
-    const client::host_name where{"two", "two", static_cast<std::uint16_t>(free_port())};
+    const host_name where{"two", "two", static_cast<std::uint16_t>(free_port())};
     const unique_fd listener = listen_on(where.port);  // of 127.0.0.1 only
     const auto descriptors = [] {
         const std::filesystem::directory_iterator all("/proc/self/fd");
         return std::distance(begin(all), end(all));
     };
     const auto before = descriptors();
-    const client::connect_options how;
-    client::password_store passwords("");
-    client::host_link link(where, how, passwords, 0s);
+    const connect_options how;
+    password_store passwords("");
+    host_link link(where, how, passwords, 0s);
     link.on_resolved({{inet_addr("127.0.0.2")}, {inet_addr("127.0.0.3")}, {inet_addr("127.0.0.1")}}, "");
     link.ask({"status"});
     EXPECT_TRUE(wait_until([&] {
@@ -174,7 +174,7 @@ TEST(HostLink, TriesEachIPv4AddressAndUsesThoseThatComeLate) {
     }
     if (shell("getent hosts localhost").empty()) return;   // without /etc/hosts it has no address
     for (const std::string name : {"localhost", "::1"}) {  // only IPv4 addresses are looked up, each once
-        const auto found = client::look_up(name);
+        const auto found = look_up(name);
         pollfd ended{found->ended.get(), POLLIN, 0};
         EXPECT_TRUE(poll(&ended, 1, 0) == 0 || found->is_done);
         EXPECT_EQ(fcntl(ended.fd, F_GETFD), FD_CLOEXEC);
@@ -182,7 +182,7 @@ TEST(HostLink, TriesEachIPv4AddressAndUsesThoseThatComeLate) {
         const std::string number = name == "::1" ? "0" : shell("getent ahostsv4 localhost | grep -c STREAM");
         EXPECT_EQ(found->addresses.size(), std::stoul(number)) << name;
     }
-    client::host_link late({"late", "localhost", where.port}, how, passwords, 0s);
+    host_link late({"late", "localhost", where.port}, how, passwords, 0s);
     late.ask({"status"});
     late.expire();
     pollfd found{late.fd(), late.events(), 0};
@@ -197,26 +197,25 @@ TEST(HostLink, TriesEachIPv4AddressAndUsesThoseThatComeLate) {
 // ends the wait for a password that nobody gives any more.
 TEST_F(E2eManyHosts, HeldConnectionIsReportedAndKeepsItsMessages) {
     setenv("XDG_STATE_HOME", first.path("agent").c_str(), 1);
-    const std::vector<client::host_name> hosts = {{"A", "127.0.0.1", static_cast<std::uint16_t>(first.port)}};
+    const std::vector<host_name> hosts = {{"A", "127.0.0.1", static_cast<std::uint16_t>(first.port)}};
     const pid_t stalled = first.scheduler();
     int held = 0, closed = 0;
     std::map<std::uint32_t, std::string> shown;  // by request
     const unique_fd inherited(fcntl(STDERR_FILENO, F_DUPFD, 200));
     std::thread resume;
-    struct : client::agent_listener {
-        std::function<void(const client::status_answer&)> on_status;
+    struct : agent_listener {
+        std::function<void(const status_answer&)> on_status;
         std::function<void(bool)> on_closed;
         int asked = 0;
-        std::vector<client::outcome> ends;
+        std::vector<outcome> ends;
         void output(std::size_t, std::uint32_t, const std::string&) override {}
-        void status(std::size_t, const client::status_answer& answer) override { on_status(answer); }
-        void ended(std::size_t, std::uint32_t, const client::command_result& end) override { ends.push_back(end.how); }
+        void status(std::size_t, const status_answer& answer) override { on_status(answer); }
+        void ended(std::size_t, std::uint32_t, const command_result& end) override { ends.push_back(end.how); }
         void closed(std::size_t, std::size_t, bool is_held) override { on_closed(is_held); }
         void password_needed(std::size_t) override { ++asked; }
     } events;
-    events.on_status = [&](const client::status_answer& answer) {
-        for (const client::status_line& line : answer.lines)
-            shown[answer.request] += line.id != 0 ? line.text.substr(26) : "";
+    events.on_status = [&](const status_answer& answer) {
+        for (const status_line& line : answer.lines) shown[answer.request] += line.id != 0 ? line.text.substr(26) : "";
     };
     const auto newest_agent = [] {
         return std::atoi(shell("pgrep -n -P " + std::to_string(getpid()) + " client_tests").c_str());
@@ -232,27 +231,26 @@ TEST_F(E2eManyHosts, HeldConnectionIsReportedAndKeepsItsMessages) {
         EXPECT_TRUE(wait_until([&] { return received_by(first.port, 3); }));
         resume = std::thread([agent] { usleep(200'000), kill(agent, SIGCONT); });
     };
-    client::agent_options how;
-    how.stored = client::stored_messages::taken;
+    agent_options how;
+    how.stored = stored_messages::taken;
     first.raise("E0101:fan");
     kill(stalled, SIGSTOP);
-    client::agent_client front(hosts, how, events);
+    agent_client front(hosts, how, events);
     front.ask(0, {"status"});
     EXPECT_TRUE(wait_until([&] { return received_by(first.port, 2); }));
     front.finish();
     resume.join();
-    EXPECT_TRUE(wait_until(
-        [&] { return client::mailbox(client::mail_kind::operators).waiting(client::key_of(hosts[0])) == 1; }));
+    EXPECT_TRUE(wait_until([&] { return mailbox(mail_kind::operators).waiting(key_of(hosts[0])) == 1; }));
 
     events.on_closed = [&](bool is_held) { ++(is_held ? held : closed); };
-    const auto step = [](client::agent_client& of) { of.step({}, std::chrono::steady_clock::now() + 10ms); };
+    const auto step = [](agent_client& of) { of.step({}, std::chrono::steady_clock::now() + 10ms); };
     events.ends.clear();
     how.connect.timeout = 1;
-    client::mailbox::remember_login(client::key_of(hosts[0]), true);
+    mailbox::remember_login(key_of(hosts[0]), true);
     first.await_trace(") is gone.");
     first.raise("E0101:late");
     kill(stalled, SIGSTOP);
-    client::agent_client late(hosts, how, events);
+    agent_client late(hosts, how, events);
     const pid_t agent = newest_agent();
     const auto ends = [&](unsigned n) { return wait_until([&] { return step(late), events.ends.size() == n; }); };
     late.ask(0, {"status"});
@@ -275,13 +273,12 @@ TEST_F(E2eManyHosts, HeldConnectionIsReportedAndKeepsItsMessages) {
     usleep(1'500'000);  // an answer that has come is not late when its reader was stopped for longer than the limit
     kill(agent, SIGCONT);
     EXPECT_TRUE(ends(3));
-    EXPECT_THAT(events.ends,
-                testing::ElementsAre(client::outcome::no_answer, client::outcome::over, client::outcome::over));
+    EXPECT_THAT(events.ends, testing::ElementsAre(outcome::no_answer, outcome::over, outcome::over));
     EXPECT_EQ(shown[2], "E0101:late");
-    EXPECT_FALSE(client::counters_of(client::key_of(hosts[0])).login);
+    EXPECT_FALSE(counters_of(key_of(hosts[0])).login);
     late.finish();
     closed = 0;
-    client::agent_client named({{"N", "localhost", hosts[0].port}}, how, events);
+    agent_client named({{"N", "localhost", hosts[0].port}}, how, events);
     const pid_t stopped = newest_agent();
     kill(stopped, SIGSTOP);  // both calls come at once: the command is not sent any more
     named.ask(0, {"status"}), named.close(0);
@@ -296,7 +293,7 @@ TEST_F(E2eManyHosts, HeldConnectionIsReportedAndKeepsItsMessages) {
     EXPECT_THAT(shown[0], HasSubstr("E0101:last"));
     how.connect.source = "127.0.0.2";
     kill(stalled, SIGSTOP);
-    client::agent_client refused(hosts, how, events);
+    agent_client refused(hosts, how, events);
     refused.ask(0, {"status"});
     EXPECT_TRUE(wait_until([&] { return step(refused), received_by(first.port, 2); }));
     refused.close(0);

@@ -22,11 +22,11 @@ const std::string later = "2026-11-25T10:00:02+00:00";
 TEST(WatchChanges, AnAnswerTellsWhatWasSetAgainWhatEndedAndWhatBrokeOff) {
     const Suite scratch;
     setenv("XDG_STATE_HOME", scratch.path("state").c_str(), 1);
-    client::inquiry round({"db1", "db1", 9980});
+    inquiry round({"db1", "db1", 9980});
     round.known.conditions = {{"conf", then}, {"error", then}, {"prevent", then}};
     round.known.messages.resize(20);  // no more are kept
-    round.failed(client::outcome::no_answer);
-    client::status_answer answer;
+    round.failed(outcome::no_answer);
+    status_answer answer;
     answer.lines = {{7, then + ";E0101:conf " + later}, {8, "W0100: message queue overflow, 3 messages were lost."}};
     for (const auto& [name, date] : {std::pair("conf", then), {"error", later}}) {
         answer.lines.push_back({0, name + (" " + date)});
@@ -34,10 +34,10 @@ TEST(WatchChanges, AnAnswerTellsWhatWasSetAgainWhatEndedAndWhatBrokeOff) {
     for (const bool complete : {true, false}) {
         SCOPED_TRACE(complete);
         answer.complete = complete;
-        client::inquiry asked = round;
-        const std::vector<client::event> news = asked.status(answer);
+        inquiry asked = round;
+        const std::vector<event> news = asked.status(answer);
         ASSERT_EQ(news.size(), complete ? 4U : 2U);
-        const client::event* const messages = &news[news.size() - 2];
+        const event* const messages = &news[news.size() - 2];
         EXPECT_EQ(messages[0].text, "E0101:conf " + later);
         EXPECT_EQ(messages[0].id, 7U);
         EXPECT_EQ(messages[1].lost, 3U);
@@ -54,7 +54,6 @@ TEST(WatchChanges, AnAnswerTellsWhatWasSetAgainWhatEndedAndWhatBrokeOff) {
 }
 
 TEST(WatchEvents, LinesHaveTheirPriorityAndMembers) {
-    using namespace client;
     const host_name host{"DB1", "db1", 9981};
     const struct {
         event what;
@@ -90,16 +89,16 @@ TEST(WatchEvents, LinesHaveTheirPriorityAndMembers) {
 TEST(WatchStateFile, IsBelievedForTwiceItsIntervalAndUntilTheMachineRestarts) {
     Suite scratch;
     setenv("XDG_STATE_HOME", scratch.path("state").c_str(), 1);
-    const client::host_name host{"db1", "db1", 9980};
-    client::snapshot state;
+    const host_name host{"db1", "db1", 9980};
+    snapshot state;
     state.up = true;
     state.timer_jobs = 3;
     state.messages = {{then, "E0101:fan"}};
-    client::write_state_file(host, state, 600);
-    const std::string name = "state/schedctl/" + client::key_of(host) + ".json";
+    write_state_file(host, state, 600);
+    const std::string name = "state/schedctl/" + key_of(host) + ".json";
     EXPECT_EQ(shell("stat -c %a " + scratch.path(name)), "644\n");
     const json written = json::parse(scratch.read(name));
-    const std::optional<client::snapshot> read = client::followed_state(host);
+    const std::optional<snapshot> read = followed_state(host);
     ASSERT_TRUE(read.has_value());
     EXPECT_TRUE(read->up && read->timer_jobs == 3 && read->operators < 0 && read->messages[0].text == "E0101:fan");
     const double now = written["written"];
@@ -119,10 +118,10 @@ TEST(WatchStateFile, IsBelievedForTwiceItsIntervalAndUntilTheMachineRestarts) {
         json changed = written;
         changed.update(c.change);
         scratch.write(name, changed.dump());
-        EXPECT_EQ(client::followed_state(host).has_value(), c.believed) << c.name;
+        EXPECT_EQ(followed_state(host).has_value(), c.believed) << c.name;
     }
     scratch.write(name, written.dump().substr(1));
-    EXPECT_FALSE(client::followed_state(host).has_value());
+    EXPECT_FALSE(followed_state(host).has_value());
     unsetenv("XDG_STATE_HOME");
 }
 
@@ -131,7 +130,7 @@ TEST(WatchKeys, MoveTheTopEditTheFilterAndQuit) {
          {"\033[A>9 old", "\033OA>9 old", "\033[B>11 old", "\033OB>11 old", "\033[5~>5 old", "\033[6~\033[A>14 old",
           "\033[H>0 old", "\033[F>1000010 old", "\033>10 ", "x>10 old", "/>10 _", "/qu\n>10 qu",
           "/b\177a\bb\177c\r>10 c", "/qu\033[B>11 qu_", "/qu\033>10 ", "q>10 old ends", "qx>10 old ends"}) {
-        client::host_keys keys{.filter = "old", .top = 10, .page = 5};
+        host_keys keys{.filter = "old", .top = 10, .page = 5};
         keys.handle(line.substr(0, line.find('>')));
         EXPECT_EQ(
             std::to_string(keys.top) + " " + keys.filter + (keys.editing ? "_" : "") + (keys.quits ? " ends" : ""),

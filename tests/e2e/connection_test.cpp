@@ -69,7 +69,7 @@ TEST(E2eConnection, SocketsOfOperatorsSendAtOnceAndFindDeadHosts) {
     Suite suite;
     suite.start();
     Client client = suite.client();
-    EXPECT_EQ(suite.status(client), status_answer(""));
+    EXPECT_EQ(suite.status(client), expected_status(""));
     const unique_fd daemon(static_cast<int>(syscall(SYS_pidfd_open, suite.pid, 0)));
     int connections = 0;
     for (int number = 3; number < 64; number++) {
@@ -150,11 +150,11 @@ TEST(E2eConnection, FollowUpCommandsDependOnThePlatformAndTheMarks) {
         suite.start();
         Client client = suite.client();
         EXPECT_EQ(client.ask("parts\tclear"), over);  // the fault persists: the mark stays
-        EXPECT_EQ(suite.status(client), status_answer(prognosis ? "error prevent" : "error"));
+        EXPECT_EQ(suite.status(client), expected_status(prognosis ? "error prevent" : "error"));
         suite.react("parts.status", "");
         for (int round = 0; round < 2; round++)  // the second time no mark is set and no command follows
             EXPECT_EQ(client.ask({"parts\tclear\tall", "prognosis\tprevdel"}), over + over);
-        EXPECT_EQ(suite.status(client), status_answer(""));
+        EXPECT_EQ(suite.status(client), expected_status(""));
         EXPECT_EQ(suite.calls(1),
                   "allmodcall start,parts status,"s + (prognosis ? "prognosis prevstatus," : "") +
                       "diag status,parts clear,parts status,parts clear all,parts status,prognosis prevdel," +

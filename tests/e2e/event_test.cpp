@@ -39,8 +39,8 @@ TEST(E2eEvent, OnlyWholeMessagesAreLoggedAndErrorsAndWarningsWaitForTheFirstOper
     EXPECT_THAT(mask_dates(suite.read("log/event_log")), testing::StartsWith("DATE : E0101:fan stopped\n"));
     Client first = suite.client();
     Client second = suite.client();
-    EXPECT_EQ(suite.status(first), status_answer("error", waiting));
-    EXPECT_EQ(suite.status(second), status_answer("error"));
+    EXPECT_EQ(suite.status(first), expected_status("error", waiting));
+    EXPECT_EQ(suite.status(second), expected_status("error"));
     suite.expect_trace({"event:ignore:\"ALL;E0101:x\"\n", "event:ignore:\"ALL;E0101:x\"\n", "event:ignore:\"\"\n",
                         "event:ignore:\"\"\n", "event:ignore:\" E0101:x\"\n", "event:vgdmsg:\"E0101:both\"\n",
                         "event:vgdmsg:\"D9999:a b\r\"\n", "event:extract from dummy out=0 in=5 lost=0\n"});
@@ -50,7 +50,7 @@ TEST(E2eEvent, LongLinesAreCutForOperatorsAndLogsAndPiecesOfALineAreJoined) {
     Suite suite;
     suite.start();
     Client client = suite.client();
-    EXPECT_EQ(suite.status(client), status_answer(""));
+    EXPECT_EQ(suite.status(client), expected_status(""));
     const std::string text = "I1000:" + std::string(1994, 'x');
     const struct {
         std::size_t size;
@@ -65,7 +65,8 @@ TEST(E2eEvent, LongLinesAreCutForOperatorsAndLogsAndPiecesOfALineAreJoined) {
     };
     for (const auto& [size, rest] : cases) {
         suite.raise(text.substr(0, size));
-        EXPECT_EQ(suite.status(client), status_answer("", delivered(text.substr(0, std::min<std::size_t>(size, 1023)))))
+        EXPECT_EQ(suite.status(client),
+                  expected_status("", delivered(text.substr(0, std::min<std::size_t>(size, 1023)))))
             << size;
         suite.await_trace(rest);
     }
@@ -76,7 +77,7 @@ TEST(E2eEvent, LongLinesAreCutForOperatorsAndLogsAndPiecesOfALineAreJoined) {
     // A writer closes the pipe in the middle of a line, and others write the rest.
     for (const char* piece : {"E0401:ha", "lf\nE04", "01:whole\n"}) suite.event(piece);
     suite.await_events(8);
-    EXPECT_EQ(suite.status(client), status_answer("error", delivered("E0401:half") + delivered("E0401:whole")));
+    EXPECT_EQ(suite.status(client), expected_status("error", delivered("E0401:half") + delivered("E0401:whole")));
 }
 
 TEST(E2eEvent, EachCodeSetsItsMarksAndRunsItsModules) {
@@ -84,7 +85,7 @@ TEST(E2eEvent, EachCodeSetsItsMarksAndRunsItsModules) {
     suite.env["TZ"] = "UTC";
     suite.start();
     Client client = suite.client();
-    EXPECT_EQ(suite.status(client), status_answer(""));
+    EXPECT_EQ(suite.status(client), expected_status(""));
     EXPECT_THAT(client.ask("status"), Not(HasSubstr("1970")));
     // The messages follow one another. A module's reaction stays until the next one.
     const struct {
@@ -123,7 +124,7 @@ TEST(E2eEvent, EachCodeSetsItsMarksAndRunsItsModules) {
         if (c.module != nullptr) suite.react(c.module, c.reaction);
         const std::string before = suite.calls(3);
         suite.raise(c.message);
-        EXPECT_EQ(suite.status(client), status_answer(c.marks, c.delivered ? delivered(c.message) : ""));
+        EXPECT_EQ(suite.status(client), expected_status(c.marks, c.delivered ? delivered(c.message) : ""));
         EXPECT_EQ(suite.calls(3), before + c.calls);
     }
     const std::string dates = client.ask("status");

@@ -81,7 +81,7 @@ std::string mask_dates(const std::string& text) {
     return result + from;
 }
 
-std::string status_answer(const std::string& rows, const std::string& lines) {
+std::string expected_status(const std::string& rows, const std::string& lines) {
     std::string result = "confdate  DATE\r\n";
     std::istringstream words(rows);
     for (std::string row; words >> row;) result += row + std::string(10 - row.size(), ' ') + "DATE\r\n";

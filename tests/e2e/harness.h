@@ -47,7 +47,7 @@ int occurrences(const std::string& text, const std::string& part);
 // Every date of an answer as DATE, so that the rest can be compared byte for byte.
 std::string mask_dates(const std::string& text);
 // The answer to `status` with confdate, these rows ("error korvo"), and then these lines.
-std::string status_answer(const std::string& rows, const std::string& lines = "");
+std::string expected_status(const std::string& rows, const std::string& lines = "");
 std::string shell(const std::string& command);                  // what it prints
 std::string of_process(pid_t pid, const std::string& command);  // the same, run in the process's directory of /proc
 std::string sha256_hex(const std::string& text);

@@ -32,7 +32,7 @@ TEST(E2eSupervisor, DetachesTheSchedulerAndStartsItAgainCleanAfterItsDeath) {
         Client client = suite.client();
         EXPECT_EQ(client.ask("modcntl\tparts\toff"), over);
         suite.raise("E0001:bad");
-        EXPECT_EQ(suite.status(client), status_answer("error", "DATE;E0001:bad\r\n"));
+        EXPECT_EQ(suite.status(client), expected_status("error", "DATE;E0001:bad\r\n"));
     }
     for (const auto& [signal, raw_status] : {std::pair{SIGKILL, "0x9"}, std::pair{SIGTERM, "0xf"}}) {
         const auto begin = std::chrono::steady_clock::now();
@@ -45,7 +45,7 @@ TEST(E2eSupervisor, DetachesTheSchedulerAndStartsItAgainCleanAfterItsDeath) {
         const std::string started = "Info:sched:started(pid=" + std::to_string(scheduler) + ")";
         ASSERT_TRUE(wait_until([&] { return in_order(suite.trace(), {started, "Info:sched:accepting socket"}); }));
         Client client = suite.client();  // clean marks, every module on, no more descriptors than at first
-        EXPECT_EQ(suite.status(client), status_answer(""));
+        EXPECT_EQ(suite.status(client), expected_status(""));
         EXPECT_EQ(client.ask("parts"), over);
         EXPECT_EQ(client.ask("quit"), goodbye);
         EXPECT_TRUE(wait_until([&] { return of_process(scheduler, "ls fd | wc -l") == descriptors; }));
@@ -121,7 +121,7 @@ TEST(E2eSupervisor, EndsWithAnOrderlySchedulerButDoesNotTakeItDownWhenKilled) {
     kill(suite.pid, SIGTERM);
     EXPECT_EQ(suite.wait_exit(), 128 + SIGTERM);
     Client client = suite.client();
-    EXPECT_EQ(suite.status(client), status_answer(""));
+    EXPECT_EQ(suite.status(client), expected_status(""));
 }
 
 }  // namespace e2e

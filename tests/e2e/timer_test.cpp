@@ -39,7 +39,7 @@ TEST(E2eMinute, JobsRunOnceReloadAndWaitForTheLockAndTheUptimeCounts) {
     EXPECT_EQ(held.read("data/up_time_start"), "");
     Client client = idle.client();
     idle.raise("E0007:x");
-    EXPECT_EQ(idle.status(client), status_answer("diag patrol padiag", "DATE;E0007:x\r\n"));
+    EXPECT_EQ(idle.status(client), expected_status("diag patrol padiag", "DATE;E0007:x\r\n"));
     Client holder = held.client();
     holder.send("slow\r");
     held.await_trace("command:\"slow\" \n");
@@ -61,9 +61,9 @@ TEST(E2eMinute, JobsRunOnceReloadAndWaitForTheLockAndTheUptimeCounts) {
     EXPECT_TRUE(
         in_order(idle.trace(), {"timer:patrol is changed to be disabled\n", "timer:padiag is changed to be disabled\n",
                                 due(0, "tick two", first), "command1:trylock succeed.(no.1)\n"}));
-    EXPECT_EQ(idle.status(client), status_answer("diag"));
+    EXPECT_EQ(idle.status(client), expected_status("diag"));
     Client second = held.client();
-    EXPECT_EQ(held.status(second), status_answer("patrol"));
+    EXPECT_EQ(held.status(second), expected_status("patrol"));
 
     std::filesystem::remove(held.path("pipe"));
     const std::size_t before = held.trace().size();

@@ -37,7 +37,7 @@ void knock_at_once(Suite& suite) {
     std::vector<Client> clients;
     for (int i = 0; i < 100; i++) clients.push_back(suite.client());
     for (std::size_t i = 0; i < clients.size(); i++)  // the first 32 are served, the others disconnected
-        EXPECT_EQ(i < 32 ? suite.status(clients[i]) : clients[i].rest(), i < 32 ? status_answer("") : "");
+        EXPECT_EQ(i < 32 ? suite.status(clients[i]) : clients[i].rest(), i < 32 ? expected_status("") : "");
 }
 
 // Unread bytes of clients that have left must not hold their connections: bytes without an end of line, and lines that
@@ -82,10 +82,10 @@ void use_all_descriptors(Suite& suite) {
     std::vector<Client> clients;
     for (int i = 0; i < 20; i++) clients.push_back(suite.client());
     suite.await_trace("accept failed. errno=24\n");
-    EXPECT_EQ(suite.status(clients[0]), status_answer(""));
+    EXPECT_EQ(suite.status(clients[0]), expected_status(""));
     clients[0].send("parts\tstatus\r");
     suite.await_trace("Error:command:pipe fail(errno=24)\n");
-    EXPECT_EQ(suite.status(clients[0]), status_answer(""));  // and no answer for the module that was not started
+    EXPECT_EQ(suite.status(clients[0]), expected_status(""));  // and no answer for the module that was not started
     clients.erase(clients.begin(), clients.end() - 5);
     for (Client& waiting : clients) EXPECT_EQ(waiting.ask("nosuch"), unsupported);
     // A module needs three descriptors, so wait until the other connections have ended.
@@ -112,11 +112,11 @@ void own_user(Suite& suite) {
 void refuse_processes(Suite& suite) {
     const std::string limit = "prlimit --pid " + std::to_string(suite.pid) + " --nproc=";
     Client client = suite.client();
-    EXPECT_EQ(suite.status(client), status_answer(""));
+    EXPECT_EQ(suite.status(client), expected_status(""));
     EXPECT_EQ(shell_as_other_user(limit + "0:"), "");
     client.send("parts\tstatus\r");
     suite.await_trace("Error:command:fork fails (errno=11)\n");
-    EXPECT_EQ(suite.status(client), status_answer(""));  // and no answer for the module that was not started
+    EXPECT_EQ(suite.status(client), expected_status(""));  // and no answer for the module that was not started
     EXPECT_EQ(client.ask("quit"), goodbye);
     suite.await_trace(" is gone.\n");
     suite.raise("E0103:waits for an operator");
