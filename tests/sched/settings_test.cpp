@@ -5,7 +5,6 @@
 #include <arpa/inet.h>
 #include <map>
 #include <netdb.h>
-#include <type_traits>
 
 namespace unit {
 
@@ -31,22 +30,13 @@ struct Settings : Scratch {
             if (before.at(name) != value) all += (all.empty() ? "" : " ") + name + "=" + value;
         return all;
     }
-    // Sets all values back.
+    // Sets all values back. No other thread exists.
     void reset() {
-        const auto set = [this](auto& value, const char* name) {
-            value = static_cast<std::remove_reference_t<decltype(value = 0)>>(std::stoi(before.at(name)));
-        };
-        set(st->port, "port");
-        set(st->pendtime, "pendtime");
-        set(st->syslog_poll_interval, "syslog_poll_interval");
-        set(st->udp_dest_port, "udp_dest_port");
-        set(st->qmxut_port, "qmxut_port");
-        set(st->debug, "debug");
-        set(no_alive, "no_alive");
-        set(st->watch_malloc, "watch_malloc");
-        copy_text(st->udp_dest_addr, before.at("udp_dest_addr").c_str());
-        copy_text(st->bound_ip_address, before.at("bound_ip_address").c_str());
+        std::memcpy(static_cast<void*>(st), record, sizeof record);
+        no_alive = 0;
     }
+    Settings() { std::memcpy(record, static_cast<void*>(st), sizeof record); }
+    char record[sizeof(sched_status)];
     Values before = values();
 };
 
