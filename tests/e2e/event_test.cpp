@@ -135,23 +135,6 @@ TEST(E2eEvent, EachCodeSetsItsMarksAndRunsItsModules) {
     suite.expect_trace({"devconf date => 2013-02-07T15:45:12+09:00\n20"});
 }
 
-// The date is local time of the given moment, but its offset is the present one.
-TEST(E2eEvent, ConfigurationDateIsLocalTimeWithThePresentOffset) {
-    for (const std::string zone : {"UTC", "Asia/Tokyo", "America/St_Johns", "Asia/Kathmandu"}) {
-        Suite suite;
-        suite.env["TZ"] = zone;
-        suite.start();
-        Client client = suite.client();
-        for (const std::string moment : {"2013-02-07T06:45:12Z", "2013-07-01T00:15:12+05:45"}) {
-            suite.react("devconf.date", "echo " + moment);
-            suite.raise("I0005:x");
-            const std::string local = shell("export TZ=" + zone + "; date +%Y-%m-%dT%H:%M:%S -d " + moment);
-            const std::string offset = shell("TZ=" + zone + " date +%:z");
-            EXPECT_THAT(client.ask("status"), HasSubstr(local.substr(0, 19) + offset.substr(0, 6) + "\r\n")) << zone;
-        }
-    }
-}
-
 // One operator after the other asks for the status and quits, both in one packet, while messages arrive.
 TEST(E2eEvent, EachMessageReachesExactlyOneOfOperatorsThatAskAndQuitInTurn) {
     Suite suite;
