@@ -6,9 +6,8 @@ namespace e2e {
 
 namespace {
 
-// Call after killing the scheduler. Waits until the supervisor has started the next one.
-bool next_scheduler_accepts(const Suite& suite) {
-    const pid_t killed = suite.scheduler();
+// Waits until the supervisor has started the next scheduler.
+bool next_scheduler_accepts(const Suite& suite, pid_t killed) {
     return wait_until([&] { return suite.scheduler() != killed && suite.scheduler() > 0; }) && wait_until([&] {
                const std::string started = "Info:sched:started(pid=" + std::to_string(suite.scheduler()) + ")";
                return static_cast<bool>(in_order(suite.trace(), {started, "Info:sched:accepting socket"}));
@@ -39,11 +38,9 @@ TEST(E2eSupervisor, DetachesTheSchedulerAndStartsItAgainCleanAfterItsDeath) {
         kill(scheduler, signal);
         suite.await_trace("alive_check:waitpid(pid=" + std::to_string(scheduler) + ") returns " + raw_status +
                           "(errno=");
-        ASSERT_TRUE(wait_until([&] { return suite.scheduler() != scheduler && suite.scheduler() > 0; }));
+        ASSERT_TRUE(next_scheduler_accepts(suite, scheduler));
         EXPECT_GT(std::chrono::steady_clock::now() - begin, 2900ms);
         scheduler = suite.scheduler();
-        const std::string started = "Info:sched:started(pid=" + std::to_string(scheduler) + ")";
-        ASSERT_TRUE(wait_until([&] { return in_order(suite.trace(), {started, "Info:sched:accepting socket"}); }));
         Client client = suite.client();  // clean marks, every module on, no more descriptors than at first
         EXPECT_EQ(suite.status(client), status_answer(""));
         EXPECT_EQ(client.ask("parts"), over);
@@ -73,8 +70,9 @@ TEST(E2eSupervisor, KeepsTheFifoOpenThatIsThereAtTheStartOfEachScheduler) {
     for (const auto& [change, wanted] : {std::pair{"mkfifo pipe", "1\n"}, std::pair{": >pipe", "0\n"}}) {
         SCOPED_TRACE(change);
         shell("cd " + suite.path("") + "; rm pipe; " + change);
-        kill(suite.scheduler(), SIGKILL);
-        ASSERT_TRUE(next_scheduler_accepts(suite));
+        const pid_t scheduler = suite.scheduler();
+        kill(scheduler, SIGKILL);
+        ASSERT_TRUE(next_scheduler_accepts(suite, scheduler));
         EXPECT_EQ(kept(), wanted);
     }
 }
