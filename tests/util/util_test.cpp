@@ -170,6 +170,19 @@ TEST_F(Util, IsoTextIsReadTheSameInEveryZone) {
     }
 }
 
+TEST_F(Util, ZoneOffsetIsRightWhenLocalTimeAndUtcAreInDifferentYears) {
+    for (int i = 0; i < 300; ++i) {  // every half hour around the starts of 2013 and 2014
+        for (const int east : {-720, -570, -210, -30, 0, 30, 345, 540, 840}) {
+            const std::time_t when = (i % 2 == 0 ? 1356998400 : 1388534400) + (i / 2 - 75) * 1800;
+            const std::time_t shifted = when + std::time_t{east} * 60;
+            std::tm utc{}, local{};
+            gmtime_r(&when, &utc);
+            gmtime_r(&shifted, &local);
+            ASSERT_EQ(timezone_offset(utc, local), -east) << when;
+        }
+    }
+}
+
 // A wall clock time in milliseconds.
 constexpr std::int64_t at(int hour, int minute, int second) {
     return ((hour * 60 + minute) * 60 + second) * std::int64_t{1000};
