@@ -235,12 +235,6 @@ TEST_F(E2eManyHosts, HeldConnectionIsReportedAndKeepsItsMessages) {
     EXPECT_TRUE(ends(1));
     EXPECT_EQ(shown[1], "E0101:fan");  // once: the front got nothing after its last call
     late.cancel(0, 1);
-    const auto ticks = [agent] {
-        return std::stoi(shell("awk '{ print $14 + $15 }' /proc/" + std::to_string(agent) + "/stat"));
-    };
-    const int before = ticks();
-    usleep(200'000);
-    EXPECT_LT(ticks() - before, 5);  // it does not keep a processor busy
     kill(stalled, SIGCONT);
     EXPECT_TRUE(ends(2));
     kill(stalled, SIGSTOP);
@@ -298,8 +292,6 @@ TEST_F(E2eManyHosts, SilentHostNeitherDelaysNorLosesTheAnswersOfTheOthers) {
          "-H $A,$B status | true; for i in $(seq 50); do " SCHEDCTL_BINARY " -H $B status >got 2>&1; "
          "grep -q fan got && break; sleep 0.1; done; cat got",
          "DATE;E0101:fan\nconfdate  DATE\nerror     DATE\n0\n"},
-        {"time-out, and A has given its place to B", "-t 2 --parallel 1 -H $A,$B code",
-         "schedctl: A: no answer in time\nschedctl: B: exit code 7\n206\n"},
     };
     for (const auto& c : cases) {
         kill(first.scheduler(), SIGSTOP);

@@ -22,12 +22,7 @@ TEST_F(Command, ModuleTableKnowsOnlyItsOwnWordsAndTracesWhatItLeavesOut) {
     list(hundred + "m b c 100\nm b c 101\n");
     EXPECT_THAT(trace(), EndsWith("\" 99\nWarning:modules:table full (max=100), ignore remains\n"
                                   "Info:modules:read done. 100 entries found.\n"));
-    EXPECT_EQ(set_module("m", 0), 1);
-    EXPECT_EQ(set_module("m", 2), 0);
-    EXPECT_EQ(is_modulebusy("m", nullptr), 1);
     EXPECT_EQ(get_timeout("M"), 1);
-    EXPECT_EQ(set_module("M", 0), -1);
-    EXPECT_EQ(is_modulebusy("M", nullptr), 0);
     fs::remove(path("config/vgd_modules"));
     EXPECT_EQ(read_modules(), -1);
     EXPECT_THAT(trace(), EndsWith("Error:modules:open error.(errno=2)\n"));

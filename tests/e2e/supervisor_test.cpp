@@ -1,6 +1,7 @@
 #include "e2e/harness.h"
 
 #include <signal.h>
+#include <sys/stat.h>
 
 namespace e2e {
 
@@ -18,9 +19,11 @@ bool next_scheduler_accepts(const Suite& suite, pid_t killed) {
 
 TEST(E2eSupervisor, DetachesTheSchedulerAndStartsItAgainCleanAfterItsDeath) {
     Suite suite;
+    umask(022);
     suite.start({});
     pid_t scheduler = suite.scheduler();
     EXPECT_EQ(suite.read("log/alivechk.pid"), std::to_string(suite.pid));
+    EXPECT_EQ(shell("stat -c %a " + suite.path("log/alivechk.pid")), "644\n");
     EXPECT_EQ(of_process(scheduler, "readlink fd/0 fd/1 fd/2"), repeated(3, "/dev/null\n"));
     for (const pid_t pid : {suite.pid, scheduler})
         EXPECT_EQ(of_process(pid, "readlink cwd"), suite.path("temp") + "\n");

@@ -7,12 +7,10 @@
 #include "util/ini_file.h"
 #include "util/interval_sleep.h"
 #include "util/line.h"
-#include "util/pid_file.h"
 #include "util/regular_file.h"
 
 #include <atomic>
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/times.h>
 
@@ -103,18 +101,6 @@ TEST_F(Util, OnlyRegularFilesAreOpenedAndNothingBlocks) {
         EXPECT_EQ(!file, c.error != 0);
     }
     EXPECT_EQ(open_regular_for_reading(path("fifo").c_str()), nullptr);
-}
-
-TEST_F(Util, PidFileReplacesLongerContentAndReportsFailure) {
-    write("old.pid", std::string(100, '9'));
-    umask(022);
-    for (const char* name : {"old.pid", "new.pid"}) {
-        write_pidfile(path(name).c_str());
-        EXPECT_EQ(read(name), std::to_string(getpid()));
-    }
-    EXPECT_EQ(shell("stat -c %a new.pid"), "644\n");
-    EXPECT_EQ(write_pidfile(path("log").c_str()), -1);
-    EXPECT_EQ(errno, EISDIR);
 }
 
 TEST_F(Util, IsoTextHasTheOffsetOfTheZone) {
