@@ -292,6 +292,8 @@ TEST_F(E2eManyHosts, SilentHostNeitherDelaysNorLosesTheAnswersOfTheOthers) {
          "-H $A,$B status | true; for i in $(seq 50); do " SCHEDCTL_BINARY " -H $B status >got 2>&1; "
          "grep -q fan got && break; sleep 0.1; done; cat got",
          "DATE;E0101:fan\nconfdate  DATE\nerror     DATE\n0\n"},
+        {"time-out, and A has given its place to B", "-t 2 --parallel 1 -H $A,$B code",
+         "schedctl: A: no answer in time\nschedctl: B: exit code 7\n206\n"},
     };
     for (const auto& c : cases) {
         kill(first.scheduler(), SIGSTOP);

@@ -107,18 +107,20 @@ allowed ip address 1 = 1.2.3.4 mask ffffffff
 
 TEST(E2eStartup, AllowedAddressesAreReadInOrderAndOthersAreRefused) {
     Suite suite;
-    suite.write("config/common.ini",
-                "[sched]\nbound_ip_address = none\nallowed_ip_address = 10.9.0.0/8\t,, 127.0.0.3/31, x\n");
+    suite.write(
+        "config/common.ini",
+        "[sched]\nbound_ip_address = none\nallowed_ip_address = 10.9.0.0/8\t,, 127.0.0.3/31, x 2.0.0.0/0 3.0.0.0/33\n");
     suite.settings("analysis_interval = 0");  // is no interval
     suite.start();
     const auto descriptors = [&] { return of_process(suite.pid, "ls fd | wc -l"); };
     const std::string before = descriptors();
     EXPECT_THAT(suite.out(), HasSubstr("binding to 0.0.0.0 (port "));
     suite.await_trace("Info:event:pend time = 60\n");
-    EXPECT_EQ(suite.client().ask("show\tallowed_ip"),
-              "### allowed IP addresses ###\r\n1 addr=10.9.0.0 mask=ff000000\r\n2 addr=127.0.0.3 mask=fffffffe\r\n"
-              "3 addr=255.255.255.255 mask=ffffffff\r\n" +
-                  over);
+    EXPECT_EQ(
+        suite.client().ask("show\tallowed_ip"),
+        "### allowed IP addresses ###\r\n1 addr=10.9.0.0 mask=ff000000\r\n2 addr=127.0.0.3 mask=fffffffe\r\n"
+        "3 addr=255.255.255.255 mask=ffffffff\r\n4 addr=2.0.0.0 mask=ffffffff\r\n5 addr=3.0.0.0 mask=ffffffff\r\n" +
+            over);
     EXPECT_EQ(suite.client("127.0.0.2").ask("nosuch"), unsupported);
     EXPECT_FALSE(suite.traced("Warning:address is not allowed to"));
     EXPECT_EQ(suite.client("127.0.0.9").rest(), "");
