@@ -5,6 +5,7 @@
 #include "sched/startup.h"
 #include "table.h"
 #include "util/clock.h"
+#include "util/unique_fd.h"
 
 #include <gmock/gmock.h>
 
@@ -15,6 +16,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
 
@@ -44,6 +46,30 @@ void in_threads(int count, Body body) {
     for (int i = 0; i < count; ++i) threads.emplace_back(body, i);
     for (std::thread& thread : threads) thread.join();
 }
+
+// Two connected sockets: that of the code under test, and its peer's.
+struct Sockets {
+    explicit Sockets(int type = SOCK_STREAM) {
+        int ends[2];
+        EXPECT_EQ(socketpair(AF_UNIX, type, 0, ends), 0);
+        mine.reset(ends[0]);
+        peer.reset(ends[1]);
+    }
+    // What the peer gets until the other end is closed.
+    std::string received() const {
+        std::string all;
+        char some[65536];
+        for (ssize_t got; (got = recv(peer.get(), some, sizeof some, 0)) > 0;)
+            all.append(some, static_cast<std::size_t>(got));
+        return all;
+    }
+    // Writes until the peer's buffer has no space left.
+    void fill() const {
+        const std::string filler(65536, 'x');
+        while (send(mine.get(), filler.data(), filler.size(), MSG_DONTWAIT) > 0) {}
+    }
+    unique_fd mine, peer;
+};
 
 // Ends a test that hangs, and says so.
 class Watchdog {

@@ -4,7 +4,6 @@
 #include "term/text.h"
 
 #include <map>
-#include <utility>
 
 namespace {
 

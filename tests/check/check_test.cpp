@@ -8,25 +8,15 @@
 #include <fstream>
 #include <regex>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace e2e;
 
 namespace {
 
-struct result {
-    int code;
-    std::string out;
-    std::string err;
-};
-
-result schedcheck(const Suite& suite, const std::string& arguments, const std::string& variables = "") {
-    const std::string command = "env -u VGD_config TZ=UTC VGD_bin=" + suite.path("bin") +
-                                " VGD_data=" + suite.path("data") + " " + variables + " " SCHEDCHECK_BINARY " " +
-                                arguments + " >" + suite.path("o") + " 2>" + suite.path("e");
-    const int status = std::system(command.c_str());
-    return {WEXITSTATUS(status), suite.read("o"), suite.read("e")};
+Outcome schedcheck(const Suite& suite, const std::string& arguments, const std::string& variables = "") {
+    return suite.command("env -u VGD_config TZ=UTC VGD_bin=" + suite.path("bin") + " " + variables +
+                         " " SCHEDCHECK_BINARY " " + arguments);
 }
 
 // Replaces the names of characters in a text of lines.txt by the characters. In a finding only {9*x} is replaced,
@@ -69,7 +59,7 @@ TEST(Check, NamesEachBadLineAndNoGoodOne) {
             wanted += suite.path(name) + ":" + (finding.starts_with("1: ") ? "" : line + ": ") + finding + "\n";
         }
         suite.write(name, text);
-        const result got = schedcheck(suite, "--config " + suite.path("config"));
+        const Outcome got = schedcheck(suite, "--config " + suite.path("config"));
         EXPECT_EQ(got.out, wanted);
         EXPECT_EQ(got.err, "");
         EXPECT_EQ(got.code, wanted.empty() ? 0 : 1);
@@ -92,7 +82,7 @@ TEST(Check, NamesLinesThatDoNotFitInATableAndWordsThatAreMissing) {
 
 TEST(Check, ShippedConfigurationIsCleanAndItsNextRunsArePrinted) {
     Suite suite;
-    const result clean =
+    const Outcome clean =
         schedcheck(suite, "--next 2 --config " SCHED_SOURCES "/config", "VGD_bin=" SCHED_SOURCES "/modules");
     EXPECT_EQ(clean.code, 0);
     EXPECT_EQ(clean.err, "");
@@ -138,7 +128,7 @@ TEST(Check, UnreadableFilesAndWrongUseEndWithAMessage) {
         {"not a number", "--next x", "VGD_config=" + suite.path("config"), 2, "schedcheck: --next"},
     };
     for (const auto& c : cases) {
-        const result got = schedcheck(suite, c.arguments, c.variables);
+        const Outcome got = schedcheck(suite, c.arguments, c.variables);
         EXPECT_EQ(got.code, c.code) << c.name;
         EXPECT_THAT(got.err, HasSubstr(c.error)) << c.name;
     }

@@ -3,9 +3,6 @@
 #include "comm/reply.h"
 #include "unit_support.h"
 #include "util/clock.h"
-#include "util/unique_fd.h"
-
-#include <sys/socket.h>
 
 namespace unit {
 
@@ -123,21 +120,18 @@ TEST_F(Comm, NextLineIsKnownWhenItHasArrivedWhole) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        int ends[2];
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-        const unique_fd mine(ends[0]);
-        const unique_fd peer(ends[1]);
-        line_reader reader(mine.get());
+        const Sockets sockets;
+        line_reader reader(sockets.mine.get());
         char line[line_max];
-        send(peer.get(), c.first.data(), c.first.size(), 0);
+        send(sockets.peer.get(), c.first.data(), c.first.size(), 0);
         std::size_t taken = 0;
         do {
             EXPECT_EQ(reader.read_line(line, line_max), static_cast<int>(c.first.find('\r', taken) - taken));
             taken = c.first.find('\r', taken) + 1;
         } while (line == "lock"s);
-        send(peer.get(), c.then.data(), c.then.size(), 0);
+        send(sockets.peer.get(), c.then.data(), c.then.size(), 0);
         EXPECT_EQ(reader.is_next_line("quit"), c.wanted);
-        shutdown(peer.get(), SHUT_WR);
+        shutdown(sockets.peer.get(), SHUT_WR);
         std::string rest;  // nothing was taken
         for (int length = 0; (length = reader.read_line(line, line_max)) >= 0;) rest += line + "\r"s;
         std::string sent = c.first + c.then;
@@ -167,39 +161,31 @@ TEST_F(Comm, AReusedEntryHasNothingOfItsLastConnection) {
 
 // After the time-out the peer must not get the rest of this answer with a later one: the connection ends.
 TEST_F(Comm, WriteToAPeerThatDoesNotReadWaitsUntilItsDeadlineAndNoLonger) {
-    int ends[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-    const unique_fd mine(ends[0]);
-    const unique_fd peer(ends[1]);
-    const std::string filler(65536, 'x');
-    while (send(mine.get(), filler.data(), filler.size(), MSG_DONTWAIT) > 0) {}
-    std::string received(1 << 24, '\0');
+    Sockets sockets;
+    sockets.fill();
     std::thread slow([&] {
         usleep(300'000);  // by then the writer waits
-        while (recv(peer.get(), received.data(), received.size(), MSG_DONTWAIT) > 0) {}
+        std::string received(1 << 24, '\0');
+        while (recv(sockets.peer.get(), received.data(), received.size(), MSG_DONTWAIT) > 0) {}
     });
-    EXPECT_TRUE(write_until(deadline(60'000), mine.get(), "waits"));
+    EXPECT_TRUE(write_until(deadline(60'000), sockets.mine.get(), "waits"));
     slow.join();
-    while (send(mine.get(), filler.data(), filler.size(), MSG_DONTWAIT) > 0) {}
+    sockets.fill();
     const std::int64_t start = monotonic_ms();
-    EXPECT_FALSE(write_until(deadline(reply_patience_ms), mine.get(), "late"));
+    EXPECT_FALSE(write_until(deadline(reply_patience_ms), sockets.mine.get(), "late"));
     EXPECT_NEAR(static_cast<double>(monotonic_ms() - start), 5000, 1000);
-    std::size_t length = 0;
-    for (ssize_t got = 1; got > 0; length += static_cast<std::size_t>(got))
-        got = recv(peer.get(), &received[length], received.size() - length, 0);
-    EXPECT_EQ(received.find("late"), std::string::npos);
+    EXPECT_EQ(sockets.received().find("late"), std::string::npos);
 }
 
 TEST_F(Comm, CloseDiscardsWhatThePeerHasSentUpToALimit) {
     for (const int sent : {64, 65}) {
-        int ends[2];
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0, ends), 0);
-        const unique_fd peer(ends[1]);
-        for (int i = 0; i < sent; ++i) EXPECT_EQ(send(peer.get(), "x", 1, 0), 1);
-        close_connection(ends[0]);
-        EXPECT_EQ(ends[0], -1);
+        Sockets sockets(SOCK_SEQPACKET | SOCK_NONBLOCK);
+        for (int i = 0; i < sent; ++i) EXPECT_EQ(send(sockets.peer.get(), "x", 1, 0), 1);
+        int closed = sockets.mine.release();
+        close_connection(closed);
+        EXPECT_EQ(closed, -1);
         char byte = 0;
-        EXPECT_EQ(recv(peer.get(), &byte, 1, 0), sent == 64 ? 0 : -1);  // an unread packet resets it
+        EXPECT_EQ(recv(sockets.peer.get(), &byte, 1, 0), sent == 64 ? 0 : -1);  // an unread packet resets it
     }
 }
 

@@ -12,7 +12,7 @@
 #include <iostream>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <regex.h>
+#include <regex>
 #include <signal.h>
 #include <sstream>
 #include <sys/prctl.h>
@@ -71,14 +71,8 @@ int occurrences(const std::string& text, const std::string& part) {
 }
 
 std::string mask_dates(const std::string& text) {
-    regex_t date;
-    regcomp(&date, "[0-9]{4}(-[0-9]{2}){2}T[0-9:]{8}[+-][0-9:]{5}|[0-9]{4}(/[0-9]{2}){2} [0-9:]{8}", REG_EXTENDED);
-    std::string result;
-    const char* from = text.c_str();
-    for (regmatch_t match; regexec(&date, from, 1, &match, 0) == 0; from += match.rm_eo)
-        result += std::string(from, static_cast<std::size_t>(match.rm_so)) + "DATE";
-    regfree(&date);
-    return result + from;
+    static const std::regex date("[0-9]{4}(-[0-9]{2}){2}T[0-9:]{8}[+-][0-9:]{5}|[0-9]{4}(/[0-9]{2}){2} [0-9:]{8}");
+    return std::regex_replace(text, date, "DATE");
 }
 
 std::string expected_status(const std::string& rows, const std::string& lines) {
@@ -287,6 +281,15 @@ int Suite::wait_exit(milliseconds deadline) {
     if (!ended) kill(pid, SIGKILL);
     pid = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+Outcome Suite::command(const std::string& command, const std::string& input) const {
+    write("in", input);
+    const std::string environment = "VGD_data=" + path("data") + " SCHED_PORT=" + std::to_string(port) +
+                                    " XDG_STATE_HOME=" + path("state") + " exec setsid -w timeout -s KILL 30 ";
+    const std::string files = " <" + path("in") + " >" + path("o") + " 2>" + path("e");
+    const int status = std::system((environment + command + files).c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), read("o"), read("e")};
 }
 
 void Suite::stop() {

@@ -75,6 +75,11 @@ private:
     std::string buffer_;
 };
 
+struct Outcome {
+    int code;  // exit code, or 128 and the signal
+    std::string out, err;
+};
+
 class Suite {
 public:
     Suite();
@@ -96,6 +101,9 @@ public:
     void react(const std::string& what, const std::string& script) const { write("temp/" + what, script + "\n"); }
     // The calls from this number on, with commas: "parts status,diag status". Start-up makes the first three.
     std::string calls(int from = 4) const;
+
+    // Runs a shell command without a terminal, so that no password can be typed. One that hangs is killed: code 137.
+    Outcome command(const std::string& command, const std::string& input = "") const;
 
     // The daemon. start() returns when it accepts connections, run() when it has ended.
     void start(const strings& args = {"-D"});

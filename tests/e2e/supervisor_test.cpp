@@ -1,14 +1,14 @@
 #include "e2e/harness.h"
 
 #include <signal.h>
+#include <sys/stat.h>
 
 namespace e2e {
 
 namespace {
 
-// Call after killing the scheduler. Waits until the supervisor has started the next one.
-bool next_scheduler_accepts(const Suite& suite) {
-    const pid_t killed = suite.scheduler();
+// Waits until the supervisor has started the next scheduler.
+bool next_scheduler_accepts(const Suite& suite, pid_t killed) {
     return wait_until([&] { return suite.scheduler() != killed && suite.scheduler() > 0; }) && wait_until([&] {
                const std::string started = "Info:sched:started(pid=" + std::to_string(suite.scheduler()) + ")";
                return static_cast<bool>(in_order(suite.trace(), {started, "Info:sched:accepting socket"}));
@@ -19,9 +19,11 @@ bool next_scheduler_accepts(const Suite& suite) {
 
 TEST(E2eSupervisor, DetachesTheSchedulerAndStartsItAgainCleanAfterItsDeath) {
     Suite suite;
+    umask(022);
     suite.start({});
     pid_t scheduler = suite.scheduler();
     EXPECT_EQ(suite.read("log/alivechk.pid"), std::to_string(suite.pid));
+    EXPECT_EQ(shell("stat -c %a " + suite.path("log/alivechk.pid")), "644\n");
     EXPECT_EQ(of_process(scheduler, "readlink fd/0 fd/1 fd/2"), repeated(3, "/dev/null\n"));
     for (const pid_t pid : {suite.pid, scheduler})
         EXPECT_EQ(of_process(pid, "readlink cwd"), suite.path("temp") + "\n");
@@ -39,11 +41,9 @@ TEST(E2eSupervisor, DetachesTheSchedulerAndStartsItAgainCleanAfterItsDeath) {
         kill(scheduler, signal);
         suite.await_trace("alive_check:waitpid(pid=" + std::to_string(scheduler) + ") returns " + raw_status +
                           "(errno=");
-        ASSERT_TRUE(wait_until([&] { return suite.scheduler() != scheduler && suite.scheduler() > 0; }));
+        ASSERT_TRUE(next_scheduler_accepts(suite, scheduler));
         EXPECT_GT(std::chrono::steady_clock::now() - begin, 2900ms);
         scheduler = suite.scheduler();
-        const std::string started = "Info:sched:started(pid=" + std::to_string(scheduler) + ")";
-        ASSERT_TRUE(wait_until([&] { return in_order(suite.trace(), {started, "Info:sched:accepting socket"}); }));
         Client client = suite.client();  // clean marks, every module on, no more descriptors than at first
         EXPECT_EQ(suite.status(client), expected_status(""));
         EXPECT_EQ(client.ask("parts"), over);
@@ -73,8 +73,9 @@ TEST(E2eSupervisor, KeepsTheFifoOpenThatIsThereAtTheStartOfEachScheduler) {
     for (const auto& [change, wanted] : {std::pair{"mkfifo pipe", "1\n"}, std::pair{": >pipe", "0\n"}}) {
         SCOPED_TRACE(change);
         shell("cd " + suite.path("") + "; rm pipe; " + change);
-        kill(suite.scheduler(), SIGKILL);
-        ASSERT_TRUE(next_scheduler_accepts(suite));
+        const pid_t scheduler = suite.scheduler();
+        kill(scheduler, SIGKILL);
+        ASSERT_TRUE(next_scheduler_accepts(suite, scheduler));
         EXPECT_EQ(kept(), wanted);
     }
 }

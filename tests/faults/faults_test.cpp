@@ -136,7 +136,6 @@ const Fault faults[] = {
      "trap '' HUP INT TERM ALRM\n"
      "for i in 1 2 3; do (sleep 600 & echo $! >> \"$VGD_temp/pids\"; wait) & done\nwait"},
     {"ModuleWritesForEver", overruns, "while :; do echo for ever and ever; done"},
-    {"ModuleIsStopped", overruns, "kill -STOP $$"},
     {"HundredClientsAtOnce", knock_at_once},
     {"ClientsFloodAndLeave", flood_and_leave, "",
      [](Suite& suite) { suite.write("data/password", std::string(64, 'h') + " saltSALT"); }},

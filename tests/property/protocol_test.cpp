@@ -5,13 +5,11 @@
 #include "internal/operator_lock.h"
 #include "property.h"
 #include "server/connection.h"
-#include "util/unique_fd.h"
 
 #include <arpa/inet.h>
 #include <future>
 #include <numeric>
 #include <regex>
-#include <sys/socket.h>
 
 namespace unit {
 
@@ -171,14 +169,12 @@ struct ConnectionProperty : Scratch {
         RC_ASSERT(std::regex_replace(answers, nonce, "__unauth__ NONCE ") == protocol.answers(bytes));
     }
     void connection(Protocol& protocol, const std::string& text, const std::vector<std::size_t>& pieces) const {
-        int ends[2];
-        RC_ASSERT(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends) == 0);
-        const unique_fd client(ends[1]);
+        Sockets sockets(SOCK_SEQPACKET);
         hmistruc& hmi = *hmistruc_get();
         hmistruc_set_text(hmi.remote, protocol.remote);
-        hmi.soc = ends[0];
+        hmi.soc = sockets.mine.release();
         std::future<void> served = std::async(std::launch::async, [&] { hmi_main(hmi); });
-        operate(protocol, text, pieces, client.get());
+        operate(protocol, text, pieces, sockets.peer.get());
         served.get();
         RC_ASSERT(hmi.flag == 0);
     }

@@ -2,12 +2,10 @@
 #include "command/runner.h"
 
 #include "property.h"
-#include "util/unique_fd.h"
 
 #include <csignal>
 #include <future>
 #include <numeric>
-#include <sys/socket.h>
 
 namespace unit {
 
@@ -74,19 +72,10 @@ TEST_F(RunnerProperty, OperatorGetsAllOfTheOutputAndACaptureItsFirstBytes) {
             RC_ASSERT(captured == stored + std::string(captured.size() - stored.size(), '#'));
             return;
         }
-        int both[2];
-        RC_ASSERT(socketpair(AF_UNIX, SOCK_STREAM, 0, both) == 0);
-        unique_fd mine(both[0]);
-        const unique_fd peer(both[1]);
-        std::future<std::string> received = std::async(std::launch::async, [&] {
-            std::string all;
-            char some[4096];
-            for (ssize_t got; (got = recv(peer.get(), some, sizeof some, 0)) > 0;)
-                all.append(some, static_cast<std::size_t>(got));
-            return all;
-        });
-        const int status = run(mine.get(), end, nullptr, 0);
-        mine.reset();
+        Sockets sockets;
+        std::future<std::string> received = std::async(std::launch::async, [&] { return sockets.received(); });
+        const int status = run(sockets.mine.get(), end, nullptr, 0);
+        shutdown(sockets.mine.get(), SHUT_WR);
         const std::string answer = received.get();
         RC_ASSERT(status == end.status);
         RC_ASSERT(answer == answer_of(output, end));

@@ -1,15 +1,12 @@
 #include "command/module_table.h"
 #include "event/syslog_switch.h"
 #include "timer/job_field.h"
-#include "timer/job_listing.h"
 #include "timer/job_table.h"
 #include "timer/timer_loop.h"
 #include "timer/uptime.h"
 #include "unit_support.h"
-#include "util/unique_fd.h"
 
 #include <optional>
-#include <sys/socket.h>
 
 namespace unit {
 
@@ -41,6 +38,10 @@ TEST_F(Timer, FieldSetsItsSlotsAndStopsAtABadItem) {
     } cases[] = {
         {"ends at a blank", "5 x", {5}, ""},
         {"ends at a tab", "*/10\t7", {0, 10, 20}, ""},
+        {"ends at LF", "5\n,7", {5}, ""},
+        {"ends at VT", "5\v,7", {5}, ""},
+        {"ends at FF", "5\f,7", {5}, ""},
+        {"ends at CR", "5\r,7", {5}, ""},
         {"star reaches the highest value", "*/23", {0, 23}, ""},
         {"step after one value", "5/2", {5}, ""},
         {"range with a step", "1-9/4", {1, 5, 9}, ""},
@@ -78,14 +79,6 @@ TEST_F(Timer, FieldSetsItsSlotsAndStopsAtABadItem) {
         set_job_field(c.field, slots, 24);
         EXPECT_EQ(numbers(slots), c.set);
         EXPECT_EQ(trace(), c.trace.empty() ? "" : "Error:timer:" + c.trace);
-    }
-}
-
-TEST_F(Timer, FieldEndsAtEachBlank) {
-    for (const char blank : {' ', '\t', '\n', '\v', '\f', '\r'}) {
-        std::uint8_t slots[24] = {};
-        set_job_field(("5" + std::string(1, blank) + ",7").c_str(), slots, 24);
-        EXPECT_EQ(numbers(slots), std::vector<std::size_t>{5}) << static_cast<int>(blank);
     }
 }
 
@@ -144,30 +137,6 @@ TEST_F(Timer, TableIsFullAfterThirtyJobsAndEmptyWithoutItsFile) {
     timer_read_jobs();
     EXPECT_THAT(trace(), HasSubstr(path("config/timer_jobs") + " cannot open.(errno=2)\n"));
     EXPECT_EQ(is_available_on_timer("patrol"), 0);
-}
-
-TEST_F(Timer, ListingShowsTheSlotsOfEachJob) {
-    load("1 2 3 4 5 first\n0-3 */23 31 12 6 second\tx\n");
-    const auto row = [](const std::string& label, std::size_t width, const std::vector<std::size_t>& set) {
-        std::string digits(width, '0');
-        for (const std::size_t slot : set) digits[slot] = '1';
-        return label + digits + "\r\n";
-    };
-    int ends[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-    const unique_fd mine(ends[0]);
-    const unique_fd peer(ends[1]);
-    show_timer_jobs(mine.get());
-    char text[2000] = "";
-    EXPECT_GT(recv(peer.get(), text, sizeof text - 1, 0), 0);
-    EXPECT_EQ(text,
-              "Timer Jobs (jmax=2)\r\n       012345678901234567890123456789012345678901234567890123456789012\r\n"
-              "job#0 \"first\"\r\n" +
-                  row("wday  =", wday_slots, {5}) + row("month =", month_slots, {4}) + row("mday  =", mday_slots, {3}) +
-                  row("hour  =", hour_slots, {2}) + row("minute=", minute_slots, {1}) + "job#1 \"second\tx\"\r\n" +
-                  row("wday  =", wday_slots, {6}) + row("month =", month_slots, {12}) +
-                  row("mday  =", mday_slots, {31}) + row("hour  =", hour_slots, {0, 23}) +
-                  row("minute=", minute_slots, {0, 1, 2, 3}));
 }
 
 // The due minutes of a leap year, without "*/s" in days and months, which starts from 1 in the other cron.
