@@ -11,9 +11,7 @@ namespace check {
 
 namespace {
 
-[[noreturn]] void fail(const char* what) {
-    throw std::system_error(errno, std::generic_category(), what);
-}
+[[noreturn]] void fail(const char* what) { throw std::system_error(errno, std::generic_category(), what); }
 
 void validate_line(const std::string& path, int number, const std::string& line, std::size_t size, findings& to,
                    const std::function<void(const line_piece&)>& validate) {
@@ -80,8 +78,6 @@ scratch_file& scratch() {
     return file;
 }
 
-bool is_blank(std::string_view text) {
-    return text.find_first_not_of(" \t\r\n") == std::string_view::npos;
-}
+bool is_blank(std::string_view text) { return text.find_first_not_of(" \t\r\n") == std::string_view::npos; }
 
 }  // namespace check

@@ -67,9 +67,7 @@ std::string first_word(const std::string& line) {
     return begin == std::string::npos ? "" : line.substr(begin, line.find_first_of(separators, begin) - begin);
 }
 
-std::string without_newline(const std::string& line) {
-    return line.substr(0, line.find('\n'));
-}
+std::string without_newline(const std::string& line) { return line.substr(0, line.find('\n')); }
 
 // The other file that this key belongs to, if any.
 const known_file* owner_of(const std::string& key, const known_file& asked) {

@@ -64,13 +64,9 @@ std::string validate_network(const std::string& token, bool is_first) {
 
 }  // namespace
 
-std::string validate_port(const std::string& value) {
-    return validate_number(value, 1, port_max);
-}
+std::string validate_port(const std::string& value) { return validate_number(value, 1, port_max); }
 
-std::string validate_seconds(const std::string& value) {
-    return validate_number(value, 1, INT_MAX);
-}
+std::string validate_seconds(const std::string& value) { return validate_number(value, 1, INT_MAX); }
 
 std::string validate_address(const std::string& value) {
     // The scheduler's conversion ends at white space, too.

@@ -25,8 +25,6 @@ int trprintf(const char* format, ...) {
 
 namespace check {
 
-std::string take_trace() {
-    return std::exchange(captured, "");
-}
+std::string take_trace() { return std::exchange(captured, ""); }
 
 }  // namespace check

@@ -74,9 +74,7 @@ void agent::run() {
     finish();
 }
 
-void agent::add(const host_name& host) {
-    hosts_.emplace_back(host, how_.connect, passwords_, module_silence_);
-}
+void agent::add(const host_name& host) { hosts_.emplace_back(host, how_.connect, passwords_, module_silence_); }
 
 void agent::ask(std::size_t host, std::uint32_t request, std::vector<std::string> words) {
     hosts_[host].queue.push_back({request, std::move(words)});

@@ -12,9 +12,7 @@
 
 using frame_size = std::uint32_t;  // precedes each frame
 
-short channel::events() const {
-    return static_cast<short>(out_.empty() ? POLLIN : POLLIN | POLLOUT);
-}
+short channel::events() const { return static_cast<short>(out_.empty() ? POLLIN : POLLIN | POLLOUT); }
 
 void channel::send_frame(const json& frame) {
     std::string bytes;

@@ -21,9 +21,7 @@ namespace {
 constexpr int max_names = 10;
 
 // The lock file of the connection to this scheduler that a process holds.
-std::string held_path(const std::string& key) {
-    return state_directory() + "/live/" + key + ".held";
-}
+std::string held_path(const std::string& key) { return state_directory() + "/live/" + key + ".held"; }
 
 // True when the process with this name lives. Removes the file of a process that was killed. Files that
 // name_own() has not made are left alone.
@@ -208,9 +206,7 @@ std::string mailbox::notice(const std::string& key, const std::string& address) 
     const std::string port = key.substr(key.rfind(':'));
     for (const std::string& name : address.empty() ? std::set<std::string>() : keys_of_boxes()) {
         if (name != key && name.ends_with(port) && counters_of(name).address == address && waiting(name) != 0) {
-            std::string what = "under the name ";
-            what.append(name).append("; schedctl -H ").append(name).append(" status shows them");
-            say(waiting(name), what);
+            say(waiting(name), "under the name " + name + "; schedctl -H " + name + " status shows them");
         }
     }
     for (const std::string& problem : std::exchange(problems_, {})) {

@@ -20,10 +20,7 @@ bool names(const std::vector<std::string>& list, const char* condition_name) {
 }
 
 int level_of(const settings& chosen, const char* name) {
-    if (names(chosen.critical, name)) {
-        return plugin_critical;
-    }
-    return names(chosen.warning, name) ? plugin_warning : plugin_ok;
+    return names(chosen.critical, name) ? plugin_critical : names(chosen.warning, name) ? plugin_warning : plugin_ok;
 }
 
 // Replaces line feeds and bars: a bar would begin the performance data.

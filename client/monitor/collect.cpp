@@ -58,9 +58,7 @@ private:
 
 }  // namespace
 
-std::vector<snapshot> collect(const settings& chosen) {
-    return collector(chosen).run();
-}
+std::vector<snapshot> collect(const settings& chosen) { return collector(chosen).run(); }
 
 void report_unstored(const status_answer& answer) {
     if (answer.unstored.empty()) {

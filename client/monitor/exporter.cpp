@@ -71,8 +71,17 @@ public:
         std::for_each(listed.begin(), listed.end(), [this](const host_name& host) { add(host); });
     }
 
-    // The server must not end before it has answered all requests, also after an exception.
-    ~exporter() { end(); }
+    // The server must not end before it has answered all requests, also after an exception. The agent closes the
+    // connections. It waits for the silent schedulers, because they may have handed messages to us.
+    ~exporter() {
+        ending_ = true;
+        for (target& of : targets_) {
+            for (http_request* request : std::exchange(of.waiting, {})) {
+                http_server::answer(*request, {.status = 503, .text = ending_text});
+            }
+        }
+        server_.step();
+    }
 
     exporter(const exporter&) = delete;
     exporter& operator=(const exporter&) = delete;
@@ -229,18 +238,6 @@ private:
             targets_[number].work->failed(outcome::no_answer);
             answer_waiting(targets_[number]);
         }
-    }
-
-    // The agent closes the connections. It waits for the silent schedulers, because they may have handed messages to
-    // us.
-    void end() {
-        ending_ = true;
-        for (target& of : targets_) {
-            for (http_request* request : std::exchange(of.waiting, {})) {
-                http_server::answer(*request, {.status = 503, .text = ending_text});
-            }
-        }
-        server_.step();
     }
 
     const settings& chosen_;

@@ -9,8 +9,6 @@
 
 namespace {
 
-constexpr long seconds_per_minute = 60;
-
 enum kind { gauge, counter };
 
 // Pairs of a value of the label and the number.
@@ -101,8 +99,7 @@ void expose_snapshot(const snapshot& known, page& out) {
             {{"error", totals.error}, {"warning", totals.warning}, {"info", totals.info}});
     out.add(counter, "sched_messages_lost_total", "Messages dropped because nobody fetched them in time.", totals.lost);
     out.add(counter, "sched_uptime_seconds_total",
-            "How long the scheduler has run over all its starts, in full minutes.",
-            known.uptime_minutes * seconds_per_minute);
+            "How long the scheduler has run over all its starts, in full minutes.", known.uptime_minutes * 60);
     if (known.answered > 0) {
         // The clock may have been set back since.
         out.add(gauge, "sched_status_age_seconds", "Age of the newest status.",

@@ -5,8 +5,8 @@
 
 struct snapshot;
 
-constexpr const char* exposition_type =
-    "text/plain; version=0.0.4; charset=utf-8";  // the media type of a reply over HTTP
+// The media type of a reply over HTTP.
+constexpr const char* exposition_type = "text/plain; version=0.0.4; charset=utf-8";
 
 // Where the text goes. For standard output it is also valid in OpenMetrics 1.0.0. A file remains when nothing can be
 // collected any more, so it says with sched_collect_error whether that was possible.

@@ -16,14 +16,13 @@ int run_metrics(const settings& chosen) {
     if (!known.up) {
         complain(known.problem);
     }
-    const std::string& path = chosen.output;
     // The collector reads the file for ever, so it must say when its contents stop being true.
-    if (!path.empty()) {
-        replace_file(path, expose(known, destination::file), 0644);
+    if (!chosen.output.empty()) {
+        replace_file(chosen.output, expose(known, destination::file), 0644);
     }
     if (known.is_own_fault()) {
         return exit_usage;
     }
     // A scheduler that is down is no failure of the command: collectors need the metric sched_up 0.
-    return !path.empty() || write_all(STDOUT_FILENO, expose(known, destination::output)) ? 0 : fail_output();
+    return !chosen.output.empty() || write_all(STDOUT_FILENO, expose(known, destination::output)) ? 0 : fail_output();
 }

@@ -5,9 +5,7 @@
 
 #include <stdexcept>
 
-void host_link::begin() {
-    return greets_ ? say(state::hello) : begin_command();
-}
+void host_link::begin() { return greets_ ? say(state::hello) : begin_command(); }
 
 // The last request and "restart sched" have `status` before them: messages that the scheduler has queued for this
 // connection come with it. It also proves that the scheduler serves this connection, so that a refused one is

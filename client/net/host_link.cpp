@@ -12,9 +12,7 @@
 
 namespace {
 
-std::string text_of(int error) {
-    return std::generic_category().message(error);
-}
+std::string text_of(int error) { return std::generic_category().message(error); }
 
 // Starts connecting. Returns 0 when connected, EINPROGRESS while connecting goes on, else the error number.
 int begin_connection(int fd, in_addr address, std::uint16_t port, const std::string& source) {

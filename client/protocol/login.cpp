@@ -54,9 +54,7 @@ std::string random_alphanumeric(std::size_t length) {
     return text;
 }
 
-bool has_terminal() {
-    return descriptor(open("/dev/tty", O_RDONLY | O_CLOEXEC)).is_open();
-}
+bool has_terminal() { return descriptor(open("/dev/tty", O_RDONLY | O_CLOEXEC)).is_open(); }
 
 bool ask_password(const std::string& prompt, bool verify, std::string& password, std::string& problem) {
     std::string again;

@@ -10,17 +10,11 @@
 using json = nlohmann::ordered_json;
 
 // Conversions of the rows of the answers.
-static void to_json(json& to, const condition& c) {
-    to = {{"name", c.name}, {"since", c.since}};
-}
+static void to_json(json& to, const condition& c) { to = {{"name", c.name}, {"since", c.since}}; }
 
-static void to_json(json& to, const message& m) {
-    to = {{"date", m.date}, {"text", m.text}};
-}
+static void to_json(json& to, const message& m) { to = {{"date", m.date}, {"text", m.text}}; }
 
-static void to_json(json& to, const module_row& m) {
-    to = {{"name", m.name}, {"on", m.on}};
-}
+static void to_json(json& to, const module_row& m) { to = {{"name", m.name}, {"on", m.on}}; }
 
 namespace {
 

@@ -66,6 +66,4 @@ void canvas::line(const std::string& text, const char* colour) {
     out_ += fit(text, columns_) + "\033[0m\033[K";
 }
 
-bool canvas::show() {
-    return write_all(STDOUT_FILENO, out_ + "\033[J");
-}
+bool canvas::show() { return write_all(STDOUT_FILENO, out_ + "\033[J"); }

@@ -33,9 +33,7 @@ health health_of(const condition& c) {
     return !is_fault(c.name) ? health::well : c.name == "error" ? health::error : health::condition;
 }
 
-const char* colour_of(health state) {
-    return healths[static_cast<std::size_t>(state)].second;
-}
+const char* colour_of(health state) { return healths[static_cast<std::size_t>(state)].second; }
 
 // Returns the text for the state of a host, and sets the state.
 std::string state_text(const host_row& row, health& state) {
@@ -112,9 +110,7 @@ std::vector<described_row> chosen_rows(const std::vector<host_row>& rows, const 
 }
 
 // The time of day tells when the view was drawn.
-std::string time_of_day() {
-    return "  " + now_date().substr(11, 8) + "  ";
-}
+std::string time_of_day() { return "  " + now_date().substr(11, 8) + "  "; }
 
 }  // namespace
 

@@ -15,9 +15,7 @@ std::string code_of(const std::string& text) {
 
 }  // namespace
 
-event connected_event() {
-    return {notice_level, now_date(), "connected", "connected", json::object()};
-}
+event connected_event() { return {notice_level, now_date(), "connected", "connected", json::object()}; }
 
 event failed_event(const command_result& why) {
     const std::string reason = describe(why);

@@ -40,13 +40,9 @@ std::vector<event> changes(const std::vector<condition>& before, const std::vect
 
 }  // namespace
 
-void inquiry::begin(bool with_details) {
-    next_ = with_details ? 0 : std::size(questions) - 1;
-}
+void inquiry::begin(bool with_details) { next_ = with_details ? 0 : std::size(questions) - 1; }
 
-const std::vector<std::string>& inquiry::words() const {
-    return questions[next_];
-}
+const std::vector<std::string>& inquiry::words() const { return questions[next_]; }
 
 // An answer that broke off lacks conditions, which would look cleared: it changes none.
 std::vector<event> inquiry::status(const status_answer& answer) {

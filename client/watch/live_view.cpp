@@ -158,6 +158,4 @@ private:
 
 }  // namespace
 
-int run_live_view(const settings& chosen) {
-    return live_view(chosen).run();
-}
+int run_live_view(const settings& chosen) { return live_view(chosen).run(); }

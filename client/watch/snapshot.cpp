@@ -32,9 +32,7 @@ double boot_clock() {
 }
 
 // Differs after each start of the machine, when the clock above begins anew.
-std::string boot_id() {
-    return read_file("/proc/sys/kernel/random/boot_id").value_or("");
-}
+std::string boot_id() { return read_file("/proc/sys/kernel/random/boot_id").value_or(""); }
 
 // Reads a state file; nothing when it is missing, damaged or too old.
 std::optional<snapshot> fresh_state(const std::string& path) try {
@@ -64,9 +62,7 @@ const condition* snapshot::find(std::string_view name) const {
     return found != conditions.end() ? &*found : nullptr;
 }
 
-bool snapshot::is_own_fault() const {
-    return !up && failure != exit_connection && failure != exit_silence;
-}
+bool snapshot::is_own_fault() const { return !up && failure != exit_connection && failure != exit_silence; }
 
 // Not the steady clock: other processes compare these times with their own.
 double wall_clock() {
@@ -86,9 +82,7 @@ void write_state_file(const host_name& host, const snapshot& known, double inter
 }
 
 // A failure is ignored: readers soon find that the file is too old.
-void remove_state_file(const host_name& host) {
-    unlink(own_path(host).c_str());
-}
+void remove_state_file(const host_name& host) { unlink(own_path(host).c_str()); }
 
 std::optional<snapshot> followed_state(const host_name& host) {
     const std::string name = std::string("/").append(key_of(host)).append(".json");

@@ -11,9 +11,7 @@ const char* format_address(std::uint32_t address, address_text& out) {
     return inet_ntop(AF_INET, &binary, out, sizeof out);
 }
 
-bool is_address_restricted() {
-    return st->allowed_ip_address[0].addr != 0;
-}
+bool is_address_restricted() { return st->allowed_ip_address[0].addr != 0; }
 
 int check_ip_address_restriction(std::uint32_t address) {
     if (!is_address_restricted()) {

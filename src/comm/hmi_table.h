@@ -28,9 +28,7 @@ struct message_slot {
     std::uint32_t qtime;     // seconds since the epoch: when it was queued
 };
 
-constexpr int next_slot(int slot) {
-    return (slot + 1) % ring_slots;
-}
+constexpr int next_slot(int slot) { return (slot + 1) % ring_slots; }
 
 // One connection. Only the connection thread writes remote, user and ipset. It writes them under hmistruc_lock and
 // reads them without it; dumps read them under it. The other fields without GUARDED_BY belong to the connection thread.

@@ -37,9 +37,7 @@ bool reply_text(int soc, std::string_view text) {
     return true;
 }
 
-bool has_answer_failed() {
-    return std::exchange(answer_failed, false);
-}
+bool has_answer_failed() { return std::exchange(answer_failed, false); }
 
 bool reply(int soc, const char* format, ...) {
     char buffer[reply_size];
@@ -51,9 +49,7 @@ bool reply(int soc, const char* format, ...) {
     return reply_text(soc, {buffer, static_cast<std::size_t>(length)});
 }
 
-void reply_over(int soc, int code, int signal) {
-    reply(soc, over_format, code, signal);
-}
+void reply_over(int soc, int code, int signal) { reply(soc, over_format, code, signal); }
 
 gathered_answer::gathered_answer(int soc) : soc_(soc) {
     const int on = 1;

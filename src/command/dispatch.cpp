@@ -104,13 +104,9 @@ int init_command() {
     return init_child_environment();
 }
 
-char* skip_non_delimiter(char* text) {
-    return text + std::strcspn(text, "\t");
-}
+char* skip_non_delimiter(char* text) { return text + std::strcspn(text, "\t"); }
 
-int count_arguments(const char* line) {
-    return 1 + static_cast<int>(std::count(line, line + std::strlen(line), '\t'));
-}
+int count_arguments(const char* line) { return 1 + static_cast<int>(std::count(line, line + std::strlen(line), '\t')); }
 
 int split_to_token(char* text, int& count, char* (&vector)[vector_size]) {
     count = 0;

@@ -25,9 +25,7 @@ module_entry* find_module(const char* word) {
     return nullptr;
 }
 
-bool is_internal_entry(const module_entry& entry) {
-    return entry.entrypath[0] == '-';
-}
+bool is_internal_entry(const module_entry& entry) { return entry.entrypath[0] == '-'; }
 
 void clear_table() {
     for (int i = 0; i < module_max; ++i) {

@@ -14,13 +14,9 @@ namespace {
 constexpr int answer_size = 1000;  // bytes of a module's answer that are read
 
 // Reported again; keep the original time stamp.
-void confirm(status_mark& mark) {
-    mark.set = 1;
-}
+void confirm(status_mark& mark) { mark.set = 1; }
 
-void clear(status_mark& mark) {
-    mark.set = 0;
-}
+void clear(status_mark& mark) { mark.set = 0; }
 
 void recheck_diag(status_mark& mark) {
     mark_question question(mark, answer_effect::success_clears);

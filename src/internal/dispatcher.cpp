@@ -48,9 +48,7 @@ const internal_command* find_command(const char* word) {
 
 }  // namespace
 
-bool is_answered(const char* word) {
-    return find_command(word) != nullptr;
-}
+bool is_answered(const char* word) { return find_command(word) != nullptr; }
 
 void do_internal(hmistruc& hmi, char* line) {
     int argc = 0;

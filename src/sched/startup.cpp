@@ -27,9 +27,7 @@ constexpr int default_niceness = 39;
 constexpr const char* required_variables[] = {"VGD_bin",  "VGD_config", "VGD_temp", "VGD_update",
                                               "VGD_data", "VGD_log",    "VGD_PIPE"};
 
-[[noreturn]] void fail() {
-    std::exit(1);
-}
+[[noreturn]] void fail() { std::exit(1); }
 
 void check_environment() {
     bool complete = true;
@@ -55,9 +53,7 @@ void create_record() {
 
 // Modules learn from REMOTEHOST who has sent the command. One that our starter had in its environment, as some shells set
 // it, would show a client for the scheduler's own commands.
-void forget_remote_host() {
-    unsetenv("REMOTEHOST");
-}
+void forget_remote_host() { unsetenv("REMOTEHOST"); }
 
 // Builds the path of a file in the directory that an environment variable names.
 void build_path(char (&path)[path_size], const char* variable, const char* file) {

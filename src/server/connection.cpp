@@ -134,9 +134,7 @@ void confirm_cleared(status_mark& mark, const char* command) {
 
 }  // namespace
 
-void get_first_token(const char* line, char (&name)[line_max]) {
-    copy_text(name, {line, std::strcspn(line, "\t")});
-}
+void get_first_token(const char* line, char (&name)[line_max]) { copy_text(name, {line, std::strcspn(line, "\t")}); }
 
 void do_cont_command(std::string_view line) {
     if (line.starts_with("parts\tclear")) {

@@ -34,9 +34,7 @@ struct job_reading {
     int lineno;       // line being parsed, from 1
 };
 
-bool is_star(const char* field) {
-    return field[0] == '*' && field[1] == ' ';
-}
+bool is_star(const char* field) { return field[0] == '*' && field[1] == ' '; }
 
 // Fills a cleared record from a line. Returns false when the line is too short.
 // Day of the month and weekday work as in cron: when one field is a star, the other decides; when both are stars, every
@@ -130,9 +128,7 @@ void timer_read_jobs() {
     is_loaded.notify_all();
 }
 
-const file_identity& jobs_identity() {
-    return job_file;
-}
+const file_identity& jobs_identity() { return job_file; }
 
 void copy_jobs(job_table& to) {
     const mutex_guard guard(jobs_lock);
@@ -149,9 +145,7 @@ int is_available_on_timer(const char* name) {
     return 0;
 }
 
-void wait_for_jobs() {
-    is_loaded.wait(false);
-}
+void wait_for_jobs() { is_loaded.wait(false); }
 
 bool is_job_due(const job_record& record, const std::tm& now) {
     return record.minute[now.tm_min] != 0 && record.hour[now.tm_hour] != 0 && record.month[now.tm_mon + 1] != 0 &&

@@ -89,9 +89,7 @@ void put_line(const char* line) REQUIRES(mp) {
 
 }  // namespace
 
-unsigned thread_id() {
-    return static_cast<unsigned>(pthread_self());
-}
+unsigned thread_id() { return static_cast<unsigned>(pthread_self()); }
 
 int trinit(const char* path) {
     copy_text(trace_name, path);
@@ -142,9 +140,7 @@ int tr_rotate(const char* name) {
     return mv_if_exist(name, to);
 }
 
-int mv_if_exist(const char* from, const char* to) {
-    return std::rename(from, to);
-}
+int mv_if_exist(const char* from, const char* to) { return std::rename(from, to); }
 
 int event_log(const char* text) {
     if (eventlog_name[0] == '\0') {

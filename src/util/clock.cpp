@@ -30,9 +30,7 @@ std::time_t utc_seconds(const iso_fields& f) {
 
 }  // namespace
 
-std::time_t now_seconds() {
-    return wall_clock().tv_sec;
-}
+std::time_t now_seconds() { return wall_clock().tv_sec; }
 
 std::int64_t monotonic_ms() {
     std::timespec now{};

@@ -7,9 +7,7 @@
 namespace {
 
 // Linux gives the null device these numbers for good.
-bool is_null_device(const struct stat& info) {
-    return S_ISCHR(info.st_mode) && info.st_rdev == makedev(1, 3);
-}
+bool is_null_device(const struct stat& info) { return S_ISCHR(info.st_mode) && info.st_rdev == makedev(1, 3); }
 
 bool check_opened(int file, int flags) {
     struct stat info {};
