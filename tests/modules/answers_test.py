@@ -12,6 +12,7 @@ import io
 import json
 import os
 import pathlib
+import py_compile
 import shutil
 import subprocess
 import sys
@@ -383,5 +384,6 @@ def main():
 
 if __name__ == "__main__":
     with tempfile.TemporaryDirectory() as cache:
-        os.environ["PYTHONPYCACHEPREFIX"] = cache
+        os.environ["PYTHONPYCACHEPREFIX"] = sys.pycache_prefix = cache
+        py_compile.compile(MODULES / "parts.d/hardware.py")  # the checks would compile it each time
         main()

@@ -19,13 +19,18 @@ verify() {
     [ -z "$complaints" ] || { printf '%s\n' "$complaints"; exit 1; }
 }
 
-# open_ways NAME UNIT [DROP-IN]: the lines in the form of EXPOSURE.
+# open_ways UNIT...: the lines in the form of EXPOSURE, of each unit with its drop-ins.
 open_ways() {
-    systemd-analyze security --offline=yes --json=short --no-pager "$2" | python3 -c '
-import json, sys
-print(sys.argv[1] + ":", *sorted(way["json_field"] for way in json.load(sys.stdin) if not way["set"]))' "$1"
-    grep -hq '^DeviceAllow=' "${@:2}" || return 0
-    printf '%s opens %s\n' "$1" "$(sed -n 's/^DeviceAllow=//p' "${@:2}" | paste -sd, | sed 's/,/, /g')"
+    systemd-analyze security --offline=yes --json=short --no-pager "$@" | python3 -c '
+import json, pathlib, sys
+for unit, ways in zip(map(pathlib.Path, sys.argv[1:]), sys.stdin, strict=True):
+    added = sorted(unit.parent.glob(unit.name + ".d/*"))
+    name = " with ".join([unit.name, *(path.name for path in added)])
+    print(name + ":", *sorted(way["json_field"] for way in json.loads(ways) if not way["set"]))
+    lines = "".join(path.read_text() for path in [unit, *added]).splitlines()
+    opened = [line.removeprefix("DeviceAllow=") for line in lines if line.startswith("DeviceAllow=")]
+    if opened:
+        print(name, "opens", ", ".join(opened))' "$@"
 }
 
 # The programs need not be installed yet.
@@ -33,14 +38,11 @@ for unit in "$built"/*.service "$@"; do
     sed -E 's%^(Exec[A-Za-z]+=[-+]?)/.*%\1/bin/true%' "$unit" >"$dir/${unit##*/}"
 done
 cp "$source"/*.timer "$dir"
-verify "$dir"/*.timer
-for unit in "$dir"/*.service; do
-    verify "$unit"
-    open_ways "${unit##*/}" "$unit"
-done >"$dir/open"
+verify "$dir"/*.timer "$dir"/*.service
+open_ways "$dir"/*.service >"$dir/open"
 install -D -m 644 -t "$dir/sched.service.d" "$built/raw-hardware.conf"
 verify "$dir/sched.service"
-open_ways 'sched.service with raw-hardware.conf' "$dir/sched.service" "$dir/sched.service.d/raw-hardware.conf" >>"$dir/open"
+open_ways "$dir/sched.service" >>"$dir/open"
 diff "$exposure" "$dir/open"
 grep -ohE 'man:[a-z-]+\([1-8]\)' "$dir"/*.service | tr '()' '. ' | while read -r page; do
     [ -f "$source/../man/${page#man:}" ] || { echo "no such page: $page" && exit 1; }

@@ -25,15 +25,18 @@ first_cells() {
 
 failed=0
 for page in *.[1-9]; do
-    shown=$(mandoc -T ascii -O width=80 "$page" | col -bx)
-    while IFS=$'\t' read -r first second; do
-        awk -v first="$first" -v second="$second" '
-            index($0, first) {
-                rest = substr($0, index($0, first) + length(first))
+    awk -F '\t' -v page="$page" '
+        FNR == NR { shown[NR] = $0; next }
+        {
+            found = 0
+            for (i in shown) {
+                if (!(place = index(shown[i], $1))) continue
+                rest = substr(shown[i], place + length($1))
                 sub(/^ +/, "", rest)
-                if (index(rest, second) == 1) found = 1
+                if (index(rest, $2) == 1) { found = 1; break }
             }
-            END { exit !found }' <<<"$shown" || { echo "$page: the row \"$first\" is broken at 80 columns"; failed=1; }
-    done < <(first_cells "$page")
+            if (!found) { print page ": the row \"" $1 "\" is broken at 80 columns"; bad = 1 }
+        }
+        END { exit bad }' <(mandoc -T ascii -O width=80 "$page" | col -bx) <(first_cells "$page") || failed=1
 done
 exit "$failed"
