@@ -87,7 +87,7 @@ done
 # ready: a listening socket of the process or of its child; fails when the process has ended.
 if command -v python3 >/dev/null; then
     listens='import socket, time; s = socket.create_server(("127.0.0.1", 0)); time.sleep(60)'
-    connects='import socket, sys, time; a = socket.create_server(("127.0.0.1", 0)); b = socket.create_connection(a.getsockname()); a.close(); open(sys.argv[1], "x"); time.sleep(60)'
+    connects='import socket, sys, time; a = socket.create_server(("127.0.0.1", 0)); b = socket.create_connection(a.getsockname()), a.accept(); a.close(); open(sys.argv[1], "x"); time.sleep(60)'
     for start in "exec python3 -c '$listens'" "python3 -c '$listens' & wait"; do
         sh -c "trap 'kill \$! 2>/dev/null; exit' TERM; $start" &
         player=$!
