@@ -15,8 +15,9 @@ play() {
     "${@:2}" &
     player=$!
     for ((i = 0; i < 200; i++)); do
-        [ "$(cat "/proc/$player/comm")" != "$1" ] || return 0
-        sleep 0.1
+        read -r name <"/proc/$player/comm"
+        [ "$name" != "$1" ] || return 0
+        sleep 0.05
     done
     fail "$1 does not start"
 }
@@ -86,16 +87,20 @@ done
 # ready: a listening socket of the process or of its child; fails when the process has ended.
 if command -v python3 >/dev/null; then
     listens='import socket, time; s = socket.create_server(("127.0.0.1", 0)); time.sleep(60)'
-    connects='import socket, time; a = socket.create_server(("127.0.0.1", 0)); b = socket.create_connection(a.getsockname()); a.close(); time.sleep(60)'
+    connects='import socket, sys, time; a = socket.create_server(("127.0.0.1", 0)); b = socket.create_connection(a.getsockname()), a.accept(); a.close(); open(sys.argv[1], "x"); time.sleep(60)'
     for start in "exec python3 -c '$listens'" "python3 -c '$listens' & wait"; do
         sh -c "trap 'kill \$! 2>/dev/null; exit' TERM; $start" &
         player=$!
         MAINPID=$player timeout 30 sh "$service" ready || fail "ready does not see: $start"
         end_player
     done
-    python3 -c "$connects" &
+    python3 -c "$connects" "$dir/connected" &
     player=$!
-    ! MAINPID=$player timeout 2 sh "$service" ready || fail 'ready takes a connection for a listening socket'
+    for ((i = 0; i < 200; i++)); do
+        [ ! -f "$dir/connected" ] || break
+        sleep 0.05
+    done
+    ! MAINPID=$player timeout 1 sh "$service" ready || fail 'ready takes a connection for a listening socket'
     end_player
     ! said=$(MAINPID=$player sh "$service" ready 2>&1) || fail 'ready does not see the end'
     [[ $said == *ended* ]] || fail "ready says \"$said\""
