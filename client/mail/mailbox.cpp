@@ -206,7 +206,9 @@ std::string mailbox::notice(const std::string& key, const std::string& address) 
     const std::string port = key.substr(key.rfind(':'));
     for (const std::string& name : address.empty() ? std::set<std::string>() : keys_of_boxes()) {
         if (name != key && name.ends_with(port) && counters_of(name).address == address && waiting(name) != 0) {
-            say(waiting(name), "under the name " + name + "; schedctl -H " + name + " status shows them");
+            std::string what = "under the name ";
+            what.append(name).append("; schedctl -H ").append(name).append(" status shows them");
+            say(waiting(name), what);
         }
     }
     for (const std::string& problem : std::exchange(problems_, {})) {
