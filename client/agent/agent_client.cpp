@@ -95,7 +95,7 @@ std::optional<std::string> agent_client::ask_password(std::size_t host) {
     std::string text;
     std::string problem;
     bool given = false;
-    // Ctrl-C at the prompt must have its usual effect.
+    // The prompt needs these signals; it handles Ctrl-C itself.
     with_usual_signals(
         [&] { given = ::ask_password("Password for " + hosts_[host].name + ": ", false, text, problem); });
     has_password_ = has_password_ || given;

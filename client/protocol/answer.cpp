@@ -118,8 +118,8 @@ std::optional<command_result> answer_parser::feed(std::string& input, std::strin
 
 // After output only the words for a finished command are possible; "Good-bye." is the answer only to `quit`.
 bool answer_parser::expected(outcome how) const {
-    const bool is_of_finished = how == outcome::over || how == outcome::module_timeout;
-    return is_of_finished || (first_line_ && (how != outcome::goodbye || quitting_));
+    const bool has_finished = how == outcome::over || how == outcome::module_timeout;
+    return has_finished || (first_line_ && (how != outcome::goodbye || quitting_));
 }
 
 // True while these bytes may still become a terminating line.

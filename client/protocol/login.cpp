@@ -5,6 +5,7 @@
 #include <bsd/readpassphrase.h>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
@@ -58,7 +59,7 @@ bool has_terminal() { return descriptor(open("/dev/tty", O_RDONLY | O_CLOEXEC)).
 
 bool ask_password(const std::string& prompt, bool verify, std::string& password, std::string& problem) {
     std::string again;
-    // Ctrl-C gives up the password, not the program. Other signals have their effect when the terminal is restored.
+    // Ctrl-C ends the prompt, not the program. Other signals are sent again when the terminal is restored.
     const auto usual = std::signal(SIGINT, [](int) {});
     if (!read_at_terminal(prompt, password) || (verify && !read_at_terminal("Verifying - " + prompt, again))) {
         problem = errno == ENOTTY ? "no terminal to ask for the password" : "no password given";

@@ -13,14 +13,15 @@
 
 std::string hash_text(std::string_view salt, std::string_view password);
 
-// Returns random letters and digits, each of the 62 equally likely.
+// Returns random letters and digits, each of the 62 equally likely. Throws when the system has no random numbers.
 std::string random_alphanumeric(std::size_t length);
 
 // Whether there is a terminal for ask_password().
 bool has_terminal();
 
 // Asks on the terminal without echo; twice when verify is set. Returns false when there is no terminal, the operator
-// types nothing or Ctrl-C, the two differ, or it is too long; problem, which is empty before, gets the reason.
+// types nothing or presses Ctrl-C, the two differ, or the password is too long; problem must be empty and gets the
+// reason.
 bool ask_password(const std::string& prompt, bool verify, std::string& password, std::string& problem);
 
 // Returns the first line without its LF or CR LF. The caller sets errno to 0 before it opens or reads the stream.

@@ -361,6 +361,7 @@ class E2eClientTerminal:
         os.chown(suite.dir / "data/password", owner, -1)
         long = "x" * 513
         for typed, again, says in (("fresh", "otherwise", "the passwords differ"), ("", "", "no password given"),
+                                   ("fresh", "", "no password given"),
                                    (long, long, "a password has at most 512 bytes"), ("fresh", "fresh", " is written;")):
             passwd = suite.terminal(suite.path("data/password"), program=str(suite.build / "schedpasswd"))
             passwd.until("New password: ")

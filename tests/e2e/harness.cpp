@@ -295,28 +295,29 @@ Outcome Suite::command(const std::string& command, const std::string& input) con
 void Suite::stop() {
     const std::string last = "/proc/" + read("log/sched.pid") + "/exe";
     if (pid > 0) {
-        const std::string id = std::to_string(pid);
         kill(pid, SIGTERM);
         wait_exit();
-        if (env.contains("FAKETIME_NO_CACHE")) shell("rm -f /dev/shm/*faketime_s*_" + id);  // left by the library
     }
     std::error_code gone;
     if (fs::read_symlink(last, gone) == fs::canonical(SCHED_BINARY))
         kill(scheduler(), SIGKILL);  // its supervisor has been killed
 }
 
-std::string Suite::fake_clock(const std::string& clock) {
-    if (const std::string sanitizer = SCHED_SANITIZE; !sanitizer.empty())
-        return "the sanitizer (" + sanitizer + ") and the library that fakes the clock both want to come first";
-    const std::string library = shell("ls /usr/lib/*/faketime/libfaketimeMT.so.1 2>/dev/null");
-    if (library.empty()) return "libfaketime is not installed";
-    env["LD_PRELOAD"] = library.substr(0, library.find('\n'));
-    env["FAKETIME_TIMESTAMP_FILE"] = path("temp/clock");
-    env["FAKETIME_NO_CACHE"] = "1";
-    env["FAKETIME_DONT_FAKE_MONOTONIC"] = "1";
+void Suite::fake_clock(int speed, double shown) {
+    using seconds = std::chrono::duration<double>;
+    clock_real_ = seconds(std::chrono::system_clock::now().time_since_epoch()).count();
+    clock_shown_ = shown != 0 ? shown : clock_real_;
+    clock_speed_ = speed;
+    env["LD_PRELOAD"] = FAST_CLOCK_LIBRARY;
+    env["FAST_CLOCK"] = path("temp/clock");
     env["TZ"] = "UTC";
-    write("temp/clock", clock);
-    return "";
+    set_clock(0);
+}
+
+void Suite::set_clock(int offset) const {
+    write("temp/clock.new", std::to_string(clock_real_) + " " + std::to_string(clock_shown_ + offset) + " " +
+                                std::to_string(clock_speed_));
+    fs::rename(path("temp/clock.new"), path("temp/clock"));  // the daemon reads it at any moment
 }
 
 std::vector<Client> Suite::thirty_two() const {

@@ -129,9 +129,12 @@ public:
     bool traced(const std::string& text) const { return trace().find(text) != std::string::npos; }
     void await_trace(const std::string& text, milliseconds deadline = patience) const;
 
-    // Gives the daemon a clock of its own: "+0 x20" runs twenty times as fast, "@2024-01-01 10:00:05 x5" from a moment on
-    // (UTC). Writing the file temp/clock sets it. Returns why that is not possible, or an empty text.
-    std::string fake_clock(const std::string& clock);
+    // Gives the daemon a wall clock of its own (UTC), which runs so many times as fast from now on. It shows the time
+    // `shown` (seconds since 1970), or without it the present time.
+    void fake_clock(int speed, double shown = 0);
+
+    // Sets this clock to what it would show if it had begun so many seconds later, or earlier.
+    void set_clock(int offset) const;
 
     std::map<std::string, std::string> env;  // of the daemon, besides the test's own
     strings wrapper;                         // a command put before the daemon's
@@ -143,6 +146,9 @@ private:
     void launch(const strings& args);
 
     std::string dir_ = testing::TempDir() + "sched-e2e-XXXXXX";
+    double clock_real_ = 0;  // the moment at which the daemon's own clock shows the next one
+    double clock_shown_ = 0;
+    int clock_speed_ = 1;
 };
 
 }  // namespace e2e

@@ -100,6 +100,7 @@ if command -v python3 >/dev/null; then
         [ ! -f "$dir/connected" ] || break
         sleep 0.05
     done
+    [ -f "$dir/connected" ] || fail 'the connection for ready was not made'
     ! MAINPID=$player timeout 1 sh "$service" ready || fail 'ready takes a connection for a listening socket'
     end_player
     ! said=$(MAINPID=$player sh "$service" ready 2>&1) || fail 'ready does not see the end'

@@ -25,6 +25,7 @@ first_cells() {
 
 failed=0
 for page in *.[1-9]; do
+    shown=$(mandoc -T ascii -O width=80 "$page" | col -bx)
     awk -F '\t' -v page="$page" '
         FNR == NR { shown[NR] = $0; next }
         {
@@ -37,6 +38,6 @@ for page in *.[1-9]; do
             }
             if (!found) { print page ": the row \"" $1 "\" is broken at 80 columns"; bad = 1 }
         }
-        END { exit bad }' <(mandoc -T ascii -O width=80 "$page" | col -bx) <(first_cells "$page") || failed=1
+        END { exit bad }' - <(first_cells "$page") <<<"$shown" || failed=1
 done
 exit "$failed"
