@@ -87,12 +87,6 @@ TEST(E2eForwarding, ResourceStreamArrivesWholeAndEndsWithItsConnection) {
                         "res_data(\"blanks ...\" len=10)\n", "Error:res_data:connect error, errno=111\n"});
 }
 
-// Lets the daemon's ten seconds of patience pass in less than three.
-static void hurry(Suite& suite) {
-    suite.fake_clock(4);
-    suite.env["FAST_MONOTONIC"] = "yes";
-}
-
 // Stops and continues the process, which interrupts a system call that waits.
 static void interrupt(const Suite& suite) {
     kill(suite.scheduler(), SIGSTOP);
@@ -106,7 +100,7 @@ TEST(E2eForwarding, StreamToASlowReceiverSurvivesInterruptionsAndIsGivenUpInTheE
     const int port = free_port();
     const unique_fd listener = listen_on(port);
     suite.settings("qmxut_port = " + std::to_string(port));
-    hurry(suite);
+    suite.hurry();
     suite.start();
     const std::string lines = repeated(1000, std::string(16000, 'x') + "\n");
     const std::string given_up = "Error:res_data:receiver does not read, stream given up after 10 s\n";
@@ -143,7 +137,7 @@ TEST(E2eForwarding, ReceiverThatDoesNotAcceptYetDelaysOnlyItsOwnConnection) {
     const int port = free_port();
     const unique_fd listener = listen_on(port, 0);
     suite.settings("qmxut_port = " + std::to_string(port));
-    hurry(suite);
+    suite.hurry();
     suite.start();
     const Client fills_the_backlog(port);
     Client client = suite.client();
