@@ -32,7 +32,7 @@ protected:
         first.module("code", "exit 3");
         second.module("code", "exit 7");
         const auto wait_for = [this](const char* name) {
-            return "while [ -e " + first.path("hosts") + " ] && [ ! -e " + first.path(name) + " ]; do sleep 0.02; done";
+            return "while [ -e " + first.path("hosts") + " ] && [ ! -e " + first.path(name) + " ]; do sleep 0.1; done";
         };
         first.module("slow", wait_for("written") + "; sleep 1; printf 'one\\ntwo'");
         second.module("slow", "seq 100000; printf end; touch " + first.path("written"));
@@ -200,17 +200,17 @@ TEST_F(E2eManyHosts, HeldConnectionIsReportedAndKeepsItsMessages) {
         if (resume.joinable()) return;
         const pid_t agent = newest_agent();
         // The end of a session or of a service is not that of the agent, and nobody waits for the end of its output.
-        for (const int signo : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGSTOP}) kill(agent, signo);
+        for (const int signo : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGSTOP}) send_signal(agent, signo);
         EXPECT_EQ(shell("cd /proc/" + std::to_string(agent) + "/fd; readlink 0 1 2; ls | grep ^2.."),
                   repeated(3, "/dev/null\n"));
-        kill(stalled, SIGCONT);
+        send_signal(stalled, SIGCONT);
         EXPECT_TRUE(wait_until([&] { return received_by(first.port, 3); }));
-        resume = std::thread([agent] { usleep(200'000), kill(agent, SIGCONT); });
+        resume = std::thread([agent] { usleep(200'000), send_signal(agent, SIGCONT); });
     };
     agent_options how;
     how.stored = stored_messages::taken;
     first.raise("E0101:fan");
-    kill(stalled, SIGSTOP);
+    send_signal(stalled, SIGSTOP);
     agent_client front(hosts, how, events);
     front.ask(0, {"status"});
     EXPECT_TRUE(wait_until([&] { return received_by(first.port, 2); }));
@@ -225,7 +225,7 @@ TEST_F(E2eManyHosts, HeldConnectionIsReportedAndKeepsItsMessages) {
     mailbox::remember_login(key_of(hosts[0]), true);
     first.await_trace(") is gone.");
     first.raise("E0101:late");
-    kill(stalled, SIGSTOP);
+    send_signal(stalled, SIGSTOP);
     agent_client late(hosts, how, events);
     const pid_t agent = newest_agent();
     const auto ends = [&](unsigned n) { return wait_until([&] { return step(late), events.ends.size() == n; }); };
@@ -234,15 +234,15 @@ TEST_F(E2eManyHosts, HeldConnectionIsReportedAndKeepsItsMessages) {
     EXPECT_EQ(shown[1], "E0101:fan");  // once: the front got nothing after its last call
     late.cancel(0, 1);
     usleep(200'000);  // the agent knows it before the answer comes
-    kill(stalled, SIGCONT);
+    send_signal(stalled, SIGCONT);
     EXPECT_TRUE(ends(2));
-    kill(stalled, SIGSTOP);
+    send_signal(stalled, SIGSTOP);
     late.ask(0, {"status"});
     usleep(200'000);  // the request is sent
-    kill(agent, SIGSTOP);
-    kill(stalled, SIGCONT);
+    send_signal(agent, SIGSTOP);
+    send_signal(stalled, SIGCONT);
     usleep(1'500'000);  // an answer that has come is not late when its reader was stopped for longer than the limit
-    kill(agent, SIGCONT);
+    send_signal(agent, SIGCONT);
     EXPECT_TRUE(ends(3));
     EXPECT_THAT(events.ends, testing::ElementsAre(outcome::no_answer, outcome::over, outcome::over));
     EXPECT_EQ(shown[2], "E0101:late");
@@ -251,9 +251,9 @@ TEST_F(E2eManyHosts, HeldConnectionIsReportedAndKeepsItsMessages) {
     closed = 0;
     agent_client named({{"N", "localhost", hosts[0].port}}, how, events);
     const pid_t stopped = newest_agent();
-    kill(stopped, SIGSTOP);  // both calls come at once: the command is not sent any more
+    send_signal(stopped, SIGSTOP);  // both calls come at once: the command is not sent any more
     named.ask(0, {"status"}), named.close(0);
-    kill(stopped, SIGCONT);
+    send_signal(stopped, SIGCONT);
     EXPECT_TRUE(wait_until([&] { return step(named), closed == 1; }));
     for (int i = 0; i < 20; ++i) step(named);
     EXPECT_EQ(events.ends.size(), 3U);
@@ -263,14 +263,14 @@ TEST_F(E2eManyHosts, HeldConnectionIsReportedAndKeepsItsMessages) {
     named.finish();  // waits for this connection, although an earlier one was closed
     EXPECT_THAT(shown[0], HasSubstr("E0101:last"));
     how.connect.source = "127.0.0.2";
-    kill(stalled, SIGSTOP);
+    send_signal(stalled, SIGSTOP);
     agent_client refused(hosts, how, events);
     refused.ask(0, {"status"});
     EXPECT_TRUE(wait_until([&] { return step(refused), received_by(first.port, 2); }));
     refused.close(0);
     refused.close(0);
     EXPECT_TRUE(wait_until([&] { return step(refused), held == 2; }));
-    kill(stalled, SIGCONT);
+    send_signal(stalled, SIGCONT);
     EXPECT_TRUE(wait_until([&] { return step(refused), events.asked == 1; }));
     refused.finish();
     EXPECT_GT(closed, 1);  // a refused login ends the holding
@@ -294,10 +294,10 @@ TEST_F(E2eManyHosts, SilentHostNeitherDelaysNorLosesTheAnswersOfTheOthers) {
          "schedctl: A: no answer in time\nschedctl: B: exit code 7\n206\n"},
     };
     for (const auto& c : cases) {
-        kill(first.scheduler(), SIGSTOP);
+        send_signal(first.scheduler(), SIGSTOP);
         second.raise("E0101:fan");
         EXPECT_EQ(ctl(c.arguments, 6), c.wanted) << c.name;
-        kill(first.scheduler(), SIGCONT);
+        send_signal(first.scheduler(), SIGCONT);
         EXPECT_TRUE(wait_until([&] { return shell("ls " + first.path("state/schedctl/live")).empty(); }));
     }
 }

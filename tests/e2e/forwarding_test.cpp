@@ -89,9 +89,9 @@ TEST(E2eForwarding, ResourceStreamArrivesWholeAndEndsWithItsConnection) {
 
 // Stops and continues the process, which interrupts a system call that waits.
 static void interrupt(const Suite& suite) {
-    kill(suite.scheduler(), SIGSTOP);
+    send_signal(suite.scheduler(), SIGSTOP);
     std::this_thread::sleep_for(50ms);
-    kill(suite.scheduler(), SIGCONT);
+    send_signal(suite.scheduler(), SIGCONT);
     std::this_thread::sleep_for(50ms);
 }
 

@@ -13,7 +13,6 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <regex>
-#include <signal.h>
 #include <sstream>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -300,7 +299,7 @@ void Suite::stop() {
     }
     std::error_code gone;
     if (fs::read_symlink(last, gone) == fs::canonical(SCHED_BINARY))
-        kill(scheduler(), SIGKILL);  // its supervisor has been killed
+        send_signal(scheduler(), SIGKILL);  // its supervisor has been killed
 }
 
 void Suite::fake_clock(int speed, double shown) {

@@ -11,6 +11,7 @@
 #include <functional>
 #include <initializer_list>
 #include <map>
+#include <signal.h>
 #include <string>
 #include <string_view>
 #include <sys/socket.h>
@@ -79,6 +80,12 @@ struct Outcome {
     int code;  // exit code, or 128 and the signal
     std::string out, err;
 };
+
+// Not kill(): -1, which stands for a daemon that has ended, would be all processes of the machine.
+inline void send_signal(pid_t pid, int number) {
+    ASSERT_GT(pid, 0) << "no process to send signal " << number << " to";
+    kill(pid, number);
+}
 
 class Suite {
 public:

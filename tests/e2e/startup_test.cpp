@@ -197,9 +197,9 @@ TEST(E2eStartup, GoesOnWithoutAnEventPipeAndWithBlockedSignals) {
     suite.start();
     EXPECT_THAT(suite.out(), HasSubstr("Error:event:VGDpipe \"" + suite.env["VGD_PIPE"] + "\" open fails.\n"));
     Client client = suite.client();
-    for (const int signal : {SIGHUP, SIGUSR1, SIGPIPE, SIGCHLD, SIGALRM}) kill(suite.pid, signal);
+    for (const int signal : {SIGHUP, SIGUSR1, SIGPIPE, SIGCHLD, SIGALRM}) send_signal(suite.pid, signal);
     EXPECT_EQ(suite.status(client), expected_status(""));
-    kill(suite.pid, SIGTERM);
+    send_signal(suite.pid, SIGTERM);
     EXPECT_EQ(suite.wait_exit(), 128 + SIGTERM);
     EXPECT_EQ(suite.calls(), "");  // only the orderly end tells the modules to stop
 }
