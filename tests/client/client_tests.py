@@ -16,7 +16,7 @@ OPTIONS = ["-vv", "-rs", "--tb=short", "-p", "no:cacheprovider",
            "-o", "python_classes=E2e* Manual Options", "-o", "python_functions=[A-Z]*"]
 arguments = sys.argv[1:]
 if not any("_test.py" in argument for argument in arguments):
-    arguments.append(str(Path(__file__).resolve().parent))
+    arguments.insert(0, str(Path(__file__).resolve().parent))
 outcomes = set()
 
 

@@ -24,7 +24,7 @@ protected:
 exit) exit $2 ;;
 signal) kill -$2 $$ ;;
 text) printf "$2" ;;
-wait) echo begin; while [ -e "$0" ] && [ ! -e "$2" ]; do sleep 0.02; done; echo end ;;
+wait) echo begin; while [ -e "$0" ] && [ ! -e "$2" ]; do sleep 0.1; done; echo end ;;
 many) seq 300000 ;;
 args) shift; printf '<%s>' "$@" ;;
 esac

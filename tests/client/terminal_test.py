@@ -24,7 +24,7 @@ o=d) echo complete ;;
 drip) echo drop; for second in 1 2 3 4 5 6 7 8; do sleep 1; echo; done ;;
 quiet) sleep 4 ;;
 flood) yes | head -c 5000000 ;;
-wait) echo begin; while [ -e "$0" ] && [ ! -e "$2" ]; do sleep 0.02; done; yes | head -c 300000 ;;
+wait) echo begin; while [ -e "$0" ] && [ ! -e "$2" ]; do sleep 0.1; done; yes | head -c 300000 ;;
 esac
 """
 

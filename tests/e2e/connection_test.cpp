@@ -62,6 +62,7 @@ TEST(E2eConnection, SocketsOfOperatorsSendAtOnceAndFindDeadHosts) {
 // It may have sent its lines without waiting for answers. But it may have left very many.
 TEST(E2eConnection, ClientThatIsGoneIsServedForAHundredLinesOrTenSeconds) {
     Suite suite;
+    suite.hurry();
     suite.module("slow", "sleep 3.5");
     suite.write("data/password", std::string(64, 'h') + " saltSALT");
     suite.start();
@@ -89,7 +90,7 @@ TEST(E2eConnection, ClientThatIsGoneIsServedForAHundredLinesOrTenSeconds) {
         const auto left = std::chrono::steady_clock::now();
         client.reset();
         EXPECT_TRUE(wait_until([&] { return suite.out().find(gone + ".\n", before) != std::string::npos; }));
-        const bool ten_seconds_over = std::chrono::steady_clock::now() - left >= 10s;
+        const bool ten_seconds_over = std::chrono::steady_clock::now() - left >= 2500ms;  // if it hurries
         const std::string trace = suite.out().substr(before);
         const int lines = occurrences(trace, c.traced);
         std::smatch match;

@@ -54,6 +54,12 @@ int nanosleep(const struct timespec* wanted, struct timespec* left) {
     return next(&shorter, left);
 }
 
+unsigned sleep(unsigned seconds) {
+    const struct timespec wanted = {seconds, 0};
+    nanosleep(&wanted, NULL);
+    return 0;
+}
+
 int poll(struct pollfd* files, nfds_t count, int ms) {
     int (*const next)(struct pollfd*, nfds_t, int) = dlsym(RTLD_NEXT, "poll");
     return next(files, count, ms > 0 && getenv("FAST_MONOTONIC") != NULL ? (int)ceil(ms / read_setting().speed) : ms);

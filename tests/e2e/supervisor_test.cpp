@@ -38,7 +38,7 @@ TEST(E2eSupervisor, DetachesTheSchedulerAndStartsItAgainCleanAfterItsDeath) {
     }
     for (const auto& [signal, raw_status] : {std::pair{SIGKILL, "0x9"}, std::pair{SIGTERM, "0xf"}}) {
         const auto begin = std::chrono::steady_clock::now();
-        kill(scheduler, signal);
+        send_signal(scheduler, signal);
         suite.await_trace("alive_check:waitpid(pid=" + std::to_string(scheduler) + ") returns " + raw_status +
                           "(errno=");
         ASSERT_TRUE(next_scheduler_accepts(suite, scheduler));
@@ -65,6 +65,7 @@ TEST(E2eSupervisor, DetachesTheSchedulerAndStartsItAgainCleanAfterItsDeath) {
 // The pipe may be replaced while a scheduler runs. A program that writes an event while there is no pipe makes a file.
 TEST(E2eSupervisor, KeepsTheFifoOpenThatIsThereAtTheStartOfEachScheduler) {
     Suite suite;
+    suite.fake_clock(10);
     suite.start({});
     const auto kept = [&suite] {
         return of_process(suite.pid, "find -L fd -samefile " + suite.path("pipe") + " | wc -l");
@@ -74,7 +75,7 @@ TEST(E2eSupervisor, KeepsTheFifoOpenThatIsThereAtTheStartOfEachScheduler) {
         SCOPED_TRACE(change);
         shell("cd " + suite.path("") + "; rm pipe; " + change);
         const pid_t scheduler = suite.scheduler();
-        kill(scheduler, SIGKILL);
+        send_signal(scheduler, SIGKILL);
         ASSERT_TRUE(next_scheduler_accepts(suite, scheduler));
         EXPECT_EQ(kept(), wanted);
     }
@@ -119,7 +120,7 @@ TEST(E2eSupervisor, EndsWithAnOrderlySchedulerButDoesNotTakeItDownWhenKilled) {
     EXPECT_THAT(suite.trace(), HasSubstr("returns 0x0(errno="));
     EXPECT_EQ(suite.calls(), "allmodcall stop");
     suite.start({});
-    kill(suite.pid, SIGTERM);
+    send_signal(suite.pid, SIGTERM);
     EXPECT_EQ(suite.wait_exit(), 128 + SIGTERM);
     Client client = suite.client();
     EXPECT_EQ(suite.status(client), expected_status(""));

@@ -19,7 +19,7 @@ TEST(E2eMinute, JobsRunOnceReloadAndWaitForTheLockAndTheUptimeCounts) {
     for (Suite* suite : {&held, &idle}) suite->fake_clock(5, first - 55);
     for (const Suite* suite : {&held, &idle})
         for (const char* name : {"tick", "patrol"}) suite->module(name, "echo \"${0##*/} $*\" >> \"$VGD_temp/calls\"");
-    held.module("slow", "while [ -e \"$0\" ] && [ ! -e \"$VGD_temp/go\" ]; do sleep 0.5; done", 300);
+    held.module("slow", "while [ -e \"$0\" ] && [ ! -e \"$VGD_temp/go\" ]; do sleep 2; done", 300);
     held.write("data/up_time", "1440\n");
     held.write("config/timer_jobs", "* * * * * tick\told\n");
     idle.write("config/timer_jobs", "* * * * * tick\tone\n0 0 1 1 * patrol\tx\n0 0 1 1 * padiag\tx\n");

@@ -146,7 +146,7 @@ def try_tool(tool, name):
         silent = {"summary": "--error-count", "both": "-no-"}.get(name, "--summary" if tool == "ras-mc-ctl" else "-no-")
         if tool == "mdadm":
             (machine.dir / "root/proc/mdstat").write_text("Personalities : [raid1]\nmd0 : active raid1 sda1[0] sdb1[1]\n")
-        machine.tool(tool, f'#!/bin/sh\ncase "$*" in *{silent}*) exit 1 ;; esac\ncat "{machine.dir}/now/answer"\n')
+        machine.tool(tool, f'#!/bin/sh\ncase "$*" in *{silent}*) exit 1 ;; esac\nexec cat "{machine.dir}/now/answer"\n')
         last = collections(tool, [name])
         for collection in range(1, last + 1):
             shutil.copy(recorded(tool, name, collection), machine.dir / "now/answer")
