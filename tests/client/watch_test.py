@@ -279,6 +279,11 @@ class E2eWatch:
             view.until("condition error set")
             view.ended()
             assert text not in suite.ctl("status")
+        suite.message("E0101:under one name")
+        suite.ctl("check")
+        notice = f"1 message under the name 127.0.0.1:{suite.port}; "
+        assert notice in suite.ctl("-H 127.1 status")
+        assert notice not in suite.ctl("-H 127.1,127.0.0.2 status")
 
 
 class E2eWatchTerminal:

@@ -2,7 +2,6 @@
 
 #include <array>
 #include <netinet/in.h>
-#include <signal.h>
 #include <sys/time.h>
 #include <thread>
 

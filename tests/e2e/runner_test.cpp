@@ -1,7 +1,6 @@
 #include "e2e/harness.h"
 
 #include <filesystem>
-#include <signal.h>
 #include <sys/stat.h>
 
 namespace e2e {

@@ -1,7 +1,6 @@
 #include "e2e/harness.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sstream>
 #include <sys/resource.h>
 #include <thread>

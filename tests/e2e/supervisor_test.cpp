@@ -1,6 +1,5 @@
 #include "e2e/harness.h"
 
-#include <signal.h>
 #include <sys/stat.h>
 
 namespace e2e {

@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <filesystem>
-#include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <thread>

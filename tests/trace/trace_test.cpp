@@ -102,21 +102,25 @@ TEST_F(Trace, GoesOnWithoutADirectoryOrRotationAndKeepsErrno) {
 
 // The limit of the file size stands for a full disk: the write that reaches it is cut.
 TEST_F(Trace, LineThatAFullDiskCutsIsTakenBack) {
-    for (const std::string name : {"log/sched_log", "log/sched_logerr", "log/event_log"}) {
-        SCOPED_TRACE(name);
-        for (const char* file : {"log/sched_log", "log/sched_logerr", "log/event_log"}) fs::remove(path(file));
-        write(name, std::string(10'000, 'x') + "\n");  // only this one reaches the limit
+    const std::string files[] = {"log/sched_log", "log/sched_logerr", "log/event_log"};
+    const auto tried = [&](const std::string& name, const std::string& before) {
+        SCOPED_TRACE(name + " with " + std::to_string(before.size()) + " bytes");
+        for (const std::string& file : files) fs::remove(path(file));
+        write(name, before);
         rlimit old{};
         getrlimit(RLIMIT_FSIZE, &old);
-        const rlimit full{10'001 + 20, old.rlim_max};
+        const rlimit full{before.size() + 20, old.rlim_max};
         setrlimit(RLIMIT_FSIZE, &full);
         log("Info:lost");
         setrlimit(RLIMIT_FSIZE, &old);
-        EXPECT_EQ(read(name).size(), 10'001U);
+        EXPECT_EQ(read(name), before);
         log("Info:kept");
         EXPECT_EQ(read(name).find("Info:lost"), std::string::npos);
-        EXPECT_THAT(read(name).substr(10'000), StartsWith("\n20"));
-    }
+        EXPECT_THAT(read(name).substr(before.size()), StartsWith("20"));
+    };
+    for (const std::string& name : files)
+        tried(name, std::string(10'000, 'x') + "\n");  // only this one reaches the limit
+    for (const std::string& name : files) tried(name, "");
 }
 
 TEST_F(Trace, LinesOfSeveralThreadsStayWholeAcrossRotations) {
