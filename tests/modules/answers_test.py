@@ -10,6 +10,7 @@ import contextlib
 import functools
 import io
 import json
+import operator
 import os
 import pathlib
 import py_compile
@@ -212,14 +213,13 @@ def try_odd_disks(names):
         smart.mkdir(parents=True)
         for name in names:
             answer = json.loads(recorded("smartctl", name, 1).read_text())
-            for number, path in enumerate(oddities(answer)):
+            for number, path in enumerate(list(oddities(answer))):
+                place = functools.reduce(operator.getitem, path[:-1], answer)
+                good = place[path[-1]]
                 for odd in (None, "", "odd", -1, [], {}, [[]], 1e308):
-                    copy = json.loads(json.dumps(answer))
-                    place = copy
-                    for step in path[:-1]:
-                        place = place[step]
                     place[path[-1]] = odd
-                    (smart / f"{name}-{number}-{str(odd)[:6]}.json").write_text(json.dumps(copy))
+                    (smart / f"{name}-{number}-{str(odd)[:6]}.json").write_text(json.dumps(answer))
+                place[path[-1]] = good
         count = len(list(smart.iterdir()))
         found = machine.run(MODULES / "parts.d/smart").splitlines()
         return count, [f"a good disk with an odd field: {line}" for line in found if not line.startswith("seen\t")]
