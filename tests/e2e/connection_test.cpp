@@ -66,6 +66,7 @@ TEST(E2eConnection, ClientThatIsGoneIsServedForAHundredLinesOrTenSeconds) {
     suite.module("slow", "sleep 3.5");
     suite.write("data/password", std::string(64, 'h') + " saltSALT");
     suite.start();
+    const milliseconds ten_seconds(suite.env.count("FAST_MONOTONIC") != 0 ? 2500 : 10'000);
     const struct {
         const char* line;
         const char* source;
@@ -90,7 +91,7 @@ TEST(E2eConnection, ClientThatIsGoneIsServedForAHundredLinesOrTenSeconds) {
         const auto left = std::chrono::steady_clock::now();
         client.reset();
         EXPECT_TRUE(wait_until([&] { return suite.out().find(gone + ".\n", before) != std::string::npos; }));
-        const bool ten_seconds_over = std::chrono::steady_clock::now() - left >= 2500ms;  // if it hurries
+        const bool ten_seconds_over = std::chrono::steady_clock::now() - left >= ten_seconds;
         const std::string trace = suite.out().substr(before);
         const int lines = occurrences(trace, c.traced);
         std::smatch match;

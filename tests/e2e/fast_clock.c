@@ -54,6 +54,7 @@ int nanosleep(const struct timespec* wanted, struct timespec* left) {
     return next(&shorter, left);
 }
 
+// The C library's sleep does not call the function above.
 unsigned sleep(unsigned seconds) {
     const struct timespec wanted = {seconds, 0};
     nanosleep(&wanted, NULL);

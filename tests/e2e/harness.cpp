@@ -277,7 +277,7 @@ int Suite::wait_exit(milliseconds deadline) {
     int status = 0;
     const bool ended = wait_until([&] { return waitpid(pid, &status, WNOHANG) != 0; }, deadline);
     EXPECT_TRUE(ended) << "the daemon does not end";
-    if (!ended) kill(pid, SIGKILL);
+    if (!ended) send_signal(pid, SIGKILL);
     pid = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }

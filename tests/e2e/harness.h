@@ -81,7 +81,7 @@ struct Outcome {
     std::string out, err;
 };
 
-// Not kill(): -1, which stands for a daemon that has ended, would be all processes of the machine.
+// Not kill(): the pid of a daemon that does not run is -1, which would be all processes of the machine.
 inline void send_signal(pid_t pid, int number) {
     ASSERT_GT(pid, 0) << "no process to send signal " << number << " to";
     kill(pid, number);

@@ -72,10 +72,11 @@ StandardError=inherit
 ExecStart=/srv/trial
 ExecStopPost=/bin/systemctl --no-block exit
 END
-# The programs that make units at each reload take most of the time of a reload, and no unit of the package needs them. The
-# one that stays reads systemd.wants.
+# systemd's generators take most of the time of each reload, and the package needs none of them. The one that is kept
+# reads systemd.wants.
 mkdir "$work/generators"
-cp "$build/debian/usr/lib/systemd/system-generators/systemd-debug-generator" "$work/generators"
+cp "$build/debian/usr/lib/systemd/system-generators/systemd-debug-generator" "$work/generators" ||
+    fail "the tree has no systemd-debug-generator"
 # Only the unit of the trial is added, by a mount: the tree itself is read-only.
 timeout 600 systemd-nspawn --quiet --directory="$build/debian" --volatile=overlay --register=no --keep-unit \
     --private-network --capability=CAP_SYS_RAWIO --console=pipe --bind="$work:/srv" --bind-ro="$work/generators:/usr/lib/systemd/system-generators" \

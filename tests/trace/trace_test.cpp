@@ -119,8 +119,8 @@ TEST_F(Trace, LineThatAFullDiskCutsIsTakenBack) {
         EXPECT_THAT(read(name).substr(before.size()), StartsWith("20"));
     };
     for (const std::string& name : files)
-        tried(name, std::string(10'000, 'x') + "\n");  // only this one reaches the limit
-    for (const std::string& name : files) tried(name, "");
+        tried(name, std::string(10'000, 'x') + "\n");       // only this one reaches the limit
+    for (const std::string& name : files) tried(name, "");  // all three reach it
 }
 
 TEST_F(Trace, LinesOfSeveralThreadsStayWholeAcrossRotations) {
