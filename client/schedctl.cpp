@@ -1,4 +1,4 @@
-// schedctl: the operator's client of the scheduler.
+// schedctl: the operator's client of the scheduler. With another serve_metrics() it is schedctl-exporter.
 #include "monitor/monitor.h"
 #include "options/options.h"
 #include "protocol/answer.h"
@@ -14,10 +14,10 @@
 namespace {
 
 // Selects the mode; parse_options has refused combinations that make no sense. Each mode starts its agent.
-int run(const settings& chosen) {
+int run(const settings& chosen, char** arguments) {
     switch (chosen.what) {
         case task::metrics:
-            return run_metrics(chosen);
+            return chosen.listen.empty() ? run_metrics(chosen) : serve_metrics(chosen, arguments);
         case task::check:
             return run_check(chosen);
         case task::watch:
@@ -46,7 +46,7 @@ int main(int argc, char** argv) try {
         return *end;
     }
     // A command whose output was lost must not look successful.
-    const int code = run(chosen);
+    const int code = run(chosen, argv);
     return flush_output() ? code : exit_usage;
 } catch (const std::exception& problem) {
     complain(problem.what());

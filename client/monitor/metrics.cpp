@@ -9,9 +9,6 @@
 #include <unistd.h>
 
 int run_metrics(const settings& chosen) {
-    if (!chosen.listen.empty()) {
-        return serve_metrics(chosen);
-    }
     const snapshot known = collect(chosen).front();
     if (!known.up) {
         complain(known.problem);

@@ -6,11 +6,7 @@
 #include <cstdio>
 #include <iterator>
 
-namespace {
-
 constexpr std::size_t date_length = 25;  // 2026-11-16T15:47:03+00:00
-
-}  // namespace
 
 std::string now_date() {
     const std::time_t now = std::time(nullptr);

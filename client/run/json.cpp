@@ -25,10 +25,8 @@ std::string status_json(std::string_view answer) {
 
 // The answer of `modcntl` is empty when the module was switched, and has a text when that was refused.
 std::string switch_json(const std::vector<std::string>& words, std::string_view answer) {
-    if (!answer.empty()) {
-        return json_text({{"error", answer.substr(0, answer.find('\n'))}});
-    }
-    return json_text({{"module", words[1]}, {"on", words.back() == "on"}});
+    return answer.empty() ? json_text({{"module", words[1]}, {"on", words.back() == "on"}})
+                          : json_text({{"error", answer.substr(0, answer.find('\n'))}});
 }
 
 template <auto parse>

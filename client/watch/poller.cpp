@@ -8,12 +8,8 @@
 
 #include <algorithm>
 
-namespace {
-
 constexpr std::chrono::seconds details_interval{15};  // connections, modules and jobs seldom change
 constexpr std::chrono::seconds only_once = std::chrono::hours(24);
-
-}  // namespace
 
 poller::poller(const settings& chosen)
     : chosen_(chosen),

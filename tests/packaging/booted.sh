@@ -39,7 +39,7 @@ make_package() {
 override_dh_auto_configure:
 	dh_auto_configure -- -DCMAKE_SKIP_INSTALL_ALL_DEPENDENCY=ON
 override_dh_auto_build:
-	for program in sched schedcheck schedctl schedpasswd; do strip -o "\$\$(echo obj-*)/\$\$program" $build/\$\$program; done
+	for program in sched schedcheck schedctl schedctl-exporter schedpasswd; do strip -o "\$\$(echo obj-*)/\$\$program" $build/\$\$program; done
 override_dh_builddeb:
 	dh_builddeb -- -Znone
 override_dh_auto_test override_dh_dwz override_dh_strip override_dh_autoreconf override_dh_strip_nondeterminism override_dh_shlibdeps override_dh_md5sums:

@@ -1,6 +1,6 @@
+#include "exporter/http_server.h"
 #include "monitor/collect.h"
 #include "monitor/exposition.h"
-#include "monitor/http_server.h"
 #include "monitor/monitor.h"
 #include "options/options.h"
 #include "protocol/limits.h"
@@ -20,8 +20,7 @@ constexpr std::size_t longest_target = 255 + 6;  // a name and a port
 
 constexpr const char* ending_text = "the exporter ends\n";
 constexpr const char* landing_page =
-    "<!DOCTYPE html><html lang=\"en\"><head><title>sched exporter</title></head><body><h1>sched "
-    "exporter</h1><ul>"
+    "<!DOCTYPE html><html lang=\"en\"><head><title>sched exporter</title></head><body><h1>sched exporter</h1><ul>"
     "<li>/metrics?target=HOST:PORT: the metrics of a scheduler</li>"
     "<li><a href=\"/metrics\">/metrics</a>: of this exporter</li>"
     "<li><a href=\"/targets\">/targets</a>: the hosts file, for the discovery over HTTP</li>"
@@ -255,7 +254,7 @@ private:
 
 }  // namespace
 
-int serve_metrics(const settings& chosen) {
+int serve_metrics(const settings& chosen, char**) {
     const auto [address, port] = split_address(chosen.listen);
     return exporter(chosen, chosen.several ? chosen.hosts : std::vector<host_name>(), address, port).run();
 }

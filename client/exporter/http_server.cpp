@@ -1,6 +1,6 @@
 // Uses libmicrohttpd, not cpp-httplib: it bounds the memory of a connection and runs in a loop of ours, where the other
 // has a thread for each request and stores a header line of any length. Debian maintains both.
-#include "monitor/http_server.h"
+#include "exporter/http_server.h"
 
 #include "net/host_list.h"
 #include "protocol/limits.h"
@@ -62,8 +62,7 @@ struct http_server::callbacks {
             return MHD_YES;
         }
         auto& request = *static_cast<http_request*>(*context);
-        const std::string_view wanted = method;
-        if (wanted != MHD_HTTP_METHOD_GET && wanted != MHD_HTTP_METHOD_HEAD) {
+        if (const std::string_view wanted = method; wanted != MHD_HTTP_METHOD_GET && wanted != MHD_HTTP_METHOD_HEAD) {
             request.reply = {.status = MHD_HTTP_METHOD_NOT_ALLOWED, .text = "only GET and HEAD\n"};
         } else if (!request.reply) {
             request.reply = static_cast<http_server*>(self)->handler_(request);
