@@ -206,20 +206,25 @@ def oddities(value, path=()):
 
 
 def try_odd_disks(names):
-    """Good answers in which one branch has another type than it should, or is cut off: nothing is found."""
+    """Good answers in which a branch, or a few values, have another type than they should: nothing is found."""
     with tempfile.TemporaryDirectory() as directory:
         machine = Machine(directory)
         smart = machine.dir / "run/smart"
         smart.mkdir(parents=True)
         for name in names:
             answer = json.loads(recorded("smartctl", name, 1).read_text())
-            for number, path in enumerate(list(oddities(answer))):
-                place = functools.reduce(operator.getitem, path[:-1], answer)
-                good = place[path[-1]]
+            places = [(functools.reduce(operator.getitem, path[:-1], answer), path[-1]) for path in oddities(answer)]
+            values = [place for place in places if not isinstance(place[0][place[1]], (dict, list))]
+            step = len(values) // 4
+            for number, group in enumerate([values[i::step] for i in range(step)] +
+                                           [[place] for place in places if place not in values]):
+                good = [branch[key] for branch, key in group]
                 for odd in (None, "", "odd", -1, [], {}, [[]], 1e308):
-                    place[path[-1]] = odd
+                    for branch, key in group:
+                        branch[key] = odd
                     (smart / f"{name}-{number}-{str(odd)[:6]}.json").write_text(json.dumps(answer))
-                place[path[-1]] = good
+                for (branch, key), value in zip(group, good):
+                    branch[key] = value
         count = len(list(smart.iterdir()))
         found = machine.run(MODULES / "parts.d/smart").splitlines()
         return count, [f"a good disk with an odd field: {line}" for line in found if not line.startswith("seen\t")]
