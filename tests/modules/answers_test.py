@@ -14,6 +14,7 @@ import operator
 import os
 import pathlib
 import py_compile
+import shlex
 import shutil
 import subprocess
 import sys
@@ -33,15 +34,10 @@ CHECKS = {
     "sensors": ["temperatures", "fans", "voltages"],
     "kernel": ["temperatures", "fans", "voltages", "arrays", "disks"],
 }
-# Prints the answer of the present collection and ends as a recorded smartctl says it did.
+# Answers for the disk that is its last argument.
 SMARTCTL = """#!/bin/sh
-case "$*" in *--scan-open*) exec cat "{dir}/scan" ;; esac
-for name; do :; done
-answer={dir}/now/${{name##*/}}
-[ -e "$answer.exit" ] || exec cat "$answer"
-cat "$answer"
-read -r code <"$answer.exit"
-exit "$code"
+case "$*" in *--scan-open*) name=scan ;; *) for name; do :; done ;; esac
+. "{dir}/now/${{name##*/}}"
 """
 
 
@@ -101,13 +97,16 @@ class Machine:
                     "PARTS_STATE": f"{self.dir}/state", "PARTS_KNOWN": str(self.known),
                     "PYTHONPYCACHEPREFIX": os.environ["PYTHONPYCACHEPREFIX"]}
         (self.dir / "base").mkdir()
-        for name in ("cat", "sh"):
-            (self.dir / "base" / name).symlink_to(shutil.which(name))
+        (self.dir / "base/sh").symlink_to(shutil.which("sh"))
 
     def tool(self, name, text):
         path = self.dir / "bin" / name
         path.write_text(text)
         path.chmod(0o755)
+
+    def answer(self, name, text, code=0):
+        """What a tool prints from now on, and its exit status: a file for the shell, which starts no further program."""
+        (self.dir / "now" / name).write_text(f"printf %s {shlex.quote(text)}\nexit {code}\n")
 
     def run(self, program, *words):
         if program in started:
@@ -147,13 +146,13 @@ def try_tool(tool, name):
         silent = {"summary": "--error-count", "both": "-no-"}.get(name, "--summary" if tool == "ras-mc-ctl" else "-no-")
         if tool == "mdadm":
             (machine.dir / "root/proc/mdstat").write_text("Personalities : [raid1]\nmd0 : active raid1 sda1[0] sdb1[1]\n")
-        machine.tool(tool, f'#!/bin/sh\ncase "$*" in *{silent}*) exit 1 ;; esac\nexec cat "{machine.dir}/now/answer"\n')
+        machine.tool(tool, f'#!/bin/sh\ncase "$*" in *{silent}*) exit 1 ;; esac\n. "{machine.dir}/now/answer"\n')
         last = collections(tool, [name])
         for collection in range(1, last + 1):
-            shutil.copy(recorded(tool, name, collection), machine.dir / "now/answer")
+            text = recorded(tool, name, collection).read_text()
+            machine.answer("answer", text)
             if tool in ("kernel", "ras-mc-ctl"):
-                lines = (machine.dir / "now/answer").read_text().splitlines(True)
-                machine.tree("".join(line for line in lines if line.startswith("/")))
+                machine.tree("".join(line for line in text.splitlines(True) if line.startswith("/")))
             machine.collect(tool)
             if last > 2 or collection == last:  # what was found before matters only when the answer changes
                 found = machine.judge(tool)
@@ -170,19 +169,15 @@ def try_disks(names):
             kind = "megaraid,4" if name == "megaraid" else "sat"
             devices.append({"name": f"/dev/{name}", "type": kind, "protocol": "ATA"})
         devices += [{"name": "/dev/closed", "type": "sat", "open_error": "No such device"}, {}, "x", {"name": "-x"}]
-        (machine.dir / "scan").write_text(json.dumps({"devices": devices}))
+        machine.answer("scan", json.dumps({"devices": devices}))
         for collection in range(1, collections("smartctl", names) + 1):
             for name in names:
-                path = recorded("smartctl", name, collection)
-                shutil.copy(path, machine.dir / "now" / name)
+                text = recorded("smartctl", name, collection).read_text()
                 try:
-                    code = int(json.loads(path.read_text())["smartctl"]["exit_status"]) & 255
+                    code = int(json.loads(text)["smartctl"]["exit_status"]) & 255
                 except (ValueError, TypeError, KeyError):
                     code = 0
-                exit_file = machine.dir / "now" / f"{name}.exit"
-                exit_file.unlink(missing_ok=True)
-                if code:
-                    exit_file.write_text(f"{code}\n")
+                machine.answer(name, text, code)
             machine.collect("smartctl")
             found = machine.judge("smartctl")
         return {name: of_disk(name, machine.dir / "run/smart", found) for name in names}
@@ -262,19 +257,19 @@ def try_hanging_disk():
     """Sensors are collected while a disk hangs, and neither group forgets what answered it."""
     with tempfile.TemporaryDirectory() as directory:
         machine = Machine(directory)
-        hanging, answer = machine.dir / "hanging", machine.dir / "answer"
+        hanging, now = machine.dir / "hanging", machine.dir / "now"
         os.mkfifo(hanging)
-        answer.write_text("{}")
-        (machine.dir / "scan").write_text('{"devices": [{"name": "/dev/a", "type": "sat"}]}')
-        machine.tool("smartctl", f'#!/bin/sh\ncase "$*" in *--scan-open*) exec cat "{machine.dir}/scan" ;; esac\n'
-                     f'[ ! -p "{hanging}" ] || read -r line <"{hanging}"\nexec cat "{answer}"\n')
-        machine.tool("sensors", f'#!/bin/sh\nexec cat "{answer}"\n')
+        machine.answer("answer", "{}")
+        machine.answer("scan", '{"devices": [{"name": "/dev/a", "type": "sat"}]}')
+        machine.tool("smartctl", f'#!/bin/sh\ncase "$*" in *--scan-open*) . "{now}/scan" ;; esac\n'
+                     f'[ ! -p "{hanging}" ] || read -r line <"{hanging}"\n. "{now}/answer"\n')
+        machine.tool("sensors", f'#!/bin/sh\n. "{now}/answer"\n')
         with subprocess.Popen([MODULES / "collect", "disks"], env=machine.env, stdout=subprocess.DEVNULL) as disks:
             with open(hanging, "w", encoding="utf-8"):  # waits until smartctl hangs
                 machine.collect("sensors")
                 if disks.poll() is not None:
                     yield "a hanging disk: the sensors waited for it"
-        for path in (hanging, answer):
+        for path in (hanging, now / "answer"):
             path.unlink()
         machine.collect("sensors")
         machine.collect("smartctl")
@@ -299,17 +294,16 @@ def try_disks_that_go():
                    "moves": good_disk("/dev/moves", "M1"), "moved": good_disk("/dev/moved", "M1"),
                    "path": good_disk("/dev/path", "P1"), "path-2": good_disk("/dev/path-2", "P1")}
         machine.tool("smartctl", SMARTCTL.format(dir=machine.dir))
-        machine.tool("lsblk", f'#!/bin/sh\nexec cat "{machine.dir}/lsblk"\n')
+        machine.tool("lsblk", f'#!/bin/sh\n. "{machine.dir}/now/lsblk"\n')
 
         def collect(*names):
             found = [{"name": f"/dev/{name}", "type": "sat"} for name in names]
-            (machine.dir / "scan").write_text(json.dumps({"devices": found}))
-            (machine.dir / "lsblk").write_text("".join(
+            machine.answer("scan", json.dumps({"devices": found}))
+            machine.answer("lsblk", "".join(
                 f'NAME="{name}" MODEL="Makro" SERIAL="{name[0].upper()}1" REV="42" RM="0" '
                 f'TRAN="{"usb" if name == "backup" else "sata"}"\n' for name in names if name != "dies"))
             for name in names:
-                (machine.dir / "now" / name).write_text(answers[name])
-                (machine.dir / "now" / f"{name}.exit").write_text("2\n" if answers[name] == asleep else "0\n")
+                machine.answer(name, answers[name], 2 if answers[name] == asleep else 0)
             machine.collect("smartctl")
             return machine.run(MODULES / "inventory").splitlines()
 
