@@ -17,7 +17,7 @@ namespace {
 int run(const settings& chosen, char** arguments) {
     switch (chosen.what) {
         case task::metrics:
-            return chosen.listen.empty() ? run_metrics(chosen) : serve_metrics(chosen, arguments);
+            return chosen.is_exporter() ? serve_metrics(chosen, arguments) : run_metrics(chosen);
         case task::check:
             return run_check(chosen);
         case task::watch:

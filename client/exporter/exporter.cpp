@@ -16,8 +16,6 @@
 
 namespace {
 
-constexpr std::size_t longest_target = 255 + 6;  // a name and a port
-
 constexpr const char* ending_text = "the exporter ends\n";
 constexpr const char* landing_page =
     "<!DOCTYPE html><html lang=\"en\"><head><title>sched exporter</title></head><body><h1>sched exporter</h1><ul>"
@@ -82,9 +80,6 @@ public:
         server_.step();
     }
 
-    exporter(const exporter&) = delete;
-    exporter& operator=(const exporter&) = delete;
-
     // Serves until a signal. Returns the exit code. Throws std::runtime_error when the agent has ended.
     int run() {
         signal_watch signals;
@@ -141,7 +136,8 @@ private:
     std::size_t target_of(const http_request& request) {
         const std::string& text = request.targets.front();
         constexpr const char* allowed = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-_:";
-        if (request.targets.size() != 1 || text.empty() || text.size() > longest_target ||
+        // A name has at most 255 characters, and a port six with its colon.
+        if (request.targets.size() != 1 || text.empty() || text.size() > 255 + 6 ||
             text.find_first_not_of(allowed) != std::string::npos || text.starts_with('-')) {
             throw std::runtime_error("expected: /metrics?target=HOST:PORT");
         }
@@ -256,5 +252,6 @@ private:
 
 int serve_metrics(const settings& chosen, char**) {
     const auto [address, port] = split_address(chosen.listen);
-    return exporter(chosen, chosen.several ? chosen.hosts : std::vector<host_name>(), address, port).run();
+    const auto hosts = chosen.hosts_file.empty() ? chosen.hosts : read_hosts(chosen.hosts_file, chosen.port);
+    return exporter(chosen, chosen.several ? hosts : std::vector<host_name>(), address, port).run();
 }

@@ -25,8 +25,6 @@ class mailbox {
 public:
     explicit mailbox(mail_kind kind) : kind_(kind) {}
     ~mailbox();
-    mailbox(const mailbox&) = delete;
-    mailbox& operator=(const mailbox&) = delete;
 
     // Makes sure that so many answers of `status` can be stored. Call before connecting. Returns the reason when not.
     std::optional<std::string> reserve(std::size_t answers);

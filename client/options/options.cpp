@@ -135,8 +135,11 @@ void read_environment(const CLI::App& app, settings& chosen) {
         throw CLI::ValidationError("--hosts", "cannot be used together with --host");
     }
     try {
-        chosen.hosts = has_file ? read_hosts(chosen.hosts_file, chosen.port)
-                                : parse_hosts(usual != nullptr ? usual : chosen.host_list, chosen.port);
+        if (!has_file) {
+            chosen.hosts = parse_hosts(usual != nullptr ? usual : chosen.host_list, chosen.port);
+        } else if (!chosen.is_exporter()) {  // which reads it: standard input can be read only once
+            chosen.hosts = read_hosts(chosen.hosts_file, chosen.port);
+        }
     } catch (const std::runtime_error& problem) {
         throw CLI::ValidationError(has_file ? "--hosts" : usual != nullptr ? "SCHED_HOST" : "--host", problem.what());
     }
@@ -152,7 +155,7 @@ void check_settings(const settings& chosen) {
     if (chosen.json && chosen.words.empty() && chosen.what != task::follow && !chosen.list) {
         throw CLI::RequiresError("--json", json_commands);
     }
-    const bool for_one = chosen.what == task::metrics ? chosen.listen.empty() : !is_own;
+    const bool for_one = chosen.what == task::metrics ? !chosen.is_exporter() : !is_own;
     if (chosen.several && chosen.words.empty() && for_one) {
         throw CLI::ValidationError(
             "several hosts", "need a command, `watch`, `follow` or `check`; everything else works with one host only");

@@ -17,7 +17,7 @@ struct settings {
     std::vector<std::string> words;       // the command; empty: a session
     std::string host_list = "127.0.0.1";  // the value of -H, not yet parsed
     std::string hosts_file;               // "-": standard input
-    std::vector<host_name> hosts;         // at least one
+    std::vector<host_name> hosts;         // at least one; none for an exporter with a file
     bool several = false;                 // several hosts, or a file of hosts: output names the host
     bool list = false;                    // --list was given, with any command
     std::uint16_t port = 0;               // for hosts without one
@@ -36,6 +36,7 @@ struct settings {
     // `metrics`
     std::string output;  // file to write; empty: standard output
     std::string listen;  // "ADDRESS:PORT" to serve at; empty: do not
+    bool is_exporter() const { return what == task::metrics && !listen.empty(); }
 
     // `check`
     std::vector<std::string> warning;               // conditions, or "all" or "none"

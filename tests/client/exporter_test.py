@@ -29,9 +29,10 @@ class Exporter:
         self.port, self.host = free_port(), address.partition(":")[0] or "127.0.0.1"
         self.errors = suite.dir / "errors"
         command = [suite.client, *shlex.split(options), "metrics", "--listen", f"{address}{self.port}"]
-        with self.errors.open("w") as errors:
-            self.process = subprocess.Popen(command, env=suite.env, stdin=subprocess.DEVNULL,
-                                            stdout=subprocess.DEVNULL, stderr=errors)
+        hosts = suite.dir / "hosts"
+        hosts.touch()
+        with self.errors.open("w") as errors, hosts.open() as stdin:
+            self.process = subprocess.Popen(command, env=suite.env, stdin=stdin, stdout=subprocess.DEVNULL, stderr=errors)
         self.pid = self.process.pid
 
     def listens(self):
@@ -137,7 +138,7 @@ class E2eExporter:
 
     def HostsFileSaysWhatMayBeAsked(self, suite, serve):
         suite.write("hosts", f"{suite.here} rack=7 room=b\nDB1:99 # far\n")
-        exporter = serve(f"--hosts {suite.path('hosts')}", address="")
+        exporter = serve("--hosts -", address="")
         assert exporter.get("/targets") == (
             f'[{{"targets":["{suite.here}"],"labels":{{"rack":"7","room":"b"}}}},'
             '{"targets":["db1:99"],"labels":{}}]\n200')
