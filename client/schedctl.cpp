@@ -1,4 +1,5 @@
-// schedctl: the operator's client of the scheduler. With another serve_metrics() it is schedctl-exporter.
+// schedctl: the operator's client of the scheduler. schedctl-exporter has this main program too, with its own
+// serve_metrics().
 #include "monitor/monitor.h"
 #include "options/options.h"
 #include "protocol/answer.h"

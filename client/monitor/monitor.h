@@ -13,7 +13,7 @@ int run_check(const settings& chosen);
 // Throws std::runtime_error when the file cannot be written.
 int run_metrics(const settings& chosen);
 
-// `metrics --listen`, with the arguments of this program: an exporter for schedulers on hosts without their own collector. Serves
-// "/metrics?target=HOST[:PORT]" until SIGINT or SIGTERM and then returns 0. Throws std::runtime_error when it cannot
-// listen.
+// `metrics --listen`, an exporter for schedulers on hosts without their own collector: serves
+// "/metrics?target=HOST[:PORT]" until SIGINT or SIGTERM and then returns 0. The one of schedctl replaces the program by
+// schedctl-exporter, with these arguments. Throws std::runtime_error when it cannot.
 int serve_metrics(const settings& chosen, char** arguments);

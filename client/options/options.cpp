@@ -137,7 +137,7 @@ void read_environment(const CLI::App& app, settings& chosen) {
     try {
         if (!has_file) {
             chosen.hosts = parse_hosts(usual != nullptr ? usual : chosen.host_list, chosen.port);
-        } else if (!chosen.is_exporter()) {  // which reads it: standard input can be read only once
+        } else if (!chosen.is_exporter()) {  // the exporter reads it itself: standard input can be read only once
             chosen.hosts = read_hosts(chosen.hosts_file, chosen.port);
         }
     } catch (const std::runtime_error& problem) {

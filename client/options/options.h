@@ -17,7 +17,7 @@ struct settings {
     std::vector<std::string> words;       // the command; empty: a session
     std::string host_list = "127.0.0.1";  // the value of -H, not yet parsed
     std::string hosts_file;               // "-": standard input
-    std::vector<host_name> hosts;         // at least one; none for an exporter with a file
+    std::vector<host_name> hosts;         // at least one; none with --listen and --hosts
     bool several = false;                 // several hosts, or a file of hosts: output names the host
     bool list = false;                    // --list was given, with any command
     std::uint16_t port = 0;               // for hosts without one

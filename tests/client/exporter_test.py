@@ -32,7 +32,8 @@ class Exporter:
         hosts = suite.dir / "hosts"
         hosts.touch()
         with self.errors.open("w") as errors, hosts.open() as stdin:
-            self.process = subprocess.Popen(command, env=suite.env, stdin=stdin, stdout=subprocess.DEVNULL, stderr=errors)
+            self.process = subprocess.Popen(command, env=suite.env, stdin=stdin, stdout=subprocess.DEVNULL,
+                                            stderr=errors)
         self.pid = self.process.pid
 
     def listens(self):

@@ -23,7 +23,7 @@ class Options:
             assert said.startswith("schedctl: " + (wrong.partition("=")[0] if "S " in wrong else "")), wrong
             assert said.endswith("\ncode 200\n"), wrong
         with socket.create_server(("127.0.0.1", 0)) as taken:
-            for wrong in ("--json", "-H a,b metrics", "metrics --listen 127.0.0.1:0",
+            for wrong in ("--json", "-H a,b metrics", "metrics --listen 127.0.0.1:0", "--hosts none metrics --listen 1",
                           f"metrics --listen 127.0.0.1:{taken.getsockname()[1]}"):
                 assert suite.ctl(wrong).endswith("\ncode 200\n"), wrong
         in_order(suite.ctl("--help"), "WORD... | COMMAND", "=127.0.0.1 ", "=64\n", "=9980\n", "=0\n",

@@ -129,7 +129,7 @@ class Trial:
                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT, **self.user_options(user)).stdout
 
     def clients(self):
-        return [pid for pid, name in descendants().items() if name == "schedctl"]
+        return [pid for pid, name in descendants().items() if name.startswith("schedctl")]
 
     def disturb_disk(self):
         state = self.states[self.uses[0].user]

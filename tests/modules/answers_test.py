@@ -105,8 +105,9 @@ class Machine:
         path.chmod(0o755)
 
     def answer(self, name, text, code=0):
-        """What a tool prints from now on, and its exit status: a file for the shell, which starts no further program."""
-        (self.dir / "now" / name).write_text(f"printf %s {shlex.quote(text)}\nexit {code}\n")
+        """What a tool prints from now on, and its exit status: a script, because its shell need not start a program."""
+        quoted = shlex.quote(text.replace("\\", "\\\\").replace("\0", "\\0000"))  # a script has no NUL
+        (self.dir / "now" / name).write_text(f"printf %b {quoted}\nexit {code}\n")
 
     def run(self, program, *words):
         if program in started:
@@ -201,7 +202,7 @@ def oddities(value, path=()):
 
 
 def try_odd_disks(names):
-    """Good answers in which a branch, or a few values, have another type than they should: nothing is found."""
+    """Good answers in which a branch, or four values, have another type than they should: nothing is found."""
     with tempfile.TemporaryDirectory() as directory:
         machine = Machine(directory)
         smart = machine.dir / "run/smart"
@@ -210,7 +211,7 @@ def try_odd_disks(names):
             answer = json.loads(recorded("smartctl", name, 1).read_text())
             places = [(functools.reduce(operator.getitem, path[:-1], answer), path[-1]) for path in oddities(answer)]
             values = [place for place in places if not isinstance(place[0][place[1]], (dict, list))]
-            step = len(values) // 4
+            step = max(1, len(values) // 4)
             for number, group in enumerate([values[i::step] for i in range(step)] +
                                            [[place] for place in places if place not in values]):
                 good = [branch[key] for branch, key in group]
