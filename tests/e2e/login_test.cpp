@@ -77,7 +77,9 @@ TEST(E2eLogin, RemoteClientRunsNothingBeforeTheRightResponseToItsOwnNonce) {
     }
     EXPECT_EQ(suite.calls(), "");
     EXPECT_EQ(client.ask({"login\t" + right + ends, "parts\tstatus"}), over + over);
-    suite.expect_trace({"calculated response = \"" + right + "\"\n", "succeed authentication.\n"});
+    suite.expect_trace({"login:cnonce  -\n", "login:response " + right + "\n", "login:nonce  " + nonce + "\n",
+                        "login:cnonce  " + cnonce + "\n", "calculated response = \"" + right + "\"\n",
+                        "succeed authentication.\n"});
 }
 
 }  // namespace e2e
