@@ -354,7 +354,8 @@ class E2eClientTerminal:
             if given == "secret\n":
                 view.until("Messages: ")
                 view.press("q")
-            assert view.ended()[0] == (0 if given == "secret\n" else 204)
+            code, rest = view.ended()
+            assert code == (0 if given == "secret\n" else 204), rest
 
         before = suite.read("data/password")
         owner = 12345 if os.geteuid() == 0 else os.geteuid()
